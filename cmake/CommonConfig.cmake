@@ -1,0 +1,38 @@
+# Project-wide compile settings, carried by one INTERFACE target that every
+# other target links.
+add_library(quillvane_flags INTERFACE)
+
+target_compile_features(quillvane_flags INTERFACE cxx_std_20)
+set(CMAKE_CXX_EXTENSIONS OFF)
+
+target_compile_definitions(quillvane_flags INTERFACE
+    QT_NO_CAST_FROM_ASCII
+    QT_NO_CAST_TO_ASCII
+    QT_USE_QSTRINGBUILDER
+    QT_NO_CONTEXTLESS_CONNECT
+    QT_NO_KEYWORDS
+    QT_DISABLE_DEPRECATED_UP_TO=0x060400)
+
+target_compile_options(quillvane_flags INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wcast-align
+    -Woverloaded-virtual -Wformat=2 -Wimplicit-fallthrough)
+
+if(QUILLVANE_WERROR)
+    target_compile_options(quillvane_flags INTERFACE -Werror)
+endif()
+
+# Commit of the source tree, fixed at configure time for the build line.
+find_package(Git QUIET)
+set(QUILLVANE_COMMIT "unknown")
+if(GIT_FOUND AND EXISTS "${CMAKE_SOURCE_DIR}/.git")
+    execute_process(
+        COMMAND "${GIT_EXECUTABLE}" rev-parse --short=7 HEAD
+        WORKING_DIRECTORY "${CMAKE_SOURCE_DIR}"
+        OUTPUT_VARIABLE _qv_commit
+        OUTPUT_STRIP_TRAILING_WHITESPACE
+        ERROR_QUIET
+        RESULT_VARIABLE _qv_git_result)
+    if(_qv_git_result EQUAL 0 AND _qv_commit)
+        set(QUILLVANE_COMMIT "${_qv_commit}")
+    endif()
+endif()

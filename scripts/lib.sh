@@ -1,0 +1,40 @@
+# Shared by the scripts: the Debian packages Quillvane needs, and how to get them.
+# shellcheck shell=bash
+
+# To build and run.
+BUILD_PACKAGES=(
+    g++ cmake ninja-build pkg-config git
+    qt6-base-dev libglib2.0-dev libsystemd-dev
+)
+# To run the whole test suite and the benchmarks.
+TEST_PACKAGES=(
+    libbenchmark-dev dbus xvfb xauth
+)
+
+# Installs the named packages that are not installed yet, through sudo when not root.
+ensure_packages() {
+    local missing=() package
+    for package in "$@"; do
+        if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then
+            missing+=("$package")
+        fi
+    done
+    [ "${#missing[@]}" -eq 0 ] && return 0
+
+    local sudo=()
+    if [ "$(id -u)" -ne 0 ]; then
+        if ! command -v sudo >/dev/null 2>&1; then
+            echo "Quillvane needs these Debian packages: ${missing[*]}" >&2
+            echo "Install them as root (apt-get install ${missing[*]}) and run this again." >&2
+            exit 1
+        fi
+        sudo=(sudo)
+    fi
+    echo "Installing: ${missing[*]}"
+    "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq
+    "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" </dev/null
+}
+
+build_jobs() {
+    nproc 2>/dev/null || echo 2
+}

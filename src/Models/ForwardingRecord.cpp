@@ -1,0 +1,62 @@
+#include "Models/ForwardingRecord.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+constexpr QLatin1StringView KeyId("id");
+constexpr QLatin1StringView KeyTimestamp("timestamp");
+constexpr QLatin1StringView KeyOriginalURL("originalURL");
+constexpr QLatin1StringView KeySourceAppBundleID("sourceAppBundleID");
+constexpr QLatin1StringView KeySourceAppName("sourceAppName");
+constexpr QLatin1StringView KeyTargetBrowserBundleID("targetBrowserBundleID");
+constexpr QLatin1StringView KeyTargetBrowserName("targetBrowserName");
+constexpr QLatin1StringView KeyRuleMatched("ruleMatched");
+} // namespace
+
+QJsonObject ForwardingRecord::toJson() const
+{
+    QJsonObject object{
+        {KeyId, JsonFields::uuidText(id)},
+        {KeyTimestamp, JsonFields::referenceSeconds(timestamp)},
+        {KeyOriginalURL, originalURL},
+        {KeyTargetBrowserBundleID, targetBrowserBundleID},
+        {KeyTargetBrowserName, targetBrowserName},
+    };
+    JsonFields::insertOptional(object, KeySourceAppBundleID, sourceAppBundleID);
+    JsonFields::insertOptional(object, KeySourceAppName, sourceAppName);
+    JsonFields::insertOptional(object, KeyRuleMatched, ruleMatched);
+    return object;
+}
+
+Expected<ForwardingRecord, DecodeError> ForwardingRecord::fromJson(const QJsonValue &value, qsizetype index)
+{
+    JsonFields::ObjectReader reader(value, u"History record %1"_s.arg(index + 1));
+    ForwardingRecord record;
+    record.id = reader.requiredUuid(KeyId);
+    record.timestamp = reader.requiredDate(KeyTimestamp);
+    record.originalURL = reader.requiredString(KeyOriginalURL);
+    record.sourceAppBundleID = reader.optionalString(KeySourceAppBundleID);
+    record.sourceAppName = reader.optionalString(KeySourceAppName);
+    record.targetBrowserBundleID = reader.requiredString(KeyTargetBrowserBundleID);
+    record.targetBrowserName = reader.requiredString(KeyTargetBrowserName);
+    record.ruleMatched = reader.optionalString(KeyRuleMatched);
+    if (reader.hasError())
+        return reader.error();
+    return record;
+}
+
+QByteArray ForwardingRecord::listToJson(const QList<ForwardingRecord> &records)
+{
+    QJsonArray array;
+    for (const ForwardingRecord &record : records)
+        array.append(record.toJson());
+    return QJsonDocument(array).toJson(QJsonDocument::Compact);
+}
+
+Expected<QList<ForwardingRecord>, DecodeError> ForwardingRecord::listFromJson(QByteArrayView utf8)
+{
+    return JsonFields::decodeArray<ForwardingRecord>(utf8, &ForwardingRecord::fromJson);
+}

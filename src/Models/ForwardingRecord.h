@@ -1,0 +1,31 @@
+#pragma once
+
+#include "Models/Expected.h"
+#include "Models/JsonFields.h"
+
+#include <QDateTime>
+#include <QList>
+#include <QString>
+#include <QUuid>
+
+#include <optional>
+
+// One link that Quillvane opened: when, what, from where, to which browser and
+// under which rule.
+struct ForwardingRecord
+{
+    QUuid id;
+    QDateTime timestamp;
+    QString originalURL;
+    std::optional<QString> sourceAppBundleID;
+    std::optional<QString> sourceAppName;
+    QString targetBrowserBundleID;
+    QString targetBrowserName;
+    std::optional<QString> ruleMatched;
+
+    QJsonObject toJson() const;
+    static Expected<ForwardingRecord, DecodeError> fromJson(const QJsonValue &value, qsizetype index = 0);
+
+    static QByteArray listToJson(const QList<ForwardingRecord> &records);
+    static Expected<QList<ForwardingRecord>, DecodeError> listFromJson(QByteArrayView utf8);
+};

@@ -1,0 +1,76 @@
+#pragma once
+
+#include "Models/Expected.h"
+
+#include <QDateTime>
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QString>
+#include <QUuid>
+
+#include <optional>
+
+// Why a stored or imported JSON document could not be read.
+struct DecodeError
+{
+    QString description;
+};
+
+// The JSON conventions shared by rules, history and the configuration document:
+// upper-case UUIDs, dates as seconds since 2001-01-01 00:00:00 UTC, optional members
+// omitted when absent and read as absent when missing or null.
+namespace JsonFields {
+
+QString uuidText(const QUuid &uuid);
+// Only the 36-character 8-4-4-4-12 form, in either case.
+std::optional<QUuid> parseUuid(QStringView text);
+
+double referenceSeconds(const QDateTime &instant);
+std::optional<QDateTime> fromReferenceSeconds(double seconds);
+
+Expected<QJsonArray, DecodeError> parseArray(QByteArrayView utf8);
+
+void insertOptional(QJsonObject &object, QLatin1StringView key, const std::optional<QString> &value);
+
+// Reads the members of one JSON object; the first problem is kept and fails the
+// whole document.
+class ObjectReader final
+{
+public:
+    ObjectReader(const QJsonValue &value, QString context);
+
+    QString requiredString(QLatin1StringView key);
+    std::optional<QString> optionalString(QLatin1StringView key);
+    QUuid requiredUuid(QLatin1StringView key);
+    QDateTime requiredDate(QLatin1StringView key);
+
+    bool hasError() const { return m_error.has_value(); }
+    DecodeError error() const { return *m_error; }
+
+private:
+    void fail(QString description);
+
+    QJsonObject m_object;
+    QString m_context;
+    std::optional<DecodeError> m_error;
+};
+
+// Decodes every element of an array with decodeOne; the first failure fails all.
+template<typename T, typename DecodeOne>
+Expected<QList<T>, DecodeError> decodeArray(QByteArrayView utf8, DecodeOne decodeOne)
+{
+    auto array = parseArray(utf8);
+    if (!array)
+        return array.error();
+    QList<T> result;
+    result.reserve(array->size());
+    for (qsizetype i = 0; i < array->size(); ++i) {
+        Expected<T, DecodeError> item = decodeOne(array->at(i), i);
+        if (!item)
+            return item.error();
+        result.append(std::move(item).value());
+    }
+    return result;
+}
+
+} // namespace JsonFields

@@ -1,0 +1,74 @@
+#include "Models/RoutingRule.h"
+
+#include <QHash>
+#include <QJsonDocument>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+constexpr QLatin1StringView KeyId("id");
+constexpr QLatin1StringView KeySourceAppBundleID("sourceAppBundleID");
+constexpr QLatin1StringView KeySourceAppName("sourceAppName");
+constexpr QLatin1StringView KeyTargetBrowserBundleID("targetBrowserBundleID");
+constexpr QLatin1StringView KeyTargetBrowserName("targetBrowserName");
+constexpr QLatin1StringView KeyUrlPattern("urlPattern");
+constexpr QLatin1StringView KeyTargetProfileID("targetProfileID");
+} // namespace
+
+RoutingRule::Kind RoutingRule::kind() const
+{
+    if (!sourceAppBundleID.isEmpty())
+        return urlPattern ? Kind::Combined : Kind::SourceOnly;
+    return urlPattern ? Kind::UrlOnly : Kind::Inert;
+}
+
+QJsonObject RoutingRule::toJson() const
+{
+    QJsonObject object{
+        {KeyId, JsonFields::uuidText(id)},
+        {KeySourceAppBundleID, sourceAppBundleID},
+        {KeySourceAppName, sourceAppName},
+        {KeyTargetBrowserBundleID, targetBrowserBundleID},
+        {KeyTargetBrowserName, targetBrowserName},
+    };
+    JsonFields::insertOptional(object, KeyUrlPattern, urlPattern);
+    JsonFields::insertOptional(object, KeyTargetProfileID, targetProfileID);
+    return object;
+}
+
+Expected<RoutingRule, DecodeError> RoutingRule::fromJson(const QJsonValue &value, qsizetype index)
+{
+    JsonFields::ObjectReader reader(value, u"Rule %1"_s.arg(index + 1));
+    RoutingRule rule;
+    rule.id = reader.requiredUuid(KeyId);
+    rule.sourceAppBundleID = reader.requiredString(KeySourceAppBundleID);
+    rule.sourceAppName = reader.requiredString(KeySourceAppName);
+    rule.targetBrowserBundleID = reader.requiredString(KeyTargetBrowserBundleID);
+    rule.targetBrowserName = reader.requiredString(KeyTargetBrowserName);
+    rule.urlPattern = reader.optionalString(KeyUrlPattern);
+    rule.targetProfileID = reader.optionalString(KeyTargetProfileID);
+    if (reader.hasError())
+        return reader.error();
+    return rule;
+}
+
+QByteArray RoutingRule::listToJson(const QList<RoutingRule> &rules)
+{
+    QJsonArray array;
+    for (const RoutingRule &rule : rules)
+        array.append(rule.toJson());
+    return QJsonDocument(array).toJson(QJsonDocument::Compact);
+}
+
+Expected<QList<RoutingRule>, DecodeError> RoutingRule::listFromJson(QByteArrayView utf8)
+{
+    return JsonFields::decodeArray<RoutingRule>(utf8, &RoutingRule::fromJson);
+}
+
+size_t qHash(const RoutingRule &rule, size_t seed)
+{
+    return qHashMulti(seed, rule.id, rule.sourceAppBundleID, rule.sourceAppName,
+                      rule.targetBrowserBundleID, rule.targetBrowserName,
+                      rule.urlPattern.value_or(QString()), rule.urlPattern.has_value(),
+                      rule.targetProfileID.value_or(QString()), rule.targetProfileID.has_value());
+}

@@ -1,0 +1,57 @@
+#pragma once
+
+#include "Models/Expected.h"
+#include "Models/JsonFields.h"
+
+#include <QJsonObject>
+#include <QList>
+#include <QString>
+#include <QUuid>
+
+#include <optional>
+
+// One routing rule as the user edits it. Its kind follows from which of the
+// source application and the pattern are set.
+struct RoutingRule
+{
+    enum class Kind { SourceOnly, Combined, UrlOnly, Inert };
+
+    QUuid id;
+    QString sourceAppBundleID;
+    QString sourceAppName;
+    QString targetBrowserBundleID;
+    QString targetBrowserName;
+    std::optional<QString> urlPattern;
+    std::optional<QString> targetProfileID;
+
+    Kind kind() const;
+
+    QJsonObject toJson() const;
+    static Expected<RoutingRule, DecodeError> fromJson(const QJsonValue &value, qsizetype index = 0);
+
+    // The stored form: a compact UTF-8 JSON array.
+    static QByteArray listToJson(const QList<RoutingRule> &rules);
+    static Expected<QList<RoutingRule>, DecodeError> listFromJson(QByteArrayView utf8);
+
+    friend bool operator==(const RoutingRule &, const RoutingRule &) = default;
+};
+
+size_t qHash(const RoutingRule &rule, size_t seed = 0);
+
+// The application that asked to open a link.
+struct SourceApp
+{
+    QString bundleID;
+    QString name;
+
+    friend bool operator==(const SourceApp &, const SourceApp &) = default;
+};
+
+// A routing decision: the browser to open, and the profile when a rule names one.
+struct RouteResult
+{
+    QString browserBundleID;
+    std::optional<QString> profileID;
+
+    friend bool operator==(const RouteResult &, const RouteResult &) = default;
+};

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <QLoggingCategory>
+#include <QString>
+
+// Declares the system-log category of one component, named
+// "work.vorpa.Quillvane.<Component>". Debug lines are off unless enabled with
+// QT_LOGGING_RULES="work.vorpa.Quillvane.*.debug=true".
+#define QUILLVANE_LOGGING_CATEGORY(name, component)                                                \
+    Q_LOGGING_CATEGORY(name, "work.vorpa.Quillvane." component, QtInfoMsg)
+
+namespace SystemLog {
+
+// A value that may identify the user (a link, an application name) is written
+// as "<private>" unless QUILLVANE_LOG_PRIVATE=1 is set.
+QString priv(const QString &value);
+void setShowPrivate(bool show);
+
+// Sends every Qt log record to the systemd journal when stderr is connected to
+// it, and to stderr otherwise.
+void install();
+
+// True when stderr is the journal's stream (JOURNAL_STREAM names its device and inode).
+bool stderrIsJournal();
+
+// The line written to stderr for one record.
+QString formatForStderr(QtMsgType type, const char *category, const QString &message);
+
+} // namespace SystemLog

@@ -1,0 +1,189 @@
+#include "Services/URLExpander.h"
+
+#include "Platform/SystemLog.h"
+
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QPointer>
+#include <QPromise>
+#include <QStringDecoder>
+#include <QTimer>
+
+using namespace Qt::Literals::StringLiterals;
+
+QUILLVANE_LOGGING_CATEGORY(lcUrlExpander, "URLExpander")
+
+namespace URLExpander {
+
+namespace {
+
+// One expansion: owns its own network client for exactly as long as it runs, so
+// no cookie, cache entry or connection outlives it.
+class Expansion final : public QObject
+{
+public:
+    explicit Expansion(const Link &url)
+        : m_original(url)
+        , m_current(url)
+    {
+        m_promise.start();
+    }
+
+    ~Expansion() override
+    {
+        if (m_reply)
+            m_reply->abort();
+    }
+
+    QFuture<Link> future() { return m_promise.future(); }
+
+    void start()
+    {
+        qCInfo(lcUrlExpander).noquote() << u"Expanding URL: %1"_s.arg(m_original.toString());
+        m_network = new QNetworkAccessManager(this);
+        m_network->setCookieJar(nullptr);
+        m_timer.setSingleShot(true);
+        m_timer.setInterval(RequestTimeoutMs);
+        connect(&m_timer, &QTimer::timeout, this, [this] {
+            m_timedOut = true;
+            if (m_reply)
+                m_reply->abort();
+        });
+        sendRequest();
+    }
+
+private:
+    void sendRequest()
+    {
+        QNetworkRequest request(QUrl(m_current.toString(), QUrl::StrictMode));
+        request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
+        request.setAttribute(QNetworkRequest::CookieLoadControlAttribute, QNetworkRequest::Manual);
+        request.setAttribute(QNetworkRequest::CookieSaveControlAttribute, QNetworkRequest::Manual);
+        request.setAttribute(QNetworkRequest::CacheSaveControlAttribute, false);
+        request.setAttribute(QNetworkRequest::CacheLoadControlAttribute, QNetworkRequest::AlwaysNetwork);
+        request.setTransferTimeout(RequestTimeoutMs);
+        if (!request.url().isValid()) {
+            qCCritical(lcUrlExpander).noquote() << u"Expansion failed at step %1: %2"_s.arg(
+                QString::number(m_step), u"The link cannot be requested."_s);
+            finish();
+            return;
+        }
+        m_timedOut = false;
+        m_reply = m_network->head(request);
+        connect(m_reply, &QNetworkReply::finished, this, &Expansion::onFinished);
+        m_timer.start();
+    }
+
+    void onFinished()
+    {
+        m_timer.stop();
+        QNetworkReply *reply = m_reply;
+        m_reply = nullptr;
+        reply->deleteLater();
+
+        const QVariant statusAttribute = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
+        if (!statusAttribute.isValid()) {
+            if (m_timedOut || reply->error() != QNetworkReply::NoError) {
+                const QString description = m_timedOut ? u"The request timed out."_s : reply->errorString();
+                qCCritical(lcUrlExpander).noquote()
+                    << u"Expansion failed at step %1: %2"_s.arg(QString::number(m_step), description);
+            } else {
+                qCDebug(lcUrlExpander).noquote()
+                    << u"Non-HTTP response at step %1; stopping expansion"_s.arg(m_step);
+            }
+            finish();
+            return;
+        }
+
+        const int status = statusAttribute.toInt();
+        const std::optional<Link> next = status >= 300 && status <= 399 ? redirectTarget(*reply) : std::nullopt;
+        if (!next) {
+            qCDebug(lcUrlExpander).noquote()
+                << u"Status %1 at step %2; final URL reached"_s.arg(QString::number(status), QString::number(m_step));
+            finish();
+            return;
+        }
+        if (!next->isWebLink()) {
+            qCInfo(lcUrlExpander).noquote() << u"Redirect to a link that is not http or https at step %1; final URL reached"_s.arg(m_step);
+            finish();
+            return;
+        }
+
+        qCDebug(lcUrlExpander).noquote() << u"Step %1: %2 → %3"_s.arg(QString::number(m_step), QString::number(status),
+                                                                        next->toString());
+        m_current = *next;
+        if (m_step == MaxRequests - 1) {
+            finish();
+            return;
+        }
+        ++m_step;
+        sendRequest();
+    }
+
+    // The first Location header, resolved against the link that was asked.
+    std::optional<Link> redirectTarget(const QNetworkReply &reply) const
+    {
+        for (const auto &[name, value] : reply.rawHeaderPairs()) {
+            if (name.compare("location", Qt::CaseInsensitive) != 0)
+                continue;
+            QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+            const QString location = decoder.decode(value);
+            if (decoder.hasError() || location.trimmed().isEmpty())
+                return std::nullopt;
+            auto resolved = m_current.resolved(location);
+            if (!resolved)
+                return std::nullopt;
+            return std::move(resolved).value();
+        }
+        return std::nullopt;
+    }
+
+    void finish()
+    {
+        if (m_current == m_original) {
+            qCDebug(lcUrlExpander).noquote() << u"URL unchanged after expansion attempt: %1"_s.arg(m_original.toString());
+        } else {
+            qCInfo(lcUrlExpander).noquote()
+                << u"Expanded: %1 → %2"_s.arg(m_original.toString(), m_current.toString());
+        }
+        m_promise.addResult(m_current);
+        m_promise.finish();
+        deleteLater();
+    }
+
+    Link m_original;
+    Link m_current;
+    int m_step = 0;
+    bool m_timedOut = false;
+    QPromise<Link> m_promise;
+    QNetworkAccessManager *m_network = nullptr;
+    QPointer<QNetworkReply> m_reply;
+    QTimer m_timer;
+};
+
+} // namespace
+
+const QSet<QString> &shortDomains()
+{
+    static const QSet<QString> domains{
+        u"bit.ly"_s,  u"t.co"_s,    u"tinyurl.com"_s, u"goo.gl"_s, u"ow.ly"_s,       u"is.gd"_s,  u"buff.ly"_s,
+        u"rebrand.ly"_s, u"cutt.ly"_s, u"shorturl.at"_s, u"tiny.cc"_s, u"rb.gy"_s, u"lnkd.in"_s,
+    };
+    return domains;
+}
+
+bool isShortLink(const Link &url)
+{
+    return url.hasHost() && shortDomains().contains(url.host().toLower());
+}
+
+QFuture<Link> expand(const Link &url)
+{
+    auto *expansion = new Expansion(url);
+    QFuture<Link> future = expansion->future();
+    expansion->start();
+    return future;
+}
+
+} // namespace URLExpander

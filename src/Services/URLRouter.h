@@ -1,0 +1,36 @@
+#pragma once
+
+#include "Models/Link.h"
+#include "Models/RoutingRule.h"
+
+#include <QList>
+#include <QString>
+
+#include <optional>
+
+// The rule engine: which browser, and which profile, opens a link. Pure
+// functions; each decision leaves its trail in the diagnostic log.
+namespace URLRouter {
+
+// How a decision was reached, for those who explain it to the user.
+struct Decision
+{
+    enum class Kind { Combined, SourceOnly, UrlOnly, Fallback, NoRoute };
+
+    Kind kind = Kind::NoRoute;
+    std::optional<RouteResult> result;
+    // Position of the deciding rule in the list, or -1 for the fallback and no route.
+    qsizetype ruleIndex = -1;
+};
+
+Decision decide(const Link &url, const std::optional<SourceApp> &source, const QList<RoutingRule> &rules,
+                const QString &defaultBrowserBundleID);
+
+std::optional<RouteResult> route(const Link &url, const std::optional<SourceApp> &source,
+                                 const QList<RoutingRule> &rules, const QString &defaultBrowserBundleID);
+
+bool matchesPattern(const Link &url, QStringView pattern);
+
+int domainSpecificity(QStringView pattern);
+
+} // namespace URLRouter

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <QSettings>
+#include <QString>
+
+// Every key Quillvane keeps in its settings file, declared once with its default.
+namespace SettingsKeys {
+
+template<typename T>
+struct Key
+{
+    QStringView name;
+    T defaultValue;
+};
+
+// A data value (UTF-8 JSON); absent when nothing is stored.
+struct DataKey
+{
+    QStringView name;
+};
+
+// Rules and switches (the rule store and the application state).
+inline constexpr DataKey RoutingRules{u"routing_rules"};
+inline constexpr Key<bool> RulesEnabled{u"rules_enabled", true};
+inline constexpr Key<QStringView> DefaultBrowserBundleID{u"default_browser_bundle_id", u""};
+inline constexpr Key<qint64> TodayForwardCount{u"today_forward_count", 0};
+inline constexpr Key<QStringView> TodayDate{u"today_date", u""};
+inline constexpr Key<bool> UrlCleaningEnabled{u"url_cleaning_enabled", true};
+inline constexpr Key<bool> UrlExpansionEnabled{u"url_expansion_enabled", false};
+// The forwarding history, written only by the history store.
+inline constexpr DataKey ForwardingHistory{u"forwarding_history"};
+
+// Values are read with the usual conversions (true/yes/1 and non-zero numbers are
+// true); a value that cannot be converted reads as the key's default.
+bool read(const QSettings &settings, const Key<bool> &key);
+qint64 read(const QSettings &settings, const Key<qint64> &key);
+QString read(const QSettings &settings, const Key<QStringView> &key);
+// Data values; nullopt when the key is absent.
+std::optional<QByteArray> read(const QSettings &settings, const DataKey &key);
+
+template<typename K>
+bool contains(const QSettings &settings, const K &key)
+{
+    return settings.contains(key.name);
+}
+
+} // namespace SettingsKeys

@@ -1,0 +1,40 @@
+#include "Storage/UserSettings.h"
+
+#include "Platform/SystemLog.h"
+
+#include <QStandardPaths>
+
+using namespace Qt::Literals::StringLiterals;
+
+QUILLVANE_LOGGING_CATEGORY(lcSettings, "Settings")
+
+namespace UserSettings {
+
+QString filePath()
+{
+    return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation)
+        + u"/Quillvane/Quillvane.conf";
+}
+
+std::unique_ptr<QSettings> open()
+{
+    return std::make_unique<QSettings>(filePath(), QSettings::IniFormat);
+}
+
+bool commit(QSettings &settings)
+{
+    settings.sync();
+    switch (settings.status()) {
+    case QSettings::NoError:
+        return true;
+    case QSettings::AccessError:
+        qCCritical(lcSettings).noquote() << u"Could not write the settings file %1: it is not writable or the disk is full. Changes are kept in memory and written at the next change."_s.arg(settings.fileName());
+        return false;
+    case QSettings::FormatError:
+        qCCritical(lcSettings).noquote() << u"The settings file %1 is damaged; it will be rewritten at the next change."_s.arg(settings.fileName());
+        return false;
+    }
+    return false;
+}
+
+} // namespace UserSettings

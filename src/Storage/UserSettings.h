@@ -1,0 +1,19 @@
+#pragma once
+
+#include <QSettings>
+#include <QString>
+
+#include <memory>
+
+// The per-user settings file, $XDG_CONFIG_HOME/Quillvane/Quillvane.conf (INI).
+namespace UserSettings {
+
+QString filePath();
+std::unique_ptr<QSettings> open();
+
+// Writes pending changes to disk now, so a crash right after loses nothing;
+// a failure (read-only or full disk) is logged, and the values stay in memory
+// for the next attempt.
+bool commit(QSettings &settings);
+
+} // namespace UserSettings

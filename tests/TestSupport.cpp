@@ -1,0 +1,118 @@
+#include "TestSupport.h"
+
+#include <QTcpSocket>
+#include <QTest>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+const QByteArrayList EnvironmentNames{"XDG_CONFIG_HOME", "XDG_RUNTIME_DIR", "XDG_DATA_HOME", "HOME"};
+}
+
+TestEnvironment::TestEnvironment()
+{
+    for (const QByteArray &name : EnvironmentNames) {
+        if (qEnvironmentVariableIsSet(name.constData()))
+            m_saved.insert(name, qgetenv(name.constData()));
+    }
+    const QByteArray base = QFile::encodeName(m_dir.path());
+    qputenv("XDG_CONFIG_HOME", base + "/config");
+    qputenv("XDG_RUNTIME_DIR", base + "/run");
+    qputenv("XDG_DATA_HOME", base + "/data");
+    QDir(m_dir.path()).mkpath(u"run"_s);
+    QFile::setPermissions(m_dir.path() + u"/run"_s, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+}
+
+TestEnvironment::~TestEnvironment()
+{
+    for (const QByteArray &name : EnvironmentNames) {
+        if (m_saved.contains(name))
+            qputenv(name.constData(), m_saved.value(name));
+        else
+            qunsetenv(name.constData());
+    }
+}
+
+QString TestEnvironment::settingsPath() const
+{
+    return m_dir.path() + u"/config/Quillvane/Quillvane.conf"_s;
+}
+
+std::unique_ptr<QSettings> TestEnvironment::settings() const
+{
+    return std::make_unique<QSettings>(settingsPath(), QSettings::IniFormat);
+}
+
+QString TestEnvironment::diagnosticLogPath() const
+{
+    return m_dir.path() + u"/run/Quillvane.log"_s;
+}
+
+Link link(QStringView text)
+{
+    auto parsed = Link::parse(text);
+    if (!parsed)
+        qFatal("test link \"%s\" does not parse: %s", qPrintable(text.toString()),
+               qPrintable(parsed.error().description));
+    return *parsed;
+}
+
+TestHttpServer::TestHttpServer()
+{
+    connect(&m_server, &QTcpServer::newConnection, this, &TestHttpServer::onConnection);
+    if (!m_server.listen(QHostAddress::LocalHost))
+        qFatal("test HTTP server cannot listen");
+}
+
+QString TestHttpServer::baseUrl() const
+{
+    return u"http://127.0.0.1:%1"_s.arg(m_server.serverPort());
+}
+
+void TestHttpServer::on(const QString &path, Response response)
+{
+    m_responses.insert(path, std::move(response));
+}
+
+void TestHttpServer::redirect(const QString &path, int status, const QByteArray &location)
+{
+    on(path, Response{status, {{"Location", location}}, false});
+}
+
+int TestHttpServer::totalRequests() const
+{
+    int total = 0;
+    for (const int count : m_counts)
+        total += count;
+    return total;
+}
+
+void TestHttpServer::onConnection()
+{
+    while (QTcpSocket *socket = m_server.nextPendingConnection()) {
+        auto buffer = std::make_shared<QByteArray>();
+        connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+        connect(socket, &QTcpSocket::readyRead, this, [this, socket, buffer] {
+            buffer->append(socket->readAll());
+            while (true) {
+                const qsizetype end = buffer->indexOf("\r\n\r\n");
+                if (end < 0)
+                    return;
+                const QByteArray head = buffer->left(end);
+                buffer->remove(0, end + 4);
+                const QList<QByteArray> requestLine = head.left(head.indexOf("\r\n")).split(' ');
+                const QString path = QString::fromUtf8(requestLine.value(1));
+                m_methods.append(requestLine.value(0));
+                m_counts[path] += 1;
+                const Response response = m_responses.value(path, Response{404, {}, false});
+                if (response.silent)
+                    return;
+                QByteArray reply = "HTTP/1.1 " + QByteArray::number(response.status) + " Status\r\n";
+                for (const auto &[name, value] : response.headers)
+                    reply += name + ": " + value + "\r\n";
+                reply += "Content-Length: 0\r\n\r\n";
+                socket->write(reply);
+            }
+        });
+    }
+}

@@ -1,0 +1,64 @@
+#pragma once
+
+#include "Models/Link.h"
+
+#include <QByteArray>
+#include <QHash>
+#include <QList>
+#include <QSettings>
+#include <QString>
+#include <QTcpServer>
+#include <QTemporaryDir>
+
+#include <memory>
+
+// Points every per-user location (settings, runtime directory) at a fresh
+// temporary directory for the life of the object.
+class TestEnvironment final
+{
+public:
+    TestEnvironment();
+    ~TestEnvironment();
+
+    QString path() const { return m_dir.path(); }
+    QString settingsPath() const;
+    std::unique_ptr<QSettings> settings() const;
+    QString diagnosticLogPath() const;
+
+private:
+    QTemporaryDir m_dir;
+    QHash<QByteArray, QByteArray> m_saved;
+};
+
+// Parses a link that the test knows to be valid.
+Link link(QStringView text);
+
+// A real HTTP/1.1 server on 127.0.0.1 that answers each path with a scripted
+// response, or not at all. It counts the requests it received per path.
+class TestHttpServer final : public QObject
+{
+public:
+    struct Response
+    {
+        int status = 200;
+        QList<std::pair<QByteArray, QByteArray>> headers;
+        bool silent = false; // accept the request and never answer
+    };
+
+    TestHttpServer();
+
+    QString baseUrl() const;
+    void on(const QString &path, Response response);
+    void redirect(const QString &path, int status, const QByteArray &location);
+    int requestCount(const QString &path) const { return m_counts.value(path); }
+    int totalRequests() const;
+    QList<QByteArray> methods() const { return m_methods; }
+
+private:
+    void onConnection();
+
+    QTcpServer m_server;
+    QHash<QString, Response> m_responses;
+    QHash<QString, int> m_counts;
+    QList<QByteArray> m_methods;
+};
