@@ -1,0 +1,237 @@
+#include "App/CommandLine.h"
+#include "App/ExplainCommand.h"
+#include "Storage/RuleStore.h"
+#include "TestSupport.h"
+
+#include <QProcess>
+#include <QPromise>
+#include <QTest>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+
+RoutingRule rule(const QString &source, std::optional<QString> pattern, const QString &target,
+                 std::optional<QString> profile = std::nullopt)
+{
+    return RoutingRule{QUuid::createUuid(), source, source, target, target, std::move(pattern), std::move(profile)};
+}
+
+struct Result
+{
+    int exitCode;
+    QString out;
+    QString err;
+};
+
+} // namespace
+
+class TestExplain final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+    void workedExamples_data();
+    void workedExamples();
+    void showsCleaningAndTrail();
+    void noRouteAndPaused();
+    void badInput_data();
+    void badInput();
+    void expandsOnlyShortLinksWhenAsked();
+    void endToEnd();
+
+private:
+    Result explain(const QStringList &arguments);
+
+    std::unique_ptr<TestEnvironment> m_environment;
+    std::unique_ptr<QSettings> m_settings;
+    QList<Link> m_expandCalls;
+};
+
+void TestExplain::init()
+{
+    m_environment = std::make_unique<TestEnvironment>();
+    m_settings = m_environment->settings();
+    RuleStore store(*m_settings);
+    store.saveRules({
+        rule(u"com.example.chat"_s, std::nullopt, u"com.google.Chrome"_s),
+        rule(u"com.example.chat"_s, u"*meet.example.org*"_s, u"com.apple.Safari"_s),
+        rule(QString(), u"example.com"_s, u"org.mozilla.firefox"_s),
+        rule(QString(), u"docs.example.com"_s, u"com.google.Chrome"_s, u"Profile 1"_s),
+        rule(QString(), u"*example.com/admin*"_s, u"com.apple.Safari"_s),
+        rule(QString(), u"example.com/api"_s, u"com.microsoft.edgemac"_s),
+    });
+    store.saveDefaultBrowserBundleID(u"com.apple.Safari"_s);
+    m_expandCalls.clear();
+}
+
+void TestExplain::cleanup()
+{
+    m_settings.reset();
+    m_environment.reset();
+}
+
+Result TestExplain::explain(const QStringList &arguments)
+{
+    QString out;
+    QString err;
+    QTextStream outStream(&out);
+    QTextStream errStream(&err);
+    const ExplainCommand::Environment environment{
+        *m_settings, outStream, errStream, [](const Link &url) { return url.host() == u"bit.ly"; },
+        [this](const Link &url) {
+            m_expandCalls.append(url);
+            QPromise<Link> promise;
+            promise.start();
+            promise.addResult(link(u"https://docs.example.com/from-short-link"_s));
+            promise.finish();
+            return promise.future();
+        }};
+    const int exitCode = ExplainCommand::run(arguments, environment);
+    return {exitCode, out, err};
+}
+
+void TestExplain::workedExamples_data()
+{
+    QTest::addColumn<QString>("url");
+    QTest::addColumn<QString>("from");
+    QTest::addColumn<QString>("browser");
+    QTest::addColumn<QString>("decidedBy");
+
+    QTest::newRow("combined") << u"https://meet.example.org/abc"_s << u"com.example.chat"_s << u"com.apple.Safari"_s << u"app rule for com.example.chat with pattern \"*meet.example.org*\", rule 2 of 6"_s;
+    QTest::newRow("source-only") << u"https://docs.example.com/x"_s << u"com.example.chat"_s << u"com.google.Chrome"_s << u"app rule for every link from com.example.chat, rule 1 of 6"_s;
+    QTest::newRow("URL rule with profile") << u"https://docs.example.com/guide"_s << u"com.example.mail"_s << u"com.google.Chrome"_s << u"URL rule with pattern \"docs.example.com\", rule 4 of 6"_s;
+    QTest::newRow("rank decides") << u"https://shop.example.com/admin/users"_s << u"com.example.mail"_s << u"org.mozilla.firefox"_s << u"URL rule with pattern \"example.com\", rule 3 of 6"_s;
+    QTest::newRow("substring") << u"https://api.test.org/example.com/api"_s << QString() << u"com.microsoft.edgemac"_s << u"URL rule with pattern \"example.com/api\", rule 6 of 6"_s;
+    QTest::newRow("case folded") << u"https://EXAMPLE.COM/"_s << QString() << u"org.mozilla.firefox"_s << u"URL rule with pattern \"example.com\", rule 3 of 6"_s;
+    QTest::newRow("fallback") << u"https://notexample.com/"_s << QString() << u"com.apple.Safari"_s << u"fallback (no rule matched)"_s;
+    QTest::newRow("host suffix") << u"https://example.com.test.org/"_s << QString() << u"com.apple.Safari"_s << u"fallback (no rule matched)"_s;
+    QTest::newRow("ids ignore case") << u"https://docs.example.com/"_s << u"COM.EXAMPLE.CHAT"_s << u"com.google.Chrome"_s << u"app rule for every link from com.example.chat, rule 1 of 6"_s;
+}
+
+void TestExplain::workedExamples()
+{
+    QFETCH(QString, url);
+    QFETCH(QString, from);
+    QFETCH(QString, browser);
+    QFETCH(QString, decidedBy);
+
+    QStringList arguments{url};
+    if (!from.isEmpty())
+        arguments << u"--from"_s << from;
+    const Result result = explain(arguments);
+    QCOMPARE(result.exitCode, 0);
+    QVERIFY2(result.out.contains(u"\nBrowser:    "_s + browser + u'\n'), qPrintable(result.out));
+    QVERIFY2(result.out.contains(u"\nDecided by: "_s + decidedBy), qPrintable(result.out));
+    QCOMPARE(result.out.contains(u"Profile:    Profile 1"_s), url.endsWith(u"/guide"_s));
+}
+
+void TestExplain::showsCleaningAndTrail()
+{
+    const Result result = explain({u"https://docs.example.com/guide?utm_source=x&id=1"_s, u"--from=com.example.mail"_s});
+    QCOMPARE(result.exitCode, 0);
+    const QStringList lines = result.out.split(u'\n');
+    QCOMPARE(lines.value(0), u"Link:       https://docs.example.com/guide?utm_source=x&id=1"_s);
+    QCOMPARE(lines.value(1), u"Cleaned:    https://docs.example.com/guide?id=1"_s);
+    QCOMPARE(lines.value(2), u"Source:     com.example.mail"_s);
+    QVERIFY(lines.contains(u"Router trail:"_s));
+    QVERIFY(lines.contains(u"  route() called — url=https://docs.example.com/guide?id=1, source=com.example.mail, rules=6, fallback=com.apple.Safari"_s));
+    QCOMPARE(lines.value(lines.size() - 2), u"  MATCHED url-only rule: pattern=docs.example.com → com.google.Chrome"_s);
+    // The trail went to the output, not to the user's diagnostic file.
+    QVERIFY(!QFile::exists(m_environment->diagnosticLogPath()));
+
+    m_settings->setValue(u"url_cleaning_enabled"_s, false);
+    const Result unclean = explain({u"https://docs.example.com/?utm_source=x"_s});
+    QVERIFY(unclean.out.contains(u"Cleaning:   off"_s));
+    QVERIFY(unclean.out.contains(u"url=https://docs.example.com/?utm_source=x,"_s));
+}
+
+void TestExplain::noRouteAndPaused()
+{
+    RuleStore store(*m_settings);
+    store.saveRules({});
+    store.saveDefaultBrowserBundleID(QString());
+    Result result = explain({u"https://e.com/"_s});
+    QCOMPARE(result.exitCode, 1);
+    QVERIFY(result.out.contains(u"Decided by: no route"_s));
+
+    store.saveDefaultBrowserBundleID(u"firefox"_s);
+    store.saveRulesEnabled(false);
+    result = explain({u"https://e.com/"_s});
+    QCOMPARE(result.exitCode, 0);
+    QVERIFY(result.out.contains(u"Browser:    firefox\n"_s));
+    QVERIFY(result.out.contains(u"Decided by: fallback (rules are paused)"_s));
+}
+
+void TestExplain::badInput_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QString>("error");
+    QTest::newRow("no link") << QStringList() << u"which link?"_s;
+    QTest::newRow("two links") << QStringList{u"https://a.com"_s, u"https://b.com"_s} << u"only one link"_s;
+    QTest::newRow("unknown option") << QStringList{u"--frm"_s, u"x"_s} << u"unknown option \"--frm\""_s;
+    QTest::newRow("empty source") << QStringList{u"https://a.com"_s, u"--from"_s, u" "_s} << u"--from needs an application id"_s;
+    QTest::newRow("missing source") << QStringList{u"https://a.com"_s, u"--from"_s} << u"--from needs an application id"_s;
+    QTest::newRow("not a web link") << QStringList{u"ftp://a.com/x"_s} << u"Only http and https links can be routed; this link's scheme is \"ftp\"."_s;
+    QTest::newRow("not absolute") << QStringList{u"a.com/x"_s} << u"The link is not an absolute URL"_s;
+    QTest::newRow("NUL") << QStringList{u"https://a.com/\0"_s} << u"control character"_s;
+    QTest::newRow("huge") << QStringList{QString(u"https://a.com/"_s + QString(2 << 20, u'x'))} << u"longer than"_s;
+}
+
+void TestExplain::badInput()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QString, error);
+    const Result result = explain(arguments);
+    QCOMPARE(result.exitCode, 2);
+    QVERIFY2(result.err.startsWith(u"quillvane explain: "_s), qPrintable(result.err));
+    QVERIFY2(result.err.contains(error), qPrintable(result.err));
+    QVERIFY(result.out.isEmpty());
+}
+
+void TestExplain::expandsOnlyShortLinksWhenAsked()
+{
+    Result result = explain({u"https://bit.ly/x"_s});
+    QVERIFY(m_expandCalls.isEmpty());
+    QVERIFY(result.out.contains(u"Browser:    com.apple.Safari"_s));
+
+    result = explain({u"https://e.com/x"_s, u"--expand"_s});
+    QVERIFY(m_expandCalls.isEmpty());
+
+    result = explain({u"https://bit.ly/x?utm_source=y"_s, u"--expand"_s});
+    QCOMPARE(m_expandCalls, QList<Link>{link(u"https://bit.ly/x"_s)});
+    QVERIFY(result.out.contains(u"Expanded:   https://docs.example.com/from-short-link\n"_s));
+    QVERIFY(result.out.contains(u"Browser:    com.google.Chrome"_s));
+}
+
+void TestExplain::endToEnd()
+{
+    QProcess process;
+    process.setProgram(QStringLiteral(QUILLVANE_EXECUTABLE));
+    process.setArguments({u"explain"_s, u"https://docs.example.com/guide?utm_source=x"_s, u"--from"_s, u"com.example.mail"_s});
+    process.start();
+    QVERIFY(process.waitForFinished(10000));
+    const QString out = QString::fromUtf8(process.readAllStandardOutput());
+    QCOMPARE(process.exitCode(), 0);
+    QVERIFY2(out.contains(u"Browser:    com.google.Chrome\nProfile:    Profile 1\n"_s), qPrintable(out));
+    QVERIFY(process.readAllStandardError().isEmpty());
+
+    // Arguments that are not UTF-8 are refused before anything else.
+    process.setProgram(u"/bin/sh"_s);
+    process.setArguments({u"-c"_s, u"exec \"$0\" explain \"$(printf 'https://e.com/\\377')\""_s, QStringLiteral(QUILLVANE_EXECUTABLE)});
+    process.start();
+    QVERIFY(process.waitForFinished(10000));
+    QCOMPARE(process.exitCode(), 2);
+    QCOMPARE(process.readAllStandardError(), QByteArray("quillvane: argument 2 is not valid UTF-8 text.\n"));
+
+    process.setProgram(QStringLiteral(QUILLVANE_EXECUTABLE));
+    process.setArguments({u"frobnicate"_s});
+    process.start();
+    QVERIFY(process.waitForFinished(10000));
+    QCOMPARE(process.exitCode(), 2);
+}
+
+QTEST_GUILESS_MAIN(TestExplain)
+#include "tst_explain.moc"

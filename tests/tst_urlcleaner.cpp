@@ -1,0 +1,84 @@
+#include "Services/URLCleaner.h"
+#include "TestSupport.h"
+
+#include <QLoggingCategory>
+#include <QTest>
+
+using namespace Qt::Literals::StringLiterals;
+
+class TestURLCleaner final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void clean_data();
+    void clean();
+    void logLines();
+    void theParameterSet();
+    void switchDefaultsOn();
+};
+
+void TestURLCleaner::initTestCase()
+{
+    QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*.debug=true"_s);
+}
+
+void TestURLCleaner::clean_data()
+{
+    QTest::addColumn<QString>("pathAndQuery");
+    QTest::addColumn<QString>("expected");
+    QTest::newRow("no query") << u"/p"_s << u"/p"_s;
+    QTest::newRow("empty query") << u"/p?"_s << u"/p?"_s;
+    QTest::newRow("kept item keeps its place") << u"/p?utm_source=x&id=7#top"_s << u"/p?id=7#top"_s;
+    QTest::newRow("all removed, no question mark") << u"/p?utm_source=x&fbclid=y"_s << u"/p"_s;
+    QTest::newRow("names compared in lower case") << u"/p?UTM_Source=x"_s << u"/p"_s;
+    QTest::newRow("no prefix match") << u"/p?utm_sourcex=1"_s << u"/p?utm_sourcex=1"_s;
+    QTest::newRow("no substring match") << u"/p?xutm_source=1"_s << u"/p?xutm_source=1"_s;
+    QTest::newRow("repeated item") << u"/p?gclid=a&gclid=b&q=1"_s << u"/p?q=1"_s;
+    QTest::newRow("item without value") << u"/p?fbclid"_s << u"/p"_s;
+    QTest::newRow("encoded name") << u"/p?utm%5Fsource=1&a=b"_s << u"/p?a=b"_s;
+    QTest::newRow("kept items byte for byte") << u"/p?a=1+2&b=%2B%26&c&&d=%7e&mc_eid=9"_s << u"/p?a=1+2&b=%2B%26&c&&d=%7e"_s;
+    QTest::newRow("nothing to remove, byte for byte") << u"/p?b=%7e&a=1+1"_s << u"/p?b=%7e&a=1+1"_s;
+    QTest::newRow("fragment with question mark") << u"/p?_hsenc=1#a?utm_source=2"_s << u"/p#a?utm_source=2"_s;
+}
+
+void TestURLCleaner::clean()
+{
+    QFETCH(QString, pathAndQuery);
+    QFETCH(QString, expected);
+    const Link cleaned = URLCleaner::clean(link(QString(u"https://Example.com"_s + pathAndQuery)));
+    QCOMPARE(cleaned.toString(), QString(u"https://Example.com"_s + expected));
+}
+
+void TestURLCleaner::logLines()
+{
+    QTest::ignoreMessage(QtDebugMsg, "No query params to clean for https://e.com/p?");
+    URLCleaner::clean(link(u"https://e.com/p?"_s));
+    QTest::ignoreMessage(QtDebugMsg, "No tracking params found in https://e.com/p?a=1");
+    URLCleaner::clean(link(u"https://e.com/p?a=1"_s));
+    QTest::ignoreMessage(QtInfoMsg, "Removed 2 tracking param(s): https://e.com/p?utm_source=x&fbclid=y → https://e.com/p");
+    URLCleaner::clean(link(u"https://e.com/p?utm_source=x&fbclid=y"_s));
+}
+
+void TestURLCleaner::theParameterSet()
+{
+    const QSet<QString> &set = URLCleaner::trackingParameters();
+    QCOMPARE(set.size(), 24);
+    for (const QString &name : set)
+        QCOMPARE(name, name.toLower());
+    QVERIFY(set.contains(u"__hssc"_s));
+    QVERIFY(!set.contains(u"utm_"_s));
+}
+
+void TestURLCleaner::switchDefaultsOn()
+{
+    TestEnvironment environment;
+    auto settings = environment.settings();
+    QVERIFY(URLCleaner::isEnabled(*settings));
+    settings->setValue(u"url_cleaning_enabled"_s, false);
+    QVERIFY(!URLCleaner::isEnabled(*settings));
+}
+
+QTEST_GUILESS_MAIN(TestURLCleaner)
+#include "tst_urlcleaner.moc"

@@ -1,0 +1,178 @@
+#include "Services/URLExpander.h"
+#include "TestSupport.h"
+
+#include <QElapsedTimer>
+#include <QFutureWatcher>
+#include <QLoggingCategory>
+#include <QTest>
+#include <QTimer>
+
+using namespace Qt::Literals::StringLiterals;
+
+class TestURLExpander final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void init();
+    void cleanup();
+    void finalAnswerAtOnce();
+    void chainAndRelativeLocations();
+    void fiveRequestsAtMost();
+    void everyRedirectStatusCounts();
+    void missingLocationEndsTheWalk();
+    void redirectLoopsEndAtTheLimit();
+    void silentServerTimesOutWithoutBlocking();
+    void failureAfterRedirectsKeepsTheLastTarget();
+    void neverLeavesTheWeb_data();
+    void neverLeavesTheWeb();
+    void shortLinkTest();
+
+private:
+    Link expand(const QString &path);
+
+    std::unique_ptr<TestHttpServer> m_server;
+};
+
+void TestURLExpander::initTestCase()
+{
+    QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*.debug=true"_s);
+}
+
+void TestURLExpander::init()
+{
+    m_server = std::make_unique<TestHttpServer>();
+}
+
+void TestURLExpander::cleanup()
+{
+    m_server.reset();
+}
+
+Link TestURLExpander::expand(const QString &path)
+{
+    QFuture<Link> future = URLExpander::expand(link(QString(m_server->baseUrl() + path)));
+    if (!QTest::qWaitFor([&] { return future.isFinished(); }, 10000))
+        qFatal("expansion did not finish");
+    return future.result();
+}
+
+void TestURLExpander::finalAnswerAtOnce()
+{
+    m_server->on(u"/s"_s, {200, {}, false});
+    QTest::ignoreMessage(QtDebugMsg, "Status 200 at step 0; final URL reached");
+    QTest::ignoreMessage(QtDebugMsg, QRegularExpression(u"^URL unchanged after expansion attempt: http://127.0.0.1:\\d+/s$"_s));
+    QCOMPARE(expand(u"/s"_s).toString(), QString(m_server->baseUrl() + u"/s"_s));
+    QCOMPARE(m_server->methods(), QList<QByteArray>{"HEAD"});
+}
+
+void TestURLExpander::chainAndRelativeLocations()
+{
+    m_server->redirect(u"/a"_s, 301, "/dir/b?x=1");
+    m_server->redirect(u"/dir/b?x=1"_s, 302, "c#frag");
+    m_server->on(u"/dir/c"_s, {200, {}, false});
+    QTest::ignoreMessage(QtDebugMsg, QRegularExpression(u"^Step 0: 301 → http://127.0.0.1:\\d+/dir/b\\?x=1$"_s));
+    QTest::ignoreMessage(QtDebugMsg, QRegularExpression(u"^Step 1: 302 → http://127.0.0.1:\\d+/dir/c#frag$"_s));
+    QTest::ignoreMessage(QtDebugMsg, "Status 200 at step 2; final URL reached");
+    QTest::ignoreMessage(QtInfoMsg, QRegularExpression(u"^Expanded: .*/a → .*/dir/c#frag$"_s));
+    QCOMPARE(expand(u"/a"_s).toString(), QString(m_server->baseUrl() + u"/dir/c#frag"_s));
+}
+
+void TestURLExpander::fiveRequestsAtMost()
+{
+    for (int i = 1; i <= 6; ++i)
+        m_server->redirect(u"/r%1"_s.arg(i), 302, "/r" + QByteArray::number(i + 1));
+    QCOMPARE(expand(u"/r1"_s).toString(), QString(m_server->baseUrl() + u"/r6"_s));
+    QCOMPARE(m_server->totalRequests(), 5);
+    QCOMPARE(m_server->requestCount(u"/r6"_s), 0);
+}
+
+void TestURLExpander::everyRedirectStatusCounts()
+{
+    m_server->redirect(u"/a"_s, 304, "/b");
+    m_server->redirect(u"/b"_s, 399, "/c");
+    m_server->redirect(u"/c"_s, 300, "/d");
+    m_server->on(u"/d"_s, {404, {}, false});
+    QTest::ignoreMessage(QtDebugMsg, "Status 404 at step 3; final URL reached");
+    QCOMPARE(expand(u"/a"_s).toString(), QString(m_server->baseUrl() + u"/d"_s));
+}
+
+void TestURLExpander::missingLocationEndsTheWalk()
+{
+    m_server->on(u"/a"_s, {302, {}, false});
+    QTest::ignoreMessage(QtDebugMsg, "Status 302 at step 0; final URL reached");
+    QCOMPARE(expand(u"/a"_s).toString(), QString(m_server->baseUrl() + u"/a"_s));
+}
+
+void TestURLExpander::redirectLoopsEndAtTheLimit()
+{
+    m_server->redirect(u"/self"_s, 302, "/self");
+    QTest::ignoreMessage(QtDebugMsg, QRegularExpression(u"^URL unchanged after expansion attempt"_s));
+    QCOMPARE(expand(u"/self"_s).toString(), QString(m_server->baseUrl() + u"/self"_s));
+    QCOMPARE(m_server->requestCount(u"/self"_s), 5);
+}
+
+void TestURLExpander::silentServerTimesOutWithoutBlocking()
+{
+    m_server->on(u"/hang"_s, {200, {}, true});
+    int ticks = 0;
+    QTimer ticker;
+    connect(&ticker, &QTimer::timeout, this, [&ticks] { ++ticks; });
+    ticker.start(100);
+    QElapsedTimer clock;
+    clock.start();
+    QTest::ignoreMessage(QtCriticalMsg, "Expansion failed at step 0: The request timed out.");
+    QCOMPARE(expand(u"/hang"_s).toString(), QString(m_server->baseUrl() + u"/hang"_s));
+    QVERIFY(clock.elapsed() >= URLExpander::RequestTimeoutMs - 100);
+    QVERIFY(clock.elapsed() < URLExpander::RequestTimeoutMs + 2000);
+    // The event loop kept running while the expansion waited.
+    QVERIFY(ticks >= 20);
+}
+
+void TestURLExpander::failureAfterRedirectsKeepsTheLastTarget()
+{
+    // A port on which nothing listens any more.
+    QTcpServer probe;
+    QVERIFY(probe.listen(QHostAddress::LocalHost));
+    const QByteArray deadEnd = "http://127.0.0.1:" + QByteArray::number(probe.serverPort()) + "/gone";
+    probe.close();
+
+    m_server->redirect(u"/a"_s, 301, "/b");
+    m_server->redirect(u"/b"_s, 302, deadEnd);
+    QTest::ignoreMessage(QtCriticalMsg, "Expansion failed at step 2: Connection refused");
+    QCOMPARE(expand(u"/a"_s).toString(), QString::fromUtf8(deadEnd));
+}
+
+void TestURLExpander::neverLeavesTheWeb_data()
+{
+    QTest::addColumn<QByteArray>("location");
+    QTest::newRow("file") << QByteArray("file:///etc/passwd");
+    QTest::newRow("javascript") << QByteArray("javascript:alert(1)");
+    QTest::newRow("data") << QByteArray("data:text/html,<script>x</script>");
+    QTest::newRow("hostless https") << QByteArray("https:///nothing");
+}
+
+void TestURLExpander::neverLeavesTheWeb()
+{
+    QFETCH(QByteArray, location);
+    m_server->redirect(u"/a"_s, 302, "/b");
+    m_server->redirect(u"/b"_s, 302, location);
+    QCOMPARE(expand(u"/a"_s).toString(), QString(m_server->baseUrl() + u"/b"_s));
+}
+
+void TestURLExpander::shortLinkTest()
+{
+    QCOMPARE(URLExpander::shortDomains().size(), 13);
+    for (const QString &host : URLExpander::shortDomains()) {
+        QCOMPARE(host.count(u'.'), 1);
+        QCOMPARE(host, host.toLower());
+    }
+    QVERIFY(URLExpander::isShortLink(link(u"https://BIT.LY/abc"_s)));
+    QVERIFY(!URLExpander::isShortLink(link(u"https://www.bit.ly/abc"_s)));
+    QVERIFY(!URLExpander::isShortLink(link(u"https://notbit.ly/abc"_s)));
+    QVERIFY(!URLExpander::isShortLink(link(u"mailto:bit.ly"_s)));
+}
+
+QTEST_GUILESS_MAIN(TestURLExpander)
+#include "tst_urlexpander.moc"
