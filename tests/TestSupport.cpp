@@ -1,5 +1,7 @@
 #include "TestSupport.h"
 
+#include "Storage/UserSettings.h"
+
 #include <QTcpSocket>
 #include <QTest>
 
@@ -40,7 +42,7 @@ QString TestEnvironment::settingsPath() const
 
 std::unique_ptr<QSettings> TestEnvironment::settings() const
 {
-    return std::make_unique<QSettings>(settingsPath(), QSettings::IniFormat);
+    return UserSettings::open(settingsPath());
 }
 
 QString TestEnvironment::diagnosticLogPath() const

@@ -129,7 +129,8 @@ void TestStores::damagedValuesReadAsDefaults()
                    "default_browser_bundle_id=a, b\n\x01\x02\xff garbage line without equals\n");
         file.write("huge=" + QByteArray(2 * 1024 * 1024, 'x') + '\n');
     }
-    QSettings settings(m_environment->settingsPath(), QSettings::IniFormat);
+    auto opened = m_environment->settings();
+    QSettings &settings = *opened;
     RuleStore store(settings, [this] { return m_now; });
     QVERIFY(store.loadRulesEnabled());
     QVERIFY(store.loadRules().isEmpty());

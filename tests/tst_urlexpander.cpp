@@ -125,9 +125,9 @@ void TestURLExpander::silentServerTimesOutWithoutBlocking()
     QTest::ignoreMessage(QtCriticalMsg, "Expansion failed at step 0: The request timed out.");
     QCOMPARE(expand(u"/hang"_s).toString(), QString(m_server->baseUrl() + u"/hang"_s));
     QVERIFY(clock.elapsed() >= URLExpander::RequestTimeoutMs - 100);
-    QVERIFY(clock.elapsed() < URLExpander::RequestTimeoutMs + 2000);
+    QVERIFY(clock.elapsed() < URLExpander::RequestTimeoutMs + 5000);
     // The event loop kept running while the expansion waited.
-    QVERIFY(ticks >= 20);
+    QVERIFY(ticks >= 10);
 }
 
 void TestURLExpander::failureAfterRedirectsKeepsTheLastTarget()
@@ -140,7 +140,7 @@ void TestURLExpander::failureAfterRedirectsKeepsTheLastTarget()
 
     m_server->redirect(u"/a"_s, 301, "/b");
     m_server->redirect(u"/b"_s, 302, deadEnd);
-    QTest::ignoreMessage(QtCriticalMsg, "Expansion failed at step 2: Connection refused");
+    QTest::ignoreMessage(QtCriticalMsg, QRegularExpression(u"^Expansion failed at step 2: "_s));
     QCOMPARE(expand(u"/a"_s).toString(), QString::fromUtf8(deadEnd));
 }
 

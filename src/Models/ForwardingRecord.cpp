@@ -1,7 +1,6 @@
 #include "Models/ForwardingRecord.h"
 
-#include <QJsonArray>
-#include <QJsonDocument>
+#include "Models/JsonWriter.h"
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -16,19 +15,18 @@ constexpr QLatin1StringView KeyTargetBrowserName("targetBrowserName");
 constexpr QLatin1StringView KeyRuleMatched("ruleMatched");
 } // namespace
 
-QJsonObject ForwardingRecord::toJson() const
+void ForwardingRecord::writeJson(JsonWriter &writer) const
 {
-    QJsonObject object{
-        {KeyId, JsonFields::uuidText(id)},
-        {KeyTimestamp, JsonFields::referenceSeconds(timestamp)},
-        {KeyOriginalURL, originalURL},
-        {KeyTargetBrowserBundleID, targetBrowserBundleID},
-        {KeyTargetBrowserName, targetBrowserName},
-    };
-    JsonFields::insertOptional(object, KeySourceAppBundleID, sourceAppBundleID);
-    JsonFields::insertOptional(object, KeySourceAppName, sourceAppName);
-    JsonFields::insertOptional(object, KeyRuleMatched, ruleMatched);
-    return object;
+    writer.beginObject();
+    writer.member(KeyId, JsonFields::uuidText(id));
+    writer.member(KeyTimestamp, JsonFields::referenceSeconds(timestamp));
+    writer.member(KeyOriginalURL, originalURL);
+    writer.optionalMember(KeySourceAppBundleID, sourceAppBundleID);
+    writer.optionalMember(KeySourceAppName, sourceAppName);
+    writer.member(KeyTargetBrowserBundleID, targetBrowserBundleID);
+    writer.member(KeyTargetBrowserName, targetBrowserName);
+    writer.optionalMember(KeyRuleMatched, ruleMatched);
+    writer.endObject();
 }
 
 Expected<ForwardingRecord, DecodeError> ForwardingRecord::fromJson(const QJsonValue &value, qsizetype index)
@@ -50,10 +48,12 @@ Expected<ForwardingRecord, DecodeError> ForwardingRecord::fromJson(const QJsonVa
 
 QByteArray ForwardingRecord::listToJson(const QList<ForwardingRecord> &records)
 {
-    QJsonArray array;
+    JsonWriter writer;
+    writer.beginArray();
     for (const ForwardingRecord &record : records)
-        array.append(record.toJson());
-    return QJsonDocument(array).toJson(QJsonDocument::Compact);
+        record.writeJson(writer);
+    writer.endArray();
+    return writer.take();
 }
 
 Expected<QList<ForwardingRecord>, DecodeError> ForwardingRecord::listFromJson(QByteArrayView utf8)

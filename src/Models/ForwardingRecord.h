@@ -10,6 +10,8 @@
 
 #include <optional>
 
+class JsonWriter;
+
 // One link that Quillvane opened: when, what, from where, to which browser and
 // under which rule.
 struct ForwardingRecord
@@ -23,7 +25,7 @@ struct ForwardingRecord
     QString targetBrowserName;
     std::optional<QString> ruleMatched;
 
-    QJsonObject toJson() const;
+    void writeJson(JsonWriter &writer) const;
     static Expected<ForwardingRecord, DecodeError> fromJson(const QJsonValue &value, qsizetype index = 0);
 
     static QByteArray listToJson(const QList<ForwardingRecord> &records);

@@ -24,7 +24,20 @@ bool isHex(QChar c)
 
 QString uuidText(const QUuid &uuid)
 {
-    return uuid.toString(QUuid::WithoutBraces).toUpper();
+    // Written by hand: toString() followed by toUpper() costs more than the rest of
+    // a history record's encoding.
+    static constexpr char16_t hex[] = u"0123456789ABCDEF";
+    const QByteArray bytes = uuid.toRfc4122();
+    QString text(36, Qt::Uninitialized);
+    char16_t *out = reinterpret_cast<char16_t *>(text.data());
+    for (int i = 0; i < 16; ++i) {
+        if (i == 4 || i == 6 || i == 8 || i == 10)
+            *out++ = u'-';
+        const auto byte = uchar(bytes[i]);
+        *out++ = hex[byte >> 4];
+        *out++ = hex[byte & 0xf];
+    }
+    return text;
 }
 
 std::optional<QUuid> parseUuid(QStringView text)
@@ -63,12 +76,6 @@ Expected<QJsonArray, DecodeError> parseArray(QByteArrayView utf8)
     if (!document.isArray())
         return DecodeError{u"The data is not a JSON array."_s};
     return document.array();
-}
-
-void insertOptional(QJsonObject &object, QLatin1StringView key, const std::optional<QString> &value)
-{
-    if (value)
-        object.insert(key, *value);
 }
 
 ObjectReader::ObjectReader(const QJsonValue &value, QString context)

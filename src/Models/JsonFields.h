@@ -30,8 +30,6 @@ std::optional<QDateTime> fromReferenceSeconds(double seconds);
 
 Expected<QJsonArray, DecodeError> parseArray(QByteArrayView utf8);
 
-void insertOptional(QJsonObject &object, QLatin1StringView key, const std::optional<QString> &value);
-
 // Reads the members of one JSON object; the first problem is kept and fails the
 // whole document.
 class ObjectReader final

@@ -1,7 +1,8 @@
 #include "Models/RoutingRule.h"
 
+#include "Models/JsonWriter.h"
+
 #include <QHash>
-#include <QJsonDocument>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -22,20 +23,6 @@ RoutingRule::Kind RoutingRule::kind() const
     return urlPattern ? Kind::UrlOnly : Kind::Inert;
 }
 
-QJsonObject RoutingRule::toJson() const
-{
-    QJsonObject object{
-        {KeyId, JsonFields::uuidText(id)},
-        {KeySourceAppBundleID, sourceAppBundleID},
-        {KeySourceAppName, sourceAppName},
-        {KeyTargetBrowserBundleID, targetBrowserBundleID},
-        {KeyTargetBrowserName, targetBrowserName},
-    };
-    JsonFields::insertOptional(object, KeyUrlPattern, urlPattern);
-    JsonFields::insertOptional(object, KeyTargetProfileID, targetProfileID);
-    return object;
-}
-
 Expected<RoutingRule, DecodeError> RoutingRule::fromJson(const QJsonValue &value, qsizetype index)
 {
     JsonFields::ObjectReader reader(value, u"Rule %1"_s.arg(index + 1));
@@ -52,12 +39,27 @@ Expected<RoutingRule, DecodeError> RoutingRule::fromJson(const QJsonValue &value
     return rule;
 }
 
+void RoutingRule::writeJson(JsonWriter &writer) const
+{
+    writer.beginObject();
+    writer.member(KeyId, JsonFields::uuidText(id));
+    writer.member(KeySourceAppBundleID, sourceAppBundleID);
+    writer.member(KeySourceAppName, sourceAppName);
+    writer.member(KeyTargetBrowserBundleID, targetBrowserBundleID);
+    writer.member(KeyTargetBrowserName, targetBrowserName);
+    writer.optionalMember(KeyUrlPattern, urlPattern);
+    writer.optionalMember(KeyTargetProfileID, targetProfileID);
+    writer.endObject();
+}
+
 QByteArray RoutingRule::listToJson(const QList<RoutingRule> &rules)
 {
-    QJsonArray array;
+    JsonWriter writer;
+    writer.beginArray();
     for (const RoutingRule &rule : rules)
-        array.append(rule.toJson());
-    return QJsonDocument(array).toJson(QJsonDocument::Compact);
+        rule.writeJson(writer);
+    writer.endArray();
+    return writer.take();
 }
 
 Expected<QList<RoutingRule>, DecodeError> RoutingRule::listFromJson(QByteArrayView utf8)

@@ -3,12 +3,13 @@
 #include "Models/Expected.h"
 #include "Models/JsonFields.h"
 
-#include <QJsonObject>
 #include <QList>
 #include <QString>
 #include <QUuid>
 
 #include <optional>
+
+class JsonWriter;
 
 // One routing rule as the user edits it. Its kind follows from which of the
 // source application and the pattern are set.
@@ -26,7 +27,7 @@ struct RoutingRule
 
     Kind kind() const;
 
-    QJsonObject toJson() const;
+    void writeJson(JsonWriter &writer) const;
     static Expected<RoutingRule, DecodeError> fromJson(const QJsonValue &value, qsizetype index = 0);
 
     // The stored form: a compact UTF-8 JSON array.

@@ -2,8 +2,9 @@
 
 #include "Platform/DiagnosticLog.h"
 
+#include <QVarLengthArray>
+
 #include <algorithm>
-#include <numeric>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -35,45 +36,137 @@ struct Subject
     }
 };
 
-bool globMatches(QStringView subject, QStringView pattern)
+char16_t lowerAscii(char16_t c)
 {
-    const QList<QStringView> parts = pattern.split(u'*');
-    const qsizetype lastIndex = parts.size() - 1;
-    qsizetype cursor = 0;
-    for (qsizetype i = 0; i < parts.size(); ++i) {
-        const QStringView part = parts[i];
-        if (part.isEmpty())
-            continue;
-        const qsizetype found = subject.indexOf(part, cursor);
-        if (found < 0)
+    return (c >= u'A' && c <= u'Z') ? char16_t(c + (u'a' - u'A')) : c;
+}
+
+// The helpers below compare a lower-cased subject with a pattern whose ASCII
+// letters are lower-cased on the fly, so that routing allocates nothing per rule.
+bool equalsAt(QStringView subject, qsizetype at, QStringView pattern)
+{
+    for (qsizetype i = 0; i < pattern.size(); ++i) {
+        if (subject[at + i].unicode() != lowerAscii(pattern[i].unicode()))
             return false;
-        if (i == 0 && found != 0)
-            return false;
-        if (i == lastIndex && !subject.sliced(cursor).endsWith(part))
-            return false;
-        cursor = found + part.size();
     }
     return true;
 }
 
-bool matchesLowered(const Subject &subject, const QString &rawPattern)
+// A plain scan: links are short, and Qt's general search costs more to set up
+// than this loop takes.
+qsizetype find(QStringView text, char16_t c, qsizetype from)
 {
-    const QString pattern = rawPattern.toLower();
-    if (pattern.contains(u'*'))
+    const char16_t *data = text.utf16();
+    for (qsizetype i = from; i < text.size(); ++i) {
+        if (data[i] == c)
+            return i;
+    }
+    return -1;
+}
+
+qsizetype indexOf(QStringView subject, qsizetype from, QStringView pattern)
+{
+    const qsizetype last = subject.size() - pattern.size();
+    if (pattern.isEmpty())
+        return from <= subject.size() ? from : -1;
+    const char16_t first = lowerAscii(pattern[0].unicode());
+    for (qsizetype i = find(subject, first, from); i >= 0 && i <= last; i = find(subject, first, i + 1)) {
+        if (equalsAt(subject, i, pattern))
+            return i;
+    }
+    return -1;
+}
+
+bool endsWith(QStringView subject, qsizetype from, QStringView pattern)
+{
+    const qsizetype at = subject.size() - pattern.size();
+    return at >= from && equalsAt(subject, at, pattern);
+}
+
+bool globMatches(QStringView subject, QStringView pattern)
+{
+    const bool anchoredStart = !pattern.startsWith(u'*');
+    const bool anchoredEnd = !pattern.endsWith(u'*');
+    qsizetype cursor = 0;
+    qsizetype partStart = 0;
+    while (partStart <= pattern.size()) {
+        qsizetype partEnd = find(pattern, u'*', partStart);
+        if (partEnd < 0)
+            partEnd = pattern.size();
+        const QStringView part = pattern.sliced(partStart, partEnd - partStart);
+        if (!part.isEmpty()) {
+            const qsizetype found = indexOf(subject, cursor, part);
+            if (found < 0)
+                return false;
+            if (partStart == 0 && anchoredStart && found != 0)
+                return false;
+            if (partEnd == pattern.size() && anchoredEnd && !endsWith(subject, cursor, part))
+                return false;
+            cursor = found + part.size();
+        }
+        partStart = partEnd + 1;
+    }
+    return true;
+}
+
+// What a pattern is, learnt in one pass over it.
+struct Shape
+{
+    bool ascii = true;
+    bool star = false;
+    bool slash = false;
+    int dots = 0;
+
+    Shape() = default;
+    explicit Shape(QStringView pattern)
+    {
+        for (const QChar c : pattern) {
+            const char16_t u = c.unicode();
+            if (u >= 0x80)
+                ascii = false;
+            else if (u == u'*')
+                star = true;
+            else if (u == u'/')
+                slash = true;
+            else if (u == u'.')
+                ++dots;
+        }
+    }
+
+    int specificity() const { return (star || slash) ? 0 : dots + 1; }
+};
+
+bool matchesLowered(const Subject &subject, QStringView rawPattern, const Shape &shape)
+{
+    // Only a pattern beyond ASCII pays for a lower-cased copy.
+    QString loweredCopy;
+    QStringView pattern = rawPattern;
+    if (!shape.ascii) {
+        loweredCopy = rawPattern.toString().toLower();
+        pattern = loweredCopy;
+    }
+
+    if (shape.star)
         return globMatches(subject.text, pattern);
-    if (pattern.contains(u'/'))
-        return subject.text.contains(pattern);
+    if (shape.slash)
+        return indexOf(subject.text, 0, pattern) >= 0;
     if (!subject.host)
         return false;
-    const QString &host = *subject.host;
-    if (host == pattern)
-        return true;
-    return host.size() > pattern.size() && host.endsWith(pattern) && host[host.size() - pattern.size() - 1] == u'.';
+    const QStringView host = *subject.host;
+    if (host.size() == pattern.size())
+        return equalsAt(host, 0, pattern);
+    const qsizetype dot = host.size() - pattern.size() - 1;
+    return dot >= 0 && host[dot] == u'.' && equalsAt(host, dot + 1, pattern);
+}
+
+bool matchesLowered(const Subject &subject, QStringView pattern)
+{
+    return matchesLowered(subject, pattern, Shape(pattern));
 }
 
 bool sameApp(const QString &a, const QString &b)
 {
-    return a.compare(b, Qt::CaseInsensitive) == 0;
+    return a.size() == b.size() && a.compare(b, Qt::CaseInsensitive) == 0;
 }
 
 Decision matched(Decision::Kind kind, const RoutingRule &rule, qsizetype index)
@@ -128,26 +221,38 @@ Decision decide(const Link &url, const std::optional<SourceApp> &source, const Q
         }
     }
 
+    // URL-only rules, most specific first and in stored order within one rank: a
+    // stable counting sort, as ranks are small numbers.
     struct Candidate
     {
-        int rank;
         qsizetype index;
+        Shape shape;
     };
-    QList<Candidate> urlOnly;
+    QVarLengthArray<Candidate, 64> candidates;
+    int maxRank = 0;
     for (qsizetype i = 0; i < rules.size(); ++i) {
-        if (rules[i].kind() == RoutingRule::Kind::UrlOnly)
-            urlOnly.append(Candidate{domainSpecificity(*rules[i].urlPattern), i});
+        if (rules[i].kind() == RoutingRule::Kind::UrlOnly) {
+            candidates.append(Candidate{i, Shape(*rules[i].urlPattern)});
+            maxRank = std::max(maxRank, candidates.back().shape.specificity());
+        }
     }
-    std::stable_sort(urlOnly.begin(), urlOnly.end(),
-                     [](const Candidate &a, const Candidate &b) { return a.rank > b.rank; });
-    for (const Candidate &candidate : std::as_const(urlOnly)) {
-        const RoutingRule &rule = rules[candidate.index];
-        if (matchesLowered(subject, *rule.urlPattern)) {
+    QVarLengthArray<qsizetype, 32> slots(maxRank + 2, 0);
+    for (const Candidate &candidate : std::as_const(candidates))
+        ++slots[maxRank - candidate.shape.specificity() + 1];
+    for (qsizetype rank = 1; rank < slots.size(); ++rank)
+        slots[rank] += slots[rank - 1];
+    QVarLengthArray<const Candidate *, 64> ordered(candidates.size());
+    for (const Candidate &candidate : std::as_const(candidates))
+        ordered[slots[maxRank - candidate.shape.specificity()]++] = &candidate;
+
+    for (const Candidate *candidate : std::as_const(ordered)) {
+        const RoutingRule &rule = rules[candidate->index];
+        if (matchesLowered(subject, *rule.urlPattern, candidate->shape)) {
             if (trail) {
                 debugLog(u"MATCHED url-only rule: pattern=%1 → %2"_s.arg(*rule.urlPattern,
                                                                           rule.targetBrowserBundleID));
             }
-            return matched(Decision::Kind::UrlOnly, rule, candidate.index);
+            return matched(Decision::Kind::UrlOnly, rule, candidate->index);
         }
     }
 
@@ -171,14 +276,12 @@ std::optional<RouteResult> route(const Link &url, const std::optional<SourceApp>
 
 bool matchesPattern(const Link &url, QStringView pattern)
 {
-    return matchesLowered(Subject(url), pattern.toString());
+    return matchesLowered(Subject(url), pattern);
 }
 
 int domainSpecificity(QStringView pattern)
 {
-    if (pattern.contains(u'*') || pattern.contains(u'/'))
-        return 0;
-    return int(pattern.count(u'.')) + 1;
+    return Shape(pattern).specificity();
 }
 
 } // namespace URLRouter

@@ -1,6 +1,7 @@
 #include "Storage/UserSettings.h"
 
 #include "Platform/SystemLog.h"
+#include "Storage/IniFormat.h"
 
 #include <QStandardPaths>
 
@@ -18,7 +19,12 @@ QString filePath()
 
 std::unique_ptr<QSettings> open()
 {
-    return std::make_unique<QSettings>(filePath(), QSettings::IniFormat);
+    return open(filePath());
+}
+
+std::unique_ptr<QSettings> open(const QString &path)
+{
+    return std::make_unique<QSettings>(path, IniFormat::format());
 }
 
 bool commit(QSettings &settings)

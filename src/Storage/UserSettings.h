@@ -10,6 +10,8 @@ namespace UserSettings {
 
 QString filePath();
 std::unique_ptr<QSettings> open();
+// A settings file elsewhere, in the same format (tests, benchmarks).
+std::unique_ptr<QSettings> open(const QString &path);
 
 // Writes pending changes to disk now, so a crash right after loses nothing;
 // a failure (read-only or full disk) is logged, and the values stay in memory

@@ -1,0 +1,111 @@
+#include "Storage/IniFormat.h"
+#include "Storage/UserSettings.h"
+
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+
+// Values of every kind Quillvane stores, and the characters that need escaping.
+QVariantMap sampleValues()
+{
+    QByteArray allBytes;
+    for (int i = 0; i < 256; ++i)
+        allBytes += char(i);
+    return {
+        {u"routing_rules"_s, QByteArray(R"([{"id":"A","pattern":"*a,b;c=d \"q\" \\ /x*"}])")},
+        {u"forwarding_history"_s, allBytes},
+        {u"hex_after_escape"_s, QByteArray("\x01" "abc\x7f" "9")},
+        {u"empty_bytes"_s, QByteArray("")},
+        {u"rules_enabled"_s, false},
+        {u"today_forward_count"_s, qint64(1) << 40},
+        {u"today_date"_s, u"2026-03-05"_s},
+        {u"default_browser_bundle_id"_s, u"  Bücher → 😀, \"x\"; \\y"_s},
+        {u"at_sign"_s, u"@ByteArray(not bytes)"_s},
+        {u"control"_s, u"a\tb\nc\u0001"_s},
+        {u"empty_text"_s, QString()},
+    };
+}
+
+// Data values compare as bytes, everything else as text.
+void compareValue(const QVariant &actual, const QVariant &expected)
+{
+    if (expected.typeId() == QMetaType::QByteArray)
+        QCOMPARE(actual.toByteArray(), expected.toByteArray());
+    else
+        QCOMPARE(actual.toString(), expected.toString());
+}
+
+} // namespace
+
+class TestIniFormat final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void ourFileReadsBackAndQtAgrees();
+    void qtFileReadsBack();
+    void handWrittenFile();
+};
+
+void TestIniFormat::ourFileReadsBackAndQtAgrees()
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath(u"Quillvane.conf"_s);
+    const QVariantMap values = sampleValues();
+    {
+        auto settings = UserSettings::open(path);
+        for (auto it = values.cbegin(); it != values.cend(); ++it)
+            settings->setValue(it.key(), it.value());
+        settings->setValue(u"group/inner key"_s, 7);
+        settings->sync();
+        QCOMPARE(settings->status(), QSettings::NoError);
+    }
+    auto ours = UserSettings::open(path);
+    QSettings qt(path, QSettings::IniFormat);
+    for (auto it = values.cbegin(); it != values.cend(); ++it) {
+        compareValue(ours->value(it.key()), it.value());
+        compareValue(qt.value(it.key()), it.value());
+    }
+    QCOMPARE(qt.value(u"group/inner key"_s).toInt(), 7);
+    QCOMPARE(ours->value(u"group/inner key"_s).toInt(), 7);
+}
+
+void TestIniFormat::qtFileReadsBack()
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath(u"Quillvane.conf"_s);
+    const QVariantMap values = sampleValues();
+    {
+        QSettings qt(path, QSettings::IniFormat);
+        for (auto it = values.cbegin(); it != values.cend(); ++it)
+            qt.setValue(it.key(), it.value());
+        qt.setValue(u"list"_s, QStringList{u"a"_s, u"b"_s});
+    }
+    auto ours = UserSettings::open(path);
+    for (auto it = values.cbegin(); it != values.cend(); ++it) {
+        compareValue(ours->value(it.key()), it.value());
+    }
+    QCOMPARE(ours->value(u"list"_s).toStringList(), (QStringList{u"a"_s, u"b"_s}));
+}
+
+void TestIniFormat::handWrittenFile()
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath(u"Quillvane.conf"_s);
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write("; a comment\r\n[General]\r\n  rules_enabled = false ; trailing comment\r\nname=two words  \n"
+               "broken line without equals\n=no key\n[Other%20Section]\nk=\"quoted \\\"x\\\"\"\n\xff\xfe binary\n");
+    file.close();
+    auto settings = UserSettings::open(path);
+    QCOMPARE(settings->value(u"rules_enabled"_s).toString(), u"false"_s);
+    QCOMPARE(settings->value(u"name"_s).toString(), u"two words"_s);
+    QCOMPARE(settings->value(u"Other Section/k"_s).toString(), u"quoted \"x\""_s);
+    QCOMPARE(settings->status(), QSettings::NoError);
+}
+
+QTEST_GUILESS_MAIN(TestIniFormat)
+#include "tst_iniformat.moc"
