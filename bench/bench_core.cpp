@@ -169,20 +169,20 @@ void BM_HistoryFromJson500(benchmark::State &state)
 BENCHMARK(BM_HistoryFromJson500)->Unit(benchmark::kMicrosecond);
 
 // One routed link's record: load the full history, prepend, trim, save, and
-// write the settings file to disk (with 1,000 rules in it too).
+// write the settings file to disk, which also holds the given number of rules.
 void BM_RecordIntoFullHistory(benchmark::State &state)
 {
     QTemporaryDir dir;
     auto opened = UserSettings::open(dir.filePath(u"Quillvane.conf"_s));
     QSettings &settings = *opened;
-    settings.setValue(u"routing_rules"_s, RoutingRule::listToJson(makeRules(1000)));
+    settings.setValue(u"routing_rules"_s, RoutingRule::listToJson(makeRules(int(state.range(0)))));
     settings.setValue(u"forwarding_history"_s, ForwardingRecord::listToJson(makeHistory(500)));
     settings.sync();
     int i = 0;
     for (auto _ : state)
         HistoryStore::record(settings, makeRecord(++i));
 }
-BENCHMARK(BM_RecordIntoFullHistory)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_RecordIntoFullHistory)->Arg(20)->Arg(1000)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 } // namespace
 

@@ -50,6 +50,7 @@ private Q_SLOTS:
     void dayStringIgnoresLocale();
     void historyRecordsNewestFirstAndCaps();
     void historyDamagedDataIsReplaced();
+    void historyBytesAreThoseOfAFullEncoding();
     void historyTodayCount();
     void historyClear();
 
@@ -190,6 +191,39 @@ void TestStores::historyDamagedDataIsReplaced()
     const QList<ForwardingRecord> history = HistoryStore::loadHistory(*m_settings);
     QCOMPARE(history.size(), 1);
     QCOMPARE(history.first().originalURL, u"https://e.com/"_s);
+}
+
+void TestStores::historyBytesAreThoseOfAFullEncoding()
+{
+    // Recording builds the stored JSON from the previous bytes; it must be exactly
+    // what encoding the whole list gives, through growth and trimming alike.
+    // The number of stored records, or -1 when the bytes differ from a full encoding.
+    const auto check = [this]() -> qsizetype {
+        const QByteArray stored = reopened(*m_environment)->value(u"forwarding_history"_s).toByteArray();
+        const auto decoded = ForwardingRecord::listFromJson(stored);
+        if (!decoded || stored != ForwardingRecord::listToJson(*decoded))
+            return -1;
+        return decoded->size();
+    };
+    HistoryStore::record(*m_settings, someRecord(u"https://first.example/\"quoted\""_s));
+    HistoryStore::record(*m_settings, someRecord(u"https://second.example/ü"_s));
+    QCOMPARE(check(), 2);
+
+    QList<ForwardingRecord> almostFull;
+    for (int i = 0; i < HistoryStore::MaxRecords - 1; ++i)
+        almostFull.append(someRecord(u"https://e.com/%1"_s.arg(i)));
+    m_settings->setValue(u"forwarding_history"_s, ForwardingRecord::listToJson(almostFull));
+    HistoryStore::record(*m_settings, someRecord(u"https://fills.example/"_s));
+    QCOMPARE(check(), 500);
+    for (int i = 0; i < 3; ++i) {
+        QTest::ignoreMessage(QtInfoMsg, "History exceeds 500 records, trimming oldest entries");
+        HistoryStore::record(*m_settings, someRecord(u"https://more.example/%1"_s.arg(i)));
+    }
+    QCOMPARE(check(), 500);
+    const QList<ForwardingRecord> history = HistoryStore::loadHistory(*reopened(*m_environment));
+    QCOMPARE(history.first().originalURL, u"https://more.example/2"_s);
+    QCOMPARE(history.at(3).originalURL, u"https://fills.example/"_s);
+    QCOMPARE(history.last().originalURL, u"https://e.com/495"_s);
 }
 
 void TestStores::historyTodayCount()

@@ -19,7 +19,7 @@ QJsonObject BrowserInfo::toJson() const
 
 Expected<BrowserInfo, DecodeError> BrowserInfo::fromJson(const QJsonValue &value)
 {
-    JsonFields::ObjectReader reader(value, u"Browser"_s);
+    JsonFields::ObjectReader reader(value, "Browser"_L1);
     BrowserInfo browser;
     browser.bundleID = reader.requiredString(KeyBundleID);
     browser.name = reader.requiredString(KeyName);
@@ -43,7 +43,7 @@ QJsonObject BrowserProfile::toJson() const
 
 Expected<BrowserProfile, DecodeError> BrowserProfile::fromJson(const QJsonValue &value)
 {
-    JsonFields::ObjectReader reader(value, u"Profile"_s);
+    JsonFields::ObjectReader reader(value, "Profile"_L1);
     BrowserProfile profile;
     profile.id = reader.requiredString(KeyId);
     profile.name = reader.requiredString(KeyName);

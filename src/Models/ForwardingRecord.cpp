@@ -31,7 +31,7 @@ void ForwardingRecord::writeJson(JsonWriter &writer) const
 
 Expected<ForwardingRecord, DecodeError> ForwardingRecord::fromJson(const QJsonValue &value, qsizetype index)
 {
-    JsonFields::ObjectReader reader(value, u"History record %1"_s.arg(index + 1));
+    JsonFields::ObjectReader reader(value, "History record"_L1, index);
     ForwardingRecord record;
     record.id = reader.requiredUuid(KeyId);
     record.timestamp = reader.requiredDate(KeyTimestamp);

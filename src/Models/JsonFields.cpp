@@ -78,8 +78,9 @@ Expected<QJsonArray, DecodeError> parseArray(QByteArrayView utf8)
     return document.array();
 }
 
-ObjectReader::ObjectReader(const QJsonValue &value, QString context)
-    : m_context(std::move(context))
+ObjectReader::ObjectReader(const QJsonValue &value, QLatin1StringView kind, qsizetype index)
+    : m_kind(kind)
+    , m_index(index)
 {
     if (!value.isObject())
         fail(u"is not a JSON object"_s);
@@ -89,8 +90,10 @@ ObjectReader::ObjectReader(const QJsonValue &value, QString context)
 
 void ObjectReader::fail(QString description)
 {
-    if (!m_error)
-        m_error = DecodeError{m_context + u' ' + description + u'.'};
+    if (m_error)
+        return;
+    const QString context = m_index < 0 ? QString(m_kind) : u"%1 %2"_s.arg(m_kind).arg(m_index + 1);
+    m_error = DecodeError{context + u' ' + description + u'.'};
 }
 
 QString ObjectReader::requiredString(QLatin1StringView key)

@@ -35,7 +35,8 @@ Expected<QJsonArray, DecodeError> parseArray(QByteArrayView utf8);
 class ObjectReader final
 {
 public:
-    ObjectReader(const QJsonValue &value, QString context);
+    // kind and index name the object in error messages ("Rule 3").
+    ObjectReader(const QJsonValue &value, QLatin1StringView kind, qsizetype index = -1);
 
     QString requiredString(QLatin1StringView key);
     std::optional<QString> optionalString(QLatin1StringView key);
@@ -49,7 +50,8 @@ private:
     void fail(QString description);
 
     QJsonObject m_object;
-    QString m_context;
+    QLatin1StringView m_kind;
+    qsizetype m_index;
     std::optional<DecodeError> m_error;
 };
 

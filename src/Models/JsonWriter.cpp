@@ -35,11 +35,7 @@ void JsonWriter::endObject()
 
 void JsonWriter::raw(QByteArrayView bytes)
 {
-    const qsizetype start = m_out.size();
-    if (m_out.capacity() < start + bytes.size())
-        m_out.reserve(std::max<qsizetype>(2 * m_out.capacity(), start + bytes.size() + 256));
-    m_out.resize(start + bytes.size());
-    std::memcpy(m_out.data() + start, bytes.data(), size_t(bytes.size()));
+    m_out.append(bytes.data(), size_t(bytes.size()));
 }
 
 void JsonWriter::member(QLatin1StringView name, QStringView value)
@@ -85,8 +81,8 @@ void JsonWriter::string(QStringView text)
 {
     static constexpr char hex[] = "0123456789abcdef";
     // At most six bytes per UTF-16 unit (a control character as \u00XX), plus quotes.
-    const qsizetype start = m_out.size();
-    const qsizetype needed = start + text.size() * 6 + 2;
+    const size_t start = m_out.size();
+    const size_t needed = start + size_t(text.size()) * 6 + 2;
     if (m_out.capacity() < needed)
         m_out.reserve(std::max(2 * m_out.capacity(), needed + 256));
     m_out.resize(needed);
@@ -131,5 +127,5 @@ void JsonWriter::string(QStringView text)
         }
     }
     *cursor++ = '"';
-    m_out.resize(cursor - m_out.constData());
+    m_out.resize(size_t(cursor - m_out.data()));
 }

@@ -4,6 +4,7 @@
 #include <QStringView>
 
 #include <optional>
+#include <string>
 
 // Writes compact JSON straight into UTF-8 bytes. Rules and history are saved
 // after every change and every routed link, so their encoding must be cheap;
@@ -21,7 +22,8 @@ public:
     // Omitted when absent.
     void optionalMember(QLatin1StringView key, const std::optional<QString> &value);
 
-    QByteArray take() { return std::move(m_out); }
+    qsizetype size() const { return qsizetype(m_out.size()); }
+    QByteArray take() const { return QByteArray(m_out.data(), qsizetype(m_out.size())); }
 
 private:
     void raw(QByteArrayView bytes);
@@ -29,6 +31,7 @@ private:
     void key(QLatin1StringView key);
     void string(QStringView text);
 
-    QByteArray m_out;
+    // std::string appends small pieces much faster than QByteArray does.
+    std::string m_out;
     bool m_first = true;
 };

@@ -25,7 +25,7 @@ RoutingRule::Kind RoutingRule::kind() const
 
 Expected<RoutingRule, DecodeError> RoutingRule::fromJson(const QJsonValue &value, qsizetype index)
 {
-    JsonFields::ObjectReader reader(value, u"Rule %1"_s.arg(index + 1));
+    JsonFields::ObjectReader reader(value, "Rule"_L1, index);
     RoutingRule rule;
     rule.id = reader.requiredUuid(KeyId);
     rule.sourceAppBundleID = reader.requiredString(KeySourceAppBundleID);

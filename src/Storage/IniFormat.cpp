@@ -1,7 +1,12 @@
 #include "Storage/IniFormat.h"
 
+#include <QHash>
 #include <QIODevice>
+#include <QMutex>
 #include <QStringList>
+
+#include <array>
+#include <cstring>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -33,30 +38,64 @@ bool isKeyChar(char c)
         || c == '.';
 }
 
-// Appends bytes inside a quoted value. A character that follows an escape and
-// looks like a hex digit is escaped as well, because escapes are read greedily.
-// Written through a raw pointer: this loop runs over every stored byte at every save.
+enum ByteClass : uchar { Plain, PlainHexDigit, Backslashed, HexEscaped, High };
+
+constexpr std::array<uchar, 256> byteClasses()
+{
+    std::array<uchar, 256> classes{};
+    for (int c = 0; c < 256; ++c) {
+        if (c < 0x20 || c == 0x7f)
+            classes[c] = HexEscaped;
+        else if (c == '"' || c == '\\')
+            classes[c] = Backslashed;
+        else if (c >= 0x80)
+            classes[c] = High;
+        else if ((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'))
+            classes[c] = PlainHexDigit;
+        else
+            classes[c] = Plain;
+    }
+    return classes;
+}
+
+// Appends bytes inside a quoted value. A hex digit right after an escape is
+// escaped as well, because escapes are read greedily. This runs over every
+// stored byte at every save, so plain runs are copied whole.
 void appendEscaped(QByteArray &out, QByteArrayView bytes, bool escapeHighBytes)
 {
+    static constexpr std::array<uchar, 256> classes = byteClasses();
     const qsizetype start = out.size();
     out.resize(start + bytes.size() * 4);
     char *cursor = out.data() + start;
+    const auto *in = reinterpret_cast<const uchar *>(bytes.data());
+    const qsizetype size = bytes.size();
     bool afterEscape = false;
-    for (const char byte : bytes) {
-        const auto c = uchar(byte);
-        if (c == '"' || c == '\\') {
-            *cursor++ = '\\';
+    qsizetype i = 0;
+    while (i < size) {
+        const uchar first = classes[in[i]];
+        if (first == Plain || (first == PlainHexDigit && !afterEscape) || (first == High && !escapeHighBytes)) {
+            const qsizetype runStart = i++;
+            while (i < size) {
+                const uchar c = classes[in[i]];
+                if (c != Plain && c != PlainHexDigit && (c != High || escapeHighBytes))
+                    break;
+                ++i;
+            }
+            std::memcpy(cursor, in + runStart, size_t(i - runStart));
+            cursor += i - runStart;
+            afterEscape = false;
+            continue;
+        }
+        const uchar c = in[i++];
+        *cursor++ = '\\';
+        if (first == Backslashed) {
             *cursor++ = char(c);
             afterEscape = false;
-        } else if (c < 0x20 || c == 0x7f || (c >= 0x80 && escapeHighBytes) || (afterEscape && isHexDigit(c))) {
-            *cursor++ = '\\';
+        } else {
             *cursor++ = 'x';
             *cursor++ = HexDigits[c >> 4];
             *cursor++ = HexDigits[c & 0xf];
             afterEscape = true;
-        } else {
-            *cursor++ = char(c);
-            afterEscape = false;
         }
     }
     out.resize(cursor - out.constData());
@@ -75,8 +114,38 @@ void appendKey(QByteArray &out, QStringView key)
     }
 }
 
-void appendValue(QByteArray &out, const QVariant &value)
+// The escaped form of the last data value written under each key. Saving one
+// value rewrites the whole file, and the others (the rules, when a link is
+// recorded) are usually the very same bytes as last time: Qt shares them, so
+// the escaped text can be reused without even comparing.
+class EscapedValues final
 {
+public:
+    void append(QByteArray &out, const QString &key, const QByteArray &value)
+    {
+        const QMutexLocker lock(&m_mutex);
+        Entry &entry = m_entries[key];
+        if (!entry.source.isSharedWith(value) || entry.source.isNull()) {
+            entry.escaped.clear();
+            appendEscaped(entry.escaped, value, true);
+            entry.source = value;
+        }
+        out += entry.escaped;
+    }
+
+private:
+    struct Entry
+    {
+        QByteArray source;
+        QByteArray escaped;
+    };
+    QMutex m_mutex;
+    QHash<QString, Entry> m_entries;
+};
+
+void appendValue(QByteArray &out, const QString &key, const QVariant &value)
+{
+    static EscapedValues escapedValues;
     switch (value.typeId()) {
     case QMetaType::UnknownType:
         out += "@Invalid()";
@@ -92,7 +161,7 @@ void appendValue(QByteArray &out, const QVariant &value)
         return;
     case QMetaType::QByteArray:
         out += "\"@ByteArray(";
-        appendEscaped(out, value.toByteArray(), true);
+        escapedValues.append(out, key, value.toByteArray());
         out += ")\"";
         return;
     default: {
@@ -271,7 +340,7 @@ bool write(QIODevice &device, const QSettings::SettingsMap &map)
             const qsizetype slash = it.key().lastIndexOf(u'/');
             appendKey(out, QStringView(it.key()).sliced(slash + 1));
             out += '=';
-            appendValue(out, it.value());
+            appendValue(out, it.key(), it.value());
             out += '\n';
         }
     }
