@@ -97,6 +97,23 @@ void BM_Route(benchmark::State &state)
 }
 BENCHMARK(BM_Route)->Arg(10)->Arg(100)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
 
+// The first link after a rule changed: the router orders the new list afresh.
+void BM_RouteAfterRuleChange(benchmark::State &state)
+{
+    DiagnosticLog::setEnabled(false);
+    const QList<RoutingRule> rules = makeRules(int(state.range(0)));
+    const std::optional<SourceApp> source = SourceApp{u"org.gnome.Evolution"_s, u"Evolution"_s};
+    for (auto _ : state) {
+        state.PauseTiming();
+        QList<RoutingRule> changed = rules;
+        changed.detach();
+        state.ResumeTiming();
+        benchmark::DoNotOptimize(URLRouter::route(benchLink(), source, changed, u"firefox"_s));
+    }
+    DiagnosticLog::setEnabled(true);
+}
+BENCHMARK(BM_RouteAfterRuleChange)->Arg(10)->Arg(1000)->Unit(benchmark::kMicrosecond);
+
 void BM_RouteWithTrail(benchmark::State &state)
 {
     QTemporaryDir dir;

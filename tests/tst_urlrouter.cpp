@@ -46,6 +46,7 @@ private Q_SLOTS:
     void sourceRulesNeedASource();
     void emptyRulesAndFallback();
     void storedOrderBreaksTies();
+    void followsRulesChangedInPlace();
     void matchesPattern_data();
     void matchesPattern();
     void domainSpecificity_data();
@@ -119,6 +120,23 @@ void TestURLRouter::storedOrderBreaksTies()
                                       rule(u"app"_s, u"docs.example.com"_s, u"specific"_s)};
     QCOMPARE(URLRouter::route(link(u"https://docs.example.com/"_s), source(u"app"_s), combined, QString())->browserBundleID,
              u"catch-all"_s);
+}
+
+void TestURLRouter::followsRulesChangedInPlace()
+{
+    // The same list object, edited between two links, as the application state does.
+    QList<RoutingRule> rules{rule(QString(), u"example.com"_s, u"first"_s)};
+    const Link url = link(u"https://example.com/"_s);
+    QCOMPARE(URLRouter::route(url, std::nullopt, rules, QString())->browserBundleID, u"first"_s);
+    rules[0].targetBrowserBundleID = u"edited"_s;
+    QCOMPARE(URLRouter::route(url, std::nullopt, rules, QString())->browserBundleID, u"edited"_s);
+    rules.prepend(rule(QString(), u"*"_s, u"catch-all"_s));
+    rules.append(rule(QString(), u"www.example.com"_s, u"more specific"_s));
+    QCOMPARE(URLRouter::route(url, std::nullopt, rules, QString())->browserBundleID, u"edited"_s);
+    rules[1].urlPattern = u"other.org"_s;
+    QCOMPARE(URLRouter::route(url, std::nullopt, rules, QString())->browserBundleID, u"catch-all"_s);
+    rules.removeFirst();
+    QCOMPARE(URLRouter::route(url, std::nullopt, rules, u"fb"_s)->browserBundleID, u"fb"_s);
 }
 
 void TestURLRouter::matchesPattern_data()

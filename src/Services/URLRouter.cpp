@@ -2,8 +2,6 @@
 
 #include "Platform/DiagnosticLog.h"
 
-#include <QVarLengthArray>
-
 #include <algorithm>
 
 using namespace Qt::Literals::StringLiterals;
@@ -174,6 +172,64 @@ Decision matched(Decision::Kind kind, const RoutingRule &rule, qsizetype index)
     return Decision{kind, RouteResult{rule.targetBrowserBundleID, rule.targetProfileID}, index};
 }
 
+// The order in which a rule list is tried: its app rules in stored order, and its
+// URL rules most specific first (stored order within one rank, by a stable
+// counting sort, as ranks are small numbers), each with its pattern's shape.
+struct Plan
+{
+    struct Candidate
+    {
+        qsizetype index;
+        Shape shape;
+    };
+
+    QList<RoutingRule> rules;
+    QList<qsizetype> appRules;
+    QList<Candidate> urlRules;
+
+    explicit Plan(const QList<RoutingRule> &list)
+        : rules(list)
+    {
+        QList<Candidate> candidates;
+        int maxRank = 0;
+        for (qsizetype i = 0; i < list.size(); ++i) {
+            switch (list[i].kind()) {
+            case RoutingRule::Kind::SourceOnly:
+            case RoutingRule::Kind::Combined:
+                appRules.append(i);
+                break;
+            case RoutingRule::Kind::UrlOnly:
+                candidates.append(Candidate{i, Shape(*list[i].urlPattern)});
+                maxRank = std::max(maxRank, candidates.back().shape.specificity());
+                break;
+            case RoutingRule::Kind::Inert:
+                break;
+            }
+        }
+        QList<qsizetype> slots(maxRank + 2, 0);
+        for (const Candidate &candidate : std::as_const(candidates))
+            ++slots[maxRank - candidate.shape.specificity() + 1];
+        for (qsizetype rank = 1; rank < slots.size(); ++rank)
+            slots[rank] += slots[rank - 1];
+        urlRules.resize(candidates.size());
+        for (const Candidate &candidate : std::as_const(candidates))
+            urlRules[slots[maxRank - candidate.shape.specificity()]++] = candidate;
+    }
+};
+
+// The plan of the rule list routed last. The application state routes every link
+// over the same list until the user changes a rule; the plan keeps a shallow
+// copy of that list, so a list that is the same object is unchanged (a change
+// would have detached it from the copy).
+const Plan &planFor(const QList<RoutingRule> &rules)
+{
+    thread_local std::optional<Plan> last;
+    if (!last || last->rules.constData() != rules.constData() || last->rules.size() != rules.size()
+        || rules.isEmpty())
+        last.emplace(rules);
+    return *last;
+}
+
 } // namespace
 
 Decision decide(const Link &url, const std::optional<SourceApp> &source, const QList<RoutingRule> &rules,
@@ -196,12 +252,18 @@ Decision decide(const Link &url, const std::optional<SourceApp> &source, const Q
     }
 
     const Subject subject(url);
+    const Plan &plan = planFor(rules);
 
     if (source) {
-        for (qsizetype i = 0; i < rules.size(); ++i) {
+        std::optional<qsizetype> sourceOnly;
+        for (const qsizetype i : plan.appRules) {
             const RoutingRule &rule = rules[i];
-            if (rule.kind() == RoutingRule::Kind::Combined && sameApp(rule.sourceAppBundleID, source->bundleID)
-                && matchesLowered(subject, *rule.urlPattern)) {
+            if (!sameApp(rule.sourceAppBundleID, source->bundleID))
+                continue;
+            if (!rule.urlPattern) {
+                if (!sourceOnly)
+                    sourceOnly = i;
+            } else if (matchesLowered(subject, *rule.urlPattern)) {
                 if (trail) {
                     debugLog(u"MATCHED combined rule: src=%1 pattern=%2 → %3"_s.arg(
                         rule.sourceAppBundleID, *rule.urlPattern, rule.targetBrowserBundleID));
@@ -209,50 +271,22 @@ Decision decide(const Link &url, const std::optional<SourceApp> &source, const Q
                 return matched(Decision::Kind::Combined, rule, i);
             }
         }
-        for (qsizetype i = 0; i < rules.size(); ++i) {
-            const RoutingRule &rule = rules[i];
-            if (rule.kind() == RoutingRule::Kind::SourceOnly && sameApp(rule.sourceAppBundleID, source->bundleID)) {
-                if (trail) {
-                    debugLog(u"MATCHED source-only rule: %1 → %2"_s.arg(rule.sourceAppBundleID,
-                                                                          rule.targetBrowserBundleID));
-                }
-                return matched(Decision::Kind::SourceOnly, rule, i);
-            }
+        if (sourceOnly) {
+            const RoutingRule &rule = rules[*sourceOnly];
+            if (trail)
+                debugLog(u"MATCHED source-only rule: %1 → %2"_s.arg(rule.sourceAppBundleID, rule.targetBrowserBundleID));
+            return matched(Decision::Kind::SourceOnly, rule, *sourceOnly);
         }
     }
 
-    // URL-only rules, most specific first and in stored order within one rank: a
-    // stable counting sort, as ranks are small numbers.
-    struct Candidate
-    {
-        qsizetype index;
-        Shape shape;
-    };
-    QVarLengthArray<Candidate, 64> candidates;
-    int maxRank = 0;
-    for (qsizetype i = 0; i < rules.size(); ++i) {
-        if (rules[i].kind() == RoutingRule::Kind::UrlOnly) {
-            candidates.append(Candidate{i, Shape(*rules[i].urlPattern)});
-            maxRank = std::max(maxRank, candidates.back().shape.specificity());
-        }
-    }
-    QVarLengthArray<qsizetype, 32> slots(maxRank + 2, 0);
-    for (const Candidate &candidate : std::as_const(candidates))
-        ++slots[maxRank - candidate.shape.specificity() + 1];
-    for (qsizetype rank = 1; rank < slots.size(); ++rank)
-        slots[rank] += slots[rank - 1];
-    QVarLengthArray<const Candidate *, 64> ordered(candidates.size());
-    for (const Candidate &candidate : std::as_const(candidates))
-        ordered[slots[maxRank - candidate.shape.specificity()]++] = &candidate;
-
-    for (const Candidate *candidate : std::as_const(ordered)) {
-        const RoutingRule &rule = rules[candidate->index];
-        if (matchesLowered(subject, *rule.urlPattern, candidate->shape)) {
+    for (const Plan::Candidate &candidate : plan.urlRules) {
+        const RoutingRule &rule = rules[candidate.index];
+        if (matchesLowered(subject, *rule.urlPattern, candidate.shape)) {
             if (trail) {
                 debugLog(u"MATCHED url-only rule: pattern=%1 → %2"_s.arg(*rule.urlPattern,
                                                                           rule.targetBrowserBundleID));
             }
-            return matched(Decision::Kind::UrlOnly, rule, candidate->index);
+            return matched(Decision::Kind::UrlOnly, rule, candidate.index);
         }
     }
 
