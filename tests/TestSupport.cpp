@@ -59,6 +59,12 @@ Link link(QStringView text)
     return *parsed;
 }
 
+RoutingRule makeRule(const QString &source, std::optional<QString> pattern, const QString &target,
+                     std::optional<QString> profile)
+{
+    return RoutingRule{QUuid::createUuid(), source, source, target, target, std::move(pattern), std::move(profile)};
+}
+
 TestHttpServer::TestHttpServer()
 {
     connect(&m_server, &QTcpServer::newConnection, this, &TestHttpServer::onConnection);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Models/Link.h"
+#include "Models/RoutingRule.h"
 
 #include <QByteArray>
 #include <QHash>
@@ -32,6 +33,10 @@ private:
 
 // Parses a link that the test knows to be valid.
 Link link(QStringView text);
+
+// A rule whose names are its ids.
+RoutingRule makeRule(const QString &source, std::optional<QString> pattern, const QString &target,
+                     std::optional<QString> profile = std::nullopt);
 
 // A real HTTP/1.1 server on 127.0.0.1 that answers each path with a scripted
 // response, or not at all. It counts the requests it received per path.

@@ -11,11 +11,6 @@ using namespace Qt::Literals::StringLiterals;
 
 namespace {
 
-RoutingRule rule(const QString &source, std::optional<QString> pattern, const QString &target,
-                 std::optional<QString> profile = std::nullopt)
-{
-    return RoutingRule{QUuid::createUuid(), source, source, target, target, std::move(pattern), std::move(profile)};
-}
 
 struct Result
 {
@@ -56,12 +51,12 @@ void TestExplain::init()
     m_settings = m_environment->settings();
     RuleStore store(*m_settings);
     store.saveRules({
-        rule(u"com.example.chat"_s, std::nullopt, u"com.google.Chrome"_s),
-        rule(u"com.example.chat"_s, u"*meet.example.org*"_s, u"com.apple.Safari"_s),
-        rule(QString(), u"example.com"_s, u"org.mozilla.firefox"_s),
-        rule(QString(), u"docs.example.com"_s, u"com.google.Chrome"_s, u"Profile 1"_s),
-        rule(QString(), u"*example.com/admin*"_s, u"com.apple.Safari"_s),
-        rule(QString(), u"example.com/api"_s, u"com.microsoft.edgemac"_s),
+        makeRule(u"com.example.chat"_s, std::nullopt, u"com.google.Chrome"_s),
+        makeRule(u"com.example.chat"_s, u"*meet.example.org*"_s, u"com.apple.Safari"_s),
+        makeRule(QString(), u"example.com"_s, u"org.mozilla.firefox"_s),
+        makeRule(QString(), u"docs.example.com"_s, u"com.google.Chrome"_s, u"Profile 1"_s),
+        makeRule(QString(), u"*example.com/admin*"_s, u"com.apple.Safari"_s),
+        makeRule(QString(), u"example.com/api"_s, u"com.microsoft.edgemac"_s),
     });
     store.saveDefaultBrowserBundleID(u"com.apple.Safari"_s);
     m_expandCalls.clear();

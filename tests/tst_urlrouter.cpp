@@ -8,22 +8,17 @@ using namespace Qt::Literals::StringLiterals;
 
 namespace {
 
-RoutingRule rule(const QString &source, std::optional<QString> pattern, const QString &target,
-                 std::optional<QString> profile = std::nullopt)
-{
-    return RoutingRule{QUuid::createUuid(), source, source, target, target, std::move(pattern), std::move(profile)};
-}
 
 // The worked example: R1 to R6 in stored order, fallback com.apple.Safari.
 QList<RoutingRule> workedRules()
 {
     return {
-        rule(u"com.example.chat"_s, std::nullopt, u"com.google.Chrome"_s),
-        rule(u"com.example.chat"_s, u"*meet.example.org*"_s, u"com.apple.Safari"_s),
-        rule(QString(), u"example.com"_s, u"org.mozilla.firefox"_s),
-        rule(QString(), u"docs.example.com"_s, u"com.google.Chrome"_s, u"Profile 1"_s),
-        rule(QString(), u"*example.com/admin*"_s, u"com.apple.Safari"_s),
-        rule(QString(), u"example.com/api"_s, u"com.microsoft.edgemac"_s),
+        makeRule(u"com.example.chat"_s, std::nullopt, u"com.google.Chrome"_s),
+        makeRule(u"com.example.chat"_s, u"*meet.example.org*"_s, u"com.apple.Safari"_s),
+        makeRule(QString(), u"example.com"_s, u"org.mozilla.firefox"_s),
+        makeRule(QString(), u"docs.example.com"_s, u"com.google.Chrome"_s, u"Profile 1"_s),
+        makeRule(QString(), u"*example.com/admin*"_s, u"com.apple.Safari"_s),
+        makeRule(QString(), u"example.com/api"_s, u"com.microsoft.edgemac"_s),
     };
 }
 
@@ -92,14 +87,14 @@ void TestURLRouter::workedExamples()
 void TestURLRouter::sourceRulesNeedASource()
 {
     // Without a source, even a combined rule whose pattern matches is not considered.
-    const QList<RoutingRule> rules{rule(u"com.example.chat"_s, u"*meet*"_s, u"a"_s),
-                                   rule(u"com.example.chat"_s, std::nullopt, u"b"_s)};
+    const QList<RoutingRule> rules{makeRule(u"com.example.chat"_s, u"*meet*"_s, u"a"_s),
+                                   makeRule(u"com.example.chat"_s, std::nullopt, u"b"_s)};
     const auto decision = URLRouter::decide(link(u"https://meet.example.org/"_s), std::nullopt, rules, u"fb"_s);
     QCOMPARE(decision.kind, URLRouter::Decision::Kind::Fallback);
     QCOMPARE(decision.result, (RouteResult{u"fb"_s, std::nullopt}));
 
     // An inert rule (no source, no pattern) never matches.
-    const QList<RoutingRule> inert{rule(QString(), std::nullopt, u"x"_s)};
+    const QList<RoutingRule> inert{makeRule(QString(), std::nullopt, u"x"_s)};
     QCOMPARE(URLRouter::route(link(u"https://e.com/"_s), source(u"a"_s), inert, QString()), std::nullopt);
 }
 
@@ -112,12 +107,12 @@ void TestURLRouter::emptyRulesAndFallback()
 
 void TestURLRouter::storedOrderBreaksTies()
 {
-    const QList<RoutingRule> urlRules{rule(QString(), u"*.com/*"_s, u"first"_s), rule(QString(), u"*e.com*"_s, u"second"_s)};
+    const QList<RoutingRule> urlRules{makeRule(QString(), u"*.com/*"_s, u"first"_s), makeRule(QString(), u"*e.com*"_s, u"second"_s)};
     QCOMPARE(URLRouter::route(link(u"https://e.com/"_s), std::nullopt, urlRules, QString())->browserBundleID, u"first"_s);
 
     // Among an app's combined rules the first stored wins, however specific the others are.
-    const QList<RoutingRule> combined{rule(u"app"_s, u"*"_s, u"catch-all"_s),
-                                      rule(u"app"_s, u"docs.example.com"_s, u"specific"_s)};
+    const QList<RoutingRule> combined{makeRule(u"app"_s, u"*"_s, u"catch-all"_s),
+                                      makeRule(u"app"_s, u"docs.example.com"_s, u"specific"_s)};
     QCOMPARE(URLRouter::route(link(u"https://docs.example.com/"_s), source(u"app"_s), combined, QString())->browserBundleID,
              u"catch-all"_s);
 }
@@ -125,13 +120,13 @@ void TestURLRouter::storedOrderBreaksTies()
 void TestURLRouter::followsRulesChangedInPlace()
 {
     // The same list object, edited between two links, as the application state does.
-    QList<RoutingRule> rules{rule(QString(), u"example.com"_s, u"first"_s)};
+    QList<RoutingRule> rules{makeRule(QString(), u"example.com"_s, u"first"_s)};
     const Link url = link(u"https://example.com/"_s);
     QCOMPARE(URLRouter::route(url, std::nullopt, rules, QString())->browserBundleID, u"first"_s);
     rules[0].targetBrowserBundleID = u"edited"_s;
     QCOMPARE(URLRouter::route(url, std::nullopt, rules, QString())->browserBundleID, u"edited"_s);
-    rules.prepend(rule(QString(), u"*"_s, u"catch-all"_s));
-    rules.append(rule(QString(), u"www.example.com"_s, u"more specific"_s));
+    rules.prepend(makeRule(QString(), u"*"_s, u"catch-all"_s));
+    rules.append(makeRule(QString(), u"www.example.com"_s, u"more specific"_s));
     QCOMPARE(URLRouter::route(url, std::nullopt, rules, QString())->browserBundleID, u"edited"_s);
     rules[1].urlPattern = u"other.org"_s;
     QCOMPARE(URLRouter::route(url, std::nullopt, rules, QString())->browserBundleID, u"catch-all"_s);

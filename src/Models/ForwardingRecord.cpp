@@ -48,12 +48,7 @@ Expected<ForwardingRecord, DecodeError> ForwardingRecord::fromJson(const QJsonVa
 
 QByteArray ForwardingRecord::listToJson(const QList<ForwardingRecord> &records)
 {
-    JsonWriter writer;
-    writer.beginArray();
-    for (const ForwardingRecord &record : records)
-        record.writeJson(writer);
-    writer.endArray();
-    return writer.take();
+    return JsonWriter::array(records);
 }
 
 Expected<QList<ForwardingRecord>, DecodeError> ForwardingRecord::listFromJson(QByteArrayView utf8)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QList>
 #include <QStringView>
 
 #include <optional>
@@ -21,6 +22,18 @@ public:
     void member(QLatin1StringView key, double value);
     // Omitted when absent.
     void optionalMember(QLatin1StringView key, const std::optional<QString> &value);
+
+    // A list of records that write themselves with writeJson(JsonWriter &).
+    template<typename Record>
+    static QByteArray array(const QList<Record> &records)
+    {
+        JsonWriter writer;
+        writer.beginArray();
+        for (const Record &record : records)
+            record.writeJson(writer);
+        writer.endArray();
+        return writer.take();
+    }
 
     qsizetype size() const { return qsizetype(m_out.size()); }
     QByteArray take() const { return QByteArray(m_out.data(), qsizetype(m_out.size())); }

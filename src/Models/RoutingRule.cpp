@@ -54,12 +54,7 @@ void RoutingRule::writeJson(JsonWriter &writer) const
 
 QByteArray RoutingRule::listToJson(const QList<RoutingRule> &rules)
 {
-    JsonWriter writer;
-    writer.beginArray();
-    for (const RoutingRule &rule : rules)
-        rule.writeJson(writer);
-    writer.endArray();
-    return writer.take();
+    return JsonWriter::array(rules);
 }
 
 Expected<QList<RoutingRule>, DecodeError> RoutingRule::listFromJson(QByteArrayView utf8)

@@ -43,7 +43,10 @@ public:
         qCInfo(lcUrlExpander).noquote() << u"Expanding URL: %1"_s.arg(m_original.toString());
         m_network = new QNetworkAccessManager(this);
         m_network->setCookieJar(nullptr);
+        // A hard deadline per request: a server that trickles bytes must not keep
+        // the link waiting, and a coarse timer may fire early.
         m_timer.setSingleShot(true);
+        m_timer.setTimerType(Qt::PreciseTimer);
         m_timer.setInterval(RequestTimeoutMs);
         connect(&m_timer, &QTimer::timeout, this, [this] {
             m_timedOut = true;
@@ -62,7 +65,6 @@ private:
         request.setAttribute(QNetworkRequest::CookieSaveControlAttribute, QNetworkRequest::Manual);
         request.setAttribute(QNetworkRequest::CacheSaveControlAttribute, false);
         request.setAttribute(QNetworkRequest::CacheLoadControlAttribute, QNetworkRequest::AlwaysNetwork);
-        request.setTransferTimeout(RequestTimeoutMs);
         if (!request.url().isValid()) {
             qCCritical(lcUrlExpander).noquote() << u"Expansion failed at step %1: %2"_s.arg(
                 QString::number(m_step), u"The link cannot be requested."_s);
