@@ -33,7 +33,8 @@ QList<RoutingRule> makeRules(int count)
     QList<RoutingRule> rules;
     rules.reserve(count);
     for (int i = 0; i < count; ++i) {
-        RoutingRule rule{QUuid::createUuid(), QString(), QString(), u"firefox"_s, u"Firefox"_s, std::nullopt, std::nullopt};
+        RoutingRule rule{QUuid::createUuid(), QString(),    QString(),   u"firefox"_s,
+                         u"Firefox"_s,        std::nullopt, std::nullopt};
         switch (i % 5) {
         case 0:
             rule.sourceAppBundleID = u"org.example.App%1"_s.arg(i);
@@ -63,7 +64,9 @@ ForwardingRecord makeRecord(int i)
     ForwardingRecord record;
     record.id = QUuid::createUuid();
     record.timestamp = QDateTime::currentDateTimeUtc().addSecs(-i);
-    record.originalURL = u"https://www.example.com/articles/%1/some-long-title-of-an-article?utm_source=news&ref=%1"_s.arg(i);
+    record.originalURL =
+        u"https://www.example.com/articles/%1/some-long-title-of-an-article?utm_source=news&ref=%1"_s
+            .arg(i);
     record.sourceAppBundleID = u"org.gnome.Evolution"_s;
     record.sourceAppName = u"Evolution"_s;
     record.targetBrowserBundleID = u"firefox-esr"_s;
@@ -82,7 +85,8 @@ QList<ForwardingRecord> makeHistory(int count)
 
 const Link &benchLink()
 {
-    static const Link url = parsed(u"https://www.somewhere.example/a/long/path/to/an/article?id=42&lang=en#comments"_s);
+    static const Link url =
+        parsed(u"https://www.somewhere.example/a/long/path/to/an/article?id=42&lang=en#comments"_s);
     return url;
 }
 
@@ -128,11 +132,17 @@ void BM_RouteWithTrail(benchmark::State &state)
         state.ResumeTiming();
     }
 }
-BENCHMARK(BM_RouteWithTrail)->Arg(10)->Arg(100)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_RouteWithTrail)
+    ->Arg(10)
+    ->Arg(100)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Unit(benchmark::kMicrosecond);
 
 void BM_CleanTracking(benchmark::State &state)
 {
-    const Link url = parsed(u"https://shop.example.com/item/123?utm_source=news&utm_medium=mail&id=123&fbclid=abc#reviews"_s);
+    const Link url = parsed(
+        u"https://shop.example.com/item/123?utm_source=news&utm_medium=mail&id=123&fbclid=abc#reviews"_s);
     for (auto _ : state)
         benchmark::DoNotOptimize(URLCleaner::clean(url));
 }
@@ -199,7 +209,11 @@ void BM_RecordIntoFullHistory(benchmark::State &state)
     for (auto _ : state)
         HistoryStore::record(settings, makeRecord(++i));
 }
-BENCHMARK(BM_RecordIntoFullHistory)->Arg(20)->Arg(1000)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_RecordIntoFullHistory)
+    ->Arg(20)
+    ->Arg(1000)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 } // namespace
 

@@ -8,7 +8,8 @@
 using namespace Qt::Literals::StringLiterals;
 
 namespace {
-const QByteArrayList EnvironmentNames{"XDG_CONFIG_HOME", "XDG_RUNTIME_DIR", "XDG_DATA_HOME", "HOME"};
+const QByteArrayList EnvironmentNames{"XDG_CONFIG_HOME", "XDG_RUNTIME_DIR", "XDG_DATA_HOME",
+                                      "HOME"};
 }
 
 TestEnvironment::TestEnvironment()
@@ -22,7 +23,8 @@ TestEnvironment::TestEnvironment()
     qputenv("XDG_RUNTIME_DIR", base + "/run");
     qputenv("XDG_DATA_HOME", base + "/data");
     QDir(m_dir.path()).mkpath(u"run"_s);
-    QFile::setPermissions(m_dir.path() + u"/run"_s, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    QFile::setPermissions(m_dir.path() + u"/run"_s,
+                          QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
 }
 
 TestEnvironment::~TestEnvironment()
@@ -62,7 +64,8 @@ Link link(QStringView text)
 RoutingRule makeRule(const QString &source, std::optional<QString> pattern, const QString &target,
                      std::optional<QString> profile)
 {
-    return RoutingRule{QUuid::createUuid(), source, source, target, target, std::move(pattern), std::move(profile)};
+    return RoutingRule{QUuid::createUuid(), source, source, target, target, std::move(pattern),
+                       std::move(profile)};
 }
 
 TestHttpServer::TestHttpServer()
@@ -115,7 +118,8 @@ void TestHttpServer::onConnection()
                 const Response response = m_responses.value(path, Response{404, {}, false});
                 if (response.silent)
                     return;
-                QByteArray reply = "HTTP/1.1 " + QByteArray::number(response.status) + " Status\r\n";
+                QByteArray reply =
+                    "HTTP/1.1 " + QByteArray::number(response.status) + " Status\r\n";
                 for (const auto &[name, value] : response.headers)
                     reply += name + ": " + value + "\r\n";
                 reply += "Content-Length: 0\r\n\r\n";

@@ -11,7 +11,6 @@ using namespace Qt::Literals::StringLiterals;
 
 namespace {
 
-
 struct Result
 {
     int exitCode;
@@ -95,15 +94,31 @@ void TestExplain::workedExamples_data()
     QTest::addColumn<QString>("browser");
     QTest::addColumn<QString>("decidedBy");
 
-    QTest::newRow("combined") << u"https://meet.example.org/abc"_s << u"com.example.chat"_s << u"com.apple.Safari"_s << u"app rule for com.example.chat with pattern \"*meet.example.org*\", rule 2 of 6"_s;
-    QTest::newRow("source-only") << u"https://docs.example.com/x"_s << u"com.example.chat"_s << u"com.google.Chrome"_s << u"app rule for every link from com.example.chat, rule 1 of 6"_s;
-    QTest::newRow("URL rule with profile") << u"https://docs.example.com/guide"_s << u"com.example.mail"_s << u"com.google.Chrome"_s << u"URL rule with pattern \"docs.example.com\", rule 4 of 6"_s;
-    QTest::newRow("rank decides") << u"https://shop.example.com/admin/users"_s << u"com.example.mail"_s << u"org.mozilla.firefox"_s << u"URL rule with pattern \"example.com\", rule 3 of 6"_s;
-    QTest::newRow("substring") << u"https://api.test.org/example.com/api"_s << QString() << u"com.microsoft.edgemac"_s << u"URL rule with pattern \"example.com/api\", rule 6 of 6"_s;
-    QTest::newRow("case folded") << u"https://EXAMPLE.COM/"_s << QString() << u"org.mozilla.firefox"_s << u"URL rule with pattern \"example.com\", rule 3 of 6"_s;
-    QTest::newRow("fallback") << u"https://notexample.com/"_s << QString() << u"com.apple.Safari"_s << u"fallback (no rule matched)"_s;
-    QTest::newRow("host suffix") << u"https://example.com.test.org/"_s << QString() << u"com.apple.Safari"_s << u"fallback (no rule matched)"_s;
-    QTest::newRow("ids ignore case") << u"https://docs.example.com/"_s << u"COM.EXAMPLE.CHAT"_s << u"com.google.Chrome"_s << u"app rule for every link from com.example.chat, rule 1 of 6"_s;
+    QTest::newRow("combined")
+        << u"https://meet.example.org/abc"_s << u"com.example.chat"_s << u"com.apple.Safari"_s
+        << u"app rule for com.example.chat with pattern \"*meet.example.org*\", rule 2 of 6"_s;
+    QTest::newRow("source-only") << u"https://docs.example.com/x"_s << u"com.example.chat"_s
+                                 << u"com.google.Chrome"_s
+                                 << u"app rule for every link from com.example.chat, rule 1 of 6"_s;
+    QTest::newRow("URL rule with profile")
+        << u"https://docs.example.com/guide"_s << u"com.example.mail"_s << u"com.google.Chrome"_s
+        << u"URL rule with pattern \"docs.example.com\", rule 4 of 6"_s;
+    QTest::newRow("rank decides") << u"https://shop.example.com/admin/users"_s
+                                  << u"com.example.mail"_s << u"org.mozilla.firefox"_s
+                                  << u"URL rule with pattern \"example.com\", rule 3 of 6"_s;
+    QTest::newRow("substring") << u"https://api.test.org/example.com/api"_s << QString()
+                               << u"com.microsoft.edgemac"_s
+                               << u"URL rule with pattern \"example.com/api\", rule 6 of 6"_s;
+    QTest::newRow("case folded") << u"https://EXAMPLE.COM/"_s << QString()
+                                 << u"org.mozilla.firefox"_s
+                                 << u"URL rule with pattern \"example.com\", rule 3 of 6"_s;
+    QTest::newRow("fallback") << u"https://notexample.com/"_s << QString() << u"com.apple.Safari"_s
+                              << u"fallback (no rule matched)"_s;
+    QTest::newRow("host suffix") << u"https://example.com.test.org/"_s << QString()
+                                 << u"com.apple.Safari"_s << u"fallback (no rule matched)"_s;
+    QTest::newRow("ids ignore case")
+        << u"https://docs.example.com/"_s << u"COM.EXAMPLE.CHAT"_s << u"com.google.Chrome"_s
+        << u"app rule for every link from com.example.chat, rule 1 of 6"_s;
 }
 
 void TestExplain::workedExamples()
@@ -125,15 +140,18 @@ void TestExplain::workedExamples()
 
 void TestExplain::showsCleaningAndTrail()
 {
-    const Result result = explain({u"https://docs.example.com/guide?utm_source=x&id=1"_s, u"--from=com.example.mail"_s});
+    const Result result = explain(
+        {u"https://docs.example.com/guide?utm_source=x&id=1"_s, u"--from=com.example.mail"_s});
     QCOMPARE(result.exitCode, 0);
     const QStringList lines = result.out.split(u'\n');
     QCOMPARE(lines.value(0), u"Link:       https://docs.example.com/guide?utm_source=x&id=1"_s);
     QCOMPARE(lines.value(1), u"Cleaned:    https://docs.example.com/guide?id=1"_s);
     QCOMPARE(lines.value(2), u"Source:     com.example.mail"_s);
     QVERIFY(lines.contains(u"Router trail:"_s));
-    QVERIFY(lines.contains(u"  route() called — url=https://docs.example.com/guide?id=1, source=com.example.mail, rules=6, fallback=com.apple.Safari"_s));
-    QCOMPARE(lines.value(lines.size() - 2), u"  MATCHED url-only rule: pattern=docs.example.com → com.google.Chrome"_s);
+    QVERIFY(lines.contains(
+        u"  route() called — url=https://docs.example.com/guide?id=1, source=com.example.mail, rules=6, fallback=com.apple.Safari"_s));
+    QCOMPARE(lines.value(lines.size() - 2),
+             u"  MATCHED url-only rule: pattern=docs.example.com → com.google.Chrome"_s);
     // The trail went to the output, not to the user's diagnostic file.
     QVERIFY(!QFile::exists(m_environment->diagnosticLogPath()));
 
@@ -165,14 +183,22 @@ void TestExplain::badInput_data()
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<QString>("error");
     QTest::newRow("no link") << QStringList() << u"which link?"_s;
-    QTest::newRow("two links") << QStringList{u"https://a.com"_s, u"https://b.com"_s} << u"only one link"_s;
-    QTest::newRow("unknown option") << QStringList{u"--frm"_s, u"x"_s} << u"unknown option \"--frm\""_s;
-    QTest::newRow("empty source") << QStringList{u"https://a.com"_s, u"--from"_s, u" "_s} << u"--from needs an application id"_s;
-    QTest::newRow("missing source") << QStringList{u"https://a.com"_s, u"--from"_s} << u"--from needs an application id"_s;
-    QTest::newRow("not a web link") << QStringList{u"ftp://a.com/x"_s} << u"Only http and https links can be routed; this link's scheme is \"ftp\"."_s;
-    QTest::newRow("not absolute") << QStringList{u"a.com/x"_s} << u"The link is not an absolute URL"_s;
+    QTest::newRow("two links") << QStringList{u"https://a.com"_s, u"https://b.com"_s}
+                               << u"only one link"_s;
+    QTest::newRow("unknown option")
+        << QStringList{u"--frm"_s, u"x"_s} << u"unknown option \"--frm\""_s;
+    QTest::newRow("empty source") << QStringList{u"https://a.com"_s, u"--from"_s, u" "_s}
+                                  << u"--from needs an application id"_s;
+    QTest::newRow("missing source")
+        << QStringList{u"https://a.com"_s, u"--from"_s} << u"--from needs an application id"_s;
+    QTest::newRow("not a web link")
+        << QStringList{u"ftp://a.com/x"_s}
+        << u"Only http and https links can be routed; this link's scheme is \"ftp\"."_s;
+    QTest::newRow("not absolute") << QStringList{u"a.com/x"_s}
+                                  << u"The link is not an absolute URL"_s;
     QTest::newRow("NUL") << QStringList{u"https://a.com/\0"_s} << u"control character"_s;
-    QTest::newRow("huge") << QStringList{QString(u"https://a.com/"_s + QString(2 << 20, u'x'))} << u"longer than"_s;
+    QTest::newRow("huge") << QStringList{QString(u"https://a.com/"_s + QString(2 << 20, u'x'))}
+                          << u"longer than"_s;
 }
 
 void TestExplain::badInput()
@@ -205,21 +231,25 @@ void TestExplain::endToEnd()
 {
     QProcess process;
     process.setProgram(QStringLiteral(QUILLVANE_EXECUTABLE));
-    process.setArguments({u"explain"_s, u"https://docs.example.com/guide?utm_source=x"_s, u"--from"_s, u"com.example.mail"_s});
+    process.setArguments({u"explain"_s, u"https://docs.example.com/guide?utm_source=x"_s,
+                          u"--from"_s, u"com.example.mail"_s});
     process.start();
     QVERIFY(process.waitForFinished(10000));
     const QString out = QString::fromUtf8(process.readAllStandardOutput());
     QCOMPARE(process.exitCode(), 0);
-    QVERIFY2(out.contains(u"Browser:    com.google.Chrome\nProfile:    Profile 1\n"_s), qPrintable(out));
+    QVERIFY2(out.contains(u"Browser:    com.google.Chrome\nProfile:    Profile 1\n"_s),
+             qPrintable(out));
     QVERIFY(process.readAllStandardError().isEmpty());
 
     // Arguments that are not UTF-8 are refused before anything else.
     process.setProgram(u"/bin/sh"_s);
-    process.setArguments({u"-c"_s, u"exec \"$0\" explain \"$(printf 'https://e.com/\\377')\""_s, QStringLiteral(QUILLVANE_EXECUTABLE)});
+    process.setArguments({u"-c"_s, u"exec \"$0\" explain \"$(printf 'https://e.com/\\377')\""_s,
+                          QStringLiteral(QUILLVANE_EXECUTABLE)});
     process.start();
     QVERIFY(process.waitForFinished(10000));
     QCOMPARE(process.exitCode(), 2);
-    QCOMPARE(process.readAllStandardError(), QByteArray("quillvane: argument 2 is not valid UTF-8 text.\n"));
+    QCOMPARE(process.readAllStandardError(),
+             QByteArray("quillvane: argument 2 is not valid UTF-8 text.\n"));
 
     process.setProgram(QStringLiteral(QUILLVANE_EXECUTABLE));
     process.setArguments({u"frobnicate"_s});

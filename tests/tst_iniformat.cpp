@@ -17,7 +17,9 @@ QVariantMap sampleValues()
     return {
         {u"routing_rules"_s, QByteArray(R"([{"id":"A","pattern":"*a,b;c=d \"q\" \\ /x*"}])")},
         {u"forwarding_history"_s, allBytes},
-        {u"hex_after_escape"_s, QByteArray("\x01" "abc\x7f" "9")},
+        {u"hex_after_escape"_s, QByteArray("\x01"
+                                           "abc\x7f"
+                                           "9")},
         {u"empty_bytes"_s, QByteArray("")},
         {u"rules_enabled"_s, false},
         {u"today_forward_count"_s, qint64(1) << 40},
@@ -97,8 +99,10 @@ void TestIniFormat::handWrittenFile()
     const QString path = dir.filePath(u"Quillvane.conf"_s);
     QFile file(path);
     QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write("; a comment\r\n[General]\r\n  rules_enabled = false ; trailing comment\r\nname=two words  \n"
-               "broken line without equals\n=no key\n[Other%20Section]\nk=\"quoted \\\"x\\\"\"\n\xff\xfe binary\n");
+    file.write("; a comment\r\n[General]\r\n  rules_enabled = false ; trailing comment\r\nname=two "
+               "words  \n"
+               "broken line without equals\n=no key\n[Other%20Section]\nk=\"quoted "
+               "\\\"x\\\"\"\n\xff\xfe binary\n");
     file.close();
     auto settings = UserSettings::open(path);
     QCOMPARE(settings->value(u"rules_enabled"_s).toString(), u"false"_s);

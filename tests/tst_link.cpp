@@ -80,15 +80,18 @@ void TestLink::invalidCharactersAreEncoded_data()
     QTest::addColumn<QString>("text");
     QTest::addColumn<QString>("expected");
     QTest::newRow("space in path") << u"https://e.com/a b"_s << u"https://e.com/a%20b"_s;
-    QTest::newRow("unicode path") << u"https://e.com/Bücher?q=ü"_s << u"https://e.com/B%C3%BCcher?q=%C3%BC"_s;
+    QTest::newRow("unicode path") << u"https://e.com/Bücher?q=ü"_s
+                                  << u"https://e.com/B%C3%BCcher?q=%C3%BC"_s;
     QTest::newRow("lone percent") << u"https://e.com/100%"_s << u"https://e.com/100%25"_s;
     QTest::newRow("second hash") << u"https://e.com/#a#b"_s << u"https://e.com/#a%23b"_s;
     QTest::newRow("emoji") << u"https://e.com/😀"_s << u"https://e.com/%F0%9F%98%80"_s;
     QTest::newRow("surrounding blanks trimmed") << u"  https://e.com/\n"_s << u"https://e.com/"_s;
     // A browser reads "\" as "/" in http(s) links: so must the router, or the
     // rule for one host could send the user to another.
-    QTest::newRow("backslash is a slash") << u"https://good.com\\@evil.com/"_s << u"https://good.com/@evil.com/"_s;
-    QTest::newRow("backslash in query kept safe") << u"https://e.com/?a=\\"_s << u"https://e.com/?a=%5C"_s;
+    QTest::newRow("backslash is a slash")
+        << u"https://good.com\\@evil.com/"_s << u"https://good.com/@evil.com/"_s;
+    QTest::newRow("backslash in query kept safe")
+        << u"https://e.com/?a=\\"_s << u"https://e.com/?a=%5C"_s;
     QTest::newRow("at sign in user info") << u"https://a@b@c.com/"_s << u"https://a%40b@c.com/"_s;
 }
 
@@ -126,16 +129,30 @@ void TestLink::badInputIsRefused_data()
     QTest::addColumn<QString>("text");
     QTest::addColumn<QString>("error");
     QTest::newRow("empty") << u"   "_s << u"The link is empty."_s;
-    QTest::newRow("relative") << u"//example.com/x"_s << u"The link is not an absolute URL: it has no scheme such as \"https:\"."_s;
-    QTest::newRow("no scheme") << u"example.com"_s << u"The link is not an absolute URL: it has no scheme such as \"https:\"."_s;
-    QTest::newRow("NUL") << u"https://e.com/a\0b"_s << u"The link contains a control character (such as a line break or NUL)."_s;
-    QTest::newRow("inner newline") << u"https://e.com/a\nb"_s << u"The link contains a control character (such as a line break or NUL)."_s;
-    QTest::newRow("bad port") << u"https://e.com:80x/"_s << u"The link's port is not a number from 0 to 65535."_s;
-    QTest::newRow("port too big") << u"https://e.com:65536/"_s << u"The link's port is not a number from 0 to 65535."_s;
-    QTest::newRow("space in host") << u"https://e .com/"_s << u"The link's host name is not valid."_s;
-    QTest::newRow("encoded NUL in host") << u"https://e%00.com/"_s << u"The link's host name is not valid."_s;
-    QTest::newRow("broken IP literal") << u"https://[::1/"_s << u"The link's host name is not valid."_s;
-    QTest::newRow("lone surrogate") << (u"https://e.com/"_s + QChar(0xD800)) << u"The link contains invalid characters."_s;
+    QTest::newRow("relative")
+        << u"//example.com/x"_s
+        << u"The link is not an absolute URL: it has no scheme such as \"https:\"."_s;
+    QTest::newRow("no scheme")
+        << u"example.com"_s
+        << u"The link is not an absolute URL: it has no scheme such as \"https:\"."_s;
+    QTest::newRow("NUL")
+        << u"https://e.com/a\0b"_s
+        << u"The link contains a control character (such as a line break or NUL)."_s;
+    QTest::newRow("inner newline")
+        << u"https://e.com/a\nb"_s
+        << u"The link contains a control character (such as a line break or NUL)."_s;
+    QTest::newRow("bad port") << u"https://e.com:80x/"_s
+                              << u"The link's port is not a number from 0 to 65535."_s;
+    QTest::newRow("port too big") << u"https://e.com:65536/"_s
+                                  << u"The link's port is not a number from 0 to 65535."_s;
+    QTest::newRow("space in host")
+        << u"https://e .com/"_s << u"The link's host name is not valid."_s;
+    QTest::newRow("encoded NUL in host")
+        << u"https://e%00.com/"_s << u"The link's host name is not valid."_s;
+    QTest::newRow("broken IP literal")
+        << u"https://[::1/"_s << u"The link's host name is not valid."_s;
+    QTest::newRow("lone surrogate")
+        << (u"https://e.com/"_s + QChar(0xD800)) << u"The link contains invalid characters."_s;
 }
 
 void TestLink::badInputIsRefused()
@@ -159,7 +176,8 @@ void TestLink::hugeLinks()
     QVERIFY(tooLong.error().description.contains(u"longer than"_s));
 
     QVERIFY(!Link::fromUtf8("https://e.com/\xff\xfe"));
-    QCOMPARE(Link::fromUtf8("https://e.com/\xff").error().description, u"The link is not valid UTF-8 text."_s);
+    QCOMPARE(Link::fromUtf8("https://e.com/\xff").error().description,
+             u"The link is not valid UTF-8 text."_s);
     QCOMPARE(Link::fromUtf8("https://e.com/\xc3\xbc")->toString(), u"https://e.com/%C3%BC"_s);
 }
 
@@ -169,8 +187,12 @@ void TestLink::webLinks_data()
     QTest::addColumn<QString>("error");
     QTest::newRow("https") << u"https://e.com"_s << QString();
     QTest::newRow("HTTP upper case") << u"HTTP://e.com/"_s << QString();
-    QTest::newRow("file") << u"file:///etc/passwd"_s << u"Only http and https links can be routed; this link's scheme is \"file\"."_s;
-    QTest::newRow("javascript") << u"javascript:alert(1)"_s << u"Only http and https links can be routed; this link's scheme is \"javascript\"."_s;
+    QTest::newRow("file")
+        << u"file:///etc/passwd"_s
+        << u"Only http and https links can be routed; this link's scheme is \"file\"."_s;
+    QTest::newRow("javascript")
+        << u"javascript:alert(1)"_s
+        << u"Only http and https links can be routed; this link's scheme is \"javascript\"."_s;
     QTest::newRow("no host") << u"https:///x"_s << u"The link has no host name."_s;
     QTest::newRow("no slashes") << u"https:example.com"_s << u"The link has no host name."_s;
 }
@@ -204,7 +226,8 @@ void TestLink::withQuery()
     const Link base = *Link::parse(u"https://e.com/p?a=1#top"_s);
     QCOMPARE(base.withQuery(u"b=2"_s)->toString(), u"https://e.com/p?b=2#top"_s);
     QCOMPARE(base.withQuery(std::nullopt)->toString(), u"https://e.com/p#top"_s);
-    QCOMPARE(Link::parse(u"https://e.com#f"_s)->withQuery(u"q"_s)->toString(), u"https://e.com?q#f"_s);
+    QCOMPARE(Link::parse(u"https://e.com#f"_s)->withQuery(u"q"_s)->toString(),
+             u"https://e.com?q#f"_s);
 }
 
 void TestLink::resolution_data()
@@ -222,7 +245,8 @@ void TestLink::resolution_data()
     QTest::newRow("../../../g") << u"../../../g"_s << u"http://a/g"_s;
     QTest::newRow("empty") << u""_s << u"http://a/b/c/d;p?q"_s;
     QTest::newRow("absolute") << u"https://other.org/x"_s << u"https://other.org/x"_s;
-    QTest::newRow("backslashes as a browser reads them") << u"\\\\evil.com/x"_s << u"http://evil.com/x"_s;
+    QTest::newRow("backslashes as a browser reads them")
+        << u"\\\\evil.com/x"_s << u"http://evil.com/x"_s;
     QTest::newRow("other scheme") << u"file:///etc/passwd"_s << u"file:///etc/passwd"_s;
 }
 

@@ -50,7 +50,9 @@ void TestLogs::lineFormatAndMode()
         uR"(\[[^\]]+Z\] \[URLRouter\] two\nlines\n$)"_s);
     QVERIFY2(format.match(text).hasMatch(), qPrintable(text));
 
-    struct stat info{};
+    struct stat info
+    {
+    };
     QCOMPARE(::stat(QFile::encodeName(environment.diagnosticLogPath()).constData(), &info), 0);
     QCOMPARE(info.st_mode & 0777, 0600u);
 }
@@ -110,7 +112,8 @@ void TestLogs::disabledAndRedirected()
     QVERIFY(!QFile::exists(environment.diagnosticLogPath()));
     {
         QStringList seen;
-        DiagnosticLog::Redirect redirect([&](QStringView tag, QStringView message) { seen.append(tag + u'|' + message); });
+        DiagnosticLog::Redirect redirect(
+            [&](QStringView tag, QStringView message) { seen.append(tag + u'|' + message); });
         QVERIFY(DiagnosticLog::isEnabled());
         DiagnosticLog::writeLines(u"T", {u"x"_s, u"y"_s});
         QCOMPARE(seen, (QStringList{u"T|x"_s, u"T|y"_s}));
@@ -130,9 +133,12 @@ void TestLogs::privateValues()
 
 void TestLogs::journalDetection()
 {
-    struct stat info{};
+    struct stat info
+    {
+    };
     QCOMPARE(::fstat(STDERR_FILENO, &info), 0);
-    const QByteArray matching = QByteArray::number(qulonglong(info.st_dev)) + ':' + QByteArray::number(qulonglong(info.st_ino));
+    const QByteArray matching = QByteArray::number(qulonglong(info.st_dev)) + ':'
+                                + QByteArray::number(qulonglong(info.st_ino));
     qputenv("JOURNAL_STREAM", matching);
     QVERIFY(SystemLog::stderrIsJournal());
     qputenv("JOURNAL_STREAM", matching + '1');
@@ -145,9 +151,11 @@ void TestLogs::journalDetection()
 
 void TestLogs::stderrFormat()
 {
-    QCOMPARE(SystemLog::formatForStderr(QtCriticalMsg, "work.vorpa.Quillvane.HistoryStore", u"Failed"_s),
-             u"quillvane[HistoryStore] error: Failed\n"_s);
-    QCOMPARE(SystemLog::formatForStderr(QtInfoMsg, "qt.network", u"x"_s), u"quillvane[qt.network] info: x\n"_s);
+    QCOMPARE(
+        SystemLog::formatForStderr(QtCriticalMsg, "work.vorpa.Quillvane.HistoryStore", u"Failed"_s),
+        u"quillvane[HistoryStore] error: Failed\n"_s);
+    QCOMPARE(SystemLog::formatForStderr(QtInfoMsg, "qt.network", u"x"_s),
+             u"quillvane[qt.network] info: x\n"_s);
 }
 
 QTEST_GUILESS_MAIN(TestLogs)

@@ -13,8 +13,10 @@ const QString Id = u"E621E1F8-C36C-495A-93FC-0C247A3E6E5F"_s;
 
 QByteArray ruleJson(const QString &members)
 {
-    return (u"[{\"id\":\"" + Id + u"\",\"sourceAppBundleID\":\"a\",\"sourceAppName\":\"A\","
-                                   "\"targetBrowserBundleID\":\"b\",\"targetBrowserName\":\"B\"" + members + u"}]")
+    return (u"[{\"id\":\"" + Id
+            + u"\",\"sourceAppBundleID\":\"a\",\"sourceAppName\":\"A\","
+              "\"targetBrowserBundleID\":\"b\",\"targetBrowserName\":\"B\""
+            + members + u"}]")
         .toUtf8();
 }
 } // namespace
@@ -36,8 +38,10 @@ private Q_SLOTS:
 void TestRecords::ruleRoundTrip()
 {
     const QList<RoutingRule> rules{
-        {QUuid::createUuid(), u"org.gnome.Evolution"_s, u"Evolution"_s, u"firefox"_s, u"Firefox"_s, u"*.example.com/*"_s, u"work"_s},
-        {QUuid::createUuid(), QString(), QString(), u"chromium"_s, u"Chromium"_s, QString(), std::nullopt},
+        {QUuid::createUuid(), u"org.gnome.Evolution"_s, u"Evolution"_s, u"firefox"_s, u"Firefox"_s,
+         u"*.example.com/*"_s, u"work"_s},
+        {QUuid::createUuid(), QString(), QString(), u"chromium"_s, u"Chromium"_s, QString(),
+         std::nullopt},
         {QUuid::createUuid(), QString(), QString(), u"x"_s, u"X"_s, std::nullopt, std::nullopt},
     };
     const QByteArray json = RoutingRule::listToJson(rules);
@@ -45,7 +49,8 @@ void TestRecords::ruleRoundTrip()
 
     const QJsonArray array = QJsonDocument::fromJson(json).array();
     // Ids are written in upper case; an empty pattern is present, an absent one is omitted.
-    QCOMPARE(array[0].toObject().value(u"id"_s).toString(), rules[0].id.toString(QUuid::WithoutBraces).toUpper());
+    QCOMPARE(array[0].toObject().value(u"id"_s).toString(),
+             rules[0].id.toString(QUuid::WithoutBraces).toUpper());
     QCOMPARE(array[1].toObject().value(u"urlPattern"_s), QJsonValue(u""_s));
     QVERIFY(!array[1].toObject().contains(u"targetProfileID"_s));
     QCOMPARE(array[2].toObject().keys().size(), 5);
@@ -53,12 +58,14 @@ void TestRecords::ruleRoundTrip()
 
 void TestRecords::ruleOptionalMembers()
 {
-    const auto withNull = RoutingRule::listFromJson(ruleJson(u",\"urlPattern\":null,\"future\":[1,2]"_s));
+    const auto withNull =
+        RoutingRule::listFromJson(ruleJson(u",\"urlPattern\":null,\"future\":[1,2]"_s));
     QVERIFY(withNull);
     QCOMPARE(withNull->first().urlPattern, std::nullopt);
     QVERIFY(!RoutingRule::listToJson(*withNull).contains("urlPattern"));
 
-    const auto lowerCaseId = RoutingRule::listFromJson(ruleJson(QString()).replace(Id.toUtf8(), Id.toLower().toUtf8()));
+    const auto lowerCaseId =
+        RoutingRule::listFromJson(ruleJson(QString()).replace(Id.toUtf8(), Id.toLower().toUtf8()));
     QVERIFY(lowerCaseId);
     QCOMPARE(lowerCaseId->first().id, QUuid::fromString(Id));
 }
@@ -68,16 +75,23 @@ void TestRecords::ruleDocumentFailsWhole_data()
     QTest::addColumn<QByteArray>("json");
     QTest::addColumn<QString>("error");
     QTest::newRow("not JSON") << QByteArray("[{") << u"The data is not valid JSON"_s;
-    QTest::newRow("binary") << QByteArray("\x00\xff\xfe garbage", 11) << u"The data is not valid JSON"_s;
+    QTest::newRow("binary") << QByteArray("\x00\xff\xfe garbage", 11)
+                            << u"The data is not valid JSON"_s;
     QTest::newRow("object, not array") << QByteArray("{}") << u"The data is not a JSON array."_s;
-    QTest::newRow("missing member") << QByteArray("[{\"id\":\"E621E1F8-C36C-495A-93FC-0C247A3E6E5F\"}]")
-                                    << u"Rule 1 has no member \"sourceAppBundleID\"."_s;
-    QTest::newRow("wrong type") << ruleJson(u",\"urlPattern\":42"_s) << u"Rule 1 has a member \"urlPattern\" that is not a string."_s;
-    QTest::newRow("id with braces") << ruleJson(QString()).replace(Id.toUtf8(), QByteArray('{' + Id.toUtf8() + '}'))
-                                    << u"Rule 1 has a member \"id\" that is not a valid UUID."_s;
-    QTest::newRow("id not hex") << ruleJson(QString()).replace("E621", "G621") << u"Rule 1 has a member \"id\" that is not a valid UUID."_s;
-    QTest::newRow("element not an object") << QByteArray("[1]") << u"Rule 1 is not a JSON object."_s;
-    QTest::newRow("second rule bad") << QByteArray(ruleJson(QString()).chopped(1) + ",{}]") << u"Rule 2 has no member \"id\"."_s;
+    QTest::newRow("missing member")
+        << QByteArray("[{\"id\":\"E621E1F8-C36C-495A-93FC-0C247A3E6E5F\"}]")
+        << u"Rule 1 has no member \"sourceAppBundleID\"."_s;
+    QTest::newRow("wrong type") << ruleJson(u",\"urlPattern\":42"_s)
+                                << u"Rule 1 has a member \"urlPattern\" that is not a string."_s;
+    QTest::newRow("id with braces")
+        << ruleJson(QString()).replace(Id.toUtf8(), QByteArray('{' + Id.toUtf8() + '}'))
+        << u"Rule 1 has a member \"id\" that is not a valid UUID."_s;
+    QTest::newRow("id not hex") << ruleJson(QString()).replace("E621", "G621")
+                                << u"Rule 1 has a member \"id\" that is not a valid UUID."_s;
+    QTest::newRow("element not an object")
+        << QByteArray("[1]") << u"Rule 1 is not a JSON object."_s;
+    QTest::newRow("second rule bad")
+        << QByteArray(ruleJson(QString()).chopped(1) + ",{}]") << u"Rule 2 has no member \"id\"."_s;
 }
 
 void TestRecords::ruleDocumentFailsWhole()
@@ -91,7 +105,8 @@ void TestRecords::ruleDocumentFailsWhole()
 
 void TestRecords::ruleEqualityAndKinds()
 {
-    RoutingRule a{QUuid::createUuid(), u"app"_s, u"App"_s, u"b"_s, u"B"_s, std::nullopt, std::nullopt};
+    RoutingRule a{QUuid::createUuid(), u"app"_s,    u"App"_s, u"b"_s, u"B"_s,
+                  std::nullopt,        std::nullopt};
     RoutingRule b = a;
     QCOMPARE(a, b);
     b.targetProfileID = u""_s;
@@ -107,8 +122,11 @@ void TestRecords::ruleEqualityAndKinds()
 
 void TestRecords::browserIdentity()
 {
-    const BrowserInfo one{u"firefox"_s, u"Firefox"_s, QUrl::fromLocalFile(u"/usr/share/applications/firefox.desktop"_s)};
-    const BrowserInfo two{u"firefox"_s, u"Firefox ESR"_s, QUrl::fromLocalFile(u"/home/u/.local/share/applications/firefox.desktop"_s)};
+    const BrowserInfo one{u"firefox"_s, u"Firefox"_s,
+                          QUrl::fromLocalFile(u"/usr/share/applications/firefox.desktop"_s)};
+    const BrowserInfo two{
+        u"firefox"_s, u"Firefox ESR"_s,
+        QUrl::fromLocalFile(u"/home/u/.local/share/applications/firefox.desktop"_s)};
     QCOMPARE(one, two);
     QCOMPARE((QSet<BrowserInfo>{one, two}).size(), 1);
     QCOMPARE(BrowserInfo::fromJson(one.toJson())->path, one.path);

@@ -13,10 +13,12 @@ namespace {
 
 RoutingRule someRule(const QString &target)
 {
-    return RoutingRule{QUuid::createUuid(), u"app"_s, u"App"_s, target, target, std::nullopt, std::nullopt};
+    return RoutingRule{QUuid::createUuid(), u"app"_s,    u"App"_s, target, target,
+                       std::nullopt,        std::nullopt};
 }
 
-ForwardingRecord someRecord(const QString &url, const QDateTime &when = QDateTime::currentDateTime())
+ForwardingRecord someRecord(const QString &url,
+                            const QDateTime &when = QDateTime::currentDateTime())
 {
     ForwardingRecord record;
     record.id = QUuid::createUuid();
@@ -112,7 +114,8 @@ void TestStores::switchesAndFallback()
     QVERIFY(store.loadRulesEnabled());
 
     store.saveDefaultBrowserBundleID(u"org.mozilla.firefox"_s);
-    QCOMPARE(RuleStore(*reopened(*m_environment)).loadDefaultBrowserBundleID(), u"org.mozilla.firefox"_s);
+    QCOMPARE(RuleStore(*reopened(*m_environment)).loadDefaultBrowserBundleID(),
+             u"org.mozilla.firefox"_s);
     store.saveDefaultBrowserBundleID(QString());
     QVERIFY(m_settings->contains(u"default_browser_bundle_id"_s));
     QCOMPARE(store.loadDefaultBrowserBundleID(), QString());
@@ -125,9 +128,11 @@ void TestStores::damagedValuesReadAsDefaults()
         QFile file(m_environment->settingsPath());
         QDir().mkpath(QFileInfo(file).path());
         QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write("[General]\nrules_enabled=perhaps\ntoday_forward_count=lots\nurl_cleaning_enabled=0\n"
-                   "url_expansion_enabled=yes\nrouting_rules=\"not json\"\nforwarding_history=@ByteArray(\\xff\\0\\x1)\n"
-                   "default_browser_bundle_id=a, b\n\x01\x02\xff garbage line without equals\n");
+        file.write(
+            "[General]\nrules_enabled=perhaps\ntoday_forward_count=lots\nurl_cleaning_enabled=0\n"
+            "url_expansion_enabled=yes\nrouting_rules=\"not "
+            "json\"\nforwarding_history=@ByteArray(\\xff\\0\\x1)\n"
+            "default_browser_bundle_id=a, b\n\x01\x02\xff garbage line without equals\n");
         file.write("huge=" + QByteArray(2 * 1024 * 1024, 'x') + '\n');
     }
     auto opened = m_environment->settings();
@@ -138,7 +143,9 @@ void TestStores::damagedValuesReadAsDefaults()
     QCOMPARE(store.loadDefaultBrowserBundleID(), QString());
     QVERIFY(!SettingsKeys::read(settings, SettingsKeys::UrlCleaningEnabled));
     QVERIFY(SettingsKeys::read(settings, SettingsKeys::UrlExpansionEnabled));
-    QTest::ignoreMessage(QtCriticalMsg, QRegularExpression(u"^Failed to decode history data: The data is not valid JSON"_s));
+    QTest::ignoreMessage(
+        QtCriticalMsg,
+        QRegularExpression(u"^Failed to decode history data: The data is not valid JSON"_s));
     QVERIFY(HistoryStore::loadHistory(settings).isEmpty());
     settings.setValue(u"today_date"_s, u"2026-03-05"_s);
     QCOMPARE(store.loadTodayCount(), 0);
@@ -186,7 +193,8 @@ void TestStores::historyRecordsNewestFirstAndCaps()
 void TestStores::historyDamagedDataIsReplaced()
 {
     m_settings->setValue(u"forwarding_history"_s, QByteArray("[{\"id\":\"nope\"}]"));
-    QTest::ignoreMessage(QtCriticalMsg, QRegularExpression(u"^Failed to decode history data: History record 1"_s));
+    QTest::ignoreMessage(QtCriticalMsg,
+                         QRegularExpression(u"^Failed to decode history data: History record 1"_s));
     HistoryStore::record(*m_settings, someRecord(u"https://e.com/"_s));
     const QList<ForwardingRecord> history = HistoryStore::loadHistory(*m_settings);
     QCOMPARE(history.size(), 1);
@@ -199,7 +207,8 @@ void TestStores::historyBytesAreThoseOfAFullEncoding()
     // what encoding the whole list gives, through growth and trimming alike.
     // The number of stored records, or -1 when the bytes differ from a full encoding.
     const auto check = [this]() -> qsizetype {
-        const QByteArray stored = reopened(*m_environment)->value(u"forwarding_history"_s).toByteArray();
+        const QByteArray stored =
+            reopened(*m_environment)->value(u"forwarding_history"_s).toByteArray();
         const auto decoded = ForwardingRecord::listFromJson(stored);
         if (!decoded || stored != ForwardingRecord::listToJson(*decoded))
             return -1;
@@ -229,7 +238,8 @@ void TestStores::historyBytesAreThoseOfAFullEncoding()
 void TestStores::historyTodayCount()
 {
     const QDate today(2026, 3, 5);
-    HistoryStore::record(*m_settings, someRecord(u"a"_s, QDateTime(today.addDays(-1), QTime(23, 59, 59))));
+    HistoryStore::record(*m_settings,
+                         someRecord(u"a"_s, QDateTime(today.addDays(-1), QTime(23, 59, 59))));
     HistoryStore::record(*m_settings, someRecord(u"b"_s, QDateTime(today, QTime(0, 0, 1))));
     HistoryStore::record(*m_settings, someRecord(u"c"_s, QDateTime(today, QTime(23, 59, 59))));
     QCOMPARE(HistoryStore::todayCount(*m_settings, today), 2);

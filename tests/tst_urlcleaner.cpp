@@ -38,9 +38,11 @@ void TestURLCleaner::clean_data()
     QTest::newRow("repeated item") << u"/p?gclid=a&gclid=b&q=1"_s << u"/p?q=1"_s;
     QTest::newRow("item without value") << u"/p?fbclid"_s << u"/p"_s;
     QTest::newRow("encoded name") << u"/p?utm%5Fsource=1&a=b"_s << u"/p?a=b"_s;
-    QTest::newRow("kept items byte for byte") << u"/p?a=1+2&b=%2B%26&c&&d=%7e&mc_eid=9"_s << u"/p?a=1+2&b=%2B%26&c&&d=%7e"_s;
+    QTest::newRow("kept items byte for byte")
+        << u"/p?a=1+2&b=%2B%26&c&&d=%7e&mc_eid=9"_s << u"/p?a=1+2&b=%2B%26&c&&d=%7e"_s;
     QTest::newRow("nothing to remove, byte for byte") << u"/p?b=%7e&a=1+1"_s << u"/p?b=%7e&a=1+1"_s;
-    QTest::newRow("fragment with question mark") << u"/p?_hsenc=1#a?utm_source=2"_s << u"/p#a?utm_source=2"_s;
+    QTest::newRow("fragment with question mark")
+        << u"/p?_hsenc=1#a?utm_source=2"_s << u"/p#a?utm_source=2"_s;
 }
 
 void TestURLCleaner::clean()
@@ -57,7 +59,9 @@ void TestURLCleaner::logLines()
     URLCleaner::clean(link(u"https://e.com/p?"_s));
     QTest::ignoreMessage(QtDebugMsg, "No tracking params found in https://e.com/p?a=1");
     URLCleaner::clean(link(u"https://e.com/p?a=1"_s));
-    QTest::ignoreMessage(QtInfoMsg, "Removed 2 tracking param(s): https://e.com/p?utm_source=x&fbclid=y → https://e.com/p");
+    QTest::ignoreMessage(
+        QtInfoMsg,
+        "Removed 2 tracking param(s): https://e.com/p?utm_source=x&fbclid=y → https://e.com/p");
     URLCleaner::clean(link(u"https://e.com/p?utm_source=x&fbclid=y"_s));
 }
 

@@ -62,7 +62,9 @@ void TestURLExpander::finalAnswerAtOnce()
 {
     m_server->on(u"/s"_s, {200, {}, false});
     QTest::ignoreMessage(QtDebugMsg, "Status 200 at step 0; final URL reached");
-    QTest::ignoreMessage(QtDebugMsg, QRegularExpression(u"^URL unchanged after expansion attempt: http://127.0.0.1:\\d+/s$"_s));
+    QTest::ignoreMessage(
+        QtDebugMsg,
+        QRegularExpression(u"^URL unchanged after expansion attempt: http://127.0.0.1:\\d+/s$"_s));
     QCOMPARE(expand(u"/s"_s).toString(), QString(m_server->baseUrl() + u"/s"_s));
     QCOMPARE(m_server->methods(), QList<QByteArray>{"HEAD"});
 }
@@ -72,8 +74,10 @@ void TestURLExpander::chainAndRelativeLocations()
     m_server->redirect(u"/a"_s, 301, "/dir/b?x=1");
     m_server->redirect(u"/dir/b?x=1"_s, 302, "c#frag");
     m_server->on(u"/dir/c"_s, {200, {}, false});
-    QTest::ignoreMessage(QtDebugMsg, QRegularExpression(u"^Step 0: 301 → http://127.0.0.1:\\d+/dir/b\\?x=1$"_s));
-    QTest::ignoreMessage(QtDebugMsg, QRegularExpression(u"^Step 1: 302 → http://127.0.0.1:\\d+/dir/c#frag$"_s));
+    QTest::ignoreMessage(
+        QtDebugMsg, QRegularExpression(u"^Step 0: 301 → http://127.0.0.1:\\d+/dir/b\\?x=1$"_s));
+    QTest::ignoreMessage(QtDebugMsg,
+                         QRegularExpression(u"^Step 1: 302 → http://127.0.0.1:\\d+/dir/c#frag$"_s));
     QTest::ignoreMessage(QtDebugMsg, "Status 200 at step 2; final URL reached");
     QTest::ignoreMessage(QtInfoMsg, QRegularExpression(u"^Expanded: .*/a → .*/dir/c#frag$"_s));
     QCOMPARE(expand(u"/a"_s).toString(), QString(m_server->baseUrl() + u"/dir/c#frag"_s));
@@ -108,7 +112,8 @@ void TestURLExpander::missingLocationEndsTheWalk()
 void TestURLExpander::redirectLoopsEndAtTheLimit()
 {
     m_server->redirect(u"/self"_s, 302, "/self");
-    QTest::ignoreMessage(QtDebugMsg, QRegularExpression(u"^URL unchanged after expansion attempt"_s));
+    QTest::ignoreMessage(QtDebugMsg,
+                         QRegularExpression(u"^URL unchanged after expansion attempt"_s));
     QCOMPARE(expand(u"/self"_s).toString(), QString(m_server->baseUrl() + u"/self"_s));
     QCOMPARE(m_server->requestCount(u"/self"_s), 5);
 }
@@ -135,7 +140,8 @@ void TestURLExpander::failureAfterRedirectsKeepsTheLastTarget()
     // A port on which nothing listens any more.
     QTcpServer probe;
     QVERIFY(probe.listen(QHostAddress::LocalHost));
-    const QByteArray deadEnd = "http://127.0.0.1:" + QByteArray::number(probe.serverPort()) + "/gone";
+    const QByteArray deadEnd =
+        "http://127.0.0.1:" + QByteArray::number(probe.serverPort()) + "/gone";
     probe.close();
 
     m_server->redirect(u"/a"_s, 301, "/b");

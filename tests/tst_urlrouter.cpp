@@ -8,7 +8,6 @@ using namespace Qt::Literals::StringLiterals;
 
 namespace {
 
-
 // The worked example: R1 to R6 in stored order, fallback com.apple.Safari.
 QList<RoutingRule> workedRules()
 {
@@ -57,15 +56,27 @@ void TestURLRouter::workedExamples_data()
     QTest::addColumn<QString>("profile");
     QTest::addColumn<qsizetype>("ruleIndex");
 
-    QTest::newRow("combined R2") << u"meet.example.org/abc"_s << u"com.example.chat"_s << u"com.apple.Safari"_s << QString() << qsizetype(1);
-    QTest::newRow("source-only beats URL rules") << u"docs.example.com/x"_s << u"com.example.chat"_s << u"com.google.Chrome"_s << QString() << qsizetype(0);
-    QTest::newRow("URL-only R4 with profile") << u"docs.example.com/guide"_s << u"com.example.mail"_s << u"com.google.Chrome"_s << u"Profile 1"_s << qsizetype(3);
-    QTest::newRow("rank 2 before rank 0") << u"shop.example.com/admin/users"_s << u"com.example.mail"_s << u"org.mozilla.firefox"_s << QString() << qsizetype(2);
-    QTest::newRow("substring anywhere") << u"api.test.org/example.com/api"_s << QString() << u"com.microsoft.edgemac"_s << QString() << qsizetype(5);
-    QTest::newRow("case folded") << u"EXAMPLE.COM/"_s << QString() << u"org.mozilla.firefox"_s << QString() << qsizetype(2);
-    QTest::newRow("not a subdomain") << u"notexample.com/"_s << QString() << u"com.apple.Safari"_s << QString() << qsizetype(-1);
-    QTest::newRow("suffix is not the host") << u"example.com.test.org/"_s << QString() << u"com.apple.Safari"_s << QString() << qsizetype(-1);
-    QTest::newRow("bundle ids ignore case") << u"docs.example.com/"_s << u"COM.EXAMPLE.CHAT"_s << u"com.google.Chrome"_s << QString() << qsizetype(0);
+    QTest::newRow("combined R2") << u"meet.example.org/abc"_s << u"com.example.chat"_s
+                                 << u"com.apple.Safari"_s << QString() << qsizetype(1);
+    QTest::newRow("source-only beats URL rules")
+        << u"docs.example.com/x"_s << u"com.example.chat"_s << u"com.google.Chrome"_s << QString()
+        << qsizetype(0);
+    QTest::newRow("URL-only R4 with profile")
+        << u"docs.example.com/guide"_s << u"com.example.mail"_s << u"com.google.Chrome"_s
+        << u"Profile 1"_s << qsizetype(3);
+    QTest::newRow("rank 2 before rank 0")
+        << u"shop.example.com/admin/users"_s << u"com.example.mail"_s << u"org.mozilla.firefox"_s
+        << QString() << qsizetype(2);
+    QTest::newRow("substring anywhere") << u"api.test.org/example.com/api"_s << QString()
+                                        << u"com.microsoft.edgemac"_s << QString() << qsizetype(5);
+    QTest::newRow("case folded") << u"EXAMPLE.COM/"_s << QString() << u"org.mozilla.firefox"_s
+                                 << QString() << qsizetype(2);
+    QTest::newRow("not a subdomain")
+        << u"notexample.com/"_s << QString() << u"com.apple.Safari"_s << QString() << qsizetype(-1);
+    QTest::newRow("suffix is not the host") << u"example.com.test.org/"_s << QString()
+                                            << u"com.apple.Safari"_s << QString() << qsizetype(-1);
+    QTest::newRow("bundle ids ignore case") << u"docs.example.com/"_s << u"COM.EXAMPLE.CHAT"_s
+                                            << u"com.google.Chrome"_s << QString() << qsizetype(0);
 }
 
 void TestURLRouter::workedExamples()
@@ -76,8 +87,8 @@ void TestURLRouter::workedExamples()
     QFETCH(QString, profile);
     QFETCH(qsizetype, ruleIndex);
 
-    const auto decision = URLRouter::decide(link(QString(u"https://"_s + hostAndPath)), source(sourceID),
-                                            workedRules(), u"com.apple.Safari"_s);
+    const auto decision = URLRouter::decide(link(QString(u"https://"_s + hostAndPath)),
+                                            source(sourceID), workedRules(), u"com.apple.Safari"_s);
     QVERIFY(decision.result);
     QCOMPARE(decision.result->browserBundleID, browser);
     QCOMPARE(decision.result->profileID.value_or(QString()), profile);
@@ -89,31 +100,40 @@ void TestURLRouter::sourceRulesNeedASource()
     // Without a source, even a combined rule whose pattern matches is not considered.
     const QList<RoutingRule> rules{makeRule(u"com.example.chat"_s, u"*meet*"_s, u"a"_s),
                                    makeRule(u"com.example.chat"_s, std::nullopt, u"b"_s)};
-    const auto decision = URLRouter::decide(link(u"https://meet.example.org/"_s), std::nullopt, rules, u"fb"_s);
+    const auto decision =
+        URLRouter::decide(link(u"https://meet.example.org/"_s), std::nullopt, rules, u"fb"_s);
     QCOMPARE(decision.kind, URLRouter::Decision::Kind::Fallback);
     QCOMPARE(decision.result, (RouteResult{u"fb"_s, std::nullopt}));
 
     // An inert rule (no source, no pattern) never matches.
     const QList<RoutingRule> inert{makeRule(QString(), std::nullopt, u"x"_s)};
-    QCOMPARE(URLRouter::route(link(u"https://e.com/"_s), source(u"a"_s), inert, QString()), std::nullopt);
+    QCOMPARE(URLRouter::route(link(u"https://e.com/"_s), source(u"a"_s), inert, QString()),
+             std::nullopt);
 }
 
 void TestURLRouter::emptyRulesAndFallback()
 {
-    QCOMPARE(URLRouter::route(link(u"https://e.com/"_s), std::nullopt, {}, QString()), std::nullopt);
-    QCOMPARE(URLRouter::route(link(u"https://e.com/"_s), std::nullopt, {}, u"org.mozilla.firefox"_s),
-             (RouteResult{u"org.mozilla.firefox"_s, std::nullopt}));
+    QCOMPARE(URLRouter::route(link(u"https://e.com/"_s), std::nullopt, {}, QString()),
+             std::nullopt);
+    QCOMPARE(
+        URLRouter::route(link(u"https://e.com/"_s), std::nullopt, {}, u"org.mozilla.firefox"_s),
+        (RouteResult{u"org.mozilla.firefox"_s, std::nullopt}));
 }
 
 void TestURLRouter::storedOrderBreaksTies()
 {
-    const QList<RoutingRule> urlRules{makeRule(QString(), u"*.com/*"_s, u"first"_s), makeRule(QString(), u"*e.com*"_s, u"second"_s)};
-    QCOMPARE(URLRouter::route(link(u"https://e.com/"_s), std::nullopt, urlRules, QString())->browserBundleID, u"first"_s);
+    const QList<RoutingRule> urlRules{makeRule(QString(), u"*.com/*"_s, u"first"_s),
+                                      makeRule(QString(), u"*e.com*"_s, u"second"_s)};
+    QCOMPARE(URLRouter::route(link(u"https://e.com/"_s), std::nullopt, urlRules, QString())
+                 ->browserBundleID,
+             u"first"_s);
 
     // Among an app's combined rules the first stored wins, however specific the others are.
     const QList<RoutingRule> combined{makeRule(u"app"_s, u"*"_s, u"catch-all"_s),
                                       makeRule(u"app"_s, u"docs.example.com"_s, u"specific"_s)};
-    QCOMPARE(URLRouter::route(link(u"https://docs.example.com/"_s), source(u"app"_s), combined, QString())->browserBundleID,
+    QCOMPARE(URLRouter::route(link(u"https://docs.example.com/"_s), source(u"app"_s), combined,
+                              QString())
+                 ->browserBundleID,
              u"catch-all"_s);
 }
 
@@ -129,7 +149,8 @@ void TestURLRouter::followsRulesChangedInPlace()
     rules.append(makeRule(QString(), u"www.example.com"_s, u"more specific"_s));
     QCOMPARE(URLRouter::route(url, std::nullopt, rules, QString())->browserBundleID, u"edited"_s);
     rules[1].urlPattern = u"other.org"_s;
-    QCOMPARE(URLRouter::route(url, std::nullopt, rules, QString())->browserBundleID, u"catch-all"_s);
+    QCOMPARE(URLRouter::route(url, std::nullopt, rules, QString())->browserBundleID,
+             u"catch-all"_s);
     rules.removeFirst();
     QCOMPARE(URLRouter::route(url, std::nullopt, rules, u"fb"_s)->browserBundleID, u"fb"_s);
 }
@@ -140,27 +161,38 @@ void TestURLRouter::matchesPattern_data()
     QTest::addColumn<QString>("pattern");
     QTest::addColumn<bool>("matches");
 
-    QTest::newRow("glob anchored at the scheme") << u"https://example.com/x"_s << u"example.com/*"_s << false;
-    QTest::newRow("glob with leading star") << u"https://example.com/x"_s << u"*example.com/*"_s << true;
-    QTest::newRow("glob spelling out the scheme") << u"https://example.com/x"_s << u"https://example.com/*"_s << true;
+    QTest::newRow("glob anchored at the scheme")
+        << u"https://example.com/x"_s << u"example.com/*"_s << false;
+    QTest::newRow("glob with leading star")
+        << u"https://example.com/x"_s << u"*example.com/*"_s << true;
+    QTest::newRow("glob spelling out the scheme")
+        << u"https://example.com/x"_s << u"https://example.com/*"_s << true;
     QTest::newRow("star alone") << u"https://e.com/"_s << u"*"_s << true;
     QTest::newRow("only stars") << u"https://e.com/"_s << u"***"_s << true;
     QTest::newRow("star matches nothing") << u"https://ab"_s << u"https://a*b"_s << true;
-    QTest::newRow("last part at the very end") << u"https://x.example.com"_s << u"*example.com"_s << true;
-    QTest::newRow("last part not at the end") << u"https://x.example.com/"_s << u"*example.com"_s << false;
+    QTest::newRow("last part at the very end")
+        << u"https://x.example.com"_s << u"*example.com"_s << true;
+    QTest::newRow("last part not at the end")
+        << u"https://x.example.com/"_s << u"*example.com"_s << false;
     QTest::newRow("last part found twice") << u"https://a.com/a.com"_s << u"*a.com"_s << true;
     QTest::newRow("glob question mark is literal") << u"https://e.com/a?b"_s << u"*/a?b"_s << true;
     QTest::newRow("glob dot is literal") << u"https://e.com/axb"_s << u"*/a.b"_s << false;
     QTest::newRow("glob needs two parts") << u"https://e.com/a"_s << u"*/a*a"_s << false;
-    QTest::newRow("domain with port never matches") << u"https://example.com:8080/"_s << u"example.com:8080"_s << false;
-    QTest::newRow("domain ignores port") << u"https://example.com:8080/"_s << u"example.com"_s << true;
+    QTest::newRow("domain with port never matches")
+        << u"https://example.com:8080/"_s << u"example.com:8080"_s << false;
+    QTest::newRow("domain ignores port")
+        << u"https://example.com:8080/"_s << u"example.com"_s << true;
     QTest::newRow("deep subdomain") << u"https://a.b.example.com/"_s << u"example.com"_s << true;
-    QTest::newRow("domain pattern upper case") << u"https://docs.example.com/"_s << u"Example.COM"_s << true;
-    QTest::newRow("scheme prefix is a substring test") << u"https://other.org/?next=https://example.com/x"_s << u"https://example.com"_s << true;
+    QTest::newRow("domain pattern upper case")
+        << u"https://docs.example.com/"_s << u"Example.COM"_s << true;
+    QTest::newRow("scheme prefix is a substring test")
+        << u"https://other.org/?next=https://example.com/x"_s << u"https://example.com"_s << true;
     QTest::newRow("empty pattern") << u"https://example.com/"_s << QString() << false;
-    QTest::newRow("empty pattern, host ending in dot") << u"https://example.com./"_s << QString() << true;
+    QTest::newRow("empty pattern, host ending in dot")
+        << u"https://example.com./"_s << QString() << true;
     QTest::newRow("no host") << u"mailto:a@example.com"_s << u"example.com"_s << false;
-    QTest::newRow("IDN host against its ASCII form") << u"https://bücher.de/"_s << u"xn--bcher-kva.de"_s << true;
+    QTest::newRow("IDN host against its ASCII form")
+        << u"https://bücher.de/"_s << u"xn--bcher-kva.de"_s << true;
 }
 
 void TestURLRouter::matchesPattern()
@@ -201,25 +233,34 @@ void TestURLRouter::trail()
         lines.append(message.toString());
     });
 
-    URLRouter::route(link(u"https://docs.example.com/guide"_s), source(u"com.example.mail"_s), workedRules(),
-                     u"com.apple.Safari"_s);
-    QCOMPARE(lines.value(0), u"route() called — url=https://docs.example.com/guide, source=com.example.mail, rules=6, fallback=com.apple.Safari"_s);
+    URLRouter::route(link(u"https://docs.example.com/guide"_s), source(u"com.example.mail"_s),
+                     workedRules(), u"com.apple.Safari"_s);
+    QCOMPARE(
+        lines.value(0),
+        u"route() called — url=https://docs.example.com/guide, source=com.example.mail, rules=6, fallback=com.apple.Safari"_s);
     QCOMPARE(lines.value(1), u"  rule[0]: src=com.example.chat pattern=nil → com.google.Chrome"_s);
     QCOMPARE(lines.value(3), u"  rule[2]: src= pattern=example.com → org.mozilla.firefox"_s);
-    QCOMPARE(lines.value(7), u"MATCHED url-only rule: pattern=docs.example.com → com.google.Chrome"_s);
+    QCOMPARE(lines.value(7),
+             u"MATCHED url-only rule: pattern=docs.example.com → com.google.Chrome"_s);
     QCOMPARE(lines.size(), 8);
     QCOMPARE(QSet<QString>(tags.cbegin(), tags.cend()), QSet<QString>{u"URLRouter"_s});
 
     lines.clear();
     URLRouter::route(link(u"https://e.com/"_s), std::nullopt, {}, QString());
-    QCOMPARE(lines, (QStringList{u"route() called — url=https://e.com/, source=nil, rules=0, fallback="_s, u"No rule matched"_s,
-                                 u"No route available (no rules matched, no fallback)"_s}));
+    QCOMPARE(lines,
+             (QStringList{u"route() called — url=https://e.com/, source=nil, rules=0, fallback="_s,
+                          u"No rule matched"_s,
+                          u"No route available (no rules matched, no fallback)"_s}));
 
     lines.clear();
-    URLRouter::route(link(u"https://meet.example.org/"_s), source(u"com.example.chat"_s), workedRules(), QString());
-    QCOMPARE(lines.last(), u"MATCHED combined rule: src=com.example.chat pattern=*meet.example.org* → com.apple.Safari"_s);
+    URLRouter::route(link(u"https://meet.example.org/"_s), source(u"com.example.chat"_s),
+                     workedRules(), QString());
+    QCOMPARE(
+        lines.last(),
+        u"MATCHED combined rule: src=com.example.chat pattern=*meet.example.org* → com.apple.Safari"_s);
     lines.clear();
-    URLRouter::route(link(u"https://x.org/"_s), source(u"com.example.chat"_s), workedRules(), u"fb"_s);
+    URLRouter::route(link(u"https://x.org/"_s), source(u"com.example.chat"_s), workedRules(),
+                     u"fb"_s);
     QCOMPARE(lines.last(), u"MATCHED source-only rule: com.example.chat → com.google.Chrome"_s);
     lines.clear();
     URLRouter::route(link(u"https://x.org/"_s), std::nullopt, workedRules(), u"fb"_s);

@@ -31,8 +31,9 @@ QString helpText()
 
 QString versionText()
 {
-    return u"Quillvane v%1 (%2) · %3\n"_s.arg(QStringView(BuildInfo::Version), QStringView(BuildInfo::BuildNumber),
-                                             QStringView(BuildInfo::Commit));
+    return u"Quillvane v%1 (%2) · %3\n"_s.arg(QStringView(BuildInfo::Version),
+                                              QStringView(BuildInfo::BuildNumber),
+                                              QStringView(BuildInfo::Commit));
 }
 
 int run(const QByteArrayList &arguments, QTextStream &out, QTextStream &err)
@@ -49,7 +50,8 @@ int run(const QByteArrayList &arguments, QTextStream &out, QTextStream &err)
         }
     }
 
-    if (decoded.isEmpty() || decoded.first() == u"--help" || decoded.first() == u"-h" || decoded.first() == u"help") {
+    if (decoded.isEmpty() || decoded.first() == u"--help" || decoded.first() == u"-h"
+        || decoded.first() == u"help") {
         out << helpText();
         out.flush();
         return 0;
@@ -64,8 +66,8 @@ int run(const QByteArrayList &arguments, QTextStream &out, QTextStream &err)
         // clutter it (QT_LOGGING_RULES still turns them back on).
         QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*.info=false"_s);
         const auto settings = UserSettings::open();
-        const ExplainCommand::Environment environment{*settings, out, err, &URLExpander::isShortLink,
-                                                      &URLExpander::expand};
+        const ExplainCommand::Environment environment{
+            *settings, out, err, &URLExpander::isShortLink, &URLExpander::expand};
         return ExplainCommand::run(decoded.sliced(1), environment);
     }
     err << "quillvane: unknown command \"" << decoded.first().left(80) << "\".\n\n" << helpText();

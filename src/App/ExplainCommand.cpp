@@ -38,13 +38,15 @@ Expected<Options, DecodeError> parseArguments(const QStringList &arguments)
             QString value;
             if (argument == u"--from") {
                 if (i + 1 >= arguments.size())
-                    return DecodeError{u"--from needs an application id, such as org.gnome.Evolution."_s};
+                    return DecodeError{
+                        u"--from needs an application id, such as org.gnome.Evolution."_s};
                 value = arguments[++i];
             } else {
                 value = argument.sliced(7);
             }
             if (value.trimmed().isEmpty())
-                return DecodeError{u"--from needs an application id, such as org.gnome.Evolution."_s};
+                return DecodeError{
+                    u"--from needs an application id, such as org.gnome.Evolution."_s};
             options.from = value;
         } else if (!positionalOnly && argument.startsWith(u'-') && argument.size() > 1) {
             return DecodeError{u"unknown option \"%1\"."_s.arg(argument.left(80))};
@@ -81,11 +83,12 @@ QString describe(const URLRouter::Decision &decision, const QList<RoutingRule> &
         return u"no route (no rule matched and no fallback browser is set)"_s;
     const RoutingRule &rule = rules[decision.ruleIndex];
     const QString number = u"rule %1 of %2 (id %3)"_s.arg(QString::number(decision.ruleIndex + 1),
-                                                         QString::number(rules.size()),
-                                                         JsonFields::uuidText(rule.id));
+                                                          QString::number(rules.size()),
+                                                          JsonFields::uuidText(rule.id));
     switch (decision.kind) {
     case Kind::Combined:
-        return u"app rule for %1 with pattern \"%2\", %3"_s.arg(rule.sourceAppBundleID, *rule.urlPattern, number);
+        return u"app rule for %1 with pattern \"%2\", %3"_s.arg(rule.sourceAppBundleID,
+                                                                *rule.urlPattern, number);
     case Kind::SourceOnly:
         return u"app rule for every link from %1, %2"_s.arg(rule.sourceAppBundleID, number);
     case Kind::UrlOnly:
@@ -163,7 +166,8 @@ int run(const QStringList &arguments, const Environment &environment)
 
     if (!rulesEnabled) {
         printField(out, u"Rules", u"paused: every link opens in the fallback browser");
-        printField(out, u"Browser", fallback.isEmpty() ? u"none (no fallback browser is set)"_s : fallback);
+        printField(out, u"Browser",
+                   fallback.isEmpty() ? u"none (no fallback browser is set)"_s : fallback);
         printField(out, u"Decided by", u"fallback (rules are paused)");
         out.flush();
         return fallback.isEmpty() ? NoRoute : Routed;
@@ -180,7 +184,8 @@ int run(const QStringList &arguments, const Environment &environment)
     QStringList trail;
     URLRouter::Decision decision;
     {
-        DiagnosticLog::Redirect redirect([&trail](QStringView, QStringView message) { trail.append(message.toString()); });
+        DiagnosticLog::Redirect redirect(
+            [&trail](QStringView, QStringView message) { trail.append(message.toString()); });
         decision = URLRouter::decide(working, source, rules, fallback);
     }
 

@@ -14,7 +14,12 @@
 // changes nothing and opens nothing.
 namespace ExplainCommand {
 
-enum ExitCode { Routed = 0, NoRoute = 1, BadInput = 2 };
+enum ExitCode
+{
+    Routed = 0,
+    NoRoute = 1,
+    BadInput = 2
+};
 
 struct Environment
 {

@@ -14,7 +14,8 @@ constexpr QLatin1StringView KeyBrowserBundleID("browserBundleID");
 
 QJsonObject BrowserInfo::toJson() const
 {
-    return QJsonObject{{KeyBundleID, bundleID}, {KeyName, name}, {KeyPath, path.toString(QUrl::FullyEncoded)}};
+    return QJsonObject{
+        {KeyBundleID, bundleID}, {KeyName, name}, {KeyPath, path.toString(QUrl::FullyEncoded)}};
 }
 
 Expected<BrowserInfo, DecodeError> BrowserInfo::fromJson(const QJsonValue &value)

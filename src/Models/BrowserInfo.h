@@ -20,7 +20,10 @@ struct BrowserInfo
     QJsonObject toJson() const;
     static Expected<BrowserInfo, DecodeError> fromJson(const QJsonValue &value);
 
-    friend bool operator==(const BrowserInfo &a, const BrowserInfo &b) { return a.bundleID == b.bundleID; }
+    friend bool operator==(const BrowserInfo &a, const BrowserInfo &b)
+    {
+        return a.bundleID == b.bundleID;
+    }
 };
 
 size_t qHash(const BrowserInfo &browser, size_t seed = 0);

@@ -5,12 +5,15 @@
 
 // A value or the error that prevented it. Services hand failures back as values
 // so nothing throws across the event loop.
-template<typename T, typename E>
-class Expected final
+template<typename T, typename E> class Expected final
 {
 public:
-    Expected(T value) : m_data(std::in_place_index<0>, std::move(value)) {}
-    Expected(E error) : m_data(std::in_place_index<1>, std::move(error)) {}
+    Expected(T value)
+        : m_data(std::in_place_index<0>, std::move(value))
+    {}
+    Expected(E error)
+        : m_data(std::in_place_index<1>, std::move(error))
+    {}
 
     bool hasValue() const { return m_data.index() == 0; }
     explicit operator bool() const { return hasValue(); }

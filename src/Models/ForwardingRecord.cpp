@@ -29,7 +29,8 @@ void ForwardingRecord::writeJson(JsonWriter &writer) const
     writer.endObject();
 }
 
-Expected<ForwardingRecord, DecodeError> ForwardingRecord::fromJson(const QJsonValue &value, qsizetype index)
+Expected<ForwardingRecord, DecodeError> ForwardingRecord::fromJson(const QJsonValue &value,
+                                                                   qsizetype index)
 {
     JsonFields::ObjectReader reader(value, "History record"_L1, index);
     ForwardingRecord record;

@@ -26,7 +26,8 @@ struct ForwardingRecord
     std::optional<QString> ruleMatched;
 
     void writeJson(JsonWriter &writer) const;
-    static Expected<ForwardingRecord, DecodeError> fromJson(const QJsonValue &value, qsizetype index = 0);
+    static Expected<ForwardingRecord, DecodeError> fromJson(const QJsonValue &value,
+                                                            qsizetype index = 0);
 
     static QByteArray listToJson(const QList<ForwardingRecord> &records);
     static Expected<QList<ForwardingRecord>, DecodeError> listFromJson(QByteArrayView utf8);

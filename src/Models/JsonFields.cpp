@@ -61,7 +61,8 @@ std::optional<QDateTime> fromReferenceSeconds(double seconds)
 {
     if (!std::isfinite(seconds) || std::fabs(seconds) > MaxReferenceSeconds)
         return std::nullopt;
-    const auto msecs = static_cast<qint64>(std::llround((seconds + double(ReferenceDateOffset)) * 1000.0));
+    const auto msecs =
+        static_cast<qint64>(std::llround((seconds + double(ReferenceDateOffset)) * 1000.0));
     return QDateTime::fromMSecsSinceEpoch(msecs, Qt::UTC);
 }
 
@@ -70,8 +71,9 @@ Expected<QJsonArray, DecodeError> parseArray(QByteArrayView utf8)
     QJsonParseError parseError;
     const QJsonDocument document = QJsonDocument::fromJson(utf8.toByteArray(), &parseError);
     if (parseError.error != QJsonParseError::NoError) {
-        return DecodeError{u"The data is not valid JSON (%1 at offset %2)."_s.arg(parseError.errorString())
-                               .arg(parseError.offset)};
+        return DecodeError{
+            u"The data is not valid JSON (%1 at offset %2)."_s.arg(parseError.errorString())
+                .arg(parseError.offset)};
     }
     if (!document.isArray())
         return DecodeError{u"The data is not a JSON array."_s};

@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstring>
 #include <cmath>
+#include <cstring>
 
 void JsonWriter::beginArray()
 {
@@ -97,11 +97,21 @@ void JsonWriter::string(QStringView text)
             }
             *cursor++ = '\\';
             switch (c) {
-            case u'"': *cursor++ = '"'; break;
-            case u'\\': *cursor++ = '\\'; break;
-            case u'\n': *cursor++ = 'n'; break;
-            case u'\r': *cursor++ = 'r'; break;
-            case u'\t': *cursor++ = 't'; break;
+            case u'"':
+                *cursor++ = '"';
+                break;
+            case u'\\':
+                *cursor++ = '\\';
+                break;
+            case u'\n':
+                *cursor++ = 'n';
+                break;
+            case u'\r':
+                *cursor++ = 'r';
+                break;
+            case u'\t':
+                *cursor++ = 't';
+                break;
             default:
                 *cursor++ = 'u';
                 *cursor++ = '0';
@@ -112,7 +122,8 @@ void JsonWriter::string(QStringView text)
         } else if (c < 0x800) {
             *cursor++ = char(0xc0 | (c >> 6));
             *cursor++ = char(0x80 | (c & 0x3f));
-        } else if (QChar::isHighSurrogate(c) && i + 1 < text.size() && QChar::isLowSurrogate(text[i + 1].unicode())) {
+        } else if (QChar::isHighSurrogate(c) && i + 1 < text.size()
+                   && QChar::isLowSurrogate(text[i + 1].unicode())) {
             const char32_t u = QChar::surrogateToUcs4(c, text[++i].unicode());
             *cursor++ = char(0xf0 | (u >> 18));
             *cursor++ = char(0x80 | ((u >> 12) & 0x3f));

@@ -24,8 +24,7 @@ public:
     void optionalMember(QLatin1StringView key, const std::optional<QString> &value);
 
     // A list of records that write themselves with writeJson(JsonWriter &).
-    template<typename Record>
-    static QByteArray array(const QList<Record> &records)
+    template<typename Record> static QByteArray array(const QList<Record> &records)
     {
         JsonWriter writer;
         writer.beginArray();

@@ -8,7 +8,13 @@ using namespace Qt::Literals::StringLiterals;
 
 namespace {
 
-enum class Component { UserInfo, Path, Query, Fragment };
+enum class Component
+{
+    UserInfo,
+    Path,
+    Query,
+    Fragment
+};
 
 bool isAsciiAlpha(char16_t c)
 {
@@ -33,8 +39,17 @@ bool isUnreserved(char16_t c)
 bool isSubDelim(char16_t c)
 {
     switch (c) {
-    case u'!': case u'$': case u'&': case u'\'': case u'(': case u')':
-    case u'*': case u'+': case u',': case u';': case u'=':
+    case u'!':
+    case u'$':
+    case u'&':
+    case u'\'':
+    case u'(':
+    case u')':
+    case u'*':
+    case u'+':
+    case u',':
+    case u';':
+    case u'=':
         return true;
     default:
         return false;
@@ -102,7 +117,7 @@ qsizetype schemeLength(QStringView text)
 bool isSpecialScheme(QStringView scheme)
 {
     return scheme.compare(u"http", Qt::CaseInsensitive) == 0
-        || scheme.compare(u"https", Qt::CaseInsensitive) == 0;
+           || scheme.compare(u"https", Qt::CaseInsensitive) == 0;
 }
 
 void appendPercentEncoded(QString &out, char32_t codePoint)
@@ -173,7 +188,11 @@ QString percentDecoded(QStringView text)
 class LinkParser final
 {
 public:
-    explicit LinkParser(QStringView input) : m_in(input) { m_link.m_text.reserve(input.size()); }
+    explicit LinkParser(QStringView input)
+        : m_in(input)
+    {
+        m_link.m_text.reserve(input.size());
+    }
 
     Expected<Link, Link::ParseError> run()
     {
@@ -183,12 +202,14 @@ public:
             return error(u"The link is longer than %1 characters."_s.arg(Link::MaxLength));
         for (const QChar c : m_in) {
             if (isControl(c.unicode()))
-                return error(u"The link contains a control character (such as a line break or NUL)."_s);
+                return error(
+                    u"The link contains a control character (such as a line break or NUL)."_s);
         }
 
         const qsizetype schemeLen = schemeLength(m_in);
         if (schemeLen == 0)
-            return error(u"The link is not an absolute URL: it has no scheme such as \"https:\"."_s);
+            return error(
+                u"The link is not an absolute URL: it has no scheme such as \"https:\"."_s);
         m_special = isSpecialScheme(m_in.first(schemeLen));
         append(m_link.m_scheme, m_in.first(schemeLen));
         out() += u':';
@@ -202,20 +223,23 @@ public:
         }
 
         const qsizetype pathEnd = findFirst(m_pos, u"?#");
-        if (auto failed = encode(Component::Path, m_in.sliced(m_pos, pathEnd - m_pos), m_link.m_path))
+        if (auto failed =
+                encode(Component::Path, m_in.sliced(m_pos, pathEnd - m_pos), m_link.m_path))
             return *failed;
         m_pos = pathEnd;
 
         if (at(m_pos) == u'?') {
             out() += u'?';
             const qsizetype queryEnd = findFirst(m_pos + 1, u"#");
-            if (auto failed = encode(Component::Query, m_in.sliced(m_pos + 1, queryEnd - m_pos - 1), m_link.m_query))
+            if (auto failed = encode(Component::Query, m_in.sliced(m_pos + 1, queryEnd - m_pos - 1),
+                                     m_link.m_query))
                 return *failed;
             m_pos = queryEnd;
         }
         if (at(m_pos) == u'#') {
             out() += u'#';
-            if (auto failed = encode(Component::Fragment, m_in.sliced(m_pos + 1), m_link.m_fragment))
+            if (auto failed =
+                    encode(Component::Fragment, m_in.sliced(m_pos + 1), m_link.m_fragment))
                 return *failed;
         }
 
@@ -434,8 +458,9 @@ Expected<Link, Link::ParseError> Link::parseWebLink(QStringView text)
         return parsed;
     const QString scheme = parsed->scheme();
     if (!isSpecialScheme(scheme)) {
-        return error(u"Only http and https links can be routed; this link's scheme is \"%1\"."_s.arg(
-            scheme.left(40)));
+        return error(
+            u"Only http and https links can be routed; this link's scheme is \"%1\"."_s.arg(
+                scheme.left(40)));
     }
     if (!parsed->hasHost() || parsed->hostView().isEmpty())
         return error(u"The link has no host name."_s);
@@ -454,7 +479,8 @@ QString Link::slice(Span span) const
 
 QStringView Link::view(Span span) const
 {
-    return span.isPresent() ? QStringView(m_text).sliced(span.begin, span.end - span.begin) : QStringView();
+    return span.isPresent() ? QStringView(m_text).sliced(span.begin, span.end - span.begin)
+                            : QStringView();
 }
 
 std::optional<int> Link::port() const

@@ -15,7 +15,13 @@ class JsonWriter;
 // source application and the pattern are set.
 struct RoutingRule
 {
-    enum class Kind { SourceOnly, Combined, UrlOnly, Inert };
+    enum class Kind
+    {
+        SourceOnly,
+        Combined,
+        UrlOnly,
+        Inert
+    };
 
     QUuid id;
     QString sourceAppBundleID;
@@ -28,7 +34,8 @@ struct RoutingRule
     Kind kind() const;
 
     void writeJson(JsonWriter &writer) const;
-    static Expected<RoutingRule, DecodeError> fromJson(const QJsonValue &value, qsizetype index = 0);
+    static Expected<RoutingRule, DecodeError> fromJson(const QJsonValue &value,
+                                                       qsizetype index = 0);
 
     // The stored form: a compact UTF-8 JSON array.
     static QByteArray listToJson(const QList<RoutingRule> &rules);

@@ -25,11 +25,14 @@ Redirect::Receiver *g_receiver = nullptr;
 void appendToFile(const QByteArray &bytes)
 {
     const QByteArray path = QFile::encodeName(filePath());
-    const int fd = ::open(path.constData(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY,
-                          S_IRUSR | S_IWUSR);
+    const int fd =
+        ::open(path.constData(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY,
+               S_IRUSR | S_IWUSR);
     if (fd < 0)
         return;
-    struct stat info{};
+    struct stat info
+    {
+    };
     if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != ::geteuid()) {
         ::close(fd);
         return;

@@ -1,8 +1,8 @@
 #include "Platform/SystemLog.h"
 
 #include <sys/stat.h>
-#include <systemd/sd-journal.h>
 #include <syslog.h>
+#include <systemd/sd-journal.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -68,9 +68,10 @@ void handler(QtMsgType type, const QMessageLogContext &context, const QString &m
 {
     if (g_toJournal) {
         const QByteArray text = message.toUtf8();
-        const int sent = sd_journal_send("MESSAGE=%s", text.constData(), "PRIORITY=%i", priorityOf(type),
-                                         "SYSLOG_IDENTIFIER=quillvane", "QUILLVANE_CATEGORY=%s",
-                                         shortCategory(context.category).constData(), nullptr);
+        const int sent =
+            sd_journal_send("MESSAGE=%s", text.constData(), "PRIORITY=%i", priorityOf(type),
+                            "SYSLOG_IDENTIFIER=quillvane", "QUILLVANE_CATEGORY=%s",
+                            shortCategory(context.category).constData(), nullptr);
         if (sent >= 0)
             return;
     }
@@ -106,7 +107,9 @@ bool stderrIsJournal()
     bool inodeOk = false;
     const qulonglong device = stream.left(colon).toULongLong(&devOk);
     const qulonglong inode = stream.mid(colon + 1).toULongLong(&inodeOk);
-    struct stat info{};
+    struct stat info
+    {
+    };
     if (!devOk || !inodeOk || ::fstat(STDERR_FILENO, &info) != 0)
         return false;
     return qulonglong(info.st_dev) == device && qulonglong(info.st_ino) == inode;
@@ -115,7 +118,7 @@ bool stderrIsJournal()
 QString formatForStderr(QtMsgType type, const char *category, const QString &message)
 {
     return u"quillvane[%1] %2: %3\n"_s.arg(QString::fromUtf8(shortCategory(category)),
-                                          QLatin1StringView(levelName(type)), message);
+                                           QLatin1StringView(levelName(type)), message);
 }
 
 void install()

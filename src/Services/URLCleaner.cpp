@@ -14,11 +14,11 @@ namespace URLCleaner {
 const QSet<QString> &trackingParameters()
 {
     static const QSet<QString> parameters{
-        u"utm_source"_s, u"utm_medium"_s, u"utm_campaign"_s, u"utm_content"_s, u"utm_term"_s,
+        u"utm_source"_s, u"utm_medium"_s, u"utm_campaign"_s,  u"utm_content"_s,     u"utm_term"_s,
         u"utm_id"_s,     u"fbclid"_s,     u"fb_action_ids"_s, u"fb_action_types"_s, u"fb_ref"_s,
-        u"fb_source"_s,  u"gclid"_s,      u"gclsrc"_s,       u"dclid"_s,       u"gbraid"_s,
-        u"wbraid"_s,     u"msclkid"_s,    u"_hsenc"_s,       u"_hsmi"_s,       u"__hstc"_s,
-        u"__hsfp"_s,     u"__hssc"_s,     u"mc_cid"_s,       u"mc_eid"_s,
+        u"fb_source"_s,  u"gclid"_s,      u"gclsrc"_s,        u"dclid"_s,           u"gbraid"_s,
+        u"wbraid"_s,     u"msclkid"_s,    u"_hsenc"_s,        u"_hsmi"_s,           u"__hstc"_s,
+        u"__hsfp"_s,     u"__hssc"_s,     u"mc_cid"_s,        u"mc_eid"_s,
     };
     return parameters;
 }
@@ -50,9 +50,11 @@ Link clean(const Link &url)
         return url;
     }
 
-    auto cleaned = url.withQuery(kept.isEmpty() ? std::nullopt : std::optional<QString>(kept.join(u'&')));
+    auto cleaned =
+        url.withQuery(kept.isEmpty() ? std::nullopt : std::optional<QString>(kept.join(u'&')));
     if (!cleaned) {
-        qCCritical(lcUrlCleaner).noquote() << u"Failed to reconstruct URL after cleaning: %1"_s.arg(url.toString());
+        qCCritical(lcUrlCleaner).noquote()
+            << u"Failed to reconstruct URL after cleaning: %1"_s.arg(url.toString());
         return url;
     }
     qCInfo(lcUrlCleaner).noquote() << u"Removed %1 tracking param(s): %2 → %3"_s.arg(

@@ -60,11 +60,13 @@ private:
     void sendRequest()
     {
         QNetworkRequest request(QUrl(m_current.toString(), QUrl::StrictMode));
-        request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
+        request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
+                             QNetworkRequest::ManualRedirectPolicy);
         request.setAttribute(QNetworkRequest::CookieLoadControlAttribute, QNetworkRequest::Manual);
         request.setAttribute(QNetworkRequest::CookieSaveControlAttribute, QNetworkRequest::Manual);
         request.setAttribute(QNetworkRequest::CacheSaveControlAttribute, false);
-        request.setAttribute(QNetworkRequest::CacheLoadControlAttribute, QNetworkRequest::AlwaysNetwork);
+        request.setAttribute(QNetworkRequest::CacheLoadControlAttribute,
+                             QNetworkRequest::AlwaysNetwork);
         if (!request.url().isValid()) {
             qCCritical(lcUrlExpander).noquote() << u"Expansion failed at step %1: %2"_s.arg(
                 QString::number(m_step), u"The link cannot be requested."_s);
@@ -87,9 +89,10 @@ private:
         const QVariant statusAttribute = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
         if (!statusAttribute.isValid()) {
             if (m_timedOut || reply->error() != QNetworkReply::NoError) {
-                const QString description = m_timedOut ? u"The request timed out."_s : reply->errorString();
-                qCCritical(lcUrlExpander).noquote()
-                    << u"Expansion failed at step %1: %2"_s.arg(QString::number(m_step), description);
+                const QString description =
+                    m_timedOut ? u"The request timed out."_s : reply->errorString();
+                qCCritical(lcUrlExpander).noquote() << u"Expansion failed at step %1: %2"_s.arg(
+                    QString::number(m_step), description);
             } else {
                 qCDebug(lcUrlExpander).noquote()
                     << u"Non-HTTP response at step %1; stopping expansion"_s.arg(m_step);
@@ -99,21 +102,24 @@ private:
         }
 
         const int status = statusAttribute.toInt();
-        const std::optional<Link> next = status >= 300 && status <= 399 ? redirectTarget(*reply) : std::nullopt;
+        const std::optional<Link> next =
+            status >= 300 && status <= 399 ? redirectTarget(*reply) : std::nullopt;
         if (!next) {
-            qCDebug(lcUrlExpander).noquote()
-                << u"Status %1 at step %2; final URL reached"_s.arg(QString::number(status), QString::number(m_step));
+            qCDebug(lcUrlExpander).noquote() << u"Status %1 at step %2; final URL reached"_s.arg(
+                QString::number(status), QString::number(m_step));
             finish();
             return;
         }
         if (!next->isWebLink()) {
-            qCInfo(lcUrlExpander).noquote() << u"Redirect to a link that is not http or https at step %1; final URL reached"_s.arg(m_step);
+            qCInfo(lcUrlExpander).noquote()
+                << u"Redirect to a link that is not http or https at step %1; final URL reached"_s
+                       .arg(m_step);
             finish();
             return;
         }
 
-        qCDebug(lcUrlExpander).noquote() << u"Step %1: %2 → %3"_s.arg(QString::number(m_step), QString::number(status),
-                                                                        next->toString());
+        qCDebug(lcUrlExpander).noquote() << u"Step %1: %2 → %3"_s.arg(
+            QString::number(m_step), QString::number(status), next->toString());
         m_current = *next;
         if (m_step == MaxRequests - 1) {
             finish();
@@ -144,7 +150,8 @@ private:
     void finish()
     {
         if (m_current == m_original) {
-            qCDebug(lcUrlExpander).noquote() << u"URL unchanged after expansion attempt: %1"_s.arg(m_original.toString());
+            qCDebug(lcUrlExpander).noquote()
+                << u"URL unchanged after expansion attempt: %1"_s.arg(m_original.toString());
         } else {
             qCInfo(lcUrlExpander).noquote()
                 << u"Expanded: %1 → %2"_s.arg(m_original.toString(), m_current.toString());
@@ -169,8 +176,9 @@ private:
 const QSet<QString> &shortDomains()
 {
     static const QSet<QString> domains{
-        u"bit.ly"_s,  u"t.co"_s,    u"tinyurl.com"_s, u"goo.gl"_s, u"ow.ly"_s,       u"is.gd"_s,  u"buff.ly"_s,
-        u"rebrand.ly"_s, u"cutt.ly"_s, u"shorturl.at"_s, u"tiny.cc"_s, u"rb.gy"_s, u"lnkd.in"_s,
+        u"bit.ly"_s,  u"t.co"_s,    u"tinyurl.com"_s, u"goo.gl"_s,  u"ow.ly"_s,
+        u"is.gd"_s,   u"buff.ly"_s, u"rebrand.ly"_s,  u"cutt.ly"_s, u"shorturl.at"_s,
+        u"tiny.cc"_s, u"rb.gy"_s,   u"lnkd.in"_s,
     };
     return domains;
 }

@@ -68,7 +68,8 @@ qsizetype indexOf(QStringView subject, qsizetype from, QStringView pattern)
     if (pattern.isEmpty())
         return from <= subject.size() ? from : -1;
     const char16_t first = lowerAscii(pattern[0].unicode());
-    for (qsizetype i = find(subject, first, from); i >= 0 && i <= last; i = find(subject, first, i + 1)) {
+    for (qsizetype i = find(subject, first, from); i >= 0 && i <= last;
+         i = find(subject, first, i + 1)) {
         if (equalsAt(subject, i, pattern))
             return i;
     }
@@ -232,8 +233,8 @@ const Plan &planFor(const QList<RoutingRule> &rules)
 
 } // namespace
 
-Decision decide(const Link &url, const std::optional<SourceApp> &source, const QList<RoutingRule> &rules,
-                const QString &defaultBrowserBundleID)
+Decision decide(const Link &url, const std::optional<SourceApp> &source,
+                const QList<RoutingRule> &rules, const QString &defaultBrowserBundleID)
 {
     const bool trail = DiagnosticLog::isEnabled();
     if (trail) {
@@ -244,9 +245,9 @@ Decision decide(const Link &url, const std::optional<SourceApp> &source, const Q
             defaultBrowserBundleID));
         for (qsizetype i = 0; i < rules.size(); ++i) {
             const RoutingRule &rule = rules[i];
-            lines.append(u"  rule[%1]: src=%2 pattern=%3 → %4"_s.arg(QString::number(i), rule.sourceAppBundleID,
-                                                                     orNil(rule.urlPattern),
-                                                                     rule.targetBrowserBundleID));
+            lines.append(u"  rule[%1]: src=%2 pattern=%3 → %4"_s.arg(
+                QString::number(i), rule.sourceAppBundleID, orNil(rule.urlPattern),
+                rule.targetBrowserBundleID));
         }
         DiagnosticLog::writeLines(u"URLRouter", lines);
     }
@@ -274,7 +275,8 @@ Decision decide(const Link &url, const std::optional<SourceApp> &source, const Q
         if (sourceOnly) {
             const RoutingRule &rule = rules[*sourceOnly];
             if (trail)
-                debugLog(u"MATCHED source-only rule: %1 → %2"_s.arg(rule.sourceAppBundleID, rule.targetBrowserBundleID));
+                debugLog(u"MATCHED source-only rule: %1 → %2"_s.arg(rule.sourceAppBundleID,
+                                                                    rule.targetBrowserBundleID));
             return matched(Decision::Kind::SourceOnly, rule, *sourceOnly);
         }
     }
@@ -283,8 +285,8 @@ Decision decide(const Link &url, const std::optional<SourceApp> &source, const Q
         const RoutingRule &rule = rules[candidate.index];
         if (matchesLowered(subject, *rule.urlPattern, candidate.shape)) {
             if (trail) {
-                debugLog(u"MATCHED url-only rule: pattern=%1 → %2"_s.arg(*rule.urlPattern,
-                                                                          rule.targetBrowserBundleID));
+                debugLog(u"MATCHED url-only rule: pattern=%1 → %2"_s.arg(
+                    *rule.urlPattern, rule.targetBrowserBundleID));
             }
             return matched(Decision::Kind::UrlOnly, rule, candidate.index);
         }
@@ -299,11 +301,13 @@ Decision decide(const Link &url, const std::optional<SourceApp> &source, const Q
     }
     if (trail)
         debugLog(u"Using fallback browser: %1"_s.arg(defaultBrowserBundleID));
-    return Decision{Decision::Kind::Fallback, RouteResult{defaultBrowserBundleID, std::nullopt}, -1};
+    return Decision{Decision::Kind::Fallback, RouteResult{defaultBrowserBundleID, std::nullopt},
+                    -1};
 }
 
 std::optional<RouteResult> route(const Link &url, const std::optional<SourceApp> &source,
-                                 const QList<RoutingRule> &rules, const QString &defaultBrowserBundleID)
+                                 const QList<RoutingRule> &rules,
+                                 const QString &defaultBrowserBundleID)
 {
     return decide(url, source, rules, defaultBrowserBundleID).result;
 }

@@ -15,7 +15,14 @@ namespace URLRouter {
 // How a decision was reached, for those who explain it to the user.
 struct Decision
 {
-    enum class Kind { Combined, SourceOnly, UrlOnly, Fallback, NoRoute };
+    enum class Kind
+    {
+        Combined,
+        SourceOnly,
+        UrlOnly,
+        Fallback,
+        NoRoute
+    };
 
     Kind kind = Kind::NoRoute;
     std::optional<RouteResult> result;
@@ -23,11 +30,12 @@ struct Decision
     qsizetype ruleIndex = -1;
 };
 
-Decision decide(const Link &url, const std::optional<SourceApp> &source, const QList<RoutingRule> &rules,
-                const QString &defaultBrowserBundleID);
+Decision decide(const Link &url, const std::optional<SourceApp> &source,
+                const QList<RoutingRule> &rules, const QString &defaultBrowserBundleID);
 
 std::optional<RouteResult> route(const Link &url, const std::optional<SourceApp> &source,
-                                 const QList<RoutingRule> &rules, const QString &defaultBrowserBundleID);
+                                 const QList<RoutingRule> &rules,
+                                 const QString &defaultBrowserBundleID);
 
 bool matchesPattern(const Link &url, QStringView pattern);
 

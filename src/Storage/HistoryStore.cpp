@@ -66,7 +66,8 @@ EncodedHistory prepended(const EncodedHistory &previous, const ForwardingRecord 
     history.starts.append(1);
     if (keep > 0) {
         const qsizetype from = previous.starts[0];
-        const qsizetype to = keep < previous.records.size() ? previous.starts[keep] - 1 : previous.bytes.size() - 1;
+        const qsizetype to =
+            keep < previous.records.size() ? previous.starts[keep] - 1 : previous.bytes.size() - 1;
         history.bytes += ',';
         const qsizetype shift = history.bytes.size() - from;
         history.bytes += QByteArrayView(previous.bytes).sliced(from, to - from);
@@ -92,7 +93,8 @@ const EncodedHistory &current(const QSettings &settings)
         return last;
     auto records = ForwardingRecord::listFromJson(*data);
     if (!records) {
-        qCCritical(lcHistoryStore).noquote() << u"Failed to decode history data: %1"_s.arg(records.error().description);
+        qCCritical(lcHistoryStore).noquote()
+            << u"Failed to decode history data: %1"_s.arg(records.error().description);
         return empty;
     }
     last = EncodedHistory{*data, std::move(records).value(), {}};
@@ -110,7 +112,8 @@ void record(QSettings &settings, const ForwardingRecord &entry)
 {
     const EncodedHistory &previous = current(settings);
     if (previous.records.size() >= MaxRecords)
-        qCInfo(lcHistoryStore).noquote() << u"History exceeds %1 records, trimming oldest entries"_s.arg(MaxRecords);
+        qCInfo(lcHistoryStore).noquote()
+            << u"History exceeds %1 records, trimming oldest entries"_s.arg(MaxRecords);
     EncodedHistory next = prepended(previous, entry);
     settings.setValue(SettingsKeys::ForwardingHistory.name, next.bytes);
     UserSettings::commit(settings);

@@ -34,11 +34,18 @@ bool isHexDigit(char16_t c)
 
 bool isKeyChar(char c)
 {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '-'
-        || c == '.';
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_'
+           || c == '-' || c == '.';
 }
 
-enum ByteClass : uchar { Plain, PlainHexDigit, Backslashed, HexEscaped, High };
+enum ByteClass : uchar
+{
+    Plain,
+    PlainHexDigit,
+    Backslashed,
+    HexEscaped,
+    High
+};
 
 constexpr std::array<uchar, 256> byteClasses()
 {
@@ -73,7 +80,8 @@ void appendEscaped(QByteArray &out, QByteArrayView bytes, bool escapeHighBytes)
     qsizetype i = 0;
     while (i < size) {
         const uchar first = classes[in[i]];
-        if (first == Plain || (first == PlainHexDigit && !afterEscape) || (first == High && !escapeHighBytes)) {
+        if (first == Plain || (first == PlainHexDigit && !afterEscape)
+            || (first == High && !escapeHighBytes)) {
             const qsizetype runStart = i++;
             while (i < size) {
                 const uchar c = classes[in[i]];
@@ -195,13 +203,27 @@ QStringList unescapedItems(QStringView text, bool *isList)
             const char16_t e = text[++i].unicode();
             trailingPlainSpaces = 0;
             switch (e) {
-            case u'a': current += u'\a'; break;
-            case u'b': current += u'\b'; break;
-            case u'f': current += u'\f'; break;
-            case u'n': current += u'\n'; break;
-            case u'r': current += u'\r'; break;
-            case u't': current += u'\t'; break;
-            case u'v': current += u'\v'; break;
+            case u'a':
+                current += u'\a';
+                break;
+            case u'b':
+                current += u'\b';
+                break;
+            case u'f':
+                current += u'\f';
+                break;
+            case u'n':
+                current += u'\n';
+                break;
+            case u'r':
+                current += u'\r';
+                break;
+            case u't':
+                current += u'\t';
+                break;
+            case u'v':
+                current += u'\v';
+                break;
             case u'x': {
                 uint value = 0;
                 while (i + 1 < text.size() && isHexDigit(text[i + 1].unicode()))
@@ -231,7 +253,8 @@ QStringList unescapedItems(QStringView text, bool *isList)
             break;
         } else {
             current += QChar(c);
-            trailingPlainSpaces = (!inQuotes && (c == u' ' || c == u'\t')) ? trailingPlainSpaces + 1 : 0;
+            trailingPlainSpaces =
+                (!inQuotes && (c == u' ' || c == u'\t')) ? trailingPlainSpaces + 1 : 0;
         }
     }
     current.chop(trailingPlainSpaces);
@@ -316,7 +339,10 @@ bool write(QIODevice &device, const QSettings::SettingsMap &map)
     QByteArray out;
     qsizetype size = 64;
     for (auto it = map.cbegin(); it != map.cend(); ++it)
-        size += it.key().size() + (it.value().typeId() == QMetaType::QByteArray ? it.value().toByteArray().size() * 11 / 10 : 32);
+        size += it.key().size()
+                + (it.value().typeId() == QMetaType::QByteArray
+                       ? it.value().toByteArray().size() * 11 / 10
+                       : 32);
     out.reserve(size);
 
     // [General] first, then every other section with its keys together.

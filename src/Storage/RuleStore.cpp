@@ -8,8 +8,7 @@
 RuleStore::RuleStore(QSettings &settings, Clock clock)
     : m_settings(settings)
     , m_clock(clock ? std::move(clock) : Clock([] { return QDateTime::currentDateTime(); }))
-{
-}
+{}
 
 QList<RoutingRule> RuleStore::loadRules() const
 {

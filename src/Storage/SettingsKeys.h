@@ -6,8 +6,7 @@
 // Every key Quillvane keeps in its settings file, declared once with its default.
 namespace SettingsKeys {
 
-template<typename T>
-struct Key
+template<typename T> struct Key
 {
     QStringView name;
     T defaultValue;
@@ -38,8 +37,7 @@ QString read(const QSettings &settings, const Key<QStringView> &key);
 // Data values; nullopt when the key is absent.
 std::optional<QByteArray> read(const QSettings &settings, const DataKey &key);
 
-template<typename K>
-bool contains(const QSettings &settings, const K &key)
+template<typename K> bool contains(const QSettings &settings, const K &key)
 {
     return settings.contains(key.name);
 }

@@ -14,7 +14,7 @@ namespace UserSettings {
 QString filePath()
 {
     return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation)
-        + u"/Quillvane/Quillvane.conf";
+           + u"/Quillvane/Quillvane.conf";
 }
 
 std::unique_ptr<QSettings> open()
@@ -34,10 +34,14 @@ bool commit(QSettings &settings)
     case QSettings::NoError:
         return true;
     case QSettings::AccessError:
-        qCCritical(lcSettings).noquote() << u"Could not write the settings file %1: it is not writable or the disk is full. Changes are kept in memory and written at the next change."_s.arg(settings.fileName());
+        qCCritical(lcSettings).noquote()
+            << u"Could not write the settings file %1: it is not writable or the disk is full. Changes are kept in memory and written at the next change."_s
+                   .arg(settings.fileName());
         return false;
     case QSettings::FormatError:
-        qCCritical(lcSettings).noquote() << u"The settings file %1 is damaged; it will be rewritten at the next change."_s.arg(settings.fileName());
+        qCCritical(lcSettings).noquote()
+            << u"The settings file %1 is damaged; it will be rewritten at the next change."_s.arg(
+                   settings.fileName());
         return false;
     }
     return false;
