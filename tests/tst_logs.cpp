@@ -29,9 +29,7 @@ private Q_SLOTS:
     void neverWritesAnotherUsersFile();
     void fallbackLocation();
     void disabledAndRedirected();
-    void privateValues();
     void journalDetection();
-    void stderrFormat();
 };
 
 void TestLogs::lineFormatAndMode()
@@ -50,9 +48,7 @@ void TestLogs::lineFormatAndMode()
         uR"(\[[^\]]+Z\] \[URLRouter\] two\nlines\n$)"_s);
     QVERIFY2(format.match(text).hasMatch(), qPrintable(text));
 
-    struct stat info
-    {
-    };
+    struct stat info = {};
     QCOMPARE(::stat(QFile::encodeName(environment.diagnosticLogPath()).constData(), &info), 0);
     QCOMPARE(info.st_mode & 0777, 0600u);
 }
@@ -123,19 +119,9 @@ void TestLogs::disabledAndRedirected()
     QVERIFY(readFile(environment.diagnosticLogPath()).endsWith("[T] kept\n"));
 }
 
-void TestLogs::privateValues()
-{
-    SystemLog::setShowPrivate(false);
-    QCOMPARE(SystemLog::priv(u"Mail"_s), u"<private>"_s);
-    SystemLog::setShowPrivate(true);
-    QCOMPARE(SystemLog::priv(u"Mail"_s), u"Mail"_s);
-}
-
 void TestLogs::journalDetection()
 {
-    struct stat info
-    {
-    };
+    struct stat info = {};
     QCOMPARE(::fstat(STDERR_FILENO, &info), 0);
     const QByteArray matching = QByteArray::number(qulonglong(info.st_dev)) + ':'
                                 + QByteArray::number(qulonglong(info.st_ino));
@@ -147,15 +133,6 @@ void TestLogs::journalDetection()
     QVERIFY(!SystemLog::stderrIsJournal());
     qunsetenv("JOURNAL_STREAM");
     QVERIFY(!SystemLog::stderrIsJournal());
-}
-
-void TestLogs::stderrFormat()
-{
-    QCOMPARE(
-        SystemLog::formatForStderr(QtCriticalMsg, "work.vorpa.Quillvane.HistoryStore", u"Failed"_s),
-        u"quillvane[HistoryStore] error: Failed\n"_s);
-    QCOMPARE(SystemLog::formatForStderr(QtInfoMsg, "qt.network", u"x"_s),
-             u"quillvane[qt.network] info: x\n"_s);
 }
 
 QTEST_GUILESS_MAIN(TestLogs)

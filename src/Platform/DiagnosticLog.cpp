@@ -30,9 +30,7 @@ void appendToFile(const QByteArray &bytes)
                S_IRUSR | S_IWUSR);
     if (fd < 0)
         return;
-    struct stat info
-    {
-    };
+    struct stat info = {};
     if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != ::geteuid()) {
         ::close(fd);
         return;

@@ -107,9 +107,7 @@ bool stderrIsJournal()
     bool inodeOk = false;
     const qulonglong device = stream.left(colon).toULongLong(&devOk);
     const qulonglong inode = stream.mid(colon + 1).toULongLong(&inodeOk);
-    struct stat info
-    {
-    };
+    struct stat info = {};
     if (!devOk || !inodeOk || ::fstat(STDERR_FILENO, &info) != 0)
         return false;
     return qulonglong(info.st_dev) == device && qulonglong(info.st_ino) == inode;
