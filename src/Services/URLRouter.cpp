@@ -192,6 +192,8 @@ struct Plan
         : rules(list)
     {
         QList<Candidate> candidates;
+        candidates.reserve(list.size());
+        appRules.reserve(list.size());
         int maxRank = 0;
         for (qsizetype i = 0; i < list.size(); ++i) {
             switch (list[i].kind()) {
