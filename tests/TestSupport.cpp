@@ -68,6 +68,18 @@ RoutingRule makeRule(const QString &source, std::optional<QString> pattern, cons
                        std::move(profile)};
 }
 
+QList<RoutingRule> workedExampleRules()
+{
+    return {
+        makeRule(u"com.example.chat"_s, std::nullopt, u"com.google.Chrome"_s),
+        makeRule(u"com.example.chat"_s, u"*meet.example.org*"_s, u"com.apple.Safari"_s),
+        makeRule(QString(), u"example.com"_s, u"org.mozilla.firefox"_s),
+        makeRule(QString(), u"docs.example.com"_s, u"com.google.Chrome"_s, u"Profile 1"_s),
+        makeRule(QString(), u"*example.com/admin*"_s, u"com.apple.Safari"_s),
+        makeRule(QString(), u"example.com/api"_s, u"com.microsoft.edgemac"_s),
+    };
+}
+
 TestHttpServer::TestHttpServer()
 {
     connect(&m_server, &QTcpServer::newConnection, this, &TestHttpServer::onConnection);

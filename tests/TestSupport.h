@@ -34,6 +34,10 @@ private:
 // Parses a link that the test knows to be valid.
 Link link(QStringView text);
 
+// The router's worked example, rules R1 to R6 in stored order (with the fallback
+// com.apple.Safari): two app rules for com.example.chat, four URL rules.
+QList<RoutingRule> workedExampleRules();
+
 // A rule whose names are its ids.
 RoutingRule makeRule(const QString &source, std::optional<QString> pattern, const QString &target,
                      std::optional<QString> profile = std::nullopt);

@@ -49,14 +49,7 @@ void TestExplain::init()
     m_environment = std::make_unique<TestEnvironment>();
     m_settings = m_environment->settings();
     RuleStore store(*m_settings);
-    store.saveRules({
-        makeRule(u"com.example.chat"_s, std::nullopt, u"com.google.Chrome"_s),
-        makeRule(u"com.example.chat"_s, u"*meet.example.org*"_s, u"com.apple.Safari"_s),
-        makeRule(QString(), u"example.com"_s, u"org.mozilla.firefox"_s),
-        makeRule(QString(), u"docs.example.com"_s, u"com.google.Chrome"_s, u"Profile 1"_s),
-        makeRule(QString(), u"*example.com/admin*"_s, u"com.apple.Safari"_s),
-        makeRule(QString(), u"example.com/api"_s, u"com.microsoft.edgemac"_s),
-    });
+    store.saveRules(workedExampleRules());
     store.saveDefaultBrowserBundleID(u"com.apple.Safari"_s);
     m_expandCalls.clear();
 }

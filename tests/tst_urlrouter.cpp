@@ -8,19 +8,6 @@ using namespace Qt::Literals::StringLiterals;
 
 namespace {
 
-// The worked example: R1 to R6 in stored order, fallback com.apple.Safari.
-QList<RoutingRule> workedRules()
-{
-    return {
-        makeRule(u"com.example.chat"_s, std::nullopt, u"com.google.Chrome"_s),
-        makeRule(u"com.example.chat"_s, u"*meet.example.org*"_s, u"com.apple.Safari"_s),
-        makeRule(QString(), u"example.com"_s, u"org.mozilla.firefox"_s),
-        makeRule(QString(), u"docs.example.com"_s, u"com.google.Chrome"_s, u"Profile 1"_s),
-        makeRule(QString(), u"*example.com/admin*"_s, u"com.apple.Safari"_s),
-        makeRule(QString(), u"example.com/api"_s, u"com.microsoft.edgemac"_s),
-    };
-}
-
 std::optional<SourceApp> source(const QString &bundleID)
 {
     if (bundleID.isEmpty())
@@ -87,8 +74,9 @@ void TestURLRouter::workedExamples()
     QFETCH(QString, profile);
     QFETCH(qsizetype, ruleIndex);
 
-    const auto decision = URLRouter::decide(link(QString(u"https://"_s + hostAndPath)),
-                                            source(sourceID), workedRules(), u"com.apple.Safari"_s);
+    const auto decision =
+        URLRouter::decide(link(QString(u"https://"_s + hostAndPath)), source(sourceID),
+                          workedExampleRules(), u"com.apple.Safari"_s);
     QVERIFY(decision.result);
     QCOMPARE(decision.result->browserBundleID, browser);
     QCOMPARE(decision.result->profileID.value_or(QString()), profile);
@@ -234,7 +222,7 @@ void TestURLRouter::trail()
     });
 
     URLRouter::route(link(u"https://docs.example.com/guide"_s), source(u"com.example.mail"_s),
-                     workedRules(), u"com.apple.Safari"_s);
+                     workedExampleRules(), u"com.apple.Safari"_s);
     QCOMPARE(
         lines.value(0),
         u"route() called — url=https://docs.example.com/guide, source=com.example.mail, rules=6, fallback=com.apple.Safari"_s);
@@ -254,16 +242,16 @@ void TestURLRouter::trail()
 
     lines.clear();
     URLRouter::route(link(u"https://meet.example.org/"_s), source(u"com.example.chat"_s),
-                     workedRules(), QString());
+                     workedExampleRules(), QString());
     QCOMPARE(
         lines.last(),
         u"MATCHED combined rule: src=com.example.chat pattern=*meet.example.org* → com.apple.Safari"_s);
     lines.clear();
-    URLRouter::route(link(u"https://x.org/"_s), source(u"com.example.chat"_s), workedRules(),
+    URLRouter::route(link(u"https://x.org/"_s), source(u"com.example.chat"_s), workedExampleRules(),
                      u"fb"_s);
     QCOMPARE(lines.last(), u"MATCHED source-only rule: com.example.chat → com.google.Chrome"_s);
     lines.clear();
-    URLRouter::route(link(u"https://x.org/"_s), std::nullopt, workedRules(), u"fb"_s);
+    URLRouter::route(link(u"https://x.org/"_s), std::nullopt, workedExampleRules(), u"fb"_s);
     QCOMPARE(lines.mid(7), (QStringList{u"No rule matched"_s, u"Using fallback browser: fb"_s}));
 }
 
