@@ -50,7 +50,6 @@ private Q_SLOTS:
     void damagedValuesReadAsDefaults();
     void dayRollOver();
     void dayStringIgnoresLocale();
-    void historyRecordsNewestFirstAndCaps();
     void historyDamagedDataIsReplaced();
     void historyBytesAreThoseOfAFullEncoding();
     void historyTodayCount();
@@ -170,24 +169,6 @@ void TestStores::dayStringIgnoresLocale()
     const QString day = RuleStore::dayString(QDateTime(QDate(2026, 3, 5), QTime(12, 0)));
     QLocale::setDefault(saved);
     QCOMPARE(day, u"2026-03-05"_s);
-}
-
-void TestStores::historyRecordsNewestFirstAndCaps()
-{
-    HistoryStore::record(*m_settings, someRecord(u"https://first.example/"_s));
-    QCOMPARE(HistoryStore::loadHistory(*reopened(*m_environment)).size(), 1);
-
-    QList<ForwardingRecord> full;
-    for (int i = 0; i < HistoryStore::MaxRecords; ++i)
-        full.append(someRecord(u"https://e.com/%1"_s.arg(i)));
-    m_settings->setValue(u"forwarding_history"_s, ForwardingRecord::listToJson(full));
-
-    QTest::ignoreMessage(QtInfoMsg, "History exceeds 500 records, trimming oldest entries");
-    HistoryStore::record(*m_settings, someRecord(u"https://newest.example/"_s));
-    const QList<ForwardingRecord> history = HistoryStore::loadHistory(*reopened(*m_environment));
-    QCOMPARE(history.size(), 500);
-    QCOMPARE(history.first().originalURL, u"https://newest.example/"_s);
-    QCOMPARE(history.last().originalURL, u"https://e.com/498"_s);
 }
 
 void TestStores::historyDamagedDataIsReplaced()
