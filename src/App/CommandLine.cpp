@@ -1,10 +1,12 @@
 #include "App/CommandLine.h"
 
 #include "App/BuildInfo.h"
+#include "App/DoctorCommand.h"
 #include "App/ExplainCommand.h"
 #include "Services/URLExpander.h"
 #include "Storage/UserSettings.h"
 
+#include <QCoreApplication>
 #include <QLoggingCategory>
 #include <QStringDecoder>
 
@@ -21,6 +23,8 @@ QString helpText()
            "Commands:\n"
            "  explain URL [--from APP-ID] [--expand]\n"
            "                 show where a link would open and which rule decides\n"
+           "  doctor [--json]\n"
+           "                 show what Quillvane sees of this desktop\n"
            "\n"
            "Options:\n"
            "  -h, --help     show this help\n"
@@ -60,6 +64,12 @@ int run(const QByteArrayList &arguments, QTextStream &out, QTextStream &err)
         out << versionText();
         out.flush();
         return 0;
+    }
+    if (decoded.first() == u"doctor") {
+        QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*.info=false"_s);
+        XdgAutostart autostart(QCoreApplication::applicationFilePath());
+        const DoctorCommand::Environment environment{GioDesktopEntries::instance(), autostart, out, err};
+        return DoctorCommand::run(decoded.sliced(1), environment);
     }
     if (decoded.first() == u"explain") {
         // The answer is the output; the system log's routine lines would only

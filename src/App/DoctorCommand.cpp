@@ -1,0 +1,170 @@
+#include "App/DoctorCommand.h"
+
+#include "App/BuildInfo.h"
+#include "Platform/DiagnosticLog.h"
+#include "Services/BrowserDiscovery.h"
+#include "Services/LaunchAtLoginManager.h"
+#include "Services/ProfileDiscovery.h"
+#include "Storage/UserSettings.h"
+
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace DoctorCommand {
+
+namespace {
+
+QString sessionType()
+{
+    const QString declared = qEnvironmentVariable("XDG_SESSION_TYPE").toLower();
+    if (declared == u"x11" || declared == u"wayland")
+        return declared;
+    if (!qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY"))
+        return u"wayland"_s;
+    if (!qEnvironmentVariableIsEmpty("DISPLAY"))
+        return u"x11"_s;
+    return declared.isEmpty() ? u"none"_s : declared;
+}
+
+QJsonValue orNull(const std::optional<QString> &text)
+{
+    return text ? QJsonValue(*text) : QJsonValue(QJsonValue::Null);
+}
+
+QJsonObject file(const QString &path)
+{
+    return QJsonObject{{u"path"_s, path}, {u"exists"_s, QFileInfo::exists(path)}};
+}
+
+QString yesNo(bool value)
+{
+    return value ? u"yes"_s : u"no"_s;
+}
+
+void printText(QTextStream &out, const QJsonObject &report)
+{
+    const QJsonObject session = report.value(u"session"_s).toObject();
+    const QJsonObject handlers = report.value(u"defaultBrowser"_s).toObject();
+    const auto handler = [](const QJsonValue &id) { return id.isNull() ? u"(none)"_s : id.toString(); };
+    out << "Quillvane " << report.value(u"version"_s).toString() << "\n\n";
+    out << "Session:          " << session.value(u"type"_s).toString();
+    if (!session.value(u"desktop"_s).toString().isEmpty())
+        out << " (" << session.value(u"desktop"_s).toString() << ')';
+    out << '\n';
+    out << "Default browser:  " << (handlers.value(u"isQuillvane"_s).toBool() ? "Quillvane" : "not Quillvane")
+        << '\n';
+    out << "  https handler:  " << handler(handlers.value(u"https"_s)) << '\n';
+    out << "  http handler:   " << handler(handlers.value(u"http"_s)) << '\n';
+    const QJsonObject login = report.value(u"launchAtLogin"_s).toObject();
+    out << "Launch at login:  " << yesNo(login.value(u"enabled"_s).toBool()) << " ("
+        << login.value(u"autostartFile"_s).toString() << ")\n";
+    const QJsonObject settings = report.value(u"settingsFile"_s).toObject();
+    out << "Settings file:    " << settings.value(u"path"_s).toString()
+        << (settings.value(u"exists"_s).toBool() ? "" : " (not created yet)") << '\n';
+    const QJsonObject log = report.value(u"diagnosticLog"_s).toObject();
+    out << "Diagnostic log:   " << log.value(u"path"_s).toString()
+        << (log.value(u"exists"_s).toBool() ? "" : " (not created yet)") << '\n';
+
+    const QJsonArray browsers = report.value(u"browsers"_s).toArray();
+    out << "\nBrowsers (" << browsers.size() << "):\n";
+    if (browsers.isEmpty())
+        out << "  none found: no installed application opens https links\n";
+    for (const QJsonValue &value : browsers) {
+        const QJsonObject browser = value.toObject();
+        out << "  " << browser.value(u"name"_s).toString() << " [" << browser.value(u"id"_s).toString() << "]\n"
+            << "    " << browser.value(u"desktopEntry"_s).toString() << '\n';
+        const QJsonValue profiles = browser.value(u"profiles"_s);
+        if (profiles.isNull())
+            continue;
+        out << "    profiles:";
+        if (profiles.toArray().isEmpty())
+            out << " none found";
+        for (const QJsonValue &profile : profiles.toArray())
+            out << "\n      " << profile.toObject().value(u"name"_s).toString() << " ("
+                << profile.toObject().value(u"id"_s).toString() << ')';
+        out << '\n';
+    }
+}
+
+} // namespace
+
+QString usage()
+{
+    return u"Usage: quillvane doctor [--json]\n"
+           "\n"
+           "Shows what Quillvane sees of this desktop: the session type, whether Quillvane is\n"
+           "the default browser and which application handles links now, the browsers it\n"
+           "found with their profiles, launch at login, and where its files are.\n"
+           "Changes nothing.\n"
+           "\n"
+           "  --json  the same as one JSON document (member names are stable)\n"_s;
+}
+
+QJsonObject report(DesktopEntries &entries, const Autostart &autostart)
+{
+    QJsonArray browsers;
+    for (const BrowserInfo &browser : BrowserDiscovery::discoverBrowsers(entries)) {
+        QJsonObject object{{u"id"_s, browser.bundleID},
+                           {u"name"_s, browser.name},
+                           {u"desktopEntry"_s, browser.path.toLocalFile()}};
+        if (const auto supported = ProfileDiscovery::supportedBrowser(browser.bundleID)) {
+            QJsonArray profiles;
+            for (const BrowserProfile &profile : ProfileDiscovery::discoverProfiles(browser.bundleID))
+                profiles.append(QJsonObject{{u"id"_s, profile.id}, {u"name"_s, profile.name}});
+            object.insert(u"profiles"_s, profiles);
+            object.insert(u"profileFile"_s, supported->profileFile);
+        } else {
+            object.insert(u"profiles"_s, QJsonValue::Null);
+        }
+        browsers.append(object);
+    }
+    const std::optional<QString> https = entries.defaultHandler(u"https"_s);
+    return QJsonObject{
+        {u"version"_s, QString::fromUtf16(BuildInfo::Version)},
+        {u"session"_s,
+         QJsonObject{{u"type"_s, sessionType()},
+                     {u"desktop"_s, qEnvironmentVariable("XDG_CURRENT_DESKTOP")},
+                     {u"display"_s, qEnvironmentVariable("DISPLAY")},
+                     {u"waylandDisplay"_s, qEnvironmentVariable("WAYLAND_DISPLAY")}}},
+        {u"defaultBrowser"_s,
+         QJsonObject{{u"http"_s, orNull(entries.defaultHandler(u"http"_s))},
+                     {u"https"_s, orNull(https)},
+                     {u"isQuillvane"_s, https == QString::fromUtf16(BuildInfo::AppId)}}},
+        {u"browsers"_s, browsers},
+        {u"launchAtLogin"_s,
+         QJsonObject{{u"enabled"_s, LaunchAtLoginManager::isEnabled(autostart)},
+                     {u"autostartFile"_s, XdgAutostart::entryPath()}}},
+        {u"settingsFile"_s, file(UserSettings::filePath())},
+        {u"diagnosticLog"_s, file(DiagnosticLog::filePath())},
+    };
+}
+
+int run(const QStringList &arguments, const Environment &environment)
+{
+    bool json = false;
+    for (const QString &argument : arguments) {
+        if (argument == u"--help" || argument == u"-h") {
+            environment.out << usage();
+            environment.out.flush();
+            return 0;
+        }
+        if (argument != u"--json") {
+            environment.err << "quillvane doctor: unknown argument \"" << argument.left(80) << "\".\n\n" << usage();
+            environment.err.flush();
+            return 2;
+        }
+        json = true;
+    }
+    const QJsonObject result = report(environment.entries, environment.autostart);
+    if (json)
+        environment.out << QJsonDocument(result).toJson(QJsonDocument::Indented);
+    else
+        printText(environment.out, result);
+    environment.out.flush();
+    return 0;
+}
+
+} // namespace DoctorCommand

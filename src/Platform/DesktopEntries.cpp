@@ -1,0 +1,98 @@
+#include "Platform/DesktopEntries.h"
+
+#include <QFile>
+
+#include <gio/gdesktopappinfo.h>
+#include <gio/gio.h>
+
+namespace {
+
+QString fromUtf8(const char *text)
+{
+    return text ? QString::fromUtf8(text) : QString();
+}
+
+QString takeUtf8(char *text)
+{
+    const QString result = fromUtf8(text);
+    g_free(text);
+    return result;
+}
+
+QString idWithoutSuffix(const char *desktopId)
+{
+    QString id = fromUtf8(desktopId);
+    if (id.endsWith(u".desktop"))
+        id.chop(8);
+    return id;
+}
+
+DesktopEntry toEntry(GDesktopAppInfo *info)
+{
+    DesktopEntry entry;
+    entry.id = idWithoutSuffix(g_app_info_get_id(G_APP_INFO(info)));
+    entry.path = fromUtf8(g_desktop_app_info_get_filename(info));
+    if (g_desktop_app_info_has_key(info, "Name"))
+        entry.name = fromUtf8(g_app_info_get_name(G_APP_INFO(info)));
+    entry.exec = takeUtf8(g_desktop_app_info_get_string(info, "Exec"));
+    entry.icon = takeUtf8(g_desktop_app_info_get_string(info, "Icon"));
+    entry.workingDirectory = takeUtf8(g_desktop_app_info_get_string(info, "Path"));
+    entry.categories = fromUtf8(g_desktop_app_info_get_categories(info)).split(u';', Qt::SkipEmptyParts);
+    entry.dbusActivatable = g_desktop_app_info_get_boolean(info, "DBusActivatable");
+    entry.noDisplay = g_desktop_app_info_get_nodisplay(info);
+    return entry;
+}
+
+} // namespace
+
+QList<DesktopEntry> GioDesktopEntries::handlersForScheme(const QString &scheme)
+{
+    const QByteArray type = "x-scheme-handler/" + scheme.toUtf8();
+    GList *infos = g_app_info_get_all_for_type(type.constData());
+    QList<DesktopEntry> entries;
+    for (GList *item = infos; item; item = item->next) {
+        if (G_IS_DESKTOP_APP_INFO(item->data))
+            entries.append(toEntry(G_DESKTOP_APP_INFO(item->data)));
+    }
+    g_list_free_full(infos, g_object_unref);
+    return entries;
+}
+
+std::optional<DesktopEntry> GioDesktopEntries::entry(const QString &id)
+{
+    const QByteArray desktopId = (id + u".desktop").toUtf8();
+    GDesktopAppInfo *info = g_desktop_app_info_new(desktopId.constData());
+    if (!info)
+        return std::nullopt;
+    DesktopEntry result = toEntry(info);
+    g_object_unref(info);
+    return result;
+}
+
+std::optional<DesktopEntry> GioDesktopEntries::entryAt(const QString &path)
+{
+    GDesktopAppInfo *info = g_desktop_app_info_new_from_filename(QFile::encodeName(path).constData());
+    if (!info)
+        return std::nullopt;
+    DesktopEntry result = toEntry(info);
+    g_object_unref(info);
+    return result;
+}
+
+std::optional<QString> GioDesktopEntries::defaultHandler(const QString &scheme)
+{
+    GAppInfo *info = g_app_info_get_default_for_uri_scheme(scheme.toUtf8().constData());
+    if (!info)
+        return std::nullopt;
+    const QString id = idWithoutSuffix(g_app_info_get_id(info));
+    g_object_unref(info);
+    if (id.isEmpty())
+        return std::nullopt;
+    return id;
+}
+
+GioDesktopEntries &GioDesktopEntries::instance()
+{
+    static GioDesktopEntries entries;
+    return entries;
+}

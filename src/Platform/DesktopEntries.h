@@ -1,0 +1,56 @@
+#pragma once
+
+#include <QList>
+#include <QString>
+#include <QStringList>
+
+#include <optional>
+
+// One installed application as its desktop entry describes it.
+struct DesktopEntry
+{
+    // The desktop-entry id without ".desktop" (Quillvane's "bundle identifier").
+    QString id;
+    // Absolute path of the .desktop file.
+    QString path;
+    // The Name key (localized); absent when the entry has none.
+    std::optional<QString> name;
+    QString exec;
+    QString icon;
+    // The Path key: the directory the program starts in.
+    QString workingDirectory;
+    QStringList categories;
+    bool dbusActivatable = false;
+    bool noDisplay = false;
+};
+
+// The desktop's registry of installed applications (desktop entries in the XDG
+// data directories, native, Flatpak and Snap exports alike).
+class DesktopEntries
+{
+public:
+    virtual ~DesktopEntries() = default;
+
+    // Every application registered for links of the scheme, in the desktop's order.
+    virtual QList<DesktopEntry> handlersForScheme(const QString &scheme) = 0;
+    // The application with the id, searched the standard way; none when no
+    // such entry is installed (or it is hidden, or its TryExec is missing).
+    virtual std::optional<DesktopEntry> entry(const QString &id) = 0;
+    // The entry in exactly this file (its id is not known from the file alone).
+    virtual std::optional<DesktopEntry> entryAt(const QString &path) = 0;
+    // The id of the desktop's default handler for the scheme.
+    virtual std::optional<QString> defaultHandler(const QString &scheme) = 0;
+};
+
+// The registry as GIO sees it.
+class GioDesktopEntries final : public DesktopEntries
+{
+public:
+    QList<DesktopEntry> handlersForScheme(const QString &scheme) override;
+    std::optional<DesktopEntry> entry(const QString &id) override;
+    std::optional<DesktopEntry> entryAt(const QString &path) override;
+    std::optional<QString> defaultHandler(const QString &scheme) override;
+
+    // The process's one instance.
+    static GioDesktopEntries &instance();
+};

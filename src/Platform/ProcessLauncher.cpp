@@ -1,0 +1,160 @@
+#include "Platform/ProcessLauncher.h"
+
+#include <QFile>
+#include <QPromise>
+
+#include <gio/gdesktopappinfo.h>
+#include <gio/gio.h>
+
+#include <memory>
+#include <vector>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+
+// A launch context that hands the activation token that came with the link to
+// the application, so that its window may take the focus.
+struct TokenLaunchContext
+{
+    GAppLaunchContext parent;
+    char *token;
+};
+
+struct TokenLaunchContextClass
+{
+    GAppLaunchContextClass parentClass;
+};
+
+GType tokenLaunchContextType();
+
+char *tokenStartupNotifyId(GAppLaunchContext *context, GAppInfo *, GList *)
+{
+    auto *self = reinterpret_cast<TokenLaunchContext *>(context);
+    return g_strdup(self->token);
+}
+
+void tokenFinalize(GObject *object)
+{
+    g_free(reinterpret_cast<TokenLaunchContext *>(object)->token);
+    G_OBJECT_CLASS(g_type_class_peek_parent(G_OBJECT_GET_CLASS(object)))->finalize(object);
+}
+
+void tokenClassInit(gpointer klass, gpointer)
+{
+    G_APP_LAUNCH_CONTEXT_CLASS(klass)->get_startup_notify_id = tokenStartupNotifyId;
+    G_OBJECT_CLASS(klass)->finalize = tokenFinalize;
+}
+
+GType tokenLaunchContextType()
+{
+    static const GType type = g_type_register_static_simple(
+        G_TYPE_APP_LAUNCH_CONTEXT, "QuillvaneTokenLaunchContext", sizeof(TokenLaunchContextClass),
+        tokenClassInit, sizeof(TokenLaunchContext), nullptr, GTypeFlags(0));
+    return type;
+}
+
+GAppLaunchContext *launchContext(const QString &token)
+{
+    if (token.isEmpty())
+        return g_app_launch_context_new();
+    auto *context = static_cast<TokenLaunchContext *>(g_object_new(tokenLaunchContextType(), nullptr));
+    context->token = g_strdup(token.toUtf8().constData());
+    return G_APP_LAUNCH_CONTEXT(context);
+}
+
+// The environment for a started browser: Quillvane's own, with the link's
+// activation token in place of any token or launch record Quillvane inherited.
+gchar **childEnvironment(const QString &token)
+{
+    gchar **environment = g_get_environ();
+    environment = g_environ_unsetenv(environment, "GIO_LAUNCHED_DESKTOP_FILE");
+    environment = g_environ_unsetenv(environment, "GIO_LAUNCHED_DESKTOP_FILE_PID");
+    if (token.isEmpty()) {
+        environment = g_environ_unsetenv(environment, "XDG_ACTIVATION_TOKEN");
+        environment = g_environ_unsetenv(environment, "DESKTOP_STARTUP_ID");
+    } else {
+        const QByteArray value = token.toUtf8();
+        environment = g_environ_setenv(environment, "XDG_ACTIVATION_TOKEN", value.constData(), TRUE);
+        environment = g_environ_setenv(environment, "DESKTOP_STARTUP_ID", value.constData(), TRUE);
+    }
+    return environment;
+}
+
+QString takeMessage(GError *error)
+{
+    const QString message = error ? QString::fromUtf8(error->message) : u"Unknown error"_s;
+    if (error)
+        g_error_free(error);
+    return message;
+}
+
+using Promise = QPromise<ProcessLauncher::Failure>;
+
+
+void activationFinished(GObject *source, GAsyncResult *result, gpointer data)
+{
+    std::unique_ptr<Promise> promise(static_cast<Promise *>(data));
+    GError *error = nullptr;
+    if (g_app_info_launch_uris_finish(G_APP_INFO(source), result, &error))
+        promise->addResult(ProcessLauncher::Failure());
+    else
+        promise->addResult(ProcessLauncher::Failure(takeMessage(error)));
+    promise->finish();
+    g_object_unref(source);
+}
+
+} // namespace
+
+ProcessLauncher::Failure GioProcessLauncher::spawn(const QStringList &argv, const QString &workingDirectory,
+                                                   const QString &activationToken)
+{
+    if (argv.isEmpty() || argv.first().isEmpty())
+        return u"There is no program to start."_s;
+    std::vector<QByteArray> storage;
+    storage.reserve(size_t(argv.size()));
+    std::vector<char *> arguments;
+    for (const QString &argument : argv) {
+        storage.push_back(argument.toUtf8());
+        arguments.push_back(storage.back().data());
+    }
+    arguments.push_back(nullptr);
+
+    gchar **environment = childEnvironment(activationToken);
+    const QByteArray directory = QFile::encodeName(workingDirectory);
+    const auto flags = GSpawnFlags(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD | G_SPAWN_STDOUT_TO_DEV_NULL
+                                   | G_SPAWN_STDERR_TO_DEV_NULL | G_SPAWN_CHILD_INHERITS_STDIN);
+    GPid pid = 0;
+    GError *error = nullptr;
+    const gboolean started = g_spawn_async(directory.isEmpty() ? nullptr : directory.constData(), arguments.data(),
+                                           environment, flags, nullptr, nullptr, &pid, &error);
+    g_strfreev(environment);
+    if (!started)
+        return takeMessage(error);
+    // Reaped by the main loop when it exits, whenever that is.
+    g_child_watch_add(pid, [](GPid child, gint, gpointer) { g_spawn_close_pid(child); }, nullptr);
+    return std::nullopt;
+}
+
+QFuture<ProcessLauncher::Failure> GioProcessLauncher::activate(const QString &desktopEntryPath, const QString &link,
+                                                               const QString &activationToken)
+{
+    GDesktopAppInfo *info = g_desktop_app_info_new_from_filename(QFile::encodeName(desktopEntryPath).constData());
+    if (!info)
+        return QtFuture::makeReadyFuture<ProcessLauncher::Failure>(u"The desktop entry %1 cannot be read."_s.arg(desktopEntryPath));
+    auto *promise = new Promise;
+    promise->start();
+    QFuture<Failure> future = promise->future();
+    const QByteArray uri = link.toUtf8();
+    GList uris{const_cast<char *>(uri.constData()), nullptr, nullptr};
+    GAppLaunchContext *context = launchContext(activationToken);
+    g_app_info_launch_uris_async(G_APP_INFO(info), &uris, context, nullptr, activationFinished, promise);
+    g_object_unref(context);
+    return future;
+}
+
+GioProcessLauncher &GioProcessLauncher::instance()
+{
+    static GioProcessLauncher launcher;
+    return launcher;
+}

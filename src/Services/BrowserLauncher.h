@@ -1,0 +1,48 @@
+#pragma once
+
+#include "Models/BrowserInfo.h"
+#include "Models/Link.h"
+#include "Platform/DesktopEntries.h"
+#include "Platform/ProcessLauncher.h"
+
+#include <QFuture>
+#include <QList>
+
+#include <optional>
+
+// Opens a link in one browser, chosen by id. Never falls back to another
+// browser: that is the caller's decision.
+namespace BrowserLauncher {
+
+struct LaunchError
+{
+    enum class Kind { BrowserNotFound, BrowserNotAvailable, OpenFailed };
+
+    Kind kind;
+    QString bundleID;
+    QString name;
+    QString path;
+    QString underlying;
+
+    QString description() const;
+};
+
+// Empty when the browser took the link.
+using Outcome = std::optional<LaunchError>;
+
+// What the launcher needs of the platform.
+struct Platform
+{
+    DesktopEntries &entries;
+    ProcessLauncher &processes;
+};
+
+// The first listed browser with the id (ignoring case), else the installed
+// desktop entry with that id.
+QFuture<Outcome> open(const Link &url, const QString &bundleID, const QList<BrowserInfo> &browsers,
+                      const Platform &platform, const QString &activationToken = {});
+
+QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const Platform &platform,
+                      const QString &activationToken = {});
+
+} // namespace BrowserLauncher

@@ -1,0 +1,213 @@
+#include "Services/ConfigManager.h"
+
+#include "Platform/SystemLog.h"
+#include "Services/URLCleaner.h"
+#include "Storage/RuleStore.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QRegularExpression>
+
+#include <algorithm>
+#include <cmath>
+
+using namespace Qt::Literals::StringLiterals;
+
+QUILLVANE_LOGGING_CATEGORY(lcConfigManager, "ConfigManager")
+
+namespace ConfigManager {
+
+namespace {
+
+void appendString(QByteArray &out, const QString &text)
+{
+    // Compact JSON of one string, with slashes escaped as the document wants.
+    const QByteArray quoted = QJsonDocument(QJsonArray{text}).toJson(QJsonDocument::Compact);
+    out += quoted.sliced(1, quoted.size() - 2).replace("/", "\\/");
+}
+
+void appendValue(QByteArray &out, const QJsonValue &value, int indent)
+{
+    const QByteArray inner(indent + 2, ' ');
+    switch (value.type()) {
+    case QJsonValue::Object: {
+        const QJsonObject object = value.toObject();
+        if (object.isEmpty()) {
+            out += "{}";
+            return;
+        }
+        QStringList keys = object.keys();
+        std::sort(keys.begin(), keys.end(), [](const QString &a, const QString &b) { return a.toUtf8() < b.toUtf8(); });
+        out += "{\n";
+        for (qsizetype i = 0; i < keys.size(); ++i) {
+            out += inner;
+            appendString(out, keys[i]);
+            out += " : ";
+            appendValue(out, object.value(keys[i]), indent + 2);
+            out += i + 1 < keys.size() ? ",\n" : "\n";
+        }
+        out += QByteArray(indent, ' ') + '}';
+        return;
+    }
+    case QJsonValue::Array: {
+        const QJsonArray array = value.toArray();
+        if (array.isEmpty()) {
+            out += "[]";
+            return;
+        }
+        out += "[\n";
+        for (qsizetype i = 0; i < array.size(); ++i) {
+            out += inner;
+            appendValue(out, array.at(i), indent + 2);
+            out += i + 1 < array.size() ? ",\n" : "\n";
+        }
+        out += QByteArray(indent, ' ') + ']';
+        return;
+    }
+    case QJsonValue::String:
+        appendString(out, value.toString());
+        return;
+    case QJsonValue::Double: {
+        const double number = value.toDouble();
+        out += number == std::trunc(number) && std::fabs(number) < 9e15 ? QByteArray::number(qint64(number))
+                                                                        : QByteArray::number(number, 'g', 17);
+        return;
+    }
+    case QJsonValue::Bool:
+        out += value.toBool() ? "true" : "false";
+        return;
+    default:
+        out += "null";
+    }
+}
+
+// RFC 3339 internet date-time without fractional seconds.
+std::optional<QDateTime> parseExportDate(const QString &text)
+{
+    static const QRegularExpression format(uR"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d(Z|[+-]\d\d:\d\d)$)"_s);
+    if (!format.match(text).hasMatch())
+        return std::nullopt;
+    const QDateTime date = QDateTime::fromString(text, Qt::ISODate);
+    if (!date.isValid())
+        return std::nullopt;
+    return date.toUTC();
+}
+
+ConfigError decodingFailed(const QString &why)
+{
+    qCCritical(lcConfigManager).noquote() << u"Failed to decode config JSON: %1"_s.arg(why);
+    return ConfigError{ConfigError::Kind::DecodingFailed, 0, why};
+}
+
+} // namespace
+
+QString ConfigError::description() const
+{
+    switch (kind) {
+    case Kind::UnsupportedVersion:
+        return u"Unsupported config version: %1. This app supports version %2."_s.arg(version).arg(SupportedVersion);
+    case Kind::EncodingFailed:
+        return u"Failed to encode configuration: %1"_s.arg(underlying);
+    case Kind::DecodingFailed:
+        return u"Failed to decode configuration: %1"_s.arg(underlying);
+    }
+    return {};
+}
+
+ExportData exportConfig(RuleStore &store, const QDateTime &now)
+{
+    ExportData data;
+    data.rules = store.loadRules();
+    const QString fallback = store.loadDefaultBrowserBundleID();
+    qCInfo(lcConfigManager).noquote()
+        << u"Exporting config: %1 rule(s), default=%2"_s.arg(QString::number(data.rules.size()), SystemLog::priv(fallback));
+    data.exportDate = QDateTime::fromSecsSinceEpoch(now.toSecsSinceEpoch(), Qt::UTC);
+    if (!fallback.isEmpty())
+        data.defaultBrowserBundleID = fallback;
+    data.urlCleaningEnabled = URLCleaner::isEnabled(store.settings());
+    return data;
+}
+
+QByteArray encode(const ExportData &data)
+{
+    // The rules in their one JSON form, as the settings store keeps them.
+    const QJsonArray rules = QJsonDocument::fromJson(RoutingRule::listToJson(data.rules)).array();
+    QJsonObject document{
+        {u"version"_s, data.version},
+        {u"exportDate"_s, data.exportDate.toUTC().toString(Qt::ISODate)},
+        {u"rules"_s, rules},
+        {u"urlCleaningEnabled"_s, data.urlCleaningEnabled},
+    };
+    if (data.defaultBrowserBundleID)
+        document.insert(u"defaultBrowserBundleID"_s, *data.defaultBrowserBundleID);
+    QByteArray out;
+    appendValue(out, document, 0);
+    return out;
+}
+
+Expected<QByteArray, ConfigError> exportToJSON(RuleStore &store, const QDateTime &now)
+{
+    const QByteArray bytes = encode(exportConfig(store, now));
+    qCInfo(lcConfigManager).noquote() << u"Encoded config to JSON (%1 bytes)"_s.arg(bytes.size());
+    return bytes;
+}
+
+Expected<ExportData, ConfigError> importFromJSON(QByteArrayView bytes)
+{
+    QJsonParseError parseError;
+    const QJsonDocument document = QJsonDocument::fromJson(bytes.toByteArray(), &parseError);
+    if (parseError.error != QJsonParseError::NoError)
+        return decodingFailed(u"the file is not valid JSON (%1 at offset %2)."_s.arg(parseError.errorString())
+                                  .arg(parseError.offset));
+    if (!document.isObject())
+        return decodingFailed(u"the file does not hold a JSON object."_s);
+    const QJsonObject object = document.object();
+
+    const QJsonValue version = object.value(u"version"_s);
+    if (!version.isDouble() || version.toDouble() != std::trunc(version.toDouble())
+        || std::fabs(version.toDouble()) > 9e15)
+        return decodingFailed(u"the member \"version\" is missing or not an integer."_s);
+    const QJsonValue exportDate = object.value(u"exportDate"_s);
+    const auto date = exportDate.isString() ? parseExportDate(exportDate.toString()) : std::nullopt;
+    if (!date)
+        return decodingFailed(u"the member \"exportDate\" is missing or not an ISO 8601 date-time."_s);
+    const QJsonValue fallback = object.value(u"defaultBrowserBundleID"_s);
+    if (!fallback.isUndefined() && !fallback.isNull() && !fallback.isString())
+        return decodingFailed(u"the member \"defaultBrowserBundleID\" is not a string."_s);
+    const QJsonValue cleaning = object.value(u"urlCleaningEnabled"_s);
+    if (!cleaning.isBool())
+        return decodingFailed(u"the member \"urlCleaningEnabled\" is missing or not true or false."_s);
+    const QJsonValue rulesValue = object.value(u"rules"_s);
+    if (!rulesValue.isArray())
+        return decodingFailed(u"the member \"rules\" is missing or not an array."_s);
+
+    ExportData data;
+    const QJsonArray rules = rulesValue.toArray();
+    for (qsizetype i = 0; i < rules.size(); ++i) {
+        auto rule = RoutingRule::fromJson(rules.at(i), i);
+        if (!rule)
+            return decodingFailed(rule.error().description);
+        data.rules.append(*rule);
+    }
+    data.version = qint64(version.toDouble());
+    data.exportDate = *date;
+    if (fallback.isString())
+        data.defaultBrowserBundleID = fallback.toString();
+    data.urlCleaningEnabled = cleaning.toBool();
+
+    if (data.version < SupportedVersion) {
+        qCCritical(lcConfigManager).noquote() << u"Config version %1 is invalid (< 1)"_s.arg(data.version);
+        return ConfigError{ConfigError::Kind::UnsupportedVersion, data.version, {}};
+    }
+    if (data.version > SupportedVersion) {
+        qCCritical(lcConfigManager).noquote()
+            << u"Config version %1 is newer than supported version %2"_s.arg(data.version).arg(SupportedVersion);
+        return ConfigError{ConfigError::Kind::UnsupportedVersion, data.version, {}};
+    }
+    qCInfo(lcConfigManager).noquote() << u"Imported config: version=%1, %2 rule(s)"_s.arg(
+        QString::number(data.version), QString::number(data.rules.size()));
+    return data;
+}
+
+} // namespace ConfigManager

@@ -1,0 +1,52 @@
+#pragma once
+
+#include "Models/Expected.h"
+#include "Models/RoutingRule.h"
+
+#include <QByteArray>
+#include <QDateTime>
+#include <QList>
+
+#include <optional>
+
+class RuleStore;
+
+// The configuration as a self-describing JSON document: rules, fallback
+// browser and the cleaning switch, with a format version and the export time.
+namespace ConfigManager {
+
+inline constexpr qint64 SupportedVersion = 1;
+
+struct ExportData
+{
+    qint64 version = SupportedVersion;
+    QDateTime exportDate;
+    std::optional<QString> defaultBrowserBundleID;
+    QList<RoutingRule> rules;
+    bool urlCleaningEnabled = true;
+
+    friend bool operator==(const ExportData &, const ExportData &) = default;
+};
+
+struct ConfigError
+{
+    enum class Kind { UnsupportedVersion, EncodingFailed, DecodingFailed };
+
+    Kind kind;
+    qint64 version = 0;
+    QString underlying;
+
+    QString description() const;
+};
+
+ExportData exportConfig(RuleStore &store, const QDateTime &now = QDateTime::currentDateTimeUtc());
+Expected<QByteArray, ConfigError> exportToJSON(RuleStore &store,
+                                                const QDateTime &now = QDateTime::currentDateTimeUtc());
+// Only reads the document; applying it is the application state's.
+Expected<ExportData, ConfigError> importFromJSON(QByteArrayView bytes);
+
+// The document's bytes: keys sorted, two-space indentation, " : " between key
+// and value, slashes escaped, no final line feed.
+QByteArray encode(const ExportData &data);
+
+} // namespace ConfigManager

@@ -1,0 +1,141 @@
+#include "Services/ExecLine.h"
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace ExecLine {
+
+namespace {
+
+bool isBlank(QChar c)
+{
+    return c == u' ' || c == u'\t' || c == u'\n';
+}
+
+bool isLinkCode(QStringView argument)
+{
+    return argument == u"%u" || argument == u"%U" || argument == u"%f" || argument == u"%F";
+}
+
+bool isFlatpakMarker(QStringView argument)
+{
+    return argument == u"@@" || argument == u"@@u";
+}
+
+// Expands the field codes inside one argument; codes with no value here vanish.
+QString expandedInside(QStringView argument, const DesktopEntry *entry, const QString *link,
+                       bool *placedLink = nullptr)
+{
+    QString result;
+    result.reserve(argument.size());
+    for (qsizetype i = 0; i < argument.size(); ++i) {
+        if (argument[i] != u'%' || i + 1 >= argument.size()) {
+            result += argument[i];
+            continue;
+        }
+        const QChar code = argument[++i];
+        if (code == u'%')
+            result += u'%';
+        else if (entry && code == u'c')
+            result += entry->name.value_or(entry->id);
+        else if (entry && code == u'k')
+            result += entry->path;
+        else if (link && (code == u'u' || code == u'U' || code == u'f' || code == u'F')) {
+            result += *link;
+            if (placedLink)
+                *placedLink = true;
+        }
+    }
+    return result;
+}
+
+} // namespace
+
+Expected<QStringList, Error> split(QStringView exec)
+{
+    QStringList arguments;
+    QString current;
+    bool inWord = false;
+    for (qsizetype i = 0; i < exec.size(); ++i) {
+        const QChar c = exec[i];
+        if (isBlank(c)) {
+            if (inWord)
+                arguments.append(std::exchange(current, QString()));
+            inWord = false;
+            continue;
+        }
+        inWord = true;
+        if (c == u'"') {
+            // Inside double quotes a backslash escapes only " ` $ \ (and a line break).
+            bool closed = false;
+            for (++i; i < exec.size(); ++i) {
+                const QChar q = exec[i];
+                if (q == u'"') {
+                    closed = true;
+                    break;
+                }
+                if (q == u'\\' && i + 1 < exec.size()
+                    && QStringView(u"\"`$\\\n").contains(exec[i + 1])) {
+                    current += exec[++i];
+                    continue;
+                }
+                current += q;
+            }
+            if (!closed)
+                return Error{u"The Exec line has an unterminated quote."_s};
+        } else if (c == u'\'') {
+            const qsizetype end = exec.indexOf(u'\'', i + 1);
+            if (end < 0)
+                return Error{u"The Exec line has an unterminated quote."_s};
+            current += exec.sliced(i + 1, end - i - 1);
+            i = end;
+        } else if (c == u'\\') {
+            if (i + 1 < exec.size())
+                current += exec[++i];
+        } else {
+            current += c;
+        }
+    }
+    if (inWord)
+        arguments.append(current);
+    if (arguments.isEmpty() || arguments.first().isEmpty())
+        return Error{u"The Exec line names no program."_s};
+    return arguments;
+}
+
+QStringList forLink(const QStringList &argv, const DesktopEntry &entry, const QString &link)
+{
+    QStringList result;
+    bool linkPlaced = false;
+    for (const QString &argument : argv) {
+        if (isLinkCode(argument)) {
+            if (!linkPlaced)
+                result.append(link);
+            linkPlaced = true;
+        } else if (argument == u"%i") {
+            if (!entry.icon.isEmpty())
+                result << u"--icon"_s << entry.icon;
+        } else if (argument.contains(u'%')) {
+            result.append(expandedInside(argument, &entry, &link, &linkPlaced));
+        } else {
+            result.append(argument);
+        }
+    }
+    if (!linkPlaced)
+        result.append(link);
+    return result;
+}
+
+QStringList withoutFieldCodes(const QStringList &argv)
+{
+    QStringList result;
+    for (const QString &argument : argv) {
+        if (isFlatpakMarker(argument))
+            continue;
+        if (argument.size() == 2 && argument[0] == u'%' && argument[1] != u'%')
+            continue;
+        result.append(argument.contains(u'%') ? expandedInside(argument, nullptr, nullptr) : argument);
+    }
+    return result;
+}
+
+} // namespace ExecLine

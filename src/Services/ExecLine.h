@@ -1,0 +1,30 @@
+#pragma once
+
+#include "Models/Expected.h"
+#include "Platform/DesktopEntries.h"
+
+#include <QString>
+#include <QStringList>
+
+// A desktop entry's Exec line: split into an argument vector the way the
+// Desktop Entry Specification (and GIO) quote it, and its field codes expanded
+// for one link. Nothing here passes through a shell.
+namespace ExecLine {
+
+struct Error
+{
+    QString description;
+};
+
+Expected<QStringList, Error> split(QStringView exec);
+
+// The command that opens link: %u %U %f %F become the link as one argument
+// (appended at the end when the line has none of them), %i the icon option,
+// %c the name, %k the entry's path, %% a percent sign; other codes vanish.
+QStringList forLink(const QStringList &argv, const DesktopEntry &entry, const QString &link);
+
+// The command without any field code and without Flatpak's @@ and @@u file
+// forwarding markers, ready for arguments of Quillvane's own.
+QStringList withoutFieldCodes(const QStringList &argv);
+
+} // namespace ExecLine

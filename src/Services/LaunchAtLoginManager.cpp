@@ -1,0 +1,36 @@
+#include "Services/LaunchAtLoginManager.h"
+
+#include "Platform/SystemLog.h"
+
+using namespace Qt::Literals::StringLiterals;
+
+QUILLVANE_LOGGING_CATEGORY(lcLaunchAtLogin, "LaunchAtLogin")
+
+namespace LaunchAtLoginManager {
+
+bool isEnabled(const Autostart &autostart)
+{
+    const Autostart::Status status = autostart.status();
+    qCDebug(lcLaunchAtLogin).noquote() << u"Current launch-at-login status: %1"_s.arg(int(status));
+    return status == Autostart::Status::Enabled;
+}
+
+Autostart::Failure enable(Autostart &autostart)
+{
+    qCInfo(lcLaunchAtLogin) << "Registering launch at login";
+    const Autostart::Failure failure = autostart.enable();
+    if (!failure)
+        qCInfo(lcLaunchAtLogin) << "Successfully registered launch at login";
+    return failure;
+}
+
+Autostart::Failure disable(Autostart &autostart)
+{
+    qCInfo(lcLaunchAtLogin) << "Unregistering launch at login";
+    const Autostart::Failure failure = autostart.disable();
+    if (!failure)
+        qCInfo(lcLaunchAtLogin) << "Successfully unregistered launch at login";
+    return failure;
+}
+
+} // namespace LaunchAtLoginManager

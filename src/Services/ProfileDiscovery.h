@@ -1,0 +1,39 @@
+#pragma once
+
+#include "Models/BrowserInfo.h"
+
+#include <QList>
+#include <QString>
+
+#include <optional>
+
+// The profiles of the browsers whose profiles Quillvane can open: Chromium
+// browsers (profile id = directory name, from "Local State") and Firefox
+// (profile id = name, from profiles.ini). Never fails: a missing, damaged or
+// huge file gives an empty list and a log line.
+namespace ProfileDiscovery {
+
+// Larger profile files are not read: no real one comes near it.
+inline constexpr qint64 MaxFileSize = 32 * 1024 * 1024;
+
+enum class Family { Chromium, Firefox };
+
+struct SupportedBrowser
+{
+    // The id as Quillvane writes it in profiles, whatever case the caller used.
+    QString bundleID;
+    Family family;
+    // Where the browser keeps its profile list for this user.
+    QString profileFile;
+};
+
+// The supported browser with this id (ignoring case), if it is one.
+std::optional<SupportedBrowser> supportedBrowser(const QString &bundleID);
+
+QList<BrowserProfile> discoverProfiles(const QString &bundleID);
+
+QList<BrowserProfile> discoverChromiumProfiles(const QString &browserBundleID, const QString &localStatePath);
+QList<BrowserProfile> discoverFirefoxProfiles(const QString &browserBundleID, const QString &profilesIniPath);
+QList<BrowserProfile> parseFirefoxProfilesIni(QStringView text, const QString &browserBundleID);
+
+} // namespace ProfileDiscovery

@@ -1,0 +1,96 @@
+#include "Services/ProfileLauncher.h"
+
+#include "Platform/SystemLog.h"
+#include "Services/ExecLine.h"
+#include "Services/ProfileDiscovery.h"
+
+#include <QFileInfo>
+#include <QPromise>
+#include <QStandardPaths>
+
+using namespace Qt::Literals::StringLiterals;
+
+QUILLVANE_LOGGING_CATEGORY(lcProfileLauncher, "ProfileLauncher")
+
+namespace ProfileLauncher {
+
+namespace {
+
+
+// The program's full path when it can be started: an absolute path that is an
+// executable file, or a name found on PATH.
+QString executablePath(const QString &program)
+{
+    if (program.contains(u'/')) {
+        const QFileInfo info(program);
+        return info.isFile() && info.isExecutable() ? info.absoluteFilePath() : QString();
+    }
+    return QStandardPaths::findExecutable(program);
+}
+
+} // namespace
+
+QString LaunchError::description() const
+{
+    switch (kind) {
+    case Kind::BrowserExecutableNotFound:
+        return u"Browser executable not found at %1"_s.arg(browserPath);
+    case Kind::LaunchFailed:
+        return u"Failed to launch browser with profile: %1"_s.arg(underlying);
+    case Kind::UnsupportedBrowser:
+        return u"Profile launch is not supported for browser: %1"_s.arg(bundleID);
+    }
+    return {};
+}
+
+QStringList profileArguments(const QString &bundleID, const QString &profileID, const Link &url)
+{
+    const auto browser = ProfileDiscovery::supportedBrowser(bundleID);
+    if (!browser)
+        return {};
+    if (browser->family == ProfileDiscovery::Family::Firefox)
+        return {u"-P"_s, profileID, url.toString()};
+    return {u"--profile-directory="_s + profileID, url.toString()};
+}
+
+QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const QString &profileID,
+                      const Platform &platform, const QString &activationToken)
+{
+    const auto supported = ProfileDiscovery::supportedBrowser(browser.bundleID);
+    if (!supported) {
+        qCCritical(lcProfileLauncher).noquote()
+            << u"Unsupported browser for profile launch: %1"_s.arg(SystemLog::priv(browser.bundleID));
+        return QtFuture::makeReadyFuture<Outcome>(LaunchError{LaunchError::Kind::UnsupportedBrowser, {}, {}, browser.bundleID});
+    }
+    const QString family = supported->family == ProfileDiscovery::Family::Firefox ? u"Firefox"_s : u"Chromium"_s;
+    const QString entryPath = browser.path.toLocalFile();
+
+    const auto entry = platform.entries.entryAt(entryPath);
+    const auto argv = entry ? ExecLine::split(entry->exec) : ExecLine::split(QString());
+    if (entry && !argv) {
+        qCCritical(lcProfileLauncher).noquote()
+            << u"Failed to launch %1: %2"_s.arg(family, argv.error().description);
+        return QtFuture::makeReadyFuture<Outcome>(LaunchError{LaunchError::Kind::LaunchFailed, {}, argv.error().description, {}});
+    }
+    QStringList command = argv ? ExecLine::withoutFieldCodes(*argv) : QStringList();
+    const QString program = command.isEmpty() ? QString() : executablePath(command.first());
+    if (program.isEmpty()) {
+        qCCritical(lcProfileLauncher).noquote()
+            << u"%1 executable not found in %2"_s.arg(family, SystemLog::priv(entryPath));
+        return QtFuture::makeReadyFuture<Outcome>(LaunchError{LaunchError::Kind::BrowserExecutableNotFound, entryPath, {}, {}});
+    }
+    command.first() = program;
+
+    qCInfo(lcProfileLauncher).noquote() << u"Launching %1 at %2 with profile %3 for %4"_s.arg(
+        family, SystemLog::priv(program), SystemLog::priv(profileID), SystemLog::priv(url.toString()));
+    command += profileArguments(browser.bundleID, profileID, url);
+    if (const auto failure = platform.processes.spawn(command, entry->workingDirectory, activationToken)) {
+        qCCritical(lcProfileLauncher).noquote() << u"Failed to launch %1: %2"_s.arg(family, *failure);
+        return QtFuture::makeReadyFuture<Outcome>(LaunchError{LaunchError::Kind::LaunchFailed, {}, *failure, {}});
+    }
+    qCInfo(lcProfileLauncher).noquote()
+        << u"Successfully launched %1 with profile %2"_s.arg(family, SystemLog::priv(profileID));
+    return QtFuture::makeReadyFuture<Outcome>(std::nullopt);
+}
+
+} // namespace ProfileLauncher

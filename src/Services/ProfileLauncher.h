@@ -1,0 +1,44 @@
+#pragma once
+
+#include "Models/BrowserInfo.h"
+#include "Models/Link.h"
+#include "Platform/DesktopEntries.h"
+#include "Platform/ProcessLauncher.h"
+
+#include <QFuture>
+
+#include <optional>
+
+// Opens a link in one profile of a Chromium browser (--profile-directory=<id>)
+// or of Firefox (-P <name>), by starting the browser's own command with those
+// arguments. Never falls back: that is the caller's decision.
+namespace ProfileLauncher {
+
+struct LaunchError
+{
+    enum class Kind { BrowserExecutableNotFound, LaunchFailed, UnsupportedBrowser };
+
+    Kind kind;
+    // The browser's desktop entry, for BrowserExecutableNotFound.
+    QString browserPath;
+    QString underlying;
+    QString bundleID;
+
+    QString description() const;
+};
+
+using Outcome = std::optional<LaunchError>;
+
+struct Platform
+{
+    DesktopEntries &entries;
+    ProcessLauncher &processes;
+};
+
+// The arguments that open link in profile of a browser of that family.
+QStringList profileArguments(const QString &bundleID, const QString &profileID, const Link &url);
+
+QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const QString &profileID,
+                      const Platform &platform, const QString &activationToken = {});
+
+} // namespace ProfileLauncher
