@@ -8,7 +8,7 @@ BUILD_PACKAGES=(
 )
 # To run the whole test suite and the benchmarks.
 TEST_PACKAGES=(
-    libbenchmark-dev dbus xvfb xauth
+    libbenchmark-dev dbus xvfb xauth desktop-file-utils
 )
 
 # Installs the named packages that are not installed yet, through sudo when not root.

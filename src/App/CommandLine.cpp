@@ -68,7 +68,8 @@ int run(const QByteArrayList &arguments, QTextStream &out, QTextStream &err)
     if (decoded.first() == u"doctor") {
         QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*.info=false"_s);
         XdgAutostart autostart(QCoreApplication::applicationFilePath());
-        const DoctorCommand::Environment environment{GioDesktopEntries::instance(), autostart, out, err};
+        const DoctorCommand::Environment environment{GioDesktopEntries::instance(), autostart, out,
+                                                     err};
         return DoctorCommand::run(decoded.sliced(1), environment);
     }
     if (decoded.first() == u"explain") {

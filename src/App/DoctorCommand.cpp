@@ -48,14 +48,16 @@ void printText(QTextStream &out, const QJsonObject &report)
 {
     const QJsonObject session = report.value(u"session"_s).toObject();
     const QJsonObject handlers = report.value(u"defaultBrowser"_s).toObject();
-    const auto handler = [](const QJsonValue &id) { return id.isNull() ? u"(none)"_s : id.toString(); };
+    const auto handler = [](const QJsonValue &id) {
+        return id.isNull() ? u"(none)"_s : id.toString();
+    };
     out << "Quillvane " << report.value(u"version"_s).toString() << "\n\n";
     out << "Session:          " << session.value(u"type"_s).toString();
     if (!session.value(u"desktop"_s).toString().isEmpty())
         out << " (" << session.value(u"desktop"_s).toString() << ')';
     out << '\n';
-    out << "Default browser:  " << (handlers.value(u"isQuillvane"_s).toBool() ? "Quillvane" : "not Quillvane")
-        << '\n';
+    out << "Default browser:  "
+        << (handlers.value(u"isQuillvane"_s).toBool() ? "Quillvane" : "not Quillvane") << '\n';
     out << "  https handler:  " << handler(handlers.value(u"https"_s)) << '\n';
     out << "  http handler:   " << handler(handlers.value(u"http"_s)) << '\n';
     const QJsonObject login = report.value(u"launchAtLogin"_s).toObject();
@@ -74,7 +76,8 @@ void printText(QTextStream &out, const QJsonObject &report)
         out << "  none found: no installed application opens https links\n";
     for (const QJsonValue &value : browsers) {
         const QJsonObject browser = value.toObject();
-        out << "  " << browser.value(u"name"_s).toString() << " [" << browser.value(u"id"_s).toString() << "]\n"
+        out << "  " << browser.value(u"name"_s).toString() << " ["
+            << browser.value(u"id"_s).toString() << "]\n"
             << "    " << browser.value(u"desktopEntry"_s).toString() << '\n';
         const QJsonValue profiles = browser.value(u"profiles"_s);
         if (profiles.isNull())
@@ -112,7 +115,8 @@ QJsonObject report(DesktopEntries &entries, const Autostart &autostart)
                            {u"desktopEntry"_s, browser.path.toLocalFile()}};
         if (const auto supported = ProfileDiscovery::supportedBrowser(browser.bundleID)) {
             QJsonArray profiles;
-            for (const BrowserProfile &profile : ProfileDiscovery::discoverProfiles(browser.bundleID))
+            for (const BrowserProfile &profile :
+                 ProfileDiscovery::discoverProfiles(browser.bundleID))
                 profiles.append(QJsonObject{{u"id"_s, profile.id}, {u"name"_s, profile.name}});
             object.insert(u"profiles"_s, profiles);
             object.insert(u"profileFile"_s, supported->profileFile);
@@ -124,19 +128,17 @@ QJsonObject report(DesktopEntries &entries, const Autostart &autostart)
     const std::optional<QString> https = entries.defaultHandler(u"https"_s);
     return QJsonObject{
         {u"version"_s, QString::fromUtf16(BuildInfo::Version)},
-        {u"session"_s,
-         QJsonObject{{u"type"_s, sessionType()},
-                     {u"desktop"_s, qEnvironmentVariable("XDG_CURRENT_DESKTOP")},
-                     {u"display"_s, qEnvironmentVariable("DISPLAY")},
-                     {u"waylandDisplay"_s, qEnvironmentVariable("WAYLAND_DISPLAY")}}},
+        {u"session"_s, QJsonObject{{u"type"_s, sessionType()},
+                                   {u"desktop"_s, qEnvironmentVariable("XDG_CURRENT_DESKTOP")},
+                                   {u"display"_s, qEnvironmentVariable("DISPLAY")},
+                                   {u"waylandDisplay"_s, qEnvironmentVariable("WAYLAND_DISPLAY")}}},
         {u"defaultBrowser"_s,
          QJsonObject{{u"http"_s, orNull(entries.defaultHandler(u"http"_s))},
                      {u"https"_s, orNull(https)},
                      {u"isQuillvane"_s, https == QString::fromUtf16(BuildInfo::AppId)}}},
         {u"browsers"_s, browsers},
-        {u"launchAtLogin"_s,
-         QJsonObject{{u"enabled"_s, LaunchAtLoginManager::isEnabled(autostart)},
-                     {u"autostartFile"_s, XdgAutostart::entryPath()}}},
+        {u"launchAtLogin"_s, QJsonObject{{u"enabled"_s, LaunchAtLoginManager::isEnabled(autostart)},
+                                         {u"autostartFile"_s, XdgAutostart::entryPath()}}},
         {u"settingsFile"_s, file(UserSettings::filePath())},
         {u"diagnosticLog"_s, file(DiagnosticLog::filePath())},
     };
@@ -152,7 +154,9 @@ int run(const QStringList &arguments, const Environment &environment)
             return 0;
         }
         if (argument != u"--json") {
-            environment.err << "quillvane doctor: unknown argument \"" << argument.left(80) << "\".\n\n" << usage();
+            environment.err << "quillvane doctor: unknown argument \"" << argument.left(80)
+                            << "\".\n\n"
+                            << usage();
             environment.err.flush();
             return 2;
         }

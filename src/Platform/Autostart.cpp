@@ -40,8 +40,7 @@ bool isTrue(QStringView value)
 
 XdgAutostart::XdgAutostart(QString program)
     : m_program(std::move(program))
-{
-}
+{}
 
 QString XdgAutostart::entryPath()
 {
@@ -66,7 +65,8 @@ Autostart::Status XdgAutostart::status() const
             continue;
         const QStringView key = QStringView(line).first(equals).trimmed();
         const QStringView value = QStringView(line).sliced(equals + 1);
-        if ((key == u"Hidden" && isTrue(value)) || (key == u"X-GNOME-Autostart-enabled" && isFalse(value)))
+        if ((key == u"Hidden" && isTrue(value))
+            || (key == u"X-GNOME-Autostart-enabled" && isFalse(value)))
             return Status::NotRegistered;
     }
     return Status::Enabled;

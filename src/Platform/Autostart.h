@@ -9,7 +9,11 @@ class Autostart
 {
 public:
     // As the login-item service reports it; only Enabled counts as enabled.
-    enum class Status { NotRegistered = 0, Enabled = 1 };
+    enum class Status
+    {
+        NotRegistered = 0,
+        Enabled = 1
+    };
     using Failure = std::optional<QString>;
 
     virtual ~Autostart() = default;

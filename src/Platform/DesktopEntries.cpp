@@ -37,7 +37,8 @@ DesktopEntry toEntry(GDesktopAppInfo *info)
     entry.exec = takeUtf8(g_desktop_app_info_get_string(info, "Exec"));
     entry.icon = takeUtf8(g_desktop_app_info_get_string(info, "Icon"));
     entry.workingDirectory = takeUtf8(g_desktop_app_info_get_string(info, "Path"));
-    entry.categories = fromUtf8(g_desktop_app_info_get_categories(info)).split(u';', Qt::SkipEmptyParts);
+    entry.categories =
+        fromUtf8(g_desktop_app_info_get_categories(info)).split(u';', Qt::SkipEmptyParts);
     entry.dbusActivatable = g_desktop_app_info_get_boolean(info, "DBusActivatable");
     entry.noDisplay = g_desktop_app_info_get_nodisplay(info);
     return entry;
@@ -71,7 +72,8 @@ std::optional<DesktopEntry> GioDesktopEntries::entry(const QString &id)
 
 std::optional<DesktopEntry> GioDesktopEntries::entryAt(const QString &path)
 {
-    GDesktopAppInfo *info = g_desktop_app_info_new_from_filename(QFile::encodeName(path).constData());
+    GDesktopAppInfo *info =
+        g_desktop_app_info_new_from_filename(QFile::encodeName(path).constData());
     if (!info)
         return std::nullopt;
     DesktopEntry result = toEntry(info);

@@ -58,7 +58,8 @@ GAppLaunchContext *launchContext(const QString &token)
 {
     if (token.isEmpty())
         return g_app_launch_context_new();
-    auto *context = static_cast<TokenLaunchContext *>(g_object_new(tokenLaunchContextType(), nullptr));
+    auto *context =
+        static_cast<TokenLaunchContext *>(g_object_new(tokenLaunchContextType(), nullptr));
     context->token = g_strdup(token.toUtf8().constData());
     return G_APP_LAUNCH_CONTEXT(context);
 }
@@ -75,7 +76,8 @@ gchar **childEnvironment(const QString &token)
         environment = g_environ_unsetenv(environment, "DESKTOP_STARTUP_ID");
     } else {
         const QByteArray value = token.toUtf8();
-        environment = g_environ_setenv(environment, "XDG_ACTIVATION_TOKEN", value.constData(), TRUE);
+        environment =
+            g_environ_setenv(environment, "XDG_ACTIVATION_TOKEN", value.constData(), TRUE);
         environment = g_environ_setenv(environment, "DESKTOP_STARTUP_ID", value.constData(), TRUE);
     }
     return environment;
@@ -91,7 +93,6 @@ QString takeMessage(GError *error)
 
 using Promise = QPromise<ProcessLauncher::Failure>;
 
-
 void activationFinished(GObject *source, GAsyncResult *result, gpointer data)
 {
     std::unique_ptr<Promise> promise(static_cast<Promise *>(data));
@@ -106,7 +107,8 @@ void activationFinished(GObject *source, GAsyncResult *result, gpointer data)
 
 } // namespace
 
-ProcessLauncher::Failure GioProcessLauncher::spawn(const QStringList &argv, const QString &workingDirectory,
+ProcessLauncher::Failure GioProcessLauncher::spawn(const QStringList &argv,
+                                                   const QString &workingDirectory,
                                                    const QString &activationToken)
 {
     if (argv.isEmpty() || argv.first().isEmpty())
@@ -122,33 +124,40 @@ ProcessLauncher::Failure GioProcessLauncher::spawn(const QStringList &argv, cons
 
     gchar **environment = childEnvironment(activationToken);
     const QByteArray directory = QFile::encodeName(workingDirectory);
-    const auto flags = GSpawnFlags(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD | G_SPAWN_STDOUT_TO_DEV_NULL
-                                   | G_SPAWN_STDERR_TO_DEV_NULL | G_SPAWN_CHILD_INHERITS_STDIN);
+    const auto flags =
+        GSpawnFlags(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD | G_SPAWN_STDOUT_TO_DEV_NULL
+                    | G_SPAWN_STDERR_TO_DEV_NULL | G_SPAWN_CHILD_INHERITS_STDIN);
     GPid pid = 0;
     GError *error = nullptr;
-    const gboolean started = g_spawn_async(directory.isEmpty() ? nullptr : directory.constData(), arguments.data(),
-                                           environment, flags, nullptr, nullptr, &pid, &error);
+    const gboolean started =
+        g_spawn_async(directory.isEmpty() ? nullptr : directory.constData(), arguments.data(),
+                      environment, flags, nullptr, nullptr, &pid, &error);
     g_strfreev(environment);
     if (!started)
         return takeMessage(error);
     // Reaped by the main loop when it exits, whenever that is.
-    g_child_watch_add(pid, [](GPid child, gint, gpointer) { g_spawn_close_pid(child); }, nullptr);
+    g_child_watch_add(
+        pid, [](GPid child, gint, gpointer) { g_spawn_close_pid(child); }, nullptr);
     return std::nullopt;
 }
 
-QFuture<ProcessLauncher::Failure> GioProcessLauncher::activate(const QString &desktopEntryPath, const QString &link,
+QFuture<ProcessLauncher::Failure> GioProcessLauncher::activate(const QString &desktopEntryPath,
+                                                               const QString &link,
                                                                const QString &activationToken)
 {
-    GDesktopAppInfo *info = g_desktop_app_info_new_from_filename(QFile::encodeName(desktopEntryPath).constData());
+    GDesktopAppInfo *info =
+        g_desktop_app_info_new_from_filename(QFile::encodeName(desktopEntryPath).constData());
     if (!info)
-        return QtFuture::makeReadyFuture<ProcessLauncher::Failure>(u"The desktop entry %1 cannot be read."_s.arg(desktopEntryPath));
+        return QtFuture::makeReadyFuture<ProcessLauncher::Failure>(
+            u"The desktop entry %1 cannot be read."_s.arg(desktopEntryPath));
     auto *promise = new Promise;
     promise->start();
     QFuture<Failure> future = promise->future();
     const QByteArray uri = link.toUtf8();
     GList uris{const_cast<char *>(uri.constData()), nullptr, nullptr};
     GAppLaunchContext *context = launchContext(activationToken);
-    g_app_info_launch_uris_async(G_APP_INFO(info), &uris, context, nullptr, activationFinished, promise);
+    g_app_info_launch_uris_async(G_APP_INFO(info), &uris, context, nullptr, activationFinished,
+                                 promise);
     g_object_unref(context);
     return future;
 }

@@ -20,7 +20,8 @@ namespace {
 
 const QStringList &terminalIds()
 {
-    static const QStringList ids{u"com.googlecode.iterm2"_s, u"net.kovidgoyal.kitty"_s, u"com.apple.Terminal"_s};
+    static const QStringList ids{u"com.googlecode.iterm2"_s, u"net.kovidgoyal.kitty"_s,
+                                 u"com.apple.Terminal"_s};
     return ids;
 }
 
@@ -75,8 +76,9 @@ QList<BrowserInfo> performDiscovery(DesktopEntries &entries)
                 << u"Excluding terminal emulator: %1"_s.arg(SystemLog::priv(browser->bundleID));
             continue;
         }
-        const bool excluded = std::any_of(excludedPrefixes().cbegin(), excludedPrefixes().cend(),
-                                          [&key](const QString &prefix) { return key.startsWith(prefix); });
+        const bool excluded =
+            std::any_of(excludedPrefixes().cbegin(), excludedPrefixes().cend(),
+                        [&key](const QString &prefix) { return key.startsWith(prefix); });
         if (excluded) {
             qCDebug(lcBrowserDiscovery).noquote()
                 << u"Excluding non-browser app: %1"_s.arg(SystemLog::priv(browser->bundleID));
@@ -93,9 +95,10 @@ QList<BrowserInfo> performDiscovery(DesktopEntries &entries)
 
     QCollator collator;
     collator.setCaseSensitivity(Qt::CaseInsensitive);
-    std::stable_sort(result.begin(), result.end(), [&collator](const BrowserInfo &a, const BrowserInfo &b) {
-        return collator.compare(a.name, b.name) < 0;
-    });
+    std::stable_sort(result.begin(), result.end(),
+                     [&collator](const BrowserInfo &a, const BrowserInfo &b) {
+                         return collator.compare(a.name, b.name) < 0;
+                     });
     qCInfo(lcBrowserDiscovery).noquote() << u"Discovered %1 browser(s)"_s.arg(result.size());
     return result;
 }

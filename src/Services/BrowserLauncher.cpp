@@ -14,18 +14,18 @@ namespace BrowserLauncher {
 
 namespace {
 
-
 LaunchError openFailed(const BrowserInfo &browser, const QString &underlying)
 {
     qCCritical(lcBrowserLauncher).noquote()
         << u"Failed to open URL in %1: %2"_s.arg(SystemLog::priv(browser.name), underlying);
-    return LaunchError{LaunchError::Kind::OpenFailed, browser.bundleID, browser.name, browser.path.toLocalFile(),
-                       underlying};
+    return LaunchError{LaunchError::Kind::OpenFailed, browser.bundleID, browser.name,
+                       browser.path.toLocalFile(), underlying};
 }
 
 void logSuccess(const BrowserInfo &browser)
 {
-    qCInfo(lcBrowserLauncher).noquote() << u"Successfully opened URL in %1"_s.arg(SystemLog::priv(browser.name));
+    qCInfo(lcBrowserLauncher).noquote()
+        << u"Successfully opened URL in %1"_s.arg(SystemLog::priv(browser.name));
 }
 
 } // namespace
@@ -51,13 +51,17 @@ QFuture<Outcome> open(const Link &url, const QString &bundleID, const QList<Brow
             return open(url, browser, platform, activationToken);
     }
     qCInfo(lcBrowserLauncher).noquote()
-        << u"Browser %1 not in provided list, attempting system lookup"_s.arg(SystemLog::priv(bundleID));
+        << u"Browser %1 not in provided list, attempting system lookup"_s.arg(
+               SystemLog::priv(bundleID));
     const auto entry = bundleID.isEmpty() ? std::nullopt : platform.entries.entry(bundleID);
     if (!entry) {
-        qCCritical(lcBrowserLauncher).noquote() << u"Browser not found: %1"_s.arg(SystemLog::priv(bundleID));
-        return QtFuture::makeReadyFuture<Outcome>(LaunchError{LaunchError::Kind::BrowserNotFound, bundleID, {}, {}, {}});
+        qCCritical(lcBrowserLauncher).noquote()
+            << u"Browser not found: %1"_s.arg(SystemLog::priv(bundleID));
+        return QtFuture::makeReadyFuture<Outcome>(
+            LaunchError{LaunchError::Kind::BrowserNotFound, bundleID, {}, {}, {}});
     }
-    const BrowserInfo found{bundleID, QFileInfo(entry->path).completeBaseName(), QUrl::fromLocalFile(entry->path)};
+    const BrowserInfo found{bundleID, QFileInfo(entry->path).completeBaseName(),
+                            QUrl::fromLocalFile(entry->path)};
     return open(url, found, platform, activationToken);
 }
 
@@ -66,16 +70,19 @@ QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const Platfor
 {
     const QString path = browser.path.toLocalFile();
     if (path.isEmpty() || !QFileInfo::exists(path)) {
-        qCCritical(lcBrowserLauncher).noquote()
-            << u"Browser not available: %1 at %2"_s.arg(SystemLog::priv(browser.name), SystemLog::priv(path));
-        return QtFuture::makeReadyFuture<Outcome>(LaunchError{LaunchError::Kind::BrowserNotAvailable, browser.bundleID, browser.name, path, {}});
+        qCCritical(lcBrowserLauncher).noquote() << u"Browser not available: %1 at %2"_s.arg(
+            SystemLog::priv(browser.name), SystemLog::priv(path));
+        return QtFuture::makeReadyFuture<Outcome>(LaunchError{
+            LaunchError::Kind::BrowserNotAvailable, browser.bundleID, browser.name, path, {}});
     }
     qCInfo(lcBrowserLauncher).noquote() << u"Opening %1 with %2 (%3)"_s.arg(
-        SystemLog::priv(url.toString()), SystemLog::priv(browser.name), SystemLog::priv(browser.bundleID));
+        SystemLog::priv(url.toString()), SystemLog::priv(browser.name),
+        SystemLog::priv(browser.bundleID));
 
     const auto entry = platform.entries.entryAt(path);
     if (!entry)
-        return QtFuture::makeReadyFuture<Outcome>(openFailed(browser, u"The desktop entry %1 cannot be read."_s.arg(path)));
+        return QtFuture::makeReadyFuture<Outcome>(
+            openFailed(browser, u"The desktop entry %1 cannot be read."_s.arg(path)));
 
     if (entry->dbusActivatable) {
         return platform.processes.activate(path, url.toString(), activationToken)
@@ -91,7 +98,8 @@ QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const Platfor
     if (!argv)
         return QtFuture::makeReadyFuture<Outcome>(openFailed(browser, argv.error().description));
     const QStringList command = ExecLine::forLink(*argv, *entry, url.toString());
-    if (const auto failure = platform.processes.spawn(command, entry->workingDirectory, activationToken))
+    if (const auto failure =
+            platform.processes.spawn(command, entry->workingDirectory, activationToken))
         return QtFuture::makeReadyFuture<Outcome>(openFailed(browser, *failure));
     logSuccess(browser);
     return QtFuture::makeReadyFuture<Outcome>(std::nullopt);

@@ -16,7 +16,12 @@ namespace BrowserLauncher {
 
 struct LaunchError
 {
-    enum class Kind { BrowserNotFound, BrowserNotAvailable, OpenFailed };
+    enum class Kind
+    {
+        BrowserNotFound,
+        BrowserNotAvailable,
+        OpenFailed
+    };
 
     Kind kind;
     QString bundleID;

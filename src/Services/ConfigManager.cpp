@@ -38,7 +38,8 @@ void appendValue(QByteArray &out, const QJsonValue &value, int indent)
             return;
         }
         QStringList keys = object.keys();
-        std::sort(keys.begin(), keys.end(), [](const QString &a, const QString &b) { return a.toUtf8() < b.toUtf8(); });
+        std::sort(keys.begin(), keys.end(),
+                  [](const QString &a, const QString &b) { return a.toUtf8() < b.toUtf8(); });
         out += "{\n";
         for (qsizetype i = 0; i < keys.size(); ++i) {
             out += inner;
@@ -70,8 +71,9 @@ void appendValue(QByteArray &out, const QJsonValue &value, int indent)
         return;
     case QJsonValue::Double: {
         const double number = value.toDouble();
-        out += number == std::trunc(number) && std::fabs(number) < 9e15 ? QByteArray::number(qint64(number))
-                                                                        : QByteArray::number(number, 'g', 17);
+        out += number == std::trunc(number) && std::fabs(number) < 9e15
+                   ? QByteArray::number(qint64(number))
+                   : QByteArray::number(number, 'g', 17);
         return;
     }
     case QJsonValue::Bool:
@@ -85,7 +87,8 @@ void appendValue(QByteArray &out, const QJsonValue &value, int indent)
 // RFC 3339 internet date-time without fractional seconds.
 std::optional<QDateTime> parseExportDate(const QString &text)
 {
-    static const QRegularExpression format(uR"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d(Z|[+-]\d\d:\d\d)$)"_s);
+    static const QRegularExpression format(
+        uR"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d(Z|[+-]\d\d:\d\d)$)"_s);
     if (!format.match(text).hasMatch())
         return std::nullopt;
     const QDateTime date = QDateTime::fromString(text, Qt::ISODate);
@@ -106,7 +109,8 @@ QString ConfigError::description() const
 {
     switch (kind) {
     case Kind::UnsupportedVersion:
-        return u"Unsupported config version: %1. This app supports version %2."_s.arg(version).arg(SupportedVersion);
+        return u"Unsupported config version: %1. This app supports version %2."_s.arg(version).arg(
+            SupportedVersion);
     case Kind::EncodingFailed:
         return u"Failed to encode configuration: %1"_s.arg(underlying);
     case Kind::DecodingFailed:
@@ -120,8 +124,8 @@ ExportData exportConfig(RuleStore &store, const QDateTime &now)
     ExportData data;
     data.rules = store.loadRules();
     const QString fallback = store.loadDefaultBrowserBundleID();
-    qCInfo(lcConfigManager).noquote()
-        << u"Exporting config: %1 rule(s), default=%2"_s.arg(QString::number(data.rules.size()), SystemLog::priv(fallback));
+    qCInfo(lcConfigManager).noquote() << u"Exporting config: %1 rule(s), default=%2"_s.arg(
+        QString::number(data.rules.size()), SystemLog::priv(fallback));
     data.exportDate = QDateTime::fromSecsSinceEpoch(now.toSecsSinceEpoch(), Qt::UTC);
     if (!fallback.isEmpty())
         data.defaultBrowserBundleID = fallback;
@@ -158,8 +162,9 @@ Expected<ExportData, ConfigError> importFromJSON(QByteArrayView bytes)
     QJsonParseError parseError;
     const QJsonDocument document = QJsonDocument::fromJson(bytes.toByteArray(), &parseError);
     if (parseError.error != QJsonParseError::NoError)
-        return decodingFailed(u"the file is not valid JSON (%1 at offset %2)."_s.arg(parseError.errorString())
-                                  .arg(parseError.offset));
+        return decodingFailed(
+            u"the file is not valid JSON (%1 at offset %2)."_s.arg(parseError.errorString())
+                .arg(parseError.offset));
     if (!document.isObject())
         return decodingFailed(u"the file does not hold a JSON object."_s);
     const QJsonObject object = document.object();
@@ -171,13 +176,15 @@ Expected<ExportData, ConfigError> importFromJSON(QByteArrayView bytes)
     const QJsonValue exportDate = object.value(u"exportDate"_s);
     const auto date = exportDate.isString() ? parseExportDate(exportDate.toString()) : std::nullopt;
     if (!date)
-        return decodingFailed(u"the member \"exportDate\" is missing or not an ISO 8601 date-time."_s);
+        return decodingFailed(
+            u"the member \"exportDate\" is missing or not an ISO 8601 date-time."_s);
     const QJsonValue fallback = object.value(u"defaultBrowserBundleID"_s);
     if (!fallback.isUndefined() && !fallback.isNull() && !fallback.isString())
         return decodingFailed(u"the member \"defaultBrowserBundleID\" is not a string."_s);
     const QJsonValue cleaning = object.value(u"urlCleaningEnabled"_s);
     if (!cleaning.isBool())
-        return decodingFailed(u"the member \"urlCleaningEnabled\" is missing or not true or false."_s);
+        return decodingFailed(
+            u"the member \"urlCleaningEnabled\" is missing or not true or false."_s);
     const QJsonValue rulesValue = object.value(u"rules"_s);
     if (!rulesValue.isArray())
         return decodingFailed(u"the member \"rules\" is missing or not an array."_s);
@@ -197,12 +204,14 @@ Expected<ExportData, ConfigError> importFromJSON(QByteArrayView bytes)
     data.urlCleaningEnabled = cleaning.toBool();
 
     if (data.version < SupportedVersion) {
-        qCCritical(lcConfigManager).noquote() << u"Config version %1 is invalid (< 1)"_s.arg(data.version);
+        qCCritical(lcConfigManager).noquote()
+            << u"Config version %1 is invalid (< 1)"_s.arg(data.version);
         return ConfigError{ConfigError::Kind::UnsupportedVersion, data.version, {}};
     }
     if (data.version > SupportedVersion) {
         qCCritical(lcConfigManager).noquote()
-            << u"Config version %1 is newer than supported version %2"_s.arg(data.version).arg(SupportedVersion);
+            << u"Config version %1 is newer than supported version %2"_s.arg(data.version)
+                   .arg(SupportedVersion);
         return ConfigError{ConfigError::Kind::UnsupportedVersion, data.version, {}};
     }
     qCInfo(lcConfigManager).noquote() << u"Imported config: version=%1, %2 rule(s)"_s.arg(

@@ -30,7 +30,12 @@ struct ExportData
 
 struct ConfigError
 {
-    enum class Kind { UnsupportedVersion, EncodingFailed, DecodingFailed };
+    enum class Kind
+    {
+        UnsupportedVersion,
+        EncodingFailed,
+        DecodingFailed
+    };
 
     Kind kind;
     qint64 version = 0;
@@ -40,8 +45,8 @@ struct ConfigError
 };
 
 ExportData exportConfig(RuleStore &store, const QDateTime &now = QDateTime::currentDateTimeUtc());
-Expected<QByteArray, ConfigError> exportToJSON(RuleStore &store,
-                                                const QDateTime &now = QDateTime::currentDateTimeUtc());
+Expected<QByteArray, ConfigError>
+exportToJSON(RuleStore &store, const QDateTime &now = QDateTime::currentDateTimeUtc());
 // Only reads the document; applying it is the application state's.
 Expected<ExportData, ConfigError> importFromJSON(QByteArrayView bytes);
 

@@ -133,7 +133,8 @@ QStringList withoutFieldCodes(const QStringList &argv)
             continue;
         if (argument.size() == 2 && argument[0] == u'%' && argument[1] != u'%')
             continue;
-        result.append(argument.contains(u'%') ? expandedInside(argument, nullptr, nullptr) : argument);
+        result.append(argument.contains(u'%') ? expandedInside(argument, nullptr, nullptr)
+                                              : argument);
     }
     return result;
 }

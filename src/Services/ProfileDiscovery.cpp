@@ -1,13 +1,12 @@
 #include "Services/ProfileDiscovery.h"
 
 #include "Platform/SystemLog.h"
+#include "Services/LocalStateReader.h"
 
 #include <QCollator>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QStandardPaths>
 #include <QStringDecoder>
 
@@ -21,7 +20,11 @@ namespace ProfileDiscovery {
 
 namespace {
 
-enum class Home { Config, Home };
+enum class Home
+{
+    Config,
+    Home
+};
 
 struct KnownBrowser
 {
@@ -38,24 +41,29 @@ constexpr KnownBrowser KnownBrowsers[] = {
     {u"google-chrome", Family::Chromium, Home::Config, u"google-chrome"},
     {u"google-chrome-beta", Family::Chromium, Home::Config, u"google-chrome-beta"},
     {u"google-chrome-unstable", Family::Chromium, Home::Config, u"google-chrome-unstable"},
-    {u"com.google.Chrome", Family::Chromium, Home::Home, u".var/app/com.google.Chrome/config/google-chrome"},
+    {u"com.google.Chrome", Family::Chromium, Home::Home,
+     u".var/app/com.google.Chrome/config/google-chrome"},
     {u"microsoft-edge", Family::Chromium, Home::Config, u"microsoft-edge"},
     {u"microsoft-edge-beta", Family::Chromium, Home::Config, u"microsoft-edge-beta"},
     {u"microsoft-edge-dev", Family::Chromium, Home::Config, u"microsoft-edge-dev"},
-    {u"com.microsoft.Edge", Family::Chromium, Home::Home, u".var/app/com.microsoft.Edge/config/microsoft-edge"},
+    {u"com.microsoft.Edge", Family::Chromium, Home::Home,
+     u".var/app/com.microsoft.Edge/config/microsoft-edge"},
     {u"firefox", Family::Firefox, Home::Home, u".mozilla/firefox"},
     {u"firefox-esr", Family::Firefox, Home::Home, u".mozilla/firefox"},
-    {u"org.mozilla.firefox", Family::Firefox, Home::Home, u".var/app/org.mozilla.firefox/.mozilla/firefox"},
+    {u"org.mozilla.firefox", Family::Firefox, Home::Home,
+     u".var/app/org.mozilla.firefox/.mozilla/firefox"},
     {u"firefox_firefox", Family::Firefox, Home::Home, u"snap/firefox/common/.mozilla/firefox"},
     {u"chromium", Family::Chromium, Home::Config, u"chromium"},
     {u"chromium-browser", Family::Chromium, Home::Config, u"chromium"},
     {u"chromium_chromium", Family::Chromium, Home::Home, u"snap/chromium/common/chromium"},
-    {u"org.chromium.Chromium", Family::Chromium, Home::Home, u".var/app/org.chromium.Chromium/config/chromium"},
+    {u"org.chromium.Chromium", Family::Chromium, Home::Home,
+     u".var/app/org.chromium.Chromium/config/chromium"},
     {u"brave-browser", Family::Chromium, Home::Config, u"BraveSoftware/Brave-Browser"},
     {u"com.brave.Browser", Family::Chromium, Home::Home,
      u".var/app/com.brave.Browser/config/BraveSoftware/Brave-Browser"},
     {u"vivaldi-stable", Family::Chromium, Home::Config, u"vivaldi"},
-    {u"com.vivaldi.Vivaldi", Family::Chromium, Home::Home, u".var/app/com.vivaldi.Vivaldi/config/vivaldi"},
+    {u"com.vivaldi.Vivaldi", Family::Chromium, Home::Home,
+     u".var/app/com.vivaldi.Vivaldi/config/vivaldi"},
 };
 
 QString configHome()
@@ -95,17 +103,20 @@ std::optional<QByteArray> readProfileFile(const QString &path, QStringView what)
 {
     const QFileInfo info(path);
     if (!info.exists()) {
-        qCInfo(lcProfileDiscovery).noquote() << u"%1 not found at %2"_s.arg(what, SystemLog::priv(path));
+        qCInfo(lcProfileDiscovery).noquote()
+            << u"%1 not found at %2"_s.arg(what, SystemLog::priv(path));
         return std::nullopt;
     }
     QFile file(path);
     if (info.size() > MaxFileSize || !file.open(QIODevice::ReadOnly)) {
-        qCCritical(lcProfileDiscovery).noquote() << u"Could not read %1 at %2"_s.arg(what, SystemLog::priv(path));
+        qCCritical(lcProfileDiscovery).noquote()
+            << u"Could not read %1 at %2"_s.arg(what, SystemLog::priv(path));
         return std::nullopt;
     }
-    const QByteArray bytes = file.read(MaxFileSize + 1);
+    const QByteArray bytes = file.readAll();
     if (bytes.size() > MaxFileSize || file.error() != QFileDevice::NoError) {
-        qCCritical(lcProfileDiscovery).noquote() << u"Could not read %1 at %2"_s.arg(what, SystemLog::priv(path));
+        qCCritical(lcProfileDiscovery).noquote()
+            << u"Could not read %1 at %2"_s.arg(what, SystemLog::priv(path));
         return std::nullopt;
     }
     return bytes;
@@ -121,8 +132,8 @@ bool isProfileSection(QStringView name)
 
 bool isLineBreak(QChar c)
 {
-    return c == u'\n' || c == u'\r' || c == u'\v' || c == u'\f' || c == QChar(0x85) || c == QChar(0x2028)
-           || c == QChar(0x2029);
+    return c == u'\n' || c == u'\r' || c == u'\v' || c == u'\f' || c == QChar(0x85)
+           || c == QChar(0x2028) || c == QChar(0x2029);
 }
 
 } // namespace
@@ -132,9 +143,10 @@ std::optional<SupportedBrowser> supportedBrowser(const QString &bundleID)
     for (const KnownBrowser &browser : KnownBrowsers) {
         if (browser.id.compare(bundleID, Qt::CaseInsensitive) != 0)
             continue;
-        const QString directory =
-            browser.family == Family::Firefox ? firefoxDirectory(browser) : chromiumDirectory(browser);
-        const QString file = browser.family == Family::Firefox ? u"/profiles.ini"_s : u"/Local State"_s;
+        const QString directory = browser.family == Family::Firefox ? firefoxDirectory(browser)
+                                                                    : chromiumDirectory(browser);
+        const QString file =
+            browser.family == Family::Firefox ? u"/profiles.ini"_s : u"/Local State"_s;
         return SupportedBrowser{browser.id.toString(), browser.family, directory + file};
     }
     return std::nullopt;
@@ -153,47 +165,48 @@ QList<BrowserProfile> discoverProfiles(const QString &bundleID)
     return discoverChromiumProfiles(browser->bundleID, browser->profileFile);
 }
 
-QList<BrowserProfile> discoverChromiumProfiles(const QString &browserBundleID, const QString &localStatePath)
+QList<BrowserProfile> discoverChromiumProfiles(const QString &browserBundleID,
+                                               const QString &localStatePath)
 {
     const auto bytes = readProfileFile(localStatePath, u"Local State file");
     if (!bytes)
         return {};
-    QJsonParseError parseError;
-    const QJsonDocument document = QJsonDocument::fromJson(*bytes, &parseError);
-    if (parseError.error != QJsonParseError::NoError) {
-        qCCritical(lcProfileDiscovery).noquote() << u"Failed to parse Local State JSON at %1: %2"_s.arg(
-            SystemLog::priv(localStatePath), parseError.errorString());
+    const auto entries = LocalStateReader::read(*bytes);
+    if (!entries && entries.error().kind == LocalStateReader::Error::Kind::NotJson) {
+        qCCritical(lcProfileDiscovery).noquote()
+            << u"Failed to parse Local State JSON at %1: %2"_s.arg(SystemLog::priv(localStatePath),
+                                                                   entries.error().description);
         return {};
     }
-    const QJsonValue infoCache = document.object().value(u"profile"_s).toObject().value(u"info_cache"_s);
-    if (!document.isObject() || !document.object().value(u"profile"_s).isObject() || !infoCache.isObject()) {
+    if (!entries) {
         qCCritical(lcProfileDiscovery).noquote()
-            << u"Local State file has unexpected structure at %1"_s.arg(SystemLog::priv(localStatePath));
+            << u"Local State file has unexpected structure at %1"_s.arg(
+                   SystemLog::priv(localStatePath));
         return {};
     }
 
     QList<BrowserProfile> profiles;
-    const QJsonObject entries = infoCache.toObject();
-    for (auto it = entries.constBegin(); it != entries.constEnd(); ++it) {
-        const QJsonValue name = it.value().toObject().value(u"name"_s);
-        if (!it.value().isObject() || !name.isString()) {
+    for (const LocalStateReader::Entry &entry : *entries) {
+        if (!entry.name) {
             qCDebug(lcProfileDiscovery).noquote()
-                << u"Skipping malformed profile entry: %1"_s.arg(SystemLog::priv(it.key()));
+                << u"Skipping malformed profile entry: %1"_s.arg(SystemLog::priv(entry.directory));
             continue;
         }
-        profiles.append(BrowserProfile{it.key(), name.toString(), browserBundleID});
+        profiles.append(BrowserProfile{entry.directory, *entry.name, browserBundleID});
     }
     QCollator collator;
     collator.setCaseSensitivity(Qt::CaseInsensitive);
-    std::stable_sort(profiles.begin(), profiles.end(), [&collator](const BrowserProfile &a, const BrowserProfile &b) {
-        return collator.compare(a.id, b.id) < 0;
-    });
-    qCInfo(lcProfileDiscovery).noquote()
-        << u"Discovered %1 profile(s) for %2"_s.arg(QString::number(profiles.size()), browserBundleID);
+    std::stable_sort(profiles.begin(), profiles.end(),
+                     [&collator](const BrowserProfile &a, const BrowserProfile &b) {
+                         return collator.compare(a.id, b.id) < 0;
+                     });
+    qCInfo(lcProfileDiscovery).noquote() << u"Discovered %1 profile(s) for %2"_s.arg(
+        QString::number(profiles.size()), browserBundleID);
     return profiles;
 }
 
-QList<BrowserProfile> discoverFirefoxProfiles(const QString &browserBundleID, const QString &profilesIniPath)
+QList<BrowserProfile> discoverFirefoxProfiles(const QString &browserBundleID,
+                                              const QString &profilesIniPath)
 {
     const auto bytes = readProfileFile(profilesIniPath, u"Firefox profiles.ini");
     if (!bytes)
@@ -206,7 +219,8 @@ QList<BrowserProfile> discoverFirefoxProfiles(const QString &browserBundleID, co
         return {};
     }
     const QList<BrowserProfile> profiles = parseFirefoxProfilesIni(text, browserBundleID);
-    qCInfo(lcProfileDiscovery).noquote() << u"Discovered %1 Firefox profile(s)"_s.arg(profiles.size());
+    qCInfo(lcProfileDiscovery).noquote()
+        << u"Discovered %1 Firefox profile(s)"_s.arg(profiles.size());
     return profiles;
 }
 
@@ -230,7 +244,8 @@ QList<BrowserProfile> parseFirefoxProfilesIni(QStringView text, const QString &b
         if (line.size() >= 2 && line.startsWith(u'[') && line.endsWith(u']')) {
             endSection();
             inProfile = isProfileSection(line.sliced(1, line.size() - 2));
-        } else if (inProfile && line.size() >= 5 && line.first(5).compare(u"name=", Qt::CaseInsensitive) == 0) {
+        } else if (inProfile && line.size() >= 5
+                   && line.first(5).compare(u"name=", Qt::CaseInsensitive) == 0) {
             name = line.sliced(5).toString();
         }
     }

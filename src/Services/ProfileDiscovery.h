@@ -16,7 +16,11 @@ namespace ProfileDiscovery {
 // Larger profile files are not read: no real one comes near it.
 inline constexpr qint64 MaxFileSize = 32 * 1024 * 1024;
 
-enum class Family { Chromium, Firefox };
+enum class Family
+{
+    Chromium,
+    Firefox
+};
 
 struct SupportedBrowser
 {
@@ -32,8 +36,10 @@ std::optional<SupportedBrowser> supportedBrowser(const QString &bundleID);
 
 QList<BrowserProfile> discoverProfiles(const QString &bundleID);
 
-QList<BrowserProfile> discoverChromiumProfiles(const QString &browserBundleID, const QString &localStatePath);
-QList<BrowserProfile> discoverFirefoxProfiles(const QString &browserBundleID, const QString &profilesIniPath);
+QList<BrowserProfile> discoverChromiumProfiles(const QString &browserBundleID,
+                                               const QString &localStatePath);
+QList<BrowserProfile> discoverFirefoxProfiles(const QString &browserBundleID,
+                                              const QString &profilesIniPath);
 QList<BrowserProfile> parseFirefoxProfilesIni(QStringView text, const QString &browserBundleID);
 
 } // namespace ProfileDiscovery

@@ -16,7 +16,6 @@ namespace ProfileLauncher {
 
 namespace {
 
-
 // The program's full path when it can be started: an absolute path that is an
 // executable file, or a name found on PATH.
 QString executablePath(const QString &program)
@@ -59,10 +58,13 @@ QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const QString
     const auto supported = ProfileDiscovery::supportedBrowser(browser.bundleID);
     if (!supported) {
         qCCritical(lcProfileLauncher).noquote()
-            << u"Unsupported browser for profile launch: %1"_s.arg(SystemLog::priv(browser.bundleID));
-        return QtFuture::makeReadyFuture<Outcome>(LaunchError{LaunchError::Kind::UnsupportedBrowser, {}, {}, browser.bundleID});
+            << u"Unsupported browser for profile launch: %1"_s.arg(
+                   SystemLog::priv(browser.bundleID));
+        return QtFuture::makeReadyFuture<Outcome>(
+            LaunchError{LaunchError::Kind::UnsupportedBrowser, {}, {}, browser.bundleID});
     }
-    const QString family = supported->family == ProfileDiscovery::Family::Firefox ? u"Firefox"_s : u"Chromium"_s;
+    const QString family =
+        supported->family == ProfileDiscovery::Family::Firefox ? u"Firefox"_s : u"Chromium"_s;
     const QString entryPath = browser.path.toLocalFile();
 
     const auto entry = platform.entries.entryAt(entryPath);
@@ -70,23 +72,29 @@ QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const QString
     if (entry && !argv) {
         qCCritical(lcProfileLauncher).noquote()
             << u"Failed to launch %1: %2"_s.arg(family, argv.error().description);
-        return QtFuture::makeReadyFuture<Outcome>(LaunchError{LaunchError::Kind::LaunchFailed, {}, argv.error().description, {}});
+        return QtFuture::makeReadyFuture<Outcome>(
+            LaunchError{LaunchError::Kind::LaunchFailed, {}, argv.error().description, {}});
     }
     QStringList command = argv ? ExecLine::withoutFieldCodes(*argv) : QStringList();
     const QString program = command.isEmpty() ? QString() : executablePath(command.first());
     if (program.isEmpty()) {
         qCCritical(lcProfileLauncher).noquote()
             << u"%1 executable not found in %2"_s.arg(family, SystemLog::priv(entryPath));
-        return QtFuture::makeReadyFuture<Outcome>(LaunchError{LaunchError::Kind::BrowserExecutableNotFound, entryPath, {}, {}});
+        return QtFuture::makeReadyFuture<Outcome>(
+            LaunchError{LaunchError::Kind::BrowserExecutableNotFound, entryPath, {}, {}});
     }
     command.first() = program;
 
     qCInfo(lcProfileLauncher).noquote() << u"Launching %1 at %2 with profile %3 for %4"_s.arg(
-        family, SystemLog::priv(program), SystemLog::priv(profileID), SystemLog::priv(url.toString()));
+        family, SystemLog::priv(program), SystemLog::priv(profileID),
+        SystemLog::priv(url.toString()));
     command += profileArguments(browser.bundleID, profileID, url);
-    if (const auto failure = platform.processes.spawn(command, entry->workingDirectory, activationToken)) {
-        qCCritical(lcProfileLauncher).noquote() << u"Failed to launch %1: %2"_s.arg(family, *failure);
-        return QtFuture::makeReadyFuture<Outcome>(LaunchError{LaunchError::Kind::LaunchFailed, {}, *failure, {}});
+    if (const auto failure =
+            platform.processes.spawn(command, entry->workingDirectory, activationToken)) {
+        qCCritical(lcProfileLauncher).noquote()
+            << u"Failed to launch %1: %2"_s.arg(family, *failure);
+        return QtFuture::makeReadyFuture<Outcome>(
+            LaunchError{LaunchError::Kind::LaunchFailed, {}, *failure, {}});
     }
     qCInfo(lcProfileLauncher).noquote()
         << u"Successfully launched %1 with profile %2"_s.arg(family, SystemLog::priv(profileID));

@@ -16,7 +16,12 @@ namespace ProfileLauncher {
 
 struct LaunchError
 {
-    enum class Kind { BrowserExecutableNotFound, LaunchFailed, UnsupportedBrowser };
+    enum class Kind
+    {
+        BrowserExecutableNotFound,
+        LaunchFailed,
+        UnsupportedBrowser
+    };
 
     Kind kind;
     // The browser's desktop entry, for BrowserExecutableNotFound.

@@ -1,0 +1,397 @@
+#include "FakeDesktop.h"
+#include "Services/BrowserDiscovery.h"
+#include "Services/BrowserLauncher.h"
+#include "Services/ProfileLauncher.h"
+#include "TestSupport.h"
+
+#include <QDir>
+#include <QFutureWatcher>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QLoggingCategory>
+#include <QProcess>
+#include <QTest>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+
+template<typename T> T waitFor(QFuture<T> future)
+{
+    if (!QTest::qWaitFor([&] { return future.isFinished(); }, 10000))
+        qFatal("launch did not finish");
+    return future.result();
+}
+
+// Records what would have been started, and fails when told to.
+class RecordingLauncher final : public ProcessLauncher
+{
+public:
+    Failure spawn(const QStringList &argv, const QString &, const QString &) override
+    {
+        spawned.append(argv);
+        return failure;
+    }
+    QFuture<Failure> activate(const QString &path, const QString &link,
+                              const QString &token) override
+    {
+        activated.append({path, link, token});
+        return QtFuture::makeReadyFuture(failure);
+    }
+
+    QList<QStringList> spawned;
+    QList<QStringList> activated;
+    Failure failure;
+};
+
+} // namespace
+
+class TestBrowsers final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void discovery();
+    void discoveryIsCachedUntilRefreshed();
+    void launchByIdIgnoringCase();
+    void linksStayOneArgument_data();
+    void linksStayOneArgument();
+    void flatpakEntryGetsTheLinkBetweenItsMarkers();
+    void systemLookupForUnlistedBrowsers();
+    void launchFailures();
+    void dbusActivatableEntriesAreActivated();
+    void profileLaunches();
+    void profileLaunchFailures();
+    void doctorShowsTheDesktop();
+
+private:
+    BrowserInfo browser(const QString &id) const;
+
+    std::unique_ptr<FakeDesktop> m_desktop;
+    BrowserLauncher::Platform m_platform{GioDesktopEntries::instance(),
+                                         GioProcessLauncher::instance()};
+    ProfileLauncher::Platform m_profilePlatform{GioDesktopEntries::instance(),
+                                                GioProcessLauncher::instance()};
+};
+
+void TestBrowsers::initTestCase()
+{
+    m_desktop = std::make_unique<FakeDesktop>();
+    FakeDesktop &desktop = *m_desktop;
+    desktop.addBrowser(u"firefox-esr"_s, u"Firefox ESR"_s, u"Categories=Network;WebBrowser;\n"_s);
+    desktop.addBrowser(u"chromium"_s, u"Chromium"_s);
+    desktop.addBrowser(u"brave-browser"_s, u"Brave Browser"_s);
+    desktop.addBrowser(u"arc"_s, u"arc"_s);
+    desktop.addBrowser(u"google-chrome"_s, u"Google Chrome"_s);
+    // A second entry of the same browser, whose id differs only in case, in a
+    // directory that GIO reports later.
+    desktop.addBrowser(u"Google-Chrome"_s, u"Google Chrome (copy)"_s, {}, {}, true);
+    desktop.addBrowser(
+        u"org.mozilla.firefox"_s, u"Firefox"_s, {},
+        desktop.recorder(u"flatpak"_s)
+            + u" run --branch=stable --arch=x86_64 --command=firefox --file-forwarding "
+              "org.mozilla.firefox @@u %u @@"_s);
+    desktop.addBrowser(u"work.vorpa.Quillvane"_s, u"Quillvane"_s);
+    desktop.addBrowser(u"WORK.VORPA.QUILLVANE.old"_s, u"Quillvane old"_s);
+    desktop.addBrowser(u"org.gnome.Console"_s, u"Console"_s,
+                       u"Categories=System;TerminalEmulator;\n"_s);
+    desktop.addBrowser(u"NET.KOVIDGOYAL.KITTY"_s, u"kitty"_s);
+    desktop.addBrowser(u"com.parallels.winapp"_s, u"Windows App"_s);
+    desktop.addBrowser(u"com.parallelsx"_s, u"Not Parallels"_s);
+    desktop.addBrowser(u"gone"_s, u"Gone"_s, u"TryExec=/nonexistent/gone\n"_s);
+    desktop.addBrowser(u"nameless"_s, u"x"_s);
+    desktop.writeEntry(u"nameless"_s,
+                       u"[Desktop Entry]\nType=Application\nExec=%1 %u\n"
+                       "MimeType=x-scheme-handler/https;\n"_s.arg(desktop.recorder(u"nameless"_s)));
+    desktop.addBrowser(u"activatable"_s, u"Activatable"_s, u"DBusActivatable=true\n"_s);
+    // A program that exists but cannot start: its interpreter is missing.
+    const QString broken = desktop.recorder(u"broken-program"_s);
+    QFile script(broken);
+    QVERIFY(script.open(QIODevice::WriteOnly));
+    script.write("#!/nonexistent/interpreter\n");
+    script.close();
+    desktop.addBrowser(u"broken-exec"_s, u"Broken Exec"_s, {}, broken + u" %u"_s);
+    desktop.addBrowser(u"chrome-with-icon"_s, u"Icon Browser"_s, u"Icon=web-browser\n"_s,
+                       desktop.recorder(u"chrome-with-icon"_s) + u" --class=%c %i --from=%k %U"_s);
+    QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*.debug=true"_s);
+}
+
+BrowserInfo TestBrowsers::browser(const QString &id) const
+{
+    for (const BrowserInfo &info :
+         BrowserDiscovery::discoverBrowsers(GioDesktopEntries::instance())) {
+        if (info.bundleID == id)
+            return info;
+    }
+    qFatal("no browser %s", qPrintable(id));
+}
+
+void TestBrowsers::discovery()
+{
+    QTest::ignoreMessage(QtDebugMsg, "Excluding self from browser list");
+    QTest::ignoreMessage(QtDebugMsg, "Excluding non-browser app: <private>");
+    QTest::ignoreMessage(QtDebugMsg, "Skipping duplicate browser: <private>");
+    QTest::ignoreMessage(QtInfoMsg, QRegularExpression(u"^HTTPS handlers: \\d+$"_s));
+    QTest::ignoreMessage(QtInfoMsg, "Discovered 12 browser(s)");
+    const QList<BrowserInfo> browsers =
+        BrowserDiscovery::refreshBrowsers(GioDesktopEntries::instance());
+
+    QStringList ids;
+    for (const BrowserInfo &info : browsers)
+        ids.append(info.bundleID);
+    // Sorted by name ignoring case; Quillvane, terminals (by category and by
+    // id), com.parallels. apps, hidden entries and case-duplicates are gone.
+    QCOMPARE(ids, (QStringList{u"activatable"_s, u"arc"_s, u"brave-browser"_s, u"broken-exec"_s,
+                               u"chromium"_s, u"org.mozilla.firefox"_s, u"firefox-esr"_s,
+                               u"google-chrome"_s, u"chrome-with-icon"_s, u"nameless"_s,
+                               u"com.parallelsx"_s, u"WORK.VORPA.QUILLVANE.old"_s}));
+    const BrowserInfo chrome = browsers[ids.indexOf(u"google-chrome"_s)];
+    QCOMPARE(chrome.name, u"Google Chrome"_s);
+    QCOMPARE(chrome.path.toLocalFile(),
+             m_desktop->userApplications() + u"/google-chrome.desktop"_s);
+    QCOMPARE(browsers[ids.indexOf(u"nameless"_s)].name, u"nameless"_s);
+}
+
+void TestBrowsers::discoveryIsCachedUntilRefreshed()
+{
+    const qsizetype before =
+        BrowserDiscovery::refreshBrowsers(GioDesktopEntries::instance()).size();
+    m_desktop->addBrowser(u"new-browser"_s, u"New Browser"_s);
+    // GIO notices the new file from the main loop.
+    QTest::qWait(300);
+    QCOMPARE(BrowserDiscovery::discoverBrowsers(GioDesktopEntries::instance()).size(), before);
+    QTRY_COMPARE(BrowserDiscovery::refreshBrowsers(GioDesktopEntries::instance()).size(),
+                 before + 1);
+    QFile::remove(m_desktop->userApplications() + u"/new-browser.desktop"_s);
+    m_desktop->refreshDatabase();
+    QTRY_COMPARE(BrowserDiscovery::refreshBrowsers(GioDesktopEntries::instance()).size(), before);
+}
+
+void TestBrowsers::launchByIdIgnoringCase()
+{
+    const QList<BrowserInfo> browsers =
+        BrowserDiscovery::discoverBrowsers(GioDesktopEntries::instance());
+    m_desktop->forget(u"chromium"_s);
+    const auto outcome = waitFor(BrowserLauncher::open(link(u"https://e.com/"_s), u"CHROMIUM"_s,
+                                                       browsers, m_platform, u"token-1"_s));
+    QVERIFY(!outcome);
+    QVERIFY(m_desktop->waitForRun(u"chromium"_s));
+    QCOMPARE(m_desktop->arguments(u"chromium"_s), QStringList{u"https://e.com/"_s});
+    QCOMPARE(m_desktop->activationToken(u"chromium"_s), u"token-1"_s);
+
+    // Field codes of every kind, as GIO expands them.
+    m_desktop->forget(u"chrome-with-icon"_s);
+    QVERIFY(!waitFor(BrowserLauncher::open(link(u"https://e.com/"_s),
+                                           browser(u"chrome-with-icon"_s), m_platform)));
+    QVERIFY(m_desktop->waitForRun(u"chrome-with-icon"_s));
+    QCOMPARE(
+        m_desktop->arguments(u"chrome-with-icon"_s),
+        (QStringList{u"--class=Icon Browser"_s, u"--icon"_s, u"web-browser"_s,
+                     u"--from="_s + m_desktop->userApplications() + u"/chrome-with-icon.desktop"_s,
+                     u"https://e.com/"_s}));
+    QCOMPARE(m_desktop->activationToken(u"chrome-with-icon"_s), QString());
+}
+
+void TestBrowsers::linksStayOneArgument_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::newRow("blanks and quotes") << u"https://e.com/a b?q=\"x' y\""_s;
+    QTest::newRow("command substitution") << u"https://e.com/$(touch /tmp/quillvane-pwned);`id`"_s;
+    QTest::newRow("shell operators") << u"https://e.com/?a=1&b=2|cat>/tmp/x;ls"_s;
+    QTest::newRow("option-like") << u"https://--help.e.com/ --incognito"_s;
+}
+
+void TestBrowsers::linksStayOneArgument()
+{
+    QFETCH(QString, text);
+    const Link url = link(text);
+    m_desktop->forget(u"firefox-esr"_s);
+    QVERIFY(!waitFor(BrowserLauncher::open(url, browser(u"firefox-esr"_s), m_platform)));
+    QVERIFY(m_desktop->waitForRun(u"firefox-esr"_s));
+    QCOMPARE(m_desktop->arguments(u"firefox-esr"_s), QStringList{url.toString()});
+    QVERIFY(!QFile::exists(u"/tmp/quillvane-pwned"_s));
+
+    m_desktop->forget(u"firefox-esr"_s);
+    QVERIFY(!waitFor(ProfileLauncher::open(url, browser(u"firefox-esr"_s), u"-P work; rm -rf ~"_s,
+                                           m_profilePlatform)));
+    QVERIFY(m_desktop->waitForRun(u"firefox-esr"_s));
+    QCOMPARE(m_desktop->arguments(u"firefox-esr"_s),
+             (QStringList{u"-P"_s, u"-P work; rm -rf ~"_s, url.toString()}));
+}
+
+void TestBrowsers::flatpakEntryGetsTheLinkBetweenItsMarkers()
+{
+    m_desktop->forget(u"flatpak"_s);
+    QVERIFY(!waitFor(BrowserLauncher::open(link(u"https://e.com/"_s),
+                                           browser(u"org.mozilla.firefox"_s), m_platform)));
+    QVERIFY(m_desktop->waitForRun(u"flatpak"_s));
+    QCOMPARE(m_desktop->arguments(u"flatpak"_s),
+             (QStringList{u"run"_s, u"--branch=stable"_s, u"--arch=x86_64"_s,
+                          u"--command=firefox"_s, u"--file-forwarding"_s, u"org.mozilla.firefox"_s,
+                          u"@@u"_s, u"https://e.com/"_s, u"@@"_s}));
+
+    // A profile launch drops the markers and puts the profile after the app id.
+    m_desktop->forget(u"flatpak"_s);
+    QVERIFY(
+        !waitFor(ProfileLauncher::open(link(u"https://e.com/"_s), browser(u"org.mozilla.firefox"_s),
+                                       u"default-release"_s, m_profilePlatform)));
+    QVERIFY(m_desktop->waitForRun(u"flatpak"_s));
+    QCOMPARE(m_desktop->arguments(u"flatpak"_s),
+             (QStringList{u"run"_s, u"--branch=stable"_s, u"--arch=x86_64"_s,
+                          u"--command=firefox"_s, u"--file-forwarding"_s, u"org.mozilla.firefox"_s,
+                          u"-P"_s, u"default-release"_s, u"https://e.com/"_s}));
+}
+
+void TestBrowsers::systemLookupForUnlistedBrowsers()
+{
+    m_desktop->forget(u"brave-browser"_s);
+    QTest::ignoreMessage(QtInfoMsg,
+                         "Browser <private> not in provided list, attempting system lookup");
+    QTest::ignoreMessage(QtInfoMsg, "Opening <private> with <private> (<private>)");
+    QVERIFY(!waitFor(
+        BrowserLauncher::open(link(u"https://e.com/x"_s), u"brave-browser"_s, {}, m_platform)));
+    QVERIFY(m_desktop->waitForRun(u"brave-browser"_s));
+    QCOMPARE(m_desktop->arguments(u"brave-browser"_s), QStringList{u"https://e.com/x"_s});
+}
+
+void TestBrowsers::launchFailures()
+{
+    const QList<BrowserInfo> browsers =
+        BrowserDiscovery::discoverBrowsers(GioDesktopEntries::instance());
+    const auto notFound = waitFor(BrowserLauncher::open(
+        link(u"https://e.com/"_s), u"no.such.browser"_s, browsers, m_platform));
+    QVERIFY(notFound);
+    QCOMPARE(notFound->description(), u"No browser found with bundle ID: no.such.browser"_s);
+
+    // An entry removed between discovery and launch: the list entry is not looked up again.
+    const QString path = m_desktop->addBrowser(u"short-lived"_s, u"Short Lived"_s);
+    const BrowserInfo shortLived{u"short-lived"_s, u"Short Lived"_s, QUrl::fromLocalFile(path)};
+    QFile::remove(path);
+    const auto notAvailable =
+        waitFor(BrowserLauncher::open(link(u"https://e.com/"_s), shortLived, m_platform));
+    QVERIFY(notAvailable);
+    QCOMPARE(notAvailable->description(), u"Browser \"Short Lived\" is not available at "_s + path);
+
+    const auto failed = waitFor(
+        BrowserLauncher::open(link(u"https://e.com/"_s), browser(u"broken-exec"_s), m_platform));
+    QVERIFY(failed);
+    QCOMPARE(failed->kind, BrowserLauncher::LaunchError::Kind::OpenFailed);
+    QVERIFY2(failed->description().startsWith(u"Failed to open URL: "_s),
+             qPrintable(failed->description()));
+}
+
+void TestBrowsers::dbusActivatableEntriesAreActivated()
+{
+    RecordingLauncher launcher;
+    const BrowserLauncher::Platform platform{GioDesktopEntries::instance(), launcher};
+    QVERIFY(!waitFor(BrowserLauncher::open(link(u"https://e.com/"_s), browser(u"activatable"_s),
+                                           platform, u"t"_s)));
+    QVERIFY(launcher.spawned.isEmpty());
+    QCOMPARE(launcher.activated,
+             (QList<QStringList>{{m_desktop->userApplications() + u"/activatable.desktop"_s,
+                                  u"https://e.com/"_s, u"t"_s}}));
+
+    launcher.failure = u"The name is not activatable"_s;
+    const auto failed = waitFor(
+        BrowserLauncher::open(link(u"https://e.com/"_s), browser(u"activatable"_s), platform));
+    QCOMPARE(failed->description(), u"Failed to open URL: The name is not activatable"_s);
+}
+
+void TestBrowsers::profileLaunches()
+{
+    const QString chromeEntry =
+        m_desktop->addBrowser(u"microsoft-edge"_s, u"Microsoft Edge"_s, {},
+                              m_desktop->recorder(u"microsoft-edge"_s) + u" %U"_s);
+    const BrowserInfo edge{u"MICROSOFT-EDGE"_s, u"Microsoft Edge"_s,
+                           QUrl::fromLocalFile(chromeEntry)};
+    QTest::ignoreMessage(QtInfoMsg,
+                         "Launching Chromium at <private> with profile <private> for <private>");
+    QTest::ignoreMessage(QtInfoMsg, "Successfully launched Chromium with profile <private>");
+    QVERIFY(!waitFor(ProfileLauncher::open(link(u"https://e.com/"_s), edge, u"Profile 2"_s,
+                                           m_profilePlatform, u"tk"_s)));
+    QVERIFY(m_desktop->waitForRun(u"microsoft-edge"_s));
+    QCOMPARE(m_desktop->arguments(u"microsoft-edge"_s),
+             (QStringList{u"--profile-directory=Profile 2"_s, u"https://e.com/"_s}));
+    QCOMPARE(m_desktop->activationToken(u"microsoft-edge"_s), u"tk"_s);
+
+    m_desktop->forget(u"firefox-esr"_s);
+    QVERIFY(!waitFor(ProfileLauncher::open(link(u"https://e.com/"_s), browser(u"firefox-esr"_s),
+                                           u"default-release"_s, m_profilePlatform)));
+    QVERIFY(m_desktop->waitForRun(u"firefox-esr"_s));
+    QCOMPARE(m_desktop->arguments(u"firefox-esr"_s),
+             (QStringList{u"-P"_s, u"default-release"_s, u"https://e.com/"_s}));
+}
+
+void TestBrowsers::profileLaunchFailures()
+{
+    const auto unsupported = waitFor(ProfileLauncher::open(
+        link(u"https://e.com/"_s), browser(u"arc"_s), u"Default"_s, m_profilePlatform));
+    QCOMPARE(unsupported->description(), u"Profile launch is not supported for browser: arc"_s);
+
+    const QString entry = m_desktop->addBrowser(u"google-chrome-beta"_s, u"Chrome Beta"_s, {},
+                                                u"/nonexistent/google-chrome-beta %U"_s);
+    const BrowserInfo beta{u"google-chrome-beta"_s, u"Chrome Beta"_s, QUrl::fromLocalFile(entry)};
+    const auto missing = waitFor(
+        ProfileLauncher::open(link(u"https://e.com/"_s), beta, u"Default"_s, m_profilePlatform));
+    QCOMPARE(missing->description(), u"Browser executable not found at "_s + entry);
+
+    RecordingLauncher launcher;
+    launcher.failure = u"Permission denied"_s;
+    const auto failed = waitFor(
+        ProfileLauncher::open(link(u"https://e.com/"_s), browser(u"chromium"_s), u"Default"_s,
+                              ProfileLauncher::Platform{GioDesktopEntries::instance(), launcher}));
+    QCOMPARE(failed->description(), u"Failed to launch browser with profile: Permission denied"_s);
+}
+
+void TestBrowsers::doctorShowsTheDesktop()
+{
+    QFile mimeapps(m_desktop->configHome() + u"/mimeapps.list"_s);
+    QVERIFY(mimeapps.open(QIODevice::WriteOnly));
+    mimeapps.write("[Default Applications]\nx-scheme-handler/https=firefox-esr.desktop\n"
+                   "x-scheme-handler/http=work.vorpa.Quillvane.desktop\n");
+    mimeapps.close();
+    QDir().mkpath(m_desktop->configHome() + u"/google-chrome"_s);
+    QFile localState(m_desktop->configHome() + u"/google-chrome/Local State"_s);
+    QVERIFY(localState.open(QIODevice::WriteOnly));
+    localState.write(R"({"profile":{"info_cache":{"Default":{"name":"Me"}}}})");
+    localState.close();
+
+    QProcess doctor;
+    doctor.start(QStringLiteral(QUILLVANE_EXECUTABLE), {u"doctor"_s, u"--json"_s});
+    QVERIFY(doctor.waitForFinished(10000));
+    QCOMPARE(doctor.exitCode(), 0);
+    const QJsonObject report = QJsonDocument::fromJson(doctor.readAllStandardOutput()).object();
+    const QJsonObject handlers = report.value(u"defaultBrowser"_s).toObject();
+    QCOMPARE(handlers.value(u"https"_s).toString(), u"firefox-esr"_s);
+    QCOMPARE(handlers.value(u"http"_s).toString(), u"work.vorpa.Quillvane"_s);
+    QCOMPARE(handlers.value(u"isQuillvane"_s).toBool(), false);
+
+    QHash<QString, QJsonObject> browsers;
+    for (const QJsonValue &value : report.value(u"browsers"_s).toArray())
+        browsers.insert(value.toObject().value(u"id"_s).toString(), value.toObject());
+    QCOMPARE(browsers.size(),
+             BrowserDiscovery::refreshBrowsers(GioDesktopEntries::instance()).size());
+    const QJsonObject chrome = browsers.value(u"google-chrome"_s);
+    QCOMPARE(chrome.value(u"desktopEntry"_s).toString(),
+             m_desktop->userApplications() + u"/google-chrome.desktop"_s);
+    QCOMPARE(chrome.value(u"profiles"_s).toArray(),
+             (QJsonArray{QJsonObject{{u"id"_s, u"Default"_s}, {u"name"_s, u"Me"_s}}}));
+    QVERIFY(browsers.value(u"arc"_s).value(u"profiles"_s).isNull());
+    QCOMPARE(report.value(u"settingsFile"_s).toObject().value(u"path"_s).toString(),
+             m_desktop->configHome() + u"/Quillvane/Quillvane.conf"_s);
+    QCOMPARE(report.value(u"launchAtLogin"_s).toObject().value(u"enabled"_s).toBool(), false);
+    // Reading never writes: no settings file appears.
+    QVERIFY(!QFile::exists(m_desktop->configHome() + u"/Quillvane/Quillvane.conf"_s));
+
+    doctor.start(QStringLiteral(QUILLVANE_EXECUTABLE), {u"doctor"_s});
+    QVERIFY(doctor.waitForFinished(10000));
+    const QString text = QString::fromUtf8(doctor.readAllStandardOutput());
+    QVERIFY2(text.contains(u"  https handler:  firefox-esr\n"_s), qPrintable(text));
+    QVERIFY(text.contains(u"  Google Chrome [google-chrome]\n"_s));
+    QVERIFY(text.contains(u"      Me (Default)"_s));
+}
+
+QTEST_GUILESS_MAIN(TestBrowsers)
+#include "tst_browsers.moc"

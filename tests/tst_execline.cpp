@@ -1,0 +1,79 @@
+#include "Services/ExecLine.h"
+
+#include <QTest>
+
+using namespace Qt::Literals::StringLiterals;
+
+class TestExecLine final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void split_data();
+    void split();
+    void fieldCodes();
+};
+
+void TestExecLine::split_data()
+{
+    QTest::addColumn<QString>("exec");
+    QTest::addColumn<QStringList>("argv");
+    QTest::addColumn<QString>("error");
+    QTest::newRow("plain") << u"firefox-esr %u"_s << QStringList{u"firefox-esr"_s, u"%u"_s}
+                           << QString();
+    QTest::newRow("blanks and tabs") << u"  a \t b  "_s << QStringList{u"a"_s, u"b"_s} << QString();
+    QTest::newRow("double quotes")
+        << uR"("/opt/My Browser/run" --x="a b" %U)"_s
+        << QStringList{u"/opt/My Browser/run"_s, u"--x=a b"_s, u"%U"_s} << QString();
+    QTest::newRow("escapes inside quotes")
+        << uR"("a\"b\\c\$d\`e\n")"_s << QStringList{uR"(a"b\c$d`e\n)"_s} << QString();
+    QTest::newRow("single quotes")
+        << u"sh -c 'echo \"$1\"' x"_s << QStringList{u"sh"_s, u"-c"_s, u"echo \"$1\""_s, u"x"_s}
+        << QString();
+    QTest::newRow("unquoted backslash") << uR"(a\ b)"_s << QStringList{u"a b"_s} << QString();
+    QTest::newRow("unterminated") << u"\"firefox %u"_s << QStringList()
+                                  << u"The Exec line has an unterminated quote."_s;
+    QTest::newRow("unterminated single")
+        << u"firefox 'x"_s << QStringList() << u"The Exec line has an unterminated quote."_s;
+    QTest::newRow("empty") << u"   "_s << QStringList() << u"The Exec line names no program."_s;
+    QTest::newRow("empty program")
+        << u"\"\" %u"_s << QStringList() << u"The Exec line names no program."_s;
+}
+
+void TestExecLine::split()
+{
+    QFETCH(QString, exec);
+    QFETCH(QStringList, argv);
+    QFETCH(QString, error);
+    const auto result = ExecLine::split(exec);
+    QCOMPARE(result ? QString() : result.error().description, error);
+    if (result)
+        QCOMPARE(*result, argv);
+}
+
+void TestExecLine::fieldCodes()
+{
+    DesktopEntry entry;
+    entry.id = u"web"_s;
+    entry.path = u"/apps/web.desktop"_s;
+    entry.name = u"Web"_s;
+    const QString link = u"https://e.com/?a=%41&b=%u"_s;
+
+    QCOMPARE(ExecLine::forLink({u"web"_s, u"%U"_s, u"%u"_s}, entry, link),
+             (QStringList{u"web"_s, link}));
+    QCOMPARE(
+        ExecLine::forLink({u"web"_s, u"--name=%c"_s, u"%%%d"_s, u"%i"_s, u"%k"_s}, entry, link),
+        (QStringList{u"web"_s, u"--name=Web"_s, u"%"_s, u"/apps/web.desktop"_s, link}));
+    // The link's own percent signs are never read as field codes.
+    QCOMPARE(ExecLine::forLink({u"web"_s, u"--url=%u"_s}, entry, link),
+             (QStringList{u"web"_s, u"--url="_s + link}));
+
+    QCOMPARE(
+        ExecLine::withoutFieldCodes({u"flatpak"_s, u"run"_s, u"app"_s, u"@@u"_s, u"%U"_s, u"@@"_s}),
+        (QStringList{u"flatpak"_s, u"run"_s, u"app"_s}));
+    QCOMPARE(ExecLine::withoutFieldCodes({u"web"_s, u"--class=%c"_s, u"100%%"_s, u"%i"_s}),
+             (QStringList{u"web"_s, u"--class="_s, u"100%"_s}));
+}
+
+QTEST_GUILESS_MAIN(TestExecLine)
+#include "tst_execline.moc"

@@ -1,0 +1,182 @@
+#include "FakeDesktop.h"
+#include "Services/ProfileDiscovery.h"
+
+#include <QDir>
+#include <QLoggingCategory>
+#include <QTest>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+
+void write(const QString &path, const QByteArray &contents)
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly))
+        qFatal("cannot write %s", qPrintable(path));
+    file.write(contents);
+}
+
+QStringList ids(const QList<BrowserProfile> &profiles)
+{
+    QStringList result;
+    for (const BrowserProfile &profile : profiles)
+        result.append(profile.id);
+    return result;
+}
+
+const QByteArray LocalState = R"({"browser":{"x":1},"profile":{"info_cache":{
+    "Profile 2":{"name":"Work"},"Default":{"name":"Person 1"},"Profile 10":{"name":"Ten"},
+    "Empty":{},"Numbered":{"name":7}}}})";
+
+} // namespace
+
+class TestProfiles final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void chromiumLocalState();
+    void brokenLocalStateFiles_data();
+    void brokenLocalStateFiles();
+    void firefoxProfilesIni();
+    void firefoxDamagedFiles();
+    void whereEachBuildKeepsItsProfiles_data();
+    void whereEachBuildKeepsItsProfiles();
+
+private:
+    std::unique_ptr<FakeDesktop> m_desktop;
+};
+
+void TestProfiles::initTestCase()
+{
+    m_desktop = std::make_unique<FakeDesktop>();
+    QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*.debug=true"_s);
+}
+
+void TestProfiles::chromiumLocalState()
+{
+    write(m_desktop->configHome() + u"/google-chrome/Local State"_s, LocalState);
+    QTest::ignoreMessage(QtDebugMsg, "Skipping malformed profile entry: <private>");
+    QTest::ignoreMessage(QtDebugMsg, "Skipping malformed profile entry: <private>");
+    QTest::ignoreMessage(QtInfoMsg, "Discovered 3 profile(s) for google-chrome");
+    const QList<BrowserProfile> profiles = ProfileDiscovery::discoverProfiles(u"Google-Chrome"_s);
+    // Directory names, sorted without numeric order; the id as Quillvane knows the browser.
+    QCOMPARE(ids(profiles), (QStringList{u"Default"_s, u"Profile 10"_s, u"Profile 2"_s}));
+    QCOMPARE(profiles.first(), (BrowserProfile{u"Default"_s, u"Person 1"_s, u"google-chrome"_s}));
+    QCOMPARE(profiles.last().name, u"Work"_s);
+
+    QTest::ignoreMessage(QtDebugMsg, "Unsupported browser for profile discovery: <private>");
+    QVERIFY(ProfileDiscovery::discoverProfiles(u"epiphany"_s).isEmpty());
+}
+
+void TestProfiles::brokenLocalStateFiles_data()
+{
+    QTest::addColumn<QByteArray>("contents");
+    QTest::addColumn<QString>("line");
+    QTest::newRow("not JSON") << QByteArray("{\"profile\":")
+                              << u"^Failed to parse Local State JSON at <private>: "_s;
+    QTest::newRow("binary") << QByteArray("\x00\x01\xff\xfe", 4)
+                            << u"^Failed to parse Local State JSON"_s;
+    QTest::newRow("top-level array")
+        << QByteArray("[1,2]") << u"^Local State file has unexpected structure"_s;
+    QTest::newRow("no profile member")
+        << QByteArray("{\"browser\":{}}") << u"^Local State file has unexpected structure"_s;
+    QTest::newRow("info_cache not an object") << QByteArray("{\"profile\":{\"info_cache\":[]}}")
+                                              << u"^Local State file has unexpected structure"_s;
+    QTest::newRow("too large") << QByteArray(ProfileDiscovery::MaxFileSize + 1, ' ')
+                               << u"^Could not read Local State file at"_s;
+}
+
+void TestProfiles::brokenLocalStateFiles()
+{
+    QFETCH(QByteArray, contents);
+    QFETCH(QString, line);
+    const QString path = m_desktop->configHome() + u"/microsoft-edge/Local State"_s;
+    write(path, contents);
+    QTest::ignoreMessage(QtCriticalMsg, QRegularExpression(line));
+    QVERIFY(ProfileDiscovery::discoverProfiles(u"microsoft-edge"_s).isEmpty());
+    QFile::remove(path);
+    QTest::ignoreMessage(QtInfoMsg, "Local State file not found at <private>");
+    QVERIFY(ProfileDiscovery::discoverProfiles(u"microsoft-edge"_s).isEmpty());
+}
+
+void TestProfiles::firefoxProfilesIni()
+{
+    const QString text = u"[General]\nName=not-a-profile\nStartWithLastProfile=1\n\n"
+                         "[Profile0]\r\nName=default-release\r\nIsRelative=1\r\nPath=Profiles/"
+                         "abc.default-release\r\n"
+                         "[Install4F96D1932A9F858E]\nName=install\n"
+                         "[Profile1]\n  NAME=Work  \nName = ignored\n"
+                         "[Profile1a]\nName=not a profile section\n"
+                         "[Profile2]\nPath=no-name\n"
+                         "[BackgroundTasksProfiles]\nName=background\n"
+                         "[Profile3]\nName=default-release\u2028[Profile]\nName=Last"_s;
+    const QList<BrowserProfile> profiles =
+        ProfileDiscovery::parseFirefoxProfilesIni(text, u"firefox"_s);
+    QCOMPARE(ids(profiles),
+             (QStringList{u"default-release"_s, u"Work"_s, u"default-release"_s, u"Last"_s}));
+    QCOMPARE(profiles.first(),
+             (BrowserProfile{u"default-release"_s, u"default-release"_s, u"firefox"_s}));
+
+    write(m_desktop->home() + u"/.mozilla/firefox/profiles.ini"_s, text.toUtf8());
+    QTest::ignoreMessage(QtInfoMsg, "Discovered 4 Firefox profile(s)");
+    QCOMPARE(ProfileDiscovery::discoverProfiles(u"FIREFOX-ESR"_s).first().browserBundleID,
+             u"firefox-esr"_s);
+}
+
+void TestProfiles::firefoxDamagedFiles()
+{
+    const QString path =
+        m_desktop->home() + u"/snap/firefox/common/.mozilla/firefox/profiles.ini"_s;
+    write(path, "[Profile0]\nName=\xff\xfe broken\n");
+    QTest::ignoreMessage(QtCriticalMsg, "Could not read Firefox profiles.ini at <private>");
+    QVERIFY(ProfileDiscovery::discoverProfiles(u"firefox_firefox"_s).isEmpty());
+    write(path, QByteArray("[Profile0]\nName=a\0b\n", 19));
+    QTest::ignoreMessage(QtCriticalMsg, "Could not read Firefox profiles.ini at <private>");
+    QVERIFY(ProfileDiscovery::discoverProfiles(u"firefox_firefox"_s).isEmpty());
+    QFile::remove(path);
+    QTest::ignoreMessage(QtInfoMsg, "Firefox profiles.ini not found at <private>");
+    QVERIFY(ProfileDiscovery::discoverProfiles(u"firefox_firefox"_s).isEmpty());
+}
+
+void TestProfiles::whereEachBuildKeepsItsProfiles_data()
+{
+    QTest::addColumn<QString>("id");
+    QTest::addColumn<QString>("file");
+    QTest::newRow("Chrome") << u"google-chrome"_s << u"$CONFIG/google-chrome/Local State"_s;
+    QTest::newRow("Chrome Flatpak")
+        << u"com.google.chrome"_s
+        << u"$HOME/.var/app/com.google.Chrome/config/google-chrome/Local State"_s;
+    QTest::newRow("Edge dev") << u"microsoft-edge-dev"_s
+                              << u"$CONFIG/microsoft-edge-dev/Local State"_s;
+    QTest::newRow("Chromium Snap")
+        << u"chromium_chromium"_s << u"$HOME/snap/chromium/common/chromium/Local State"_s;
+    QTest::newRow("Brave Flatpak")
+        << u"com.brave.Browser"_s
+        << u"$HOME/.var/app/com.brave.Browser/config/BraveSoftware/Brave-Browser/Local State"_s;
+    QTest::newRow("Firefox without ~/.mozilla")
+        << u"firefox"_s << u"$CONFIG/mozilla/firefox/profiles.ini"_s;
+    QTest::newRow("Firefox Flatpak, recent")
+        << u"org.mozilla.firefox"_s
+        << u"$HOME/.var/app/org.mozilla.firefox/config/mozilla/firefox/profiles.ini"_s;
+}
+
+void TestProfiles::whereEachBuildKeepsItsProfiles()
+{
+    QFETCH(QString, id);
+    QFETCH(QString, file);
+    QDir(m_desktop->home() + u"/.mozilla"_s).removeRecursively();
+    file.replace(u"$CONFIG"_s, m_desktop->configHome()).replace(u"$HOME"_s, m_desktop->home());
+    QCOMPARE(ProfileDiscovery::supportedBrowser(id)->profileFile, file);
+
+    qputenv("CHROME_CONFIG_HOME", QFile::encodeName(m_desktop->root() + u"/chrome-home"_s));
+    QCOMPARE(ProfileDiscovery::supportedBrowser(u"google-chrome"_s)->profileFile,
+             m_desktop->root() + u"/chrome-home/google-chrome/Local State"_s);
+    qunsetenv("CHROME_CONFIG_HOME");
+}
+
+QTEST_GUILESS_MAIN(TestProfiles)
+#include "tst_profiles.moc"
