@@ -1,7 +1,10 @@
 #include "FakeDesktop.h"
+#include "Services/LocalStateReader.h"
 #include "Services/ProfileDiscovery.h"
 
 #include <QDir>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QLoggingCategory>
 #include <QTest>
 
@@ -41,6 +44,8 @@ private Q_SLOTS:
     void chromiumLocalState();
     void brokenLocalStateFiles_data();
     void brokenLocalStateFiles();
+    void localStateReaderAgreesWithQtJson_data();
+    void localStateReaderAgreesWithQtJson();
     void firefoxProfilesIni();
     void firefoxDamagedFiles();
     void whereEachBuildKeepsItsProfiles_data();
@@ -101,6 +106,46 @@ void TestProfiles::brokenLocalStateFiles()
     QFile::remove(path);
     QTest::ignoreMessage(QtInfoMsg, "Local State file not found at <private>");
     QVERIFY(ProfileDiscovery::discoverProfiles(u"microsoft-edge"_s).isEmpty());
+}
+
+void TestProfiles::localStateReaderAgreesWithQtJson_data()
+{
+    QTest::addColumn<QByteArray>("json");
+    QTest::addColumn<bool>("isJson");
+    QTest::newRow("escapes") << QByteArray(R"({"profile" : {"info_cache":{"D\u0065fault":{"name":"A \"quoted\" \u00fc\/"}}}})") << true;
+    QTest::newRow("escaped key is still the key")
+        << QByteArray(R"({"pro\u0066ile":{"info_cache":{"Default":{"name":"Me"}}}})") << true;
+    QTest::newRow("numbers") << QByteArray(R"({"a":[-0,1.5e+3,2E-2,0.0],"profile":{"info_cache":{}}})") << true;
+    QTest::newRow("leading zero") << QByteArray(R"({"a":01})") << false;
+    QTest::newRow("bare minus") << QByteArray(R"({"a":-})") << false;
+    QTest::newRow("trailing comma") << QByteArray(R"({"a":1,})") << false;
+    QTest::newRow("text after the document") << QByteArray(R"({"profile":{"info_cache":{}}} x)") << false;
+    // Qt's parser lets these two through; JSON does not.
+    QTest::newRow("control character in a string") << QByteArray("{\"a\":\"x\ty\"}") << false;
+    QTest::newRow("bad escape") << QByteArray(R"({"a":"\x"})") << false;
+    QTest::newRow("short unicode escape") << QByteArray(R"({"a":"\u12"})") << false;
+    QTest::newRow("unterminated") << QByteArray(R"({"profile":{"info_cache":{"Default":{"name":"x)") << false;
+    QTest::newRow("literal typo") << QByteArray(R"({"a":tru})") << false;
+    QTest::newRow("deep nesting") << QByteArray(QByteArray(5000, '[') + QByteArray(5000, ']')) << false;
+    QTest::newRow("empty") << QByteArray() << false;
+}
+
+void TestProfiles::localStateReaderAgreesWithQtJson()
+{
+    QFETCH(QByteArray, json);
+    QFETCH(bool, isJson);
+    const auto read = LocalStateReader::read(json);
+    QCOMPARE(read || read.error().kind != LocalStateReader::Error::Kind::NotJson, isJson);
+    // Every valid document here has the profile list.
+    QCOMPARE(bool(read), isJson);
+    if (!read)
+        return;
+    // The profiles found are those a full JSON parser sees.
+    const QJsonDocument document = QJsonDocument::fromJson(json);
+    const QJsonObject cache = document.object().value(u"profile"_s).toObject().value(u"info_cache"_s).toObject();
+    QCOMPARE(read->size(), cache.size());
+    for (const LocalStateReader::Entry &entry : *read)
+        QCOMPARE(entry.name, cache.value(entry.directory).toObject().value(u"name"_s).toString());
 }
 
 void TestProfiles::firefoxProfilesIni()

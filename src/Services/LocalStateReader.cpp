@@ -171,10 +171,13 @@ private:
         return true;
     }
 
-    // Whether a member name is the given plain ASCII word.
-    static bool is(const RawString &raw, QByteArrayView word)
+    // Whether a member name is the given ASCII word (escaped names are rare).
+    bool is(const RawString &raw, QByteArrayView word)
     {
-        return !raw.escaped ? raw.bytes == word : false;
+        if (!raw.escaped)
+            return raw.bytes == word;
+        QString decoded;
+        return decode(raw, &decoded) && decoded == QLatin1StringView(word);
     }
 
     bool decode(const RawString &string, QString *out)
@@ -258,7 +261,7 @@ private:
     }
 
     // The place of a member's value, from the place of its object and its key.
-    static Place childPlace(Place parent, const RawString &key)
+    Place childPlace(Place parent, const RawString &key)
     {
         switch (parent) {
         case Place::Top:
