@@ -7,7 +7,7 @@
 #include <QStringList>
 
 // A desktop entry's Exec line: split into an argument vector the way the
-// Desktop Entry Specification (and GIO) quote it, and its field codes expanded
+// Desktop Entry standard (and GIO) quote it, and its field codes expanded
 // for one link. Nothing here passes through a shell.
 namespace ExecLine {
 
