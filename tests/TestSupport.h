@@ -2,6 +2,7 @@
 
 #include "Models/Link.h"
 #include "Models/RoutingRule.h"
+#include "Platform/ProcessLauncher.h"
 
 #include <QByteArray>
 #include <QHash>
@@ -33,6 +34,20 @@ private:
 
 // Parses a link that the test knows to be valid.
 Link link(QStringView text);
+
+// Records what would have been started, and fails when told to (all starts,
+// or only those whose arguments contain failWhenArgument).
+class RecordingLauncher final : public ProcessLauncher
+{
+public:
+    Failure spawn(const QStringList &argv, const QString &workingDirectory, const QString &token) override;
+    QFuture<Failure> activate(const QString &path, const QString &link, const QString &token) override;
+
+    QList<QStringList> spawned;
+    QList<QStringList> activated;
+    Failure failure;
+    QString failWhenArgumentStartsWith;
+};
 
 // The router's worked example, rules R1 to R6 in stored order (with the fallback
 // com.apple.Safari): two app rules for com.example.chat, four URL rules.

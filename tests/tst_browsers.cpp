@@ -24,27 +24,6 @@ template<typename T> T waitFor(QFuture<T> future)
     return future.result();
 }
 
-// Records what would have been started, and fails when told to.
-class RecordingLauncher final : public ProcessLauncher
-{
-public:
-    Failure spawn(const QStringList &argv, const QString &, const QString &) override
-    {
-        spawned.append(argv);
-        return failure;
-    }
-    QFuture<Failure> activate(const QString &path, const QString &link,
-                              const QString &token) override
-    {
-        activated.append({path, link, token});
-        return QtFuture::makeReadyFuture(failure);
-    }
-
-    QList<QStringList> spawned;
-    QList<QStringList> activated;
-    Failure failure;
-};
-
 } // namespace
 
 class TestBrowsers final : public QObject

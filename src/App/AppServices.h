@@ -1,0 +1,24 @@
+#pragma once
+
+#include "Models/Link.h"
+#include "Platform/Autostart.h"
+#include "Platform/DesktopEntries.h"
+#include "Platform/ProcessLauncher.h"
+#include "Services/URLExpander.h"
+
+#include <QDateTime>
+#include <QFuture>
+
+#include <functional>
+
+// What the application state needs of the world outside it. The running
+// application passes the real platform; tests pass their own pieces.
+struct AppServices
+{
+    DesktopEntries &entries;
+    ProcessLauncher &processes;
+    Autostart &autostart;
+    std::function<bool(const Link &)> isShortLink = &URLExpander::isShortLink;
+    std::function<QFuture<Link>(const Link &)> expand = &URLExpander::expand;
+    std::function<QDateTime()> clock = [] { return QDateTime::currentDateTime(); };
+};

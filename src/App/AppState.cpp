@@ -1,0 +1,300 @@
+#include "App/AppState.h"
+
+#include "App/BuildInfo.h"
+#include "App/RouteTask.h"
+#include "Platform/DiagnosticLog.h"
+#include "Platform/SystemLog.h"
+#include "Services/BrowserDiscovery.h"
+#include "Services/LaunchAtLoginManager.h"
+#include "Services/URLCleaner.h"
+#include "Services/URLRouter.h"
+#include "Storage/SettingsKeys.h"
+#include "Storage/UserSettings.h"
+
+#include <QCollator>
+
+#include <algorithm>
+
+using namespace Qt::Literals::StringLiterals;
+
+QUILLVANE_LOGGING_CATEGORY(lcAppState, "AppState")
+
+namespace {
+
+AppState *g_shared = nullptr;
+
+// The browsers tried, in order, when no fallback browser is stored yet.
+const QStringList &preferredFallbacks()
+{
+    static const QStringList ids{u"firefox"_s,      u"firefox-esr"_s, u"org.mozilla.firefox"_s,
+                                 u"google-chrome"_s, u"com.google.Chrome"_s, u"chromium"_s,
+                                 u"org.chromium.Chromium"_s};
+    return ids;
+}
+
+QCollator caseInsensitiveCollator()
+{
+    QCollator collator;
+    collator.setCaseSensitivity(Qt::CaseInsensitive);
+    return collator;
+}
+
+} // namespace
+
+AppState::AppState(RuleStore &store, AppServices services, QObject *parent)
+    : QObject(parent)
+    , m_store(store)
+    , m_services(std::move(services))
+{
+    m_launchAtLogin = LaunchAtLoginManager::isEnabled(m_services.autostart);
+    m_urlCleaningEnabled = URLCleaner::isEnabled(m_store.settings());
+    m_urlExpansionEnabled = SettingsKeys::read(m_store.settings(), SettingsKeys::UrlExpansionEnabled);
+
+    m_rules = m_store.loadRules();
+    m_defaultBrowserBundleID = m_store.loadDefaultBrowserBundleID();
+    m_todayForwardCount = m_store.loadTodayCount();
+    m_browsers = BrowserDiscovery::discoverBrowsers(m_services.entries);
+    if (m_defaultBrowserBundleID.isEmpty())
+        chooseFallbackBrowser();
+    m_rulesEnabled = m_store.loadRulesEnabled();
+    m_isSystemDefaultBrowser = checkIsDefaultBrowser();
+
+    if (DiagnosticLog::isEnabled()) {
+        QStringList lines{u"AppState init — %1 rule(s), %2 browser(s), fallback=%3"_s.arg(
+            QString::number(m_rules.size()), QString::number(m_browsers.size()), m_defaultBrowserBundleID)};
+        for (qsizetype i = 0; i < m_rules.size(); ++i) {
+            const RoutingRule &rule = m_rules[i];
+            lines.append(u"  rule[%1]: %2 (%3) → %4 (%5)"_s.arg(QString::number(i), rule.sourceAppName,
+                                                                  rule.sourceAppBundleID, rule.targetBrowserName,
+                                                                  rule.targetBrowserBundleID));
+        }
+        for (const BrowserInfo &browser : std::as_const(m_browsers))
+            lines.append(u"  browser: %1 (%2)"_s.arg(browser.name, browser.bundleID));
+        DiagnosticLog::writeLines(u"AppState", lines);
+    }
+    qCInfo(lcAppState).noquote() << u"AppState initialized with %1 rule(s), %2 browser(s), default: %3"_s.arg(
+        QString::number(m_rules.size()), QString::number(m_browsers.size()),
+        SystemLog::priv(m_defaultBrowserBundleID));
+}
+
+AppState::~AppState()
+{
+    if (g_shared == this)
+        g_shared = nullptr;
+}
+
+AppState *AppState::shared()
+{
+    return g_shared;
+}
+
+void AppState::setShared(AppState *state)
+{
+    g_shared = state;
+}
+
+void AppState::chooseFallbackBrowser()
+{
+    const auto isDiscovered = [this](const QString &id) {
+        return std::any_of(m_browsers.cbegin(), m_browsers.cend(),
+                           [&id](const BrowserInfo &browser) { return browser.bundleID == id; });
+    };
+    QStringList candidates;
+    const std::optional<QString> current = m_services.entries.defaultHandler(u"https"_s);
+    if (current && *current != QStringView(BuildInfo::AppId))
+        candidates.append(*current);
+    candidates += preferredFallbacks();
+    QString chosen;
+    for (const QString &candidate : std::as_const(candidates)) {
+        if (isDiscovered(candidate)) {
+            chosen = candidate;
+            break;
+        }
+    }
+    if (chosen.isEmpty() && !m_browsers.isEmpty())
+        chosen = m_browsers.first().bundleID;
+    if (chosen.isEmpty())
+        return;
+    m_defaultBrowserBundleID = chosen;
+    m_store.saveDefaultBrowserBundleID(chosen);
+}
+
+QList<RoutingRule> AppState::appRules() const
+{
+    QList<RoutingRule> result;
+    std::copy_if(m_rules.cbegin(), m_rules.cend(), std::back_inserter(result),
+                 [](const RoutingRule &rule) { return !rule.sourceAppBundleID.isEmpty(); });
+    return result;
+}
+
+QList<RoutingRule> AppState::urlRules() const
+{
+    QList<RoutingRule> result;
+    std::copy_if(m_rules.cbegin(), m_rules.cend(), std::back_inserter(result), [](const RoutingRule &rule) {
+        return rule.sourceAppBundleID.isEmpty() && rule.urlPattern.has_value();
+    });
+    return result;
+}
+
+QList<RoutingRule> AppState::sortedAppRules() const
+{
+    QList<RoutingRule> rules = appRules();
+    const QCollator collator = caseInsensitiveCollator();
+    // An app's catch-all rule comes before its rules with a pattern.
+    std::stable_sort(rules.begin(), rules.end(), [&collator](const RoutingRule &a, const RoutingRule &b) {
+        const int order = collator.compare(a.sourceAppName, b.sourceAppName);
+        if (order != 0)
+            return order < 0;
+        return !a.urlPattern && b.urlPattern;
+    });
+    return rules;
+}
+
+QList<RoutingRule> AppState::sortedUrlRules() const
+{
+    QList<RoutingRule> rules = urlRules();
+    const QCollator collator = caseInsensitiveCollator();
+    // One site's rules together, the more specific first.
+    std::stable_sort(rules.begin(), rules.end(), [&collator](const RoutingRule &a, const RoutingRule &b) {
+        const QString rootA = rootDomain(a.urlPattern.value_or(QString()));
+        const QString rootB = rootDomain(b.urlPattern.value_or(QString()));
+        if (rootA != rootB)
+            return collator.compare(rootA, rootB) < 0;
+        return URLRouter::domainSpecificity(a.urlPattern.value_or(QString()))
+               > URLRouter::domainSpecificity(b.urlPattern.value_or(QString()));
+    });
+    return rules;
+}
+
+QString AppState::rootDomain(const QString &pattern)
+{
+    QString text = pattern;
+    text.remove(u'*');
+    text.remove(u"https://"_s);
+    text.remove(u"http://"_s);
+    text = text.section(u'/', 0, 0);
+    const QStringList parts = text.split(u'.');
+    if (parts.size() >= 2)
+        return parts[parts.size() - 2] + u'.' + parts.last();
+    return text;
+}
+
+void AppState::setRules(QList<RoutingRule> rules)
+{
+    m_rules = std::move(rules);
+    m_store.saveRules(m_rules);
+    Q_EMIT rulesChanged();
+}
+
+void AppState::addRule(const RoutingRule &rule)
+{
+    QList<RoutingRule> rules = m_rules;
+    rules.append(rule);
+    setRules(std::move(rules));
+}
+
+void AppState::updateRule(const RoutingRule &rule)
+{
+    const auto it = std::find_if(m_rules.cbegin(), m_rules.cend(),
+                                 [&rule](const RoutingRule &existing) { return existing.id == rule.id; });
+    if (it == m_rules.cend())
+        return;
+    QList<RoutingRule> rules = m_rules;
+    rules[it - m_rules.cbegin()] = rule;
+    setRules(std::move(rules));
+}
+
+void AppState::deleteRule(const RoutingRule &rule)
+{
+    QList<RoutingRule> rules = m_rules;
+    rules.removeIf([&rule](const RoutingRule &existing) { return existing.id == rule.id; });
+    setRules(std::move(rules));
+}
+
+void AppState::setDefaultBrowser(const QString &bundleID)
+{
+    m_defaultBrowserBundleID = bundleID;
+    m_store.saveDefaultBrowserBundleID(bundleID);
+    Q_EMIT defaultBrowserBundleIDChanged();
+}
+
+void AppState::setFlag(bool AppState::*field, bool value, void (AppState::*changed)())
+{
+    this->*field = value;
+    Q_EMIT(this->*changed)();
+}
+
+void AppState::toggleRulesEnabled()
+{
+    m_store.saveRulesEnabled(!m_rulesEnabled);
+    setFlag(&AppState::m_rulesEnabled, !m_rulesEnabled, &AppState::rulesEnabledChanged);
+}
+
+void AppState::toggleURLCleaning()
+{
+    m_store.settings().setValue(SettingsKeys::UrlCleaningEnabled.name, !m_urlCleaningEnabled);
+    UserSettings::commit(m_store.settings());
+    setFlag(&AppState::m_urlCleaningEnabled, !m_urlCleaningEnabled, &AppState::urlCleaningEnabledChanged);
+}
+
+void AppState::toggleURLExpansion()
+{
+    m_store.settings().setValue(SettingsKeys::UrlExpansionEnabled.name, !m_urlExpansionEnabled);
+    UserSettings::commit(m_store.settings());
+    setFlag(&AppState::m_urlExpansionEnabled, !m_urlExpansionEnabled, &AppState::urlExpansionEnabledChanged);
+}
+
+void AppState::toggleLaunchAtLogin()
+{
+    const Autostart::Failure failure = LaunchAtLoginManager::isEnabled(m_services.autostart)
+                                           ? LaunchAtLoginManager::disable(m_services.autostart)
+                                           : LaunchAtLoginManager::enable(m_services.autostart);
+    if (failure) {
+        qCCritical(lcAppState).noquote() << u"Failed to toggle launch at login: %1"_s.arg(SystemLog::priv(*failure));
+        return;
+    }
+    setFlag(&AppState::m_launchAtLogin, LaunchAtLoginManager::isEnabled(m_services.autostart),
+            &AppState::launchAtLoginChanged);
+}
+
+void AppState::refreshBrowsers()
+{
+    m_browsers = BrowserDiscovery::refreshBrowsers(m_services.entries);
+    Q_EMIT browsersChanged();
+    qCInfo(lcAppState).noquote() << u"Refreshed browsers: %1 found"_s.arg(m_browsers.size());
+}
+
+bool AppState::checkIsDefaultBrowser() const
+{
+    const std::optional<QString> handler = m_services.entries.defaultHandler(u"https"_s);
+    return handler && *handler == QStringView(BuildInfo::AppId);
+}
+
+void AppState::refreshDefaultBrowserStatus()
+{
+    setFlag(&AppState::m_isSystemDefaultBrowser, checkIsDefaultBrowser(), &AppState::isSystemDefaultBrowserChanged);
+}
+
+void AppState::applyImportedConfig(const ConfigManager::ExportData &config)
+{
+    setRules(config.rules);
+    if (config.defaultBrowserBundleID)
+        setDefaultBrowser(*config.defaultBrowserBundleID);
+    m_store.settings().setValue(SettingsKeys::UrlCleaningEnabled.name, config.urlCleaningEnabled);
+    UserSettings::commit(m_store.settings());
+    setFlag(&AppState::m_urlCleaningEnabled, config.urlCleaningEnabled, &AppState::urlCleaningEnabledChanged);
+    qCInfo(lcAppState).noquote() << u"Applied imported config: %1 rule(s), default=%2, urlCleaning=%3"_s.arg(
+        QString::number(config.rules.size()), SystemLog::priv(config.defaultBrowserBundleID.value_or(u"nil"_s)),
+        config.urlCleaningEnabled ? u"true"_s : u"false"_s);
+}
+
+void AppState::setLastRouteLog(const QString &text)
+{
+    m_lastRouteLog = text;
+    Q_EMIT lastRouteLogChanged();
+}
+
+void AppState::routeURL(const Link &url, const std::optional<SourceApp> &source, const QString &activationToken)
+{
+    RouteTask::start(*this, url, source, activationToken);
+}

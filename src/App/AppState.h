@@ -1,0 +1,115 @@
+#pragma once
+
+#include "App/AppServices.h"
+#include "Models/BrowserInfo.h"
+#include "Models/Link.h"
+#include "Models/RoutingRule.h"
+#include "Services/ConfigManager.h"
+#include "Storage/RuleStore.h"
+
+#include <QList>
+#include <QObject>
+#include <QString>
+
+#include <optional>
+
+// The one state that the user sees and changes: rules, browsers, the fallback
+// browser, the switches, today's count and the last routing. Every change is
+// saved at once and announced by the field's signal, on the main thread.
+class AppState final : public QObject
+{
+    Q_OBJECT
+    Q_PROPERTY(QList<RoutingRule> rules READ rules NOTIFY rulesChanged)
+    Q_PROPERTY(QList<BrowserInfo> browsers READ browsers NOTIFY browsersChanged)
+    Q_PROPERTY(QString defaultBrowserBundleID READ defaultBrowserBundleID NOTIFY defaultBrowserBundleIDChanged)
+    Q_PROPERTY(qint64 todayForwardCount READ todayForwardCount NOTIFY todayForwardCountChanged)
+    Q_PROPERTY(bool isSystemDefaultBrowser READ isSystemDefaultBrowser NOTIFY isSystemDefaultBrowserChanged)
+    Q_PROPERTY(QString lastRouteLog READ lastRouteLog NOTIFY lastRouteLogChanged)
+    Q_PROPERTY(bool launchAtLogin READ launchAtLogin NOTIFY launchAtLoginChanged)
+    Q_PROPERTY(bool urlCleaningEnabled READ urlCleaningEnabled NOTIFY urlCleaningEnabledChanged)
+    Q_PROPERTY(bool urlExpansionEnabled READ urlExpansionEnabled NOTIFY urlExpansionEnabledChanged)
+    Q_PROPERTY(bool rulesEnabled READ rulesEnabled NOTIFY rulesEnabledChanged)
+
+public:
+    // Loads everything and chooses a fallback browser when none is stored.
+    AppState(RuleStore &store, AppServices services, QObject *parent = nullptr);
+    ~AppState() override;
+
+    // The process's application state, for automation; set by whoever made it.
+    static AppState *shared();
+    static void setShared(AppState *state);
+
+    const QList<RoutingRule> &rules() const { return m_rules; }
+    const QList<BrowserInfo> &browsers() const { return m_browsers; }
+    const QString &defaultBrowserBundleID() const { return m_defaultBrowserBundleID; }
+    qint64 todayForwardCount() const { return m_todayForwardCount; }
+    bool isSystemDefaultBrowser() const { return m_isSystemDefaultBrowser; }
+    const QString &lastRouteLog() const { return m_lastRouteLog; }
+    bool launchAtLogin() const { return m_launchAtLogin; }
+    bool urlCleaningEnabled() const { return m_urlCleaningEnabled; }
+    bool urlExpansionEnabled() const { return m_urlExpansionEnabled; }
+    bool rulesEnabled() const { return m_rulesEnabled; }
+    RuleStore &store() const { return m_store; }
+    const AppServices &services() const { return m_services; }
+
+    // Source-only and combined rules / URL-only rules, in stored order.
+    QList<RoutingRule> appRules() const;
+    QList<RoutingRule> urlRules() const;
+    // The same, in the order the settings window lists them.
+    QList<RoutingRule> sortedAppRules() const;
+    QList<RoutingRule> sortedUrlRules() const;
+    static QString rootDomain(const QString &pattern);
+
+    void addRule(const RoutingRule &rule);
+    void updateRule(const RoutingRule &rule);
+    void deleteRule(const RoutingRule &rule);
+    void setDefaultBrowser(const QString &bundleID);
+    void toggleRulesEnabled();
+    void toggleURLCleaning();
+    void toggleURLExpansion();
+    void toggleLaunchAtLogin();
+    void refreshBrowsers();
+    bool checkIsDefaultBrowser() const;
+    void refreshDefaultBrowserStatus();
+    void applyImportedConfig(const ConfigManager::ExportData &config);
+
+    // Routes one link from its source application. Returns once the link is
+    // counted; opening and recording finish later on the main thread. The
+    // activation token, when the link came with one, goes to the browser.
+    void routeURL(const Link &url, const std::optional<SourceApp> &source, const QString &activationToken = {});
+
+Q_SIGNALS:
+    void rulesChanged();
+    void browsersChanged();
+    void defaultBrowserBundleIDChanged();
+    void todayForwardCountChanged();
+    void isSystemDefaultBrowserChanged();
+    void lastRouteLogChanged();
+    void launchAtLoginChanged();
+    void urlCleaningEnabledChanged();
+    void urlExpansionEnabledChanged();
+    void rulesEnabledChanged();
+    // A link's route has ended: opened, failed or without a route.
+    void routeFinished();
+
+private:
+    friend class RouteTask;
+
+    void setRules(QList<RoutingRule> rules);
+    void setLastRouteLog(const QString &text);
+    void setFlag(bool AppState::*field, bool value, void (AppState::*changed)());
+    void chooseFallbackBrowser();
+
+    RuleStore &m_store;
+    AppServices m_services;
+    QList<RoutingRule> m_rules;
+    QList<BrowserInfo> m_browsers;
+    QString m_defaultBrowserBundleID;
+    qint64 m_todayForwardCount = 0;
+    bool m_isSystemDefaultBrowser = false;
+    QString m_lastRouteLog;
+    bool m_launchAtLogin = false;
+    bool m_urlCleaningEnabled = true;
+    bool m_urlExpansionEnabled = false;
+    bool m_rulesEnabled = true;
+};

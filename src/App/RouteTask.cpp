@@ -1,0 +1,236 @@
+#include "App/RouteTask.h"
+
+#include "App/AppState.h"
+#include "Platform/DiagnosticLog.h"
+#include "Platform/SystemLog.h"
+#include "Services/BrowserLauncher.h"
+#include "Services/ProfileLauncher.h"
+#include "Services/URLCleaner.h"
+#include "Services/URLRouter.h"
+#include "Storage/HistoryStore.h"
+
+#include <QMetaObject>
+
+using namespace Qt::Literals::StringLiterals;
+
+QUILLVANE_LOGGING_CATEGORY(lcRoute, "AppState")
+
+namespace {
+
+void debugLog(const QString &message)
+{
+    DiagnosticLog::write(u"AppState", message);
+}
+
+QString hostOrText(const Link &url)
+{
+    return url.hasHost() ? url.host() : url.toString();
+}
+
+QString boolText(bool value)
+{
+    return value ? u"true"_s : u"false"_s;
+}
+
+} // namespace
+
+RouteTask::RouteTask(AppState &state, const Link &incoming, const Link &working,
+                     const std::optional<SourceApp> &source, const QString &activationToken)
+    : QObject(&state)
+    , m_state(state)
+    , m_incoming(incoming)
+    , m_working(working)
+    , m_source(source)
+    , m_activationToken(activationToken)
+{
+}
+
+void RouteTask::start(AppState &state, const Link &url, const std::optional<SourceApp> &source,
+                      const QString &activationToken)
+{
+    const QString name = source ? source->name : u"unknown"_s;
+    const QString id = source ? source->bundleID : u"nil"_s;
+    debugLog(u"routeURL() — url=%1, source=%2 (%3), rules=%4, fallback=%5, rulesEnabled=%6"_s.arg(
+        url.toString(), name, id, QString::number(state.rules().size()), state.defaultBrowserBundleID(),
+        boolText(state.rulesEnabled())));
+
+    const Link working = state.urlCleaningEnabled() ? URLCleaner::clean(url) : url;
+    if (!(working == url))
+        debugLog(u"routeURL() — cleaned URL: %1"_s.arg(working.toString()));
+
+    state.m_todayForwardCount = state.store().incrementTodayCount();
+    Q_EMIT state.todayForwardCountChanged();
+
+    auto *task = new RouteTask(state, url, working, source, activationToken);
+    if (!state.rulesEnabled()) {
+        const QString fallbackID = state.defaultBrowserBundleID();
+        const QString fallbackName = task->browserName(fallbackID);
+        state.setLastRouteLog(u"⏸ %1 → %2: %3"_s.arg(name, fallbackName, hostOrText(working)));
+        debugLog(u"routeURL() — Rules paused → fallback %1 (%2)"_s.arg(fallbackID, fallbackName));
+        QMetaObject::invokeMethod(
+            task, [task, fallbackID, fallbackName] { task->runPaused(fallbackID, fallbackName); },
+            Qt::QueuedConnection);
+        return;
+    }
+    QMetaObject::invokeMethod(task, [task] { task->runRouting(); }, Qt::QueuedConnection);
+}
+
+QString RouteTask::sourceName() const
+{
+    return m_source ? m_source->name : u"unknown"_s;
+}
+
+QString RouteTask::sourceID() const
+{
+    return m_source ? m_source->bundleID : u"nil"_s;
+}
+
+QString RouteTask::browserName(const QString &bundleID) const
+{
+    for (const BrowserInfo &browser : m_state.browsers()) {
+        if (browser.bundleID == bundleID)
+            return browser.name;
+    }
+    return bundleID;
+}
+
+void RouteTask::runPaused(const QString &fallbackID, const QString &fallbackName)
+{
+    const BrowserLauncher::Platform platform{m_state.services().entries, m_state.services().processes};
+    BrowserLauncher::open(m_working, fallbackID, m_state.browsers(), platform, m_activationToken)
+        .then(this, [this, fallbackID, fallbackName](const BrowserLauncher::Outcome &outcome) {
+            if (outcome) {
+                const QString error = outcome->description();
+                failed(u"FAILED: "_s + error, u"routeURL() — FAILED (rules paused): "_s + error,
+                       u"Failed to open URL (rules paused) in %1: %2"_s.arg(SystemLog::priv(fallbackName),
+                                                                            SystemLog::priv(error)));
+                return;
+            }
+            debugLog(u"routeURL() — SUCCESS (rules paused) opened in "_s + fallbackName);
+            qCInfo(lcRoute).noquote() << u"Rules paused: %1 → %2 (from: %3)"_s.arg(
+                SystemLog::priv(m_working.toString()), SystemLog::priv(fallbackName), SystemLog::priv(sourceName()));
+            opened(fallbackID, fallbackName, u"⏸ Rules paused"_s);
+        });
+}
+
+void RouteTask::runRouting()
+{
+    if (m_state.urlExpansionEnabled() && m_state.services().isShortLink(m_working)) {
+        m_state.services().expand(m_working).then(this, [this](const Link &expanded) {
+            if (!(expanded == m_working)) {
+                debugLog(u"routeURL() — expanded URL: "_s + expanded.toString());
+                m_working = expanded;
+            }
+            route();
+        });
+        return;
+    }
+    route();
+}
+
+void RouteTask::route()
+{
+    // Rules, browsers and the fallback as they are now, after any wait.
+    const std::optional<RouteResult> result =
+        URLRouter::route(m_working, m_source, m_state.rules(), m_state.defaultBrowserBundleID());
+    if (!result) {
+        failed(u"No route: %1 from %2"_s.arg(hostOrText(m_working), sourceName()), u"routeURL() — NO ROUTE found"_s,
+               u"No route found for %1 from %2"_s.arg(SystemLog::priv(m_working.toString()),
+                                                      SystemLog::priv(sourceID())));
+        return;
+    }
+
+    const QString targetName = browserName(result->browserBundleID);
+    // The sending app's first rule takes the credit, whichever rule decided.
+    std::optional<QString> credited;
+    if (m_source) {
+        for (const RoutingRule &rule : m_state.rules()) {
+            if (!rule.sourceAppBundleID.isEmpty()
+                && rule.sourceAppBundleID.compare(m_source->bundleID, Qt::CaseInsensitive) == 0) {
+                credited = rule.sourceAppName + u" → " + rule.targetBrowserName;
+                break;
+            }
+        }
+    }
+    const QString profilePart = result->profileID ? u" [%1]"_s.arg(*result->profileID) : QString();
+    m_state.setLastRouteLog(u"%1 → %2%3: %4"_s.arg(sourceName(), targetName, profilePart, hostOrText(m_working)));
+    debugLog(u"routeURL() — target=%1 (%2) profile=%3"_s.arg(result->browserBundleID, targetName,
+                                                             result->profileID.value_or(u"default"_s)));
+
+    const QList<BrowserInfo> &browsers = m_state.browsers();
+    const auto browser = std::find_if(browsers.cbegin(), browsers.cend(), [&result](const BrowserInfo &info) {
+        return info.bundleID == result->browserBundleID;
+    });
+    if (!result->profileID || browser == browsers.cend()) {
+        launchPlain(result->browserBundleID, targetName, credited, u"routeURL() — SUCCESS opened in "_s + targetName);
+        return;
+    }
+
+    const QString profileID = *result->profileID;
+    const QString browserID = result->browserBundleID;
+    const ProfileLauncher::Platform platform{m_state.services().entries, m_state.services().processes};
+    ProfileLauncher::open(m_working, *browser, profileID, platform, m_activationToken)
+        .then(this, [this, browserID, targetName, credited, profileID](const ProfileLauncher::Outcome &outcome) {
+            if (!outcome) {
+                debugLog(u"routeURL() — SUCCESS opened in %1 profile %2"_s.arg(targetName, profileID));
+                qCInfo(lcRoute).noquote() << u"Routed %1 → %2 (from: %3)"_s.arg(
+                    SystemLog::priv(m_working.toString()), SystemLog::priv(targetName),
+                    SystemLog::priv(sourceName()));
+                opened(browserID, targetName, credited);
+                return;
+            }
+            debugLog(u"routeURL() — ProfileLauncher failed: %1, falling back to BrowserLauncher"_s.arg(
+                outcome->description()));
+            launchPlain(browserID, targetName, credited, u"routeURL() — SUCCESS opened in %1 (fallback)"_s.arg(targetName));
+        });
+}
+
+void RouteTask::launchPlain(const QString &browserID, const QString &targetName,
+                            const std::optional<QString> &credited, const QString &successLine)
+{
+    const BrowserLauncher::Platform platform{m_state.services().entries, m_state.services().processes};
+    BrowserLauncher::open(m_working, browserID, m_state.browsers(), platform, m_activationToken)
+        .then(this, [this, browserID, targetName, credited, successLine](const BrowserLauncher::Outcome &outcome) {
+            if (outcome) {
+                const QString error = outcome->description();
+                failed(u"FAILED: "_s + error, u"routeURL() — FAILED: "_s + error,
+                       u"Failed to open URL in %1: %2"_s.arg(SystemLog::priv(targetName), SystemLog::priv(error)));
+                return;
+            }
+            debugLog(successLine);
+            qCInfo(lcRoute).noquote() << u"Routed %1 → %2 (from: %3)"_s.arg(
+                SystemLog::priv(m_working.toString()), SystemLog::priv(targetName), SystemLog::priv(sourceName()));
+            opened(browserID, targetName, credited);
+        });
+}
+
+void RouteTask::opened(const QString &browserID, const QString &browserName, const std::optional<QString> &ruleMatched)
+{
+    ForwardingRecord record;
+    record.id = QUuid::createUuid();
+    record.timestamp = m_state.services().clock();
+    record.originalURL = m_incoming.toString();
+    if (m_source) {
+        record.sourceAppBundleID = m_source->bundleID;
+        record.sourceAppName = m_source->name;
+    }
+    record.targetBrowserBundleID = browserID;
+    record.targetBrowserName = browserName;
+    record.ruleMatched = ruleMatched;
+    HistoryStore::record(m_state.store().settings(), record);
+    finish();
+}
+
+void RouteTask::failed(const QString &statusText, const QString &diagnosticLine, const QString &logLine)
+{
+    m_state.setLastRouteLog(statusText);
+    debugLog(diagnosticLine);
+    qCCritical(lcRoute).noquote() << logLine;
+    finish();
+}
+
+void RouteTask::finish()
+{
+    Q_EMIT m_state.routeFinished();
+    deleteLater();
+}

@@ -1,0 +1,44 @@
+#pragma once
+
+#include "Models/Link.h"
+#include "Models/RoutingRule.h"
+
+#include <QObject>
+
+#include <optional>
+
+class AppState;
+
+// One link on its way from intake to an open browser. The first steps run at
+// once (trail, cleaning, counting); the rest continues on the main thread's
+// event loop, waiting without blocking for the expander and the launchers, so
+// several links may be in flight. Each ends in exactly one outcome.
+class RouteTask final : public QObject
+{
+public:
+    static void start(AppState &state, const Link &url, const std::optional<SourceApp> &source,
+                      const QString &activationToken);
+
+private:
+    RouteTask(AppState &state, const Link &incoming, const Link &working, const std::optional<SourceApp> &source,
+              const QString &activationToken);
+
+    void runPaused(const QString &fallbackID, const QString &fallbackName);
+    void runRouting();
+    void route();
+    void launchPlain(const QString &browserID, const QString &targetName, const std::optional<QString> &credited,
+                     const QString &successLine);
+    void opened(const QString &browserID, const QString &browserName, const std::optional<QString> &ruleMatched);
+    void failed(const QString &statusText, const QString &diagnosticLine, const QString &logLine);
+    void finish();
+
+    QString sourceName() const;
+    QString sourceID() const;
+    QString browserName(const QString &bundleID) const;
+
+    AppState &m_state;
+    Link m_incoming;
+    Link m_working;
+    std::optional<SourceApp> m_source;
+    QString m_activationToken;
+};

@@ -1,0 +1,309 @@
+#include "App/AppState.h"
+#include "Services/BrowserDiscovery.h"
+#include "Storage/UserSettings.h"
+#include "TestSupport.h"
+
+#include <QSignalSpy>
+#include <QTest>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+
+// A desktop registry whose handlers and default handler the test sets.
+class FakeEntries final : public DesktopEntries
+{
+public:
+    QList<DesktopEntry> handlersForScheme(const QString &) override { return handlers; }
+    std::optional<DesktopEntry> entry(const QString &) override { return std::nullopt; }
+    std::optional<DesktopEntry> entryAt(const QString &) override { return std::nullopt; }
+    std::optional<QString> defaultHandler(const QString &scheme) override
+    {
+        return scheme == u"https" ? httpsHandler : httpHandler;
+    }
+
+    void setBrowsers(const QStringList &ids)
+    {
+        handlers.clear();
+        for (const QString &id : ids)
+            handlers.append(DesktopEntry{id, u"/apps/"_s + id + u".desktop"_s, id, {}, {}, {}, {}, false, false});
+    }
+
+    QList<DesktopEntry> handlers;
+    std::optional<QString> httpsHandler;
+    std::optional<QString> httpHandler;
+};
+
+class FakeAutostart final : public Autostart
+{
+public:
+    Status status() const override { return enabled ? Status::Enabled : Status::NotRegistered; }
+    Failure enable() override
+    {
+        if (!failure)
+            enabled = true;
+        return failure;
+    }
+    Failure disable() override
+    {
+        if (!failure)
+            enabled = false;
+        return failure;
+    }
+
+    bool enabled = false;
+    Failure failure;
+};
+
+RoutingRule urlRule(const QString &pattern)
+{
+    return makeRule(QString(), pattern, u"b"_s);
+}
+
+QStringList patterns(const QList<RoutingRule> &rules)
+{
+    QStringList result;
+    for (const RoutingRule &rule : rules)
+        result.append(rule.urlPattern.value_or(u"(none)"_s) + u'@' + rule.sourceAppName);
+    return result;
+}
+
+} // namespace
+
+class TestAppState final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+    void startupChoosesAFallback_data();
+    void startupChoosesAFallback();
+    void startupKeepsAStoredFallback();
+    void ruleOperationsSaveAtOnce();
+    void switchesAndFallbackSaveAtOnce();
+    void importReplacesRulesOnly();
+    void launchAtLogin();
+    void defaultBrowserCheckIsExact();
+    void displayOrders();
+
+private:
+    std::unique_ptr<AppState> makeState();
+    std::unique_ptr<QSettings> reopened() const { return m_environment->settings(); }
+
+    std::unique_ptr<TestEnvironment> m_environment;
+    std::unique_ptr<QSettings> m_settings;
+    std::unique_ptr<RuleStore> m_store;
+    FakeEntries m_entries;
+    FakeAutostart m_autostart;
+    RecordingLauncher m_launcher;
+};
+
+void TestAppState::init()
+{
+    m_environment = std::make_unique<TestEnvironment>();
+    m_settings = m_environment->settings();
+    m_store = std::make_unique<RuleStore>(*m_settings);
+    m_entries = FakeEntries();
+    m_entries.setBrowsers({u"epiphany"_s, u"firefox-esr"_s, u"chromium"_s});
+    m_autostart = FakeAutostart();
+}
+
+void TestAppState::cleanup()
+{
+    m_store.reset();
+    m_settings.reset();
+    m_environment.reset();
+}
+
+std::unique_ptr<AppState> TestAppState::makeState()
+{
+    BrowserDiscovery::refreshBrowsers(m_entries);
+    return std::make_unique<AppState>(*m_store, AppServices{m_entries, m_launcher, m_autostart});
+}
+
+void TestAppState::startupChoosesAFallback_data()
+{
+    QTest::addColumn<QStringList>("installed");
+    QTest::addColumn<QString>("httpsHandler");
+    QTest::addColumn<QString>("fallback");
+    QTest::newRow("the desktop's handler") << QStringList{u"epiphany"_s, u"firefox-esr"_s} << u"epiphany"_s << u"epiphany"_s;
+    QTest::newRow("Quillvane handles links") << QStringList{u"epiphany"_s, u"chromium"_s, u"firefox-esr"_s}
+                                             << u"work.vorpa.Quillvane"_s << u"firefox-esr"_s;
+    QTest::newRow("handler not a browser") << QStringList{u"epiphany"_s, u"chromium"_s} << u"org.gnome.Evince"_s
+                                           << u"chromium"_s;
+    QTest::newRow("no known browser") << QStringList{u"zen"_s, u"epiphany"_s} << QString() << u"epiphany"_s;
+    QTest::newRow("no browser at all") << QStringList() << QString() << QString();
+}
+
+void TestAppState::startupChoosesAFallback()
+{
+    QFETCH(QStringList, installed);
+    QFETCH(QString, httpsHandler);
+    QFETCH(QString, fallback);
+    m_entries.setBrowsers(installed);
+    if (!httpsHandler.isEmpty())
+        m_entries.httpsHandler = httpsHandler;
+    const auto state = makeState();
+    QCOMPARE(state->defaultBrowserBundleID(), fallback);
+    QCOMPARE(reopened()->contains(u"default_browser_bundle_id"_s), !fallback.isEmpty());
+    QCOMPARE(RuleStore(*reopened()).loadDefaultBrowserBundleID(), fallback);
+}
+
+void TestAppState::startupKeepsAStoredFallback()
+{
+    m_store->saveDefaultBrowserBundleID(u"uninstalled-browser"_s);
+    m_store->saveRules({makeRule(u"app"_s, std::nullopt, u"b"_s)});
+    m_store->saveRulesEnabled(false);
+    m_autostart.enabled = true;
+    QTest::ignoreMessage(QtInfoMsg, "AppState initialized with 1 rule(s), 3 browser(s), default: <private>");
+    const auto state = makeState();
+    QCOMPARE(state->defaultBrowserBundleID(), u"uninstalled-browser"_s);
+    QCOMPARE(state->rules().size(), 1);
+    QVERIFY(!state->rulesEnabled());
+    QVERIFY(state->launchAtLogin());
+    QVERIFY(state->urlCleaningEnabled());
+    QVERIFY(!state->urlExpansionEnabled());
+    QCOMPARE(state->browsers().size(), 3);
+}
+
+void TestAppState::ruleOperationsSaveAtOnce()
+{
+    const auto state = makeState();
+    QSignalSpy changed(state.get(), &AppState::rulesChanged);
+    const RoutingRule first = makeRule(u"a"_s, std::nullopt, u"x"_s);
+    const RoutingRule second = makeRule(QString(), u"example.com"_s, u"y"_s);
+    state->addRule(first);
+    state->addRule(second);
+    QCOMPARE(RuleStore(*reopened()).loadRules(), (QList<RoutingRule>{first, second}));
+
+    RoutingRule edited = first;
+    edited.urlPattern = u"*.org"_s;
+    state->updateRule(edited);
+    QCOMPARE(RuleStore(*reopened()).loadRules(), (QList<RoutingRule>{edited, second}));
+    state->updateRule(makeRule(u"unknown"_s, std::nullopt, u"z"_s));
+    QCOMPARE(changed.size(), 3);
+
+    // Two rules sharing an id (an imported document can hold such) go together.
+    RoutingRule twin = second;
+    twin.targetBrowserBundleID = u"twin"_s;
+    state->addRule(twin);
+    state->deleteRule(second);
+    QCOMPARE(RuleStore(*reopened()).loadRules(), QList<RoutingRule>{edited});
+    state->deleteRule(second);
+    QCOMPARE(changed.size(), 6);
+}
+
+void TestAppState::switchesAndFallbackSaveAtOnce()
+{
+    const auto state = makeState();
+    QSignalSpy rules(state.get(), &AppState::rulesEnabledChanged);
+    QSignalSpy cleaning(state.get(), &AppState::urlCleaningEnabledChanged);
+    QSignalSpy expansion(state.get(), &AppState::urlExpansionEnabledChanged);
+    QSignalSpy fallback(state.get(), &AppState::defaultBrowserBundleIDChanged);
+    state->toggleRulesEnabled();
+    state->toggleURLCleaning();
+    state->toggleURLExpansion();
+    state->setDefaultBrowser(u"not-checked"_s);
+    QCOMPARE(rules.size() + cleaning.size() + expansion.size() + fallback.size(), 4);
+
+    auto disk = reopened();
+    QCOMPARE(disk->value(u"rules_enabled"_s).toString(), u"false"_s);
+    QCOMPARE(disk->value(u"url_cleaning_enabled"_s).toString(), u"false"_s);
+    QCOMPARE(disk->value(u"url_expansion_enabled"_s).toString(), u"true"_s);
+    QCOMPARE(disk->value(u"default_browser_bundle_id"_s).toString(), u"not-checked"_s);
+    QVERIFY(!state->rulesEnabled() && !state->urlCleaningEnabled() && state->urlExpansionEnabled());
+
+    // A second application state reads what the first one saved.
+    const auto again = makeState();
+    QVERIFY(!again->rulesEnabled() && !again->urlCleaningEnabled() && again->urlExpansionEnabled());
+}
+
+void TestAppState::importReplacesRulesOnly()
+{
+    const auto state = makeState();
+    state->addRule(makeRule(u"a"_s, std::nullopt, u"x"_s));
+    state->toggleURLExpansion();
+    const QString fallback = state->defaultBrowserBundleID();
+
+    ConfigManager::ExportData config;
+    config.rules = {makeRule(QString(), u"b.org"_s, u"y"_s)};
+    config.urlCleaningEnabled = false;
+    QTest::ignoreMessage(QtInfoMsg, "Applied imported config: 1 rule(s), default=<private>, urlCleaning=false");
+    state->applyImportedConfig(config);
+    QCOMPARE(state->rules(), config.rules);
+    QCOMPARE(state->defaultBrowserBundleID(), fallback);
+    QVERIFY(!state->urlCleaningEnabled());
+    QVERIFY(state->urlExpansionEnabled());
+    QCOMPARE(RuleStore(*reopened()).loadRules(), config.rules);
+
+    config.rules.clear();
+    config.defaultBrowserBundleID = u"chromium"_s;
+    state->applyImportedConfig(config);
+    QVERIFY(state->rules().isEmpty());
+    QCOMPARE(RuleStore(*reopened()).loadDefaultBrowserBundleID(), u"chromium"_s);
+}
+
+void TestAppState::launchAtLogin()
+{
+    const auto state = makeState();
+    QSignalSpy changed(state.get(), &AppState::launchAtLoginChanged);
+    state->toggleLaunchAtLogin();
+    QVERIFY(state->launchAtLogin());
+    QVERIFY(m_autostart.enabled);
+
+    m_autostart.failure = u"Read-only file system"_s;
+    QTest::ignoreMessage(QtCriticalMsg, "Failed to toggle launch at login: <private>");
+    state->toggleLaunchAtLogin();
+    QVERIFY(state->launchAtLogin());
+    QCOMPARE(changed.size(), 1);
+
+    // The switch asks the system, not its own copy.
+    m_autostart.failure.reset();
+    m_autostart.enabled = false;
+    state->toggleLaunchAtLogin();
+    QVERIFY(m_autostart.enabled);
+    QVERIFY(state->launchAtLogin());
+}
+
+void TestAppState::defaultBrowserCheckIsExact()
+{
+    m_entries.httpHandler = u"work.vorpa.Quillvane"_s;
+    m_entries.httpsHandler = u"firefox-esr"_s;
+    const auto state = makeState();
+    QVERIFY(!state->isSystemDefaultBrowser());
+    m_entries.httpsHandler = u"WORK.VORPA.QUILLVANE"_s;
+    QVERIFY(!state->checkIsDefaultBrowser());
+    m_entries.httpsHandler = u"work.vorpa.Quillvane"_s;
+    QSignalSpy changed(state.get(), &AppState::isSystemDefaultBrowserChanged);
+    state->refreshDefaultBrowserStatus();
+    QVERIFY(state->isSystemDefaultBrowser());
+    QCOMPARE(changed.size(), 1);
+}
+
+void TestAppState::displayOrders()
+{
+    const auto state = makeState();
+    for (const QString &pattern : {u"example.org"_s, u"*example.com/admin*"_s, u"example.com"_s, u"docs.example.com"_s})
+        state->addRule(urlRule(pattern));
+    QCOMPARE(patterns(state->sortedUrlRules()),
+             (QStringList{u"docs.example.com@"_s, u"example.com@"_s, u"*example.com/admin*@"_s, u"example.org@"_s}));
+
+    state->addRule(makeRule(u"b.app"_s, u"*x*"_s, u"t"_s));
+    state->addRule(makeRule(u"a.app"_s, std::nullopt, u"t"_s));
+    state->addRule(makeRule(u"B.APP"_s, std::nullopt, u"t"_s));
+    state->addRule(makeRule(u"c"_s, std::nullopt, u"t"_s));
+    // Names compare ignoring case; an app's catch-all rule before its patterns.
+    QCOMPARE(patterns(state->sortedAppRules()),
+             (QStringList{u"(none)@a.app"_s, u"(none)@B.APP"_s, u"*x*@b.app"_s, u"(none)@c"_s}));
+    QCOMPARE(state->appRules().size(), 4);
+    QCOMPARE(state->urlRules().size(), 4);
+
+    QCOMPARE(AppState::rootDomain(u"*docs.example.com/api*"_s), u"example.com"_s);
+    QCOMPARE(AppState::rootDomain(u"example.co.uk"_s), u"co.uk"_s);
+    QCOMPARE(AppState::rootDomain(u"https://localhost/x"_s), u"localhost"_s);
+    QCOMPARE(AppState::rootDomain(QString()), QString());
+}
+
+QTEST_GUILESS_MAIN(TestAppState)
+#include "tst_appstate.moc"
