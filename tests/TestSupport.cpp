@@ -68,20 +68,22 @@ RoutingRule makeRule(const QString &source, std::optional<QString> pattern, cons
                        std::move(profile)};
 }
 
-ProcessLauncher::Failure RecordingLauncher::spawn(const QStringList &argv, const QString &, const QString &)
+ProcessLauncher::Failure RecordingLauncher::spawn(const QStringList &argv, const QString &,
+                                                  const QString &)
 {
     spawned.append(argv);
     if (!failWhenArgumentStartsWith.isEmpty()) {
-        const bool matches = std::any_of(argv.cbegin(), argv.cend(), [this](const QString &argument) {
-            return argument.startsWith(failWhenArgumentStartsWith);
-        });
+        const bool matches =
+            std::any_of(argv.cbegin(), argv.cend(), [this](const QString &argument) {
+                return argument.startsWith(failWhenArgumentStartsWith);
+            });
         return matches ? failure : Failure();
     }
     return failure;
 }
 
-QFuture<ProcessLauncher::Failure> RecordingLauncher::activate(const QString &path, const QString &link,
-                                                              const QString &token)
+QFuture<ProcessLauncher::Failure>
+RecordingLauncher::activate(const QString &path, const QString &link, const QString &token)
 {
     activated.append({path, link, token});
     return QtFuture::makeReadyFuture(failure);

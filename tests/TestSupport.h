@@ -40,8 +40,10 @@ Link link(QStringView text);
 class RecordingLauncher final : public ProcessLauncher
 {
 public:
-    Failure spawn(const QStringList &argv, const QString &workingDirectory, const QString &token) override;
-    QFuture<Failure> activate(const QString &path, const QString &link, const QString &token) override;
+    Failure spawn(const QStringList &argv, const QString &workingDirectory,
+                  const QString &token) override;
+    QFuture<Failure> activate(const QString &path, const QString &link,
+                              const QString &token) override;
 
     QList<QStringList> spawned;
     QList<QStringList> activated;

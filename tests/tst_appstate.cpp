@@ -26,7 +26,8 @@ public:
     {
         handlers.clear();
         for (const QString &id : ids)
-            handlers.append(DesktopEntry{id, u"/apps/"_s + id + u".desktop"_s, id, {}, {}, {}, {}, false, false});
+            handlers.append(DesktopEntry{
+                id, u"/apps/"_s + id + u".desktop"_s, id, {}, {}, {}, {}, false, false});
     }
 
     QList<DesktopEntry> handlers;
@@ -127,12 +128,15 @@ void TestAppState::startupChoosesAFallback_data()
     QTest::addColumn<QStringList>("installed");
     QTest::addColumn<QString>("httpsHandler");
     QTest::addColumn<QString>("fallback");
-    QTest::newRow("the desktop's handler") << QStringList{u"epiphany"_s, u"firefox-esr"_s} << u"epiphany"_s << u"epiphany"_s;
-    QTest::newRow("Quillvane handles links") << QStringList{u"epiphany"_s, u"chromium"_s, u"firefox-esr"_s}
-                                             << u"work.vorpa.Quillvane"_s << u"firefox-esr"_s;
-    QTest::newRow("handler not a browser") << QStringList{u"epiphany"_s, u"chromium"_s} << u"org.gnome.Evince"_s
-                                           << u"chromium"_s;
-    QTest::newRow("no known browser") << QStringList{u"zen"_s, u"epiphany"_s} << QString() << u"epiphany"_s;
+    QTest::newRow("the desktop's handler")
+        << QStringList{u"epiphany"_s, u"firefox-esr"_s} << u"epiphany"_s << u"epiphany"_s;
+    QTest::newRow("Quillvane handles links")
+        << QStringList{u"epiphany"_s, u"chromium"_s, u"firefox-esr"_s} << u"work.vorpa.Quillvane"_s
+        << u"firefox-esr"_s;
+    QTest::newRow("handler not a browser")
+        << QStringList{u"epiphany"_s, u"chromium"_s} << u"org.gnome.Evince"_s << u"chromium"_s;
+    QTest::newRow("no known browser")
+        << QStringList{u"zen"_s, u"epiphany"_s} << QString() << u"epiphany"_s;
     QTest::newRow("no browser at all") << QStringList() << QString() << QString();
 }
 
@@ -156,7 +160,8 @@ void TestAppState::startupKeepsAStoredFallback()
     m_store->saveRules({makeRule(u"app"_s, std::nullopt, u"b"_s)});
     m_store->saveRulesEnabled(false);
     m_autostart.enabled = true;
-    QTest::ignoreMessage(QtInfoMsg, "AppState initialized with 1 rule(s), 3 browser(s), default: <private>");
+    QTest::ignoreMessage(QtInfoMsg,
+                         "AppState initialized with 1 rule(s), 3 browser(s), default: <private>");
     const auto state = makeState();
     QCOMPARE(state->defaultBrowserBundleID(), u"uninstalled-browser"_s);
     QCOMPARE(state->rules().size(), 1);
@@ -229,7 +234,8 @@ void TestAppState::importReplacesRulesOnly()
     ConfigManager::ExportData config;
     config.rules = {makeRule(QString(), u"b.org"_s, u"y"_s)};
     config.urlCleaningEnabled = false;
-    QTest::ignoreMessage(QtInfoMsg, "Applied imported config: 1 rule(s), default=<private>, urlCleaning=false");
+    QTest::ignoreMessage(
+        QtInfoMsg, "Applied imported config: 1 rule(s), default=<private>, urlCleaning=false");
     state->applyImportedConfig(config);
     QCOMPARE(state->rules(), config.rules);
     QCOMPARE(state->defaultBrowserBundleID(), fallback);
@@ -284,10 +290,12 @@ void TestAppState::defaultBrowserCheckIsExact()
 void TestAppState::displayOrders()
 {
     const auto state = makeState();
-    for (const QString &pattern : {u"example.org"_s, u"*example.com/admin*"_s, u"example.com"_s, u"docs.example.com"_s})
+    for (const QString &pattern :
+         {u"example.org"_s, u"*example.com/admin*"_s, u"example.com"_s, u"docs.example.com"_s})
         state->addRule(urlRule(pattern));
     QCOMPARE(patterns(state->sortedUrlRules()),
-             (QStringList{u"docs.example.com@"_s, u"example.com@"_s, u"*example.com/admin*@"_s, u"example.org@"_s}));
+             (QStringList{u"docs.example.com@"_s, u"example.com@"_s, u"*example.com/admin*@"_s,
+                          u"example.org@"_s}));
 
     state->addRule(makeRule(u"b.app"_s, u"*x*"_s, u"t"_s));
     state->addRule(makeRule(u"a.app"_s, std::nullopt, u"t"_s));

@@ -112,21 +112,28 @@ void TestProfiles::localStateReaderAgreesWithQtJson_data()
 {
     QTest::addColumn<QByteArray>("json");
     QTest::addColumn<bool>("isJson");
-    QTest::newRow("escapes") << QByteArray(R"({"profile" : {"info_cache":{"D\u0065fault":{"name":"A \"quoted\" \u00fc\/"}}}})") << true;
+    QTest::newRow("escapes") << QByteArray(
+        R"({"profile" : {"info_cache":{"D\u0065fault":{"name":"A \"quoted\" \u00fc\/"}}}})")
+                             << true;
     QTest::newRow("escaped key is still the key")
         << QByteArray(R"({"pro\u0066ile":{"info_cache":{"Default":{"name":"Me"}}}})") << true;
-    QTest::newRow("numbers") << QByteArray(R"({"a":[-0,1.5e+3,2E-2,0.0],"profile":{"info_cache":{}}})") << true;
+    QTest::newRow("numbers") << QByteArray(
+        R"({"a":[-0,1.5e+3,2E-2,0.0],"profile":{"info_cache":{}}})")
+                             << true;
     QTest::newRow("leading zero") << QByteArray(R"({"a":01})") << false;
     QTest::newRow("bare minus") << QByteArray(R"({"a":-})") << false;
     QTest::newRow("trailing comma") << QByteArray(R"({"a":1,})") << false;
-    QTest::newRow("text after the document") << QByteArray(R"({"profile":{"info_cache":{}}} x)") << false;
+    QTest::newRow("text after the document")
+        << QByteArray(R"({"profile":{"info_cache":{}}} x)") << false;
     // Qt's parser lets these two through; JSON does not.
     QTest::newRow("control character in a string") << QByteArray("{\"a\":\"x\ty\"}") << false;
     QTest::newRow("bad escape") << QByteArray(R"({"a":"\x"})") << false;
     QTest::newRow("short unicode escape") << QByteArray(R"({"a":"\u12"})") << false;
-    QTest::newRow("unterminated") << QByteArray(R"({"profile":{"info_cache":{"Default":{"name":"x)") << false;
+    QTest::newRow("unterminated") << QByteArray(R"({"profile":{"info_cache":{"Default":{"name":"x)")
+                                  << false;
     QTest::newRow("literal typo") << QByteArray(R"({"a":tru})") << false;
-    QTest::newRow("deep nesting") << QByteArray(QByteArray(5000, '[') + QByteArray(5000, ']')) << false;
+    QTest::newRow("deep nesting") << QByteArray(QByteArray(5000, '[') + QByteArray(5000, ']'))
+                                  << false;
     QTest::newRow("empty") << QByteArray() << false;
 }
 
@@ -142,7 +149,8 @@ void TestProfiles::localStateReaderAgreesWithQtJson()
         return;
     // The profiles found are those a full JSON parser sees.
     const QJsonDocument document = QJsonDocument::fromJson(json);
-    const QJsonObject cache = document.object().value(u"profile"_s).toObject().value(u"info_cache"_s).toObject();
+    const QJsonObject cache =
+        document.object().value(u"profile"_s).toObject().value(u"info_cache"_s).toObject();
     QCOMPARE(read->size(), cache.size());
     for (const LocalStateReader::Entry &entry : *read)
         QCOMPARE(entry.name, cache.value(entry.directory).toObject().value(u"name"_s).toString());

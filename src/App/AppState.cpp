@@ -26,9 +26,9 @@ AppState *g_shared = nullptr;
 // The browsers tried, in order, when no fallback browser is stored yet.
 const QStringList &preferredFallbacks()
 {
-    static const QStringList ids{u"firefox"_s,      u"firefox-esr"_s, u"org.mozilla.firefox"_s,
-                                 u"google-chrome"_s, u"com.google.Chrome"_s, u"chromium"_s,
-                                 u"org.chromium.Chromium"_s};
+    static const QStringList ids{
+        u"firefox"_s,           u"firefox-esr"_s, u"org.mozilla.firefox"_s,  u"google-chrome"_s,
+        u"com.google.Chrome"_s, u"chromium"_s,    u"org.chromium.Chromium"_s};
     return ids;
 }
 
@@ -48,7 +48,8 @@ AppState::AppState(RuleStore &store, AppServices services, QObject *parent)
 {
     m_launchAtLogin = LaunchAtLoginManager::isEnabled(m_services.autostart);
     m_urlCleaningEnabled = URLCleaner::isEnabled(m_store.settings());
-    m_urlExpansionEnabled = SettingsKeys::read(m_store.settings(), SettingsKeys::UrlExpansionEnabled);
+    m_urlExpansionEnabled =
+        SettingsKeys::read(m_store.settings(), SettingsKeys::UrlExpansionEnabled);
 
     m_rules = m_store.loadRules();
     m_defaultBrowserBundleID = m_store.loadDefaultBrowserBundleID();
@@ -61,20 +62,22 @@ AppState::AppState(RuleStore &store, AppServices services, QObject *parent)
 
     if (DiagnosticLog::isEnabled()) {
         QStringList lines{u"AppState init — %1 rule(s), %2 browser(s), fallback=%3"_s.arg(
-            QString::number(m_rules.size()), QString::number(m_browsers.size()), m_defaultBrowserBundleID)};
+            QString::number(m_rules.size()), QString::number(m_browsers.size()),
+            m_defaultBrowserBundleID)};
         for (qsizetype i = 0; i < m_rules.size(); ++i) {
             const RoutingRule &rule = m_rules[i];
-            lines.append(u"  rule[%1]: %2 (%3) → %4 (%5)"_s.arg(QString::number(i), rule.sourceAppName,
-                                                                  rule.sourceAppBundleID, rule.targetBrowserName,
-                                                                  rule.targetBrowserBundleID));
+            lines.append(u"  rule[%1]: %2 (%3) → %4 (%5)"_s.arg(
+                QString::number(i), rule.sourceAppName, rule.sourceAppBundleID,
+                rule.targetBrowserName, rule.targetBrowserBundleID));
         }
         for (const BrowserInfo &browser : std::as_const(m_browsers))
             lines.append(u"  browser: %1 (%2)"_s.arg(browser.name, browser.bundleID));
         DiagnosticLog::writeLines(u"AppState", lines);
     }
-    qCInfo(lcAppState).noquote() << u"AppState initialized with %1 rule(s), %2 browser(s), default: %3"_s.arg(
-        QString::number(m_rules.size()), QString::number(m_browsers.size()),
-        SystemLog::priv(m_defaultBrowserBundleID));
+    qCInfo(lcAppState).noquote()
+        << u"AppState initialized with %1 rule(s), %2 browser(s), default: %3"_s.arg(
+               QString::number(m_rules.size()), QString::number(m_browsers.size()),
+               SystemLog::priv(m_defaultBrowserBundleID));
 }
 
 AppState::~AppState()
@@ -130,9 +133,10 @@ QList<RoutingRule> AppState::appRules() const
 QList<RoutingRule> AppState::urlRules() const
 {
     QList<RoutingRule> result;
-    std::copy_if(m_rules.cbegin(), m_rules.cend(), std::back_inserter(result), [](const RoutingRule &rule) {
-        return rule.sourceAppBundleID.isEmpty() && rule.urlPattern.has_value();
-    });
+    std::copy_if(m_rules.cbegin(), m_rules.cend(), std::back_inserter(result),
+                 [](const RoutingRule &rule) {
+                     return rule.sourceAppBundleID.isEmpty() && rule.urlPattern.has_value();
+                 });
     return result;
 }
 
@@ -141,12 +145,13 @@ QList<RoutingRule> AppState::sortedAppRules() const
     QList<RoutingRule> rules = appRules();
     const QCollator collator = caseInsensitiveCollator();
     // An app's catch-all rule comes before its rules with a pattern.
-    std::stable_sort(rules.begin(), rules.end(), [&collator](const RoutingRule &a, const RoutingRule &b) {
-        const int order = collator.compare(a.sourceAppName, b.sourceAppName);
-        if (order != 0)
-            return order < 0;
-        return !a.urlPattern && b.urlPattern;
-    });
+    std::stable_sort(rules.begin(), rules.end(),
+                     [&collator](const RoutingRule &a, const RoutingRule &b) {
+                         const int order = collator.compare(a.sourceAppName, b.sourceAppName);
+                         if (order != 0)
+                             return order < 0;
+                         return !a.urlPattern && b.urlPattern;
+                     });
     return rules;
 }
 
@@ -155,14 +160,15 @@ QList<RoutingRule> AppState::sortedUrlRules() const
     QList<RoutingRule> rules = urlRules();
     const QCollator collator = caseInsensitiveCollator();
     // One site's rules together, the more specific first.
-    std::stable_sort(rules.begin(), rules.end(), [&collator](const RoutingRule &a, const RoutingRule &b) {
-        const QString rootA = rootDomain(a.urlPattern.value_or(QString()));
-        const QString rootB = rootDomain(b.urlPattern.value_or(QString()));
-        if (rootA != rootB)
-            return collator.compare(rootA, rootB) < 0;
-        return URLRouter::domainSpecificity(a.urlPattern.value_or(QString()))
-               > URLRouter::domainSpecificity(b.urlPattern.value_or(QString()));
-    });
+    std::stable_sort(rules.begin(), rules.end(),
+                     [&collator](const RoutingRule &a, const RoutingRule &b) {
+                         const QString rootA = rootDomain(a.urlPattern.value_or(QString()));
+                         const QString rootB = rootDomain(b.urlPattern.value_or(QString()));
+                         if (rootA != rootB)
+                             return collator.compare(rootA, rootB) < 0;
+                         return URLRouter::domainSpecificity(a.urlPattern.value_or(QString()))
+                                > URLRouter::domainSpecificity(b.urlPattern.value_or(QString()));
+                     });
     return rules;
 }
 
@@ -195,8 +201,9 @@ void AppState::addRule(const RoutingRule &rule)
 
 void AppState::updateRule(const RoutingRule &rule)
 {
-    const auto it = std::find_if(m_rules.cbegin(), m_rules.cend(),
-                                 [&rule](const RoutingRule &existing) { return existing.id == rule.id; });
+    const auto it =
+        std::find_if(m_rules.cbegin(), m_rules.cend(),
+                     [&rule](const RoutingRule &existing) { return existing.id == rule.id; });
     if (it == m_rules.cend())
         return;
     QList<RoutingRule> rules = m_rules;
@@ -234,14 +241,16 @@ void AppState::toggleURLCleaning()
 {
     m_store.settings().setValue(SettingsKeys::UrlCleaningEnabled.name, !m_urlCleaningEnabled);
     UserSettings::commit(m_store.settings());
-    setFlag(&AppState::m_urlCleaningEnabled, !m_urlCleaningEnabled, &AppState::urlCleaningEnabledChanged);
+    setFlag(&AppState::m_urlCleaningEnabled, !m_urlCleaningEnabled,
+            &AppState::urlCleaningEnabledChanged);
 }
 
 void AppState::toggleURLExpansion()
 {
     m_store.settings().setValue(SettingsKeys::UrlExpansionEnabled.name, !m_urlExpansionEnabled);
     UserSettings::commit(m_store.settings());
-    setFlag(&AppState::m_urlExpansionEnabled, !m_urlExpansionEnabled, &AppState::urlExpansionEnabledChanged);
+    setFlag(&AppState::m_urlExpansionEnabled, !m_urlExpansionEnabled,
+            &AppState::urlExpansionEnabledChanged);
 }
 
 void AppState::toggleLaunchAtLogin()
@@ -250,7 +259,8 @@ void AppState::toggleLaunchAtLogin()
                                            ? LaunchAtLoginManager::disable(m_services.autostart)
                                            : LaunchAtLoginManager::enable(m_services.autostart);
     if (failure) {
-        qCCritical(lcAppState).noquote() << u"Failed to toggle launch at login: %1"_s.arg(SystemLog::priv(*failure));
+        qCCritical(lcAppState).noquote()
+            << u"Failed to toggle launch at login: %1"_s.arg(SystemLog::priv(*failure));
         return;
     }
     setFlag(&AppState::m_launchAtLogin, LaunchAtLoginManager::isEnabled(m_services.autostart),
@@ -272,7 +282,8 @@ bool AppState::checkIsDefaultBrowser() const
 
 void AppState::refreshDefaultBrowserStatus()
 {
-    setFlag(&AppState::m_isSystemDefaultBrowser, checkIsDefaultBrowser(), &AppState::isSystemDefaultBrowserChanged);
+    setFlag(&AppState::m_isSystemDefaultBrowser, checkIsDefaultBrowser(),
+            &AppState::isSystemDefaultBrowserChanged);
 }
 
 void AppState::applyImportedConfig(const ConfigManager::ExportData &config)
@@ -282,10 +293,13 @@ void AppState::applyImportedConfig(const ConfigManager::ExportData &config)
         setDefaultBrowser(*config.defaultBrowserBundleID);
     m_store.settings().setValue(SettingsKeys::UrlCleaningEnabled.name, config.urlCleaningEnabled);
     UserSettings::commit(m_store.settings());
-    setFlag(&AppState::m_urlCleaningEnabled, config.urlCleaningEnabled, &AppState::urlCleaningEnabledChanged);
-    qCInfo(lcAppState).noquote() << u"Applied imported config: %1 rule(s), default=%2, urlCleaning=%3"_s.arg(
-        QString::number(config.rules.size()), SystemLog::priv(config.defaultBrowserBundleID.value_or(u"nil"_s)),
-        config.urlCleaningEnabled ? u"true"_s : u"false"_s);
+    setFlag(&AppState::m_urlCleaningEnabled, config.urlCleaningEnabled,
+            &AppState::urlCleaningEnabledChanged);
+    qCInfo(lcAppState).noquote()
+        << u"Applied imported config: %1 rule(s), default=%2, urlCleaning=%3"_s.arg(
+               QString::number(config.rules.size()),
+               SystemLog::priv(config.defaultBrowserBundleID.value_or(u"nil"_s)),
+               config.urlCleaningEnabled ? u"true"_s : u"false"_s);
 }
 
 void AppState::setLastRouteLog(const QString &text)
@@ -294,7 +308,8 @@ void AppState::setLastRouteLog(const QString &text)
     Q_EMIT lastRouteLogChanged();
 }
 
-void AppState::routeURL(const Link &url, const std::optional<SourceApp> &source, const QString &activationToken)
+void AppState::routeURL(const Link &url, const std::optional<SourceApp> &source,
+                        const QString &activationToken)
 {
     RouteTask::start(*this, url, source, activationToken);
 }

@@ -21,9 +21,11 @@ class AppState final : public QObject
     Q_OBJECT
     Q_PROPERTY(QList<RoutingRule> rules READ rules NOTIFY rulesChanged)
     Q_PROPERTY(QList<BrowserInfo> browsers READ browsers NOTIFY browsersChanged)
-    Q_PROPERTY(QString defaultBrowserBundleID READ defaultBrowserBundleID NOTIFY defaultBrowserBundleIDChanged)
+    Q_PROPERTY(QString defaultBrowserBundleID READ defaultBrowserBundleID NOTIFY
+                   defaultBrowserBundleIDChanged)
     Q_PROPERTY(qint64 todayForwardCount READ todayForwardCount NOTIFY todayForwardCountChanged)
-    Q_PROPERTY(bool isSystemDefaultBrowser READ isSystemDefaultBrowser NOTIFY isSystemDefaultBrowserChanged)
+    Q_PROPERTY(bool isSystemDefaultBrowser READ isSystemDefaultBrowser NOTIFY
+                   isSystemDefaultBrowserChanged)
     Q_PROPERTY(QString lastRouteLog READ lastRouteLog NOTIFY lastRouteLogChanged)
     Q_PROPERTY(bool launchAtLogin READ launchAtLogin NOTIFY launchAtLoginChanged)
     Q_PROPERTY(bool urlCleaningEnabled READ urlCleaningEnabled NOTIFY urlCleaningEnabledChanged)
@@ -76,7 +78,8 @@ public:
     // Routes one link from its source application. Returns once the link is
     // counted; opening and recording finish later on the main thread. The
     // activation token, when the link came with one, goes to the browser.
-    void routeURL(const Link &url, const std::optional<SourceApp> &source, const QString &activationToken = {});
+    void routeURL(const Link &url, const std::optional<SourceApp> &source,
+                  const QString &activationToken = {});
 
 Q_SIGNALS:
     void rulesChanged();

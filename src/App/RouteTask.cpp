@@ -42,8 +42,7 @@ RouteTask::RouteTask(AppState &state, const Link &incoming, const Link &working,
     , m_working(working)
     , m_source(source)
     , m_activationToken(activationToken)
-{
-}
+{}
 
 void RouteTask::start(AppState &state, const Link &url, const std::optional<SourceApp> &source,
                       const QString &activationToken)
@@ -51,8 +50,8 @@ void RouteTask::start(AppState &state, const Link &url, const std::optional<Sour
     const QString name = source ? source->name : u"unknown"_s;
     const QString id = source ? source->bundleID : u"nil"_s;
     debugLog(u"routeURL() — url=%1, source=%2 (%3), rules=%4, fallback=%5, rulesEnabled=%6"_s.arg(
-        url.toString(), name, id, QString::number(state.rules().size()), state.defaultBrowserBundleID(),
-        boolText(state.rulesEnabled())));
+        url.toString(), name, id, QString::number(state.rules().size()),
+        state.defaultBrowserBundleID(), boolText(state.rulesEnabled())));
 
     const Link working = state.urlCleaningEnabled() ? URLCleaner::clean(url) : url;
     if (!(working == url))
@@ -72,7 +71,8 @@ void RouteTask::start(AppState &state, const Link &url, const std::optional<Sour
             Qt::QueuedConnection);
         return;
     }
-    QMetaObject::invokeMethod(task, [task] { task->runRouting(); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        task, [task] { task->runRouting(); }, Qt::QueuedConnection);
 }
 
 QString RouteTask::sourceName() const
@@ -96,19 +96,21 @@ QString RouteTask::browserName(const QString &bundleID) const
 
 void RouteTask::runPaused(const QString &fallbackID, const QString &fallbackName)
 {
-    const BrowserLauncher::Platform platform{m_state.services().entries, m_state.services().processes};
+    const BrowserLauncher::Platform platform{m_state.services().entries,
+                                             m_state.services().processes};
     BrowserLauncher::open(m_working, fallbackID, m_state.browsers(), platform, m_activationToken)
         .then(this, [this, fallbackID, fallbackName](const BrowserLauncher::Outcome &outcome) {
             if (outcome) {
                 const QString error = outcome->description();
                 failed(u"FAILED: "_s + error, u"routeURL() — FAILED (rules paused): "_s + error,
-                       u"Failed to open URL (rules paused) in %1: %2"_s.arg(SystemLog::priv(fallbackName),
-                                                                            SystemLog::priv(error)));
+                       u"Failed to open URL (rules paused) in %1: %2"_s.arg(
+                           SystemLog::priv(fallbackName), SystemLog::priv(error)));
                 return;
             }
             debugLog(u"routeURL() — SUCCESS (rules paused) opened in "_s + fallbackName);
             qCInfo(lcRoute).noquote() << u"Rules paused: %1 → %2 (from: %3)"_s.arg(
-                SystemLog::priv(m_working.toString()), SystemLog::priv(fallbackName), SystemLog::priv(sourceName()));
+                SystemLog::priv(m_working.toString()), SystemLog::priv(fallbackName),
+                SystemLog::priv(sourceName()));
             opened(fallbackID, fallbackName, u"⏸ Rules paused"_s);
         });
 }
@@ -134,7 +136,8 @@ void RouteTask::route()
     const std::optional<RouteResult> result =
         URLRouter::route(m_working, m_source, m_state.rules(), m_state.defaultBrowserBundleID());
     if (!result) {
-        failed(u"No route: %1 from %2"_s.arg(hostOrText(m_working), sourceName()), u"routeURL() — NO ROUTE found"_s,
+        failed(u"No route: %1 from %2"_s.arg(hostOrText(m_working), sourceName()),
+               u"routeURL() — NO ROUTE found"_s,
                u"No route found for %1 from %2"_s.arg(SystemLog::priv(m_working.toString()),
                                                       SystemLog::priv(sourceID())));
         return;
@@ -153,58 +156,71 @@ void RouteTask::route()
         }
     }
     const QString profilePart = result->profileID ? u" [%1]"_s.arg(*result->profileID) : QString();
-    m_state.setLastRouteLog(u"%1 → %2%3: %4"_s.arg(sourceName(), targetName, profilePart, hostOrText(m_working)));
-    debugLog(u"routeURL() — target=%1 (%2) profile=%3"_s.arg(result->browserBundleID, targetName,
-                                                             result->profileID.value_or(u"default"_s)));
+    m_state.setLastRouteLog(
+        u"%1 → %2%3: %4"_s.arg(sourceName(), targetName, profilePart, hostOrText(m_working)));
+    debugLog(u"routeURL() — target=%1 (%2) profile=%3"_s.arg(
+        result->browserBundleID, targetName, result->profileID.value_or(u"default"_s)));
 
     const QList<BrowserInfo> &browsers = m_state.browsers();
-    const auto browser = std::find_if(browsers.cbegin(), browsers.cend(), [&result](const BrowserInfo &info) {
-        return info.bundleID == result->browserBundleID;
-    });
+    const auto browser =
+        std::find_if(browsers.cbegin(), browsers.cend(), [&result](const BrowserInfo &info) {
+            return info.bundleID == result->browserBundleID;
+        });
     if (!result->profileID || browser == browsers.cend()) {
-        launchPlain(result->browserBundleID, targetName, credited, u"routeURL() — SUCCESS opened in "_s + targetName);
+        launchPlain(result->browserBundleID, targetName, credited,
+                    u"routeURL() — SUCCESS opened in "_s + targetName);
         return;
     }
 
     const QString profileID = *result->profileID;
     const QString browserID = result->browserBundleID;
-    const ProfileLauncher::Platform platform{m_state.services().entries, m_state.services().processes};
+    const ProfileLauncher::Platform platform{m_state.services().entries,
+                                             m_state.services().processes};
     ProfileLauncher::open(m_working, *browser, profileID, platform, m_activationToken)
-        .then(this, [this, browserID, targetName, credited, profileID](const ProfileLauncher::Outcome &outcome) {
+        .then(this, [this, browserID, targetName, credited,
+                     profileID](const ProfileLauncher::Outcome &outcome) {
             if (!outcome) {
-                debugLog(u"routeURL() — SUCCESS opened in %1 profile %2"_s.arg(targetName, profileID));
+                debugLog(
+                    u"routeURL() — SUCCESS opened in %1 profile %2"_s.arg(targetName, profileID));
                 qCInfo(lcRoute).noquote() << u"Routed %1 → %2 (from: %3)"_s.arg(
                     SystemLog::priv(m_working.toString()), SystemLog::priv(targetName),
                     SystemLog::priv(sourceName()));
                 opened(browserID, targetName, credited);
                 return;
             }
-            debugLog(u"routeURL() — ProfileLauncher failed: %1, falling back to BrowserLauncher"_s.arg(
-                outcome->description()));
-            launchPlain(browserID, targetName, credited, u"routeURL() — SUCCESS opened in %1 (fallback)"_s.arg(targetName));
+            debugLog(
+                u"routeURL() — ProfileLauncher failed: %1, falling back to BrowserLauncher"_s.arg(
+                    outcome->description()));
+            launchPlain(browserID, targetName, credited,
+                        u"routeURL() — SUCCESS opened in %1 (fallback)"_s.arg(targetName));
         });
 }
 
 void RouteTask::launchPlain(const QString &browserID, const QString &targetName,
                             const std::optional<QString> &credited, const QString &successLine)
 {
-    const BrowserLauncher::Platform platform{m_state.services().entries, m_state.services().processes};
+    const BrowserLauncher::Platform platform{m_state.services().entries,
+                                             m_state.services().processes};
     BrowserLauncher::open(m_working, browserID, m_state.browsers(), platform, m_activationToken)
-        .then(this, [this, browserID, targetName, credited, successLine](const BrowserLauncher::Outcome &outcome) {
+        .then(this, [this, browserID, targetName, credited,
+                     successLine](const BrowserLauncher::Outcome &outcome) {
             if (outcome) {
                 const QString error = outcome->description();
                 failed(u"FAILED: "_s + error, u"routeURL() — FAILED: "_s + error,
-                       u"Failed to open URL in %1: %2"_s.arg(SystemLog::priv(targetName), SystemLog::priv(error)));
+                       u"Failed to open URL in %1: %2"_s.arg(SystemLog::priv(targetName),
+                                                             SystemLog::priv(error)));
                 return;
             }
             debugLog(successLine);
             qCInfo(lcRoute).noquote() << u"Routed %1 → %2 (from: %3)"_s.arg(
-                SystemLog::priv(m_working.toString()), SystemLog::priv(targetName), SystemLog::priv(sourceName()));
+                SystemLog::priv(m_working.toString()), SystemLog::priv(targetName),
+                SystemLog::priv(sourceName()));
             opened(browserID, targetName, credited);
         });
 }
 
-void RouteTask::opened(const QString &browserID, const QString &browserName, const std::optional<QString> &ruleMatched)
+void RouteTask::opened(const QString &browserID, const QString &browserName,
+                       const std::optional<QString> &ruleMatched)
 {
     ForwardingRecord record;
     record.id = QUuid::createUuid();
@@ -221,7 +237,8 @@ void RouteTask::opened(const QString &browserID, const QString &browserName, con
     finish();
 }
 
-void RouteTask::failed(const QString &statusText, const QString &diagnosticLine, const QString &logLine)
+void RouteTask::failed(const QString &statusText, const QString &diagnosticLine,
+                       const QString &logLine)
 {
     m_state.setLastRouteLog(statusText);
     debugLog(diagnosticLine);

@@ -20,15 +20,16 @@ public:
                       const QString &activationToken);
 
 private:
-    RouteTask(AppState &state, const Link &incoming, const Link &working, const std::optional<SourceApp> &source,
-              const QString &activationToken);
+    RouteTask(AppState &state, const Link &incoming, const Link &working,
+              const std::optional<SourceApp> &source, const QString &activationToken);
 
     void runPaused(const QString &fallbackID, const QString &fallbackName);
     void runRouting();
     void route();
-    void launchPlain(const QString &browserID, const QString &targetName, const std::optional<QString> &credited,
-                     const QString &successLine);
-    void opened(const QString &browserID, const QString &browserName, const std::optional<QString> &ruleMatched);
+    void launchPlain(const QString &browserID, const QString &targetName,
+                     const std::optional<QString> &credited, const QString &successLine);
+    void opened(const QString &browserID, const QString &browserName,
+                const std::optional<QString> &ruleMatched);
     void failed(const QString &statusText, const QString &diagnosticLine, const QString &logLine);
     void finish();
 

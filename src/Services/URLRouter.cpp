@@ -187,6 +187,23 @@ struct Plan
     QList<RoutingRule> rules;
     QList<qsizetype> appRules;
     QList<Candidate> urlRules;
+    // The trail's line for each rule, made when first needed.
+    QStringList ruleLines;
+
+    const QStringList &trailLines()
+    {
+        if (ruleLines.size() != rules.size()) {
+            ruleLines.clear();
+            ruleLines.reserve(rules.size());
+            for (qsizetype i = 0; i < rules.size(); ++i) {
+                const RoutingRule &rule = rules[i];
+                ruleLines.append(u"  rule[%1]: src=%2 pattern=%3 → %4"_s.arg(
+                    QString::number(i), rule.sourceAppBundleID, orNil(rule.urlPattern),
+                    rule.targetBrowserBundleID));
+            }
+        }
+        return ruleLines;
+    }
 
     explicit Plan(const QList<RoutingRule> &list)
         : rules(list)
@@ -224,7 +241,7 @@ struct Plan
 // over the same list until the user changes a rule; the plan keeps a shallow
 // copy of that list, so a list that is the same object is unchanged (a change
 // would have detached it from the copy).
-const Plan &planFor(const QList<RoutingRule> &rules)
+Plan &planFor(const QList<RoutingRule> &rules)
 {
     thread_local std::optional<Plan> last;
     if (!last || last->rules.constData() != rules.constData() || last->rules.size() != rules.size()
@@ -238,24 +255,17 @@ const Plan &planFor(const QList<RoutingRule> &rules)
 Decision decide(const Link &url, const std::optional<SourceApp> &source,
                 const QList<RoutingRule> &rules, const QString &defaultBrowserBundleID)
 {
+    Plan &plan = planFor(rules);
     const bool trail = DiagnosticLog::isEnabled();
     if (trail) {
-        QStringList lines;
-        lines.reserve(rules.size() + 1);
-        lines.append(u"route() called — url=%1, source=%2, rules=%3, fallback=%4"_s.arg(
+        QStringList lines{u"route() called — url=%1, source=%2, rules=%3, fallback=%4"_s.arg(
             url.toString(), source ? source->bundleID : u"nil"_s, QString::number(rules.size()),
-            defaultBrowserBundleID));
-        for (qsizetype i = 0; i < rules.size(); ++i) {
-            const RoutingRule &rule = rules[i];
-            lines.append(u"  rule[%1]: src=%2 pattern=%3 → %4"_s.arg(
-                QString::number(i), rule.sourceAppBundleID, orNil(rule.urlPattern),
-                rule.targetBrowserBundleID));
-        }
+            defaultBrowserBundleID)};
+        lines += plan.trailLines();
         DiagnosticLog::writeLines(u"URLRouter", lines);
     }
 
     const Subject subject(url);
-    const Plan &plan = planFor(rules);
 
     if (source) {
         std::optional<qsizetype> sourceOnly;

@@ -1,0 +1,322 @@
+#include "App/AppState.h"
+#include "FakeDesktop.h"
+#include "Platform/DiagnosticLog.h"
+#include "Services/BrowserDiscovery.h"
+#include "Storage/HistoryStore.h"
+#include "Storage/UserSettings.h"
+#include "TestSupport.h"
+
+#include <QPromise>
+#include <QRegularExpression>
+#include <QSignalSpy>
+#include <QTest>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+
+const SourceApp Mail{u"com.example.mail"_s, u"Mail"_s};
+
+// The diagnostic file's lines of one tag, without their times.
+QStringList trail(const QString &path, QStringView tag)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    QStringList lines;
+    static const QRegularExpression prefix(u"^\\[[^\\]]+Z\\] (\\[[A-Za-z]+\\] )?"_s);
+    for (const QString &line : QString::fromUtf8(file.readAll()).split(u'\n', Qt::SkipEmptyParts)) {
+        const auto match = prefix.match(line);
+        if (match.hasMatch() && match.captured(1) == u'[' + tag + u"] ")
+            lines.append(line.sliced(match.capturedLength()));
+    }
+    return lines;
+}
+
+} // namespace
+
+class TestPipeline final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void init();
+    void cleanup();
+    void workedTrace();
+    void pausedPath();
+    void pausedWithoutFallback();
+    void noRoute();
+    void missingBrowsers();
+    void profileLaunchFailsAndFallsBack();
+    void expansionChangesTheLink();
+    void manyLinksInFlightWhileRulesChange();
+
+private:
+    void makeState(ProcessLauncher &launcher);
+    bool waitForRoutes(int count);
+    QList<ForwardingRecord> history() const
+    {
+        return HistoryStore::loadHistory(*UserSettings::open(m_settingsPath));
+    }
+
+    std::unique_ptr<FakeDesktop> m_desktop;
+    QString m_settingsPath;
+    std::unique_ptr<QSettings> m_settings;
+    std::unique_ptr<RuleStore> m_store;
+    std::unique_ptr<XdgAutostart> m_autostart;
+    std::unique_ptr<AppState> m_state;
+    std::unique_ptr<QSignalSpy> m_finished;
+    std::function<bool(const Link &)> m_isShortLink;
+    std::function<QFuture<Link>(const Link &)> m_expand;
+};
+
+void TestPipeline::initTestCase()
+{
+    m_desktop = std::make_unique<FakeDesktop>();
+    m_desktop->addBrowser(u"google-chrome"_s, u"Google Chrome"_s);
+    m_desktop->addBrowser(u"firefox-esr"_s, u"Firefox ESR"_s);
+    m_desktop->addBrowser(u"epiphany"_s, u"Web"_s);
+    m_autostart = std::make_unique<XdgAutostart>(u"quillvane"_s);
+}
+
+void TestPipeline::init()
+{
+    QFile::remove(DiagnosticLog::filePath());
+    m_settingsPath = m_desktop->root()
+                     + u"/settings-%1.conf"_s.arg(QLatin1StringView(QTest::currentTestFunction()));
+    QFile::remove(m_settingsPath);
+    m_settings = UserSettings::open(m_settingsPath);
+    m_store = std::make_unique<RuleStore>(*m_settings);
+    m_isShortLink = &URLExpander::isShortLink;
+    m_expand = &URLExpander::expand;
+    for (const QString &program : {u"google-chrome"_s, u"firefox-esr"_s, u"epiphany"_s})
+        m_desktop->forget(program);
+}
+
+void TestPipeline::cleanup()
+{
+    m_finished.reset();
+    m_state.reset();
+    m_store.reset();
+    m_settings.reset();
+}
+
+void TestPipeline::makeState(ProcessLauncher &launcher)
+{
+    BrowserDiscovery::refreshBrowsers(GioDesktopEntries::instance());
+    AppServices services{GioDesktopEntries::instance(), launcher, *m_autostart};
+    services.isShortLink = [this](const Link &url) { return m_isShortLink(url); };
+    services.expand = [this](const Link &url) { return m_expand(url); };
+    m_state = std::make_unique<AppState>(*m_store, services);
+    m_finished = std::make_unique<QSignalSpy>(m_state.get(), &AppState::routeFinished);
+}
+
+bool TestPipeline::waitForRoutes(int count)
+{
+    return QTest::qWaitFor([&] { return m_finished->size() >= count; }, 10000)
+           && m_finished->size() == count;
+}
+
+void TestPipeline::workedTrace()
+{
+    m_store->saveRules(
+        {makeRule(QString(), u"docs.example.com"_s, u"google-chrome"_s, u"Profile 1"_s)});
+    m_store->saveDefaultBrowserBundleID(u"firefox-esr"_s);
+    m_settings->setValue(u"url_expansion_enabled"_s, true);
+    m_settings->setValue(u"today_forward_count"_s, 4);
+    m_settings->setValue(u"today_date"_s, RuleStore::dayString(QDateTime::currentDateTime()));
+    makeState(GioProcessLauncher::instance());
+    QSignalSpy status(m_state.get(), &AppState::lastRouteLogChanged);
+
+    const Link link = *Link::parse(u"https://docs.example.com/guide?utm_source=news"_s);
+    m_state->routeURL(link, Mail, u"token"_s);
+    // Counted before the call returns; nothing opened yet.
+    QCOMPARE(m_state->todayForwardCount(), 5);
+    QCOMPARE(m_settings->value(u"today_forward_count"_s).toInt(), 5);
+    QVERIFY(m_state->lastRouteLog().isEmpty());
+
+    QVERIFY(waitForRoutes(1));
+    QCOMPARE(m_state->lastRouteLog(), u"Mail → Google Chrome [Profile 1]: docs.example.com"_s);
+    QCOMPARE(status.size(), 1);
+    QVERIFY(m_desktop->waitForRun(u"google-chrome"_s));
+    QCOMPARE(trail(DiagnosticLog::filePath(), u"AppState").first(),
+             u"AppState init — 1 rule(s), 3 browser(s), fallback=firefox-esr"_s);
+    QCOMPARE(
+        m_desktop->arguments(u"google-chrome"_s),
+        (QStringList{u"--profile-directory=Profile 1"_s, u"https://docs.example.com/guide"_s}));
+    QCOMPARE(m_desktop->activationToken(u"google-chrome"_s), u"token"_s);
+
+    QCOMPARE(
+        trail(DiagnosticLog::filePath(), u"AppState").filter(QRegularExpression(u"^routeURL"_s)),
+        (QStringList{
+            u"routeURL() — url=https://docs.example.com/guide?utm_source=news, source=Mail (com.example.mail), rules=1, fallback=firefox-esr, rulesEnabled=true"_s,
+            u"routeURL() — cleaned URL: https://docs.example.com/guide"_s,
+            u"routeURL() — target=google-chrome (Google Chrome) profile=Profile 1"_s,
+            u"routeURL() — SUCCESS opened in Google Chrome profile Profile 1"_s}));
+
+    const QList<ForwardingRecord> records = history();
+    QCOMPARE(records.size(), 1);
+    QCOMPARE(records[0].originalURL, link.toString());
+    QCOMPARE(records[0].sourceAppBundleID, u"com.example.mail"_s);
+    QCOMPARE(records[0].sourceAppName, u"Mail"_s);
+    QCOMPARE(records[0].targetBrowserBundleID, u"google-chrome"_s);
+    QCOMPARE(records[0].targetBrowserName, u"Google Chrome"_s);
+    QCOMPARE(records[0].ruleMatched, std::nullopt);
+}
+
+void TestPipeline::pausedPath()
+{
+    m_store->saveRules({makeRule(u"com.example.mail"_s, std::nullopt, u"google-chrome"_s)});
+    m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
+    m_store->saveRulesEnabled(false);
+    m_settings->setValue(u"url_expansion_enabled"_s, true);
+    makeState(GioProcessLauncher::instance());
+    m_isShortLink = [](const Link &) { return true; };
+    m_expand = [](const Link &) -> QFuture<Link> { qFatal("a paused route must not expand"); };
+
+    m_state->routeURL(*Link::parse(u"https://bit.ly/abc?fbclid=1"_s), Mail);
+    QCOMPARE(m_state->lastRouteLog(), u"⏸ Mail → Web: bit.ly"_s);
+    QVERIFY(waitForRoutes(1));
+    QVERIFY(m_desktop->waitForRun(u"epiphany"_s));
+    QCOMPARE(m_desktop->arguments(u"epiphany"_s), QStringList{u"https://bit.ly/abc"_s});
+    QVERIFY(!m_desktop->ran(u"google-chrome"_s));
+    QCOMPARE(history().first().ruleMatched, u"⏸ Rules paused"_s);
+    QVERIFY(trail(DiagnosticLog::filePath(), u"AppState")
+                .contains(u"routeURL() — SUCCESS (rules paused) opened in Web"_s));
+}
+
+void TestPipeline::pausedWithoutFallback()
+{
+    m_store->saveRulesEnabled(false);
+    m_store->saveDefaultBrowserBundleID(QString());
+    makeState(GioProcessLauncher::instance());
+    m_state->setDefaultBrowser(QString());
+    m_state->routeURL(*Link::parse(u"https://e.com/"_s), std::nullopt);
+    QVERIFY(waitForRoutes(1));
+    QCOMPARE(m_state->lastRouteLog(), u"FAILED: No browser found with bundle ID: "_s);
+    QCOMPARE(m_state->todayForwardCount(), 1);
+    QVERIFY(history().isEmpty());
+}
+
+void TestPipeline::noRoute()
+{
+    makeState(GioProcessLauncher::instance());
+    m_state->setDefaultBrowser(QString());
+    QTest::ignoreMessage(QtCriticalMsg, "No route found for <private> from <private>");
+    m_state->routeURL(*Link::parse(u"https://e.com/x"_s), std::nullopt);
+    QVERIFY(waitForRoutes(1));
+    QCOMPARE(m_state->lastRouteLog(), u"No route: e.com from unknown"_s);
+    QCOMPARE(trail(DiagnosticLog::filePath(), u"AppState").last(),
+             u"routeURL() — NO ROUTE found"_s);
+    QVERIFY(history().isEmpty());
+}
+
+void TestPipeline::missingBrowsers()
+{
+    // A rule for a browser that is not installed, and a profile rule for one
+    // that was uninstalled: the profile is dropped, the plain launch fails.
+    m_store->saveRules(
+        {makeRule(u"com.example.mail"_s, std::nullopt, u"uninstalled"_s),
+         makeRule(QString(), u"work.example"_s, u"microsoft-edge"_s, u"Profile 2"_s)});
+    makeState(GioProcessLauncher::instance());
+    m_state->routeURL(*Link::parse(u"https://e.com/"_s), Mail);
+    QVERIFY(waitForRoutes(1));
+    QCOMPARE(m_state->lastRouteLog(), u"FAILED: No browser found with bundle ID: uninstalled"_s);
+
+    m_state->routeURL(*Link::parse(u"https://work.example/"_s), std::nullopt);
+    QVERIFY(waitForRoutes(2));
+    QCOMPARE(m_state->lastRouteLog(), u"FAILED: No browser found with bundle ID: microsoft-edge"_s);
+    const QStringList lines = trail(DiagnosticLog::filePath(), u"AppState");
+    QVERIFY(
+        lines.contains(u"routeURL() — target=microsoft-edge (microsoft-edge) profile=Profile 2"_s));
+    QCOMPARE(lines.last(),
+             u"routeURL() — FAILED: No browser found with bundle ID: microsoft-edge"_s);
+    QVERIFY(history().isEmpty());
+}
+
+void TestPipeline::profileLaunchFailsAndFallsBack()
+{
+    RecordingLauncher launcher;
+    launcher.failure = u"Permission denied"_s;
+    launcher.failWhenArgumentStartsWith = u"--profile-directory="_s;
+    m_store->saveRules(
+        {makeRule(u"com.example.mail"_s, std::nullopt, u"google-chrome"_s, u"Work"_s)});
+    makeState(launcher);
+    m_state->routeURL(*Link::parse(u"https://e.com/"_s), Mail);
+    QVERIFY(waitForRoutes(1));
+    QCOMPARE(launcher.spawned.size(), 2);
+    QCOMPARE(launcher.spawned.last().mid(1), QStringList{u"https://e.com/"_s});
+    const QStringList lines = trail(DiagnosticLog::filePath(), u"AppState");
+    QVERIFY(lines.contains(
+        u"routeURL() — ProfileLauncher failed: Failed to launch browser with profile: Permission denied, falling back to BrowserLauncher"_s));
+    QCOMPARE(lines.last(), u"routeURL() — SUCCESS opened in Google Chrome (fallback)"_s);
+    QCOMPARE(m_state->lastRouteLog(), u"Mail → Google Chrome [Work]: e.com"_s);
+    QCOMPARE(history().first().ruleMatched, u"com.example.mail → google-chrome"_s);
+}
+
+void TestPipeline::expansionChangesTheLink()
+{
+    TestHttpServer server;
+    server.redirect(u"/short"_s, 301, "https://docs.example.com/article?utm_medium=x");
+    m_store->saveRules({makeRule(QString(), u"docs.example.com"_s, u"firefox-esr"_s)});
+    m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
+    m_settings->setValue(u"url_expansion_enabled"_s, true);
+    makeState(GioProcessLauncher::instance());
+    // The local server stands in for a link shortener.
+    m_isShortLink = [](const Link &url) { return url.host() == u"127.0.0.1"; };
+
+    const Link shortLink = *Link::parse(QString(server.baseUrl() + u"/short?fbclid=2"_s));
+    m_state->routeURL(shortLink, std::nullopt);
+    QVERIFY(waitForRoutes(1));
+    QVERIFY(m_desktop->waitForRun(u"firefox-esr"_s));
+    QCOMPARE(m_desktop->arguments(u"firefox-esr"_s),
+             QStringList{u"https://docs.example.com/article?utm_medium=x"_s});
+    QCOMPARE(m_state->lastRouteLog(), u"unknown → Firefox ESR: docs.example.com"_s);
+    QVERIFY(trail(DiagnosticLog::filePath(), u"AppState")
+                .contains(
+                    u"routeURL() — expanded URL: https://docs.example.com/article?utm_medium=x"_s));
+    QCOMPARE(history().first().originalURL, shortLink.toString());
+    QCOMPARE(history().first().sourceAppBundleID, std::nullopt);
+}
+
+void TestPipeline::manyLinksInFlightWhileRulesChange()
+{
+    RecordingLauncher launcher;
+    m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
+    m_settings->setValue(u"url_expansion_enabled"_s, true);
+    makeState(launcher);
+    QList<std::shared_ptr<QPromise<Link>>> pending;
+    m_isShortLink = [](const Link &url) { return url.host() == u"s.example"; };
+    m_expand = [&pending](const Link &) {
+        auto promise = std::make_shared<QPromise<Link>>();
+        promise->start();
+        pending.append(promise);
+        return promise->future();
+    };
+
+    for (int i = 0; i < 5; ++i)
+        m_state->routeURL(*Link::parse(u"https://s.example/%1"_s.arg(i)), Mail);
+    m_state->routeURL(*Link::parse(u"https://direct.example/"_s), Mail);
+    QCOMPARE(m_state->todayForwardCount(), 6);
+    QTRY_COMPARE(pending.size(), 5);
+    QVERIFY(waitForRoutes(1));
+    QCOMPARE(launcher.spawned.last().last(), u"https://direct.example/"_s);
+
+    // The rules change while five links wait; each reads them when it routes.
+    m_state->addRule(makeRule(u"com.example.mail"_s, std::nullopt, u"firefox-esr"_s));
+    for (int i = 4; i >= 0; --i) {
+        pending[i]->addResult(*Link::parse(u"https://target.example/%1"_s.arg(i)));
+        pending[i]->finish();
+    }
+    QVERIFY(waitForRoutes(6));
+    QCOMPARE(launcher.spawned.size(), 6);
+    QCOMPARE(history().size(), 6);
+    QCOMPARE(history().first().targetBrowserBundleID, u"firefox-esr"_s);
+    QCOMPARE(history().last().targetBrowserBundleID, u"epiphany"_s);
+    QTest::qWait(50);
+    QCOMPARE(m_finished->size(), 6);
+}
+
+QTEST_GUILESS_MAIN(TestPipeline)
+#include "tst_pipeline.moc"
