@@ -21,13 +21,15 @@ public:
     {
         return scheme == u"https" ? httpsHandler : httpHandler;
     }
+    QList<DesktopEntry> allEntries() override { return handlers; }
+    std::optional<QString> setDefaultForType(const QString &, const QString &) override { return std::nullopt; }
 
     void setBrowsers(const QStringList &ids)
     {
         handlers.clear();
         for (const QString &id : ids)
             handlers.append(DesktopEntry{
-                id, u"/apps/"_s + id + u".desktop"_s, id, {}, {}, {}, {}, false, false});
+                id, u"/apps/"_s + id + u".desktop"_s, id, {}, {}, {}, {}, {}, false, false});
     }
 
     QList<DesktopEntry> handlers;

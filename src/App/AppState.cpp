@@ -5,6 +5,7 @@
 #include "Platform/DiagnosticLog.h"
 #include "Platform/SystemLog.h"
 #include "Services/BrowserDiscovery.h"
+#include "Services/DefaultBrowserRegistration.h"
 #include "Services/LaunchAtLoginManager.h"
 #include "Services/URLCleaner.h"
 #include "Services/URLRouter.h"
@@ -12,6 +13,7 @@
 #include "Storage/UserSettings.h"
 
 #include <QCollator>
+#include <QTimer>
 
 #include <algorithm>
 
@@ -300,6 +302,24 @@ void AppState::applyImportedConfig(const ConfigManager::ExportData &config)
                QString::number(config.rules.size()),
                SystemLog::priv(config.defaultBrowserBundleID.value_or(u"nil"_s)),
                config.urlCleaningEnabled ? u"true"_s : u"false"_s);
+}
+
+void AppState::requestSetAsDefaultBrowser()
+{
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            const auto failure =
+                DefaultBrowserRegistration::request(m_services.entries, QString::fromUtf16(BuildInfo::AppId));
+            if (failure) {
+                DiagnosticLog::write(u"AppState", QString(u"Failed to set default browser: "_s + *failure));
+                qCCritical(lcAppState).noquote() << u"Failed to set default browser: %1"_s.arg(SystemLog::priv(*failure));
+                return;
+            }
+            DiagnosticLog::write(u"AppState", u"Successfully requested default browser registration for http + https");
+            QTimer::singleShot(1000, this, &AppState::refreshDefaultBrowserStatus);
+        },
+        Qt::QueuedConnection);
 }
 
 void AppState::setLastRouteLog(const QString &text)

@@ -74,6 +74,9 @@ public:
     bool checkIsDefaultBrowser() const;
     void refreshDefaultBrowserStatus();
     void applyImportedConfig(const ConfigManager::ExportData &config);
+    // Asks the desktop to make Quillvane the default browser, then checks
+    // again a second later. Returns at once.
+    void requestSetAsDefaultBrowser();
 
     // Routes one link from its source application. Returns once the link is
     // counted; opening and recording finish later on the main thread. The

@@ -16,9 +16,11 @@ namespace CommandLine {
 
 QString helpText()
 {
-    return u"Usage: quillvane COMMAND [OPTIONS]\n"
+    return u"Usage: quillvane [URL...]\n"
+           "       quillvane COMMAND [OPTIONS]\n"
            "\n"
            "Quillvane routes every link you open to the browser your rules choose.\n"
+           "Without a command it starts (or shows) Quillvane and routes the links given.\n"
            "\n"
            "Commands:\n"
            "  explain URL [--from APP-ID] [--expand]\n"
@@ -38,6 +40,15 @@ QString versionText()
     return u"Quillvane v%1 (%2) · %3\n"_s.arg(QStringView(BuildInfo::Version),
                                               QStringView(BuildInfo::BuildNumber),
                                               QStringView(BuildInfo::Commit));
+}
+
+bool isCommand(const QByteArrayList &arguments)
+{
+    if (arguments.isEmpty())
+        return false;
+    const QByteArray &first = arguments.first();
+    // A link has a scheme; anything else is a command or an option.
+    return !first.contains(':');
 }
 
 int run(const QByteArrayList &arguments, QTextStream &out, QTextStream &err)

@@ -35,6 +35,7 @@ DesktopEntry toEntry(GDesktopAppInfo *info)
     if (g_desktop_app_info_has_key(info, "Name"))
         entry.name = fromUtf8(g_app_info_get_name(G_APP_INFO(info)));
     entry.exec = takeUtf8(g_desktop_app_info_get_string(info, "Exec"));
+    entry.tryExec = takeUtf8(g_desktop_app_info_get_string(info, "TryExec"));
     entry.icon = takeUtf8(g_desktop_app_info_get_string(info, "Icon"));
     entry.workingDirectory = takeUtf8(g_desktop_app_info_get_string(info, "Path"));
     entry.categories =
@@ -91,6 +92,36 @@ std::optional<QString> GioDesktopEntries::defaultHandler(const QString &scheme)
     if (id.isEmpty())
         return std::nullopt;
     return id;
+}
+
+QList<DesktopEntry> GioDesktopEntries::allEntries()
+{
+    GList *infos = g_app_info_get_all();
+    QList<DesktopEntry> entries;
+    for (GList *item = infos; item; item = item->next) {
+        if (G_IS_DESKTOP_APP_INFO(item->data))
+            entries.append(toEntry(G_DESKTOP_APP_INFO(item->data)));
+    }
+    g_list_free_full(infos, g_object_unref);
+    return entries;
+}
+
+std::optional<QString> GioDesktopEntries::setDefaultForType(const QString &id, const QString &contentType)
+{
+    const QByteArray desktopId = (id + u".desktop").toUtf8();
+    GDesktopAppInfo *info = g_desktop_app_info_new(desktopId.constData());
+    if (!info)
+        return QStringLiteral("The application %1 is not installed.").arg(id);
+    GError *error = nullptr;
+    const gboolean done =
+        g_app_info_set_as_default_for_type(G_APP_INFO(info), contentType.toUtf8().constData(), &error);
+    g_object_unref(info);
+    if (done)
+        return std::nullopt;
+    const QString message = fromUtf8(error ? error->message : "unknown error");
+    if (error)
+        g_error_free(error);
+    return message;
 }
 
 GioDesktopEntries &GioDesktopEntries::instance()

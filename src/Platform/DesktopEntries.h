@@ -16,6 +16,7 @@ struct DesktopEntry
     // The Name key (localized); absent when the entry has none.
     std::optional<QString> name;
     QString exec;
+    QString tryExec;
     QString icon;
     // The Path key: the directory the program starts in.
     QString workingDirectory;
@@ -40,6 +41,11 @@ public:
     virtual std::optional<DesktopEntry> entryAt(const QString &path) = 0;
     // The id of the desktop's default handler for the scheme.
     virtual std::optional<QString> defaultHandler(const QString &scheme) = 0;
+    // Every installed application that is not hidden.
+    virtual QList<DesktopEntry> allEntries() = 0;
+    // Makes the application the default for a content type such as
+    // "x-scheme-handler/https"; the failure's description otherwise.
+    virtual std::optional<QString> setDefaultForType(const QString &id, const QString &contentType) = 0;
 };
 
 // The registry as GIO sees it.
@@ -50,6 +56,8 @@ public:
     std::optional<DesktopEntry> entry(const QString &id) override;
     std::optional<DesktopEntry> entryAt(const QString &path) override;
     std::optional<QString> defaultHandler(const QString &scheme) override;
+    QList<DesktopEntry> allEntries() override;
+    std::optional<QString> setDefaultForType(const QString &id, const QString &contentType) override;
 
     // The process's one instance.
     static GioDesktopEntries &instance();

@@ -1,0 +1,129 @@
+#include "App/AppDelegate.h"
+
+#include "App/AppState.h"
+#include "App/BuildInfo.h"
+#include "App/LinkIntake.h"
+#include "Platform/ActiveApplication.h"
+#include "Platform/Autostart.h"
+#include "Platform/DesktopEntries.h"
+#include "Platform/DiagnosticLog.h"
+#include "Platform/ProcessApps.h"
+#include "Platform/ProcessLauncher.h"
+#include "Platform/SystemLog.h"
+#include "Services/DefaultBrowserRegistration.h"
+#include "Services/SourceAppResolver.h"
+#include "Storage/RuleStore.h"
+#include "Storage/UserSettings.h"
+#include "Views/MessageBox.h"
+#include "applicationadaptor.h"
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QGuiApplication>
+
+using namespace Qt::Literals::StringLiterals;
+
+QUILLVANE_LOGGING_CATEGORY(lcAppDelegate, "AppDelegate")
+
+namespace {
+
+void debugLog(const QString &message)
+{
+    DiagnosticLog::write({}, message);
+}
+
+const QString ObjectPath = u"/work/vorpa/Quillvane"_s;
+
+bool hasDisplay()
+{
+    const QString platform = QGuiApplication::platformName();
+    return !platform.isEmpty() && platform != u"offscreen" && platform != u"minimal";
+}
+
+} // namespace
+
+AppDelegate::AppDelegate(QObject *parent)
+    : QObject(parent)
+    , m_settings(UserSettings::open())
+    , m_store(std::make_unique<RuleStore>(*m_settings))
+    , m_autostart(std::make_unique<XdgAutostart>(QCoreApplication::applicationFilePath()))
+{
+    m_appState = std::make_unique<AppState>(
+        *m_store, AppServices{GioDesktopEntries::instance(), GioProcessLauncher::instance(), *m_autostart});
+    AppState::setShared(m_appState.get());
+}
+
+AppDelegate::~AppDelegate()
+{
+    AppState::setShared(nullptr);
+}
+
+bool AppDelegate::applicationWillFinishLaunching()
+{
+    debugLog(u"applicationWillFinishLaunching — registering Apple Event handler"_s);
+    m_processApps = std::make_unique<LinuxProcessApps>(GioDesktopEntries::instance());
+    m_activeApplication = ActiveApplication::create();
+    m_resolver = std::make_unique<SourceAppResolver>(*m_processApps, *m_activeApplication);
+    m_intake = std::make_unique<LinkIntake>(*m_appState, *m_resolver);
+    new ApplicationAdaptor(m_intake.get());
+
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected()) {
+        qCCritical(lcAppDelegate).noquote()
+            << u"No D-Bus session bus: Quillvane cannot receive links. %1"_s.arg(bus.lastError().message());
+        return false;
+    }
+    // The object first, so that a call arriving with the name finds it.
+    if (!bus.registerObject(ObjectPath, m_intake.get())) {
+        qCCritical(lcAppDelegate).noquote() << u"Could not publish %1 on the session bus."_s.arg(ObjectPath);
+        return false;
+    }
+    m_processApps->listenForLaunches();
+    const auto owned = bus.interface()->registerService(QString::fromUtf16(BuildInfo::AppId),
+                                                        QDBusConnectionInterface::DontQueueService,
+                                                        QDBusConnectionInterface::DontAllowReplacement);
+    if (!owned.isValid() || owned.value() != QDBusConnectionInterface::ServiceRegistered) {
+        bus.unregisterObject(ObjectPath);
+        return false;
+    }
+    m_resolver->startTracking();
+    debugLog(u"SourceAppResolver tracking started"_s);
+    return true;
+}
+
+void AppDelegate::applicationDidFinishLaunching()
+{
+    debugLog(u"applicationDidFinishLaunching — setting up status item"_s);
+    promptSetAsDefaultBrowserIfNeeded();
+}
+
+void AppDelegate::promptSetAsDefaultBrowserIfNeeded()
+{
+    if (m_appState->checkIsDefaultBrowser()) {
+        debugLog(u"Already the default browser — skipping prompt"_s);
+        return;
+    }
+    if (!hasDisplay()) {
+        debugLog(u"No display — skipping default browser prompt"_s);
+        return;
+    }
+    debugLog(u"Not the default browser — showing prompt"_s);
+    const int answer = MessageBox::ask(
+        u"Set Quillvane as Default Browser?"_s,
+        u"Quillvane needs to be your default browser to intercept and route URLs. You can change this later in System Settings."_s,
+        {u"Set as Default"_s, u"Later"_s});
+    if (answer != 0) {
+        debugLog(u"User chose 'Later' — skipping default browser registration"_s);
+        return;
+    }
+    debugLog(u"User chose 'Set as Default' — requesting system registration"_s);
+    const auto failure =
+        DefaultBrowserRegistration::request(GioDesktopEntries::instance(), QString::fromUtf16(BuildInfo::AppId));
+    if (failure) {
+        debugLog(u"Failed to set default browser: "_s + *failure);
+        qCCritical(lcAppDelegate).noquote() << u"Failed to set default browser: %1"_s.arg(SystemLog::priv(*failure));
+        return;
+    }
+    debugLog(u"Successfully requested default browser registration for http + https"_s);
+}

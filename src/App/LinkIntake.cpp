@@ -1,0 +1,103 @@
+#include "App/LinkIntake.h"
+
+#include "App/AppState.h"
+#include "Platform/DiagnosticLog.h"
+#include "Services/SourceAppResolver.h"
+
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+
+void debugLog(const QString &message)
+{
+    DiagnosticLog::write({}, message);
+}
+
+QString activationToken(const QVariantMap &platformData)
+{
+    for (const QString &key : {u"activation-token"_s, u"desktop-startup-id"_s}) {
+        const QString token = platformData.value(key).toString();
+        if (!token.isEmpty())
+            return token;
+    }
+    return {};
+}
+
+} // namespace
+
+LinkIntake::LinkIntake(AppState &state, SourceAppResolver &resolver, QObject *parent)
+    : QObject(parent)
+    , m_state(state)
+    , m_resolver(resolver)
+{
+}
+
+void LinkIntake::Activate(const QVariantMap &)
+{
+    debugLog(u"Activate requested"_s);
+    if (onActivate)
+        onActivate();
+}
+
+void LinkIntake::Open(const QStringList &uris, const QVariantMap &platformData)
+{
+    QStringList quoted;
+    for (const QString &uri : uris)
+        quoted.append(u'"' + uri + u'"');
+    debugLog(u"application(_:open:) called with %1 URL(s): [%2]"_s.arg(QString::number(uris.size()),
+                                                                    quoted.join(u", "_s)));
+    qint64 pid = -1;
+    if (calledFromDBus()) {
+        const auto reply = connection().interface()->servicePid(message().service());
+        if (reply.isValid())
+            pid = qint64(reply.value());
+    }
+    QStringList refused;
+    for (const QString &uri : uris) {
+        if (const auto link = Link::parseWebLink(uri); !link)
+            refused.append(u"%1 (%2)"_s.arg(uri.left(200), link.error().description));
+    }
+    handleURLs(uris, pid, activationToken(platformData));
+    if (!refused.isEmpty() && calledFromDBus())
+        sendErrorReply(u"work.vorpa.Quillvane.Error.InvalidLink"_s,
+                       u"Quillvane routes only http and https links. Refused: "_s + refused.join(u"; "_s));
+}
+
+void LinkIntake::ActivateAction(const QString &actionName, const QVariantList &, const QVariantMap &)
+{
+    debugLog(u"ActivateAction requested: "_s + actionName);
+    if (calledFromDBus())
+        sendErrorReply(QDBusError::NotSupported, u"Quillvane has no action named \"%1\"."_s.arg(actionName.left(100)));
+}
+
+void LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid, const QString &activationToken)
+{
+    for (const QString &uri : uris) {
+        if (const auto link = Link::parseWebLink(uri); !link)
+            debugLog(u"Refusing link %1: %2"_s.arg(uri.left(200), link.error().description));
+    }
+    debugLog(u"Sender PID: %1"_s.arg(senderPid));
+    std::optional<SourceApp> source;
+    if (senderPid < 1) {
+        debugLog(u"No valid sender PID"_s);
+    } else {
+        source = m_resolver.resolve(senderPid);
+        debugLog(u"Resolved source app: %1 (%2)"_s.arg(source ? source->name : u"nil"_s,
+                                                        source ? source->bundleID : u"nil"_s));
+    }
+    for (const QString &uri : uris) {
+        const auto link = Link::parseWebLink(uri);
+        if (!link)
+            continue;
+        debugLog(u"Routing URL: "_s + link->toString());
+        // One task per link, started in order and not awaited.
+        QMetaObject::invokeMethod(
+            &m_state, [state = &m_state, url = *link, source, activationToken] {
+                state->routeURL(url, source, activationToken);
+            },
+            Qt::QueuedConnection);
+    }
+}

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <QDBusContext>
+#include <QObject>
+#include <QStringList>
+#include <QVariantMap>
+
+#include <functional>
+
+class AppState;
+class SourceAppResolver;
+
+// Quillvane's door for links: the org.freedesktop.Application interface on the
+// session bus. The sender of a call is the process that asked to open the links;
+// it is resolved to its application before the call returns, while it still
+// exists (quillvane-open waits for the reply for this reason).
+class LinkIntake final : public QObject, protected QDBusContext
+{
+    Q_OBJECT
+
+public:
+    LinkIntake(AppState &state, SourceAppResolver &resolver, QObject *parent = nullptr);
+
+    // Routes links received by other means (the command line of the instance
+    // itself), with the sender's process id when known.
+    void handleURLs(const QStringList &uris, qint64 senderPid, const QString &activationToken);
+
+    // What Activate does (show the settings window, once it exists).
+    std::function<void()> onActivate;
+
+public Q_SLOTS:
+    void Activate(const QVariantMap &platformData);
+    void Open(const QStringList &uris, const QVariantMap &platformData);
+    void ActivateAction(const QString &actionName, const QVariantList &parameter, const QVariantMap &platformData);
+
+private:
+    AppState &m_state;
+    SourceAppResolver &m_resolver;
+};

@@ -1,0 +1,107 @@
+#include "App/QuillvaneApp.h"
+
+#include "App/AppDelegate.h"
+#include "App/BuildInfo.h"
+#include "App/LinkIntake.h"
+#include "Models/Link.h"
+
+#include <QApplication>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QStringDecoder>
+
+#include <cstdio>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace QuillvaneApp {
+
+namespace {
+
+const QString ObjectPath = u"/work/vorpa/Quillvane"_s;
+const QString ApplicationInterface = u"org.freedesktop.Application"_s;
+
+void printError(const QString &text)
+{
+    const QByteArray line = (u"quillvane: "_s + text + u'\n').toUtf8();
+    std::fwrite(line.constData(), 1, size_t(line.size()), stderr);
+}
+
+QVariantMap platformData()
+{
+    QVariantMap data;
+    const QString token = qEnvironmentVariable("XDG_ACTIVATION_TOKEN");
+    if (!token.isEmpty())
+        data.insert(u"activation-token"_s, token);
+    const QString startupId = qEnvironmentVariable("DESKTOP_STARTUP_ID");
+    if (!startupId.isEmpty())
+        data.insert(u"desktop-startup-id"_s, startupId);
+    return data;
+}
+
+// Hands the links (or, without links, a request to show itself) to the running
+// instance and waits for its answer.
+int forward(const QStringList &links)
+{
+    QDBusMessage call = QDBusMessage::createMethodCall(QString::fromUtf16(BuildInfo::AppId), ObjectPath,
+                                                       ApplicationInterface, links.isEmpty() ? u"Activate"_s : u"Open"_s);
+    if (links.isEmpty())
+        call << platformData();
+    else
+        call << links << platformData();
+    const QDBusMessage reply = QDBusConnection::sessionBus().call(call, QDBus::Block, 25000);
+    if (reply.type() == QDBusMessage::ErrorMessage) {
+        printError(reply.errorMessage());
+        return 1;
+    }
+    return 0;
+}
+
+} // namespace
+
+int run(int &argc, char **argv, const QByteArrayList &arguments)
+{
+    QStringList links;
+    for (const QByteArray &argument : arguments) {
+        QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+        const QString text = decoder.decode(argument);
+        const auto link = decoder.hasError() ? Link::fromUtf8(argument) : Link::parseWebLink(text);
+        if (!link) {
+            printError(u"%1: %2"_s.arg(text.left(200), link.error().description));
+            return 2;
+        }
+        links.append(link->toString());
+    }
+
+    // Without a display the application still routes links; it only shows nothing.
+    if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")
+        && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    QApplication application(argc, argv);
+    QApplication::setApplicationName(u"Quillvane"_s);
+    QApplication::setDesktopFileName(QString::fromUtf16(BuildInfo::AppId));
+    QApplication::setQuitOnLastWindowClosed(false);
+
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected()) {
+        printError(u"no D-Bus session bus is running, so no application can hand Quillvane its links."_s);
+        return 1;
+    }
+    if (bus.interface()->isServiceRegistered(QString::fromUtf16(BuildInfo::AppId)))
+        return forward(links);
+
+    AppDelegate delegate;
+    if (!delegate.applicationWillFinishLaunching()) {
+        // Another instance took the name first: it routes the links.
+        if (bus.interface()->isServiceRegistered(QString::fromUtf16(BuildInfo::AppId)))
+            return forward(links);
+        return 1;
+    }
+    delegate.applicationDidFinishLaunching();
+    if (!links.isEmpty())
+        delegate.intake().handleURLs(links, QCoreApplication::applicationPid(), platformData().value(u"activation-token"_s).toString());
+    return QApplication::exec();
+}
+
+} // namespace QuillvaneApp

@@ -1,0 +1,92 @@
+#pragma once
+
+#include <QHash>
+#include <QObject>
+#include <QString>
+
+#include <optional>
+
+// Which installed application a process belongs to, on Linux: launch records
+// that GIO broadcasts, Flatpak and Snap sandboxes, the systemd unit desktops
+// start applications in, GIO's launch environment, and the executable.
+class ProcessApps
+{
+public:
+    struct Lookup
+    {
+        enum class Kind {
+            NoProcess,     // no such process, or one of another user
+            Terminated,    // it went away (or its id was reused) while being read
+            NoApplication, // a process, but of no installed application
+            Self,          // one of Quillvane's own
+            Application,
+        };
+        Kind kind = Kind::NoProcess;
+        QString bundleID;
+        QString name;
+    };
+
+    virtual ~ProcessApps() = default;
+    virtual Lookup lookup(qint64 pid) = 0;
+    // The parent's process id, or none when the process cannot be read.
+    virtual std::optional<qint64> parentPid(qint64 pid) = 0;
+};
+
+// The parsing behind the Linux lookup, kept apart so that it can be tested on
+// its own with any text.
+namespace ProcStat {
+// Parent id from the text of /proc/<pid>/stat (field 4, after the last ')').
+std::optional<qint64> parentPid(QByteArrayView stat);
+// Start time from the text of /proc/<pid>/stat (field 22).
+std::optional<quint64> startTime(QByteArrayView stat);
+// The application id named by a systemd unit of /proc/<pid>/cgroup, such as
+// app-gnome-org.gnome.Evolution-1234.scope; every candidate, most likely first.
+QStringList unitAppIds(QByteArrayView cgroup);
+// The snap of a snap.<name>.<app>-….scope or .service unit, as "<name>_<app>".
+std::optional<QString> snapAppId(QByteArrayView cgroup);
+// A variable of a NUL-separated environment block.
+std::optional<QByteArray> environmentValue(QByteArrayView environment, QByteArrayView name);
+QList<QByteArrayView> split(QByteArrayView text, char separator);
+} // namespace ProcStat
+
+class DesktopEntries;
+
+class LinuxProcessApps final : public QObject, public ProcessApps
+{
+public:
+    // proc: the proc file system's mount point (tests point it elsewhere).
+    explicit LinuxProcessApps(DesktopEntries &entries, QString proc = QStringLiteral("/proc"),
+                              QObject *parent = nullptr);
+    ~LinuxProcessApps() override;
+
+    Lookup lookup(qint64 pid) override;
+    std::optional<qint64> parentPid(qint64 pid) override;
+
+    // Follows GIO's org.gtk.gio.DesktopAppInfo.Launched broadcasts on the
+    // session bus, so that a process started by an application is credited to it.
+    void listenForLaunches();
+    // A launch as GIO reports it (also for tests).
+    void recordLaunch(qint64 pid, const QString &originDesktopFile, qint64 originPid);
+
+private:
+    struct LaunchRecord
+    {
+        QString originId;
+        qint64 originPid = 0;
+        qint64 when = 0;
+    };
+
+    std::optional<QString> installedId(const QString &candidate);
+    std::optional<QString> idFromExecutable(const QString &exe);
+    Lookup named(const QString &id);
+    QByteArray read(qint64 pid, const char *file) const;
+
+    DesktopEntries &m_entries;
+    QString m_proc;
+    QString m_selfId;
+    QString m_selfExecutableDir;
+    QHash<qint64, LaunchRecord> m_launches;
+    QHash<QString, QString> m_executables;
+    qint64 m_executablesReadAt = -1;
+    int m_depth = 0;
+};

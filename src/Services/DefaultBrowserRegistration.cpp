@@ -1,0 +1,39 @@
+#include "Services/DefaultBrowserRegistration.h"
+
+#include "Platform/SystemLog.h"
+
+#include <QProcess>
+#include <QStandardPaths>
+
+using namespace Qt::Literals::StringLiterals;
+
+QUILLVANE_LOGGING_CATEGORY(lcRegistration, "DefaultBrowser")
+
+namespace DefaultBrowserRegistration {
+
+std::optional<QString> request(DesktopEntries &entries, const QString &appId)
+{
+    for (const QString &scheme : {u"http"_s, u"https"_s}) {
+        if (auto failure = entries.setDefaultForType(appId, u"x-scheme-handler/"_s + scheme))
+            return failure;
+    }
+    // Opening a saved page follows the links' handler, as browsers register it.
+    for (const QString &type : {u"text/html"_s, u"application/xhtml+xml"_s}) {
+        if (const auto failure = entries.setDefaultForType(appId, type))
+            qCInfo(lcRegistration).noquote() << u"Could not become the handler of %1: %2"_s.arg(type, *failure);
+    }
+    // Plasma opens links with the browser named in kdeglobals before asking the MIME registry.
+    if (qEnvironmentVariable("XDG_CURRENT_DESKTOP").contains(u"KDE"_s, Qt::CaseInsensitive)) {
+        for (const QString &tool : {u"kwriteconfig6"_s, u"kwriteconfig5"_s}) {
+            const QString program = QStandardPaths::findExecutable(tool);
+            if (program.isEmpty())
+                continue;
+            QProcess::execute(program, {u"--file"_s, u"kdeglobals"_s, u"--group"_s, u"General"_s, u"--key"_s,
+                                        u"BrowserApplication"_s, appId + u".desktop"_s});
+            break;
+        }
+    }
+    return std::nullopt;
+}
+
+} // namespace DefaultBrowserRegistration

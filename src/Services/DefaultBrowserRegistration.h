@@ -1,0 +1,18 @@
+#pragma once
+
+#include "Platform/DesktopEntries.h"
+
+#include <QString>
+
+#include <optional>
+
+// Asks the desktop to hand Quillvane every web link: the default handler for
+// http, then https (also HTML files, as "xdg-settings set default-web-browser"
+// does), and
+// on KDE Plasma its own browser setting.
+namespace DefaultBrowserRegistration {
+
+// The failure's description when http or https could not be claimed.
+std::optional<QString> request(DesktopEntries &entries, const QString &appId);
+
+} // namespace DefaultBrowserRegistration

@@ -1,0 +1,189 @@
+#include "Services/SourceAppResolver.h"
+
+#include "Platform/DiagnosticLog.h"
+#include "Platform/SystemLog.h"
+
+#include <QElapsedTimer>
+#include <QSet>
+
+using namespace Qt::Literals::StringLiterals;
+
+QUILLVANE_LOGGING_CATEGORY(lcSourceAppResolver, "SourceAppResolver")
+
+namespace {
+
+void debugLog(const QString &message)
+{
+    DiagnosticLog::write(u"SourceAppResolver", message);
+}
+
+QString describe(const SourceApp &app)
+{
+    return u"%1 (%2)"_s.arg(app.name, app.bundleID);
+}
+
+qint64 monotonicMs()
+{
+    static QElapsedTimer clock = [] {
+        QElapsedTimer timer;
+        timer.start();
+        return timer;
+    }();
+    return clock.elapsed();
+}
+
+} // namespace
+
+SourceAppResolver::SourceAppResolver(ProcessApps &apps, ActiveApplication &active, std::function<qint64()> now,
+                                     QObject *parent)
+    : QObject(parent)
+    , m_apps(apps)
+    , m_active(active)
+    , m_now(now ? std::move(now) : std::function<qint64()>(&monotonicMs))
+{
+}
+
+std::optional<SourceApp> SourceAppResolver::resolve(qint64 pid)
+{
+    debugLog(u"resolve(pid: %1)"_s.arg(pid));
+    if (auto app = resolveByPID(pid)) {
+        debugLog(u"Direct PID resolution succeeded: "_s + describe(*app));
+        return app;
+    }
+    if (auto app = resolveByParentChain(pid)) {
+        debugLog(u"Parent chain resolution succeeded: "_s + describe(*app));
+        return app;
+    }
+    const qint64 now = m_now();
+    if (auto app = burstLockedResult(now)) {
+        debugLog(u"Burst window active — reusing locked source: "_s + describe(*app));
+        return app;
+    }
+    if (m_lastActiveApp) {
+        debugLog(u"Using tracked last-active app: "_s + describe(*m_lastActiveApp));
+        lockBurstSource(*m_lastActiveApp, now);
+        return m_lastActiveApp;
+    }
+    if (auto app = fallbackToFrontmostApp()) {
+        debugLog(u"Falling back to frontmost app: "_s + describe(*app));
+        qCInfo(lcSourceAppResolver).noquote()
+            << u"PID %1 unresolvable, falling back to frontmost app: %2"_s.arg(QString::number(pid),
+                                                                              SystemLog::priv(app->name));
+        lockBurstSource(*app, now);
+        return app;
+    }
+    debugLog(u"All resolution strategies failed for PID %1"_s.arg(pid));
+    return std::nullopt;
+}
+
+std::optional<SourceApp> SourceAppResolver::resolveByPID(qint64 pid)
+{
+    if (pid < 1)
+        return std::nullopt;
+    using Kind = ProcessApps::Lookup::Kind;
+    const ProcessApps::Lookup found = m_apps.lookup(pid);
+    switch (found.kind) {
+    case Kind::NoProcess:
+        debugLog(u"  resolveByPID(%1): no NSRunningApplication"_s.arg(pid));
+        return std::nullopt;
+    case Kind::Terminated:
+        debugLog(u"  resolveByPID(%1): process terminated"_s.arg(pid));
+        return std::nullopt;
+    case Kind::NoApplication:
+        debugLog(u"  resolveByPID(%1): no bundle identifier"_s.arg(pid));
+        return std::nullopt;
+    case Kind::Self:
+        debugLog(u"  resolveByPID(%1): is self, skipping"_s.arg(pid));
+        return std::nullopt;
+    case Kind::Application:
+        return SourceApp{found.bundleID, found.name.isEmpty() ? found.bundleID : found.name};
+    }
+    return std::nullopt;
+}
+
+std::optional<qint64> SourceAppResolver::getParentPID(qint64 pid)
+{
+    const auto parent = m_apps.parentPid(pid);
+    if (!parent || *parent < 1)
+        return std::nullopt;
+    return parent;
+}
+
+std::optional<SourceApp> SourceAppResolver::resolveByParentChain(qint64 pid)
+{
+    QSet<qint64> visited;
+    qint64 current = pid;
+    for (int depth = 0; depth < ParentChainDepth; ++depth) {
+        const auto parent = getParentPID(current);
+        if (!parent || *parent < 2) {
+            debugLog(u"  parentChain[%1]: PID %2 has no valid parent"_s.arg(depth).arg(current));
+            return std::nullopt;
+        }
+        if (visited.contains(*parent)) {
+            debugLog(u"  parentChain[%1]: cycle detected at PID %2"_s.arg(depth).arg(*parent));
+            return std::nullopt;
+        }
+        visited.insert(*parent);
+        debugLog(u"  parentChain[%1]: PID %2 → parent PID %3"_s.arg(depth).arg(current).arg(*parent));
+        if (auto app = resolveByPID(*parent))
+            return app;
+        current = *parent;
+    }
+    return std::nullopt;
+}
+
+std::optional<SourceApp> SourceAppResolver::burstLockedResult(qint64 now)
+{
+    if (now < m_burstDeadline && m_burstSource)
+        return m_burstSource;
+    m_burstSource.reset();
+    return std::nullopt;
+}
+
+void SourceAppResolver::lockBurstSource(const SourceApp &app, qint64 now)
+{
+    m_burstSource = app;
+    m_burstDeadline = now + BurstWindowMs;
+}
+
+std::optional<SourceApp> SourceAppResolver::applicationOf(qint64 pid)
+{
+    const ProcessApps::Lookup found = m_apps.lookup(pid);
+    if (found.kind != ProcessApps::Lookup::Kind::Application)
+        return std::nullopt;
+    return SourceApp{found.bundleID, found.name.isEmpty() ? found.bundleID : found.name};
+}
+
+std::optional<SourceApp> SourceAppResolver::fallbackToFrontmostApp()
+{
+    if (const auto pid = m_active.activePid()) {
+        if (auto app = applicationOf(*pid))
+            return app;
+    }
+    for (const qint64 pid : m_active.visibleWindowPids()) {
+        if (auto app = applicationOf(pid))
+            return app;
+    }
+    return std::nullopt;
+}
+
+void SourceAppResolver::activated(qint64 pid)
+{
+    const auto app = applicationOf(pid);
+    if (!app)
+        return;
+    m_lastActiveApp = app;
+    debugLog(u"Tracking: active app changed → "_s + describe(*app));
+}
+
+void SourceAppResolver::startTracking()
+{
+    connect(&m_active, &ActiveApplication::activated, this, &SourceAppResolver::activated);
+    m_active.startWatching();
+    if (const auto pid = m_active.activePid()) {
+        if (const auto app = applicationOf(*pid)) {
+            m_lastActiveApp = app;
+            debugLog(u"Tracking: seeded with frontmost → "_s + describe(*app));
+        }
+    }
+}

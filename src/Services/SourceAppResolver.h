@@ -1,0 +1,47 @@
+#pragma once
+
+#include "Models/RoutingRule.h"
+#include "Platform/ActiveApplication.h"
+#include "Platform/ProcessApps.h"
+
+#include <QObject>
+
+#include <functional>
+#include <limits>
+#include <optional>
+
+// Which application asked to open a link, from the process id that sent it:
+// the process itself, its parents, a short burst lock, the application last
+// active, and the frontmost one, in that order. Main thread only.
+class SourceAppResolver final : public QObject
+{
+public:
+    static constexpr qint64 BurstWindowMs = 1500;
+    static constexpr int ParentChainDepth = 10;
+
+    // now: a monotonic clock in milliseconds (tests set their own).
+    SourceAppResolver(ProcessApps &apps, ActiveApplication &active, std::function<qint64()> now = {},
+                      QObject *parent = nullptr);
+
+    std::optional<SourceApp> resolve(qint64 pid);
+    void startTracking();
+
+    const std::optional<SourceApp> &lastActiveApp() const { return m_lastActiveApp; }
+
+private:
+    std::optional<SourceApp> resolveByPID(qint64 pid);
+    std::optional<qint64> getParentPID(qint64 pid);
+    std::optional<SourceApp> resolveByParentChain(qint64 pid);
+    std::optional<SourceApp> burstLockedResult(qint64 now);
+    void lockBurstSource(const SourceApp &app, qint64 now);
+    std::optional<SourceApp> fallbackToFrontmostApp();
+    std::optional<SourceApp> applicationOf(qint64 pid);
+    void activated(qint64 pid);
+
+    ProcessApps &m_apps;
+    ActiveApplication &m_active;
+    std::function<qint64()> m_now;
+    std::optional<SourceApp> m_lastActiveApp;
+    std::optional<SourceApp> m_burstSource;
+    qint64 m_burstDeadline = std::numeric_limits<qint64>::min();
+};
