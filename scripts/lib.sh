@@ -4,11 +4,11 @@
 # To build and run.
 BUILD_PACKAGES=(
     g++ cmake ninja-build pkg-config git
-    qt6-base-dev libglib2.0-dev libsystemd-dev
+    qt6-base-dev libglib2.0-dev libsystemd-dev libxcb1-dev desktop-file-utils
 )
 # To run the whole test suite and the benchmarks.
 TEST_PACKAGES=(
-    libbenchmark-dev dbus xvfb xauth desktop-file-utils
+    libbenchmark-dev dbus libglib2.0-bin xvfb xauth
 )
 
 # Installs the named packages that are not installed yet, through sudo when not root.

@@ -9,6 +9,8 @@ using namespace Qt::Literals::StringLiterals;
 
 FakeDesktop::FakeDesktop()
 {
+    // For a look at what a failed test left behind.
+    m_dir.setAutoRemove(!qEnvironmentVariableIsSet("QUILLVANE_KEEP_TEST_FILES"));
     const QString base = m_dir.path();
     for (const QString &sub : {u"data/applications"_s, u"system/applications"_s, u"config"_s,
                                u"home"_s, u"run"_s, u"bin"_s, u"records"_s})

@@ -22,7 +22,10 @@ public:
         return scheme == u"https" ? httpsHandler : httpHandler;
     }
     QList<DesktopEntry> allEntries() override { return handlers; }
-    std::optional<QString> setDefaultForType(const QString &, const QString &) override { return std::nullopt; }
+    std::optional<QString> setDefaultForType(const QString &, const QString &) override
+    {
+        return std::nullopt;
+    }
 
     void setBrowsers(const QStringList &ids)
     {

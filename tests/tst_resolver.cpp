@@ -61,7 +61,8 @@ QByteArray stat(qint64 pid, qint64 parent, quint64 start = 1234)
 {
     // The command name may hold blanks and parentheses.
     return QByteArray::number(pid) + " (odd (name) x) S " + QByteArray::number(parent)
-           + " 1 1 0 -1 4194560 100 0 0 0 0 0 0 0 20 0 1 0 " + QByteArray::number(start) + " 1000 100\n";
+           + " 1 1 0 -1 4194560 100 0 0 0 0 0 0 0 20 0 1 0 " + QByteArray::number(start)
+           + " 1000 100\n";
 }
 
 } // namespace
@@ -106,16 +107,20 @@ void TestResolver::strategiesInOrder()
     SourceAppResolver resolver(m_apps, m_active, [this] { return m_now; });
     m_apps.app(100, u"org.example.Mail"_s);
     QCOMPARE(resolver.resolve(100)->bundleID, u"org.example.Mail"_s);
-    QCOMPARE(m_lines, (QStringList{u"resolve(pid: 100)"_s,
-                                   u"Direct PID resolution succeeded: ORG.EXAMPLE.MAIL (org.example.Mail)"_s}));
+    QCOMPARE(
+        m_lines,
+        (QStringList{u"resolve(pid: 100)"_s,
+                     u"Direct PID resolution succeeded: ORG.EXAMPLE.MAIL (org.example.Mail)"_s}));
 
     // A helper without an application of its own is credited to its parent.
     m_lines.clear();
     m_apps.helper(101, 100);
     QCOMPARE(resolver.resolve(101)->bundleID, u"org.example.Mail"_s);
-    QCOMPARE(m_lines, (QStringList{u"resolve(pid: 101)"_s, u"  resolveByPID(101): no bundle identifier"_s,
-                                   u"  parentChain[0]: PID 101 → parent PID 100"_s,
-                                   u"Parent chain resolution succeeded: ORG.EXAMPLE.MAIL (org.example.Mail)"_s}));
+    QCOMPARE(
+        m_lines,
+        (QStringList{u"resolve(pid: 101)"_s, u"  resolveByPID(101): no bundle identifier"_s,
+                     u"  parentChain[0]: PID 101 → parent PID 100"_s,
+                     u"Parent chain resolution succeeded: ORG.EXAMPLE.MAIL (org.example.Mail)"_s}));
 
     // Nothing known: the frontmost window's application, then none.
     m_lines.clear();
@@ -123,9 +128,11 @@ void TestResolver::strategiesInOrder()
     m_active.visible = {300, 301};
     m_apps.helper(300, 1);
     m_apps.app(301, u"org.example.Editor"_s);
-    QTest::ignoreMessage(QtInfoMsg, "PID 200 unresolvable, falling back to frontmost app: <private>");
+    QTest::ignoreMessage(QtInfoMsg,
+                         "PID 200 unresolvable, falling back to frontmost app: <private>");
     QCOMPARE(resolver.resolve(200)->bundleID, u"org.example.Editor"_s);
-    QCOMPARE(m_lines.last(), u"Falling back to frontmost app: ORG.EXAMPLE.EDITOR (org.example.Editor)"_s);
+    QCOMPARE(m_lines.last(),
+             u"Falling back to frontmost app: ORG.EXAMPLE.EDITOR (org.example.Editor)"_s);
 
     m_now += SourceAppResolver::BurstWindowMs;
     m_active.visible.clear();
@@ -145,13 +152,15 @@ void TestResolver::burstLock()
     QCOMPARE(resolver.lastActiveApp()->bundleID, u"org.example.Chat"_s);
 
     QCOMPARE(resolver.resolve(50)->bundleID, u"org.example.Chat"_s);
-    QVERIFY(m_lines.contains(u"Using tracked last-active app: ORG.EXAMPLE.CHAT (org.example.Chat)"_s));
+    QVERIFY(
+        m_lines.contains(u"Using tracked last-active app: ORG.EXAMPLE.CHAT (org.example.Chat)"_s));
     // The user switches applications; links within 1.5 s still go to the locked one.
     Q_EMIT m_active.activated(11);
     m_now += 700;
     m_lines.clear();
     QCOMPARE(resolver.resolve(50)->bundleID, u"org.example.Chat"_s);
-    QVERIFY(m_lines.contains(u"Burst window active — reusing locked source: ORG.EXAMPLE.CHAT (org.example.Chat)"_s));
+    QVERIFY(m_lines.contains(
+        u"Burst window active — reusing locked source: ORG.EXAMPLE.CHAT (org.example.Chat)"_s));
     m_now += 799;
     QCOMPARE(resolver.resolve(50)->bundleID, u"org.example.Chat"_s);
     // Reuse does not extend the lock.
@@ -214,7 +223,8 @@ void TestResolver::tracking()
     // Quillvane's own settings window coming to the front changes nothing.
     Q_EMIT m_active.activated(11);
     QCOMPARE(resolver.lastActiveApp()->bundleID, u"org.example.Chat"_s);
-    QCOMPARE(m_lines, QStringList{u"Tracking: active app changed → ORG.EXAMPLE.CHAT (org.example.Chat)"_s});
+    QCOMPARE(m_lines,
+             QStringList{u"Tracking: active app changed → ORG.EXAMPLE.CHAT (org.example.Chat)"_s});
 }
 
 void TestResolver::procParsing_data()
@@ -222,16 +232,21 @@ void TestResolver::procParsing_data()
     QTest::addColumn<QByteArray>("cgroup");
     QTest::addColumn<QStringList>("unitIds");
     QTest::addColumn<QString>("snap");
-    QTest::newRow("GNOME") << QByteArray("0::/user.slice/user-1000.slice/user@1000.service/app.slice/app-gnome-org.gnome.Evolution-4242.scope\n")
-                           << QStringList{u"org.gnome.Evolution"_s, u"gnome-org.gnome.Evolution"_s} << QString();
-    QTest::newRow("KDE, escaped dash") << QByteArray("0::/user.slice/app.slice/app-org.kde.dolphin\\x2dbeta-5c9e1a2b.scope\n")
-                                       << QStringList{u"org.kde.dolphin-beta"_s} << QString();
-    QTest::newRow("service with instance") << QByteArray("0::/app.slice/app-gnome-firefox\\x2desr@autostart.service\n")
-                                           << QStringList{u"firefox-esr"_s, u"gnome-firefox-esr"_s} << QString();
-    QTest::newRow("snap") << QByteArray("0::/user.slice/snap.firefox.firefox-7a2d.scope\n") << QStringList()
-                          << u"firefox_firefox"_s;
-    QTest::newRow("terminal session") << QByteArray("0::/user.slice/user-1000.slice/session-3.scope\n") << QStringList()
-                                      << QString();
+    QTest::newRow("GNOME") << QByteArray("0::/user.slice/user-1000.slice/user@1000.service/"
+                                         "app.slice/app-gnome-org.gnome.Evolution-4242.scope\n")
+                           << QStringList{u"org.gnome.Evolution"_s, u"gnome-org.gnome.Evolution"_s}
+                           << QString();
+    QTest::newRow("KDE, escaped dash")
+        << QByteArray("0::/user.slice/app.slice/app-org.kde.dolphin\\x2dbeta-5c9e1a2b.scope\n")
+        << QStringList{u"org.kde.dolphin-beta"_s} << QString();
+    QTest::newRow("service with instance")
+        << QByteArray("0::/app.slice/app-gnome-firefox\\x2desr@autostart.service\n")
+        << QStringList{u"firefox-esr"_s, u"gnome-firefox-esr"_s} << QString();
+    QTest::newRow("snap") << QByteArray("0::/user.slice/snap.firefox.firefox-7a2d.scope\n")
+                          << QStringList() << u"firefox_firefox"_s;
+    QTest::newRow("terminal session")
+        << QByteArray("0::/user.slice/user-1000.slice/session-3.scope\n") << QStringList()
+        << QString();
     QTest::newRow("garbage") << QByteArray("\xff\x00::app-") << QStringList() << QString();
 }
 
@@ -259,13 +274,17 @@ void TestResolver::linuxLookupFromProc()
     for (qint64 pid : {10, 11, 12, 13, 14})
         write(u"%1/%2/stat"_s.arg(root).arg(pid), stat(pid, 1));
     write(root + u"/10/cgroup"_s, "0::/app.slice/app-gnome-org.example.Mail-99.scope\n");
-    write(root + u"/11/root/.flatpak-info"_s, "[Application]\nname=org.mozilla.firefox\nruntime=x\n");
-    const auto environment = [](const QByteArrayList &variables) -> QByteArray { return variables.join('\0') + '\0'; };
+    write(root + u"/11/root/.flatpak-info"_s,
+          "[Application]\nname=org.mozilla.firefox\nruntime=x\n");
+    const auto environment = [](const QByteArrayList &variables) -> QByteArray {
+        return variables.join('\0') + '\0';
+    };
     write(root + u"/12/environ"_s,
           environment({"GIO_LAUNCHED_DESKTOP_FILE=/usr/share/applications/org.example.Chat.desktop",
                        "GIO_LAUNCHED_DESKTOP_FILE_PID=12"}));
-    write(root + u"/13/environ"_s, environment({"GIO_LAUNCHED_DESKTOP_FILE=/x/org.example.Chat.desktop",
-                                                "GIO_LAUNCHED_DESKTOP_FILE_PID=1"}));
+    write(root + u"/13/environ"_s,
+          environment({"GIO_LAUNCHED_DESKTOP_FILE=/x/org.example.Chat.desktop",
+                       "GIO_LAUNCHED_DESKTOP_FILE_PID=1"}));
     write(root + u"/14/cgroup"_s, "0::/app.slice/app-work.vorpa.Quillvane-1.scope\n");
 
     class Installed final : public DesktopEntries
@@ -274,7 +293,8 @@ void TestResolver::linuxLookupFromProc()
         QList<DesktopEntry> handlersForScheme(const QString &) override { return {}; }
         std::optional<DesktopEntry> entry(const QString &id) override
         {
-            if (id != u"org.example.Mail" && id != u"org.mozilla.firefox" && id != u"org.example.Chat")
+            if (id != u"org.example.Mail" && id != u"org.mozilla.firefox"
+                && id != u"org.example.Chat")
                 return std::nullopt;
             DesktopEntry entry;
             entry.id = id;
@@ -284,7 +304,10 @@ void TestResolver::linuxLookupFromProc()
         std::optional<DesktopEntry> entryAt(const QString &) override { return std::nullopt; }
         std::optional<QString> defaultHandler(const QString &) override { return std::nullopt; }
         QList<DesktopEntry> allEntries() override { return {}; }
-        std::optional<QString> setDefaultForType(const QString &, const QString &) override { return {}; }
+        std::optional<QString> setDefaultForType(const QString &, const QString &) override
+        {
+            return {};
+        }
     } installed;
 
     LinuxProcessApps apps(installed, root);

@@ -50,7 +50,8 @@ AppDelegate::AppDelegate(QObject *parent)
     , m_autostart(std::make_unique<XdgAutostart>(QCoreApplication::applicationFilePath()))
 {
     m_appState = std::make_unique<AppState>(
-        *m_store, AppServices{GioDesktopEntries::instance(), GioProcessLauncher::instance(), *m_autostart});
+        *m_store,
+        AppServices{GioDesktopEntries::instance(), GioProcessLauncher::instance(), *m_autostart});
     AppState::setShared(m_appState.get());
 }
 
@@ -71,24 +72,29 @@ bool AppDelegate::applicationWillFinishLaunching()
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected()) {
         qCCritical(lcAppDelegate).noquote()
-            << u"No D-Bus session bus: Quillvane cannot receive links. %1"_s.arg(bus.lastError().message());
+            << u"No D-Bus session bus: Quillvane cannot receive links. %1"_s.arg(
+                   bus.lastError().message());
         return false;
     }
     // The object first, so that a call arriving with the name finds it.
     if (!bus.registerObject(ObjectPath, m_intake.get())) {
-        qCCritical(lcAppDelegate).noquote() << u"Could not publish %1 on the session bus."_s.arg(ObjectPath);
+        qCCritical(lcAppDelegate).noquote()
+            << u"Could not publish %1 on the session bus."_s.arg(ObjectPath);
         return false;
     }
     m_processApps->listenForLaunches();
-    const auto owned = bus.interface()->registerService(QString::fromUtf16(BuildInfo::AppId),
-                                                        QDBusConnectionInterface::DontQueueService,
-                                                        QDBusConnectionInterface::DontAllowReplacement);
+    const auto owned = bus.interface()->registerService(
+        QString::fromUtf16(BuildInfo::AppId), QDBusConnectionInterface::DontQueueService,
+        QDBusConnectionInterface::DontAllowReplacement);
     if (!owned.isValid() || owned.value() != QDBusConnectionInterface::ServiceRegistered) {
         bus.unregisterObject(ObjectPath);
         return false;
     }
     m_resolver->startTracking();
     debugLog(u"SourceAppResolver tracking started"_s);
+    // Without its bus the session is over, and no link can reach Quillvane any more.
+    bus.connect(QString(), u"/org/freedesktop/DBus/Local"_s, u"org.freedesktop.DBus.Local"_s,
+                u"Disconnected"_s, QCoreApplication::instance(), SLOT(quit()));
     return true;
 }
 
@@ -118,11 +124,12 @@ void AppDelegate::promptSetAsDefaultBrowserIfNeeded()
         return;
     }
     debugLog(u"User chose 'Set as Default' — requesting system registration"_s);
-    const auto failure =
-        DefaultBrowserRegistration::request(GioDesktopEntries::instance(), QString::fromUtf16(BuildInfo::AppId));
+    const auto failure = DefaultBrowserRegistration::request(GioDesktopEntries::instance(),
+                                                             QString::fromUtf16(BuildInfo::AppId));
     if (failure) {
         debugLog(u"Failed to set default browser: "_s + *failure);
-        qCCritical(lcAppDelegate).noquote() << u"Failed to set default browser: %1"_s.arg(SystemLog::priv(*failure));
+        qCCritical(lcAppDelegate).noquote()
+            << u"Failed to set default browser: %1"_s.arg(SystemLog::priv(*failure));
         return;
     }
     debugLog(u"Successfully requested default browser registration for http + https"_s);

@@ -309,14 +309,18 @@ void AppState::requestSetAsDefaultBrowser()
     QMetaObject::invokeMethod(
         this,
         [this] {
-            const auto failure =
-                DefaultBrowserRegistration::request(m_services.entries, QString::fromUtf16(BuildInfo::AppId));
+            const auto failure = DefaultBrowserRegistration::request(
+                m_services.entries, QString::fromUtf16(BuildInfo::AppId));
             if (failure) {
-                DiagnosticLog::write(u"AppState", QString(u"Failed to set default browser: "_s + *failure));
-                qCCritical(lcAppState).noquote() << u"Failed to set default browser: %1"_s.arg(SystemLog::priv(*failure));
+                DiagnosticLog::write(u"AppState",
+                                     QString(u"Failed to set default browser: "_s + *failure));
+                qCCritical(lcAppState).noquote()
+                    << u"Failed to set default browser: %1"_s.arg(SystemLog::priv(*failure));
                 return;
             }
-            DiagnosticLog::write(u"AppState", u"Successfully requested default browser registration for http + https");
+            DiagnosticLog::write(
+                u"AppState",
+                u"Successfully requested default browser registration for http + https");
             QTimer::singleShot(1000, this, &AppState::refreshDefaultBrowserStatus);
         },
         Qt::QueuedConnection);

@@ -32,8 +32,7 @@ LinkIntake::LinkIntake(AppState &state, SourceAppResolver &resolver, QObject *pa
     : QObject(parent)
     , m_state(state)
     , m_resolver(resolver)
-{
-}
+{}
 
 void LinkIntake::Activate(const QVariantMap &)
 {
@@ -48,7 +47,7 @@ void LinkIntake::Open(const QStringList &uris, const QVariantMap &platformData)
     for (const QString &uri : uris)
         quoted.append(u'"' + uri + u'"');
     debugLog(u"application(_:open:) called with %1 URL(s): [%2]"_s.arg(QString::number(uris.size()),
-                                                                    quoted.join(u", "_s)));
+                                                                       quoted.join(u", "_s)));
     qint64 pid = -1;
     if (calledFromDBus()) {
         const auto reply = connection().interface()->servicePid(message().service());
@@ -63,17 +62,21 @@ void LinkIntake::Open(const QStringList &uris, const QVariantMap &platformData)
     handleURLs(uris, pid, activationToken(platformData));
     if (!refused.isEmpty() && calledFromDBus())
         sendErrorReply(u"work.vorpa.Quillvane.Error.InvalidLink"_s,
-                       u"Quillvane routes only http and https links. Refused: "_s + refused.join(u"; "_s));
+                       u"Quillvane routes only http and https links. Refused: "_s
+                           + refused.join(u"; "_s));
 }
 
-void LinkIntake::ActivateAction(const QString &actionName, const QVariantList &, const QVariantMap &)
+void LinkIntake::ActivateAction(const QString &actionName, const QVariantList &,
+                                const QVariantMap &)
 {
     debugLog(u"ActivateAction requested: "_s + actionName);
     if (calledFromDBus())
-        sendErrorReply(QDBusError::NotSupported, u"Quillvane has no action named \"%1\"."_s.arg(actionName.left(100)));
+        sendErrorReply(QDBusError::NotSupported,
+                       u"Quillvane has no action named \"%1\"."_s.arg(actionName.left(100)));
 }
 
-void LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid, const QString &activationToken)
+void LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
+                            const QString &activationToken)
 {
     for (const QString &uri : uris) {
         if (const auto link = Link::parseWebLink(uri); !link)
@@ -86,7 +89,7 @@ void LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid, const QSt
     } else {
         source = m_resolver.resolve(senderPid);
         debugLog(u"Resolved source app: %1 (%2)"_s.arg(source ? source->name : u"nil"_s,
-                                                        source ? source->bundleID : u"nil"_s));
+                                                       source ? source->bundleID : u"nil"_s));
     }
     for (const QString &uri : uris) {
         const auto link = Link::parseWebLink(uri);
@@ -95,7 +98,8 @@ void LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid, const QSt
         debugLog(u"Routing URL: "_s + link->toString());
         // One task per link, started in order and not awaited.
         QMetaObject::invokeMethod(
-            &m_state, [state = &m_state, url = *link, source, activationToken] {
+            &m_state,
+            [state = &m_state, url = *link, source, activationToken] {
                 state->routeURL(url, source, activationToken);
             },
             Qt::QueuedConnection);

@@ -44,8 +44,9 @@ QVariantMap platformData()
 // instance and waits for its answer.
 int forward(const QStringList &links)
 {
-    QDBusMessage call = QDBusMessage::createMethodCall(QString::fromUtf16(BuildInfo::AppId), ObjectPath,
-                                                       ApplicationInterface, links.isEmpty() ? u"Activate"_s : u"Open"_s);
+    QDBusMessage call = QDBusMessage::createMethodCall(QString::fromUtf16(BuildInfo::AppId),
+                                                       ObjectPath, ApplicationInterface,
+                                                       links.isEmpty() ? u"Activate"_s : u"Open"_s);
     if (links.isEmpty())
         call << platformData();
     else
@@ -85,7 +86,8 @@ int run(int &argc, char **argv, const QByteArrayList &arguments)
 
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected()) {
-        printError(u"no D-Bus session bus is running, so no application can hand Quillvane its links."_s);
+        printError(
+            u"no D-Bus session bus is running, so no application can hand Quillvane its links."_s);
         return 1;
     }
     if (bus.interface()->isServiceRegistered(QString::fromUtf16(BuildInfo::AppId)))
@@ -100,7 +102,8 @@ int run(int &argc, char **argv, const QByteArrayList &arguments)
     }
     delegate.applicationDidFinishLaunching();
     if (!links.isEmpty())
-        delegate.intake().handleURLs(links, QCoreApplication::applicationPid(), platformData().value(u"activation-token"_s).toString());
+        delegate.intake().handleURLs(links, QCoreApplication::applicationPid(),
+                                     platformData().value(u"activation-token"_s).toString());
     return QApplication::exec();
 }
 

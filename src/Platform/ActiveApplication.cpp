@@ -60,7 +60,8 @@ public:
         const uint32_t mask = XCB_EVENT_MASK_PROPERTY_CHANGE;
         xcb_change_window_attributes(m_connection, m_root, XCB_CW_EVENT_MASK, &mask);
         xcb_flush(m_connection);
-        m_notifier = new QSocketNotifier(xcb_get_file_descriptor(m_connection), QSocketNotifier::Read, this);
+        m_notifier =
+            new QSocketNotifier(xcb_get_file_descriptor(m_connection), QSocketNotifier::Read, this);
         connect(m_notifier, &QSocketNotifier::activated, this, &X11ActiveApplication::readEvents);
     }
 
@@ -68,7 +69,8 @@ private:
     xcb_atom_t atom(const char *name)
     {
         xcb_intern_atom_reply_t *reply = xcb_intern_atom_reply(
-            m_connection, xcb_intern_atom(m_connection, 0, uint16_t(std::strlen(name)), name), nullptr);
+            m_connection, xcb_intern_atom(m_connection, 0, uint16_t(std::strlen(name)), name),
+            nullptr);
         const xcb_atom_t result = reply ? reply->atom : xcb_atom_t(XCB_ATOM_NONE);
         std::free(reply);
         return result;
@@ -78,7 +80,8 @@ private:
     {
         QList<quint32> values;
         xcb_get_property_reply_t *reply = xcb_get_property_reply(
-            m_connection, xcb_get_property(m_connection, 0, window, property, XCB_ATOM_ANY, 0, 4096), nullptr);
+            m_connection,
+            xcb_get_property(m_connection, 0, window, property, XCB_ATOM_ANY, 0, 4096), nullptr);
         if (reply && reply->format == 32) {
             const auto *data = static_cast<const quint32 *>(xcb_get_property_value(reply));
             const int count = xcb_get_property_value_length(reply) / 4;

@@ -106,15 +106,16 @@ QList<DesktopEntry> GioDesktopEntries::allEntries()
     return entries;
 }
 
-std::optional<QString> GioDesktopEntries::setDefaultForType(const QString &id, const QString &contentType)
+std::optional<QString> GioDesktopEntries::setDefaultForType(const QString &id,
+                                                            const QString &contentType)
 {
     const QByteArray desktopId = (id + u".desktop").toUtf8();
     GDesktopAppInfo *info = g_desktop_app_info_new(desktopId.constData());
     if (!info)
         return QStringLiteral("The application %1 is not installed.").arg(id);
     GError *error = nullptr;
-    const gboolean done =
-        g_app_info_set_as_default_for_type(G_APP_INFO(info), contentType.toUtf8().constData(), &error);
+    const gboolean done = g_app_info_set_as_default_for_type(
+        G_APP_INFO(info), contentType.toUtf8().constData(), &error);
     g_object_unref(info);
     if (done)
         return std::nullopt;

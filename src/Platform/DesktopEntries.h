@@ -45,7 +45,8 @@ public:
     virtual QList<DesktopEntry> allEntries() = 0;
     // Makes the application the default for a content type such as
     // "x-scheme-handler/https"; the failure's description otherwise.
-    virtual std::optional<QString> setDefaultForType(const QString &id, const QString &contentType) = 0;
+    virtual std::optional<QString> setDefaultForType(const QString &id,
+                                                     const QString &contentType) = 0;
 };
 
 // The registry as GIO sees it.
@@ -57,7 +58,8 @@ public:
     std::optional<DesktopEntry> entryAt(const QString &path) override;
     std::optional<QString> defaultHandler(const QString &scheme) override;
     QList<DesktopEntry> allEntries() override;
-    std::optional<QString> setDefaultForType(const QString &id, const QString &contentType) override;
+    std::optional<QString> setDefaultForType(const QString &id,
+                                             const QString &contentType) override;
 
     // The process's one instance.
     static GioDesktopEntries &instance();

@@ -196,8 +196,7 @@ public:
     explicit LaunchListener(LinuxProcessApps &apps)
         : QObject(&apps)
         , m_apps(apps)
-    {
-    }
+    {}
 
 public Q_SLOTS:
     void launched(const QDBusMessage &message)
@@ -210,7 +209,8 @@ public Q_SLOTS:
         const qint64 pid = arguments[1].toLongLong();
         const QVariantMap platformData = qdbus_cast<QVariantMap>(arguments[3]);
         const QString origin =
-            QString::fromUtf8(platformData.value(u"origin-desktop-file"_s).toByteArray()).remove(QChar(0));
+            QString::fromUtf8(platformData.value(u"origin-desktop-file"_s).toByteArray())
+                .remove(QChar(0));
         const qint64 originPid = platformData.value(u"origin-pid"_s).toLongLong();
         m_apps.recordLaunch(pid, origin, originPid);
     }
@@ -225,24 +225,27 @@ LinuxProcessApps::LinuxProcessApps(DesktopEntries &entries, QString proc, QObjec
     , m_proc(std::move(proc))
     , m_selfId(QString::fromUtf16(BuildInfo::AppId))
     , m_selfExecutableDir(QFileInfo(QCoreApplication::applicationFilePath()).canonicalPath())
-{
-}
+{}
 
 LinuxProcessApps::~LinuxProcessApps() = default;
 
 void LinuxProcessApps::listenForLaunches()
 {
     auto *listener = new LaunchListener(*this);
-    QDBusConnection::sessionBus().connect(QString(), u"/org/gtk/gio/DesktopAppInfo"_s, u"org.gtk.gio.DesktopAppInfo"_s,
-                                          u"Launched"_s, listener, SLOT(launched(QDBusMessage)));
+    QDBusConnection::sessionBus().connect(QString(), u"/org/gtk/gio/DesktopAppInfo"_s,
+                                          u"org.gtk.gio.DesktopAppInfo"_s, u"Launched"_s, listener,
+                                          SLOT(launched(QDBusMessage)));
 }
 
 void LinuxProcessApps::recordLaunch(qint64 pid, const QString &originDesktopFile, qint64 originPid)
 {
     const qint64 now = QDateTime::currentMSecsSinceEpoch();
-    m_launches.removeIf([now](const auto &item) { return now - item.value().when > LaunchRecordLifetimeMs; });
-    m_launches.insert(pid, LaunchRecord{originDesktopFile.isEmpty() ? QString() : desktopFileId(originDesktopFile),
-                                        originPid, now});
+    m_launches.removeIf(
+        [now](const auto &item) { return now - item.value().when > LaunchRecordLifetimeMs; });
+    m_launches.insert(
+        pid,
+        LaunchRecord{originDesktopFile.isEmpty() ? QString() : desktopFileId(originDesktopFile),
+                     originPid, now});
 }
 
 QByteArray LinuxProcessApps::read(qint64 pid, const char *file) const
@@ -289,7 +292,8 @@ std::optional<QString> LinuxProcessApps::idFromExecutable(const QString &exe)
                 program = entry.exec.section(u' ', 0, 0, QString::SectionSkipEmpty).remove(u'"');
             if (!program.contains(u'/'))
                 program = QStandardPaths::findExecutable(program);
-            const QString canonical = program.isEmpty() ? QString() : QFileInfo(program).canonicalFilePath();
+            const QString canonical =
+                program.isEmpty() ? QString() : QFileInfo(program).canonicalFilePath();
             if (canonical.isEmpty())
                 continue;
             // A program shared by several entries (flatpak, env, a shell) names none of them.
@@ -351,14 +355,16 @@ ProcessApps::Lookup LinuxProcessApps::lookup(qint64 pid)
                 return named(*id);
         }
         const QByteArray environment = read(pid, "environ");
-        const auto launchedFile = ProcStat::environmentValue(environment, "GIO_LAUNCHED_DESKTOP_FILE");
-        const auto launchedPid = ProcStat::environmentValue(environment, "GIO_LAUNCHED_DESKTOP_FILE_PID");
+        const auto launchedFile =
+            ProcStat::environmentValue(environment, "GIO_LAUNCHED_DESKTOP_FILE");
+        const auto launchedPid =
+            ProcStat::environmentValue(environment, "GIO_LAUNCHED_DESKTOP_FILE_PID");
         if (launchedFile && launchedPid && launchedPid->toLongLong() == pid) {
             if (const auto id = installedId(desktopFileId(QString::fromUtf8(*launchedFile))))
                 return named(*id);
         }
-        const QString exe = QFileInfo(QFile::decodeName(QFile::encodeName(m_proc + u'/' + QString::number(pid)
-                                                                          + u"/exe")))
+        const QString exe = QFileInfo(QFile::decodeName(QFile::encodeName(
+                                          m_proc + u'/' + QString::number(pid) + u"/exe")))
                                 .symLinkTarget();
         const QFileInfo exeInfo(exe);
         if (exeInfo.canonicalPath() == m_selfExecutableDir

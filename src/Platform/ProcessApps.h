@@ -14,7 +14,8 @@ class ProcessApps
 public:
     struct Lookup
     {
-        enum class Kind {
+        enum class Kind
+        {
             NoProcess,     // no such process, or one of another user
             Terminated,    // it went away (or its id was reused) while being read
             NoApplication, // a process, but of no installed application

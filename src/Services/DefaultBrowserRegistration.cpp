@@ -20,7 +20,8 @@ std::optional<QString> request(DesktopEntries &entries, const QString &appId)
     // Opening a saved page follows the links' handler, as browsers register it.
     for (const QString &type : {u"text/html"_s, u"application/xhtml+xml"_s}) {
         if (const auto failure = entries.setDefaultForType(appId, type))
-            qCInfo(lcRegistration).noquote() << u"Could not become the handler of %1: %2"_s.arg(type, *failure);
+            qCInfo(lcRegistration).noquote()
+                << u"Could not become the handler of %1: %2"_s.arg(type, *failure);
     }
     // Plasma opens links with the browser named in kdeglobals before asking the MIME registry.
     if (qEnvironmentVariable("XDG_CURRENT_DESKTOP").contains(u"KDE"_s, Qt::CaseInsensitive)) {
@@ -28,8 +29,9 @@ std::optional<QString> request(DesktopEntries &entries, const QString &appId)
             const QString program = QStandardPaths::findExecutable(tool);
             if (program.isEmpty())
                 continue;
-            QProcess::execute(program, {u"--file"_s, u"kdeglobals"_s, u"--group"_s, u"General"_s, u"--key"_s,
-                                        u"BrowserApplication"_s, appId + u".desktop"_s});
+            QProcess::execute(program,
+                              {u"--file"_s, u"kdeglobals"_s, u"--group"_s, u"General"_s, u"--key"_s,
+                               u"BrowserApplication"_s, appId + u".desktop"_s});
             break;
         }
     }

@@ -34,14 +34,13 @@ qint64 monotonicMs()
 
 } // namespace
 
-SourceAppResolver::SourceAppResolver(ProcessApps &apps, ActiveApplication &active, std::function<qint64()> now,
-                                     QObject *parent)
+SourceAppResolver::SourceAppResolver(ProcessApps &apps, ActiveApplication &active,
+                                     std::function<qint64()> now, QObject *parent)
     : QObject(parent)
     , m_apps(apps)
     , m_active(active)
     , m_now(now ? std::move(now) : std::function<qint64()>(&monotonicMs))
-{
-}
+{}
 
 std::optional<SourceApp> SourceAppResolver::resolve(qint64 pid)
 {
@@ -67,8 +66,8 @@ std::optional<SourceApp> SourceAppResolver::resolve(qint64 pid)
     if (auto app = fallbackToFrontmostApp()) {
         debugLog(u"Falling back to frontmost app: "_s + describe(*app));
         qCInfo(lcSourceAppResolver).noquote()
-            << u"PID %1 unresolvable, falling back to frontmost app: %2"_s.arg(QString::number(pid),
-                                                                              SystemLog::priv(app->name));
+            << u"PID %1 unresolvable, falling back to frontmost app: %2"_s.arg(
+                   QString::number(pid), SystemLog::priv(app->name));
         lockBurstSource(*app, now);
         return app;
     }
@@ -124,7 +123,8 @@ std::optional<SourceApp> SourceAppResolver::resolveByParentChain(qint64 pid)
             return std::nullopt;
         }
         visited.insert(*parent);
-        debugLog(u"  parentChain[%1]: PID %2 → parent PID %3"_s.arg(depth).arg(current).arg(*parent));
+        debugLog(
+            u"  parentChain[%1]: PID %2 → parent PID %3"_s.arg(depth).arg(current).arg(*parent));
         if (auto app = resolveByPID(*parent))
             return app;
         current = *parent;

@@ -20,8 +20,8 @@ public:
     static constexpr int ParentChainDepth = 10;
 
     // now: a monotonic clock in milliseconds (tests set their own).
-    SourceAppResolver(ProcessApps &apps, ActiveApplication &active, std::function<qint64()> now = {},
-                      QObject *parent = nullptr);
+    SourceAppResolver(ProcessApps &apps, ActiveApplication &active,
+                      std::function<qint64()> now = {}, QObject *parent = nullptr);
 
     std::optional<SourceApp> resolve(qint64 pid);
     void startTracking();

@@ -21,7 +21,8 @@ int ask(const QString &text, const QString &informativeText, const QStringList &
     box.setInformativeText(informativeText);
     QList<QAbstractButton *> added;
     for (const QString &title : buttons)
-        added.append(box.addButton(title, added.isEmpty() ? QMessageBox::AcceptRole : QMessageBox::RejectRole));
+        added.append(box.addButton(title, added.isEmpty() ? QMessageBox::AcceptRole
+                                                          : QMessageBox::RejectRole));
     if (!added.isEmpty())
         box.setDefaultButton(static_cast<QPushButton *>(added.first()));
     box.exec();
