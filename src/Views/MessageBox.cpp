@@ -29,7 +29,7 @@ int ask(const QString &text, const QString &informativeText, const QStringList &
     return int(added.indexOf(box.clickedButton()));
 }
 
-void setNextAnswer(int answer)
+void setNextAnswer(std::optional<int> answer)
 {
     g_nextAnswer = answer;
 }

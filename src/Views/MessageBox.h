@@ -13,8 +13,8 @@ namespace MessageBox {
 // default) and returns the index of the button chosen; -1 when closed.
 int ask(const QString &text, const QString &informativeText, const QStringList &buttons);
 
-// The next ask() returns this answer without showing anything.
-void setNextAnswer(int answer);
+// The next ask() returns this answer without showing anything (none: ask again).
+void setNextAnswer(std::optional<int> answer);
 // What the last ask() asked (for tests).
 QString lastText();
 

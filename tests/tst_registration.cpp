@@ -1,0 +1,120 @@
+// Becoming the default browser: the launch prompt (answered through its seam)
+// and the request, against GIO's real mimeapps.list, on a real X display.
+#include "App/AppDelegate.h"
+#include "App/AppState.h"
+#include "FakeDesktop.h"
+#include "Platform/DesktopEntries.h"
+#include "Views/MessageBox.h"
+
+#include <QApplication>
+#include <QRegularExpression>
+#include <QSignalSpy>
+#include <QTest>
+
+using namespace Qt::Literals::StringLiterals;
+
+class TestRegistration final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void promptLaterChangesNothing();
+    void promptSetAsDefault();
+    void requestFromTheSettingsRechecksASecondLater();
+    void failureIsLoggedAndChangesNothing();
+
+private:
+    QStringList trail() const;
+
+    std::unique_ptr<FakeDesktop> m_desktop;
+    QString m_entry;
+};
+
+void TestRegistration::initTestCase()
+{
+    m_desktop = std::make_unique<FakeDesktop>();
+    m_desktop->addBrowser(u"firefox-esr"_s, u"Firefox ESR"_s);
+    m_entry = m_desktop->addBrowser(u"work.vorpa.Quillvane"_s, u"Quillvane"_s);
+}
+
+QStringList TestRegistration::trail() const
+{
+    QFile file(m_desktop->root() + u"/run/Quillvane.log"_s);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    static const QRegularExpression time(u"^\\[[^\\]]+\\] "_s);
+    QStringList lines = QString::fromUtf8(file.readAll()).split(u'\n', Qt::SkipEmptyParts);
+    for (QString &line : lines)
+        line.remove(time);
+    return lines;
+}
+
+void TestRegistration::promptLaterChangesNothing()
+{
+    AppDelegate delegate;
+    QVERIFY(!delegate.appState().isSystemDefaultBrowser());
+    MessageBox::setNextAnswer(1);
+    delegate.promptSetAsDefaultBrowserIfNeeded();
+    QCOMPARE(MessageBox::lastText(), u"Set Quillvane as Default Browser?"_s);
+    QCOMPARE(trail().mid(trail().size() - 2),
+             (QStringList{u"Not the default browser — showing prompt"_s,
+                          u"User chose 'Later' — skipping default browser registration"_s}));
+    QVERIFY(!delegate.appState().checkIsDefaultBrowser());
+}
+
+void TestRegistration::promptSetAsDefault()
+{
+    AppDelegate delegate;
+    MessageBox::setNextAnswer(0);
+    delegate.promptSetAsDefaultBrowserIfNeeded();
+    QCOMPARE(trail().last(), u"Successfully requested default browser registration for http + https"_s);
+    QVERIFY(delegate.appState().checkIsDefaultBrowser());
+    QCOMPARE(GioDesktopEntries::instance().defaultHandler(u"http"_s), u"work.vorpa.Quillvane"_s);
+    QFile mimeapps(m_desktop->configHome() + u"/mimeapps.list"_s);
+    QVERIFY(mimeapps.open(QIODevice::ReadOnly));
+    const QByteArray associations = mimeapps.readAll();
+    QVERIFY(associations.contains("text/html=work.vorpa.Quillvane.desktop"));
+
+    // Already the default: no prompt.
+    MessageBox::setNextAnswer(1);
+    delegate.promptSetAsDefaultBrowserIfNeeded();
+    QCOMPARE(trail().last(), u"Already the default browser — skipping prompt"_s);
+    MessageBox::setNextAnswer(std::nullopt);
+    QFile::remove(m_desktop->configHome() + u"/mimeapps.list"_s);
+}
+
+void TestRegistration::requestFromTheSettingsRechecksASecondLater()
+{
+    AppDelegate delegate;
+    AppState &state = delegate.appState();
+    QVERIFY(!state.isSystemDefaultBrowser());
+    QSignalSpy changed(&state, &AppState::isSystemDefaultBrowserChanged);
+    QElapsedTimer clock;
+    clock.start();
+    state.requestSetAsDefaultBrowser();
+    QVERIFY(changed.wait(3000));
+    QVERIFY(clock.elapsed() >= 900);
+    QVERIFY(state.isSystemDefaultBrowser());
+    QVERIFY(trail().contains(u"[AppState] Successfully requested default browser registration for http + https"_s));
+    QTest::qWait(1200);
+    QCOMPARE(changed.size(), 1);
+    QFile::remove(m_desktop->configHome() + u"/mimeapps.list"_s);
+}
+
+void TestRegistration::failureIsLoggedAndChangesNothing()
+{
+    AppDelegate delegate;
+    QFile::remove(m_entry);
+    m_desktop->refreshDatabase();
+    QTest::qWait(300);
+    QTest::ignoreMessage(QtCriticalMsg, "Failed to set default browser: <private>");
+    delegate.appState().requestSetAsDefaultBrowser();
+    QTRY_VERIFY(trail().last().startsWith(u"[AppState] Failed to set default browser: "_s));
+    QTest::qWait(1200);
+    QVERIFY(!delegate.appState().isSystemDefaultBrowser());
+    QVERIFY(!QFile::exists(m_desktop->configHome() + u"/mimeapps.list"_s));
+}
+
+QTEST_MAIN(TestRegistration)
+#include "tst_registration.moc"
