@@ -26,6 +26,8 @@ private Q_SLOTS:
 
 private:
     QStringList trail() const;
+    // Removes the associations, and waits until GIO has noticed.
+    void forgetDefaults();
 
     std::unique_ptr<FakeDesktop> m_desktop;
     QString m_entry;
@@ -50,6 +52,13 @@ QStringList TestRegistration::trail() const
     return lines;
 }
 
+void TestRegistration::forgetDefaults()
+{
+    QFile::remove(m_desktop->configHome() + u"/mimeapps.list"_s);
+    QTRY_VERIFY(GioDesktopEntries::instance().defaultHandler(u"https"_s)
+                != u"work.vorpa.Quillvane"_s);
+}
+
 void TestRegistration::promptLaterChangesNothing()
 {
     AppDelegate delegate;
@@ -68,7 +77,8 @@ void TestRegistration::promptSetAsDefault()
     AppDelegate delegate;
     MessageBox::setNextAnswer(0);
     delegate.promptSetAsDefaultBrowserIfNeeded();
-    QCOMPARE(trail().last(), u"Successfully requested default browser registration for http + https"_s);
+    QCOMPARE(trail().last(),
+             u"Successfully requested default browser registration for http + https"_s);
     QVERIFY(delegate.appState().checkIsDefaultBrowser());
     QCOMPARE(GioDesktopEntries::instance().defaultHandler(u"http"_s), u"work.vorpa.Quillvane"_s);
     QFile mimeapps(m_desktop->configHome() + u"/mimeapps.list"_s);
@@ -81,7 +91,7 @@ void TestRegistration::promptSetAsDefault()
     delegate.promptSetAsDefaultBrowserIfNeeded();
     QCOMPARE(trail().last(), u"Already the default browser — skipping prompt"_s);
     MessageBox::setNextAnswer(std::nullopt);
-    QFile::remove(m_desktop->configHome() + u"/mimeapps.list"_s);
+    forgetDefaults();
 }
 
 void TestRegistration::requestFromTheSettingsRechecksASecondLater()
@@ -96,10 +106,11 @@ void TestRegistration::requestFromTheSettingsRechecksASecondLater()
     QVERIFY(changed.wait(3000));
     QVERIFY(clock.elapsed() >= 900);
     QVERIFY(state.isSystemDefaultBrowser());
-    QVERIFY(trail().contains(u"[AppState] Successfully requested default browser registration for http + https"_s));
+    QVERIFY(trail().contains(
+        u"[AppState] Successfully requested default browser registration for http + https"_s));
     QTest::qWait(1200);
     QCOMPARE(changed.size(), 1);
-    QFile::remove(m_desktop->configHome() + u"/mimeapps.list"_s);
+    forgetDefaults();
 }
 
 void TestRegistration::failureIsLoggedAndChangesNothing()

@@ -8,6 +8,7 @@
 #include "Services/URLCleaner.h"
 #include "Services/URLRouter.h"
 #include "Storage/HistoryStore.h"
+#include "Storage/UserSettings.h"
 
 #include <QMetaObject>
 
@@ -248,6 +249,9 @@ void RouteTask::failed(const QString &statusText, const QString &diagnosticLine,
 
 void RouteTask::finish()
 {
+    // Today's count (and the history, when the link opened) on disk before
+    // the route counts as done.
+    UserSettings::commit(m_state.store().settings());
     Q_EMIT m_state.routeFinished();
     deleteLater();
 }

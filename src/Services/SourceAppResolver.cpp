@@ -12,10 +12,31 @@ QUILLVANE_LOGGING_CATEGORY(lcSourceAppResolver, "SourceAppResolver")
 
 namespace {
 
+// The lines of one resolution, written to the trail together when it ends:
+// a parent chain writes a dozen lines, and the sender waits for its answer.
+QStringList *g_pendingLines = nullptr;
+
 void debugLog(const QString &message)
 {
-    DiagnosticLog::write(u"SourceAppResolver", message);
+    if (g_pendingLines)
+        g_pendingLines->append(message);
+    else
+        DiagnosticLog::write(u"SourceAppResolver", message);
 }
+
+class BatchedLines final
+{
+public:
+    BatchedLines() { g_pendingLines = &m_lines; }
+    ~BatchedLines()
+    {
+        g_pendingLines = nullptr;
+        DiagnosticLog::writeLines(u"SourceAppResolver", m_lines);
+    }
+
+private:
+    QStringList m_lines;
+};
 
 QString describe(const SourceApp &app)
 {
@@ -44,6 +65,7 @@ SourceAppResolver::SourceAppResolver(ProcessApps &apps, ActiveApplication &activ
 
 std::optional<SourceApp> SourceAppResolver::resolve(qint64 pid)
 {
+    const BatchedLines batch;
     debugLog(u"resolve(pid: %1)"_s.arg(pid));
     if (auto app = resolveByPID(pid)) {
         debugLog(u"Direct PID resolution succeeded: "_s + describe(*app));

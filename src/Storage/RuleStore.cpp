@@ -57,8 +57,10 @@ qint64 RuleStore::incrementTodayCount()
 {
     resetCountIfNeeded();
     const qint64 count = SettingsKeys::read(m_settings, SettingsKeys::TodayForwardCount) + 1;
+    // Written now, put on disk when the link's route ends (see RouteTask): one
+    // disk write then carries both the count and the history, after the
+    // browser has the link rather than before.
     m_settings.setValue(SettingsKeys::TodayForwardCount.name, count);
-    UserSettings::commit(m_settings);
     return count;
 }
 

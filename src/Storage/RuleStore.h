@@ -29,6 +29,7 @@ public:
     void saveDefaultBrowserBundleID(const QString &bundleID);
 
     qint64 loadTodayCount();
+    // The new count is in the settings at once; its caller syncs them.
     qint64 incrementTodayCount();
 
     // "yyyy-MM-dd" of a local date, whatever the user's locale and calendar.

@@ -1,0 +1,184 @@
+// Latency of a click, side by side in one run: the time from starting what a
+// desktop starts when a link is clicked to the browser's main(), with and
+// without Quillvane in between; Quillvane's cold start and idle memory.
+// Runs against Quillvane installed from the build tree, on a session bus of its
+// own. Usage: latency_harness [rounds]
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QDBusMetaType>
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QThread>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+#include <functional>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+
+QString g_root;
+QString g_stamp;
+
+qint64 nowNs()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return qint64(now.tv_sec) * 1000000000LL + now.tv_nsec;
+}
+
+void writeFile(const QString &path, const QByteArray &contents)
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    file.open(QIODevice::WriteOnly);
+    file.write(contents);
+}
+
+// Starts command and returns the milliseconds until the fake browser's main().
+double clickToBrowser(const QString &program, const QStringList &arguments)
+{
+    QFile::remove(g_stamp);
+    const qint64 start = nowNs();
+    QProcess process;
+    process.start(program, arguments);
+    qint64 stamp = -1;
+    for (int i = 0; i < 200000 && stamp < 0; ++i) {
+        QFile file(g_stamp);
+        if (file.open(QIODevice::ReadOnly))
+            stamp = file.readAll().trimmed().toLongLong();
+        else
+            QThread::usleep(100);
+    }
+    process.waitForFinished(10000);
+    return stamp < 0 ? -1 : double(stamp - start) / 1e6;
+}
+
+double median(QList<double> values)
+{
+    std::sort(values.begin(), values.end());
+    return values.isEmpty() ? -1 : values[values.size() / 2];
+}
+
+void setDefault(const QString &desktopId)
+{
+    writeFile(g_root + u"/config/mimeapps.list"_s,
+              "[Default Applications]\nx-scheme-handler/https=" + desktopId.toUtf8() + "\n");
+}
+
+qint64 instancePid()
+{
+    const auto reply =
+        QDBusConnection::sessionBus().interface()->servicePid(u"work.vorpa.Quillvane"_s);
+    return reply.isValid() ? qint64(reply.value()) : -1;
+}
+
+void stopInstance()
+{
+    if (const qint64 pid = instancePid(); pid > 0)
+        ::kill(pid_t(pid), SIGTERM);
+    while (
+        QDBusConnection::sessionBus().interface()->isServiceRegistered(u"work.vorpa.Quillvane"_s))
+        QThread::msleep(5);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    const int rounds = argc > 1 ? std::max(5, atoi(argv[1])) : 30;
+    QTemporaryDir root;
+    g_root = root.path();
+    g_stamp = g_root + u"/stamp"_s;
+    const QString prefix = g_root + u"/prefix"_s;
+    QProcess::execute(u"cmake"_s,
+                      {u"--install"_s, QStringLiteral(QUILLVANE_BUILD_DIR), u"--prefix"_s, prefix});
+
+    const QString browser = QStringLiteral(FAKE_BROWSER);
+    writeFile(g_root + u"/data/applications/fake-browser.desktop"_s,
+              "[Desktop Entry]\nType=Application\nName=Fake\nExec=" + browser.toUtf8()
+                  + " %u\nMimeType=x-scheme-handler/https;\n");
+    QProcess::execute(u"update-desktop-database"_s, {u"-q"_s, g_root + u"/data/applications"_s});
+    writeFile(g_root + u"/config/Quillvane/Quillvane.conf"_s,
+              "[General]\ndefault_browser_bundle_id=fake-browser\n");
+    QDir().mkpath(g_root + u"/run"_s);
+    QFile::setPermissions(g_root + u"/run"_s,
+                          QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    qputenv("XDG_DATA_HOME", QFile::encodeName(g_root + u"/data"_s));
+    qputenv("XDG_DATA_DIRS", QFile::encodeName(prefix + u"/share"_s));
+    qputenv("XDG_CONFIG_HOME", QFile::encodeName(g_root + u"/config"_s));
+    qputenv("XDG_RUNTIME_DIR", QFile::encodeName(g_root + u"/run"_s));
+    qputenv("FAKE_BROWSER_STAMP", QFile::encodeName(g_stamp));
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+
+    writeFile(
+        g_root + u"/bus.conf"_s,
+        "<busconfig><type>session</type><keep_umask/><listen>unix:tmpdir=/tmp</listen><servicedir>"
+            + QFile::encodeName(prefix)
+            + "/share/dbus-1/services</servicedir><policy context=\"default\">"
+              "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>"
+              "<allow own=\"*\"/></policy></busconfig>\n");
+    QProcess bus;
+    bus.start(u"dbus-daemon"_s, {u"--config-file="_s + g_root + u"/bus.conf"_s,
+                                 u"--print-address=1"_s, u"--nofork"_s});
+    bus.waitForReadyRead(5000);
+    qputenv("DBUS_SESSION_BUS_ADDRESS", bus.readLine().trimmed());
+
+    const QString open = prefix + u"/bin/quillvane-open"_s;
+    const QString url = u"https://example.com/article?id=1"_s;
+
+    // Cold: the first link starts Quillvane through D-Bus activation.
+    const double firstLink = clickToBrowser(open, {url});
+    stopInstance();
+    const qint64 startedAt = nowNs();
+    QProcess instance;
+    instance.start(prefix + u"/bin/quillvane"_s);
+    while (
+        !QDBusConnection::sessionBus().interface()->isServiceRegistered(u"work.vorpa.Quillvane"_s))
+        QThread::usleep(200);
+    const double nameOwned = double(nowNs() - startedAt) / 1e6;
+
+    QList<double> direct, forwarded, gioDirect, gioQuillvane;
+    for (int i = 0; i < rounds; ++i) {
+        direct.append(clickToBrowser(browser, {url}));
+        forwarded.append(clickToBrowser(open, {url}));
+        setDefault(u"fake-browser.desktop"_s);
+        gioDirect.append(clickToBrowser(u"gio"_s, {u"open"_s, url}));
+        setDefault(u"work.vorpa.Quillvane.desktop"_s);
+        gioQuillvane.append(clickToBrowser(u"gio"_s, {u"open"_s, url}));
+    }
+
+    QThread::sleep(2);
+    QFile status(u"/proc/%1/status"_s.arg(instance.processId()));
+    status.open(QIODevice::ReadOnly);
+    QByteArray rss = "?";
+    for (const QByteArray &line : status.readAll().split('\n')) {
+        if (line.startsWith("VmRSS:"))
+            rss = line.mid(6).trimmed();
+    }
+
+    std::printf("rounds: %d (medians, milliseconds from start to the browser's main())\n", rounds);
+    std::printf("fake browser started directly        %7.2f\n", median(direct));
+    std::printf("quillvane-open URL                   %7.2f  (+%.2f)\n", median(forwarded),
+                median(forwarded) - median(direct));
+    std::printf("gio open, fake browser as default    %7.2f\n", median(gioDirect));
+    std::printf("gio open, Quillvane as default       %7.2f  (+%.2f)\n", median(gioQuillvane),
+                median(gioQuillvane) - median(gioDirect));
+    std::printf("first link, Quillvane not running    %7.2f  (D-Bus activation)\n", firstLink);
+    std::printf("cold start to the bus name owned     %7.2f\n", nameOwned);
+    std::printf("instance memory after the run (RSS)  %s (no tray yet)\n", rss.constData());
+
+    instance.terminate();
+    instance.waitForFinished(5000);
+    bus.terminate();
+    bus.waitForFinished(5000);
+    return 0;
+}
