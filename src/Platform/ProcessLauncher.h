@@ -25,8 +25,8 @@ public:
                                       const QString &activationToken) = 0;
 };
 
-// Spawns through GLib (posix_spawn, reaped by a child watch on the main loop)
-// and activates through GIO.
+// Spawns with posix_spawn (reaped by a GLib child watch on the main loop) and
+// activates through GIO.
 class GioProcessLauncher final : public ProcessLauncher
 {
 public:
