@@ -45,6 +45,15 @@ DesktopEntry toEntry(GDesktopAppInfo *info)
     return entry;
 }
 
+std::optional<DesktopEntry> takeEntry(GDesktopAppInfo *info)
+{
+    if (!info)
+        return std::nullopt;
+    DesktopEntry result = toEntry(info);
+    g_object_unref(info);
+    return result;
+}
+
 } // namespace
 
 QList<DesktopEntry> GioDesktopEntries::handlersForScheme(const QString &scheme)
@@ -63,23 +72,12 @@ QList<DesktopEntry> GioDesktopEntries::handlersForScheme(const QString &scheme)
 std::optional<DesktopEntry> GioDesktopEntries::entry(const QString &id)
 {
     const QByteArray desktopId = (id + u".desktop").toUtf8();
-    GDesktopAppInfo *info = g_desktop_app_info_new(desktopId.constData());
-    if (!info)
-        return std::nullopt;
-    DesktopEntry result = toEntry(info);
-    g_object_unref(info);
-    return result;
+    return takeEntry(g_desktop_app_info_new(desktopId.constData()));
 }
 
 std::optional<DesktopEntry> GioDesktopEntries::entryAt(const QString &path)
 {
-    GDesktopAppInfo *info =
-        g_desktop_app_info_new_from_filename(QFile::encodeName(path).constData());
-    if (!info)
-        return std::nullopt;
-    DesktopEntry result = toEntry(info);
-    g_object_unref(info);
-    return result;
+    return takeEntry(g_desktop_app_info_new_from_filename(QFile::encodeName(path).constData()));
 }
 
 std::optional<QString> GioDesktopEntries::defaultHandler(const QString &scheme)
