@@ -45,8 +45,8 @@ void TestActiveWindow::cleanupTestCase()
 
 xcb_atom_t TestActiveWindow::atom(const char *name)
 {
-    auto *reply = xcb_intern_atom_reply(m_connection,
-                                        xcb_intern_atom(m_connection, 0, uint16_t(std::strlen(name)), name), nullptr);
+    auto *reply = xcb_intern_atom_reply(
+        m_connection, xcb_intern_atom(m_connection, 0, uint16_t(std::strlen(name)), name), nullptr);
     const xcb_atom_t result = reply->atom;
     std::free(reply);
     return result;
@@ -57,12 +57,12 @@ xcb_window_t TestActiveWindow::window(quint32 pid, bool hidden)
     const xcb_window_t id = xcb_generate_id(m_connection);
     xcb_create_window(m_connection, XCB_COPY_FROM_PARENT, id, m_root, 0, 0, 10, 10, 0,
                       XCB_WINDOW_CLASS_INPUT_OUTPUT, XCB_COPY_FROM_PARENT, 0, nullptr);
-    xcb_change_property(m_connection, XCB_PROP_MODE_REPLACE, id, atom("_NET_WM_PID"), XCB_ATOM_CARDINAL, 32, 1,
-                        &pid);
+    xcb_change_property(m_connection, XCB_PROP_MODE_REPLACE, id, atom("_NET_WM_PID"),
+                        XCB_ATOM_CARDINAL, 32, 1, &pid);
     if (hidden) {
         const xcb_atom_t state = atom("_NET_WM_STATE_HIDDEN");
-        xcb_change_property(m_connection, XCB_PROP_MODE_REPLACE, id, atom("_NET_WM_STATE"), XCB_ATOM_ATOM, 32, 1,
-                            &state);
+        xcb_change_property(m_connection, XCB_PROP_MODE_REPLACE, id, atom("_NET_WM_STATE"),
+                            XCB_ATOM_ATOM, 32, 1, &state);
     }
     xcb_flush(m_connection);
     return id;
@@ -70,8 +70,8 @@ xcb_window_t TestActiveWindow::window(quint32 pid, bool hidden)
 
 void TestActiveWindow::setRootWindows(const char *property, const QList<xcb_window_t> &windows)
 {
-    xcb_change_property(m_connection, XCB_PROP_MODE_REPLACE, m_root, atom(property), XCB_ATOM_WINDOW, 32,
-                        uint32_t(windows.size()), windows.constData());
+    xcb_change_property(m_connection, XCB_PROP_MODE_REPLACE, m_root, atom(property),
+                        XCB_ATOM_WINDOW, 32, uint32_t(windows.size()), windows.constData());
     xcb_flush(m_connection);
 }
 

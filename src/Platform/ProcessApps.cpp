@@ -13,6 +13,7 @@
 #include <QSettings>
 #include <QStandardPaths>
 
+#include <gio/gio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -177,7 +178,6 @@ std::optional<QByteArray> environmentValue(QByteArrayView environment, QByteArra
 
 namespace {
 constexpr qint64 LaunchRecordLifetimeMs = 10000;
-constexpr qint64 ExecutableIndexLifetimeMs = 30000;
 
 QString desktopFileId(const QString &path)
 {
@@ -227,10 +227,23 @@ LinuxProcessApps::LinuxProcessApps(DesktopEntries &entries, QString proc, QObjec
     , m_selfExecutableDir(QFileInfo(QCoreApplication::applicationFilePath()).canonicalPath())
 {}
 
-LinuxProcessApps::~LinuxProcessApps() = default;
+LinuxProcessApps::~LinuxProcessApps()
+{
+    if (m_monitor) {
+        g_signal_handler_disconnect(m_monitor, m_monitorHandler);
+        g_object_unref(m_monitor);
+    }
+}
 
 void LinuxProcessApps::listenForLaunches()
 {
+    GAppInfoMonitor *monitor = g_app_info_monitor_get();
+    m_monitor = monitor;
+    m_monitorHandler =
+        g_signal_connect(monitor, "changed", G_CALLBACK(+[](GAppInfoMonitor *, gpointer self) {
+                             static_cast<LinuxProcessApps *>(self)->m_executablesValid = false;
+                         }),
+                         this);
     auto *listener = new LaunchListener(*this);
     QDBusConnection::sessionBus().connect(QString(), u"/org/gtk/gio/DesktopAppInfo"_s,
                                           u"org.gtk.gio.DesktopAppInfo"_s, u"Launched"_s, listener,
@@ -282,8 +295,9 @@ ProcessApps::Lookup LinuxProcessApps::named(const QString &id)
 
 std::optional<QString> LinuxProcessApps::idFromExecutable(const QString &exe)
 {
-    const qint64 now = QDateTime::currentMSecsSinceEpoch();
-    if (m_executablesReadAt < 0 || now - m_executablesReadAt > ExecutableIndexLifetimeMs) {
+    // Built once, and again only after GIO reports a change of the installed
+    // applications: reading every desktop entry on a click would cost milliseconds.
+    if (!m_executablesValid) {
         m_executables.clear();
         QSet<QString> ambiguous;
         for (const DesktopEntry &entry : m_entries.allEntries()) {
@@ -303,7 +317,7 @@ std::optional<QString> LinuxProcessApps::idFromExecutable(const QString &exe)
         }
         for (const QString &program : std::as_const(ambiguous))
             m_executables.remove(program);
-        m_executablesReadAt = now;
+        m_executablesValid = true;
     }
     const auto it = m_executables.constFind(exe);
     return it == m_executables.cend() ? std::nullopt : std::optional<QString>(*it);

@@ -88,6 +88,9 @@ private:
     QString m_selfExecutableDir;
     QHash<qint64, LaunchRecord> m_launches;
     QHash<QString, QString> m_executables;
-    qint64 m_executablesReadAt = -1;
+    bool m_executablesValid = false;
+    // GIO's application monitor (a GAppInfoMonitor), held while listening.
+    void *m_monitor = nullptr;
+    unsigned long m_monitorHandler = 0;
     int m_depth = 0;
 };

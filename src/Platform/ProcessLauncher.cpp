@@ -113,7 +113,8 @@ void activationFinished(GObject *source, GAsyncResult *result, gpointer data)
 
 } // namespace
 
-ProcessLauncher::Failure GioProcessLauncher::spawn(const QStringList &argv, const QString &workingDirectory,
+ProcessLauncher::Failure GioProcessLauncher::spawn(const QStringList &argv,
+                                                   const QString &workingDirectory,
                                                    const QString &activationToken)
 {
     if (argv.isEmpty() || argv.first().isEmpty())
@@ -142,7 +143,8 @@ ProcessLauncher::Failure GioProcessLauncher::spawn(const QStringList &argv, cons
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
     // A session of its own: the browser outlives Quillvane and its terminal.
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    posix_spawnattr_setflags(&attributes,
+                             POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     sigset_t none;
     sigemptyset(&none);
     posix_spawnattr_setsigmask(&attributes, &none);
@@ -152,14 +154,17 @@ ProcessLauncher::Failure GioProcessLauncher::spawn(const QStringList &argv, cons
 
     gchar **environment = childEnvironment(activationToken);
     pid_t pid = 0;
-    const int error = posix_spawnp(&pid, arguments.front(), &actions, &attributes, arguments.data(), environment);
+    const int error =
+        posix_spawnp(&pid, arguments.front(), &actions, &attributes, arguments.data(), environment);
     g_strfreev(environment);
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0)
-        return u"Failed to execute child process “%1” (%2)"_s.arg(argv.first(), QString::fromLocal8Bit(std::strerror(error)));
+        return u"Failed to execute child process “%1” (%2)"_s.arg(
+            argv.first(), QString::fromLocal8Bit(std::strerror(error)));
     // Reaped by the main loop when it exits, whenever that is.
-    g_child_watch_add(pid, [](GPid child, gint, gpointer) { g_spawn_close_pid(child); }, nullptr);
+    g_child_watch_add(
+        pid, [](GPid child, gint, gpointer) { g_spawn_close_pid(child); }, nullptr);
     return std::nullopt;
 }
 
