@@ -78,10 +78,16 @@ void LinkIntake::ActivateAction(const QString &actionName, const QVariantList &,
 void LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
                             const QString &activationToken)
 {
+    QList<Link> links;
     for (const QString &uri : uris) {
-        if (const auto link = Link::parseWebLink(uri); !link)
+        auto link = Link::parseWebLink(uri);
+        if (link)
+            links.append(std::move(link).value());
+        else
             debugLog(u"Refusing link %1: %2"_s.arg(uri.left(200), link.error().description));
     }
+    if (links.isEmpty())
+        return;
     debugLog(u"Sender PID: %1"_s.arg(senderPid));
     std::optional<SourceApp> source;
     if (senderPid < 1) {
@@ -91,15 +97,12 @@ void LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
         debugLog(u"Resolved source app: %1 (%2)"_s.arg(source ? source->name : u"nil"_s,
                                                        source ? source->bundleID : u"nil"_s));
     }
-    for (const QString &uri : uris) {
-        const auto link = Link::parseWebLink(uri);
-        if (!link)
-            continue;
-        debugLog(u"Routing URL: "_s + link->toString());
+    for (const Link &link : std::as_const(links)) {
+        debugLog(u"Routing URL: "_s + link.toString());
         // One task per link, started in order and not awaited.
         QMetaObject::invokeMethod(
             &m_state,
-            [state = &m_state, url = *link, source, activationToken] {
+            [state = &m_state, url = link, source, activationToken] {
                 state->routeURL(url, source, activationToken);
             },
             Qt::QueuedConnection);
