@@ -106,6 +106,15 @@ int main(int argc, char **argv)
                       {u"--install"_s, QStringLiteral(QUILLVANE_BUILD_DIR), u"--prefix"_s, prefix});
 
     const QString browser = QStringLiteral(FAKE_BROWSER);
+    // The application the user clicks in: a copy of the shell with a desktop
+    // entry of its own, so that Quillvane finds it as the link's source, as it
+    // finds a real application (the resolver's parent chain ends at once).
+    const QString clicker = g_root + u"/bin/mail-client"_s;
+    QDir().mkpath(g_root + u"/bin"_s);
+    QFile::copy(u"/bin/sh"_s, clicker);
+    QFile::setPermissions(clicker, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    writeFile(g_root + u"/data/applications/mail-client.desktop"_s,
+              "[Desktop Entry]\nType=Application\nName=Mail\nExec=" + clicker.toUtf8() + "\n");
     writeFile(g_root + u"/data/applications/fake-browser.desktop"_s,
               "[Desktop Entry]\nType=Application\nName=Fake\nExec=" + browser.toUtf8()
                   + " %u\nMimeType=x-scheme-handler/https;\n");
@@ -149,14 +158,18 @@ int main(int argc, char **argv)
         QThread::usleep(200);
     const double nameOwned = double(nowNs() - startedAt) / 1e6;
 
+    // Each command runs as a child of the clicking application.
+    const auto click = [&](const QString &command) {
+        return clickToBrowser(clicker, {u"-c"_s, command + u"; true"_s});
+    };
     QList<double> direct, forwarded, gioDirect, gioQuillvane;
     for (int i = 0; i < rounds; ++i) {
-        direct.append(clickToBrowser(browser, {url}));
-        forwarded.append(clickToBrowser(open, {url}));
+        direct.append(click(browser + u' ' + url));
+        forwarded.append(click(open + u' ' + url));
         setDefault(u"fake-browser.desktop"_s);
-        gioDirect.append(clickToBrowser(u"gio"_s, {u"open"_s, url}));
+        gioDirect.append(click(u"gio open "_s + url));
         setDefault(u"work.vorpa.Quillvane.desktop"_s);
-        gioQuillvane.append(clickToBrowser(u"gio"_s, {u"open"_s, url}));
+        gioQuillvane.append(click(u"gio open "_s + url));
     }
 
     QThread::sleep(2);
@@ -168,7 +181,9 @@ int main(int argc, char **argv)
             rss = line.mid(6).trimmed();
     }
 
-    std::printf("rounds: %d (medians, milliseconds from start to the browser's main())\n", rounds);
+    std::printf("rounds: %d (medians, milliseconds from a click in an application to the browser's "
+                "main())\n",
+                rounds);
     std::printf("fake browser started directly        %7.2f\n", median(direct));
     std::printf("quillvane-open URL                   %7.2f  (+%.2f)\n", median(forwarded),
                 median(forwarded) - median(direct));

@@ -58,9 +58,6 @@ void RouteTask::start(AppState &state, const Link &url, const std::optional<Sour
     if (!(working == url))
         debugLog(u"routeURL() — cleaned URL: %1"_s.arg(working.toString()));
 
-    state.m_todayForwardCount = state.store().incrementTodayCount();
-    Q_EMIT state.todayForwardCountChanged();
-
     auto *task = new RouteTask(state, url, working, source, activationToken);
     if (!state.rulesEnabled()) {
         const QString fallbackID = state.defaultBrowserBundleID();
@@ -70,10 +67,14 @@ void RouteTask::start(AppState &state, const Link &url, const std::optional<Sour
         QMetaObject::invokeMethod(
             task, [task, fallbackID, fallbackName] { task->runPaused(fallbackID, fallbackName); },
             Qt::QueuedConnection);
-        return;
+    } else {
+        QMetaObject::invokeMethod(
+            task, [task] { task->runRouting(); }, Qt::QueuedConnection);
     }
-    QMetaObject::invokeMethod(
-        task, [task] { task->runRouting(); }, Qt::QueuedConnection);
+    // Counted after the task is queued: a changed QSettings queues its own
+    // write to disk, and that write must come after the browser has the link.
+    state.m_todayForwardCount = state.store().incrementTodayCount();
+    Q_EMIT state.todayForwardCountChanged();
 }
 
 QString RouteTask::sourceName() const
