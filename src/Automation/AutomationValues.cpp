@@ -1,0 +1,111 @@
+#include "Automation/AutomationValues.h"
+
+#include "App/AppState.h"
+#include "Models/JsonFields.h"
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace Automation {
+
+namespace {
+
+template<typename Entity> QList<Entity> keepIds(const QList<Entity> &all, const QStringList &ids)
+{
+    QList<Entity> kept;
+    std::copy_if(all.cbegin(), all.cend(), std::back_inserter(kept),
+                 [&ids](const Entity &entity) { return ids.contains(entity.id); });
+    return kept;
+}
+
+} // namespace
+
+RuleEntity RuleEntity::from(const RoutingRule &rule)
+{
+    QString summary;
+    if (!rule.sourceAppBundleID.isEmpty()) {
+        summary = rule.sourceAppName;
+        if (rule.urlPattern)
+            summary += u" + " + *rule.urlPattern;
+        summary += u" → " + rule.targetBrowserName;
+    } else if (rule.urlPattern) {
+        summary = *rule.urlPattern + u" → " + rule.targetBrowserName;
+    } else {
+        summary = u"→ " + rule.targetBrowserName;
+    }
+    return RuleEntity{JsonFields::uuidText(rule.id), summary};
+}
+
+const QList<FeatureInfo> &features()
+{
+    static const QList<FeatureInfo> list{
+        {Feature::UrlCleaning, u"urlCleaning", u"URL Cleaning"},
+        {Feature::UrlExpansion, u"urlExpansion", u"URL Expansion"},
+        {Feature::LaunchAtLogin, u"launchAtLogin", u"Launch at Login"},
+        {Feature::PauseRules, u"pauseRules", u"Pause Rules"},
+    };
+    return list;
+}
+
+std::optional<Feature> featureFromRawValue(QStringView rawValue)
+{
+    for (const FeatureInfo &info : features()) {
+        if (info.rawValue == rawValue)
+            return info.feature;
+    }
+    return std::nullopt;
+}
+
+QString IntentError::description() const
+{
+    if (kind == Kind::AppNotReady)
+        return u"Quillvane is not running. Please launch the app first."_s;
+    return message;
+}
+
+Expected<AppState *, IntentError> sharedState()
+{
+    AppState *state = AppState::shared();
+    if (!state)
+        return IntentError::appNotReady();
+    return state;
+}
+
+Expected<QList<BrowserEntity>, IntentError> allBrowsers()
+{
+    const auto state = sharedState();
+    if (!state)
+        return state.error();
+    QList<BrowserEntity> result;
+    for (const BrowserInfo &browser : (*state)->browsers())
+        result.append(BrowserEntity::from(browser));
+    return result;
+}
+
+Expected<QList<BrowserEntity>, IntentError> browsers(const QStringList &ids)
+{
+    const auto all = allBrowsers();
+    if (!all)
+        return all.error();
+    return keepIds(*all, ids);
+}
+
+Expected<QList<RuleEntity>, IntentError> allRules()
+{
+    const auto state = sharedState();
+    if (!state)
+        return state.error();
+    QList<RuleEntity> result;
+    for (const RoutingRule &rule : (*state)->rules())
+        result.append(RuleEntity::from(rule));
+    return result;
+}
+
+Expected<QList<RuleEntity>, IntentError> rules(const QStringList &ids)
+{
+    const auto all = allRules();
+    if (!all)
+        return all.error();
+    return keepIds(*all, ids);
+}
+
+} // namespace Automation

@@ -1,0 +1,85 @@
+#pragma once
+
+#include "Models/BrowserInfo.h"
+#include "Models/Expected.h"
+#include "Models/RoutingRule.h"
+
+#include <QList>
+#include <QString>
+
+#include <optional>
+
+class AppState;
+
+// The values scripts exchange with Quillvane: browsers, rules and the
+// features they can switch, and the errors every action may answer with.
+namespace Automation {
+
+struct BrowserEntity
+{
+    QString id;
+    QString name;
+
+    static BrowserEntity from(const BrowserInfo &browser)
+    {
+        return {browser.bundleID, browser.name};
+    }
+    friend bool operator==(const BrowserEntity &, const BrowserEntity &) = default;
+};
+
+struct RuleEntity
+{
+    QString id;
+    QString summary;
+
+    static RuleEntity from(const RoutingRule &rule);
+    friend bool operator==(const RuleEntity &, const RuleEntity &) = default;
+};
+
+enum class Feature
+{
+    UrlCleaning,
+    UrlExpansion,
+    LaunchAtLogin,
+    PauseRules
+};
+
+struct FeatureInfo
+{
+    Feature feature;
+    QStringView rawValue;
+    QStringView title;
+};
+
+// In declaration order.
+const QList<FeatureInfo> &features();
+// Only an exact, case-sensitive raw value names a feature.
+std::optional<Feature> featureFromRawValue(QStringView rawValue);
+
+struct IntentError
+{
+    // Refused: the user answered no to a confirmation.
+    enum class Kind
+    {
+        ValidationFailed,
+        AppNotReady,
+        Refused
+    };
+    Kind kind;
+    QString message;
+
+    QString description() const;
+    static IntentError appNotReady() { return {Kind::AppNotReady, {}}; }
+};
+
+// The access rule of every query and action: the running application's state,
+// or appNotReady. Main thread only.
+Expected<AppState *, IntentError> sharedState();
+
+Expected<QList<BrowserEntity>, IntentError> allBrowsers();
+// Those with one of the ids (exact), in browser-list order, each once.
+Expected<QList<BrowserEntity>, IntentError> browsers(const QStringList &ids);
+Expected<QList<RuleEntity>, IntentError> allRules();
+Expected<QList<RuleEntity>, IntentError> rules(const QStringList &ids);
+
+} // namespace Automation

@@ -1,0 +1,238 @@
+#include "App/AppState.h"
+#include "Automation/RuleActions.h"
+#include "Services/BrowserDiscovery.h"
+#include "TestSupport.h"
+
+#include <QTest>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+
+class TwoBrowsers final : public DesktopEntries
+{
+public:
+    QList<DesktopEntry> handlersForScheme(const QString &) override
+    {
+        return {
+            DesktopEntry{
+                u"safari"_s, u"/a/safari.desktop"_s, u"Safari"_s, {}, {}, {}, {}, {}, false, false},
+            DesktopEntry{u"firefox"_s,
+                         u"/a/firefox.desktop"_s,
+                         u"Firefox"_s,
+                         {},
+                         {},
+                         {},
+                         {},
+                         {},
+                         false,
+                         false}};
+    }
+    std::optional<DesktopEntry> entry(const QString &) override { return std::nullopt; }
+    std::optional<DesktopEntry> entryAt(const QString &) override { return std::nullopt; }
+    std::optional<QString> defaultHandler(const QString &) override { return std::nullopt; }
+    QList<DesktopEntry> allEntries() override { return {}; }
+    std::optional<QString> setDefaultForType(const QString &, const QString &) override
+    {
+        return {};
+    }
+};
+
+class NoAutostart final : public Autostart
+{
+public:
+    Status status() const override { return Status::NotRegistered; }
+    Failure enable() override { return {}; }
+    Failure disable() override { return {}; }
+};
+
+RoutingRule rule(const QString &sourceID, const QString &sourceName, std::optional<QString> pattern)
+{
+    return RoutingRule{QUuid::createUuid(), sourceID,           sourceName,  u"chrome"_s,
+                       u"Chrome"_s,         std::move(pattern), std::nullopt};
+}
+
+} // namespace
+
+class TestAutomation final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+    void summaries_data();
+    void summaries();
+    void features();
+    void notRunning();
+    void queries();
+    void createRule();
+    void deleteRule();
+
+private:
+    std::unique_ptr<TestEnvironment> m_environment;
+    std::unique_ptr<QSettings> m_settings;
+    std::unique_ptr<RuleStore> m_store;
+    std::unique_ptr<AppState> m_state;
+    TwoBrowsers m_entries;
+    NoAutostart m_autostart;
+    RecordingLauncher m_launcher;
+};
+
+void TestAutomation::init()
+{
+    m_environment = std::make_unique<TestEnvironment>();
+    m_settings = m_environment->settings();
+    m_store = std::make_unique<RuleStore>(*m_settings);
+    BrowserDiscovery::refreshBrowsers(m_entries);
+    m_state = std::make_unique<AppState>(*m_store, AppServices{m_entries, m_launcher, m_autostart});
+    AppState::setShared(m_state.get());
+}
+
+void TestAutomation::cleanup()
+{
+    m_state.reset();
+    m_store.reset();
+    m_settings.reset();
+    m_environment.reset();
+}
+
+void TestAutomation::summaries_data()
+{
+    QTest::addColumn<QString>("sourceID");
+    QTest::addColumn<QString>("sourceName");
+    QTest::addColumn<std::optional<QString>>("pattern");
+    QTest::addColumn<QString>("summary");
+    QTest::newRow("app and pattern")
+        << u"slack"_s << u"Slack"_s << std::optional<QString>(u"example.com"_s)
+        << u"Slack + example.com → Chrome"_s;
+    QTest::newRow("app") << u"slack"_s << u"Slack"_s << std::optional<QString>()
+                         << u"Slack → Chrome"_s;
+    QTest::newRow("pattern, name ignored")
+        << QString() << u"Slack"_s << std::optional<QString>(u"example.com"_s)
+        << u"example.com → Chrome"_s;
+    QTest::newRow("neither") << QString() << QString() << std::optional<QString>() << u"→ Chrome"_s;
+    QTest::newRow("app without a name")
+        << u"slack"_s << QString() << std::optional<QString>() << u" → Chrome"_s;
+    QTest::newRow("empty pattern")
+        << QString() << QString() << std::optional<QString>(u""_s) << u" → Chrome"_s;
+    QTest::newRow("app, empty pattern")
+        << u"slack"_s << u"Slack"_s << std::optional<QString>(u""_s) << u"Slack +  → Chrome"_s;
+}
+
+void TestAutomation::summaries()
+{
+    QFETCH(QString, sourceID);
+    QFETCH(QString, sourceName);
+    QFETCH(std::optional<QString>, pattern);
+    QFETCH(QString, summary);
+    const RoutingRule routing = rule(sourceID, sourceName, pattern);
+    const auto entity = Automation::RuleEntity::from(routing);
+    QCOMPARE(entity.summary, summary);
+    QCOMPARE(entity.id, routing.id.toString(QUuid::WithoutBraces).toUpper());
+}
+
+void TestAutomation::features()
+{
+    QStringList titles;
+    for (const Automation::FeatureInfo &info : Automation::features())
+        titles.append(info.title.toString());
+    QCOMPARE(titles, (QStringList{u"URL Cleaning"_s, u"URL Expansion"_s, u"Launch at Login"_s,
+                                  u"Pause Rules"_s}));
+    QCOMPARE(Automation::featureFromRawValue(u"pauseRules"), Automation::Feature::PauseRules);
+    QCOMPARE(Automation::featureFromRawValue(u"URLCleaning"), std::nullopt);
+    QCOMPARE(Automation::featureFromRawValue(u""), std::nullopt);
+}
+
+void TestAutomation::notRunning()
+{
+    AppState::setShared(nullptr);
+    const QString expected = u"Quillvane is not running. Please launch the app first."_s;
+    QCOMPARE(Automation::allBrowsers().error().description(), expected);
+    QCOMPARE(Automation::listRules().error().description(), expected);
+    QCOMPARE(Automation::createRule(u"a"_s, {}, {}, {u"x"_s, u"X"_s}).error().description(),
+             expected);
+    bool asked = false;
+    QCOMPARE(Automation::deleteRule({u"id"_s, u"s"_s},
+                                    [&asked](const QString &) { return asked = true; })
+                 .error()
+                 .description(),
+             expected);
+    QVERIFY(!asked);
+}
+
+void TestAutomation::queries()
+{
+    QCOMPARE(*Automation::allBrowsers(),
+             (QList<Automation::BrowserEntity>{{u"firefox"_s, u"Firefox"_s},
+                                               {u"safari"_s, u"Safari"_s}}));
+    // Browser-list order, each once, unknown and differently cased ids dropped.
+    QCOMPARE(
+        *Automation::browsers({u"safari"_s, u"firefox"_s, u"safari"_s, u"Opera"_s, u"FIREFOX"_s}),
+        (QList<Automation::BrowserEntity>{{u"firefox"_s, u"Firefox"_s},
+                                          {u"safari"_s, u"Safari"_s}}));
+
+    const RoutingRule first = rule(u"b"_s, u"B"_s, {});
+    const RoutingRule second = rule(QString(), QString(), u"a.org"_s);
+    m_state->addRule(first);
+    m_state->addRule(second);
+    const auto all = Automation::allRules();
+    QCOMPARE(all->size(), 2);
+    QCOMPARE(all->first().summary, u"B → Chrome"_s);
+    const QString id = Automation::RuleEntity::from(second).id;
+    QCOMPARE(Automation::rules({id})->size(), 1);
+    QVERIFY(Automation::rules({id.toLower()})->isEmpty());
+}
+
+void TestAutomation::createRule()
+{
+    const auto refused =
+        Automation::createRule(u""_s, u"Name"_s, u""_s, {u"firefox"_s, u"Firefox"_s});
+    QCOMPARE(refused.error().description(),
+             u"Provide a source app bundle ID, a URL pattern, or both."_s);
+    QVERIFY(m_state->rules().isEmpty());
+
+    // Taken as given: no trimming, no scheme removal, no browser lookup.
+    const auto created = Automation::createRule(
+        std::nullopt, std::nullopt, u" https://Example.com/* "_s, {u"not-installed"_s, u"Ghost"_s});
+    QCOMPARE(*created, u"Created rule:  https://Example.com/*  → Ghost"_s);
+    const RoutingRule stored = RuleStore(*m_environment->settings()).loadRules().value(0);
+    QCOMPARE(stored.urlPattern, u" https://Example.com/* "_s);
+    QCOMPARE(stored.targetBrowserBundleID, u"not-installed"_s);
+    QCOMPARE(stored.targetProfileID, std::nullopt);
+    QCOMPARE(stored.sourceAppBundleID, QString());
+
+    QCOMPARE(
+        *Automation::createRule(u"  "_s, std::nullopt, std::nullopt, {u"firefox"_s, u"Firefox"_s}),
+        u"Created rule:  → Firefox"_s);
+}
+
+void TestAutomation::deleteRule()
+{
+    const RoutingRule target = rule(u"slack"_s, u"Slack"_s, u"example.com"_s);
+    m_state->addRule(target);
+    const auto entity = Automation::RuleEntity::from(target);
+
+    QString question;
+    const auto refused = Automation::deleteRule(entity, [&question](const QString &text) {
+        question = text;
+        return false;
+    });
+    QCOMPARE(question, u"Delete rule \"Slack + example.com → Chrome\"?"_s);
+    QCOMPARE(refused.error().kind, Automation::IntentError::Kind::Refused);
+    QCOMPARE(m_state->rules().size(), 1);
+
+    const auto yes = [](const QString &) { return true; };
+    QCOMPARE(*Automation::deleteRule(entity, yes), u"Deleted rule: Slack + example.com → Chrome"_s);
+    QVERIFY(RuleStore(*m_environment->settings()).loadRules().isEmpty());
+    QCOMPARE(*Automation::deleteRule(entity, yes),
+             u"Rule not found. It may have already been deleted."_s);
+    // An id in lower case is not the rule's id.
+    m_state->addRule(target);
+    QCOMPARE(*Automation::deleteRule({entity.id.toLower(), entity.summary}, yes),
+             u"Rule not found. It may have already been deleted."_s);
+    QCOMPARE(m_state->rules().size(), 1);
+}
+
+QTEST_GUILESS_MAIN(TestAutomation)
+#include "tst_automation.moc"
