@@ -1,6 +1,8 @@
 #include "App/AppState.h"
 #include "Automation/RuleActions.h"
+#include "Automation/SettingsActions.h"
 #include "Services/BrowserDiscovery.h"
+#include "Services/URLCleaner.h"
 #include "TestSupport.h"
 
 #include <QTest>
@@ -9,27 +11,28 @@ using namespace Qt::Literals::StringLiterals;
 
 namespace {
 
+// Two browsers whose desktop entries are empty files in a folder of the test's.
 class TwoBrowsers final : public DesktopEntries
 {
 public:
+    QString folder;
+
+    DesktopEntry browser(const QString &id, const QString &name) const
+    {
+        return DesktopEntry{
+            id,   folder + u'/' + id + u".desktop"_s, name, id + u" %u"_s, {}, {}, {}, {}, false,
+            false};
+    }
     QList<DesktopEntry> handlersForScheme(const QString &) override
     {
-        return {
-            DesktopEntry{
-                u"safari"_s, u"/a/safari.desktop"_s, u"Safari"_s, {}, {}, {}, {}, {}, false, false},
-            DesktopEntry{u"firefox"_s,
-                         u"/a/firefox.desktop"_s,
-                         u"Firefox"_s,
-                         {},
-                         {},
-                         {},
-                         {},
-                         {},
-                         false,
-                         false}};
+        return {browser(u"safari"_s, u"Safari"_s), browser(u"firefox"_s, u"Firefox"_s)};
     }
     std::optional<DesktopEntry> entry(const QString &) override { return std::nullopt; }
-    std::optional<DesktopEntry> entryAt(const QString &) override { return std::nullopt; }
+    std::optional<DesktopEntry> entryAt(const QString &path) override
+    {
+        const QString id = QFileInfo(path).completeBaseName();
+        return browser(id, id);
+    }
     std::optional<QString> defaultHandler(const QString &) override { return std::nullopt; }
     QList<DesktopEntry> allEntries() override { return {}; }
     std::optional<QString> setDefaultForType(const QString &, const QString &) override
@@ -68,6 +71,8 @@ private Q_SLOTS:
     void queries();
     void createRule();
     void deleteRule();
+    void routeURL();
+    void settings();
 
 private:
     std::unique_ptr<TestEnvironment> m_environment;
@@ -84,6 +89,12 @@ void TestAutomation::init()
     m_environment = std::make_unique<TestEnvironment>();
     m_settings = m_environment->settings();
     m_store = std::make_unique<RuleStore>(*m_settings);
+    m_entries.folder = m_environment->path();
+    for (const QString &id : {u"safari"_s, u"firefox"_s}) {
+        QFile entry(m_environment->path() + u'/' + id + u".desktop"_s);
+        QVERIFY(entry.open(QIODevice::WriteOnly));
+    }
+    m_launcher.spawned.clear();
     BrowserDiscovery::refreshBrowsers(m_entries);
     m_state = std::make_unique<AppState>(*m_store, AppServices{m_entries, m_launcher, m_autostart});
     AppState::setShared(m_state.get());
@@ -232,6 +243,63 @@ void TestAutomation::deleteRule()
     QCOMPARE(*Automation::deleteRule({entity.id.toLower(), entity.summary}, yes),
              u"Rule not found. It may have already been deleted."_s);
     QCOMPARE(m_state->rules().size(), 1);
+}
+
+void TestAutomation::routeURL()
+{
+    const auto wait = [](QFuture<Automation::Answer> future) {
+        QTest::qWaitFor([&future] { return future.isFinished(); }, 5000);
+        return future.result();
+    };
+    const Link tracked = *Link::parse(u"https://shop.example/item?utm_source=x&id=1"_s);
+    m_state->setDefaultBrowser(u"safari"_s);
+    // A browser given: the link exactly as passed, cleaning or not.
+    QCOMPARE(
+        *wait(Automation::routeURL(tracked, Automation::BrowserEntity{u"firefox"_s, u"Firefox"_s})),
+        u"Opened in Firefox."_s);
+    QCOMPARE(m_launcher.spawned.last(), (QStringList{u"firefox"_s, tracked.toString()}));
+
+    // Through the rules, cleaned, even while paused; nothing counted or recorded.
+    m_state->addRule(RoutingRule{QUuid::createUuid(), QString(), QString(), u"firefox"_s,
+                                 u"Firefox"_s, u"shop.example"_s, u"Profile 1"_s});
+    m_state->toggleRulesEnabled();
+    QCOMPARE(*wait(Automation::routeURL(tracked, std::nullopt)), u"Routed to Firefox."_s);
+    // The rule's profile is not used: a plain launch of the cleaned link.
+    QCOMPARE(m_launcher.spawned.last(),
+             (QStringList{u"firefox"_s, URLCleaner::clean(tracked).toString()}));
+    QCOMPARE(m_state->todayForwardCount(), 0);
+    QVERIFY(m_state->lastRouteLog().isEmpty());
+
+    // No rule and no fallback: an answer, not an error; a launch failure is an error.
+    m_state->setDefaultBrowser(QString());
+    QCOMPARE(*wait(Automation::routeURL(*Link::parse(u"https://other.example/"_s), std::nullopt)),
+             u"No routing rule matched and no default browser is set."_s);
+    const auto failed =
+        wait(Automation::routeURL(tracked, Automation::BrowserEntity{u"ghost"_s, u"Ghost"_s}));
+    QCOMPARE(failed.error().description(), u"No browser found with bundle ID: ghost"_s);
+}
+
+void TestAutomation::settings()
+{
+    QCOMPARE(*Automation::setDefaultBrowser({u"not-installed"_s, u"Ghost"_s}),
+             u"Default browser set to Ghost."_s);
+    QCOMPARE(RuleStore(*m_environment->settings()).loadDefaultBrowserBundleID(),
+             u"not-installed"_s);
+
+    QVERIFY(m_state->rulesEnabled());
+    QCOMPARE(*Automation::toggleFeature(Automation::Feature::PauseRules, true),
+             u"Pause Rules is now enabled."_s);
+    QVERIFY(!m_state->rulesEnabled());
+    QCOMPARE(*Automation::toggleFeature(Automation::Feature::PauseRules, true),
+             u"Pause Rules is now enabled."_s);
+    QVERIFY(!m_state->rulesEnabled());
+    QCOMPARE(*Automation::toggleFeature(Automation::Feature::UrlCleaning, true),
+             u"URL Cleaning is now enabled."_s);
+    QVERIFY(m_state->urlCleaningEnabled());
+    QCOMPARE(*Automation::toggleFeature(Automation::Feature::UrlExpansion, true),
+             u"URL Expansion is now enabled."_s);
+    QVERIFY(m_state->urlExpansionEnabled());
+    QCOMPARE(Automation::listBrowsers()->size(), 2);
 }
 
 QTEST_GUILESS_MAIN(TestAutomation)

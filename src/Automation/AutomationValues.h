@@ -58,12 +58,14 @@ std::optional<Feature> featureFromRawValue(QStringView rawValue);
 
 struct IntentError
 {
-    // Refused: the user answered no to a confirmation.
+    // Refused: the user answered no to a confirmation. LaunchFailed carries the
+    // browser launcher's own description.
     enum class Kind
     {
         ValidationFailed,
         AppNotReady,
-        Refused
+        Refused,
+        LaunchFailed
     };
     Kind kind;
     QString message;

@@ -1,0 +1,106 @@
+#include "Automation/SettingsActions.h"
+
+#include "App/AppState.h"
+#include "Services/BrowserLauncher.h"
+#include "Services/URLCleaner.h"
+#include "Services/URLRouter.h"
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace Automation {
+
+namespace {
+
+IntentError launchFailed(const BrowserLauncher::LaunchError &error)
+{
+    return IntentError{IntentError::Kind::LaunchFailed, error.description()};
+}
+
+QFuture<Answer> open(AppState &state, const Link &url, const QString &browserID,
+                     const QString &success)
+{
+    const BrowserLauncher::Platform platform{state.services().entries, state.services().processes};
+    return BrowserLauncher::open(url, browserID, state.browsers(), platform)
+        .then([success](const BrowserLauncher::Outcome &outcome) -> Answer {
+            if (outcome)
+                return launchFailed(*outcome);
+            return success;
+        });
+}
+
+} // namespace
+
+QFuture<Answer> routeURL(const Link &url, const std::optional<BrowserEntity> &browser)
+{
+    const auto shared = sharedState();
+    if (!shared)
+        return QtFuture::makeReadyFuture<Answer>(shared.error());
+    AppState &state = **shared;
+    if (browser)
+        return open(state, url, browser->id, u"Opened in %1."_s.arg(browser->name));
+
+    const Link link = state.urlCleaningEnabled() ? URLCleaner::clean(url) : url;
+    const auto route =
+        URLRouter::route(link, std::nullopt, state.rules(), state.defaultBrowserBundleID());
+    if (!route)
+        return QtFuture::makeReadyFuture<Answer>(
+            u"No routing rule matched and no default browser is set."_s);
+    QString name = route->browserBundleID;
+    for (const BrowserInfo &info : state.browsers()) {
+        if (info.bundleID == route->browserBundleID) {
+            name = info.name;
+            break;
+        }
+    }
+    return open(state, link, route->browserBundleID, u"Routed to %1."_s.arg(name));
+}
+
+Answer setDefaultBrowser(const BrowserEntity &browser)
+{
+    const auto state = sharedState();
+    if (!state)
+        return state.error();
+    (*state)->setDefaultBrowser(browser.id);
+    return u"Default browser set to %1."_s.arg(browser.name);
+}
+
+Answer toggleFeature(Feature feature, bool enabled)
+{
+    const auto shared = sharedState();
+    if (!shared)
+        return shared.error();
+    AppState &state = **shared;
+    switch (feature) {
+    case Feature::UrlCleaning:
+        if (state.urlCleaningEnabled() != enabled)
+            state.toggleURLCleaning();
+        break;
+    case Feature::UrlExpansion:
+        if (state.urlExpansionEnabled() != enabled)
+            state.toggleURLExpansion();
+        break;
+    case Feature::LaunchAtLogin:
+        if (state.launchAtLogin() != enabled)
+            state.toggleLaunchAtLogin();
+        break;
+    case Feature::PauseRules:
+        // On means paused.
+        if (state.rulesEnabled() == enabled)
+            state.toggleRulesEnabled();
+        break;
+    }
+    QString title;
+    for (const FeatureInfo &info : features()) {
+        if (info.feature == feature)
+            title = info.title.toString();
+    }
+    // Restates the request, whatever a failing launch-at-login switch did.
+    return u"%1 is now %2."_s.arg(title, enabled ? u"enabled"_s : u"disabled"_s);
+}
+
+Expected<QList<BrowserEntity>, IntentError> listBrowsers()
+{
+    return allBrowsers();
+}
+
+} // namespace Automation
