@@ -248,7 +248,8 @@ void TestAutomation::deleteRule()
 void TestAutomation::routeURL()
 {
     const auto wait = [](QFuture<Automation::Answer> future) {
-        QTest::qWaitFor([&future] { return future.isFinished(); }, 5000);
+        if (!QTest::qWaitFor([&future] { return future.isFinished(); }, 5000))
+            qFatal("the action did not finish");
         return future.result();
     };
     const Link tracked = *Link::parse(u"https://shop.example/item?utm_source=x&id=1"_s);
