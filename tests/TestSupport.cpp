@@ -89,6 +89,52 @@ RecordingLauncher::activate(const QString &path, const QString &link, const QStr
     return QtFuture::makeReadyFuture(failure);
 }
 
+DesktopEntry &FakeDesktopEntries::add(const QString &id, const QString &name, bool handlesLinks)
+{
+    DesktopEntry added;
+    added.id = id;
+    added.path = folder + u'/' + id + u".desktop"_s;
+    added.name = name.isEmpty() ? id : name;
+    added.exec = id + u" %u"_s;
+    entries.append(added);
+    if (handlesLinks)
+        linkHandlers.append(id);
+    return entries.last();
+}
+
+QList<DesktopEntry> FakeDesktopEntries::handlersForScheme(const QString &)
+{
+    QList<DesktopEntry> handlers;
+    for (const QString &id : std::as_const(linkHandlers)) {
+        if (const auto found = entry(id))
+            handlers.append(*found);
+    }
+    return handlers;
+}
+
+std::optional<DesktopEntry> FakeDesktopEntries::entry(const QString &id)
+{
+    for (const DesktopEntry &candidate : std::as_const(entries)) {
+        if (candidate.id == id)
+            return candidate;
+    }
+    return std::nullopt;
+}
+
+std::optional<DesktopEntry> FakeDesktopEntries::entryAt(const QString &path)
+{
+    for (const DesktopEntry &candidate : std::as_const(entries)) {
+        if (candidate.path == path)
+            return candidate;
+    }
+    return std::nullopt;
+}
+
+std::optional<QString> FakeDesktopEntries::defaultHandler(const QString &scheme)
+{
+    return scheme == u"https" ? httpsHandler : httpHandler;
+}
+
 QList<RoutingRule> workedExampleRules()
 {
     return {

@@ -2,6 +2,8 @@
 
 #include "Models/Link.h"
 #include "Models/RoutingRule.h"
+#include "Platform/Autostart.h"
+#include "Platform/DesktopEntries.h"
 #include "Platform/ProcessLauncher.h"
 
 #include <QByteArray>
@@ -49,6 +51,51 @@ public:
     QList<QStringList> activated;
     Failure failure;
     QString failWhenArgumentStartsWith;
+};
+
+// A desktop registry held in memory: its applications are entries (the
+// https handlers among them, in order), found by id or by path.
+class FakeDesktopEntries final : public DesktopEntries
+{
+public:
+    // Adds an application named after its id, whose entry lives at folder/<id>.desktop.
+    DesktopEntry &add(const QString &id, const QString &name = {}, bool handlesLinks = true);
+
+    QList<DesktopEntry> handlersForScheme(const QString &scheme) override;
+    std::optional<DesktopEntry> entry(const QString &id) override;
+    std::optional<DesktopEntry> entryAt(const QString &path) override;
+    std::optional<QString> defaultHandler(const QString &scheme) override;
+    QList<DesktopEntry> allEntries() override { return entries; }
+    std::optional<QString> setDefaultForType(const QString &, const QString &) override
+    {
+        return {};
+    }
+
+    QString folder = QStringLiteral("/apps");
+    QList<DesktopEntry> entries;
+    QStringList linkHandlers;
+    std::optional<QString> httpsHandler;
+    std::optional<QString> httpHandler;
+};
+
+// Launch at login as a flag, failing when told to.
+class FakeAutostart final : public Autostart
+{
+public:
+    Status status() const override { return enabled ? Status::Enabled : Status::NotRegistered; }
+    Failure enable() override { return set(true); }
+    Failure disable() override { return set(false); }
+
+    bool enabled = false;
+    Failure failure;
+
+private:
+    Failure set(bool value)
+    {
+        if (!failure)
+            enabled = value;
+        return failure;
+    }
 };
 
 // The router's worked example, rules R1 to R6 in stored order (with the fallback

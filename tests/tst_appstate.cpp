@@ -10,57 +10,6 @@ using namespace Qt::Literals::StringLiterals;
 
 namespace {
 
-// A desktop registry whose handlers and default handler the test sets.
-class FakeEntries final : public DesktopEntries
-{
-public:
-    QList<DesktopEntry> handlersForScheme(const QString &) override { return handlers; }
-    std::optional<DesktopEntry> entry(const QString &) override { return std::nullopt; }
-    std::optional<DesktopEntry> entryAt(const QString &) override { return std::nullopt; }
-    std::optional<QString> defaultHandler(const QString &scheme) override
-    {
-        return scheme == u"https" ? httpsHandler : httpHandler;
-    }
-    QList<DesktopEntry> allEntries() override { return handlers; }
-    std::optional<QString> setDefaultForType(const QString &, const QString &) override
-    {
-        return std::nullopt;
-    }
-
-    void setBrowsers(const QStringList &ids)
-    {
-        handlers.clear();
-        for (const QString &id : ids)
-            handlers.append(DesktopEntry{
-                id, u"/apps/"_s + id + u".desktop"_s, id, {}, {}, {}, {}, {}, false, false});
-    }
-
-    QList<DesktopEntry> handlers;
-    std::optional<QString> httpsHandler;
-    std::optional<QString> httpHandler;
-};
-
-class FakeAutostart final : public Autostart
-{
-public:
-    Status status() const override { return enabled ? Status::Enabled : Status::NotRegistered; }
-    Failure enable() override
-    {
-        if (!failure)
-            enabled = true;
-        return failure;
-    }
-    Failure disable() override
-    {
-        if (!failure)
-            enabled = false;
-        return failure;
-    }
-
-    bool enabled = false;
-    Failure failure;
-};
-
 RoutingRule urlRule(const QString &pattern)
 {
     return makeRule(QString(), pattern, u"b"_s);
@@ -95,12 +44,18 @@ private Q_SLOTS:
 
 private:
     std::unique_ptr<AppState> makeState();
+    void setBrowsers(const QStringList &ids)
+    {
+        m_entries = FakeDesktopEntries();
+        for (const QString &id : ids)
+            m_entries.add(id);
+    }
     std::unique_ptr<QSettings> reopened() const { return m_environment->settings(); }
 
     std::unique_ptr<TestEnvironment> m_environment;
     std::unique_ptr<QSettings> m_settings;
     std::unique_ptr<RuleStore> m_store;
-    FakeEntries m_entries;
+    FakeDesktopEntries m_entries;
     FakeAutostart m_autostart;
     RecordingLauncher m_launcher;
 };
@@ -110,8 +65,7 @@ void TestAppState::init()
     m_environment = std::make_unique<TestEnvironment>();
     m_settings = m_environment->settings();
     m_store = std::make_unique<RuleStore>(*m_settings);
-    m_entries = FakeEntries();
-    m_entries.setBrowsers({u"epiphany"_s, u"firefox-esr"_s, u"chromium"_s});
+    setBrowsers({u"epiphany"_s, u"firefox-esr"_s, u"chromium"_s});
     m_autostart = FakeAutostart();
 }
 
@@ -150,7 +104,7 @@ void TestAppState::startupChoosesAFallback()
     QFETCH(QStringList, installed);
     QFETCH(QString, httpsHandler);
     QFETCH(QString, fallback);
-    m_entries.setBrowsers(installed);
+    setBrowsers(installed);
     if (!httpsHandler.isEmpty())
         m_entries.httpsHandler = httpsHandler;
     const auto state = makeState();

@@ -11,44 +11,6 @@ using namespace Qt::Literals::StringLiterals;
 
 namespace {
 
-// Two browsers whose desktop entries are empty files in a folder of the test's.
-class TwoBrowsers final : public DesktopEntries
-{
-public:
-    QString folder;
-
-    DesktopEntry browser(const QString &id, const QString &name) const
-    {
-        return DesktopEntry{
-            id,   folder + u'/' + id + u".desktop"_s, name, id + u" %u"_s, {}, {}, {}, {}, false,
-            false};
-    }
-    QList<DesktopEntry> handlersForScheme(const QString &) override
-    {
-        return {browser(u"safari"_s, u"Safari"_s), browser(u"firefox"_s, u"Firefox"_s)};
-    }
-    std::optional<DesktopEntry> entry(const QString &) override { return std::nullopt; }
-    std::optional<DesktopEntry> entryAt(const QString &path) override
-    {
-        const QString id = QFileInfo(path).completeBaseName();
-        return browser(id, id);
-    }
-    std::optional<QString> defaultHandler(const QString &) override { return std::nullopt; }
-    QList<DesktopEntry> allEntries() override { return {}; }
-    std::optional<QString> setDefaultForType(const QString &, const QString &) override
-    {
-        return {};
-    }
-};
-
-class NoAutostart final : public Autostart
-{
-public:
-    Status status() const override { return Status::NotRegistered; }
-    Failure enable() override { return {}; }
-    Failure disable() override { return {}; }
-};
-
 RoutingRule rule(const QString &sourceID, const QString &sourceName, std::optional<QString> pattern)
 {
     return RoutingRule{QUuid::createUuid(), sourceID,           sourceName,  u"chrome"_s,
@@ -79,8 +41,8 @@ private:
     std::unique_ptr<QSettings> m_settings;
     std::unique_ptr<RuleStore> m_store;
     std::unique_ptr<AppState> m_state;
-    TwoBrowsers m_entries;
-    NoAutostart m_autostart;
+    FakeDesktopEntries m_entries;
+    FakeAutostart m_autostart;
     RecordingLauncher m_launcher;
 };
 
@@ -89,9 +51,12 @@ void TestAutomation::init()
     m_environment = std::make_unique<TestEnvironment>();
     m_settings = m_environment->settings();
     m_store = std::make_unique<RuleStore>(*m_settings);
+    // Two browsers whose desktop entries are empty files in the test's folder.
+    m_entries = FakeDesktopEntries();
     m_entries.folder = m_environment->path();
-    for (const QString &id : {u"safari"_s, u"firefox"_s}) {
-        QFile entry(m_environment->path() + u'/' + id + u".desktop"_s);
+    for (const auto &[id, name] :
+         {std::pair{u"safari"_s, u"Safari"_s}, std::pair{u"firefox"_s, u"Firefox"_s}}) {
+        QFile entry(m_entries.add(id, name).path);
         QVERIFY(entry.open(QIODevice::WriteOnly));
     }
     m_launcher.spawned.clear();

@@ -235,21 +235,25 @@ void TestEndToEnd::xdgOpenFromAChildProcess()
     // xdg-open outside a known desktop runs the handler's Exec line itself (only when it
     // believes a display is there).
     m_desktop->forget(u"chat-browser"_s);
-    QCOMPARE(run(m_desktop->root() + u"/bin/fake-chat"_s, {u"-c"_s, u"DISPLAY=:0 xdg-open https://example.com/via-xdg; true"_s}),
+    QCOMPARE(run(m_desktop->root() + u"/bin/fake-chat"_s,
+                 {u"-c"_s, u"DISPLAY=:0 xdg-open https://example.com/via-xdg; true"_s}),
              0);
     QVERIFY(m_desktop->waitForRun(u"chat-browser"_s));
-    QCOMPARE(m_desktop->arguments(u"chat-browser"_s), QStringList{u"https://example.com/via-xdg"_s});
+    QCOMPARE(m_desktop->arguments(u"chat-browser"_s),
+             QStringList{u"https://example.com/via-xdg"_s});
 }
 
 void TestEndToEnd::dbusOpenDirectly()
 {
     m_desktop->forget(u"mail-browser"_s);
-    const QString call = u"gdbus call --session --dest work.vorpa.Quillvane --object-path /work/vorpa/Quillvane "
-                         "--method org.freedesktop.Application.Open \"['https://example.com/by-dbus']\" "
-                         "\"{'activation-token': <'token-42'>}\"; true"_s;
+    const QString call =
+        u"gdbus call --session --dest work.vorpa.Quillvane --object-path /work/vorpa/Quillvane "
+        "--method org.freedesktop.Application.Open \"['https://example.com/by-dbus']\" "
+        "\"{'activation-token': <'token-42'>}\"; true"_s;
     QCOMPARE(run(m_desktop->root() + u"/bin/fake-mail"_s, {u"-c"_s, call}), 0);
     QVERIFY(m_desktop->waitForRun(u"mail-browser"_s));
-    QCOMPARE(m_desktop->arguments(u"mail-browser"_s), QStringList{u"https://example.com/by-dbus"_s});
+    QCOMPARE(m_desktop->arguments(u"mail-browser"_s),
+             QStringList{u"https://example.com/by-dbus"_s});
     QCOMPARE(m_desktop->activationToken(u"mail-browser"_s), u"token-42"_s);
 }
 

@@ -287,28 +287,10 @@ void TestResolver::linuxLookupFromProc()
                        "GIO_LAUNCHED_DESKTOP_FILE_PID=1"}));
     write(root + u"/14/cgroup"_s, "0::/app.slice/app-work.vorpa.Quillvane-1.scope\n");
 
-    class Installed final : public DesktopEntries
-    {
-    public:
-        QList<DesktopEntry> handlersForScheme(const QString &) override { return {}; }
-        std::optional<DesktopEntry> entry(const QString &id) override
-        {
-            if (id != u"org.example.Mail" && id != u"org.mozilla.firefox"
-                && id != u"org.example.Chat")
-                return std::nullopt;
-            DesktopEntry entry;
-            entry.id = id;
-            entry.name = id.section(u'.', -1);
-            return entry;
-        }
-        std::optional<DesktopEntry> entryAt(const QString &) override { return std::nullopt; }
-        std::optional<QString> defaultHandler(const QString &) override { return std::nullopt; }
-        QList<DesktopEntry> allEntries() override { return {}; }
-        std::optional<QString> setDefaultForType(const QString &, const QString &) override
-        {
-            return {};
-        }
-    } installed;
+    FakeDesktopEntries installed;
+    for (const QString &id :
+         {u"org.example.Mail"_s, u"org.mozilla.firefox"_s, u"org.example.Chat"_s})
+        installed.add(id, id.section(u'.', -1), false);
 
     LinuxProcessApps apps(installed, root);
     using Kind = ProcessApps::Lookup::Kind;
