@@ -54,12 +54,7 @@ void LinkIntake::Open(const QStringList &uris, const QVariantMap &platformData)
         if (reply.isValid())
             pid = qint64(reply.value());
     }
-    QStringList refused;
-    for (const QString &uri : uris) {
-        if (const auto link = Link::parseWebLink(uri); !link)
-            refused.append(u"%1 (%2)"_s.arg(uri.left(200), link.error().description));
-    }
-    handleURLs(uris, pid, activationToken(platformData));
+    const QStringList refused = handleURLs(uris, pid, activationToken(platformData));
     if (!refused.isEmpty() && calledFromDBus())
         sendErrorReply(u"work.vorpa.Quillvane.Error.InvalidLink"_s,
                        u"Quillvane routes only http and https links. Refused: "_s
@@ -75,19 +70,22 @@ void LinkIntake::ActivateAction(const QString &actionName, const QVariantList &,
                        u"Quillvane has no action named \"%1\"."_s.arg(actionName.left(100)));
 }
 
-void LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
-                            const QString &activationToken)
+QStringList LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
+                                   const QString &activationToken)
 {
     QList<Link> links;
+    QStringList refused;
     for (const QString &uri : uris) {
         auto link = Link::parseWebLink(uri);
-        if (link)
+        if (link) {
             links.append(std::move(link).value());
-        else
-            debugLog(u"Refusing link %1: %2"_s.arg(uri.left(200), link.error().description));
+            continue;
+        }
+        debugLog(u"Refusing link %1: %2"_s.arg(uri.left(200), link.error().description));
+        refused.append(u"%1 (%2)"_s.arg(uri.left(200), link.error().description));
     }
     if (links.isEmpty())
-        return;
+        return refused;
     debugLog(u"Sender PID: %1"_s.arg(senderPid));
     std::optional<SourceApp> source;
     if (senderPid < 1) {
@@ -107,4 +105,5 @@ void LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
             },
             Qt::QueuedConnection);
     }
+    return refused;
 }

@@ -23,7 +23,9 @@ public:
 
     // Routes links received by other means (the command line of the instance
     // itself), with the sender's process id when known.
-    void handleURLs(const QStringList &uris, qint64 senderPid, const QString &activationToken);
+    // Returns the links refused (not http or https), each with the reason.
+    QStringList handleURLs(const QStringList &uris, qint64 senderPid,
+                           const QString &activationToken);
 
     // What Activate does (show the settings window, once it exists).
     std::function<void()> onActivate;
