@@ -8,7 +8,7 @@ BUILD_PACKAGES=(
 )
 # To run the whole test suite and the benchmarks.
 TEST_PACKAGES=(
-    libbenchmark-dev dbus libglib2.0-bin xdg-utils xvfb xauth
+    libbenchmark-dev dbus libglib2.0-bin xdg-utils xvfb xauth zsh bsdutils
 )
 
 # Installs the named packages that are not installed yet, through sudo when not root.

@@ -11,7 +11,7 @@ int main(int argc, char *argv[])
     for (int i = 1; i < argc; ++i)
         arguments.append(QByteArray(argv[i]));
 
-    if (!CommandLine::isCommand(arguments))
+    if (QuillvaneApp::isApplicationRequest(arguments))
         return QuillvaneApp::run(argc, argv, arguments);
 
     QCoreApplication app(argc, argv);

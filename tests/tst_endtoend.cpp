@@ -3,6 +3,7 @@
 // desktop entries of their own open links the ways real ones do, and fake
 // browsers record what they were given.
 #include "FakeDesktop.h"
+#include "InstalledQuillvane.h"
 #include "Storage/HistoryStore.h"
 #include "Storage/RuleStore.h"
 #include "Storage/UserSettings.h"
@@ -22,12 +23,12 @@
 using namespace Qt::Literals::StringLiterals;
 
 namespace {
-const QString Prefix = QStringLiteral(QUILLVANE_E2E_PREFIX);
 const QString AppId = u"work.vorpa.Quillvane"_s;
+InstalledQuillvane g_installed(QStringLiteral(QUILLVANE_E2E_PREFIX));
 
 QString program(const QString &name)
 {
-    return Prefix + u"/bin/"_s + name;
+    return g_installed.program(name);
 }
 } // namespace
 
@@ -52,8 +53,8 @@ private Q_SLOTS:
 private:
     int run(const QString &command, const QStringList &arguments, QString *errors = nullptr);
     QString sourceApp(const QString &id);
-    qint64 instancePid();
-    void stopInstance();
+    static qint64 instancePid() { return InstalledQuillvane::instancePid(); }
+    static void stopInstance() { QVERIFY(InstalledQuillvane::stop()); }
     QStringList burstLog() const;
 
     std::unique_ptr<FakeDesktop> m_desktop;
@@ -64,13 +65,7 @@ void TestEndToEnd::initTestCase()
     if (!QDBusConnection::sessionBus().isConnected())
         QSKIP("needs a session bus: run under dbus-run-session");
     m_desktop = std::make_unique<FakeDesktop>();
-    qputenv("XDG_DATA_DIRS",
-            QFile::encodeName(m_desktop->root() + u"/system:"_s + Prefix + u"/share"_s));
-
-    QDir(Prefix).removeRecursively();
-    QCOMPARE(QProcess::execute(u"cmake"_s, {u"--install"_s, QStringLiteral(QUILLVANE_BUILD_DIR),
-                                            u"--prefix"_s, Prefix}),
-             0);
+    QVERIFY(g_installed.setUp(QStringLiteral(QUILLVANE_BUILD_DIR), *m_desktop));
 
     m_desktop->addBrowser(u"fallback-browser"_s, u"Fallback"_s);
     m_desktop->addBrowser(u"mail-browser"_s, u"Mail Browser"_s);
@@ -93,21 +88,6 @@ void TestEndToEnd::initTestCase()
                      makeRule(u"fake-chat"_s, std::nullopt, u"chat-browser"_s),
                      makeRule(QString(), u"burst.example"_s, u"burst-browser"_s)});
     store.saveDefaultBrowserBundleID(u"fallback-browser"_s);
-
-    // Quillvane, started by the bus, lives in the test's desktop.
-    QVariantMap environment;
-    for (const char *name : {"HOME", "XDG_DATA_HOME", "XDG_DATA_DIRS", "XDG_CONFIG_HOME",
-                             "XDG_CONFIG_DIRS", "XDG_RUNTIME_DIR", "QT_QPA_PLATFORM", "PATH"})
-        environment.insert(QString::fromLatin1(name), qEnvironmentVariable(name));
-    QDBusMessage update =
-        QDBusMessage::createMethodCall(u"org.freedesktop.DBus"_s, u"/org/freedesktop/DBus"_s,
-                                       u"org.freedesktop.DBus"_s, u"UpdateActivationEnvironment"_s);
-    qDBusRegisterMetaType<QMap<QString, QString>>();
-    QMap<QString, QString> variables;
-    for (auto it = environment.cbegin(); it != environment.cend(); ++it)
-        variables.insert(it.key(), it.value().toString());
-    update << QVariant::fromValue(variables);
-    QCOMPARE(QDBusConnection::sessionBus().call(update).type(), QDBusMessage::ReplyMessage);
 }
 
 void TestEndToEnd::cleanupTestCase()
@@ -131,29 +111,10 @@ QString TestEndToEnd::sourceApp(const QString &id)
 
 int TestEndToEnd::run(const QString &command, const QStringList &arguments, QString *errors)
 {
-    QProcess process;
-    process.start(command, arguments);
-    if (!process.waitForFinished(30000))
-        return -1;
+    const auto result = InstalledQuillvane::run(command, arguments);
     if (errors)
-        *errors = QString::fromUtf8(process.readAllStandardError());
-    return process.exitCode();
-}
-
-qint64 TestEndToEnd::instancePid()
-{
-    const auto reply = QDBusConnection::sessionBus().interface()->servicePid(AppId);
-    return reply.isValid() ? qint64(reply.value()) : -1;
-}
-
-void TestEndToEnd::stopInstance()
-{
-    const qint64 pid = instancePid();
-    if (pid > 0) {
-        ::kill(pid_t(pid), SIGTERM);
-        QTRY_VERIFY_WITH_TIMEOUT(
-            !QDBusConnection::sessionBus().interface()->isServiceRegistered(AppId), 10000);
-    }
+        *errors = result.err;
+    return result.exitCode;
 }
 
 QStringList TestEndToEnd::burstLog() const

@@ -2,11 +2,14 @@
 
 #include "App/AppState.h"
 #include "App/BuildInfo.h"
+#include "App/DesktopActions.h"
 #include "App/LinkIntake.h"
+#include "Automation/AutomationAdaptor.h"
 #include "Platform/ActiveApplication.h"
 #include "Platform/Autostart.h"
 #include "Platform/DesktopEntries.h"
 #include "Platform/DiagnosticLog.h"
+#include "Platform/Notifications.h"
 #include "Platform/ProcessApps.h"
 #include "Platform/ProcessLauncher.h"
 #include "Platform/SystemLog.h"
@@ -67,9 +70,13 @@ bool AppDelegate::applicationWillFinishLaunching()
     m_activeApplication = ActiveApplication::create();
     m_resolver = std::make_unique<SourceAppResolver>(*m_processApps, *m_activeApplication);
     m_intake = std::make_unique<LinkIntake>(*m_appState, *m_resolver);
-    new ApplicationAdaptor(m_intake.get());
-
+    m_intake->onAction = [this](const QString &action) {
+        DesktopActions::run(action, [this] { openRuleEditor(); });
+    };
     QDBusConnection bus = QDBusConnection::sessionBus();
+    new ApplicationAdaptor(m_intake.get());
+    new AutomationAdaptor(m_intake.get(), bus);
+
     if (!bus.isConnected()) {
         qCCritical(lcAppDelegate).noquote()
             << u"No D-Bus session bus: Quillvane cannot receive links. %1"_s.arg(
@@ -133,4 +140,14 @@ void AppDelegate::promptSetAsDefaultBrowserIfNeeded()
         return;
     }
     debugLog(u"Successfully requested default browser registration for http + https"_s);
+}
+
+void AppDelegate::openRuleEditor()
+{
+    // The settings window with its rule editor is not part of this build yet:
+    // say where rules are made meanwhile.
+    debugLog(u"Create Rule requested — no settings window in this build"_s);
+    Notifications::show(
+        u"Create Rule"_s,
+        u"Create rules with \"quillvane rule add\" (see \"quillvane rule add --help\")."_s);
 }

@@ -28,6 +28,8 @@ public:
     bool applicationWillFinishLaunching();
     void applicationDidFinishLaunching();
     void promptSetAsDefaultBrowserIfNeeded();
+    // Where the desktop entry's "Create Rule" leads.
+    void openRuleEditor();
 
     AppState &appState() const { return *m_appState; }
     LinkIntake &intake() const { return *m_intake; }

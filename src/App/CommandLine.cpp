@@ -1,5 +1,6 @@
 #include "App/CommandLine.h"
 
+#include "App/AutomationCommands.h"
 #include "App/BuildInfo.h"
 #include "App/DoctorCommand.h"
 #include "App/ExplainCommand.h"
@@ -21,6 +22,8 @@ QString helpText()
            "\n"
            "Quillvane routes every link you open to the browser your rules choose.\n"
            "Without a command it starts (or shows) Quillvane and routes the links given.\n"
+           "\"quillvane --action ID\" runs one of its desktop actions: route-clipboard,\n"
+           "list-browsers, create-rule.\n"
            "\n"
            "Commands:\n"
            "  explain URL [--from APP-ID] [--expand]\n"
@@ -28,11 +31,14 @@ QString helpText()
            "  doctor [--json]\n"
            "                 show what Quillvane sees of this desktop\n"
            "\n"
-           "Options:\n"
-           "  -h, --help     show this help\n"
-           "  --version      show the version\n"
-           "\n"
-           "Run \"quillvane COMMAND --help\" for a command's own options.\n"_s;
+           "Commands for the running Quillvane (they never start it):\n"_s
+           + AutomationCommands::summary()
+           + u"\n"
+             "Options:\n"
+             "  -h, --help     show this help\n"
+             "  --version      show the version\n"
+             "\n"
+             "Run \"quillvane COMMAND --help\" for a command's own options.\n"_s;
 }
 
 QString versionText()
@@ -40,15 +46,6 @@ QString versionText()
     return u"Quillvane v%1 (%2) · %3\n"_s.arg(QStringView(BuildInfo::Version),
                                               QStringView(BuildInfo::BuildNumber),
                                               QStringView(BuildInfo::Commit));
-}
-
-bool isCommand(const QByteArrayList &arguments)
-{
-    if (arguments.isEmpty())
-        return false;
-    const QByteArray &first = arguments.first();
-    // A link has a scheme; anything else is a command or an option.
-    return !first.contains(':');
 }
 
 int run(const QByteArrayList &arguments, QTextStream &out, QTextStream &err)
@@ -91,6 +88,10 @@ int run(const QByteArrayList &arguments, QTextStream &out, QTextStream &err)
         const ExplainCommand::Environment environment{
             *settings, out, err, &URLExpander::isShortLink, &URLExpander::expand};
         return ExplainCommand::run(decoded.sliced(1), environment);
+    }
+    if (AutomationCommands::isAutomationCommand(decoded.first())) {
+        QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*.info=false"_s);
+        return AutomationCommands::run(decoded, {out, err, &AutomationCommands::askOnTerminal});
     }
     err << "quillvane: unknown command \"" << decoded.first().left(80) << "\".\n\n" << helpText();
     err.flush();

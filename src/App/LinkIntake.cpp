@@ -1,6 +1,7 @@
 #include "App/LinkIntake.h"
 
 #include "App/AppState.h"
+#include "App/DesktopActions.h"
 #include "Platform/DiagnosticLog.h"
 #include "Services/SourceAppResolver.h"
 
@@ -64,7 +65,12 @@ void LinkIntake::Open(const QStringList &uris, const QVariantMap &platformData)
 void LinkIntake::ActivateAction(const QString &actionName, const QVariantList &,
                                 const QVariantMap &)
 {
-    debugLog(u"ActivateAction requested: "_s + actionName);
+    debugLog(u"ActivateAction requested: "_s + actionName.left(100));
+    if (DesktopActions::isKnown(actionName)) {
+        if (onAction)
+            onAction(actionName);
+        return;
+    }
     if (calledFromDBus())
         sendErrorReply(QDBusError::NotSupported,
                        u"Quillvane has no action named \"%1\"."_s.arg(actionName.left(100)));

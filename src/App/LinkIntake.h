@@ -29,6 +29,8 @@ public:
 
     // What Activate does (show the settings window, once it exists).
     std::function<void()> onActivate;
+    // Runs one of the desktop entry's actions (the id is a known one).
+    std::function<void(const QString &actionName)> onAction;
 
 public Q_SLOTS:
     void Activate(const QVariantMap &platformData);

@@ -2,6 +2,7 @@
 
 #include "App/AppDelegate.h"
 #include "App/BuildInfo.h"
+#include "App/DesktopActions.h"
 #include "App/LinkIntake.h"
 #include "Models/Link.h"
 
@@ -40,17 +41,30 @@ QVariantMap platformData()
     return data;
 }
 
-// Hands the links (or, without links, a request to show itself) to the running
-// instance and waits for its answer.
-int forward(const QStringList &links)
+const QByteArray ActionOption = "--action";
+
+// What the application is asked for: links to route, one of its desktop
+// actions, or (neither) to show itself.
+struct Request
 {
+    QStringList links;
+    QString action;
+};
+
+// Hands the request to the running instance and waits for its answer.
+int forward(const Request &request)
+{
+    const QString method = !request.action.isEmpty() ? u"ActivateAction"_s
+                           : request.links.isEmpty() ? u"Activate"_s
+                                                     : u"Open"_s;
     QDBusMessage call = QDBusMessage::createMethodCall(QString::fromUtf16(BuildInfo::AppId),
-                                                       ObjectPath, ApplicationInterface,
-                                                       links.isEmpty() ? u"Activate"_s : u"Open"_s);
-    if (links.isEmpty())
+                                                       ObjectPath, ApplicationInterface, method);
+    if (!request.action.isEmpty())
+        call << request.action << QVariantList() << platformData();
+    else if (request.links.isEmpty())
         call << platformData();
     else
-        call << links << platformData();
+        call << request.links << platformData();
     const QDBusMessage reply = QDBusConnection::sessionBus().call(call, QDBus::Block, 25000);
     if (reply.type() == QDBusMessage::ErrorMessage) {
         printError(reply.errorMessage());
@@ -61,10 +75,27 @@ int forward(const QStringList &links)
 
 } // namespace
 
+bool isApplicationRequest(const QByteArrayList &arguments)
+{
+    // A link has a scheme; a command does not.
+    return arguments.isEmpty() || arguments.first() == ActionOption
+           || arguments.first().contains(':');
+}
+
 int run(int &argc, char **argv, const QByteArrayList &arguments)
 {
-    QStringList links;
-    for (const QByteArray &argument : arguments) {
+    Request request;
+    if (!arguments.isEmpty() && arguments.first() == ActionOption) {
+        request.action = QString::fromUtf8(arguments.value(1));
+        if (arguments.size() != 2 || !DesktopActions::isKnown(request.action)) {
+            printError(u"--action takes one of: %1, %2, %3."_s.arg(DesktopActions::RouteClipboard,
+                                                                   DesktopActions::ListBrowsers,
+                                                                   DesktopActions::CreateRule));
+            return 2;
+        }
+    }
+    QStringList &links = request.links;
+    for (const QByteArray &argument : request.action.isEmpty() ? arguments : QByteArrayList()) {
         QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
         const QString text = decoder.decode(argument);
         const auto link = decoder.hasError() ? Link::fromUtf8(argument) : Link::parseWebLink(text);
@@ -91,19 +122,21 @@ int run(int &argc, char **argv, const QByteArrayList &arguments)
         return 1;
     }
     if (bus.interface()->isServiceRegistered(QString::fromUtf16(BuildInfo::AppId)))
-        return forward(links);
+        return forward(request);
 
     AppDelegate delegate;
     if (!delegate.applicationWillFinishLaunching()) {
         // Another instance took the name first: it routes the links.
         if (bus.interface()->isServiceRegistered(QString::fromUtf16(BuildInfo::AppId)))
-            return forward(links);
+            return forward(request);
         return 1;
     }
     delegate.applicationDidFinishLaunching();
     if (!links.isEmpty())
         delegate.intake().handleURLs(links, QCoreApplication::applicationPid(),
                                      platformData().value(u"activation-token"_s).toString());
+    if (!request.action.isEmpty())
+        delegate.intake().onAction(request.action);
     return QApplication::exec();
 }
 

@@ -3,6 +3,8 @@
 #include "App/AppState.h"
 #include "Models/JsonFields.h"
 
+#include <QSet>
+
 using namespace Qt::Literals::StringLiterals;
 
 namespace Automation {
@@ -11,9 +13,11 @@ namespace {
 
 template<typename Entity> QList<Entity> keepIds(const QList<Entity> &all, const QStringList &ids)
 {
+    // A set: scripts may pass long lists.
+    const QSet<QString> wanted(ids.cbegin(), ids.cend());
     QList<Entity> kept;
     std::copy_if(all.cbegin(), all.cend(), std::back_inserter(kept),
-                 [&ids](const Entity &entity) { return ids.contains(entity.id); });
+                 [&wanted](const Entity &entity) { return wanted.contains(entity.id); });
     return kept;
 }
 

@@ -1,0 +1,276 @@
+#include "Automation/AutomationAdaptor.h"
+
+#include "Automation/RuleActions.h"
+#include "Automation/SettingsActions.h"
+
+#include <QDBusMetaType>
+#include <QFuture>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+
+// Every value here is a pair of strings.
+QDBusArgument &writePair(QDBusArgument &argument, const QString &first, const QString &second)
+{
+    argument.beginStructure();
+    argument << first << second;
+    argument.endStructure();
+    return argument;
+}
+
+const QDBusArgument &readPair(const QDBusArgument &argument, QString &first, QString &second)
+{
+    argument.beginStructure();
+    argument >> first >> second;
+    argument.endStructure();
+    return argument;
+}
+
+} // namespace
+
+QDBusArgument &operator<<(QDBusArgument &argument, const Automation::BrowserEntity &browser)
+{
+    return writePair(argument, browser.id, browser.name);
+}
+
+const QDBusArgument &operator>>(const QDBusArgument &argument, Automation::BrowserEntity &browser)
+{
+    return readPair(argument, browser.id, browser.name);
+}
+
+QDBusArgument &operator<<(QDBusArgument &argument, const Automation::RuleEntity &rule)
+{
+    return writePair(argument, rule.id, rule.summary);
+}
+
+const QDBusArgument &operator>>(const QDBusArgument &argument, Automation::RuleEntity &rule)
+{
+    return readPair(argument, rule.id, rule.summary);
+}
+
+QDBusArgument &operator<<(QDBusArgument &argument, const Automation::FeatureEntity &feature)
+{
+    return writePair(argument, feature.rawValue, feature.title);
+}
+
+const QDBusArgument &operator>>(const QDBusArgument &argument, Automation::FeatureEntity &feature)
+{
+    return readPair(argument, feature.rawValue, feature.title);
+}
+
+namespace Automation {
+
+void registerDBusTypes()
+{
+    qDBusRegisterMetaType<BrowserEntity>();
+    qDBusRegisterMetaType<QList<BrowserEntity>>();
+    qDBusRegisterMetaType<RuleEntity>();
+    qDBusRegisterMetaType<QList<RuleEntity>>();
+    qDBusRegisterMetaType<FeatureEntity>();
+    qDBusRegisterMetaType<QList<FeatureEntity>>();
+}
+
+QString dbusErrorName(IntentError::Kind kind)
+{
+    switch (kind) {
+    case IntentError::Kind::ValidationFailed:
+        return u"work.vorpa.Quillvane.Error.ValidationFailed"_s;
+    case IntentError::Kind::AppNotReady:
+        return u"work.vorpa.Quillvane.Error.AppNotReady"_s;
+    case IntentError::Kind::Refused:
+        return u"work.vorpa.Quillvane.Error.Refused"_s;
+    case IntentError::Kind::LaunchFailed:
+        return u"work.vorpa.Quillvane.Error.LaunchFailed"_s;
+    }
+    return u"work.vorpa.Quillvane.Error.Failed"_s;
+}
+
+} // namespace Automation
+
+using namespace Automation;
+
+namespace {
+
+const QString InvalidArgs = u"org.freedesktop.DBus.Error.InvalidArgs"_s;
+
+// Far beyond any real application id, name or pattern; a longer text is a
+// mistake, not a rule.
+constexpr qsizetype MaxTextLength = 4096;
+
+std::optional<QString> badText(const QString &what, const QString &text, bool required)
+{
+    if (required && text.isEmpty())
+        return u"%1 is empty."_s.arg(what);
+    if (text.size() > MaxTextLength)
+        return u"%1 is too long (%2 characters; at most %3)."_s.arg(
+            what, QString::number(text.size()), QString::number(MaxTextLength));
+    return std::nullopt;
+}
+
+std::optional<QString> badBrowser(const BrowserEntity &browser)
+{
+    if (auto bad = badText(u"The browser id"_s, browser.id, true))
+        return bad;
+    return badText(u"The browser name"_s, browser.name, false);
+}
+
+} // namespace
+
+AutomationAdaptor::AutomationAdaptor(QObject *parent, const QDBusConnection &connection)
+    : QDBusAbstractAdaptor(parent)
+    , m_connection(connection)
+{
+    registerDBusTypes();
+}
+
+void AutomationAdaptor::refuse(const QDBusMessage &message, const QString &errorName,
+                               const QString &text)
+{
+    message.setDelayedReply(true);
+    m_connection.send(message.createErrorReply(errorName, text));
+}
+
+template<typename T>
+T AutomationAdaptor::answer(Expected<T, IntentError> result, const QDBusMessage &message)
+{
+    if (result)
+        return std::move(result).value();
+    refuse(message, dbusErrorName(result.error().kind), result.error().description());
+    return {};
+}
+
+QList<BrowserEntity> AutomationAdaptor::ListBrowsers(const QDBusMessage &message)
+{
+    return answer(listBrowsers(), message);
+}
+
+QList<BrowserEntity> AutomationAdaptor::Browsers(const QStringList &ids,
+                                                 const QDBusMessage &message)
+{
+    return answer(browsers(ids), message);
+}
+
+QList<RuleEntity> AutomationAdaptor::ListRules(const QDBusMessage &message)
+{
+    return answer(listRules(), message);
+}
+
+QList<RuleEntity> AutomationAdaptor::Rules(const QStringList &ids, const QDBusMessage &message)
+{
+    return answer(rules(ids), message);
+}
+
+QString AutomationAdaptor::CreateRule(const BrowserEntity &target_browser,
+                                      const QVariantMap &options, const QDBusMessage &message)
+{
+    static const QStringList known{u"sourceAppBundleID"_s, u"sourceAppName"_s, u"urlPattern"_s};
+    if (const auto bad = badBrowser(target_browser)) {
+        refuse(message, InvalidArgs, *bad);
+        return {};
+    }
+    std::array<std::optional<QString>, 3> values;
+    for (auto it = options.cbegin(); it != options.cend(); ++it) {
+        const qsizetype index = known.indexOf(it.key());
+        if (index < 0) {
+            refuse(
+                message, InvalidArgs,
+                u"Unknown option \"%1\": a rule takes sourceAppBundleID, sourceAppName and urlPattern."_s
+                    .arg(it.key().left(80)));
+            return {};
+        }
+        if (it.value().metaType() != QMetaType::fromType<QString>()) {
+            refuse(message, InvalidArgs, u"The option %1 must be a string."_s.arg(it.key()));
+            return {};
+        }
+        const QString text = it.value().toString();
+        if (const auto bad = badText(u"The option "_s + it.key(), text, false)) {
+            refuse(message, InvalidArgs, *bad);
+            return {};
+        }
+        values[size_t(index)] = text;
+    }
+    return answer(createRule(values[0], values[1], values[2], target_browser), message);
+}
+
+QString AutomationAdaptor::DeleteRule(const RuleEntity &rule, const QDBusMessage &message)
+{
+    // The caller has asked the user already: a D-Bus method cannot.
+    return answer(deleteRule(rule, [](const QString &) { return true; }), message);
+}
+
+QString AutomationAdaptor::route(const QString &url, const std::optional<BrowserEntity> &browser,
+                                 const QDBusMessage &message)
+{
+    if (!sharedState()) {
+        refuse(message, dbusErrorName(IntentError::Kind::AppNotReady),
+               IntentError::appNotReady().description());
+        return {};
+    }
+    if (browser) {
+        if (const auto bad = badBrowser(*browser)) {
+            refuse(message, InvalidArgs, *bad);
+            return {};
+        }
+    }
+    const auto link = Link::parseWebLink(url);
+    if (!link) {
+        refuse(message, InvalidArgs, link.error().description);
+        return {};
+    }
+    // The browser's answer comes later; the main thread goes on meanwhile.
+    message.setDelayedReply(true);
+    routeURL(*link, browser).then(this, [this, message](const Answer &result) {
+        if (result)
+            m_connection.send(message.createReply(*result));
+        else
+            m_connection.send(message.createErrorReply(dbusErrorName(result.error().kind),
+                                                       result.error().description()));
+    });
+    return {};
+}
+
+QString AutomationAdaptor::RouteURL(const QString &url, const QDBusMessage &message)
+{
+    return route(url, std::nullopt, message);
+}
+
+QString AutomationAdaptor::RouteURLInBrowser(const QString &url, const BrowserEntity &browser,
+                                             const QDBusMessage &message)
+{
+    return route(url, browser, message);
+}
+
+QString AutomationAdaptor::SetDefaultBrowser(const BrowserEntity &browser,
+                                             const QDBusMessage &message)
+{
+    if (const auto bad = badBrowser(browser)) {
+        refuse(message, InvalidArgs, *bad);
+        return {};
+    }
+    return answer(setDefaultBrowser(browser), message);
+}
+
+QString AutomationAdaptor::ToggleFeature(const QString &feature, bool enabled,
+                                         const QDBusMessage &message)
+{
+    const auto known = featureFromRawValue(feature);
+    if (!known) {
+        QStringList names;
+        for (const FeatureInfo &info : features())
+            names.append(info.rawValue.toString());
+        refuse(message, InvalidArgs,
+               u"There is no feature named \"%1\". The features are: %2."_s.arg(
+                   feature.left(80), names.join(u", "_s)));
+        return {};
+    }
+    return answer(toggleFeature(*known, enabled), message);
+}
+
+QList<FeatureEntity> AutomationAdaptor::ListFeatures()
+{
+    QList<FeatureEntity> list;
+    for (const FeatureInfo &info : features())
+        list.append({info.rawValue.toString(), info.title.toString()});
+    return list;
+}

@@ -1,0 +1,77 @@
+#include "InstalledQuillvane.h"
+
+#include "FakeDesktop.h"
+
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusMetaType>
+#include <QDir>
+#include <QProcess>
+#include <QTest>
+
+#include <signal.h>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+const QString AppId = u"work.vorpa.Quillvane"_s;
+} // namespace
+
+bool InstalledQuillvane::setUp(const QString &buildDir, const FakeDesktop &desktop)
+{
+    qputenv("XDG_DATA_DIRS",
+            QFile::encodeName(desktop.root() + u"/system:"_s + m_prefix + u"/share"_s));
+    QDir(m_prefix).removeRecursively();
+    if (QProcess::execute(u"cmake"_s, {u"--install"_s, buildDir, u"--prefix"_s, m_prefix}) != 0)
+        return false;
+
+    qDBusRegisterMetaType<QMap<QString, QString>>();
+    QMap<QString, QString> variables;
+    for (const char *name :
+         {"HOME", "XDG_DATA_HOME", "XDG_DATA_DIRS", "XDG_CONFIG_HOME", "XDG_CONFIG_DIRS",
+          "XDG_RUNTIME_DIR", "QT_QPA_PLATFORM", "PATH", "DISPLAY", "XAUTHORITY"}) {
+        if (qEnvironmentVariableIsSet(name))
+            variables.insert(QString::fromLatin1(name), qEnvironmentVariable(name));
+    }
+    QDBusMessage update =
+        QDBusMessage::createMethodCall(u"org.freedesktop.DBus"_s, u"/org/freedesktop/DBus"_s,
+                                       u"org.freedesktop.DBus"_s, u"UpdateActivationEnvironment"_s);
+    update << QVariant::fromValue(variables);
+    return QDBusConnection::sessionBus().call(update).type() == QDBusMessage::ReplyMessage;
+}
+
+qint64 InstalledQuillvane::instancePid()
+{
+    const auto reply = QDBusConnection::sessionBus().interface()->servicePid(AppId);
+    return reply.isValid() ? qint64(reply.value()) : -1;
+}
+
+bool InstalledQuillvane::isRunning()
+{
+    return QDBusConnection::sessionBus().interface()->isServiceRegistered(AppId);
+}
+
+bool InstalledQuillvane::stop()
+{
+    const qint64 pid = instancePid();
+    if (pid > 0)
+        ::kill(pid_t(pid), SIGTERM);
+    return QTest::qWaitFor([] { return !isRunning(); }, 10000);
+}
+
+InstalledQuillvane::Result InstalledQuillvane::run(const QString &program,
+                                                   const QStringList &arguments,
+                                                   const QByteArray &input)
+{
+    QProcess process;
+    process.start(program, arguments);
+    process.write(input);
+    process.closeWriteChannel();
+    Result result;
+    if (!process.waitForFinished(30000) || process.exitStatus() != QProcess::NormalExit)
+        return result;
+    result.exitCode = process.exitCode();
+    result.out = QString::fromUtf8(process.readAllStandardOutput());
+    result.err = QString::fromUtf8(process.readAllStandardError());
+    return result;
+}

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+class FakeDesktop;
+
+// Quillvane installed into a folder of the build tree and started by the test's
+// own session bus (dbus-run-session, told where the installation's D-Bus
+// service file is), living in a FakeDesktop.
+class InstalledQuillvane final
+{
+public:
+    explicit InstalledQuillvane(const QString &prefix)
+        : m_prefix(prefix)
+    {}
+
+    // Installs afresh, points XDG_DATA_DIRS at the desktop and the
+    // installation, and gives the bus the environment it starts Quillvane with.
+    bool setUp(const QString &buildDir, const FakeDesktop &desktop);
+
+    QString program(const QString &name) const { return m_prefix + u"/bin/" + name; }
+    QString prefix() const { return m_prefix; }
+
+    static qint64 instancePid();
+    static bool isRunning();
+    // Stops the running instance and waits until its name is free.
+    static bool stop();
+
+    struct Result
+    {
+        int exitCode = -1;
+        QString out;
+        QString err;
+    };
+    // Runs a program to its end (30 s at most), with input on standard input.
+    static Result run(const QString &program, const QStringList &arguments,
+                      const QByteArray &input = {});
+
+private:
+    QString m_prefix;
+};

@@ -1,0 +1,585 @@
+// Scripts driving a real Quillvane: the sub-commands run as processes and
+// direct calls to work.vorpa.Quillvane.Automation, on a session bus of the
+// test's own, under a virtual X server (for the clipboard). The test is also
+// the desktop's notification service, to read Quillvane's answers to the
+// desktop actions.
+#include "Automation/AutomationAdaptor.h"
+#include "FakeDesktop.h"
+#include "InstalledQuillvane.h"
+#include "Storage/HistoryStore.h"
+#include "Storage/RuleStore.h"
+#include "Storage/UserSettings.h"
+
+#include <QClipboard>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QGuiApplication>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTest>
+#include <QXmlStreamReader>
+
+using namespace Qt::Literals::StringLiterals;
+using namespace Automation;
+
+namespace {
+
+const QString AppId = u"work.vorpa.Quillvane"_s;
+const QString ObjectPath = u"/work/vorpa/Quillvane"_s;
+InstalledQuillvane g_installed(QStringLiteral(QUILLVANE_E2E_PREFIX));
+
+using Result = InstalledQuillvane::Result;
+
+QDBusMessage automationCall(const QString &method, const QVariantList &arguments = {})
+{
+    QDBusMessage call = QDBusMessage::createMethodCall(AppId, ObjectPath, InterfaceName, method);
+    call.setArguments(arguments);
+    call.setAutoStartService(false);
+    return QDBusConnection::sessionBus().call(call);
+}
+
+} // namespace
+
+// The desktop's notification service, as far as Quillvane uses it.
+class NotificationServer final : public QObject
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Notifications")
+
+public:
+    QList<std::pair<QString, QString>> shown;
+
+public Q_SLOTS:
+    uint Notify(const QString &, uint, const QString &, const QString &summary, const QString &body,
+                const QStringList &, const QVariantMap &, int)
+    {
+        shown.append({summary, body});
+        return uint(shown.size());
+    }
+};
+
+class TestAutomationBus final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void cleanupTestCase();
+    void nothingAnswersWhileNotRunning();
+    void interfaceMatchesItsDescription();
+    void listsAndQueries();
+    void createRule();
+    void deleteRule();
+    void deleteRuleAsksOnTheTerminal();
+    void routeURL();
+    void fallbackAndFeatures();
+    void malformedCallsAreRefused();
+    void desktopActions();
+    void shellCompletion();
+
+private:
+    Result quillvane(const QStringList &arguments, const QByteArray &input = {})
+    {
+        return InstalledQuillvane::run(g_installed.program(u"quillvane"_s), arguments, input);
+    }
+    QList<RoutingRule> storedRules() const;
+    std::unique_ptr<QSettings> storedSettings() const;
+
+    std::unique_ptr<FakeDesktop> m_desktop;
+    NotificationServer m_notifications;
+    QString m_docsRuleId;
+};
+
+void TestAutomationBus::initTestCase()
+{
+    if (!QDBusConnection::sessionBus().isConnected())
+        QSKIP("needs a session bus: run under dbus-run-session");
+    registerDBusTypes();
+    m_desktop = std::make_unique<FakeDesktop>();
+    QVERIFY(g_installed.setUp(QStringLiteral(QUILLVANE_BUILD_DIR), *m_desktop));
+    m_desktop->addBrowser(u"fallback-browser"_s, u"Fallback"_s);
+    m_desktop->addBrowser(u"docs-browser"_s, u"Docs Browser"_s);
+    m_desktop->addBrowser(u"alpha-browser"_s, u"Alpha"_s);
+
+    const RoutingRule docs{QUuid::createUuid(), QString(),         QString(),   u"docs-browser"_s,
+                           u"Docs Browser"_s,   u"docs.example"_s, std::nullopt};
+    m_docsRuleId = docs.id.toString(QUuid::WithoutBraces).toUpper();
+    auto settings = storedSettings();
+    RuleStore store(*settings);
+    store.saveRules({docs});
+    store.saveDefaultBrowserBundleID(u"fallback-browser"_s);
+
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    QVERIFY(bus.registerObject(u"/org/freedesktop/Notifications"_s, &m_notifications,
+                               QDBusConnection::ExportAllSlots));
+    QVERIFY(bus.registerService(u"org.freedesktop.Notifications"_s));
+}
+
+void TestAutomationBus::cleanupTestCase()
+{
+    if (m_desktop)
+        QVERIFY(InstalledQuillvane::stop());
+}
+
+std::unique_ptr<QSettings> TestAutomationBus::storedSettings() const
+{
+    return UserSettings::open(m_desktop->configHome() + u"/Quillvane/Quillvane.conf"_s);
+}
+
+QList<RoutingRule> TestAutomationBus::storedRules() const
+{
+    auto settings = storedSettings();
+    return RuleStore(*settings).loadRules();
+}
+
+void TestAutomationBus::nothingAnswersWhileNotRunning()
+{
+    QVERIFY(!InstalledQuillvane::isRunning());
+    for (const QStringList &arguments :
+         {QStringList{u"rules"_s}, QStringList{u"browsers"_s, u"--json"_s},
+          QStringList{u"route"_s, u"https://docs.example/"_s},
+          QStringList{u"rule"_s, u"delete"_s, m_docsRuleId, u"--yes"_s},
+          QStringList{u"feature"_s, u"urlCleaning"_s, u"off"_s}}) {
+        const Result result = quillvane(arguments);
+        QCOMPARE(result.exitCode, 1);
+        QCOMPARE(result.err,
+                 u"quillvane: Quillvane is not running. Please launch the app first.\n"_s);
+        QVERIFY(result.out.isEmpty());
+    }
+    // Even though the bus could start it.
+    QVERIFY(!InstalledQuillvane::isRunning());
+    const QString error = automationCall(u"ListRules"_s).errorName();
+    QVERIFY2(error == u"org.freedesktop.DBus.Error.ServiceUnknown"
+                 || error == u"org.freedesktop.DBus.Error.NameHasNoOwner",
+             qPrintable(error));
+    QCOMPARE(storedRules().size(), 1);
+
+    // Started the way a desktop starts it.
+    QDBusMessage activate = QDBusMessage::createMethodCall(
+        AppId, ObjectPath, u"org.freedesktop.Application"_s, u"Activate"_s);
+    activate << QVariantMap();
+    QCOMPARE(QDBusConnection::sessionBus().call(activate, QDBus::Block, 20000).type(),
+             QDBusMessage::ReplyMessage);
+    QVERIFY(InstalledQuillvane::isRunning());
+}
+
+// The installed interface description is what the instance publishes.
+void TestAutomationBus::interfaceMatchesItsDescription()
+{
+    // "Name(in s b ) -> (s )" for every method of the interface, sorted.
+    const auto methods = [](const QString &xml) {
+        QXmlStreamReader reader(xml);
+        QStringList found;
+        bool inInterface = false;
+        while (!reader.atEnd()) {
+            reader.readNext();
+            const auto attribute = [&reader](const char *name) {
+                return reader.attributes().value(QLatin1StringView(name)).toString();
+            };
+            if (reader.isStartElement() && reader.name() == u"interface")
+                inInterface = attribute("name") == InterfaceName;
+            else if (inInterface && reader.isStartElement() && reader.name() == u"method")
+                found.append(attribute("name") + u"() -> ()"_s);
+            else if (inInterface && reader.isStartElement() && reader.name() == u"arg")
+                found.last().insert(attribute("direction") == u"out" ? found.last().size() - 1
+                                                                     : found.last().indexOf(u')'),
+                                    attribute("type") + u' ');
+        }
+        found.sort();
+        return found;
+    };
+    QFile installed(g_installed.prefix()
+                    + u"/share/dbus-1/interfaces/work.vorpa.Quillvane.Automation.xml"_s);
+    QVERIFY(installed.open(QIODevice::ReadOnly));
+    const QStringList described = methods(QString::fromUtf8(installed.readAll()));
+    QCOMPARE(described.size(), 11);
+
+    QDBusMessage introspect = QDBusMessage::createMethodCall(
+        AppId, ObjectPath, u"org.freedesktop.DBus.Introspectable"_s, u"Introspect"_s);
+    const QDBusMessage reply = QDBusConnection::sessionBus().call(introspect);
+    QCOMPARE(reply.type(), QDBusMessage::ReplyMessage);
+    QCOMPARE(methods(reply.arguments().value(0).toString()), described);
+}
+
+void TestAutomationBus::listsAndQueries()
+{
+    Result result = quillvane({u"browsers"_s});
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, u"alpha-browser     Alpha\n"
+                         "docs-browser      Docs Browser\n"
+                         "fallback-browser  Fallback\n"_s);
+
+    result = quillvane({u"browsers"_s, u"--json"_s});
+    QCOMPARE(result.exitCode, 0);
+    const QJsonArray browsers = QJsonDocument::fromJson(result.out.toUtf8()).array();
+    QCOMPARE(browsers.size(), 3);
+    QCOMPARE(browsers.at(1).toObject(),
+             (QJsonObject{{u"id"_s, u"docs-browser"_s}, {u"name"_s, u"Docs Browser"_s}}));
+
+    result = quillvane({u"rules"_s, u"--json"_s});
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(QJsonDocument::fromJson(result.out.toUtf8()).array(),
+             (QJsonArray{QJsonObject{{u"id"_s, m_docsRuleId},
+                                     {u"summary"_s, u"docs.example → Docs Browser"_s}}}));
+
+    // In list order, each once, unknown and lower-case ids left out.
+    QDBusMessage reply = automationCall(
+        u"Browsers"_s, {QStringList{u"fallback-browser"_s, u"nope"_s, u"alpha-browser"_s,
+                                    u"fallback-browser"_s, u"ALPHA-BROWSER"_s}});
+    QCOMPARE(reply.type(), QDBusMessage::ReplyMessage);
+    const auto found = qdbus_cast<QList<BrowserEntity>>(reply.arguments().value(0));
+    QCOMPARE(found, (QList<BrowserEntity>{{u"alpha-browser"_s, u"Alpha"_s},
+                                          {u"fallback-browser"_s, u"Fallback"_s}}));
+    reply = automationCall(u"Rules"_s, {QStringList{m_docsRuleId.toLower()}});
+    QVERIFY(qdbus_cast<QList<RuleEntity>>(reply.arguments().value(0)).isEmpty());
+    reply = automationCall(u"Rules"_s, {QStringList{m_docsRuleId}});
+    QCOMPARE(qdbus_cast<QList<RuleEntity>>(reply.arguments().value(0)).size(), 1);
+
+    reply = automationCall(u"ListFeatures"_s);
+    const auto features = qdbus_cast<QList<FeatureEntity>>(reply.arguments().value(0));
+    QCOMPARE(features.size(), 4);
+    QCOMPARE(features.at(3).rawValue, u"pauseRules"_s);
+    QCOMPARE(features.at(3).title, u"Pause Rules"_s);
+}
+
+void TestAutomationBus::createRule()
+{
+    // Stored exactly as given: scheme, case and slash kept.
+    Result result = quillvane({u"rule"_s, u"add"_s, u"--browser"_s, u"alpha-browser"_s,
+                               u"--pattern=HTTPS://Git.Example/"_s});
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, u"Created rule: HTTPS://Git.Example/ → Alpha\n"_s);
+    QList<RoutingRule> rules = storedRules();
+    QCOMPARE(rules.size(), 2);
+    QCOMPARE(rules.last().urlPattern, std::optional<QString>(u"HTTPS://Git.Example/"_s));
+    QCOMPARE(rules.last().targetBrowserName, u"Alpha"_s);
+    QCOMPARE(rules.last().targetProfileID, std::nullopt);
+
+    // An app with an empty pattern: the pattern is present.
+    result = quillvane({u"rule"_s, u"add"_s, u"--browser"_s, u"docs-browser"_s, u"--app"_s,
+                        u"org.example.Mail"_s, u"--app-name"_s, u"Mail"_s, u"--pattern"_s, u""_s});
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, u"Created rule: Mail +  → Docs Browser\n"_s);
+    rules = storedRules();
+    QCOMPARE(rules.size(), 3);
+    QCOMPARE(rules.last().sourceAppBundleID, u"org.example.Mail"_s);
+    QCOMPARE(rules.last().urlPattern, std::optional<QString>(QString()));
+
+    // Neither a source nor a pattern; an unknown browser; no browser at all.
+    result = quillvane({u"rule"_s, u"add"_s, u"--browser"_s, u"docs-browser"_s, u"--app="_s});
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.err, u"quillvane: Provide a source app bundle ID, a URL pattern, or both.\n"_s);
+    result = quillvane(
+        {u"rule"_s, u"add"_s, u"--browser"_s, u"Docs-Browser"_s, u"--pattern"_s, u"x.example"_s});
+    QCOMPARE(result.exitCode, 1);
+    QVERIFY2(result.err.contains(u"no installed browser has the id \"Docs-Browser\""_s),
+             qPrintable(result.err));
+    result = quillvane({u"rule"_s, u"add"_s, u"--pattern"_s, u"x.example"_s});
+    QCOMPARE(result.exitCode, 2);
+    QCOMPARE(storedRules().size(), 3);
+
+    // Over the bus, options are checked by name and type.
+    const QVariant target = QVariant::fromValue(BrowserEntity{u"alpha-browser"_s, u"Alpha"_s});
+    QDBusMessage reply = automationCall(
+        u"CreateRule"_s,
+        {target, QVariantMap{{u"urlPattern"_s, u"*.example.org"_s}, {u"colour"_s, u"red"_s}}});
+    QCOMPARE(reply.errorName(), u"org.freedesktop.DBus.Error.InvalidArgs"_s);
+    QVERIFY(reply.errorMessage().contains(u"colour"_s));
+    reply = automationCall(u"CreateRule"_s, {target, QVariantMap{{u"urlPattern"_s, 42}}});
+    QCOMPARE(reply.errorName(), u"org.freedesktop.DBus.Error.InvalidArgs"_s);
+    reply = automationCall(u"CreateRule"_s,
+                           {target, QVariantMap{{u"urlPattern"_s, QString(5000, u'a')}}});
+    QCOMPARE(reply.errorName(), u"org.freedesktop.DBus.Error.InvalidArgs"_s);
+    reply = automationCall(u"CreateRule"_s, {target, QVariantMap{{u"sourceAppBundleID"_s, u""_s}}});
+    QCOMPARE(reply.errorName(), u"work.vorpa.Quillvane.Error.ValidationFailed"_s);
+    QCOMPARE(reply.errorMessage(), u"Provide a source app bundle ID, a URL pattern, or both."_s);
+    QCOMPARE(storedRules().size(), 3);
+    reply = automationCall(u"CreateRule"_s,
+                           {target, QVariantMap{{u"urlPattern"_s, u"*.example.org"_s}}});
+    QCOMPARE(reply.arguments().value(0).toString(), u"Created rule: *.example.org → Alpha"_s);
+    QCOMPARE(storedRules().size(), 4);
+}
+
+void TestAutomationBus::deleteRule()
+{
+    const RoutingRule last = storedRules().last();
+    const QString id = last.id.toString(QUuid::WithoutBraces).toUpper();
+
+    // No terminal, no --yes: nothing deleted.
+    Result result = quillvane({u"rule"_s, u"delete"_s, id});
+    QCOMPARE(result.exitCode, 1);
+    QVERIFY2(result.err.contains(u"Delete rule \"*.example.org → Alpha\"?"_s),
+             qPrintable(result.err));
+    QVERIFY(result.err.contains(u"--yes"_s));
+    QCOMPARE(storedRules().size(), 4);
+
+    // Ids are exact: lower case finds nothing.
+    result = quillvane({u"rule"_s, u"delete"_s, id.toLower(), u"--yes"_s});
+    QCOMPARE(result.exitCode, 1);
+    QVERIFY2(result.err.contains(u"no rule has the id"_s), qPrintable(result.err));
+    QCOMPARE(storedRules().size(), 4);
+
+    result = quillvane({u"rule"_s, u"delete"_s, id, u"--yes"_s});
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, u"Deleted rule: *.example.org → Alpha\n"_s);
+    QCOMPARE(storedRules().size(), 3);
+    QVERIFY(!storedRules().contains(last));
+
+    // A rule that is gone meanwhile is not an error.
+    const QDBusMessage reply = automationCall(
+        u"DeleteRule"_s, {QVariant::fromValue(RuleEntity{id, u"*.example.org → Alpha"_s})});
+    QCOMPARE(reply.type(), QDBusMessage::ReplyMessage);
+    QCOMPARE(reply.arguments().value(0).toString(),
+             u"Rule not found. It may have already been deleted."_s);
+    QCOMPARE(storedRules().size(), 3);
+}
+
+void TestAutomationBus::deleteRuleAsksOnTheTerminal()
+{
+    const QString script = QStandardPaths::findExecutable(u"script"_s);
+    if (script.isEmpty())
+        QSKIP("script (bsdutils) is not installed");
+    const QString id = storedRules().last().id.toString(QUuid::WithoutBraces).toUpper();
+    // script gives the command a terminal of its own, fed from our input.
+    const auto onTerminal = [&](const QByteArray &answer) {
+        return InstalledQuillvane::run(
+            script,
+            {u"-qec"_s, g_installed.program(u"quillvane"_s) + u" rule delete "_s + id,
+             u"/dev/null"_s},
+            answer);
+    };
+    Result result = onTerminal("n\n");
+    QVERIFY2(result.out.contains(u"Delete rule \"Mail +  → Docs Browser\"? [y/N]"_s),
+             qPrintable(result.out));
+    QVERIFY(result.out.contains(u"The rule was not deleted."_s));
+    QCOMPARE(storedRules().size(), 3);
+
+    result = onTerminal("y\n");
+    QVERIFY2(result.out.contains(u"Deleted rule: Mail +  → Docs Browser"_s),
+             qPrintable(result.out));
+    QCOMPARE(storedRules().size(), 2);
+}
+
+void TestAutomationBus::routeURL()
+{
+    auto settings = storedSettings();
+    const qsizetype history = HistoryStore::loadHistory(*settings).size();
+
+    // Through the rules: cleaned (cleaning is on by default), no source app.
+    Result result = quillvane({u"route"_s, u"https://docs.example/page?utm_source=news&id=7"_s});
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, u"Routed to Docs Browser.\n"_s);
+    QVERIFY(m_desktop->waitForRun(u"docs-browser"_s));
+    QCOMPARE(m_desktop->arguments(u"docs-browser"_s),
+             QStringList{u"https://docs.example/page?id=7"_s});
+
+    // Straight to a browser: exactly as given.
+    result = quillvane({u"route"_s, u"https://docs.example/page?utm_source=news"_s, u"--browser"_s,
+                        u"alpha-browser"_s});
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, u"Opened in Alpha.\n"_s);
+    QVERIFY(m_desktop->waitForRun(u"alpha-browser"_s));
+    QCOMPARE(m_desktop->arguments(u"alpha-browser"_s),
+             QStringList{u"https://docs.example/page?utm_source=news"_s});
+
+    // No rule: the fallback browser; over the bus as well.
+    const QDBusMessage reply = automationCall(u"RouteURL"_s, {u"https://other.example/"_s});
+    QCOMPARE(reply.arguments().value(0).toString(), u"Routed to Fallback."_s);
+    QVERIFY(m_desktop->waitForRun(u"fallback-browser"_s));
+
+    // Nothing counted or recorded.
+    settings = storedSettings();
+    QCOMPARE(HistoryStore::loadHistory(*settings).size(), history);
+
+    // Bad links never reach the instance.
+    // (A command-line argument holds at most 128 KiB.)
+    const QString longLink = u"https://a.example/"_s + QString(100000, u'a') + u"\x01"_s;
+    for (const QString &link : {u"not a link"_s, u"javascript:alert(1)"_s, QString(), longLink}) {
+        result = quillvane({u"route"_s, link});
+        QCOMPARE(result.exitCode, 2);
+        QVERIFY(result.err.startsWith(u"quillvane: "_s));
+    }
+    result = quillvane({u"route"_s, u"https://docs.example/"_s, u"--browser"_s, u"nope"_s});
+    QCOMPARE(result.exitCode, 1);
+
+    // A browser whose entry went away after Quillvane listed it.
+    m_desktop->forget(u"alpha-browser"_s);
+    QFile::rename(m_desktop->userApplications() + u"/alpha-browser.desktop"_s,
+                  m_desktop->root() + u"/alpha-browser.desktop.away"_s);
+    m_desktop->refreshDatabase();
+    result =
+        quillvane({u"route"_s, u"https://docs.example/"_s, u"--browser"_s, u"alpha-browser"_s});
+    QCOMPARE(result.exitCode, 1);
+    QVERIFY2(result.err.startsWith(u"quillvane: Browser \"Alpha\" is not available at "_s)
+                 || result.err.startsWith(u"quillvane: Failed to open URL: "_s),
+             qPrintable(result.err));
+    QVERIFY(!m_desktop->ran(u"alpha-browser"_s));
+    QFile::rename(m_desktop->root() + u"/alpha-browser.desktop.away"_s,
+                  m_desktop->userApplications() + u"/alpha-browser.desktop"_s);
+    m_desktop->refreshDatabase();
+}
+
+void TestAutomationBus::fallbackAndFeatures()
+{
+    Result result = quillvane({u"fallback"_s, u"alpha-browser"_s});
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, u"Default browser set to Alpha.\n"_s);
+    auto settings = storedSettings();
+    QCOMPARE(RuleStore(*settings).loadDefaultBrowserBundleID(), u"alpha-browser"_s);
+
+    // Pausing twice: one change, the same answer.
+    for (int i = 0; i < 2; ++i) {
+        result = quillvane({u"feature"_s, u"pauseRules"_s, u"on"_s});
+        QCOMPARE(result.exitCode, 0);
+        QCOMPARE(result.out, u"Pause Rules is now enabled.\n"_s);
+        settings = storedSettings();
+        QCOMPARE(RuleStore(*settings).loadRulesEnabled(), false);
+    }
+    // Rules still apply to scripts while paused.
+    result = quillvane({u"route"_s, u"https://docs.example/paused"_s});
+    QCOMPARE(result.out, u"Routed to Docs Browser.\n"_s);
+    result = quillvane({u"feature"_s, u"pauseRules"_s, u"off"_s});
+    QCOMPARE(result.out, u"Pause Rules is now disabled.\n"_s);
+
+    for (const QStringList &bad :
+         {QStringList{u"feature"_s, u"URLCleaning"_s, u"on"_s},
+          QStringList{u"feature"_s, u"urlCleaning"_s, u"yes"_s},
+          QStringList{u"feature"_s, u"urlCleaning"_s}, QStringList{u"fallback"_s},
+          QStringList{u"rule"_s}, QStringList{u"rules"_s, u"--colour"_s},
+          QStringList{u"route"_s, u"https://a.example"_s, u"--browser"_s}}) {
+        result = quillvane(bad);
+        QCOMPARE(result.exitCode, 2);
+        QVERIFY2(result.err.startsWith(u"quillvane: "_s), qPrintable(result.err));
+    }
+    result = quillvane({u"fallback"_s, u""_s});
+    QCOMPARE(result.exitCode, 1);
+    settings = storedSettings();
+    QCOMPARE(RuleStore(*settings).loadDefaultBrowserBundleID(), u"alpha-browser"_s);
+
+    // Every command explains itself.
+    for (const QStringList &help :
+         {QStringList{u"route"_s}, QStringList{u"rules"_s}, QStringList{u"rule"_s, u"add"_s},
+          QStringList{u"rule"_s, u"delete"_s}, QStringList{u"browsers"_s},
+          QStringList{u"fallback"_s}, QStringList{u"feature"_s}}) {
+        result = quillvane(help + QStringList{u"--help"_s});
+        QCOMPARE(result.exitCode, 0);
+        QVERIFY2(result.out.startsWith(u"Usage: quillvane "_s + help.join(u' ')),
+                 qPrintable(result.out));
+    }
+    QVERIFY(quillvane({u"route"_s, u"--help"_s}).out.contains(u"\"Route URL in Quillvane\""_s));
+    QVERIFY(quillvane({u"browsers"_s, u"-h"_s}).out.contains(u"\"Show browsers in Quillvane\""_s));
+    QVERIFY(quillvane({u"rule"_s, u"add"_s, u"-h"_s}).out.contains(u"\"Add rule to Quillvane\""_s));
+}
+
+void TestAutomationBus::malformedCallsAreRefused()
+{
+    const qint64 instance = InstalledQuillvane::instancePid();
+    QDBusMessage reply = automationCall(u"ToggleFeature"_s, {u"URLCleaning"_s, true});
+    QCOMPARE(reply.errorName(), u"org.freedesktop.DBus.Error.InvalidArgs"_s);
+    QVERIFY(
+        reply.errorMessage().contains(u"urlCleaning, urlExpansion, launchAtLogin, pauseRules"_s));
+    // Wrong types and wrong counts.
+    reply = automationCall(u"ToggleFeature"_s, {42, u"on"_s});
+    QCOMPARE(reply.errorName(), u"org.freedesktop.DBus.Error.UnknownMethod"_s);
+    reply = automationCall(u"SetDefaultBrowser"_s, {u"alpha-browser"_s});
+    QCOMPARE(reply.errorName(), u"org.freedesktop.DBus.Error.UnknownMethod"_s);
+    reply = automationCall(u"RouteURL"_s);
+    QCOMPARE(reply.errorName(), u"org.freedesktop.DBus.Error.UnknownMethod"_s);
+    reply = automationCall(u"SetDefaultBrowser"_s,
+                           {QVariant::fromValue(BrowserEntity{QString(), u"Nobody"_s})});
+    QCOMPARE(reply.errorName(), u"org.freedesktop.DBus.Error.InvalidArgs"_s);
+    reply = automationCall(u"RouteURL"_s, {u"file:///etc/passwd"_s});
+    QCOMPARE(reply.errorName(), u"org.freedesktop.DBus.Error.InvalidArgs"_s);
+    reply = automationCall(u"Browsers"_s, {QStringList(100000, u"x"_s)});
+    QCOMPARE(reply.type(), QDBusMessage::ReplyMessage);
+    QCOMPARE(InstalledQuillvane::instancePid(), instance);
+}
+
+void TestAutomationBus::desktopActions()
+{
+    const QString entryPath =
+        g_installed.prefix() + u"/share/applications/work.vorpa.Quillvane.desktop"_s;
+    if (!QStandardPaths::findExecutable(u"desktop-file-validate"_s).isEmpty())
+        QCOMPARE(InstalledQuillvane::run(u"desktop-file-validate"_s, {entryPath}).exitCode, 0);
+    QFile entry(entryPath);
+    QVERIFY(entry.open(QIODevice::ReadOnly));
+    const QByteArray text = entry.readAll();
+    QVERIFY(text.contains("\nActions=route-clipboard;list-browsers;create-rule;\n"));
+    QVERIFY(text.contains("[Desktop Action route-clipboard]\nName=Route URL\n"));
+    QVERIFY(text.contains("[Desktop Action list-browsers]\nName=List Browsers\n"));
+    QVERIFY(text.contains("[Desktop Action create-rule]\nName=Create Rule\n"));
+
+    // The clipboard belongs to this process, which must keep answering while
+    // Quillvane reads it: nothing here waits without its event loop.
+    QGuiApplication::clipboard()->setText(u"  https://docs.example/copied?utm_medium=mail  "_s);
+    m_desktop->forget(u"docs-browser"_s);
+    m_notifications.shown.clear();
+    QProcess action;
+    action.start(g_installed.program(u"quillvane"_s), {u"--action"_s, u"route-clipboard"_s});
+    QTRY_COMPARE_WITH_TIMEOUT(m_notifications.shown.size(), 1, 15000);
+    QCOMPARE(m_notifications.shown.first(),
+             (std::pair{u"Route URL"_s, u"Routed to Docs Browser."_s}));
+    QCOMPARE(m_desktop->arguments(u"docs-browser"_s),
+             QStringList{u"https://docs.example/copied"_s});
+    QTRY_COMPARE(action.state(), QProcess::NotRunning);
+    QCOMPARE(action.exitCode(), 0);
+
+    QGuiApplication::clipboard()->setText(u"ftp://files.example/"_s);
+    action.start(g_installed.program(u"quillvane"_s), {u"--action"_s, u"route-clipboard"_s});
+    QTRY_COMPARE_WITH_TIMEOUT(m_notifications.shown.size(), 2, 15000);
+    QVERIFY(m_notifications.shown.last().second.startsWith(
+        u"The clipboard holds no link to route: "_s));
+    QTRY_COMPARE(action.state(), QProcess::NotRunning);
+
+    // Straight over the bus, as launchers do.
+    QDBusMessage call = QDBusMessage::createMethodCall(
+        AppId, ObjectPath, u"org.freedesktop.Application"_s, u"ActivateAction"_s);
+    call << u"list-browsers"_s << QVariantList() << QVariantMap();
+    QDBusConnection::sessionBus().asyncCall(call);
+    QTRY_COMPARE_WITH_TIMEOUT(m_notifications.shown.size(), 3, 15000);
+    QCOMPARE(m_notifications.shown.last(),
+             (std::pair{u"List Browsers"_s, u"Alpha (alpha-browser)\nDocs Browser (docs-browser)\n"
+                                            "Fallback (fallback-browser)"_s}));
+
+    const Result unknown = quillvane({u"--action"_s, u"format-disk"_s});
+    QCOMPARE(unknown.exitCode, 2);
+    QVERIFY(unknown.err.contains(u"route-clipboard, list-browsers, create-rule"_s));
+}
+
+void TestAutomationBus::shellCompletion()
+{
+    const QString bashScript =
+        g_installed.prefix() + u"/share/bash-completion/completions/quillvane"_s;
+    const auto complete = [&](const QString &line) {
+        // The words of the line, the last one being completed.
+        const QString command = u"PATH='%1/bin':$PATH; source '%2'; COMP_WORDS=(%3); "
+                                u"COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); "
+                                "_quillvane; printf '%s\\n' \"${COMPREPLY[@]}\""_s.arg(
+                                    g_installed.prefix(), bashScript, line);
+        return InstalledQuillvane::run(u"bash"_s, {u"-c"_s, command})
+            .out.split(u'\n', Qt::SkipEmptyParts);
+    };
+    QCOMPARE(
+        complete(u"quillvane fallback ''"_s),
+        (QStringList{u"alpha-browser"_s, u"docs-browser"_s, u"fallback-browser"_s, u"--help"_s}));
+    QCOMPARE(complete(u"quillvane feature url"_s),
+             (QStringList{u"urlCleaning"_s, u"urlExpansion"_s}));
+    QCOMPARE(complete(u"quillvane rule delete ''"_s).size(), storedRules().size() + 2);
+    QCOMPARE(complete(u"quillvane route https://a.example --browser d"_s),
+             QStringList{u"docs-browser"_s});
+    QCOMPARE(complete(u"quillvane r"_s), (QStringList{u"route"_s, u"rules"_s, u"rule"_s}));
+
+    if (QStandardPaths::findExecutable(u"zsh"_s).isEmpty())
+        QSKIP("zsh is not installed");
+    QCOMPARE(
+        InstalledQuillvane::run(
+            u"zsh"_s, {u"-n"_s, g_installed.prefix() + u"/share/zsh/site-functions/_quillvane"_s})
+            .exitCode,
+        0);
+}
+
+QTEST_MAIN(TestAutomationBus)
+#include "tst_automationbus.moc"
