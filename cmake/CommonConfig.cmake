@@ -36,3 +36,7 @@ if(GIT_FOUND AND EXISTS "${CMAKE_SOURCE_DIR}/.git")
         set(QUILLVANE_COMMIT "${_qv_commit}")
     endif()
 endif()
+
+# Build date for the About section (SOURCE_DATE_EPOCH is honoured, for
+# reproducible builds).
+string(TIMESTAMP QUILLVANE_BUILD_DATE "%Y-%m-%d" UTC)

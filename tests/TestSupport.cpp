@@ -1,5 +1,6 @@
 #include "TestSupport.h"
 
+#include "Services/BrowserDiscovery.h"
 #include "Storage/UserSettings.h"
 
 #include <QTcpSocket>
@@ -100,6 +101,20 @@ DesktopEntry &FakeDesktopEntries::add(const QString &id, const QString &name, bo
     if (handlesLinks)
         linkHandlers.append(id);
     return entries.last();
+}
+
+FakeDesktopEntries safariAndFirefox(const QString &folder)
+{
+    FakeDesktopEntries entries;
+    entries.folder = folder;
+    for (const auto &[id, name] :
+         {std::pair{u"safari"_s, u"Safari"_s}, std::pair{u"firefox"_s, u"Firefox"_s}}) {
+        QFile entry(entries.add(id, name).path);
+        if (!entry.open(QIODevice::WriteOnly))
+            qFatal("cannot write a desktop entry in %s", qPrintable(folder));
+    }
+    BrowserDiscovery::refreshBrowsers(entries);
+    return entries;
 }
 
 QList<DesktopEntry> FakeDesktopEntries::handlersForScheme(const QString &)

@@ -78,6 +78,10 @@ public:
     std::optional<QString> httpHandler;
 };
 
+// A registry of two installed browsers, Safari ("safari") and Firefox
+// ("firefox"), whose entries are empty files in folder; discovery has seen them.
+FakeDesktopEntries safariAndFirefox(const QString &folder);
+
 // Launch at login as a flag, failing when told to.
 class FakeAutostart final : public Autostart
 {

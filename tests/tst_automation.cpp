@@ -51,16 +51,8 @@ void TestAutomation::init()
     m_environment = std::make_unique<TestEnvironment>();
     m_settings = m_environment->settings();
     m_store = std::make_unique<RuleStore>(*m_settings);
-    // Two browsers whose desktop entries are empty files in the test's folder.
-    m_entries = FakeDesktopEntries();
-    m_entries.folder = m_environment->path();
-    for (const auto &[id, name] :
-         {std::pair{u"safari"_s, u"Safari"_s}, std::pair{u"firefox"_s, u"Firefox"_s}}) {
-        QFile entry(m_entries.add(id, name).path);
-        QVERIFY(entry.open(QIODevice::WriteOnly));
-    }
+    m_entries = safariAndFirefox(m_environment->path());
     m_launcher.spawned.clear();
-    BrowserDiscovery::refreshBrowsers(m_entries);
     m_state = std::make_unique<AppState>(*m_store, AppServices{m_entries, m_launcher, m_autostart});
     AppState::setShared(m_state.get());
 }

@@ -9,7 +9,6 @@
 #include "Platform/Autostart.h"
 #include "Platform/DesktopEntries.h"
 #include "Platform/DiagnosticLog.h"
-#include "Platform/Notifications.h"
 #include "Platform/ProcessApps.h"
 #include "Platform/ProcessLauncher.h"
 #include "Platform/SystemLog.h"
@@ -18,12 +17,15 @@
 #include "Storage/RuleStore.h"
 #include "Storage/UserSettings.h"
 #include "Views/MessageBox.h"
+#include "Views/SettingsWindow.h"
+#include "Views/StatusItem.h"
 #include "applicationadaptor.h"
 
+#include <QApplication>
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
-#include <QGuiApplication>
+#include <QTimer>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -40,7 +42,7 @@ const QString ObjectPath = u"/work/vorpa/Quillvane"_s;
 
 bool hasDisplay()
 {
-    const QString platform = QGuiApplication::platformName();
+    const QString platform = QApplication::platformName();
     return !platform.isEmpty() && platform != u"offscreen" && platform != u"minimal";
 }
 
@@ -60,6 +62,8 @@ AppDelegate::AppDelegate(QObject *parent)
 
 AppDelegate::~AppDelegate()
 {
+    m_settingsWindow.reset();
+    m_statusItem.reset();
     AppState::setShared(nullptr);
 }
 
@@ -70,6 +74,7 @@ bool AppDelegate::applicationWillFinishLaunching()
     m_activeApplication = ActiveApplication::create();
     m_resolver = std::make_unique<SourceAppResolver>(*m_processApps, *m_activeApplication);
     m_intake = std::make_unique<LinkIntake>(*m_appState, *m_resolver);
+    m_intake->onActivate = [this] { openSettings(); };
     m_intake->onAction = [this](const QString &action) {
         DesktopActions::run(action, [this] { openRuleEditor(); });
     };
@@ -108,6 +113,7 @@ bool AppDelegate::applicationWillFinishLaunching()
 void AppDelegate::applicationDidFinishLaunching()
 {
     debugLog(u"applicationDidFinishLaunching — setting up status item"_s);
+    setupStatusItem();
     promptSetAsDefaultBrowserIfNeeded();
 }
 
@@ -144,10 +150,57 @@ void AppDelegate::promptSetAsDefaultBrowserIfNeeded()
 
 void AppDelegate::openRuleEditor()
 {
-    // The settings window with its rule editor is not part of this build yet:
-    // say where rules are made meanwhile.
-    debugLog(u"Create Rule requested — no settings window in this build"_s);
-    Notifications::show(
-        u"Create Rule"_s,
-        u"Create rules with \"quillvane rule add\" (see \"quillvane rule add --help\")."_s);
+    // The rule sheets live in the rule tabs.
+    openSettingsOn(SettingsWindow::AppRulesTab);
+}
+
+void AppDelegate::setupStatusItem()
+{
+    StatusItem::Commands commands{[this] { openHistory(); }, [this] { openSettings(); },
+                                  [this] { checkForUpdates(); }, [] { QCoreApplication::quit(); }};
+    m_statusItem = std::make_unique<StatusItem>(*m_appState, *m_settings,
+                                                GioDesktopEntries::instance(), commands);
+    if (!m_statusItem->setUp()) {
+        // Routing goes on without a tray; only the window is harder to reach.
+        qCInfo(lcAppDelegate).noquote()
+            << u"This desktop shows no tray icons: Quillvane keeps routing links. Open its settings with \"quillvane --settings\" or from its desktop entry."_s;
+    }
+}
+
+void AppDelegate::openSettings()
+{
+    // After the menu that asked has closed.
+    QTimer::singleShot(0, this, [this] {
+        if (!m_settingsWindow)
+            m_settingsWindow = std::make_unique<SettingsWindow>(*m_appState, *m_settings,
+                                                                GioDesktopEntries::instance(),
+                                                                [this] { checkForUpdates(); });
+        m_settingsWindow->show();
+        m_settingsWindow->raise();
+        m_settingsWindow->activateWindow();
+    });
+}
+
+void AppDelegate::openHistory()
+{
+    openSettingsOn(SettingsWindow::HistoryTab);
+}
+
+void AppDelegate::openSettingsOn(int tab)
+{
+    openSettings();
+    // Once the window is up.
+    QTimer::singleShot(200, this, [this, tab] {
+        if (m_settingsWindow)
+            m_settingsWindow->selectTab(tab);
+    });
+}
+
+void AppDelegate::checkForUpdates()
+{
+    // This build has no update feed: the package manager updates it.
+    QTimer::singleShot(0, this, [] {
+        MessageBox::inform(u"Check for Updates"_s,
+                           u"Updates for this build are provided by your package manager."_s);
+    });
 }

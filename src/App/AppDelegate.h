@@ -11,7 +11,9 @@ class LinkIntake;
 class LinuxProcessApps;
 class QSettings;
 class RuleStore;
+class SettingsWindow;
 class SourceAppResolver;
+class StatusItem;
 class XdgAutostart;
 
 // The running application: it builds the state, takes links from the session
@@ -30,11 +32,25 @@ public:
     void promptSetAsDefaultBrowserIfNeeded();
     // Where the desktop entry's "Create Rule" leads.
     void openRuleEditor();
+    // The tray icon and its menu; says in the log how to reach the settings
+    // when the desktop has no tray.
+    void setupStatusItem();
+    // Shows the settings window, made on first use; openHistory then shows its
+    // History tab.
+    void openSettings();
+    void openHistory();
+    void checkForUpdates();
+
+    StatusItem *statusItem() const { return m_statusItem.get(); }
+    // None until first opened.
+    SettingsWindow *settingsWindow() const { return m_settingsWindow.get(); }
 
     AppState &appState() const { return *m_appState; }
     LinkIntake &intake() const { return *m_intake; }
 
 private:
+    void openSettingsOn(int tab);
+
     std::unique_ptr<QSettings> m_settings;
     std::unique_ptr<RuleStore> m_store;
     std::unique_ptr<XdgAutostart> m_autostart;
@@ -43,4 +59,6 @@ private:
     std::unique_ptr<ActiveApplication> m_activeApplication;
     std::unique_ptr<SourceAppResolver> m_resolver;
     std::unique_ptr<LinkIntake> m_intake;
+    std::unique_ptr<StatusItem> m_statusItem;
+    std::unique_ptr<SettingsWindow> m_settingsWindow;
 };

@@ -23,7 +23,7 @@ QString helpText()
            "Quillvane routes every link you open to the browser your rules choose.\n"
            "Without a command it starts (or shows) Quillvane and routes the links given.\n"
            "\"quillvane --action ID\" runs one of its desktop actions: route-clipboard,\n"
-           "list-browsers, create-rule.\n"
+           "list-browsers, create-rule. \"quillvane --settings\" opens the settings window.\n"
            "\n"
            "Commands:\n"
            "  explain URL [--from APP-ID] [--expand]\n"

@@ -42,6 +42,7 @@ QVariantMap platformData()
 }
 
 const QByteArray ActionOption = "--action";
+const QByteArray SettingsOption = "--settings";
 
 // What the application is asked for: links to route, one of its desktop
 // actions, or (neither) to show itself.
@@ -49,6 +50,7 @@ struct Request
 {
     QStringList links;
     QString action;
+    bool settings = false;
 };
 
 // Hands the request to the running instance and waits for its answer.
@@ -79,13 +81,19 @@ bool isApplicationRequest(const QByteArrayList &arguments)
 {
     // A link has a scheme; a command does not.
     return arguments.isEmpty() || arguments.first() == ActionOption
-           || arguments.first().contains(':');
+           || arguments.first() == SettingsOption || arguments.first().contains(':');
 }
 
 int run(int &argc, char **argv, const QByteArrayList &arguments)
 {
     Request request;
-    if (!arguments.isEmpty() && arguments.first() == ActionOption) {
+    if (!arguments.isEmpty() && arguments.first() == SettingsOption) {
+        if (arguments.size() != 1) {
+            printError(u"--settings takes nothing more."_s);
+            return 2;
+        }
+        request.settings = true;
+    } else if (!arguments.isEmpty() && arguments.first() == ActionOption) {
         request.action = QString::fromUtf8(arguments.value(1));
         if (arguments.size() != 2 || !DesktopActions::isKnown(request.action)) {
             printError(u"--action takes one of: %1, %2, %3."_s.arg(DesktopActions::RouteClipboard,
@@ -95,7 +103,8 @@ int run(int &argc, char **argv, const QByteArrayList &arguments)
         }
     }
     QStringList &links = request.links;
-    for (const QByteArray &argument : request.action.isEmpty() ? arguments : QByteArrayList()) {
+    const bool takesLinks = request.action.isEmpty() && !request.settings;
+    for (const QByteArray &argument : takesLinks ? arguments : QByteArrayList()) {
         QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
         const QString text = decoder.decode(argument);
         const auto link = decoder.hasError() ? Link::fromUtf8(argument) : Link::parseWebLink(text);
@@ -137,6 +146,8 @@ int run(int &argc, char **argv, const QByteArrayList &arguments)
                                      platformData().value(u"activation-token"_s).toString());
     if (!request.action.isEmpty())
         delegate.intake().onAction(request.action);
+    if (request.settings)
+        delegate.openSettings();
     return QApplication::exec();
 }
 

@@ -8,11 +8,16 @@ namespace MessageBox {
 namespace {
 std::optional<int> g_nextAnswer;
 QString g_lastText;
+QString g_lastInformTitle;
+QString g_lastDetail;
+bool g_informQuietly = false;
 } // namespace
 
-int ask(const QString &text, const QString &informativeText, const QStringList &buttons)
+int ask(const QString &text, const QString &informativeText, const QStringList &buttons,
+        int defaultButton)
 {
     g_lastText = text;
+    g_lastDetail = informativeText;
     if (g_nextAnswer)
         return std::exchange(g_nextAnswer, std::nullopt).value();
     QMessageBox box;
@@ -23,10 +28,40 @@ int ask(const QString &text, const QString &informativeText, const QStringList &
     for (const QString &title : buttons)
         added.append(box.addButton(title, added.isEmpty() ? QMessageBox::AcceptRole
                                                           : QMessageBox::RejectRole));
-    if (!added.isEmpty())
-        box.setDefaultButton(static_cast<QPushButton *>(added.first()));
+    if (defaultButton >= 0 && defaultButton < added.size())
+        box.setDefaultButton(static_cast<QPushButton *>(added[defaultButton]));
     box.exec();
     return int(added.indexOf(box.clickedButton()));
+}
+
+void inform(const QString &title, const QString &text)
+{
+    g_lastInformTitle = title;
+    g_lastText = text;
+    if (g_informQuietly)
+        return;
+    QMessageBox box;
+    box.setIcon(QMessageBox::Information);
+    box.setWindowTitle(title);
+    box.setText(title);
+    box.setInformativeText(text);
+    box.addButton(QStringLiteral("OK"), QMessageBox::RejectRole);
+    box.exec();
+}
+
+void setInformQuietly(bool quietly)
+{
+    g_informQuietly = quietly;
+}
+
+QString lastDetail()
+{
+    return g_lastDetail;
+}
+
+QString lastInformTitle()
+{
+    return g_lastInformTitle;
 }
 
 void setNextAnswer(std::optional<int> answer)

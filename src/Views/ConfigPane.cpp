@@ -1,0 +1,148 @@
+#include "Views/ConfigPane.h"
+
+#include "App/AppState.h"
+#include "Platform/SystemLog.h"
+#include "Views/MessageBox.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileDialog>
+#include <QFileInfo>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QPushButton>
+#include <QSaveFile>
+#include <QVBoxLayout>
+
+using namespace Qt::Literals::StringLiterals;
+
+QUILLVANE_LOGGING_CATEGORY(lcConfigImportExport, "ConfigImportExport")
+
+namespace {
+
+const QString JsonFilter = u"JSON files (*.json)"_s;
+
+QString chooseWithDialog(QWidget *parent, bool save)
+{
+    QFileDialog dialog(parent);
+    dialog.setNameFilter(JsonFilter);
+    if (save) {
+        dialog.setWindowTitle(u"Export Quillvane Configuration"_s);
+        dialog.setAcceptMode(QFileDialog::AcceptSave);
+        dialog.setFileMode(QFileDialog::AnyFile);
+        dialog.setDefaultSuffix(u"json"_s);
+        dialog.selectFile(u"Quillvane-config.json"_s);
+    } else {
+        dialog.setWindowTitle(u"Import Quillvane Configuration"_s);
+        dialog.setAcceptMode(QFileDialog::AcceptOpen);
+        dialog.setFileMode(QFileDialog::ExistingFile);
+    }
+    if (dialog.exec() != QDialog::Accepted || dialog.selectedFiles().isEmpty())
+        return {};
+    return dialog.selectedFiles().first();
+}
+
+} // namespace
+
+ConfigPane::ConfigPane(AppState &state, QWidget *parent)
+    : QWidget(parent)
+    , m_state(state)
+{
+    setObjectName(u"configPane"_s);
+    chooseExportFile = [this] { return chooseWithDialog(this, true); };
+    chooseImportFile = [this] { return chooseWithDialog(this, false); };
+
+    auto *description = new QLabel(u"Export or import your routing rules and settings."_s);
+    description->setForegroundRole(QPalette::PlaceholderText);
+    auto *exportButton = new QPushButton(QIcon::fromTheme(u"document-save-as"_s), u"Export..."_s);
+    exportButton->setObjectName(u"exportButton"_s);
+    auto *importButton = new QPushButton(QIcon::fromTheme(u"document-open"_s), u"Import..."_s);
+    importButton->setObjectName(u"importButton"_s);
+    connect(exportButton, &QPushButton::clicked, this, &ConfigPane::exportConfig);
+    connect(importButton, &QPushButton::clicked, this, &ConfigPane::importConfig);
+
+    auto *buttons = new QHBoxLayout;
+    buttons->addWidget(exportButton);
+    buttons->addWidget(importButton);
+    buttons->addStretch();
+    auto *column = new QVBoxLayout(this);
+    column->setContentsMargins(0, 0, 0, 0);
+    column->setSpacing(10);
+    column->addWidget(description);
+    column->addLayout(buttons);
+}
+
+void ConfigPane::exportConfig()
+{
+    const QString path = chooseExportFile();
+    if (path.isEmpty()) {
+        qCDebug(lcConfigImportExport) << "Export cancelled by user";
+        return;
+    }
+    QString failure;
+    // What is stored, not what any view may hold.
+    const auto bytes = ConfigManager::exportToJSON(m_state.store());
+    if (!bytes) {
+        failure = bytes.error().description();
+    } else {
+        QSaveFile file(path);
+        if (!file.open(QIODevice::WriteOnly) || file.write(*bytes) != bytes->size()
+            || !file.commit())
+            failure =
+                u"Could not write %1: %2"_s.arg(QDir::toNativeSeparators(path), file.errorString());
+    }
+    if (!failure.isEmpty()) {
+        qCCritical(lcConfigImportExport).noquote() << u"Export failed: "_s + failure;
+        MessageBox::inform(u"Export Failed"_s, failure);
+        return;
+    }
+    qCInfo(lcConfigImportExport).noquote() << u"Config exported to %1"_s.arg(SystemLog::priv(path));
+    MessageBox::inform(u"Export Successful"_s,
+                       u"Configuration with %1 rule(s) exported to %2."_s.arg(
+                           QString::number(m_state.rules().size()), QFileInfo(path).fileName()));
+}
+
+void ConfigPane::importConfig()
+{
+    const QString path = chooseImportFile();
+    if (path.isEmpty()) {
+        qCDebug(lcConfigImportExport) << "Import cancelled by user";
+        return;
+    }
+    QFile file(path);
+    QString failure;
+    std::optional<ConfigManager::ExportData> parsed;
+    if (!file.open(QIODevice::ReadOnly)) {
+        failure =
+            u"Could not read %1: %2"_s.arg(QDir::toNativeSeparators(path), file.errorString());
+    } else {
+        auto document = ConfigManager::importFromJSON(file.readAll());
+        if (document)
+            parsed = std::move(document).value();
+        else
+            failure = document.error().description();
+    }
+    if (!parsed) {
+        qCCritical(lcConfigImportExport).noquote() << u"Import failed: "_s + failure;
+        MessageBox::inform(u"Import Failed"_s, failure);
+        return;
+    }
+    qCInfo(lcConfigImportExport).noquote()
+        << u"Parsed import file: %1 rule(s)"_s.arg(parsed->rules.size());
+    const int answer = MessageBox::ask(
+        u"Confirm Import"_s,
+        u"This will replace your current %1 rule(s) with %2 imported rule(s). Continue?"_s.arg(
+            QString::number(m_state.rules().size()), QString::number(parsed->rules.size())),
+        {u"Replace"_s, u"Cancel"_s}, 1);
+    if (answer == 0)
+        applyImport(*parsed);
+}
+
+void ConfigPane::applyImport(const ConfigManager::ExportData &data)
+{
+    m_state.applyImportedConfig(data);
+    qCInfo(lcConfigImportExport).noquote()
+        << u"Applied imported config: %1 rule(s)"_s.arg(data.rules.size());
+    MessageBox::inform(u"Import Successful"_s,
+                       u"Imported %1 rule(s) successfully."_s.arg(data.rules.size()));
+}

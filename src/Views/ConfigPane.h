@@ -1,0 +1,31 @@
+#pragma once
+
+#include "Services/ConfigManager.h"
+
+#include <QWidget>
+
+#include <functional>
+
+class AppState;
+
+// The "Configuration" section of the General tab: export the configuration to
+// a JSON file, or import one, which replaces the rules after a confirmation.
+class ConfigPane final : public QWidget
+{
+    Q_OBJECT
+
+public:
+    explicit ConfigPane(AppState &state, QWidget *parent = nullptr);
+
+    // The file the user picks (empty when cancelled); file dialogs by default.
+    std::function<QString()> chooseExportFile;
+    std::function<QString()> chooseImportFile;
+
+    void exportConfig();
+    void importConfig();
+
+private:
+    void applyImport(const ConfigManager::ExportData &data);
+
+    AppState &m_state;
+};

@@ -1,0 +1,247 @@
+#include "Views/GeneralPane.h"
+
+#include "App/AppState.h"
+#include "App/BuildInfo.h"
+#include "Views/BrowserIcons.h"
+#include "Views/ConfigPane.h"
+
+#include <QCheckBox>
+#include <QComboBox>
+#include <QFrame>
+#include <QGridLayout>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QPushButton>
+#include <QScrollArea>
+#include <QSettings>
+#include <QVBoxLayout>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+
+// Checked at most once a day when on.
+const QString AutomaticUpdateChecksKey = u"update_automatic_checks"_s;
+
+QFont smaller(QFont font, qreal factor = 0.9, QFont::Weight weight = QFont::Normal)
+{
+    font.setPointSizeF(font.pointSizeF() * factor);
+    font.setWeight(weight);
+    return font;
+}
+
+QLabel *caption(const QString &text)
+{
+    auto *label = new QLabel(text);
+    label->setWordWrap(true);
+    label->setFont(smaller(label->font(), 0.85));
+    label->setForegroundRole(QPalette::PlaceholderText);
+    return label;
+}
+
+// A section: its header (symbol and title, dimmed and semibold) and a column.
+QVBoxLayout *addSection(QVBoxLayout *page, const QString &iconName, const QString &title,
+                        bool withDivider = true, int spacing = 10)
+{
+    auto *header = new QHBoxLayout;
+    header->setSpacing(6);
+    auto *symbol = new QLabel;
+    symbol->setPixmap(QIcon::fromTheme(iconName).pixmap(16, 16));
+    auto *text = new QLabel(title);
+    text->setFont(smaller(text->font(), 0.95, QFont::DemiBold));
+    text->setForegroundRole(QPalette::PlaceholderText);
+    header->addWidget(symbol);
+    header->addWidget(text);
+    header->addStretch();
+    auto *section = new QVBoxLayout;
+    section->setSpacing(spacing);
+    section->addLayout(header);
+    page->addLayout(section);
+    if (withDivider) {
+        auto *line = new QFrame;
+        line->setFrameShape(QFrame::HLine);
+        line->setFrameShadow(QFrame::Sunken);
+        line->setContentsMargins(4, 0, 4, 0);
+        page->addWidget(line);
+    }
+    return section;
+}
+
+} // namespace
+
+GeneralPane::GeneralPane(AppState &state, QSettings &settings, DesktopEntries &entries,
+                         std::function<void()> checkForUpdates, QWidget *parent)
+    : QWidget(parent)
+    , m_state(state)
+    , m_settings(settings)
+    , m_entries(entries)
+    , m_statusSymbol(new QLabel)
+    , m_statusText(new QLabel)
+    , m_statusCaption(caption(u"Must be set as default to intercept and route URLs."_s))
+    , m_setDefault(new QPushButton(u"Set as Default"_s))
+    , m_fallback(new QComboBox)
+    , m_config(new ConfigPane(state))
+{
+    setObjectName(u"generalPane"_s);
+    auto *content = new QWidget;
+    auto *page = new QVBoxLayout(content);
+    page->setContentsMargins(20, 20, 20, 20);
+    page->setSpacing(12);
+
+    // System status.
+    QVBoxLayout *status = addSection(page, u"security-high"_s, u"System Status"_s);
+    m_statusText->setObjectName(u"defaultBrowserStatus"_s);
+    m_statusText->setFont(smaller(font(), 0.95, QFont::Medium));
+    m_setDefault->setObjectName(u"setAsDefaultButton"_s);
+    connect(m_setDefault, &QPushButton::clicked, &m_state, &AppState::requestSetAsDefaultBrowser);
+    auto *texts = new QVBoxLayout;
+    texts->setSpacing(2);
+    texts->addWidget(m_statusText);
+    texts->addWidget(m_statusCaption);
+    auto *row = new QHBoxLayout;
+    m_statusSymbol->setFixedWidth(24);
+    row->addWidget(m_statusSymbol);
+    row->addLayout(texts, 1);
+    row->addWidget(m_setDefault);
+    status->addLayout(row);
+    connect(&m_state, &AppState::isSystemDefaultBrowserChanged, this,
+            &GeneralPane::showDefaultStatus);
+
+    // Fallback browser.
+    QVBoxLayout *fallback = addSection(page, u"web-browser"_s, u"Fallback Browser"_s);
+    fallback->addWidget(caption(u"When no rule matches, URLs open in this browser."_s));
+    m_fallback->setObjectName(u"fallbackPicker"_s);
+    m_fallback->setAccessibleName(u"Fallback Browser"_s);
+    m_fallback->setIconSize(QSize(16, 16));
+    m_fallback->setSizeAdjustPolicy(QComboBox::AdjustToContents);
+    fallback->addWidget(m_fallback, 0, Qt::AlignLeft);
+    connect(m_fallback, &QComboBox::activated, this, [this](int index) {
+        m_state.setDefaultBrowser(m_fallback->itemData(index).toString());
+    });
+    connect(&m_state, &AppState::browsersChanged, this, &GeneralPane::fillFallbackPicker);
+    connect(&m_state, &AppState::defaultBrowserBundleIDChanged, this,
+            &GeneralPane::fillFallbackPicker);
+
+    // Rule engine.
+    QVBoxLayout *rules = addSection(page, u"media-playback-pause"_s, u"Pause Rules"_s);
+    addSwitch(rules, u"rulesEnabledSwitch"_s, u"Enable rule engine"_s, &AppState::rulesEnabled,
+              &AppState::toggleRulesEnabled, &AppState::rulesEnabledChanged);
+    rules->addWidget(caption(
+        u"When paused, all links open in the fallback browser. Toggle from the menu bar for quick access."_s));
+
+    // URL processing.
+    QVBoxLayout *processing = addSection(page, u"tools-wizard"_s, u"URL Processing"_s);
+    addSwitch(processing, u"urlCleaningSwitch"_s, u"Remove tracking parameters"_s,
+              &AppState::urlCleaningEnabled, &AppState::toggleURLCleaning,
+              &AppState::urlCleaningEnabledChanged);
+    QLabel *cleaningCaption =
+        caption(u"Strips utm_*, fbclid, gclid, and other tracking parameters."_s);
+    cleaningCaption->setContentsMargins(0, 0, 0, 4);
+    processing->addWidget(cleaningCaption);
+    addSwitch(processing, u"urlExpansionSwitch"_s, u"Expand short URLs before routing"_s,
+              &AppState::urlExpansionEnabled, &AppState::toggleURLExpansion,
+              &AppState::urlExpansionEnabledChanged);
+    processing->addWidget(
+        caption(u"Resolves bit.ly, t.co, etc. to their destination before matching rules."_s));
+
+    // Startup.
+    QVBoxLayout *startup = addSection(page, u"system-shutdown"_s, u"Startup"_s);
+    addSwitch(startup, u"launchAtLoginSwitch"_s, u"Launch at Login"_s, &AppState::launchAtLogin,
+              &AppState::toggleLaunchAtLogin, &AppState::launchAtLoginChanged);
+    startup->addWidget(caption(u"Automatically start Quillvane when you log in."_s));
+
+    // Configuration.
+    QVBoxLayout *configuration = addSection(page, u"document-export"_s, u"Configuration"_s);
+    configuration->addWidget(m_config);
+
+    // Updates.
+    QVBoxLayout *updates = addSection(page, u"view-refresh"_s, u"Updates"_s);
+    auto *check = new QPushButton(u"Check for Updates..."_s);
+    check->setObjectName(u"checkForUpdatesButton"_s);
+    connect(check, &QPushButton::clicked, this, std::move(checkForUpdates));
+    updates->addWidget(check, 0, Qt::AlignLeft);
+    auto *automatic = new QCheckBox(u"Automatically check for updates"_s);
+    automatic->setObjectName(u"automaticUpdatesSwitch"_s);
+    automatic->setChecked(m_settings.value(AutomaticUpdateChecksKey, true).toBool());
+    connect(automatic, &QCheckBox::toggled, this,
+            [this](bool on) { m_settings.setValue(AutomaticUpdateChecksKey, on); });
+    updates->addWidget(automatic);
+    updates->addWidget(caption(
+        u"Updates are distributed via GitHub Releases with EdDSA signature verification."_s));
+
+    // About.
+    QVBoxLayout *about = addSection(page, u"help-about"_s, u"About"_s, false, 6);
+    auto *grid = new QGridLayout;
+    grid->setHorizontalSpacing(8);
+    grid->setVerticalSpacing(4);
+    const QList<std::pair<QString, QString>> facts{
+        {u"Version"_s,
+         u"%1 (%2)"_s.arg(QStringView(BuildInfo::Version), QStringView(BuildInfo::BuildNumber))},
+        {u"Build Date"_s, QString::fromUtf16(BuildInfo::BuildDate)},
+        {u"Commit"_s, QString::fromUtf16(BuildInfo::Commit)}};
+    for (int i = 0; i < facts.size(); ++i) {
+        QLabel *label = caption(facts[i].first);
+        label->setWordWrap(false);
+        auto *value = new QLabel(facts[i].second);
+        value->setFont(smaller(font(), 0.85));
+        value->setTextInteractionFlags(Qt::TextSelectableByMouse);
+        grid->addWidget(label, i, 0);
+        grid->addWidget(value, i, 1);
+    }
+    grid->setColumnStretch(2, 1);
+    about->addLayout(grid);
+    page->addStretch();
+
+    auto *scroll = new QScrollArea;
+    scroll->setWidget(content);
+    scroll->setWidgetResizable(true);
+    scroll->setFrameShape(QFrame::NoFrame);
+    auto *layout = new QVBoxLayout(this);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->addWidget(scroll);
+
+    showDefaultStatus();
+    fillFallbackPicker();
+}
+
+QCheckBox *GeneralPane::addSwitch(QVBoxLayout *section, const QString &objectName,
+                                  const QString &text, bool (AppState::*read)() const,
+                                  void (AppState::*toggle)(), void (AppState::*changed)())
+{
+    auto *box = new QCheckBox(text);
+    box->setObjectName(objectName);
+    box->setChecked((m_state.*read)());
+    // The user's click flips the state; the state's change sets the box.
+    connect(box, &QCheckBox::clicked, &m_state, [this, toggle] { (m_state.*toggle)(); });
+    connect(&m_state, changed, box, [this, box, read] { box->setChecked((m_state.*read)()); });
+    section->addWidget(box);
+    return box;
+}
+
+void GeneralPane::showEvent(QShowEvent *event)
+{
+    m_state.refreshBrowsers();
+    m_state.refreshDefaultBrowserStatus();
+    QWidget::showEvent(event);
+}
+
+void GeneralPane::showDefaultStatus()
+{
+    const bool isDefault = m_state.isSystemDefaultBrowser();
+    m_statusSymbol->setPixmap(
+        QIcon::fromTheme(isDefault ? u"emblem-default"_s : u"dialog-warning"_s).pixmap(22, 22));
+    m_statusText->setText(isDefault ? u"Quillvane is the default browser"_s
+                                    : u"Quillvane is not the default browser"_s);
+    m_statusCaption->setVisible(!isDefault);
+    m_setDefault->setVisible(!isDefault);
+}
+
+void GeneralPane::fillFallbackPicker()
+{
+    m_fallback->clear();
+    m_fallback->addItem(u"None"_s, QString());
+    for (const BrowserInfo &browser : m_state.browsers())
+        m_fallback->addItem(BrowserIcons::icon(browser, m_entries), browser.name, browser.bundleID);
+    // A fallback that is not installed matches no entry.
+    m_fallback->setCurrentIndex(m_fallback->findData(m_state.defaultBrowserBundleID()));
+}

@@ -1,0 +1,120 @@
+#include "Views/HistoryModel.h"
+
+using namespace Qt::Literals::StringLiterals;
+
+HistoryModel::HistoryModel(QObject *parent)
+    : QAbstractListModel(parent)
+{}
+
+void HistoryModel::setRecords(QList<ForwardingRecord> records)
+{
+    beginResetModel();
+    m_records = std::move(records);
+    m_searchTexts.clear();
+    m_searchTexts.reserve(m_records.size());
+    for (const ForwardingRecord &record : std::as_const(m_records))
+        m_searchTexts.append({record.originalURL.toLower(),
+                              record.sourceAppName.value_or(QString()).toLower(),
+                              record.targetBrowserName.toLower()});
+    m_visible.clear();
+    for (qsizetype i = 0; i < m_records.size(); ++i)
+        m_visible.append(i);
+    if (!m_filter.isEmpty())
+        refilter();
+    endResetModel();
+}
+
+void HistoryModel::setFilterText(const QString &text)
+{
+    if (text == m_filter)
+        return;
+    beginResetModel();
+    m_filter = text;
+    refilter();
+    endResetModel();
+}
+
+void HistoryModel::refilter()
+{
+    m_visible.clear();
+    const QString query = m_filter.toLower();
+    for (qsizetype i = 0; i < m_records.size(); ++i) {
+        const auto &texts = m_searchTexts[i];
+        if (query.isEmpty() || texts[0].contains(query) || texts[1].contains(query)
+            || texts[2].contains(query))
+            m_visible.append(i);
+    }
+}
+
+void HistoryModel::setNow(const QDateTime &now)
+{
+    m_now = now;
+    refreshTimes();
+}
+
+void HistoryModel::refreshTimes()
+{
+    if (!m_visible.isEmpty())
+        Q_EMIT dataChanged(index(0), index(int(m_visible.size()) - 1), {RelativeTimeRole});
+}
+
+int HistoryModel::rowCount(const QModelIndex &parent) const
+{
+    return parent.isValid() ? 0 : int(m_visible.size());
+}
+
+QVariant HistoryModel::data(const QModelIndex &index, int role) const
+{
+    if (!index.isValid() || index.row() >= m_visible.size())
+        return {};
+    const ForwardingRecord &record = m_records[m_visible[index.row()]];
+    switch (role) {
+    case SourceNameRole:
+        return record.sourceAppName.value_or(u"Unknown"_s);
+    case BrowserNameRole:
+        return record.targetBrowserName;
+    case RuleRole:
+        return record.ruleMatched.value_or(QString());
+    case RelativeTimeRole:
+        return relativeTime(record.timestamp,
+                            m_now.isValid() ? m_now : QDateTime::currentDateTimeUtc());
+    case UrlRole:
+    case Qt::ToolTipRole:
+        return record.originalURL;
+    case Qt::DisplayRole:
+        return u"%1 › %2  %3"_s.arg(record.sourceAppName.value_or(u"Unknown"_s),
+                                    record.targetBrowserName, record.originalURL);
+    default:
+        return {};
+    }
+}
+
+QString HistoryModel::countText(qsizetype count)
+{
+    return u"%1 record%2"_s.arg(count).arg(count == 1 ? u""_s : u"s"_s);
+}
+
+QString HistoryModel::relativeTime(const QDateTime &then, const QDateTime &now)
+{
+    const qint64 seconds = then.secsTo(now);
+    const auto ago = [](qint64 n, const char *unit) {
+        return u"%1 %2%3 ago"_s.arg(n).arg(QLatin1StringView(unit), n == 1 ? u""_s : u"s"_s);
+    };
+    if (seconds < 0)
+        return u"in the future"_s;
+    if (seconds < 10)
+        return u"just now"_s;
+    if (seconds < 60)
+        return ago(seconds, "second");
+    if (seconds < 3600)
+        return ago(seconds / 60, "minute");
+    if (seconds < 86400)
+        return ago(seconds / 3600, "hour");
+    if (seconds < 7 * 86400)
+        return ago(seconds / 86400, "day");
+    if (seconds < 30 * 86400)
+        return ago(seconds / (7 * 86400), "week");
+    if (seconds < 365 * 86400)
+        return ago(seconds / (30 * 86400), "month");
+    return ago(seconds / (365 * 86400), "year");
+}

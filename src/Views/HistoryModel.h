@@ -1,0 +1,53 @@
+#pragma once
+
+#include "Models/ForwardingRecord.h"
+
+#include <QAbstractListModel>
+#include <QDateTime>
+
+// The forwarding history as the History tab lists it: newest first, narrowed by
+// a filter text that must occur (ignoring case) in the link, the source
+// application's name or the browser's name.
+class HistoryModel final : public QAbstractListModel
+{
+    Q_OBJECT
+
+public:
+    enum Role
+    {
+        SourceNameRole = Qt::UserRole + 1, // "Unknown" without a source application
+        BrowserNameRole,
+        RuleRole, // empty without a rule
+        RelativeTimeRole,
+        UrlRole
+    };
+
+    explicit HistoryModel(QObject *parent = nullptr);
+
+    void setRecords(QList<ForwardingRecord> records);
+    const QList<ForwardingRecord> &records() const { return m_records; }
+    // Not trimmed: a trailing blank must match a blank.
+    void setFilterText(const QString &text);
+    // What relative times are measured from (now, unless a test says otherwise).
+    void setNow(const QDateTime &now);
+    // Relative times have moved on.
+    void refreshTimes();
+
+    int rowCount(const QModelIndex &parent = {}) const override;
+    QVariant data(const QModelIndex &index, int role) const override;
+
+    // "{n} record", with "s" unless n is 1.
+    static QString countText(qsizetype count);
+    // "just now", "5 minutes ago", "1 day ago"…
+    static QString relativeTime(const QDateTime &then, const QDateTime &now);
+
+private:
+    void refilter();
+
+    QList<ForwardingRecord> m_records;
+    // Lower-cased search texts of each record, made once per load.
+    QList<std::array<QString, 3>> m_searchTexts;
+    QList<qsizetype> m_visible;
+    QString m_filter;
+    QDateTime m_now;
+};

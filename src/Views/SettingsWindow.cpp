@@ -1,0 +1,57 @@
+#include "Views/SettingsWindow.h"
+
+#include "App/AppState.h"
+#include "Views/GeneralPane.h"
+#include "Views/HistoryPane.h"
+#include "Views/RuleListPane.h"
+
+#include <QApplication>
+#include <QScreen>
+#include <QShortcut>
+#include <QTabWidget>
+#include <QVBoxLayout>
+
+using namespace Qt::Literals::StringLiterals;
+
+SettingsWindow::SettingsWindow(AppState &state, QSettings &settings, DesktopEntries &entries,
+                               std::function<void()> checkForUpdates, QWidget *parent)
+    : QWidget(parent, Qt::Window)
+    , m_tabs(new QTabWidget)
+    , m_history(new HistoryPane(settings))
+{
+    setObjectName(u"settingsWindow"_s);
+    setWindowTitle(u"Quillvane Settings"_s);
+    setWindowIcon(QIcon::fromTheme(u"work.vorpa.Quillvane"_s));
+    m_tabs->setObjectName(u"settingsTabs"_s);
+    m_tabs->setDocumentMode(true);
+    m_tabs->addTab(new RuleListPane(state, RuleListPane::AppRules),
+                   QIcon::fromTheme(u"applications-other"_s), u"App Rules"_s);
+    m_tabs->addTab(new RuleListPane(state, RuleListPane::UrlRules),
+                   QIcon::fromTheme(u"insert-link"_s), u"URL Rules"_s);
+    m_tabs->addTab(new GeneralPane(state, settings, entries, std::move(checkForUpdates)),
+                   QIcon::fromTheme(u"preferences-system"_s), u"General"_s);
+    m_tabs->addTab(m_history, QIcon::fromTheme(u"document-open-recent"_s), u"History"_s);
+
+    auto *layout = new QVBoxLayout(this);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->addWidget(m_tabs);
+
+    resize(520, 520);
+    setMinimumSize(400, 300);
+    if (const QScreen *screen = QApplication::primaryScreen())
+        move(screen->availableGeometry().center() - rect().center());
+
+    // The standard window keys: close the window, quit Quillvane.
+    new QShortcut(QKeySequence::Close, this, this, &QWidget::close);
+    new QShortcut(QKeySequence(u"Ctrl+Q"_s), this, qApp, &QCoreApplication::quit);
+}
+
+int SettingsWindow::selectedTab() const
+{
+    return m_tabs->currentIndex();
+}
+
+void SettingsWindow::selectTab(int tab)
+{
+    m_tabs->setCurrentIndex(tab);
+}

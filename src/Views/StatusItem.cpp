@@ -1,0 +1,146 @@
+#include "Views/StatusItem.h"
+
+#include "App/AppState.h"
+#include "App/BuildInfo.h"
+#include "Storage/HistoryStore.h"
+#include "Views/BrowserIcons.h"
+
+#include <QMenu>
+#include <QSettings>
+#include <QSystemTrayIcon>
+#include <QTimer>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+
+QAction *addInformation(QMenu &menu, const QString &text)
+{
+    QAction *action = menu.addAction(text);
+    action->setEnabled(false);
+    return action;
+}
+
+// After the menu has closed, like every change made from it.
+void later(QObject *context, std::function<void()> work)
+{
+    QTimer::singleShot(0, context, std::move(work));
+}
+
+} // namespace
+
+StatusItem::StatusItem(AppState &state, const QSettings &settings, DesktopEntries &entries,
+                       Commands commands, QObject *parent)
+    : QObject(parent)
+    , m_state(state)
+    , m_settings(settings)
+    , m_entries(entries)
+    , m_commands(std::move(commands))
+    , m_menu(std::make_unique<QMenu>())
+{
+    m_menu->setObjectName(u"statusMenu"_s);
+    connect(m_menu.get(), &QMenu::aboutToShow, this, [this] { rebuild(*m_menu); });
+}
+
+StatusItem::~StatusItem() = default;
+
+QIcon StatusItem::activeIcon()
+{
+    return QIcon(u":/icons/tray-active.svg"_s);
+}
+
+QIcon StatusItem::pausedIcon()
+{
+    return QIcon(u":/icons/tray-paused.svg"_s);
+}
+
+bool StatusItem::setUp()
+{
+    rebuild(*m_menu);
+    if (!QSystemTrayIcon::isSystemTrayAvailable())
+        return false;
+    m_tray = std::make_unique<QSystemTrayIcon>();
+    m_tray->setToolTip(u"Quillvane"_s);
+    m_tray->setContextMenu(m_menu.get());
+    updateIcon();
+    // A click shows the menu too, where the tray host does not do so itself.
+    connect(m_tray.get(), &QSystemTrayIcon::activated, this,
+            [this](QSystemTrayIcon::ActivationReason reason) {
+                if (reason == QSystemTrayIcon::Trigger && !m_menu->isVisible())
+                    m_menu->popup(QCursor::pos());
+            });
+    m_tray->show();
+    return true;
+}
+
+void StatusItem::updateIcon()
+{
+    m_iconState = m_state.rulesEnabled() ? u"active"_s : u"paused"_s;
+    if (m_tray)
+        m_tray->setIcon(m_state.rulesEnabled() ? activeIcon() : pausedIcon());
+}
+
+void StatusItem::togglePauseRules()
+{
+    later(this, [this] {
+        m_state.toggleRulesEnabled();
+        updateIcon();
+    });
+}
+
+void StatusItem::rebuild(QMenu &menu)
+{
+    menu.clear();
+    addInformation(menu, m_state.checkIsDefaultBrowser() ? u"Default Browser: Activated"_s
+                                                         : u"Default Browser: Not Set"_s);
+    menu.addSeparator();
+    addInformation(
+        menu,
+        u"Rules: %1 app, %2 URL"_s.arg(m_state.appRules().size()).arg(m_state.urlRules().size()));
+    addInformation(menu, u"Today: %1 forwarded"_s.arg(HistoryStore::todayCount(m_settings)));
+    if (!m_state.lastRouteLog().isEmpty())
+        addInformation(menu, u"Last: "_s + m_state.lastRouteLog());
+    menu.addSeparator();
+
+    menu.addAction(m_state.rulesEnabled() ? u"\u23F8 Pause Rules"_s : u"\u25B6 Resume Rules"_s,
+                   this, &StatusItem::togglePauseRules);
+
+    QString fallbackName = u"None"_s;
+    for (const BrowserInfo &browser : m_state.browsers()) {
+        if (browser.bundleID == m_state.defaultBrowserBundleID()) {
+            fallbackName = browser.name;
+            break;
+        }
+    }
+    QMenu *fallback = menu.addMenu(u"Fallback: "_s + fallbackName);
+    for (const BrowserInfo &browser : m_state.browsers()) {
+        QAction *item = fallback->addAction(BrowserIcons::icon(browser, m_entries), browser.name);
+        item->setData(browser.bundleID);
+        item->setCheckable(true);
+        item->setChecked(browser.bundleID == m_state.defaultBrowserBundleID());
+        connect(item, &QAction::triggered, this, [this, item] {
+            const QVariant bundleID = item->data();
+            if (bundleID.typeId() == QMetaType::QString)
+                later(this, [this, id = bundleID.toString()] { m_state.setDefaultBrowser(id); });
+        });
+    }
+    menu.addSeparator();
+
+    QAction *launchAtLogin = menu.addAction(u"Launch at Login"_s, this, [this] {
+        later(this, [this] { m_state.toggleLaunchAtLogin(); });
+    });
+    launchAtLogin->setCheckable(true);
+    launchAtLogin->setChecked(m_state.launchAtLogin());
+    menu.addSeparator();
+
+    menu.addAction(u"Forwarding History..."_s, this, [this] { m_commands.openHistory(); });
+    menu.addAction(u"Settings..."_s, this, [this] { m_commands.openSettings(); })
+        ->setShortcut(QKeySequence(u"Ctrl+,"_s));
+    menu.addAction(u"Check for Updates..."_s, this, [this] { m_commands.checkForUpdates(); });
+    menu.addSeparator();
+    addInformation(menu, u"Quillvane v%1 (%2) · %3"_s.arg(QStringView(BuildInfo::Version),
+                                                          QStringView(BuildInfo::BuildNumber),
+                                                          QStringView(BuildInfo::Commit)));
+    menu.addAction(u"Quit Quillvane"_s, this, [this] { m_commands.quit(); })
+        ->setShortcut(QKeySequence(u"Ctrl+Q"_s));
+}

@@ -1,0 +1,436 @@
+// The tray menu and the settings window, driven offscreen by object name:
+// what they show, and what a click stores.
+#include "App/AppState.h"
+#include "Services/BrowserDiscovery.h"
+#include "Storage/HistoryStore.h"
+#include "TestSupport.h"
+#include "Views/ConfigPane.h"
+#include "Views/GeneralPane.h"
+#include "Views/HistoryModel.h"
+#include "Views/HistoryPane.h"
+#include "Views/MessageBox.h"
+#include "Views/RuleListPane.h"
+#include "Views/SettingsWindow.h"
+#include "Views/StatusItem.h"
+
+#include <QCheckBox>
+#include <QComboBox>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListView>
+#include <QListWidget>
+#include <QMenu>
+#include <QSignalSpy>
+#include <QStackedWidget>
+#include <QTabWidget>
+#include <QTest>
+#include <QToolButton>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+
+ForwardingRecord record(const QString &url, std::optional<QString> source, const QString &browser,
+                        std::optional<QString> rule = std::nullopt, qint64 secondsAgo = 0)
+{
+    return ForwardingRecord{QUuid::createUuid(),
+                            QDateTime::currentDateTimeUtc().addSecs(-secondsAgo),
+                            url,
+                            source ? std::optional(u"id."_s + *source) : std::nullopt,
+                            source,
+                            u"com."_s + browser.toLower(),
+                            browser,
+                            rule};
+}
+
+QStringList texts(const QMenu &menu)
+{
+    QStringList result;
+    for (const QAction *action : menu.actions())
+        result.append(action->isSeparator() ? u"--"_s : action->text());
+    return result;
+}
+
+} // namespace
+
+class TestSettingsWindow final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+    void statusMenu();
+    void statusMenuCommands();
+    void window();
+    void historyPane();
+    void relativeTimes();
+    void generalPane();
+    void importAndExport();
+    void screenshots();
+
+private:
+    void processLater() { QTest::qWait(20); }
+
+    std::unique_ptr<TestEnvironment> m_environment;
+    std::unique_ptr<QSettings> m_settings;
+    std::unique_ptr<RuleStore> m_store;
+    std::unique_ptr<AppState> m_state;
+    FakeDesktopEntries m_entries;
+    FakeAutostart m_autostart;
+    RecordingLauncher m_launcher;
+};
+
+void TestSettingsWindow::init()
+{
+    m_environment = std::make_unique<TestEnvironment>();
+    m_settings = m_environment->settings();
+    m_store = std::make_unique<RuleStore>(*m_settings);
+    m_store->saveRules({makeRule(u"org.example.Mail"_s, std::nullopt, u"safari"_s),
+                        makeRule(u"org.example.Chat"_s, std::nullopt, u"firefox"_s)});
+    m_store->saveDefaultBrowserBundleID(u"firefox"_s);
+    m_entries = safariAndFirefox(m_environment->path());
+    m_autostart.enabled = false;
+    m_state = std::make_unique<AppState>(*m_store, AppServices{m_entries, m_launcher, m_autostart});
+    MessageBox::setInformQuietly(true);
+}
+
+void TestSettingsWindow::cleanup()
+{
+    m_state.reset();
+    m_store.reset();
+    m_settings.reset();
+    m_environment.reset();
+}
+
+void TestSettingsWindow::statusMenu()
+{
+    HistoryStore::record(*m_settings, record(u"https://a.example/"_s, u"Mail"_s, u"Safari"_s));
+    HistoryStore::record(*m_settings, record(u"https://b.example/"_s, std::nullopt, u"Firefox"_s,
+                                             std::nullopt, 3 * 86400));
+    StatusItem item(*m_state, *m_settings, m_entries, {});
+    QMenu &menu = item.menu();
+    item.rebuild(menu);
+    const QString build = menu.actions().value(menu.actions().size() - 2)->text();
+    QVERIFY2(build.startsWith(u"Quillvane v"_s) && build.contains(u" · "_s), qPrintable(build));
+    // No "Last:" before the first routing: the separator follows "Today:".
+    QCOMPARE(texts(menu),
+             (QStringList{u"Default Browser: Not Set"_s, u"--"_s, u"Rules: 2 app, 0 URL"_s,
+                          u"Today: 1 forwarded"_s, u"--"_s, u"⏸ Pause Rules"_s,
+                          u"Fallback: Firefox"_s, u"--"_s, u"Launch at Login"_s, u"--"_s,
+                          u"Forwarding History..."_s, u"Settings..."_s, u"Check for Updates..."_s,
+                          u"--"_s, build, u"Quit Quillvane"_s}));
+    QVERIFY(!menu.actions().first()->isEnabled());
+    QCOMPARE(menu.actions()[11]->shortcut(), QKeySequence(u"Ctrl+,"_s));
+    QCOMPARE(menu.actions().last()->shortcut(), QKeySequence(u"Ctrl+Q"_s));
+
+    // The fallback submenu: every browser, the fallback checked.
+    QMenu *fallback = menu.actions()[6]->menu();
+    QVERIFY(fallback);
+    QCOMPARE(texts(*fallback), (QStringList{u"Firefox"_s, u"Safari"_s}));
+    QVERIFY(fallback->actions()[0]->isChecked());
+    QVERIFY(!fallback->actions()[1]->isChecked());
+    QCOMPARE(fallback->actions()[1]->data().toString(), u"safari"_s);
+
+    // Choosing Safari changes the fallback; the next opening shows it.
+    fallback->actions()[1]->trigger();
+    processLater();
+    QCOMPARE(m_store->loadDefaultBrowserBundleID(), u"safari"_s);
+    Q_EMIT menu.aboutToShow();
+    QCOMPARE(menu.actions()[6]->text(), u"Fallback: Safari"_s);
+    QVERIFY(menu.actions()[6]->menu()->actions()[1]->isChecked());
+
+    // A fallback that is not installed: "None", nothing checked.
+    m_state->setDefaultBrowser(u"gone"_s);
+    item.rebuild(menu);
+    QCOMPARE(menu.actions()[6]->text(), u"Fallback: None"_s);
+    for (const QAction *action : menu.actions()[6]->menu()->actions())
+        QVERIFY(!action->isChecked());
+
+    // Opening twice without a change shows the same.
+    const QStringList before = texts(menu);
+    item.rebuild(menu);
+    QCOMPARE(texts(menu), before);
+}
+
+void TestSettingsWindow::statusMenuCommands()
+{
+    QStringList called;
+    StatusItem item(*m_state, *m_settings, m_entries,
+                    {[&] { called.append(u"history"_s); }, [&] { called.append(u"settings"_s); },
+                     [&] { called.append(u"updates"_s); }, [&] { called.append(u"quit"_s); }});
+    QMenu &menu = item.menu();
+    item.rebuild(menu);
+    QCOMPARE(item.iconState(), QString()); // not set up: no tray offscreen
+    item.updateIcon();
+    QCOMPARE(item.iconState(), u"active"_s);
+
+    // Pausing from the menu switches the icon; pausing elsewhere does not.
+    menu.actions()[5]->trigger();
+    processLater();
+    QVERIFY(!m_state->rulesEnabled());
+    QCOMPARE(item.iconState(), u"paused"_s);
+    item.rebuild(menu);
+    QCOMPARE(menu.actions()[5]->text(), u"▶ Resume Rules"_s);
+    m_state->toggleRulesEnabled();
+    QCOMPARE(item.iconState(), u"paused"_s);
+
+    menu.actions()[8]->trigger();
+    processLater();
+    QVERIFY(m_state->launchAtLogin());
+    item.rebuild(menu);
+    QVERIFY(menu.actions()[8]->isChecked());
+
+    for (int index : {10, 11, 12, 15})
+        menu.actions()[index]->trigger();
+    QCOMPARE(called, (QStringList{u"history"_s, u"settings"_s, u"updates"_s, u"quit"_s}));
+
+    // Routed once: the last route shows, and the rule counts follow the rules.
+    m_state->addRule(makeRule(QString(), u"docs.example"_s, u"safari"_s));
+    m_state->routeURL(link(u"https://docs.example/x"), std::nullopt);
+    QTRY_VERIFY(!m_state->lastRouteLog().isEmpty());
+    item.rebuild(menu);
+    QCOMPARE(menu.actions()[2]->text(), u"Rules: 2 app, 1 URL"_s);
+    QCOMPARE(menu.actions()[4]->text(), u"Last: "_s + m_state->lastRouteLog());
+}
+
+void TestSettingsWindow::window()
+{
+    SettingsWindow window(*m_state, *m_settings, m_entries, [] {});
+    QCOMPARE(window.windowTitle(), u"Quillvane Settings"_s);
+    QCOMPARE(window.size(), QSize(520, 520));
+    QCOMPARE(window.minimumSize(), QSize(400, 300));
+    QTabWidget &tabs = window.tabs();
+    QStringList labels;
+    for (int i = 0; i < tabs.count(); ++i)
+        labels.append(tabs.tabText(i));
+    QCOMPARE(labels, (QStringList{u"App Rules"_s, u"URL Rules"_s, u"General"_s, u"History"_s}));
+    QCOMPARE(window.selectedTab(), int(SettingsWindow::AppRulesTab));
+
+    // The rule tabs follow the rules, wherever they change.
+    auto *urlCount = window.findChild<QLabel *>(u"urlRulesCount"_s);
+    auto *appCount = window.findChild<QLabel *>(u"appRulesCount"_s);
+    QCOMPARE(urlCount->text(), u"0 rules"_s);
+    QCOMPARE(appCount->text(), u"2 rules"_s);
+    m_state->addRule(makeRule(QString(), u"docs.example"_s, u"safari"_s));
+    QCOMPARE(urlCount->text(), u"1 rule"_s);
+    QCOMPARE(window.findChild<QListWidget *>(u"urlRulesList"_s)->item(0)->text(),
+             u"docs.example → safari"_s);
+
+    // Closed and shown again: the same tab.
+    window.show();
+    window.selectTab(SettingsWindow::GeneralTab);
+    window.close();
+    window.show();
+    QCOMPARE(window.selectedTab(), int(SettingsWindow::GeneralTab));
+}
+
+void TestSettingsWindow::historyPane()
+{
+    HistoryPane pane(*m_settings);
+    pane.show();
+    auto *pages = pane.findChild<QStackedWidget *>();
+    QCOMPARE(pages->currentWidget()->objectName(), u"historyEmptyState"_s);
+
+    HistoryStore::record(
+        *m_settings, record(u"https://one.example/"_s, u"Mail"_s, u"Safari"_s, u"Mail → Safari"_s));
+    HistoryStore::record(*m_settings,
+                         record(u"https://two.example/"_s, std::nullopt, u"Firefox"_s));
+    HistoryStore::record(*m_settings,
+                         record(u"https://three.example/a b"_s, u"Chat"_s, u"Safari"_s));
+    // Loaded when the tab comes on screen.
+    pane.hide();
+    pane.show();
+    QCOMPARE(pages->currentWidget()->objectName(), u"historyListPage"_s);
+    auto *count = pane.findChild<QLabel *>(u"historyCount"_s);
+    auto *filter = pane.findChild<QLineEdit *>(u"historyFilter"_s);
+    QCOMPARE(count->text(), u"3 records"_s);
+    const HistoryModel &model = pane.model();
+    QCOMPARE(model.index(0).data(HistoryModel::UrlRole).toString(), u"https://three.example/a b"_s);
+    QCOMPARE(model.index(1).data(HistoryModel::SourceNameRole).toString(), u"Unknown"_s);
+    QCOMPARE(model.index(2).data(HistoryModel::RuleRole).toString(), u"Mail → Safari"_s);
+    QCOMPARE(model.index(0).data(Qt::ToolTipRole).toString(), u"https://three.example/a b"_s);
+
+    const auto typeFilter = [&](const QString &text) {
+        filter->clear();
+        QTest::keyClicks(filter, text);
+        return count->text();
+    };
+    QCOMPARE(typeFilter(u"SAFARI"_s), u"2 records"_s);
+    QCOMPARE(typeFilter(u"chat"_s), u"1 record"_s);
+    // Not searched: bundle ids and the "Unknown" stand-in. Not trimmed.
+    QCOMPARE(typeFilter(u"com."_s), u"0 records"_s);
+    QCOMPARE(typeFilter(u"Unknown"_s), u"0 records"_s);
+    QCOMPARE(typeFilter(u"a "_s), u"1 record"_s);
+    QCOMPARE(pages->currentWidget()->objectName(), u"historyListPage"_s);
+
+    // Clear: at once, without asking; the filter stays.
+    QTest::mouseClick(pane.findChild<QToolButton *>(u"historyClear"_s), Qt::LeftButton);
+    QCOMPARE(pages->currentWidget()->objectName(), u"historyEmptyState"_s);
+    QVERIFY(HistoryStore::loadHistory(*m_settings).isEmpty());
+    QCOMPARE(filter->text(), u"a "_s);
+}
+
+void TestSettingsWindow::relativeTimes()
+{
+    const QDateTime now = QDateTime::currentDateTimeUtc();
+    QCOMPARE(HistoryModel::relativeTime(now.addSecs(-3), now), u"just now"_s);
+    QCOMPARE(HistoryModel::relativeTime(now.addSecs(-61), now), u"1 minute ago"_s);
+    QCOMPARE(HistoryModel::relativeTime(now.addSecs(-7200), now), u"2 hours ago"_s);
+    QCOMPARE(HistoryModel::relativeTime(now.addDays(-1), now), u"1 day ago"_s);
+    QCOMPARE(HistoryModel::relativeTime(now.addDays(-15), now), u"2 weeks ago"_s);
+    QCOMPARE(HistoryModel::relativeTime(now.addSecs(30), now), u"in the future"_s);
+
+    HistoryModel model;
+    model.setRecords({record(u"https://a.example/"_s, std::nullopt, u"Safari"_s)});
+    QSignalSpy changed(&model, &HistoryModel::dataChanged);
+    model.setNow(QDateTime::currentDateTimeUtc().addSecs(120));
+    QCOMPARE(changed.size(), 1);
+    QCOMPARE(model.index(0).data(HistoryModel::RelativeTimeRole).toString(), u"2 minutes ago"_s);
+}
+
+void TestSettingsWindow::generalPane()
+{
+    GeneralPane pane(*m_state, *m_settings, m_entries, [] {});
+    // Tall enough to show every section without scrolling.
+    pane.resize(520, 1600);
+    pane.show();
+    QCOMPARE(pane.findChild<QLabel *>(u"defaultBrowserStatus"_s)->text(),
+             u"Quillvane is not the default browser"_s);
+    QVERIFY(pane.findChild<QWidget *>(u"setAsDefaultButton"_s)->isVisible());
+
+    auto *picker = pane.findChild<QComboBox *>(u"fallbackPicker"_s);
+    QCOMPARE(picker->count(), 3);
+    QCOMPARE(picker->itemText(0), u"None"_s);
+    QCOMPARE(picker->currentText(), u"Firefox"_s);
+    picker->setFocus();
+    QTest::keyClick(picker, Qt::Key_Down);
+    QCOMPARE(m_store->loadDefaultBrowserBundleID(), u"safari"_s);
+    QTest::keyClick(picker, Qt::Key_Home);
+    QCOMPARE(m_store->loadDefaultBrowserBundleID(), QString());
+    // Changed elsewhere: shown here.
+    m_state->setDefaultBrowser(u"firefox"_s);
+    QCOMPARE(picker->currentText(), u"Firefox"_s);
+    m_state->setDefaultBrowser(u"not-installed"_s);
+    QCOMPARE(picker->currentIndex(), -1);
+
+    auto *rules = pane.findChild<QCheckBox *>(u"rulesEnabledSwitch"_s);
+    QVERIFY(rules->isChecked());
+    // On the box itself (the row is wider than box and text).
+    QTest::mouseClick(rules, Qt::LeftButton, {}, QPoint(8, rules->height() / 2));
+    QVERIFY(!m_state->rulesEnabled());
+    QVERIFY(!m_store->loadRulesEnabled());
+    m_state->toggleRulesEnabled();
+    QVERIFY(rules->isChecked());
+
+    auto *cleaning = pane.findChild<QCheckBox *>(u"urlCleaningSwitch"_s);
+    cleaning->setFocus();
+    QTest::keyClick(cleaning, Qt::Key_Space);
+    QVERIFY(!m_state->urlCleaningEnabled());
+    auto *login = pane.findChild<QCheckBox *>(u"launchAtLoginSwitch"_s);
+    QTest::mouseClick(login, Qt::LeftButton, {}, QPoint(8, login->height() / 2));
+    QVERIFY(m_state->launchAtLogin());
+    QVERIFY(m_autostart.enabled);
+}
+
+void TestSettingsWindow::importAndExport()
+{
+    ConfigPane pane(*m_state);
+    const QString folder = m_environment->path();
+
+    // Cancelled: nothing said, nothing changed.
+    MessageBox::inform(QString(), QString());
+    pane.chooseImportFile = [] { return QString(); };
+    pane.importConfig();
+    QCOMPARE(MessageBox::lastInformTitle(), QString());
+
+    const auto importing = [&](const QByteArray &contents) {
+        QFile file(folder + u"/import.json"_s);
+        file.open(QIODevice::WriteOnly);
+        file.write(contents);
+        file.close();
+        pane.chooseImportFile = [file = file.fileName()] { return file; };
+        pane.importConfig();
+    };
+    importing("{ this is not json");
+    QCOMPARE(MessageBox::lastInformTitle(), u"Import Failed"_s);
+    QVERIFY2(MessageBox::lastText().startsWith(u"Failed to decode configuration: "_s),
+             qPrintable(MessageBox::lastText()));
+    importing(
+        R"({"version": 2, "exportDate": "2026-01-01T00:00:00Z", "rules": [], "urlCleaningEnabled": true})");
+    QCOMPARE(MessageBox::lastText(),
+             u"Unsupported config version: 2. This app supports version 1."_s);
+    QCOMPARE(m_state->rules().size(), 2);
+
+    // Three rules against two: asked, and "Cancel" keeps them.
+    ConfigManager::ExportData data;
+    data.exportDate = QDateTime::currentDateTimeUtc();
+    data.rules = {makeRule(QString(), u"a.example"_s, u"safari"_s),
+                  makeRule(QString(), u"b.example"_s, u"safari"_s),
+                  makeRule(u"org.example.Mail"_s, std::nullopt, u"firefox"_s)};
+    MessageBox::setNextAnswer(1);
+    importing(ConfigManager::encode(data));
+    QCOMPARE(MessageBox::lastText(), u"Confirm Import"_s);
+    QCOMPARE(MessageBox::lastDetail(),
+             u"This will replace your current 2 rule(s) with 3 imported rule(s). Continue?"_s);
+    QCOMPARE(m_state->rules().size(), 2);
+    MessageBox::setNextAnswer(0);
+    importing(ConfigManager::encode(data));
+    QCOMPARE(MessageBox::lastInformTitle(), u"Import Successful"_s);
+    QCOMPARE(MessageBox::lastText(), u"Imported 3 rule(s) successfully."_s);
+    QCOMPARE(m_store->loadRules(), data.rules);
+
+    // Export replaces an existing file and names only the file.
+    const QString target = folder + u"/out/Quillvane-config.json"_s;
+    QDir().mkpath(folder + u"/out"_s);
+    QFile old(target);
+    QVERIFY(old.open(QIODevice::WriteOnly));
+    old.write("old");
+    old.close();
+    pane.chooseExportFile = [target] { return target; };
+    pane.exportConfig();
+    QCOMPARE(MessageBox::lastInformTitle(), u"Export Successful"_s);
+    QCOMPARE(MessageBox::lastText(),
+             u"Configuration with 3 rule(s) exported to Quillvane-config.json."_s);
+    QFile written(target);
+    QVERIFY(written.open(QIODevice::ReadOnly));
+    QCOMPARE(ConfigManager::importFromJSON(written.readAll())->rules, data.rules);
+
+    // A folder that cannot be written to.
+    pane.chooseExportFile = [folder]() -> QString { return folder + u"/missing/dir/x.json"_s; };
+    pane.exportConfig();
+    QCOMPARE(MessageBox::lastInformTitle(), u"Export Failed"_s);
+    QVERIFY(MessageBox::lastText().contains(u"missing"_s));
+}
+
+// Every tab as it looks, for a person to check: spacing, cut-off texts, icons.
+void TestSettingsWindow::screenshots()
+{
+    const QString folder = qEnvironmentVariable("QUILLVANE_SCREENSHOT_DIR");
+    if (folder.isEmpty())
+        QSKIP("set QUILLVANE_SCREENSHOT_DIR to save screenshots");
+    QDir().mkpath(folder);
+    for (int i = 0; i < 4; ++i)
+        HistoryStore::record(
+            *m_settings,
+            record(
+                u"https://docs.example/a/very/long/path/that/goes/on/and/on?with=query&and=more#fragment%1"_s
+                    .arg(i),
+                i % 2 ? std::optional(u"Mail"_s) : std::nullopt, u"Safari"_s,
+                i % 2 ? std::optional(u"Mail → Safari"_s) : std::nullopt, i * 4000));
+    SettingsWindow window(*m_state, *m_settings, m_entries, [] {});
+    window.show();
+    for (int tab = 0; tab < 4; ++tab) {
+        window.selectTab(tab);
+        QTest::qWait(50);
+        QVERIFY(window.grab().save(u"%1/settings-tab%2.png"_s.arg(folder).arg(tab)));
+    }
+    StatusItem item(*m_state, *m_settings, m_entries, {});
+    item.rebuild(item.menu());
+    item.menu().popup(QPoint(0, 0));
+    QTest::qWait(50);
+    QVERIFY(item.menu().grab().save(folder + u"/status-menu.png"_s));
+}
+
+QTEST_MAIN(TestSettingsWindow)
+#include "tst_settingswindow.moc"
