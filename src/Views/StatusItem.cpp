@@ -57,8 +57,8 @@ QIcon StatusItem::pausedIcon()
 bool StatusItem::setUp()
 {
     rebuild(*m_menu);
-    if (!QSystemTrayIcon::isSystemTrayAvailable())
-        return false;
+    // Made even without a tray now: a panel that starts after Quillvane (at
+    // login) still gets the icon.
     m_tray = std::make_unique<QSystemTrayIcon>();
     m_tray->setToolTip(u"Quillvane"_s);
     m_tray->setContextMenu(m_menu.get());
@@ -70,7 +70,7 @@ bool StatusItem::setUp()
                     m_menu->popup(QCursor::pos());
             });
     m_tray->show();
-    return true;
+    return QSystemTrayIcon::isSystemTrayAvailable();
 }
 
 void StatusItem::updateIcon()

@@ -33,7 +33,7 @@ public:
                Commands commands, QObject *parent = nullptr);
     ~StatusItem() override;
 
-    // Puts the icon in the tray; false when the desktop has no tray.
+    // Puts the icon in the tray; false when the desktop has no tray (yet).
     bool setUp();
     // Follows rulesEnabled; only set-up and the menu's own pause command call it.
     void updateIcon();
