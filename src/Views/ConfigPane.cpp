@@ -138,11 +138,11 @@ void ConfigPane::importConfig()
         applyImport(*parsed);
 }
 
-void ConfigPane::applyImport(const ConfigManager::ExportData &data)
+void ConfigPane::applyImport(const ConfigManager::ExportData &config)
 {
-    m_state.applyImportedConfig(data);
+    m_state.applyImportedConfig(config);
     qCInfo(lcConfigImportExport).noquote()
-        << u"Applied imported config: %1 rule(s)"_s.arg(data.rules.size());
+        << u"Applied imported config: %1 rule(s)"_s.arg(config.rules.size());
     MessageBox::inform(u"Import Successful"_s,
-                       u"Imported %1 rule(s) successfully."_s.arg(data.rules.size()));
+                       u"Imported %1 rule(s) successfully."_s.arg(config.rules.size()));
 }

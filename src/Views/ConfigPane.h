@@ -25,7 +25,7 @@ public:
     void importConfig();
 
 private:
-    void applyImport(const ConfigManager::ExportData &data);
+    void applyImport(const ConfigManager::ExportData &config);
 
     AppState &m_state;
 };
