@@ -4,11 +4,11 @@
 # To build and run.
 BUILD_PACKAGES=(
     g++ cmake ninja-build pkg-config git
-    qt6-base-dev libqt6svg6 libglib2.0-dev libsystemd-dev libxcb1-dev desktop-file-utils
+    qt6-base-dev libqt6svg6 libglib2.0-dev libsystemd-dev libxcb1-dev libsodium-dev desktop-file-utils
 )
 # To run the whole test suite and the benchmarks.
 TEST_PACKAGES=(
-    libbenchmark-dev dbus libglib2.0-bin xdg-utils xvfb xauth zsh bsdutils
+    libbenchmark-dev dbus libglib2.0-bin xdg-utils xvfb xauth zsh bsdutils trayer xdotool openssl
 )
 
 # Installs the named packages that are not installed yet, through sudo when not root.

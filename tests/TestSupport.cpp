@@ -181,7 +181,7 @@ void TestHttpServer::on(const QString &path, Response response)
 
 void TestHttpServer::redirect(const QString &path, int status, const QByteArray &location)
 {
-    on(path, Response{status, {{"Location", location}}, false});
+    on(path, Response{status, {{"Location", location}}, false, {}});
 }
 
 int TestHttpServer::totalRequests() const
@@ -209,14 +209,16 @@ void TestHttpServer::onConnection()
                 const QString path = QString::fromUtf8(requestLine.value(1));
                 m_methods.append(requestLine.value(0));
                 m_counts[path] += 1;
-                const Response response = m_responses.value(path, Response{404, {}, false});
+                const Response response = m_responses.value(path, Response{404, {}, false, {}});
                 if (response.silent)
                     return;
                 QByteArray reply =
                     "HTTP/1.1 " + QByteArray::number(response.status) + " Status\r\n";
                 for (const auto &[name, value] : response.headers)
                     reply += name + ": " + value + "\r\n";
-                reply += "Content-Length: 0\r\n\r\n";
+                reply += "Content-Length: " + QByteArray::number(response.body.size()) + "\r\n\r\n";
+                if (requestLine.value(0) != "HEAD")
+                    reply += response.body;
                 socket->write(reply);
             }
         });

@@ -120,6 +120,7 @@ public:
         int status = 200;
         QList<std::pair<QByteArray, QByteArray>> headers;
         bool silent = false; // accept the request and never answer
+        QByteArray body;
     };
 
     TestHttpServer();
@@ -127,6 +128,10 @@ public:
     QString baseUrl() const;
     void on(const QString &path, Response response);
     void redirect(const QString &path, int status, const QByteArray &location);
+    void serve(const QString &path, const QByteArray &body)
+    {
+        on(path, Response{200, {}, false, body});
+    }
     int requestCount(const QString &path) const { return m_counts.value(path); }
     int totalRequests() const;
     QList<QByteArray> methods() const { return m_methods; }

@@ -60,7 +60,7 @@ Link TestURLExpander::expand(const QString &path)
 
 void TestURLExpander::finalAnswerAtOnce()
 {
-    m_server->on(u"/s"_s, {200, {}, false});
+    m_server->on(u"/s"_s, {200, {}, false, {}});
     QTest::ignoreMessage(QtDebugMsg, "Status 200 at step 0; final URL reached");
     QTest::ignoreMessage(
         QtDebugMsg,
@@ -73,7 +73,7 @@ void TestURLExpander::chainAndRelativeLocations()
 {
     m_server->redirect(u"/a"_s, 301, "/dir/b?x=1");
     m_server->redirect(u"/dir/b?x=1"_s, 302, "c#frag");
-    m_server->on(u"/dir/c"_s, {200, {}, false});
+    m_server->on(u"/dir/c"_s, {200, {}, false, {}});
     QTest::ignoreMessage(
         QtDebugMsg, QRegularExpression(u"^Step 0: 301 → http://127.0.0.1:\\d+/dir/b\\?x=1$"_s));
     QTest::ignoreMessage(QtDebugMsg,
@@ -97,14 +97,14 @@ void TestURLExpander::everyRedirectStatusCounts()
     m_server->redirect(u"/a"_s, 304, "/b");
     m_server->redirect(u"/b"_s, 399, "/c");
     m_server->redirect(u"/c"_s, 300, "/d");
-    m_server->on(u"/d"_s, {404, {}, false});
+    m_server->on(u"/d"_s, {404, {}, false, {}});
     QTest::ignoreMessage(QtDebugMsg, "Status 404 at step 3; final URL reached");
     QCOMPARE(expand(u"/a"_s).toString(), QString(m_server->baseUrl() + u"/d"_s));
 }
 
 void TestURLExpander::missingLocationEndsTheWalk()
 {
-    m_server->on(u"/a"_s, {302, {}, false});
+    m_server->on(u"/a"_s, {302, {}, false, {}});
     QTest::ignoreMessage(QtDebugMsg, "Status 302 at step 0; final URL reached");
     QCOMPARE(expand(u"/a"_s).toString(), QString(m_server->baseUrl() + u"/a"_s));
 }
@@ -120,7 +120,7 @@ void TestURLExpander::redirectLoopsEndAtTheLimit()
 
 void TestURLExpander::silentServerTimesOutWithoutBlocking()
 {
-    m_server->on(u"/hang"_s, {200, {}, true});
+    m_server->on(u"/hang"_s, {200, {}, true, {}});
     int ticks = 0;
     QTimer ticker;
     connect(&ticker, &QTimer::timeout, this, [&ticks] { ++ticks; });

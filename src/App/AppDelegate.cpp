@@ -4,6 +4,7 @@
 #include "App/BuildInfo.h"
 #include "App/DesktopActions.h"
 #include "App/LinkIntake.h"
+#include "App/UpdateController.h"
 #include "Automation/AutomationAdaptor.h"
 #include "Platform/ActiveApplication.h"
 #include "Platform/Autostart.h"
@@ -14,6 +15,7 @@
 #include "Platform/SystemLog.h"
 #include "Services/DefaultBrowserRegistration.h"
 #include "Services/SourceAppResolver.h"
+#include "Services/UpdateChecker.h"
 #include "Storage/RuleStore.h"
 #include "Storage/UserSettings.h"
 #include "Views/MessageBox.h"
@@ -58,6 +60,12 @@ AppDelegate::AppDelegate(QObject *parent)
         *m_store,
         AppServices{GioDesktopEntries::instance(), GioProcessLauncher::instance(), *m_autostart});
     AppState::setShared(m_appState.get());
+    // The release notes go where the user's rules send links from Quillvane.
+    m_updates = std::make_unique<UpdateController>(
+        *m_settings, UpdateController::makeBuildChecker(), [this](const QUrl &link) {
+            if (m_intake)
+                m_intake->handleURLs({link.toString()}, QCoreApplication::applicationPid(), {});
+        });
 }
 
 AppDelegate::~AppDelegate()
@@ -114,6 +122,7 @@ void AppDelegate::applicationDidFinishLaunching()
 {
     debugLog(u"applicationDidFinishLaunching — setting up status item"_s);
     setupStatusItem();
+    m_updates->startAutomaticChecks();
     promptSetAsDefaultBrowserIfNeeded();
 }
 
@@ -198,9 +207,5 @@ void AppDelegate::openSettingsOn(int tab)
 
 void AppDelegate::checkForUpdates()
 {
-    // This build has no update feed: the package manager updates it.
-    QTimer::singleShot(0, this, [] {
-        MessageBox::inform(u"Check for Updates"_s,
-                           u"Updates for this build are provided by your package manager."_s);
-    });
+    m_updates->checkForUpdates();
 }

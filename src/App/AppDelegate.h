@@ -14,6 +14,7 @@ class RuleStore;
 class SettingsWindow;
 class SourceAppResolver;
 class StatusItem;
+class UpdateController;
 class XdgAutostart;
 
 // The running application: it builds the state, takes links from the session
@@ -55,6 +56,7 @@ private:
     std::unique_ptr<RuleStore> m_store;
     std::unique_ptr<XdgAutostart> m_autostart;
     std::unique_ptr<AppState> m_appState;
+    std::unique_ptr<UpdateController> m_updates;
     std::unique_ptr<LinuxProcessApps> m_processApps;
     std::unique_ptr<ActiveApplication> m_activeApplication;
     std::unique_ptr<SourceAppResolver> m_resolver;

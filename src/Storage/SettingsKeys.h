@@ -26,6 +26,10 @@ inline constexpr Key<qint64> TodayForwardCount{u"today_forward_count", 0};
 inline constexpr Key<QStringView> TodayDate{u"today_date", u""};
 inline constexpr Key<bool> UrlCleaningEnabled{u"url_cleaning_enabled", true};
 inline constexpr Key<bool> UrlExpansionEnabled{u"url_expansion_enabled", false};
+// Update checks: whether they run by themselves, and when one last started
+// (ISO 8601, UTC).
+inline constexpr Key<bool> AutomaticUpdateChecks{u"update_automatic_checks", true};
+inline constexpr Key<QStringView> LastUpdateCheck{u"update_last_check", u""};
 // The forwarding history, written only by the history store.
 inline constexpr DataKey ForwardingHistory{u"forwarding_history"};
 

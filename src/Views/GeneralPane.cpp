@@ -2,6 +2,7 @@
 
 #include "App/AppState.h"
 #include "App/BuildInfo.h"
+#include "Storage/SettingsKeys.h"
 #include "Views/BrowserIcons.h"
 #include "Views/ConfigPane.h"
 
@@ -19,9 +20,6 @@
 using namespace Qt::Literals::StringLiterals;
 
 namespace {
-
-// Checked at most once a day when on.
-const QString AutomaticUpdateChecksKey = u"update_automatic_checks"_s;
 
 QFont smaller(QFont font, qreal factor = 0.9, QFont::Weight weight = QFont::Normal)
 {
@@ -162,9 +160,9 @@ GeneralPane::GeneralPane(AppState &state, QSettings &settings, DesktopEntries &e
     updates->addWidget(check, 0, Qt::AlignLeft);
     auto *automatic = new QCheckBox(u"Automatically check for updates"_s);
     automatic->setObjectName(u"automaticUpdatesSwitch"_s);
-    automatic->setChecked(m_settings.value(AutomaticUpdateChecksKey, true).toBool());
+    automatic->setChecked(SettingsKeys::read(m_settings, SettingsKeys::AutomaticUpdateChecks));
     connect(automatic, &QCheckBox::toggled, this,
-            [this](bool on) { m_settings.setValue(AutomaticUpdateChecksKey, on); });
+            [this](bool on) { m_settings.setValue(SettingsKeys::AutomaticUpdateChecks.name, on); });
     updates->addWidget(automatic);
     updates->addWidget(caption(
         u"Updates are distributed via GitHub Releases with EdDSA signature verification."_s));

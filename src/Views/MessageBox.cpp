@@ -30,6 +30,9 @@ int ask(const QString &text, const QString &informativeText, const QStringList &
                                                           : QMessageBox::RejectRole));
     if (defaultButton >= 0 && defaultButton < added.size())
         box.setDefaultButton(static_cast<QPushButton *>(added[defaultButton]));
+    // Escape is the careful answer, which every question puts last.
+    if (!added.isEmpty())
+        box.setEscapeButton(added.last());
     box.exec();
     return int(added.indexOf(box.clickedButton()));
 }
