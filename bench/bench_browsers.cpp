@@ -9,11 +9,12 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
-#include <QLoggingCategory>
 #include <QProcess>
 #include <QTemporaryDir>
 
 #include <benchmark/benchmark.h>
+
+#include "BenchSupport.h"
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -95,7 +96,6 @@ int main(int argc, char **argv)
     g_root = &root;
     makeDesktop(root.path());
     QCoreApplication app(argc, argv);
-    QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*=false"_s);
 
     // The first pass of a process also has GIO read every desktop entry.
     QElapsedTimer cold;
@@ -106,10 +106,5 @@ int main(int argc, char **argv)
         "First discovery pass of the process (GIO reads the entries): %.2f ms, %lld browsers\n",
         double(cold.nsecsElapsed()) / 1e6, static_cast<long long>(found));
 
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return BenchSupport::runBenchmarks(argc, argv);
 }

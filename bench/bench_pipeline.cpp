@@ -11,11 +11,12 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
-#include <QLoggingCategory>
 #include <QProcess>
 #include <QTemporaryDir>
 
 #include <benchmark/benchmark.h>
+
+#include "BenchSupport.h"
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -38,55 +39,14 @@ public:
     qint64 launchedAt = -1;
 };
 
-QList<RoutingRule> makeRules()
-{
-    QList<RoutingRule> rules;
-    for (int i = 0; i < 1000; ++i) {
-        RoutingRule rule{QUuid::createUuid(), QString(),    QString(),   u"browser"_s,
-                         u"Browser"_s,        std::nullopt, std::nullopt};
-        if (i % 5 == 0)
-            rule.sourceAppBundleID = u"org.example.App%1"_s.arg(i);
-        else
-            rule.urlPattern =
-                i % 2 ? u"site%1.example.com"_s.arg(i) : u"*host%1.example.org/path*"_s.arg(i);
-        rules.append(rule);
-    }
-    return rules;
-}
-
-void prepareDesktop(const QString &root)
-{
-    const QString applications = root + u"/data/applications"_s;
-    QDir().mkpath(applications);
-    QFile entry(applications + u"/browser.desktop"_s);
-    entry.open(QIODevice::WriteOnly);
-    entry.write("[Desktop Entry]\nType=Application\nName=Browser\nExec=/bin/true %u\n"
-                "MimeType=x-scheme-handler/http;x-scheme-handler/https;\n");
-    entry.close();
-    QProcess::execute(u"update-desktop-database"_s, {u"-q"_s, applications});
-    qputenv("XDG_DATA_HOME", QFile::encodeName(root + u"/data"_s));
-    qputenv("XDG_DATA_DIRS", QFile::encodeName(root + u"/system"_s));
-    qputenv("XDG_CONFIG_HOME", QFile::encodeName(root + u"/config"_s));
-    qputenv("XDG_RUNTIME_DIR", QFile::encodeName(root));
-}
-
 void BM_RouteURLToLaunchRequest(benchmark::State &state)
 {
     QTemporaryDir dir;
     auto settings = UserSettings::open(dir.filePath(u"Quillvane.conf"_s));
     RuleStore store(*settings);
-    store.saveRules(makeRules());
+    store.saveRules(BenchSupport::makeRules(1000));
     store.saveDefaultBrowserBundleID(u"browser"_s);
-    QList<ForwardingRecord> history;
-    for (int i = 0; i < HistoryStore::MaxRecords; ++i) {
-        ForwardingRecord record;
-        record.id = QUuid::createUuid();
-        record.timestamp = QDateTime::currentDateTime();
-        record.originalURL = u"https://www.example.com/articles/%1?id=%1"_s.arg(i);
-        record.targetBrowserBundleID = u"browser"_s;
-        record.targetBrowserName = u"Browser"_s;
-        history.append(record);
-    }
+    const QList<ForwardingRecord> history = BenchSupport::makeHistory(HistoryStore::MaxRecords);
     settings->setValue(u"forwarding_history"_s, ForwardingRecord::listToJson(history));
     settings->sync();
 
@@ -116,13 +76,7 @@ BENCHMARK(BM_RouteURLToLaunchRequest)->UseManualTime()->Unit(benchmark::kMillise
 int main(int argc, char **argv)
 {
     QTemporaryDir root;
-    prepareDesktop(root.path());
+    BenchSupport::prepareDesktop(root.path());
     QCoreApplication app(argc, argv);
-    QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*=false"_s);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return BenchSupport::runBenchmarks(argc, argv);
 }

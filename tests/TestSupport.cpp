@@ -1,5 +1,6 @@
 #include "TestSupport.h"
 
+#include "App/AppState.h"
 #include "Services/BrowserDiscovery.h"
 #include "Storage/UserSettings.h"
 
@@ -67,6 +68,35 @@ RoutingRule makeRule(const QString &source, std::optional<QString> pattern, cons
 {
     return RoutingRule{QUuid::createUuid(), source, source, target, target, std::move(pattern),
                        std::move(profile)};
+}
+
+ForwardingRecord makeRecord(const QString &url, std::optional<QString> source,
+                            const QString &browser, std::optional<QString> rule, qint64 secondsAgo)
+{
+    return ForwardingRecord{QUuid::createUuid(),
+                            QDateTime::currentDateTimeUtc().addSecs(-secondsAgo),
+                            url,
+                            source ? std::optional(u"id."_s + *source) : std::nullopt,
+                            source,
+                            u"com."_s + browser.toLower(),
+                            browser,
+                            std::move(rule)};
+}
+
+AppFixture::AppFixture()
+    : settings(environment.settings())
+    , store(std::make_unique<RuleStore>(*settings))
+    , entries(safariAndFirefox(environment.path()))
+{
+    autostart.enabled = false;
+}
+
+AppFixture::~AppFixture() = default;
+
+AppState &AppFixture::start()
+{
+    state = std::make_unique<AppState>(*store, AppServices{entries, launcher, autostart});
+    return *state;
 }
 
 ProcessLauncher::Failure RecordingLauncher::spawn(const QStringList &argv, const QString &,

@@ -1,10 +1,12 @@
 #pragma once
 
+#include "Models/ForwardingRecord.h"
 #include "Models/Link.h"
 #include "Models/RoutingRule.h"
 #include "Platform/Autostart.h"
 #include "Platform/DesktopEntries.h"
 #include "Platform/ProcessLauncher.h"
+#include "Storage/RuleStore.h"
 
 #include <QByteArray>
 #include <QHash>
@@ -18,6 +20,8 @@
 
 // Points every per-user location (settings, runtime directory) at a fresh
 // temporary directory for the life of the object.
+class AppState;
+
 class TestEnvironment final
 {
 public:
@@ -109,6 +113,30 @@ QList<RoutingRule> workedExampleRules();
 // A rule whose names are its ids.
 RoutingRule makeRule(const QString &source, std::optional<QString> pattern, const QString &target,
                      std::optional<QString> profile = std::nullopt);
+
+// A forwarding record whose ids derive from the names, made secondsAgo.
+ForwardingRecord makeRecord(const QString &url, std::optional<QString> source,
+                            const QString &browser, std::optional<QString> rule = std::nullopt,
+                            qint64 secondsAgo = 0);
+
+// An application state over a settings file of its own, with Safari and Firefox
+// installed and nothing started for real: what the view and automation tests
+// drive. start() makes the state, once the test has stored what it starts with.
+class AppFixture final
+{
+public:
+    AppFixture();
+    ~AppFixture();
+    AppState &start();
+
+    TestEnvironment environment;
+    std::unique_ptr<QSettings> settings;
+    std::unique_ptr<RuleStore> store;
+    FakeDesktopEntries entries;
+    FakeAutostart autostart;
+    RecordingLauncher launcher;
+    std::unique_ptr<AppState> state;
+};
 
 // A real HTTP/1.1 server on 127.0.0.1 that answers each path with a scripted
 // response, or not at all. It counts the requests it received per path.

@@ -37,32 +37,19 @@ private Q_SLOTS:
     void settings();
 
 private:
-    std::unique_ptr<TestEnvironment> m_environment;
-    std::unique_ptr<QSettings> m_settings;
-    std::unique_ptr<RuleStore> m_store;
-    std::unique_ptr<AppState> m_state;
-    FakeDesktopEntries m_entries;
-    FakeAutostart m_autostart;
-    RecordingLauncher m_launcher;
+    std::unique_ptr<AppFixture> m_app;
 };
 
 void TestAutomation::init()
 {
-    m_environment = std::make_unique<TestEnvironment>();
-    m_settings = m_environment->settings();
-    m_store = std::make_unique<RuleStore>(*m_settings);
-    m_entries = safariAndFirefox(m_environment->path());
-    m_launcher.spawned.clear();
-    m_state = std::make_unique<AppState>(*m_store, AppServices{m_entries, m_launcher, m_autostart});
-    AppState::setShared(m_state.get());
+    m_app = std::make_unique<AppFixture>();
+    AppState::setShared(&m_app->start());
 }
 
 void TestAutomation::cleanup()
 {
-    m_state.reset();
-    m_store.reset();
-    m_settings.reset();
-    m_environment.reset();
+    AppState::setShared(nullptr);
+    m_app.reset();
 }
 
 void TestAutomation::summaries_data()
@@ -142,8 +129,8 @@ void TestAutomation::queries()
 
     const RoutingRule first = rule(u"b"_s, u"B"_s, {});
     const RoutingRule second = rule(QString(), QString(), u"a.org"_s);
-    m_state->addRule(first);
-    m_state->addRule(second);
+    m_app->state->addRule(first);
+    m_app->state->addRule(second);
     const auto all = Automation::allRules();
     QCOMPARE(all->size(), 2);
     QCOMPARE(all->first().summary, u"B → Chrome"_s);
@@ -158,13 +145,13 @@ void TestAutomation::createRule()
         Automation::createRule(u""_s, u"Name"_s, u""_s, {u"firefox"_s, u"Firefox"_s});
     QCOMPARE(refused.error().description(),
              u"Provide a source app bundle ID, a URL pattern, or both."_s);
-    QVERIFY(m_state->rules().isEmpty());
+    QVERIFY(m_app->state->rules().isEmpty());
 
     // Taken as given: no trimming, no scheme removal, no browser lookup.
     const auto created = Automation::createRule(
         std::nullopt, std::nullopt, u" https://Example.com/* "_s, {u"not-installed"_s, u"Ghost"_s});
     QCOMPARE(*created, u"Created rule:  https://Example.com/*  → Ghost"_s);
-    const RoutingRule stored = RuleStore(*m_environment->settings()).loadRules().value(0);
+    const RoutingRule stored = RuleStore(*m_app->environment.settings()).loadRules().value(0);
     QCOMPARE(stored.urlPattern, u" https://Example.com/* "_s);
     QCOMPARE(stored.targetBrowserBundleID, u"not-installed"_s);
     QCOMPARE(stored.targetProfileID, std::nullopt);
@@ -178,7 +165,7 @@ void TestAutomation::createRule()
 void TestAutomation::deleteRule()
 {
     const RoutingRule target = rule(u"slack"_s, u"Slack"_s, u"example.com"_s);
-    m_state->addRule(target);
+    m_app->state->addRule(target);
     const auto entity = Automation::RuleEntity::from(target);
 
     QString question;
@@ -188,18 +175,18 @@ void TestAutomation::deleteRule()
     });
     QCOMPARE(question, u"Delete rule \"Slack + example.com → Chrome\"?"_s);
     QCOMPARE(refused.error().kind, Automation::IntentError::Kind::Refused);
-    QCOMPARE(m_state->rules().size(), 1);
+    QCOMPARE(m_app->state->rules().size(), 1);
 
     const auto yes = [](const QString &) { return true; };
     QCOMPARE(*Automation::deleteRule(entity, yes), u"Deleted rule: Slack + example.com → Chrome"_s);
-    QVERIFY(RuleStore(*m_environment->settings()).loadRules().isEmpty());
+    QVERIFY(RuleStore(*m_app->environment.settings()).loadRules().isEmpty());
     QCOMPARE(*Automation::deleteRule(entity, yes),
              u"Rule not found. It may have already been deleted."_s);
     // An id in lower case is not the rule's id.
-    m_state->addRule(target);
+    m_app->state->addRule(target);
     QCOMPARE(*Automation::deleteRule({entity.id.toLower(), entity.summary}, yes),
              u"Rule not found. It may have already been deleted."_s);
-    QCOMPARE(m_state->rules().size(), 1);
+    QCOMPARE(m_app->state->rules().size(), 1);
 }
 
 void TestAutomation::routeURL()
@@ -210,26 +197,26 @@ void TestAutomation::routeURL()
         return future.result();
     };
     const Link tracked = *Link::parse(u"https://shop.example/item?utm_source=x&id=1"_s);
-    m_state->setDefaultBrowser(u"safari"_s);
+    m_app->state->setDefaultBrowser(u"safari"_s);
     // A browser given: the link exactly as passed, cleaning or not.
     QCOMPARE(
         *wait(Automation::routeURL(tracked, Automation::BrowserEntity{u"firefox"_s, u"Firefox"_s})),
         u"Opened in Firefox."_s);
-    QCOMPARE(m_launcher.spawned.last(), (QStringList{u"firefox"_s, tracked.toString()}));
+    QCOMPARE(m_app->launcher.spawned.last(), (QStringList{u"firefox"_s, tracked.toString()}));
 
     // Through the rules, cleaned, even while paused; nothing counted or recorded.
-    m_state->addRule(RoutingRule{QUuid::createUuid(), QString(), QString(), u"firefox"_s,
-                                 u"Firefox"_s, u"shop.example"_s, u"Profile 1"_s});
-    m_state->toggleRulesEnabled();
+    m_app->state->addRule(RoutingRule{QUuid::createUuid(), QString(), QString(), u"firefox"_s,
+                                      u"Firefox"_s, u"shop.example"_s, u"Profile 1"_s});
+    m_app->state->toggleRulesEnabled();
     QCOMPARE(*wait(Automation::routeURL(tracked, std::nullopt)), u"Routed to Firefox."_s);
     // The rule's profile is not used: a plain launch of the cleaned link.
-    QCOMPARE(m_launcher.spawned.last(),
+    QCOMPARE(m_app->launcher.spawned.last(),
              (QStringList{u"firefox"_s, URLCleaner::clean(tracked).toString()}));
-    QCOMPARE(m_state->todayForwardCount(), 0);
-    QVERIFY(m_state->lastRouteLog().isEmpty());
+    QCOMPARE(m_app->state->todayForwardCount(), 0);
+    QVERIFY(m_app->state->lastRouteLog().isEmpty());
 
     // No rule and no fallback: an answer, not an error; a launch failure is an error.
-    m_state->setDefaultBrowser(QString());
+    m_app->state->setDefaultBrowser(QString());
     QCOMPARE(*wait(Automation::routeURL(*Link::parse(u"https://other.example/"_s), std::nullopt)),
              u"No routing rule matched and no default browser is set."_s);
     const auto failed =
@@ -241,22 +228,22 @@ void TestAutomation::settings()
 {
     QCOMPARE(*Automation::setDefaultBrowser({u"not-installed"_s, u"Ghost"_s}),
              u"Default browser set to Ghost."_s);
-    QCOMPARE(RuleStore(*m_environment->settings()).loadDefaultBrowserBundleID(),
+    QCOMPARE(RuleStore(*m_app->environment.settings()).loadDefaultBrowserBundleID(),
              u"not-installed"_s);
 
-    QVERIFY(m_state->rulesEnabled());
+    QVERIFY(m_app->state->rulesEnabled());
     QCOMPARE(*Automation::toggleFeature(Automation::Feature::PauseRules, true),
              u"Pause Rules is now enabled."_s);
-    QVERIFY(!m_state->rulesEnabled());
+    QVERIFY(!m_app->state->rulesEnabled());
     QCOMPARE(*Automation::toggleFeature(Automation::Feature::PauseRules, true),
              u"Pause Rules is now enabled."_s);
-    QVERIFY(!m_state->rulesEnabled());
+    QVERIFY(!m_app->state->rulesEnabled());
     QCOMPARE(*Automation::toggleFeature(Automation::Feature::UrlCleaning, true),
              u"URL Cleaning is now enabled."_s);
-    QVERIFY(m_state->urlCleaningEnabled());
+    QVERIFY(m_app->state->urlCleaningEnabled());
     QCOMPARE(*Automation::toggleFeature(Automation::Feature::UrlExpansion, true),
              u"URL Expansion is now enabled."_s);
-    QVERIFY(m_state->urlExpansionEnabled());
+    QVERIFY(m_app->state->urlExpansionEnabled());
     QCOMPARE(Automation::listBrowsers()->size(), 2);
 }
 

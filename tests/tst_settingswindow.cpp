@@ -13,6 +13,8 @@
 #include "Views/SettingsWindow.h"
 #include "Views/StatusItem.h"
 
+#include <QAbstractItemView>
+#include <QApplication>
 #include <QCheckBox>
 #include <QComboBox>
 #include <QLabel>
@@ -29,19 +31,6 @@
 using namespace Qt::Literals::StringLiterals;
 
 namespace {
-
-ForwardingRecord record(const QString &url, std::optional<QString> source, const QString &browser,
-                        std::optional<QString> rule = std::nullopt, qint64 secondsAgo = 0)
-{
-    return ForwardingRecord{QUuid::createUuid(),
-                            QDateTime::currentDateTimeUtc().addSecs(-secondsAgo),
-                            url,
-                            source ? std::optional(u"id."_s + *source) : std::nullopt,
-                            source,
-                            u"com."_s + browser.toLower(),
-                            browser,
-                            rule};
-}
 
 QStringList texts(const QMenu &menu)
 {
@@ -63,52 +52,40 @@ private Q_SLOTS:
     void statusMenu();
     void statusMenuCommands();
     void window();
+    void keyboard();
     void historyPane();
     void relativeTimes();
     void generalPane();
     void importAndExport();
-    void screenshots();
 
 private:
     void processLater() { QTest::qWait(20); }
 
-    std::unique_ptr<TestEnvironment> m_environment;
-    std::unique_ptr<QSettings> m_settings;
-    std::unique_ptr<RuleStore> m_store;
-    std::unique_ptr<AppState> m_state;
-    FakeDesktopEntries m_entries;
-    FakeAutostart m_autostart;
-    RecordingLauncher m_launcher;
+    std::unique_ptr<AppFixture> m_app;
 };
 
 void TestSettingsWindow::init()
 {
-    m_environment = std::make_unique<TestEnvironment>();
-    m_settings = m_environment->settings();
-    m_store = std::make_unique<RuleStore>(*m_settings);
-    m_store->saveRules({makeRule(u"org.example.Mail"_s, std::nullopt, u"safari"_s),
-                        makeRule(u"org.example.Chat"_s, std::nullopt, u"firefox"_s)});
-    m_store->saveDefaultBrowserBundleID(u"firefox"_s);
-    m_entries = safariAndFirefox(m_environment->path());
-    m_autostart.enabled = false;
-    m_state = std::make_unique<AppState>(*m_store, AppServices{m_entries, m_launcher, m_autostart});
+    m_app = std::make_unique<AppFixture>();
+    m_app->store->saveRules({makeRule(u"org.example.Mail"_s, std::nullopt, u"safari"_s),
+                             makeRule(u"org.example.Chat"_s, std::nullopt, u"firefox"_s)});
+    m_app->store->saveDefaultBrowserBundleID(u"firefox"_s);
+    m_app->start();
     MessageBox::setInformQuietly(true);
 }
 
 void TestSettingsWindow::cleanup()
 {
-    m_state.reset();
-    m_store.reset();
-    m_settings.reset();
-    m_environment.reset();
+    m_app.reset();
 }
 
 void TestSettingsWindow::statusMenu()
 {
-    HistoryStore::record(*m_settings, record(u"https://a.example/"_s, u"Mail"_s, u"Safari"_s));
-    HistoryStore::record(*m_settings, record(u"https://b.example/"_s, std::nullopt, u"Firefox"_s,
-                                             std::nullopt, 3 * 86400));
-    StatusItem item(*m_state, *m_settings, m_entries, {});
+    HistoryStore::record(*m_app->settings,
+                         makeRecord(u"https://a.example/"_s, u"Mail"_s, u"Safari"_s));
+    HistoryStore::record(*m_app->settings, makeRecord(u"https://b.example/"_s, std::nullopt,
+                                                      u"Firefox"_s, std::nullopt, 3 * 86400));
+    StatusItem item(*m_app->state, *m_app->settings, m_app->entries, {});
     QMenu &menu = item.menu();
     item.rebuild(menu);
     const QString build = menu.actions().value(menu.actions().size() - 2)->text();
@@ -135,13 +112,13 @@ void TestSettingsWindow::statusMenu()
     // Choosing Safari changes the fallback; the next opening shows it.
     fallback->actions()[1]->trigger();
     processLater();
-    QCOMPARE(m_store->loadDefaultBrowserBundleID(), u"safari"_s);
+    QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"safari"_s);
     Q_EMIT menu.aboutToShow();
     QCOMPARE(menu.actions()[6]->text(), u"Fallback: Safari"_s);
     QVERIFY(menu.actions()[6]->menu()->actions()[1]->isChecked());
 
     // A fallback that is not installed: "None", nothing checked.
-    m_state->setDefaultBrowser(u"gone"_s);
+    m_app->state->setDefaultBrowser(u"gone"_s);
     item.rebuild(menu);
     QCOMPARE(menu.actions()[6]->text(), u"Fallback: None"_s);
     for (const QAction *action : menu.actions()[6]->menu()->actions())
@@ -156,7 +133,7 @@ void TestSettingsWindow::statusMenu()
 void TestSettingsWindow::statusMenuCommands()
 {
     QStringList called;
-    StatusItem item(*m_state, *m_settings, m_entries,
+    StatusItem item(*m_app->state, *m_app->settings, m_app->entries,
                     {[&] { called.append(u"history"_s); }, [&] { called.append(u"settings"_s); },
                      [&] { called.append(u"updates"_s); }, [&] { called.append(u"quit"_s); }});
     QMenu &menu = item.menu();
@@ -168,16 +145,16 @@ void TestSettingsWindow::statusMenuCommands()
     // Pausing from the menu switches the icon; pausing elsewhere does not.
     menu.actions()[5]->trigger();
     processLater();
-    QVERIFY(!m_state->rulesEnabled());
+    QVERIFY(!m_app->state->rulesEnabled());
     QCOMPARE(item.iconState(), u"paused"_s);
     item.rebuild(menu);
     QCOMPARE(menu.actions()[5]->text(), u"▶ Resume Rules"_s);
-    m_state->toggleRulesEnabled();
+    m_app->state->toggleRulesEnabled();
     QCOMPARE(item.iconState(), u"paused"_s);
 
     menu.actions()[8]->trigger();
     processLater();
-    QVERIFY(m_state->launchAtLogin());
+    QVERIFY(m_app->state->launchAtLogin());
     item.rebuild(menu);
     QVERIFY(menu.actions()[8]->isChecked());
 
@@ -186,17 +163,17 @@ void TestSettingsWindow::statusMenuCommands()
     QCOMPARE(called, (QStringList{u"history"_s, u"settings"_s, u"updates"_s, u"quit"_s}));
 
     // Routed once: the last route shows, and the rule counts follow the rules.
-    m_state->addRule(makeRule(QString(), u"docs.example"_s, u"safari"_s));
-    m_state->routeURL(link(u"https://docs.example/x"), std::nullopt);
-    QTRY_VERIFY(!m_state->lastRouteLog().isEmpty());
+    m_app->state->addRule(makeRule(QString(), u"docs.example"_s, u"safari"_s));
+    m_app->state->routeURL(link(u"https://docs.example/x"), std::nullopt);
+    QTRY_VERIFY(!m_app->state->lastRouteLog().isEmpty());
     item.rebuild(menu);
     QCOMPARE(menu.actions()[2]->text(), u"Rules: 2 app, 1 URL"_s);
-    QCOMPARE(menu.actions()[4]->text(), u"Last: "_s + m_state->lastRouteLog());
+    QCOMPARE(menu.actions()[4]->text(), u"Last: "_s + m_app->state->lastRouteLog());
 }
 
 void TestSettingsWindow::window()
 {
-    SettingsWindow window(*m_state, *m_settings, m_entries, [] {});
+    SettingsWindow window(*m_app->state, *m_app->settings, m_app->entries, [] {});
     QCOMPARE(window.windowTitle(), u"Quillvane Settings"_s);
     QCOMPARE(window.size(), QSize(520, 520));
     QCOMPARE(window.minimumSize(), QSize(400, 300));
@@ -212,7 +189,7 @@ void TestSettingsWindow::window()
     auto *appCount = window.findChild<QLabel *>(u"appRulesCount"_s);
     QCOMPARE(urlCount->text(), u"0 rules"_s);
     QCOMPARE(appCount->text(), u"2 rules"_s);
-    m_state->addRule(makeRule(QString(), u"docs.example"_s, u"safari"_s));
+    m_app->state->addRule(makeRule(QString(), u"docs.example"_s, u"safari"_s));
     QCOMPARE(urlCount->text(), u"1 rule"_s);
     QCOMPARE(window.findChild<QListWidget *>(u"urlRulesList"_s)->item(0)->text(),
              u"docs.example → safari"_s);
@@ -225,19 +202,72 @@ void TestSettingsWindow::window()
     QCOMPARE(window.selectedTab(), int(SettingsWindow::GeneralTab));
 }
 
+// Everything a mouse can use, the keyboard reaches: Tab visits every enabled
+// control of every tab, and tabs change with the usual keys wherever the
+// focus is.
+void TestSettingsWindow::keyboard()
+{
+    HistoryStore::record(*m_app->settings,
+                         makeRecord(u"https://a.example/"_s, u"Mail"_s, u"Safari"_s));
+    SettingsWindow window(*m_app->state, *m_app->settings, m_app->entries, [] {});
+    window.show();
+    QVERIFY(QTest::qWaitForWindowActive(&window));
+    QTabWidget &tabs = window.tabs();
+    for (int tab = 0; tab < tabs.count(); ++tab) {
+        window.selectTab(tab);
+        QSet<QWidget *> controls;
+        for (QWidget *widget : tabs.currentWidget()->findChildren<QWidget *>()) {
+            const bool control =
+                qobject_cast<QAbstractButton *>(widget) || qobject_cast<QComboBox *>(widget)
+                || qobject_cast<QLineEdit *>(widget) || qobject_cast<QAbstractItemView *>(widget);
+            // A field's own clear button is not a stop of its own.
+            const bool part = qobject_cast<QLineEdit *>(widget->parentWidget());
+            if (control && !part && widget->isVisibleTo(&window) && widget->isEnabled())
+                controls.insert(widget);
+        }
+        if (controls.isEmpty()) // an empty state
+            continue;
+        tabs.tabBar()->setFocus();
+        QSet<QWidget *> reached;
+        for (int step = 0; step < 200 && reached.size() < controls.size(); ++step) {
+            QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
+            if (controls.contains(QApplication::focusWidget()))
+                reached.insert(QApplication::focusWidget());
+        }
+        for (QWidget *control : std::as_const(controls))
+            QVERIFY2(reached.contains(control),
+                     qPrintable(tabs.tabText(tab) + u": "_s + control->objectName() + u" ("_s
+                                + QString::fromLatin1(control->metaObject()->className())
+                                + u") cannot be reached with Tab"_s));
+    }
+
+    window.selectTab(SettingsWindow::AppRulesTab);
+    window.setFocus();
+    QTest::keyClick(&window, Qt::Key_PageDown, Qt::ControlModifier);
+    QCOMPARE(window.selectedTab(), int(SettingsWindow::UrlRulesTab));
+    QTest::keyClick(&window, Qt::Key_Tab, Qt::ControlModifier);
+    QCOMPARE(window.selectedTab(), int(SettingsWindow::GeneralTab));
+    QTest::keyClick(&window, Qt::Key_PageUp, Qt::ControlModifier);
+    QTest::keyClick(&window, Qt::Key_PageUp, Qt::ControlModifier);
+    QTest::keyClick(&window, Qt::Key_PageUp, Qt::ControlModifier);
+    QCOMPARE(window.selectedTab(), int(SettingsWindow::HistoryTab));
+    QTest::keyClick(&window, Qt::Key_3, Qt::AltModifier);
+    QCOMPARE(window.selectedTab(), int(SettingsWindow::GeneralTab));
+}
+
 void TestSettingsWindow::historyPane()
 {
-    HistoryPane pane(*m_settings);
+    HistoryPane pane(*m_app->settings);
     pane.show();
     auto *pages = pane.findChild<QStackedWidget *>();
     QCOMPARE(pages->currentWidget()->objectName(), u"historyEmptyState"_s);
 
-    HistoryStore::record(
-        *m_settings, record(u"https://one.example/"_s, u"Mail"_s, u"Safari"_s, u"Mail → Safari"_s));
-    HistoryStore::record(*m_settings,
-                         record(u"https://two.example/"_s, std::nullopt, u"Firefox"_s));
-    HistoryStore::record(*m_settings,
-                         record(u"https://three.example/a b"_s, u"Chat"_s, u"Safari"_s));
+    HistoryStore::record(*m_app->settings, makeRecord(u"https://one.example/"_s, u"Mail"_s,
+                                                      u"Safari"_s, u"Mail → Safari"_s));
+    HistoryStore::record(*m_app->settings,
+                         makeRecord(u"https://two.example/"_s, std::nullopt, u"Firefox"_s));
+    HistoryStore::record(*m_app->settings,
+                         makeRecord(u"https://three.example/a b"_s, u"Chat"_s, u"Safari"_s));
     // Loaded when the tab comes on screen.
     pane.hide();
     pane.show();
@@ -267,7 +297,7 @@ void TestSettingsWindow::historyPane()
     // Clear: at once, without asking; the filter stays.
     QTest::mouseClick(pane.findChild<QToolButton *>(u"historyClear"_s), Qt::LeftButton);
     QCOMPARE(pages->currentWidget()->objectName(), u"historyEmptyState"_s);
-    QVERIFY(HistoryStore::loadHistory(*m_settings).isEmpty());
+    QVERIFY(HistoryStore::loadHistory(*m_app->settings).isEmpty());
     QCOMPARE(filter->text(), u"a "_s);
 }
 
@@ -282,7 +312,7 @@ void TestSettingsWindow::relativeTimes()
     QCOMPARE(HistoryModel::relativeTime(now.addSecs(30), now), u"in the future"_s);
 
     HistoryModel model;
-    model.setRecords({record(u"https://a.example/"_s, std::nullopt, u"Safari"_s)});
+    model.setRecords({makeRecord(u"https://a.example/"_s, std::nullopt, u"Safari"_s)});
     QSignalSpy changed(&model, &HistoryModel::dataChanged);
     model.setNow(QDateTime::currentDateTimeUtc().addSecs(120));
     QCOMPARE(changed.size(), 1);
@@ -291,7 +321,7 @@ void TestSettingsWindow::relativeTimes()
 
 void TestSettingsWindow::generalPane()
 {
-    GeneralPane pane(*m_state, *m_settings, m_entries, [] {});
+    GeneralPane pane(*m_app->state, *m_app->settings, m_app->entries, [] {});
     // Tall enough to show every section without scrolling.
     pane.resize(520, 1600);
     pane.show();
@@ -305,38 +335,38 @@ void TestSettingsWindow::generalPane()
     QCOMPARE(picker->currentText(), u"Firefox"_s);
     picker->setFocus();
     QTest::keyClick(picker, Qt::Key_Down);
-    QCOMPARE(m_store->loadDefaultBrowserBundleID(), u"safari"_s);
+    QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"safari"_s);
     QTest::keyClick(picker, Qt::Key_Home);
-    QCOMPARE(m_store->loadDefaultBrowserBundleID(), QString());
+    QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), QString());
     // Changed elsewhere: shown here.
-    m_state->setDefaultBrowser(u"firefox"_s);
+    m_app->state->setDefaultBrowser(u"firefox"_s);
     QCOMPARE(picker->currentText(), u"Firefox"_s);
-    m_state->setDefaultBrowser(u"not-installed"_s);
+    m_app->state->setDefaultBrowser(u"not-installed"_s);
     QCOMPARE(picker->currentIndex(), -1);
 
     auto *rules = pane.findChild<QCheckBox *>(u"rulesEnabledSwitch"_s);
     QVERIFY(rules->isChecked());
     // On the box itself (the row is wider than box and text).
     QTest::mouseClick(rules, Qt::LeftButton, {}, QPoint(8, rules->height() / 2));
-    QVERIFY(!m_state->rulesEnabled());
-    QVERIFY(!m_store->loadRulesEnabled());
-    m_state->toggleRulesEnabled();
+    QVERIFY(!m_app->state->rulesEnabled());
+    QVERIFY(!m_app->store->loadRulesEnabled());
+    m_app->state->toggleRulesEnabled();
     QVERIFY(rules->isChecked());
 
     auto *cleaning = pane.findChild<QCheckBox *>(u"urlCleaningSwitch"_s);
     cleaning->setFocus();
     QTest::keyClick(cleaning, Qt::Key_Space);
-    QVERIFY(!m_state->urlCleaningEnabled());
+    QVERIFY(!m_app->state->urlCleaningEnabled());
     auto *login = pane.findChild<QCheckBox *>(u"launchAtLoginSwitch"_s);
     QTest::mouseClick(login, Qt::LeftButton, {}, QPoint(8, login->height() / 2));
-    QVERIFY(m_state->launchAtLogin());
-    QVERIFY(m_autostart.enabled);
+    QVERIFY(m_app->state->launchAtLogin());
+    QVERIFY(m_app->autostart.enabled);
 }
 
 void TestSettingsWindow::importAndExport()
 {
-    ConfigPane pane(*m_state);
-    const QString folder = m_environment->path();
+    ConfigPane pane(*m_app->state);
+    const QString folder = m_app->environment.path();
 
     // Cancelled: nothing said, nothing changed.
     MessageBox::inform(QString(), QString());
@@ -360,7 +390,7 @@ void TestSettingsWindow::importAndExport()
         R"({"version": 2, "exportDate": "2026-01-01T00:00:00Z", "rules": [], "urlCleaningEnabled": true})");
     QCOMPARE(MessageBox::lastText(),
              u"Unsupported config version: 2. This app supports version 1."_s);
-    QCOMPARE(m_state->rules().size(), 2);
+    QCOMPARE(m_app->state->rules().size(), 2);
 
     // Three rules against two: asked, and "Cancel" keeps them.
     ConfigManager::ExportData data;
@@ -373,12 +403,12 @@ void TestSettingsWindow::importAndExport()
     QCOMPARE(MessageBox::lastText(), u"Confirm Import"_s);
     QCOMPARE(MessageBox::lastDetail(),
              u"This will replace your current 2 rule(s) with 3 imported rule(s). Continue?"_s);
-    QCOMPARE(m_state->rules().size(), 2);
+    QCOMPARE(m_app->state->rules().size(), 2);
     MessageBox::setNextAnswer(0);
     importing(ConfigManager::encode(data));
     QCOMPARE(MessageBox::lastInformTitle(), u"Import Successful"_s);
     QCOMPARE(MessageBox::lastText(), u"Imported 3 rule(s) successfully."_s);
-    QCOMPARE(m_store->loadRules(), data.rules);
+    QCOMPARE(m_app->store->loadRules(), data.rules);
 
     // Export replaces an existing file and names only the file.
     const QString target = folder + u"/out/Quillvane-config.json"_s;
@@ -401,35 +431,6 @@ void TestSettingsWindow::importAndExport()
     pane.exportConfig();
     QCOMPARE(MessageBox::lastInformTitle(), u"Export Failed"_s);
     QVERIFY(MessageBox::lastText().contains(u"missing"_s));
-}
-
-// Every tab as it looks, for a person to check: spacing, cut-off texts, icons.
-void TestSettingsWindow::screenshots()
-{
-    const QString folder = qEnvironmentVariable("QUILLVANE_SCREENSHOT_DIR");
-    if (folder.isEmpty())
-        QSKIP("set QUILLVANE_SCREENSHOT_DIR to save screenshots");
-    QDir().mkpath(folder);
-    for (int i = 0; i < 4; ++i)
-        HistoryStore::record(
-            *m_settings,
-            record(
-                u"https://docs.example/a/very/long/path/that/goes/on/and/on?with=query&and=more#fragment%1"_s
-                    .arg(i),
-                i % 2 ? std::optional(u"Mail"_s) : std::nullopt, u"Safari"_s,
-                i % 2 ? std::optional(u"Mail → Safari"_s) : std::nullopt, i * 4000));
-    SettingsWindow window(*m_state, *m_settings, m_entries, [] {});
-    window.show();
-    for (int tab = 0; tab < 4; ++tab) {
-        window.selectTab(tab);
-        QTest::qWait(50);
-        QVERIFY(window.grab().save(u"%1/settings-tab%2.png"_s.arg(folder).arg(tab)));
-    }
-    StatusItem item(*m_state, *m_settings, m_entries, {});
-    item.rebuild(item.menu());
-    item.menu().popup(QPoint(0, 0));
-    QTest::qWait(50);
-    QVERIFY(item.menu().grab().save(folder + u"/status-menu.png"_s));
 }
 
 QTEST_MAIN(TestSettingsWindow)

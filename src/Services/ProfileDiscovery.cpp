@@ -228,11 +228,14 @@ QList<BrowserProfile> parseFirefoxProfilesIni(QStringView text, const QString &b
 {
     QList<BrowserProfile> profiles;
     bool inProfile = false;
-    std::optional<QString> name;
+    // Not an optional: GCC 12 at -O3 takes its moved-from string for an
+    // uninitialised one.
+    QString name;
+    bool named = false;
     const auto endSection = [&] {
-        if (inProfile && name)
-            profiles.append(BrowserProfile{*name, *name, browserBundleID});
-        name.reset();
+        if (inProfile && named)
+            profiles.append(BrowserProfile{name, name, browserBundleID});
+        named = false;
     };
     qsizetype lineStart = 0;
     while (lineStart <= text.size()) {
@@ -247,6 +250,7 @@ QList<BrowserProfile> parseFirefoxProfilesIni(QStringView text, const QString &b
         } else if (inProfile && line.size() >= 5
                    && line.first(5).compare(u"name=", Qt::CaseInsensitive) == 0) {
             name = line.sliced(5).toString();
+            named = true;
         }
     }
     endSection();

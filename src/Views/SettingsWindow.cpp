@@ -44,6 +44,20 @@ SettingsWindow::SettingsWindow(AppState &state, QSettings &settings, DesktopEntr
     // The standard window keys: close the window, quit Quillvane.
     new QShortcut(QKeySequence::Close, this, this, &QWidget::close);
     new QShortcut(QKeySequence(u"Ctrl+Q"_s), this, qApp, &QCoreApplication::quit);
+    // Tabs change from the keyboard wherever the focus is, even before any
+    // control has it.
+    const auto step = [this](int by) {
+        m_tabs->setCurrentIndex((m_tabs->currentIndex() + by + m_tabs->count()) % m_tabs->count());
+    };
+    for (const QKeySequence &next :
+         {QKeySequence(QKeySequence::NextChild), QKeySequence(u"Ctrl+PgDown"_s)})
+        new QShortcut(next, this, this, [step] { step(1); });
+    for (const QKeySequence &previous :
+         {QKeySequence(QKeySequence::PreviousChild), QKeySequence(u"Ctrl+PgUp"_s)})
+        new QShortcut(previous, this, this, [step] { step(-1); });
+    for (int tab = 0; tab < m_tabs->count(); ++tab)
+        new QShortcut(QKeySequence(u"Alt+%1"_s.arg(tab + 1)), this, this,
+                      [this, tab] { m_tabs->setCurrentIndex(tab); });
 }
 
 int SettingsWindow::selectedTab() const

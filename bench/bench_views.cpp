@@ -1,0 +1,135 @@
+// The tray menu and the settings window (offscreen unless QT_QPA_PLATFORM says
+// otherwise), with 1,000 rules and a full
+// 500-record history in the settings file.
+#include "App/AppState.h"
+#include "Platform/Autostart.h"
+#include "Platform/DesktopEntries.h"
+#include "Platform/ProcessLauncher.h"
+#include "Storage/HistoryStore.h"
+#include "Storage/RuleStore.h"
+#include "Storage/UserSettings.h"
+#include "Views/HistoryPane.h"
+#include "Views/SettingsWindow.h"
+#include "Views/StatusItem.h"
+
+#include <QApplication>
+#include <QElapsedTimer>
+#include <QLineEdit>
+#include <QMenu>
+#include <QTemporaryDir>
+
+#include <benchmark/benchmark.h>
+
+#include "BenchSupport.h"
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+
+struct Fixture
+{
+    QTemporaryDir dir;
+    std::unique_ptr<QSettings> settings = UserSettings::open(dir.filePath(u"Quillvane.conf"_s));
+    RuleStore store{*settings};
+    XdgAutostart autostart{u"quillvane"_s};
+    std::unique_ptr<AppState> state;
+
+    Fixture()
+    {
+        store.saveRules(BenchSupport::makeRules(1000));
+        store.saveDefaultBrowserBundleID(u"browser"_s);
+        settings->setValue(
+            u"forwarding_history"_s,
+            ForwardingRecord::listToJson(BenchSupport::makeHistory(HistoryStore::MaxRecords)));
+        settings->sync();
+        state = std::make_unique<AppState>(
+            store,
+            AppServices{GioDesktopEntries::instance(), GioProcessLauncher::instance(), autostart});
+    }
+};
+
+Fixture &fixture()
+{
+    static Fixture shared;
+    return shared;
+}
+
+// What happens each time the tray menu opens: rebuilt from the state, then
+// laid out.
+void BM_BuildStatusMenu(benchmark::State &state)
+{
+    Fixture &f = fixture();
+    StatusItem item(*f.state, *f.settings, GioDesktopEntries::instance(), {});
+    for (auto _ : state) {
+        item.rebuild(item.menu());
+        benchmark::DoNotOptimize(item.menu().sizeHint());
+    }
+}
+BENCHMARK(BM_BuildStatusMenu)->Unit(benchmark::kMillisecond);
+
+// Made, shown and painted once, as on the first "Settings...".
+void openSettingsWindow(Fixture &f)
+{
+    SettingsWindow window(*f.state, *f.settings, GioDesktopEntries::instance(), [] {});
+    window.show();
+    QApplication::processEvents();
+    window.repaint();
+}
+
+// The first window of the process: fonts, style and icons are loaded then.
+void BM_OpenSettingsWindowFirstInProcess(benchmark::State &state)
+{
+    Fixture &f = fixture();
+    for (auto _ : state)
+        openSettingsWindow(f);
+}
+BENCHMARK(BM_OpenSettingsWindowFirstInProcess)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+void BM_OpenSettingsWindow(benchmark::State &state)
+{
+    Fixture &f = fixture();
+    for (auto _ : state)
+        openSettingsWindow(f);
+}
+BENCHMARK(BM_OpenSettingsWindow)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// One keystroke in the filter over the full history, shown and repainted.
+void BM_HistoryFilterKeystroke(benchmark::State &state)
+{
+    Fixture &f = fixture();
+    HistoryPane pane(*f.settings);
+    pane.resize(520, 480);
+    pane.show();
+    QApplication::processEvents();
+    auto *filter = pane.findChild<QLineEdit *>(u"historyFilter"_s);
+    if (!filter) {
+        state.SkipWithError("no filter field");
+        return;
+    }
+    const QStringList typed{u"e"_s,       u"ev"_s,        u"evo"_s,    u"evol"_s,
+                            u"article"_s, u"firefox e"_s, u"ref=42"_s, u""_s};
+    qsizetype i = 0;
+    for (auto _ : state) {
+        filter->setText(typed[i++ % typed.size()]);
+        pane.repaint();
+    }
+}
+BENCHMARK(BM_HistoryFilterKeystroke)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QTemporaryDir root;
+    BenchSupport::prepareDesktop(root.path());
+    if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    // The offscreen platform warns about every window it cannot size for a
+    // window manager; the figures are what matters here.
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
+    QApplication app(argc, argv);
+    return BenchSupport::runBenchmarks(argc, argv);
+}

@@ -1,0 +1,399 @@
+// Quillvane as a person meets it: installed, started by its session bus under a
+// virtual X server with a real tray (trayer, an XEmbed tray), driven with the
+// mouse and the keyboard through xdotool. What is checked is what the clicks
+// change (stored settings, windows on screen, the icon's pixels); every step
+// leaves a screenshot in the test's output folder for a person to look at.
+#include "FakeDesktop.h"
+#include "InstalledQuillvane.h"
+#include "Storage/HistoryStore.h"
+#include "Storage/RuleStore.h"
+#include "Storage/SettingsKeys.h"
+#include "Storage/UserSettings.h"
+#include "TestSupport.h"
+
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDir>
+#include <QFile>
+#include <QGuiApplication>
+#include <QProcess>
+#include <QScreen>
+#include <QSystemTrayIcon>
+#include <QTest>
+
+#include <optional>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+
+InstalledQuillvane g_installed(QStringLiteral(QUILLVANE_E2E_PREFIX));
+
+struct XWindow
+{
+    QString id;
+    QRect geometry;
+};
+
+QString xdotool(const QStringList &arguments)
+{
+    QProcess process;
+    process.start(u"xdotool"_s, arguments);
+    if (!process.waitForFinished(10000))
+        qFatal("xdotool did not finish");
+    return QString::fromUtf8(process.readAllStandardOutput()).trimmed();
+}
+
+QList<XWindow> visibleWindows(const QStringList &search)
+{
+    QList<XWindow> windows;
+    const QString found = xdotool(QStringList{u"search"_s, u"--onlyvisible"_s} + search);
+    for (const QString &id : found.split(u'\n', Qt::SkipEmptyParts)) {
+        QHash<QString, int> shell;
+        for (const QString &line :
+             xdotool({u"getwindowgeometry"_s, u"--shell"_s, id}).split(u'\n')) {
+            const qsizetype equals = line.indexOf(u'=');
+            shell.insert(line.left(equals), line.mid(equals + 1).toInt());
+        }
+        windows.append(
+            {id, QRect(shell[u"X"_s], shell[u"Y"_s], shell[u"WIDTH"_s], shell[u"HEIGHT"_s])});
+    }
+    return windows;
+}
+
+std::optional<XWindow> waitForWindow(const QStringList &search,
+                                     const std::function<bool(const QRect &)> &accept)
+{
+    std::optional<XWindow> result;
+    (void)QTest::qWaitFor(
+        [&] {
+            for (const XWindow &window : visibleWindows(search)) {
+                if (accept(window.geometry)) {
+                    result = window;
+                    return true;
+                }
+            }
+            return false;
+        },
+        10000);
+    return result;
+}
+
+bool waitUntilHidden(const QString &id)
+{
+    return QTest::qWaitFor(
+        [&] {
+            return !xdotool({u"search"_s, u"--onlyvisible"_s, u"--pid"_s,
+                             QString::number(InstalledQuillvane::instancePid())})
+                        .split(u'\n')
+                        .contains(id);
+        },
+        10000);
+}
+
+void press(const QStringList &keys)
+{
+    xdotool(QStringList{u"key"_s, u"--delay"_s, u"60"_s} + keys);
+}
+
+// Gives the window the keyboard and presses the key that should close it.
+bool closeWith(const XWindow &window, const QString &key)
+{
+    xdotool({u"windowfocus"_s, u"--sync"_s, window.id});
+    press({key});
+    return waitUntilHidden(window.id);
+}
+
+QImage grab(const QRect &area)
+{
+    return QGuiApplication::primaryScreen()
+        ->grabWindow(0, area.x(), area.y(), area.width(), area.height())
+        .toImage()
+        .convertToFormat(QImage::Format_RGB32);
+}
+
+// The share of pixels that differ between two pictures of the same area.
+double difference(const QImage &a, const QImage &b)
+{
+    if (a.size() != b.size() || a.isNull())
+        return 1.0;
+    qint64 differing = 0;
+    for (int y = 0; y < a.height(); ++y) {
+        const auto *left = reinterpret_cast<const QRgb *>(a.constScanLine(y));
+        const auto *right = reinterpret_cast<const QRgb *>(b.constScanLine(y));
+        for (int x = 0; x < a.width(); ++x)
+            differing += left[x] != right[x];
+    }
+    return double(differing) / (double(a.width()) * a.height());
+}
+
+// Text and icons draw in many shades; an empty or black area has one or two.
+int colours(const QImage &image)
+{
+    QSet<QRgb> seen;
+    for (int y = 0; y < image.height(); ++y) {
+        const auto *row = reinterpret_cast<const QRgb *>(image.constScanLine(y));
+        for (int x = 0; x < image.width(); ++x)
+            seen.insert(row[x]);
+    }
+    return int(seen.size());
+}
+
+} // namespace
+
+class TestTrayHost final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void cleanupTestCase();
+    void laterIsTheEscapeAnswer();
+    void trayMenu();
+    void pauseAndResume();
+    void fallbackFromTheSubmenu();
+    void launchAtLogin();
+    void settingsWindowTabs();
+    void historyFromTheMenu();
+    void checkForUpdates();
+    void quitFromTheMenu();
+
+private:
+    QStringList quillvaneWindows() const
+    {
+        return {u"--pid"_s, QString::number(InstalledQuillvane::instancePid())};
+    }
+    std::unique_ptr<QSettings> stored() const
+    {
+        return UserSettings::open(m_desktop->configHome() + u"/Quillvane/Quillvane.conf"_s);
+    }
+    // Opens the tray menu with a right click and takes the pointer off it, so
+    // that only the keys pressed next choose.
+    std::optional<XWindow> openMenu();
+    // Chooses the menu's nth enabled item with the keyboard.
+    void choose(int item, const QStringList &then = {u"Return"_s});
+    void save(const QImage &image, const QString &name) const;
+
+    std::unique_ptr<FakeDesktop> m_desktop;
+    QProcess m_trayer;
+    QString m_folder;
+    XWindow m_icon;
+    QImage m_activeIcon;
+    QHash<QString, QImage> m_tabs;
+};
+
+void TestTrayHost::initTestCase()
+{
+    if (!QDBusConnection::sessionBus().isConnected())
+        QSKIP("needs a session bus: run under dbus-run-session");
+    if (QGuiApplication::platformName() != u"xcb")
+        QSKIP("needs an X server: run under xvfb-run");
+    m_desktop = std::make_unique<FakeDesktop>();
+    QVERIFY(g_installed.setUp(QStringLiteral(QUILLVANE_BUILD_DIR), *m_desktop));
+    m_desktop->addBrowser(u"alpha-browser"_s, u"Alpha"_s);
+    m_desktop->addBrowser(u"beta-browser"_s, u"Beta"_s);
+
+    auto settings = stored();
+    RuleStore store(*settings);
+    store.saveRules({makeRule(u"org.example.Mail"_s, std::nullopt, u"alpha-browser"_s),
+                     makeRule({}, u"docs.example"_s, u"beta-browser"_s),
+                     makeRule({}, u"*.intranet.example"_s, u"alpha-browser"_s)});
+    store.saveDefaultBrowserBundleID(u"beta-browser"_s);
+    HistoryStore::record(*settings, makeRecord(u"https://docs.example/guide"_s, u"Mail"_s,
+                                               u"Beta"_s, u"docs.example → Beta"_s, 90));
+    HistoryStore::record(*settings,
+                         makeRecord(u"https://news.example/today"_s, std::nullopt, u"Beta"_s));
+    settings->sync();
+
+    m_folder = qEnvironmentVariable("QUILLVANE_SCREENSHOT_DIR",
+                                    QStringLiteral(QUILLVANE_SCREENSHOT_DEFAULT));
+    QDir(m_folder).removeRecursively();
+    QVERIFY(QDir().mkpath(m_folder));
+    qInfo().noquote() << "Screenshots go to" << m_folder;
+
+    m_trayer.start(u"trayer"_s, {u"--edge"_s, u"top"_s, u"--align"_s, u"right"_s, u"--widthtype"_s,
+                                 u"request"_s, u"--height"_s, u"24"_s, u"--transparent"_s,
+                                 u"false"_s, u"--tint"_s, u"0x2e3440"_s});
+    QVERIFY(m_trayer.waitForStarted());
+    QTRY_VERIFY_WITH_TIMEOUT(QSystemTrayIcon::isSystemTrayAvailable(), 10000);
+
+    // Started the way a link starts it: by the bus, on the first call.
+    QDBusMessage call =
+        QDBusMessage::createMethodCall(u"work.vorpa.Quillvane"_s, u"/work/vorpa/Quillvane"_s,
+                                       u"work.vorpa.Quillvane.Automation"_s, u"ListFeatures"_s);
+    QCOMPARE(QDBusConnection::sessionBus().call(call, QDBus::Block, 30000).type(),
+             QDBusMessage::ReplyMessage);
+}
+
+void TestTrayHost::cleanupTestCase()
+{
+    if (InstalledQuillvane::isRunning())
+        QVERIFY(InstalledQuillvane::stop());
+    m_trayer.terminate();
+    m_trayer.waitForFinished();
+}
+
+void TestTrayHost::save(const QImage &image, const QString &name) const
+{
+    QVERIFY2(image.save(m_folder + u'/' + name), qPrintable(name));
+}
+
+std::optional<XWindow> TestTrayHost::openMenu()
+{
+    const QPoint centre = m_icon.geometry.center();
+    xdotool({u"mousemove"_s, QString::number(centre.x()), QString::number(centre.y()), u"click"_s,
+             u"3"_s});
+    auto menu = waitForWindow(quillvaneWindows(), [](const QRect &area) {
+        return area.height() > 150 && area.width() < 500;
+    });
+    xdotool({u"mousemove"_s, u"0"_s,
+             QString::number(QGuiApplication::primaryScreen()->size().height() - 1)});
+    return menu;
+}
+
+void TestTrayHost::choose(int item, const QStringList &then)
+{
+    QStringList keys;
+    for (int i = 0; i < item; ++i)
+        keys.append(u"Down"_s);
+    press(keys + then);
+}
+
+void TestTrayHost::laterIsTheEscapeAnswer()
+{
+    // Not the default browser yet: the question comes once the icon is up.
+    const auto prompt = waitForWindow(quillvaneWindows(), [](const QRect &area) {
+        return area.width() > 150 && area.height() > 60 && area.height() < 400;
+    });
+    QVERIFY(prompt);
+    const QImage picture = grab(prompt->geometry);
+    save(picture, u"default-browser-prompt.png"_s);
+    QVERIFY(colours(picture) > 20);
+    QVERIFY(closeWith(*prompt, u"Escape"_s));
+    QFile mimeapps(m_desktop->configHome() + u"/mimeapps.list"_s);
+    if (mimeapps.open(QIODevice::ReadOnly))
+        QVERIFY(!mimeapps.readAll().contains("work.vorpa.Quillvane"));
+}
+
+void TestTrayHost::trayMenu()
+{
+    const auto icon = waitForWindow(quillvaneWindows(), [](const QRect &area) {
+        return area.width() <= 48 && area.height() <= 48 && area.top() < 24;
+    });
+    QVERIFY2(icon, "the icon is not in the tray");
+    m_icon = *icon;
+    m_activeIcon = grab(m_icon.geometry);
+    save(m_activeIcon, u"tray-icon-active.png"_s);
+    QVERIFY(colours(m_activeIcon) > 4);
+
+    const auto menu = openMenu();
+    QVERIFY2(menu, "no menu opened on a right click");
+    QTest::qWait(200); // drawn
+    const QImage picture = grab(menu->geometry);
+    save(picture, u"tray-menu.png"_s);
+    // Header lines, counts, nine commands and the build line.
+    QVERIFY2(menu->geometry.height() > 250, qPrintable(QString::number(menu->geometry.height())));
+    QVERIFY(colours(picture) > 20);
+    press({u"Escape"_s});
+    QVERIFY(waitUntilHidden(menu->id));
+}
+
+void TestTrayHost::pauseAndResume()
+{
+    QVERIFY(openMenu());
+    choose(1);
+    QTRY_VERIFY(!SettingsKeys::read(*stored(), SettingsKeys::RulesEnabled));
+    QTRY_VERIFY(difference(grab(m_icon.geometry), m_activeIcon) > 0.05);
+    save(grab(m_icon.geometry), u"tray-icon-paused.png"_s);
+
+    QVERIFY(openMenu());
+    choose(1);
+    QTRY_VERIFY(SettingsKeys::read(*stored(), SettingsKeys::RulesEnabled));
+    QTRY_COMPARE(difference(grab(m_icon.geometry), m_activeIcon), 0.0);
+}
+
+void TestTrayHost::fallbackFromTheSubmenu()
+{
+    const auto menu = openMenu();
+    QVERIFY(menu);
+    choose(2, {u"Right"_s});
+    QTest::qWait(300);
+    // Both menus, side by side (the submenu opens to the left at the screen's edge).
+    const QRect both = menu->geometry.adjusted(-menu->geometry.width(), 0, 0, 0);
+    save(grab(both), u"tray-menu-fallback.png"_s);
+    press({u"Return"_s}); // the first browser: Alpha
+    QTRY_COMPARE(SettingsKeys::read(*stored(), SettingsKeys::DefaultBrowserBundleID),
+                 u"alpha-browser"_s);
+}
+
+void TestTrayHost::launchAtLogin()
+{
+    const QString entry = m_desktop->configHome() + u"/autostart/work.vorpa.Quillvane.desktop"_s;
+    QVERIFY(!QFile::exists(entry));
+    QVERIFY(openMenu());
+    choose(3);
+    QTRY_VERIFY(QFile::exists(entry));
+    QVERIFY(openMenu());
+    choose(3);
+    QTRY_VERIFY(!QFile::exists(entry));
+}
+
+void TestTrayHost::settingsWindowTabs()
+{
+    QVERIFY(openMenu());
+    choose(5);
+    const QStringList byTitle{u"--name"_s, u"^Quillvane Settings$"_s};
+    const auto window = waitForWindow(byTitle, [](const QRect &) { return true; });
+    QVERIFY2(window, "\"Settings...\" showed no window");
+    QCOMPARE(window->geometry.size(), QSize(520, 520));
+    xdotool({u"windowfocus"_s, u"--sync"_s, window->id});
+    const QStringList names{u"app-rules"_s, u"url-rules"_s, u"general"_s, u"history"_s};
+    for (const QString &name : names) {
+        QTest::qWait(300);
+        m_tabs.insert(name, grab(window->geometry));
+        save(m_tabs[name], u"settings-%1.png"_s.arg(name));
+        QVERIFY(colours(m_tabs[name]) > 20);
+        press({u"ctrl+Next"_s});
+    }
+    for (const QString &a : names) {
+        for (const QString &b : names) {
+            if (a < b)
+                QVERIFY2(difference(m_tabs[a], m_tabs[b]) > 0.02, qPrintable(a + u" = "_s + b));
+        }
+    }
+    QVERIFY(closeWith(*window, u"ctrl+w"_s));
+}
+
+void TestTrayHost::historyFromTheMenu()
+{
+    QVERIFY(openMenu());
+    choose(4);
+    const auto window =
+        waitForWindow({u"--name"_s, u"^Quillvane Settings$"_s}, [](const QRect &) { return true; });
+    QVERIFY(window);
+    // A moment after the window, the History tab.
+    QTRY_VERIFY(difference(grab(window->geometry), m_tabs[u"history"_s]) < 0.01);
+    QVERIFY(closeWith(*window, u"ctrl+w"_s));
+}
+
+void TestTrayHost::checkForUpdates()
+{
+    QVERIFY(openMenu());
+    choose(6);
+    const auto dialog = waitForWindow(quillvaneWindows(), [](const QRect &area) {
+        return area.width() > 150 && area.height() > 60 && area.height() < 400;
+    });
+    QVERIFY2(dialog, "\"Check for Updates...\" answered nothing");
+    save(grab(dialog->geometry), u"check-for-updates.png"_s);
+    QVERIFY(closeWith(*dialog, u"Escape"_s));
+}
+
+void TestTrayHost::quitFromTheMenu()
+{
+    QVERIFY(openMenu());
+    choose(7);
+    QTRY_VERIFY_WITH_TIMEOUT(!InstalledQuillvane::isRunning(), 10000);
+}
+
+QTEST_MAIN(TestTrayHost)
+#include "tst_trayhost.moc"
