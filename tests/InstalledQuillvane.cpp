@@ -1,6 +1,8 @@
 #include "InstalledQuillvane.h"
 
 #include "FakeDesktop.h"
+#include "Storage/RuleStore.h"
+#include "Storage/UserSettings.h"
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
@@ -38,6 +40,22 @@ bool InstalledQuillvane::setUp(const QString &buildDir, const FakeDesktop &deskt
                                        u"org.freedesktop.DBus"_s, u"UpdateActivationEnvironment"_s);
     update << QVariant::fromValue(variables);
     return QDBusConnection::sessionBus().call(update).type() == QDBusMessage::ReplyMessage;
+}
+
+std::unique_ptr<QSettings> InstalledQuillvane::storedSettings(const FakeDesktop &desktop)
+{
+    return UserSettings::open(desktop.configHome() + u"/Quillvane/Quillvane.conf"_s);
+}
+
+void InstalledQuillvane::seedAlphaAndBeta(FakeDesktop &desktop, const QList<RoutingRule> &rules)
+{
+    desktop.addBrowser(u"alpha-browser"_s, u"Alpha"_s);
+    desktop.addBrowser(u"beta-browser"_s, u"Beta"_s);
+    auto settings = storedSettings(desktop);
+    RuleStore store(*settings);
+    store.saveRules(rules);
+    store.saveDefaultBrowserBundleID(u"beta-browser"_s);
+    settings->sync();
 }
 
 qint64 InstalledQuillvane::instancePid()

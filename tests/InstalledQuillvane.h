@@ -1,7 +1,12 @@
 #pragma once
 
+#include "Models/RoutingRule.h"
+
+#include <QSettings>
 #include <QString>
 #include <QStringList>
+
+#include <memory>
 
 class FakeDesktop;
 
@@ -21,6 +26,12 @@ public:
 
     QString program(const QString &name) const { return m_prefix + u"/bin/" + name; }
     QString prefix() const { return m_prefix; }
+
+    // The settings file the installed Quillvane reads in that desktop.
+    static std::unique_ptr<QSettings> storedSettings(const FakeDesktop &desktop);
+    // Browsers Alpha and Beta installed, the rules stored, Beta the fallback:
+    // what the tray tests start from.
+    static void seedAlphaAndBeta(FakeDesktop &desktop, const QList<RoutingRule> &rules);
 
     static qint64 instancePid();
     static bool isRunning();

@@ -126,7 +126,7 @@ void TestAutomationBus::cleanupTestCase()
 
 std::unique_ptr<QSettings> TestAutomationBus::storedSettings() const
 {
-    return UserSettings::open(m_desktop->configHome() + u"/Quillvane/Quillvane.conf"_s);
+    return InstalledQuillvane::storedSettings(*m_desktop);
 }
 
 QList<RoutingRule> TestAutomationBus::storedRules() const

@@ -6,9 +6,7 @@
 #include "FakeDesktop.h"
 #include "InstalledQuillvane.h"
 #include "Storage/HistoryStore.h"
-#include "Storage/RuleStore.h"
 #include "Storage/SettingsKeys.h"
-#include "Storage/UserSettings.h"
 #include "TestSupport.h"
 
 #include <QDBusConnection>
@@ -165,7 +163,7 @@ private:
     }
     std::unique_ptr<QSettings> stored() const
     {
-        return UserSettings::open(m_desktop->configHome() + u"/Quillvane/Quillvane.conf"_s);
+        return InstalledQuillvane::storedSettings(*m_desktop);
     }
     // Opens the tray menu with a right click and takes the pointer off it, so
     // that only the keys pressed next choose.
@@ -190,15 +188,11 @@ void TestTrayHost::initTestCase()
         QSKIP("needs an X server: run under xvfb-run");
     m_desktop = std::make_unique<FakeDesktop>();
     QVERIFY(g_installed.setUp(QStringLiteral(QUILLVANE_BUILD_DIR), *m_desktop));
-    m_desktop->addBrowser(u"alpha-browser"_s, u"Alpha"_s);
-    m_desktop->addBrowser(u"beta-browser"_s, u"Beta"_s);
-
-    auto settings = stored();
-    RuleStore store(*settings);
-    store.saveRules({makeRule(u"org.example.Mail"_s, std::nullopt, u"alpha-browser"_s),
+    InstalledQuillvane::seedAlphaAndBeta(
+        *m_desktop, {makeRule(u"org.example.Mail"_s, std::nullopt, u"alpha-browser"_s),
                      makeRule({}, u"docs.example"_s, u"beta-browser"_s),
                      makeRule({}, u"*.intranet.example"_s, u"alpha-browser"_s)});
-    store.saveDefaultBrowserBundleID(u"beta-browser"_s);
+    auto settings = stored();
     HistoryStore::record(*settings, makeRecord(u"https://docs.example/guide"_s, u"Mail"_s,
                                                u"Beta"_s, u"docs.example → Beta"_s, 90));
     HistoryStore::record(*settings,
