@@ -6,6 +6,10 @@
 namespace MessageBox {
 
 namespace {
+// Qt wraps the explanation at a narrow width of its own; sentences read better
+// on fewer lines.
+const QString WiderText = QStringLiteral("QLabel#qt_msgbox_informativelabel { min-width: 300px; }");
+
 std::optional<int> g_nextAnswer;
 QString g_lastText;
 QString g_lastInformTitle;
@@ -21,6 +25,7 @@ int ask(const QString &text, const QString &informativeText, const QStringList &
     if (g_nextAnswer)
         return std::exchange(g_nextAnswer, std::nullopt).value();
     QMessageBox box;
+    box.setStyleSheet(WiderText);
     box.setIcon(QMessageBox::Information);
     box.setText(text);
     box.setInformativeText(informativeText);
@@ -44,6 +49,7 @@ void inform(const QString &title, const QString &text)
     if (g_informQuietly)
         return;
     QMessageBox box;
+    box.setStyleSheet(WiderText);
     box.setIcon(QMessageBox::Information);
     box.setWindowTitle(title);
     box.setText(title);
