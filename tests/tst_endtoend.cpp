@@ -82,7 +82,7 @@ void TestEndToEnd::initTestCase()
     sourceApp(u"fake-mail"_s);
     sourceApp(u"fake-chat"_s);
 
-    auto settings = UserSettings::open(m_desktop->configHome() + u"/Quillvane/Quillvane.conf"_s);
+    auto settings = InstalledQuillvane::storedSettings(*m_desktop);
     RuleStore store(*settings);
     store.saveRules({makeRule(u"fake-mail"_s, std::nullopt, u"mail-browser"_s),
                      makeRule(u"fake-chat"_s, std::nullopt, u"chat-browser"_s),
@@ -135,8 +135,10 @@ void TestEndToEnd::firstLinkStartsQuillvane()
     QVERIFY(instancePid() > 0);
 
     // The count and the history are on disk; the trail is in the runtime folder.
-    auto settings = UserSettings::open(m_desktop->configHome() + u"/Quillvane/Quillvane.conf"_s);
-    QTRY_COMPARE(HistoryStore::loadHistory(*settings).size(), 1);
+    // Read afresh each time: an open settings object keeps what it read first.
+    const auto stored = [this] { return InstalledQuillvane::storedSettings(*m_desktop); };
+    QTRY_COMPARE(HistoryStore::loadHistory(*stored()).size(), 1);
+    const auto settings = stored();
     QCOMPARE(settings->value(u"today_forward_count"_s).toInt(), 1);
     QFile trail(m_desktop->root() + u"/run/Quillvane.log"_s);
     QVERIFY(trail.open(QIODevice::ReadOnly));
