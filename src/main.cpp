@@ -3,6 +3,10 @@
 #include "Platform/SystemLog.h"
 
 #include <QCoreApplication>
+#include <QTextStream>
+
+#include <cstdio>
+#include <unistd.h>
 
 int main(int argc, char *argv[])
 {
@@ -18,5 +22,12 @@ int main(int argc, char *argv[])
     QCoreApplication::setApplicationName(QStringLiteral("Quillvane"));
     QTextStream out(stdout);
     QTextStream err(stderr);
-    return CommandLine::run(arguments, out, err);
+    const int status = CommandLine::run(arguments, out, err);
+    out.flush();
+    err.flush();
+    std::fflush(nullptr);
+    // A command has nothing left to tear down, and Qt 6.4's bus thread may still
+    // be handling the bus's last words while static destructors dismantle the
+    // type registry, which it then reports as warnings on the way out.
+    ::_exit(status);
 }
