@@ -4,7 +4,9 @@
 #include "App/AppState.h"
 #include "Platform/Autostart.h"
 #include "Platform/DesktopEntries.h"
+#include "Platform/ProcessApps.h"
 #include "Platform/ProcessLauncher.h"
+#include "Services/RunningApps.h"
 #include "Storage/HistoryStore.h"
 #include "Storage/RuleStore.h"
 #include "Storage/UserSettings.h"
@@ -70,7 +72,7 @@ BENCHMARK(BM_BuildStatusMenu)->Unit(benchmark::kMillisecond);
 // Made, shown and painted once, as on the first "Settings...".
 void openSettingsWindow(Fixture &f)
 {
-    SettingsWindow window(*f.state, *f.settings, GioDesktopEntries::instance(), [] {});
+    SettingsWindow window(*f.state, *f.settings, {GioDesktopEntries::instance(), {}, {}}, [] {});
     window.show();
     QApplication::processEvents();
     window.repaint();
@@ -118,6 +120,17 @@ void BM_HistoryFilterKeystroke(benchmark::State &state)
     }
 }
 BENCHMARK(BM_HistoryFilterKeystroke)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// What an app rule sheet reads when it opens: every process of this user
+// mapped to its application.
+void BM_RunningApplications(benchmark::State &state)
+{
+    LinuxProcessApps processes(GioDesktopEntries::instance());
+    for (auto _ : state)
+        benchmark::DoNotOptimize(RunningApps::running(processes, GioDesktopEntries::instance()));
+    state.counters["processes"] = double(processes.processIds().size());
+}
+BENCHMARK(BM_RunningApplications)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 } // namespace
 

@@ -4,6 +4,8 @@
 #include "Services/BrowserDiscovery.h"
 #include "Storage/UserSettings.h"
 
+#include <QDir>
+#include <QFileInfo>
 #include <QTcpSocket>
 #include <QTest>
 
@@ -81,6 +83,14 @@ ForwardingRecord makeRecord(const QString &url, std::optional<QString> source,
                             u"com."_s + browser.toLower(),
                             browser,
                             std::move(rule)};
+}
+
+void writeFile(const QString &path, const QByteArray &contents)
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(contents) != contents.size())
+        qFatal("cannot write %s", qPrintable(path));
 }
 
 AppFixture::AppFixture()

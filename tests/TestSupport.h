@@ -38,6 +38,9 @@ private:
     QHash<QByteArray, QByteArray> m_saved;
 };
 
+// Writes a file, making its folders; the test stops when it cannot.
+void writeFile(const QString &path, const QByteArray &contents);
+
 // Parses a link that the test knows to be valid.
 Link link(QStringView text);
 

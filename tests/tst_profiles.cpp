@@ -1,6 +1,7 @@
 #include "FakeDesktop.h"
 #include "Services/LocalStateReader.h"
 #include "Services/ProfileDiscovery.h"
+#include "TestSupport.h"
 
 #include <QDir>
 #include <QJsonDocument>
@@ -11,15 +12,6 @@
 using namespace Qt::Literals::StringLiterals;
 
 namespace {
-
-void write(const QString &path, const QByteArray &contents)
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly))
-        qFatal("cannot write %s", qPrintable(path));
-    file.write(contents);
-}
 
 QStringList ids(const QList<BrowserProfile> &profiles)
 {
@@ -63,7 +55,7 @@ void TestProfiles::initTestCase()
 
 void TestProfiles::chromiumLocalState()
 {
-    write(m_desktop->configHome() + u"/google-chrome/Local State"_s, LocalState);
+    writeFile(m_desktop->configHome() + u"/google-chrome/Local State"_s, LocalState);
     QTest::ignoreMessage(QtDebugMsg, "Skipping malformed profile entry: <private>");
     QTest::ignoreMessage(QtDebugMsg, "Skipping malformed profile entry: <private>");
     QTest::ignoreMessage(QtInfoMsg, "Discovered 3 profile(s) for google-chrome");
@@ -100,7 +92,7 @@ void TestProfiles::brokenLocalStateFiles()
     QFETCH(QByteArray, contents);
     QFETCH(QString, line);
     const QString path = m_desktop->configHome() + u"/microsoft-edge/Local State"_s;
-    write(path, contents);
+    writeFile(path, contents);
     QTest::ignoreMessage(QtCriticalMsg, QRegularExpression(line));
     QVERIFY(ProfileDiscovery::discoverProfiles(u"microsoft-edge"_s).isEmpty());
     QFile::remove(path);
@@ -174,7 +166,7 @@ void TestProfiles::firefoxProfilesIni()
     QCOMPARE(profiles.first(),
              (BrowserProfile{u"default-release"_s, u"default-release"_s, u"firefox"_s}));
 
-    write(m_desktop->home() + u"/.mozilla/firefox/profiles.ini"_s, text.toUtf8());
+    writeFile(m_desktop->home() + u"/.mozilla/firefox/profiles.ini"_s, text.toUtf8());
     QTest::ignoreMessage(QtInfoMsg, "Discovered 4 Firefox profile(s)");
     QCOMPARE(ProfileDiscovery::discoverProfiles(u"FIREFOX-ESR"_s).first().browserBundleID,
              u"firefox-esr"_s);
@@ -184,10 +176,10 @@ void TestProfiles::firefoxDamagedFiles()
 {
     const QString path =
         m_desktop->home() + u"/snap/firefox/common/.mozilla/firefox/profiles.ini"_s;
-    write(path, "[Profile0]\nName=\xff\xfe broken\n");
+    writeFile(path, "[Profile0]\nName=\xff\xfe broken\n");
     QTest::ignoreMessage(QtCriticalMsg, "Could not read Firefox profiles.ini at <private>");
     QVERIFY(ProfileDiscovery::discoverProfiles(u"firefox_firefox"_s).isEmpty());
-    write(path, QByteArray("[Profile0]\nName=a\0b\n", 19));
+    writeFile(path, QByteArray("[Profile0]\nName=a\0b\n", 19));
     QTest::ignoreMessage(QtCriticalMsg, "Could not read Firefox profiles.ini at <private>");
     QVERIFY(ProfileDiscovery::discoverProfiles(u"firefox_firefox"_s).isEmpty());
     QFile::remove(path);

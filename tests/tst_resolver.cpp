@@ -22,6 +22,7 @@ public:
     {
         return parents.contains(pid) ? std::optional<qint64>(parents.value(pid)) : std::nullopt;
     }
+    QList<qint64> processIds() override { return lookups.keys(); }
 
     void app(qint64 pid, const QString &id, qint64 parent = 1)
     {
@@ -48,14 +49,6 @@ public:
     std::optional<qint64> active;
     QList<qint64> visible;
 };
-
-void write(const QString &path, const QByteArray &contents)
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write(contents);
-}
 
 QByteArray stat(qint64 pid, qint64 parent, quint64 start = 1234)
 {
@@ -272,20 +265,21 @@ void TestResolver::linuxLookupFromProc()
     QTemporaryDir proc;
     const QString root = proc.path();
     for (qint64 pid : {10, 11, 12, 13, 14})
-        write(u"%1/%2/stat"_s.arg(root).arg(pid), stat(pid, 1));
-    write(root + u"/10/cgroup"_s, "0::/app.slice/app-gnome-org.example.Mail-99.scope\n");
-    write(root + u"/11/root/.flatpak-info"_s,
-          "[Application]\nname=org.mozilla.firefox\nruntime=x\n");
+        writeFile(u"%1/%2/stat"_s.arg(root).arg(pid), stat(pid, 1));
+    writeFile(root + u"/10/cgroup"_s, "0::/app.slice/app-gnome-org.example.Mail-99.scope\n");
+    writeFile(root + u"/11/root/.flatpak-info"_s,
+              "[Application]\nname=org.mozilla.firefox\nruntime=x\n");
     const auto environment = [](const QByteArrayList &variables) -> QByteArray {
         return variables.join('\0') + '\0';
     };
-    write(root + u"/12/environ"_s,
-          environment({"GIO_LAUNCHED_DESKTOP_FILE=/usr/share/applications/org.example.Chat.desktop",
-                       "GIO_LAUNCHED_DESKTOP_FILE_PID=12"}));
-    write(root + u"/13/environ"_s,
-          environment({"GIO_LAUNCHED_DESKTOP_FILE=/x/org.example.Chat.desktop",
-                       "GIO_LAUNCHED_DESKTOP_FILE_PID=1"}));
-    write(root + u"/14/cgroup"_s, "0::/app.slice/app-work.vorpa.Quillvane-1.scope\n");
+    writeFile(
+        root + u"/12/environ"_s,
+        environment({"GIO_LAUNCHED_DESKTOP_FILE=/usr/share/applications/org.example.Chat.desktop",
+                     "GIO_LAUNCHED_DESKTOP_FILE_PID=12"}));
+    writeFile(root + u"/13/environ"_s,
+              environment({"GIO_LAUNCHED_DESKTOP_FILE=/x/org.example.Chat.desktop",
+                           "GIO_LAUNCHED_DESKTOP_FILE_PID=1"}));
+    writeFile(root + u"/14/cgroup"_s, "0::/app.slice/app-work.vorpa.Quillvane-1.scope\n");
 
     FakeDesktopEntries installed;
     for (const QString &id :

@@ -9,7 +9,7 @@
 #include "Views/HistoryModel.h"
 #include "Views/HistoryPane.h"
 #include "Views/MessageBox.h"
-#include "Views/RuleListPane.h"
+#include "Views/RuleListView.h"
 #include "Views/SettingsWindow.h"
 #include "Views/StatusItem.h"
 
@@ -20,7 +20,6 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QListView>
-#include <QListWidget>
 #include <QMenu>
 #include <QSignalSpy>
 #include <QStackedWidget>
@@ -173,7 +172,7 @@ void TestSettingsWindow::statusMenuCommands()
 
 void TestSettingsWindow::window()
 {
-    SettingsWindow window(*m_app->state, *m_app->settings, m_app->entries, [] {});
+    SettingsWindow window(*m_app->state, *m_app->settings, {m_app->entries, {}, {}}, [] {});
     QCOMPARE(window.windowTitle(), u"Quillvane Settings"_s);
     QCOMPARE(window.size(), QSize(520, 520));
     QCOMPARE(window.minimumSize(), QSize(400, 300));
@@ -191,7 +190,7 @@ void TestSettingsWindow::window()
     QCOMPARE(appCount->text(), u"2 rules"_s);
     m_app->state->addRule(makeRule(QString(), u"docs.example"_s, u"safari"_s));
     QCOMPARE(urlCount->text(), u"1 rule"_s);
-    QCOMPARE(window.findChild<QListWidget *>(u"urlRulesList"_s)->item(0)->text(),
+    QCOMPARE(window.findChild<QListView *>(u"urlRulesList"_s)->model()->index(0, 0).data(),
              u"docs.example → safari"_s);
 
     // Closed and shown again: the same tab.
@@ -209,7 +208,7 @@ void TestSettingsWindow::keyboard()
 {
     HistoryStore::record(*m_app->settings,
                          makeRecord(u"https://a.example/"_s, u"Mail"_s, u"Safari"_s));
-    SettingsWindow window(*m_app->state, *m_app->settings, m_app->entries, [] {});
+    SettingsWindow window(*m_app->state, *m_app->settings, {m_app->entries, {}, {}}, [] {});
     window.show();
     QVERIFY(QTest::qWaitForWindowActive(&window));
     QTabWidget &tabs = window.tabs();

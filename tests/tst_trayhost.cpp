@@ -6,6 +6,7 @@
 #include "FakeDesktop.h"
 #include "InstalledQuillvane.h"
 #include "Storage/HistoryStore.h"
+#include "Storage/RuleStore.h"
 #include "Storage/SettingsKeys.h"
 #include "TestSupport.h"
 
@@ -153,6 +154,7 @@ private Q_SLOTS:
     void launchAtLogin();
     void settingsWindowTabs();
     void historyFromTheMenu();
+    void ruleSheets();
     void checkForUpdates();
     void quitFromTheMenu();
 
@@ -367,6 +369,52 @@ void TestTrayHost::historyFromTheMenu()
     QVERIFY(window);
     // A moment after the window, the History tab.
     QTRY_VERIFY(difference(grab(window->geometry), m_tabs[u"history"_s]) < 0.01);
+    QVERIFY(closeWith(*window, u"ctrl+w"_s));
+}
+
+void TestTrayHost::ruleSheets()
+{
+    // The desktop entry's "Create Rule": the window, and the new app rule's sheet on it.
+    QDBusMessage action =
+        QDBusMessage::createMethodCall(u"work.vorpa.Quillvane"_s, u"/work/vorpa/Quillvane"_s,
+                                       u"org.freedesktop.Application"_s, u"ActivateAction"_s);
+    action << u"create-rule"_s << QVariantList() << QVariantMap();
+    QCOMPARE(QDBusConnection::sessionBus().call(action).type(), QDBusMessage::ReplyMessage);
+    const auto appSheet =
+        waitForWindow({u"--name"_s, u"^New App Rule$"_s}, [](const QRect &) { return true; });
+    QVERIFY2(appSheet, "\"Create Rule\" showed no sheet");
+    QCOMPARE(appSheet->geometry.size(), QSize(440, 440));
+    QTest::qWait(200);
+    save(grab(appSheet->geometry), u"sheet-new-app-rule.png"_s);
+    QVERIFY(closeWith(*appSheet, u"Escape"_s));
+
+    const auto window =
+        waitForWindow({u"--name"_s, u"^Quillvane Settings$"_s}, [](const QRect &) { return true; });
+    QVERIFY(window);
+    xdotool({u"windowfocus"_s, u"--sync"_s, window->id});
+    press({u"alt+2"_s});
+    const QRect area = window->geometry;
+    // The link tester, at the top of the tab.
+    xdotool({u"mousemove"_s, QString::number(area.center().x()), QString::number(area.top() + 52),
+             u"click"_s, u"1"_s});
+    xdotool({u"type"_s, u"--delay"_s, u"5"_s, u"https://docs.example/guide?utm_source=news"_s});
+    QTest::qWait(300);
+    save(grab(area), u"settings-url-rules-tested.png"_s);
+    QVERIFY(difference(grab(area), m_tabs[u"url-rules"_s]) > 0.01);
+
+    // "Add Rule", bottom left.
+    xdotool({u"mousemove"_s, QString::number(area.left() + 40), QString::number(area.bottom() - 16),
+             u"click"_s, u"1"_s});
+    const auto urlSheet =
+        waitForWindow({u"--name"_s, u"^New URL Rule$"_s}, [](const QRect &) { return true; });
+    QVERIFY2(urlSheet, "\"Add Rule\" showed no sheet");
+    QCOMPARE(urlSheet->geometry.size(), QSize(440, 460));
+    xdotool({u"windowfocus"_s, u"--sync"_s, urlSheet->id});
+    xdotool({u"type"_s, u"--delay"_s, u"5"_s, u"HTTPS://Docs.Example/Guide"_s});
+    QTest::qWait(300);
+    save(grab(urlSheet->geometry), u"sheet-new-url-rule.png"_s);
+    QVERIFY(closeWith(*urlSheet, u"Escape"_s));
+    QCOMPARE(RuleStore(*stored()).loadRules().size(), 3); // Escape saved nothing
     QVERIFY(closeWith(*window, u"ctrl+w"_s));
 }
 

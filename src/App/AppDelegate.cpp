@@ -14,11 +14,14 @@
 #include "Platform/ProcessLauncher.h"
 #include "Platform/SystemLog.h"
 #include "Services/DefaultBrowserRegistration.h"
+#include "Services/ProfileDiscovery.h"
+#include "Services/RunningApps.h"
 #include "Services/SourceAppResolver.h"
 #include "Services/UpdateChecker.h"
 #include "Storage/RuleStore.h"
 #include "Storage/UserSettings.h"
 #include "Views/MessageBox.h"
+#include "Views/RuleListView.h"
 #include "Views/SettingsWindow.h"
 #include "Views/StatusItem.h"
 #include "applicationadaptor.h"
@@ -159,8 +162,19 @@ void AppDelegate::promptSetAsDefaultBrowserIfNeeded()
 
 void AppDelegate::openRuleEditor()
 {
-    // The rule sheets live in the rule tabs.
-    openSettingsOn(SettingsWindow::AppRulesTab);
+    openSettingsOn(SettingsWindow::AppRulesTab,
+                   [this] { m_settingsWindow->appRules().showAddSheet(); });
+}
+
+RuleEditServices AppDelegate::ruleEditServices()
+{
+    return {GioDesktopEntries::instance(),
+            [this] {
+                return m_processApps
+                           ? RunningApps::running(*m_processApps, GioDesktopEntries::instance())
+                           : QList<RunningAppInfo>();
+            },
+            ProfileDiscovery::discoverProfiles};
 }
 
 void AppDelegate::setupStatusItem()
@@ -181,9 +195,8 @@ void AppDelegate::openSettings()
     // After the menu that asked has closed.
     QTimer::singleShot(0, this, [this] {
         if (!m_settingsWindow)
-            m_settingsWindow = std::make_unique<SettingsWindow>(*m_appState, *m_settings,
-                                                                GioDesktopEntries::instance(),
-                                                                [this] { checkForUpdates(); });
+            m_settingsWindow = std::make_unique<SettingsWindow>(
+                *m_appState, *m_settings, ruleEditServices(), [this] { checkForUpdates(); });
         m_settingsWindow->show();
         m_settingsWindow->raise();
         m_settingsWindow->activateWindow();
@@ -195,13 +208,16 @@ void AppDelegate::openHistory()
     openSettingsOn(SettingsWindow::HistoryTab);
 }
 
-void AppDelegate::openSettingsOn(int tab)
+void AppDelegate::openSettingsOn(int tab, std::function<void()> then)
 {
     openSettings();
     // Once the window is up.
-    QTimer::singleShot(200, this, [this, tab] {
-        if (m_settingsWindow)
-            m_settingsWindow->selectTab(tab);
+    QTimer::singleShot(200, this, [this, tab, then = std::move(then)] {
+        if (!m_settingsWindow)
+            return;
+        m_settingsWindow->selectTab(tab);
+        if (then)
+            then();
     });
 }
 

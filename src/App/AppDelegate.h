@@ -3,6 +3,8 @@
 #include <QObject>
 #include <QStringList>
 
+#include <functional>
+
 #include <memory>
 
 class ActiveApplication;
@@ -16,6 +18,7 @@ class SourceAppResolver;
 class StatusItem;
 class UpdateController;
 class XdgAutostart;
+struct RuleEditServices;
 
 // The running application: it builds the state, takes links from the session
 // bus and its own command line, and asks once per start to become the default
@@ -50,7 +53,9 @@ public:
     LinkIntake &intake() const { return *m_intake; }
 
 private:
-    void openSettingsOn(int tab);
+    // Then runs after the tab is shown.
+    void openSettingsOn(int tab, std::function<void()> then = {});
+    RuleEditServices ruleEditServices();
 
     std::unique_ptr<QSettings> m_settings;
     std::unique_ptr<RuleStore> m_store;

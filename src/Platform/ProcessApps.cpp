@@ -8,6 +8,8 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDateTime>
+#include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QSettings>
@@ -272,6 +274,24 @@ QByteArray LinuxProcessApps::read(qint64 pid, const char *file) const
 std::optional<qint64> LinuxProcessApps::parentPid(qint64 pid)
 {
     return ProcStat::parentPid(read(pid, "stat"));
+}
+
+QList<qint64> LinuxProcessApps::processIds()
+{
+    QList<qint64> pids;
+    const uid_t self = ::geteuid();
+    QDirIterator entries(m_proc, QDir::Dirs | QDir::NoDotAndDotDot);
+    while (entries.hasNext()) {
+        entries.next();
+        bool number = false;
+        const qint64 pid = entries.fileName().toLongLong(&number);
+        struct stat info = {};
+        if (number && pid > 0
+            && ::stat(QFile::encodeName(entries.filePath()).constData(), &info) == 0
+            && info.st_uid == self)
+            pids.append(pid);
+    }
+    return pids;
 }
 
 std::optional<QString> LinuxProcessApps::installedId(const QString &candidate)

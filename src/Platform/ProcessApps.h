@@ -31,6 +31,8 @@ public:
     virtual Lookup lookup(qint64 pid) = 0;
     // The parent's process id, or none when the process cannot be read.
     virtual std::optional<qint64> parentPid(qint64 pid) = 0;
+    // Every process of this user, at this moment.
+    virtual QList<qint64> processIds() = 0;
 };
 
 // The parsing behind the Linux lookup, kept apart so that it can be tested on
@@ -62,6 +64,7 @@ public:
 
     Lookup lookup(qint64 pid) override;
     std::optional<qint64> parentPid(qint64 pid) override;
+    QList<qint64> processIds() override;
 
     // Follows GIO's org.gtk.gio.DesktopAppInfo.Launched broadcasts on the
     // session bus, so that a process started by an application is credited to it.

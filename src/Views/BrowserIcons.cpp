@@ -9,21 +9,37 @@ using namespace Qt::Literals::StringLiterals;
 
 namespace BrowserIcons {
 
-QIcon icon(const BrowserInfo &browser, DesktopEntries &entries)
+namespace {
+
+// Looked up once per application: entries are read through GIO.
+QIcon lookUp(const QString &id, DesktopEntries &entries, const QString &generic)
 {
     static QHash<QString, QIcon> cache;
-    const auto cached = cache.constFind(browser.bundleID);
+    const QString key = generic + u'/' + id;
+    const auto cached = cache.constFind(key);
     if (cached != cache.cend())
         return *cached;
     QIcon found;
-    if (const auto entry = entries.entry(browser.bundleID); entry && !entry->icon.isEmpty()) {
+    if (const auto entry = entries.entry(id); entry && !entry->icon.isEmpty()) {
         found =
             QDir::isAbsolutePath(entry->icon) ? QIcon(entry->icon) : QIcon::fromTheme(entry->icon);
     }
     if (found.isNull())
-        found = QIcon::fromTheme(u"web-browser"_s);
-    cache.insert(browser.bundleID, found);
+        found = QIcon::fromTheme(generic);
+    cache.insert(key, found);
     return found;
+}
+
+} // namespace
+
+QIcon icon(const BrowserInfo &browser, DesktopEntries &entries)
+{
+    return lookUp(browser.bundleID, entries, u"web-browser"_s);
+}
+
+QIcon appIcon(const QString &bundleID, DesktopEntries &entries)
+{
+    return lookUp(bundleID, entries, u"application-x-executable"_s);
 }
 
 } // namespace BrowserIcons

@@ -5,6 +5,7 @@
 #include "Storage/SettingsKeys.h"
 #include "Views/BrowserIcons.h"
 #include "Views/ConfigPane.h"
+#include "Views/ViewKit.h"
 
 #include <QCheckBox>
 #include <QComboBox>
@@ -19,54 +20,6 @@
 
 using namespace Qt::Literals::StringLiterals;
 
-namespace {
-
-QFont smaller(QFont font, qreal factor = 0.9, QFont::Weight weight = QFont::Normal)
-{
-    font.setPointSizeF(font.pointSizeF() * factor);
-    font.setWeight(weight);
-    return font;
-}
-
-QLabel *caption(const QString &text)
-{
-    auto *label = new QLabel(text);
-    label->setWordWrap(true);
-    label->setFont(smaller(label->font(), 0.85));
-    label->setForegroundRole(QPalette::PlaceholderText);
-    return label;
-}
-
-// A section: its header (symbol and title, dimmed and semibold) and a column.
-QVBoxLayout *addSection(QVBoxLayout *page, const QString &iconName, const QString &title,
-                        bool withDivider = true, int spacing = 10)
-{
-    auto *header = new QHBoxLayout;
-    header->setSpacing(6);
-    auto *symbol = new QLabel;
-    symbol->setPixmap(QIcon::fromTheme(iconName).pixmap(16, 16));
-    auto *text = new QLabel(title);
-    text->setFont(smaller(text->font(), 0.95, QFont::DemiBold));
-    text->setForegroundRole(QPalette::PlaceholderText);
-    header->addWidget(symbol);
-    header->addWidget(text);
-    header->addStretch();
-    auto *section = new QVBoxLayout;
-    section->setSpacing(spacing);
-    section->addLayout(header);
-    page->addLayout(section);
-    if (withDivider) {
-        auto *line = new QFrame;
-        line->setFrameShape(QFrame::HLine);
-        line->setFrameShadow(QFrame::Sunken);
-        line->setContentsMargins(4, 0, 4, 0);
-        page->addWidget(line);
-    }
-    return section;
-}
-
-} // namespace
-
 GeneralPane::GeneralPane(AppState &state, QSettings &settings, DesktopEntries &entries,
                          std::function<void()> checkForUpdates, QWidget *parent)
     : QWidget(parent)
@@ -75,7 +28,7 @@ GeneralPane::GeneralPane(AppState &state, QSettings &settings, DesktopEntries &e
     , m_entries(entries)
     , m_statusSymbol(new QLabel)
     , m_statusText(new QLabel)
-    , m_statusCaption(caption(u"Must be set as default to intercept and route URLs."_s))
+    , m_statusCaption(ViewKit::caption(u"Must be set as default to intercept and route URLs."_s))
     , m_setDefault(new QPushButton(u"Set as Default"_s))
     , m_fallback(new QComboBox)
     , m_config(new ConfigPane(state))
@@ -87,9 +40,9 @@ GeneralPane::GeneralPane(AppState &state, QSettings &settings, DesktopEntries &e
     page->setSpacing(12);
 
     // System status.
-    QVBoxLayout *status = addSection(page, u"security-high"_s, u"System Status"_s);
+    QVBoxLayout *status = ViewKit::addSection(page, u"security-high"_s, u"System Status"_s);
     m_statusText->setObjectName(u"defaultBrowserStatus"_s);
-    m_statusText->setFont(smaller(font(), 0.95, QFont::Medium));
+    m_statusText->setFont(ViewKit::scaled(font(), 0.95, QFont::Medium));
     m_setDefault->setObjectName(u"setAsDefaultButton"_s);
     connect(m_setDefault, &QPushButton::clicked, &m_state, &AppState::requestSetAsDefaultBrowser);
     auto *texts = new QVBoxLayout;
@@ -106,8 +59,8 @@ GeneralPane::GeneralPane(AppState &state, QSettings &settings, DesktopEntries &e
             &GeneralPane::showDefaultStatus);
 
     // Fallback browser.
-    QVBoxLayout *fallback = addSection(page, u"web-browser"_s, u"Fallback Browser"_s);
-    fallback->addWidget(caption(u"When no rule matches, URLs open in this browser."_s));
+    QVBoxLayout *fallback = ViewKit::addSection(page, u"web-browser"_s, u"Fallback Browser"_s);
+    fallback->addWidget(ViewKit::caption(u"When no rule matches, URLs open in this browser."_s));
     m_fallback->setObjectName(u"fallbackPicker"_s);
     m_fallback->setAccessibleName(u"Fallback Browser"_s);
     m_fallback->setIconSize(QSize(16, 16));
@@ -121,39 +74,40 @@ GeneralPane::GeneralPane(AppState &state, QSettings &settings, DesktopEntries &e
             &GeneralPane::fillFallbackPicker);
 
     // Rule engine.
-    QVBoxLayout *rules = addSection(page, u"media-playback-pause"_s, u"Pause Rules"_s);
+    QVBoxLayout *rules = ViewKit::addSection(page, u"media-playback-pause"_s, u"Pause Rules"_s);
     addSwitch(rules, u"rulesEnabledSwitch"_s, u"Enable rule engine"_s, &AppState::rulesEnabled,
               &AppState::toggleRulesEnabled, &AppState::rulesEnabledChanged);
-    rules->addWidget(caption(
+    rules->addWidget(ViewKit::caption(
         u"When paused, all links open in the fallback browser. Toggle from the menu bar for quick access."_s));
 
     // URL processing.
-    QVBoxLayout *processing = addSection(page, u"tools-wizard"_s, u"URL Processing"_s);
+    QVBoxLayout *processing = ViewKit::addSection(page, u"tools-wizard"_s, u"URL Processing"_s);
     addSwitch(processing, u"urlCleaningSwitch"_s, u"Remove tracking parameters"_s,
               &AppState::urlCleaningEnabled, &AppState::toggleURLCleaning,
               &AppState::urlCleaningEnabledChanged);
     QLabel *cleaningCaption =
-        caption(u"Strips utm_*, fbclid, gclid, and other tracking parameters."_s);
+        ViewKit::caption(u"Strips utm_*, fbclid, gclid, and other tracking parameters."_s);
     cleaningCaption->setContentsMargins(0, 0, 0, 4);
     processing->addWidget(cleaningCaption);
     addSwitch(processing, u"urlExpansionSwitch"_s, u"Expand short URLs before routing"_s,
               &AppState::urlExpansionEnabled, &AppState::toggleURLExpansion,
               &AppState::urlExpansionEnabledChanged);
-    processing->addWidget(
-        caption(u"Resolves bit.ly, t.co, etc. to their destination before matching rules."_s));
+    processing->addWidget(ViewKit::caption(
+        u"Resolves bit.ly, t.co, etc. to their destination before matching rules."_s));
 
     // Startup.
-    QVBoxLayout *startup = addSection(page, u"system-shutdown"_s, u"Startup"_s);
+    QVBoxLayout *startup = ViewKit::addSection(page, u"system-shutdown"_s, u"Startup"_s);
     addSwitch(startup, u"launchAtLoginSwitch"_s, u"Launch at Login"_s, &AppState::launchAtLogin,
               &AppState::toggleLaunchAtLogin, &AppState::launchAtLoginChanged);
-    startup->addWidget(caption(u"Automatically start Quillvane when you log in."_s));
+    startup->addWidget(ViewKit::caption(u"Automatically start Quillvane when you log in."_s));
 
     // Configuration.
-    QVBoxLayout *configuration = addSection(page, u"document-export"_s, u"Configuration"_s);
+    QVBoxLayout *configuration =
+        ViewKit::addSection(page, u"document-export"_s, u"Configuration"_s);
     configuration->addWidget(m_config);
 
     // Updates.
-    QVBoxLayout *updates = addSection(page, u"view-refresh"_s, u"Updates"_s);
+    QVBoxLayout *updates = ViewKit::addSection(page, u"view-refresh"_s, u"Updates"_s);
     auto *check = new QPushButton(u"Check for Updates..."_s);
     check->setObjectName(u"checkForUpdatesButton"_s);
     connect(check, &QPushButton::clicked, this, std::move(checkForUpdates));
@@ -164,11 +118,11 @@ GeneralPane::GeneralPane(AppState &state, QSettings &settings, DesktopEntries &e
     connect(automatic, &QCheckBox::toggled, this,
             [this](bool on) { m_settings.setValue(SettingsKeys::AutomaticUpdateChecks.name, on); });
     updates->addWidget(automatic);
-    updates->addWidget(caption(
+    updates->addWidget(ViewKit::caption(
         u"Updates are distributed via GitHub Releases with EdDSA signature verification."_s));
 
     // About.
-    QVBoxLayout *about = addSection(page, u"help-about"_s, u"About"_s, false, 6);
+    QVBoxLayout *about = ViewKit::addSection(page, u"help-about"_s, u"About"_s, false, 6);
     auto *grid = new QGridLayout;
     grid->setHorizontalSpacing(8);
     grid->setVerticalSpacing(4);
@@ -178,10 +132,10 @@ GeneralPane::GeneralPane(AppState &state, QSettings &settings, DesktopEntries &e
         {u"Build Date"_s, QString::fromUtf16(BuildInfo::BuildDate)},
         {u"Commit"_s, QString::fromUtf16(BuildInfo::Commit)}};
     for (int i = 0; i < facts.size(); ++i) {
-        QLabel *label = caption(facts[i].first);
+        QLabel *label = ViewKit::caption(facts[i].first);
         label->setWordWrap(false);
         auto *value = new QLabel(facts[i].second);
-        value->setFont(smaller(font(), 0.85));
+        value->setFont(ViewKit::scaled(font(), 0.85));
         value->setTextInteractionFlags(Qt::TextSelectableByMouse);
         grid->addWidget(label, i, 0);
         grid->addWidget(value, i, 1);

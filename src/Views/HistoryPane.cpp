@@ -3,6 +3,7 @@
 #include "Storage/HistoryStore.h"
 #include "Views/EmptyState.h"
 #include "Views/HistoryModel.h"
+#include "Views/ViewKit.h"
 
 #include <QApplication>
 #include <QFrame>
@@ -11,7 +12,6 @@
 #include <QLineEdit>
 #include <QListView>
 #include <QPainter>
-#include <QPainterPath>
 #include <QSettings>
 #include <QStackedWidget>
 #include <QStyledItemDelegate>
@@ -23,33 +23,18 @@ using namespace Qt::Literals::StringLiterals;
 
 namespace {
 
-QFont scaled(QFont font, qreal factor, QFont::Weight weight = QFont::Normal)
-{
-    font.setPointSizeF(font.pointSizeF() * factor);
-    font.setWeight(weight);
-    return font;
-}
-
-QFrame *divider()
-{
-    auto *line = new QFrame;
-    line->setFrameShape(QFrame::HLine);
-    line->setFrameShadow(QFrame::Sunken);
-    return line;
-}
-
 // Two lines per record: "Source › Browser", the rule as a badge and the time;
 // then the link, shortened in the middle.
-class RecordDelegate final : public QStyledItemDelegate
+class RecordDelegate final : public ViewKit::RowDelegate
 {
 public:
-    using QStyledItemDelegate::QStyledItemDelegate;
+    using ViewKit::RowDelegate::RowDelegate;
 
     static constexpr int Margin = 6;
 
     QSize sizeHint(const QStyleOptionViewItem &option, const QModelIndex &) const override
     {
-        const QFontMetrics small(scaled(option.font, 0.85));
+        const QFontMetrics small(ViewKit::scaled(option.font, 0.85));
         const QFontMetrics link(option.font);
         return {200, Margin * 2 + small.height() + 3 + link.height()};
     }
@@ -57,10 +42,7 @@ public:
     void paint(QPainter *painter, const QStyleOptionViewItem &option,
                const QModelIndex &index) const override
     {
-        QStyleOptionViewItem base = option;
-        initStyleOption(&base, index);
-        base.text.clear();
-        QApplication::style()->drawControl(QStyle::CE_ItemViewItem, &base, painter);
+        paintBackground(painter, option, index);
 
         const bool selected = option.state & QStyle::State_Selected;
         const QPalette &palette = option.palette;
@@ -70,12 +52,12 @@ public:
 
         painter->save();
         const QRect area = option.rect.adjusted(Margin + 2, Margin, -Margin - 2, -Margin);
-        const QFont smallFont = scaled(option.font, 0.85, QFont::Medium);
+        const QFont smallFont = ViewKit::scaled(option.font, 0.85, QFont::Medium);
         const QFontMetrics small(smallFont);
         int right = area.right();
 
         // Time, then the rule's badge, from the right.
-        const QFont timeFont = scaled(option.font, 0.8);
+        const QFont timeFont = ViewKit::scaled(option.font, 0.8);
         const QString time = index.data(HistoryModel::RelativeTimeRole).toString();
         const int timeWidth = QFontMetrics(timeFont).horizontalAdvance(time);
         painter->setFont(timeFont);
@@ -90,12 +72,7 @@ public:
                 QFontMetrics(timeFont).elidedText(rule, Qt::ElideRight, area.width() / 3);
             const int width = QFontMetrics(timeFont).horizontalAdvance(shown) + 10;
             const QRect badge(right - width, area.top(), width, small.height());
-            QColor fill = text;
-            fill.setAlphaF(0.08f);
-            QPainterPath path;
-            path.addRoundedRect(badge, 3, 3);
-            painter->fillPath(path, fill);
-            painter->drawText(badge, Qt::AlignCenter, shown);
+            ViewKit::paintBadge(*painter, badge, shown, text);
             right -= width + 8;
         }
 
@@ -153,14 +130,14 @@ HistoryPane::HistoryPane(QSettings &settings, QWidget *parent)
     m_list->setSelectionMode(QAbstractItemView::SingleSelection);
 
     m_count->setObjectName(u"historyCount"_s);
-    m_count->setFont(scaled(font(), 0.9));
+    m_count->setFont(ViewKit::scaled(font(), 0.9));
     auto *clearButton = new QToolButton;
     clearButton->setObjectName(u"historyClear"_s);
     clearButton->setText(u"Clear"_s);
     clearButton->setIcon(QIcon::fromTheme(u"edit-delete"_s));
     clearButton->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
     clearButton->setAutoRaise(true);
-    clearButton->setFont(scaled(font(), 0.9));
+    clearButton->setFont(ViewKit::scaled(font(), 0.9));
     clearButton->setFocusPolicy(Qt::StrongFocus);
     connect(clearButton, &QToolButton::clicked, this, &HistoryPane::clear);
 
@@ -179,9 +156,9 @@ HistoryPane::HistoryPane(QSettings &settings, QWidget *parent)
     column->setContentsMargins(0, 0, 0, 0);
     column->setSpacing(0);
     column->addLayout(filterBar);
-    column->addWidget(divider());
+    column->addWidget(ViewKit::divider());
     column->addWidget(m_list, 1);
-    column->addWidget(divider());
+    column->addWidget(ViewKit::divider());
     column->addLayout(bottomBar);
 
     m_pages->addWidget(empty);

@@ -3,7 +3,7 @@
 #include "App/AppState.h"
 #include "Views/GeneralPane.h"
 #include "Views/HistoryPane.h"
-#include "Views/RuleListPane.h"
+#include "Views/RuleListView.h"
 
 #include <QApplication>
 #include <QScreen>
@@ -13,10 +13,12 @@
 
 using namespace Qt::Literals::StringLiterals;
 
-SettingsWindow::SettingsWindow(AppState &state, QSettings &settings, DesktopEntries &entries,
+SettingsWindow::SettingsWindow(AppState &state, QSettings &settings, RuleEditServices services,
                                std::function<void()> checkForUpdates, QWidget *parent)
     : QWidget(parent, Qt::Window)
     , m_tabs(new QTabWidget)
+    , m_appRules(new AppRuleListView(state, services))
+    , m_urlRules(new URLRuleListView(state, services))
     , m_history(new HistoryPane(settings))
 {
     setObjectName(u"settingsWindow"_s);
@@ -24,11 +26,9 @@ SettingsWindow::SettingsWindow(AppState &state, QSettings &settings, DesktopEntr
     setWindowIcon(QIcon::fromTheme(u"work.vorpa.Quillvane"_s));
     m_tabs->setObjectName(u"settingsTabs"_s);
     m_tabs->setDocumentMode(true);
-    m_tabs->addTab(new RuleListPane(state, RuleListPane::AppRules),
-                   QIcon::fromTheme(u"applications-other"_s), u"App Rules"_s);
-    m_tabs->addTab(new RuleListPane(state, RuleListPane::UrlRules),
-                   QIcon::fromTheme(u"insert-link"_s), u"URL Rules"_s);
-    m_tabs->addTab(new GeneralPane(state, settings, entries, std::move(checkForUpdates)),
+    m_tabs->addTab(m_appRules, QIcon::fromTheme(u"applications-other"_s), u"App Rules"_s);
+    m_tabs->addTab(m_urlRules, QIcon::fromTheme(u"insert-link"_s), u"URL Rules"_s);
+    m_tabs->addTab(new GeneralPane(state, settings, services.entries, std::move(checkForUpdates)),
                    QIcon::fromTheme(u"preferences-system"_s), u"General"_s);
     m_tabs->addTab(m_history, QIcon::fromTheme(u"document-open-recent"_s), u"History"_s);
 

@@ -1,12 +1,15 @@
 #pragma once
 
+#include "Views/RuleEditView.h"
+
 #include <QWidget>
 
 #include <functional>
 
 class AppState;
-class DesktopEntries;
+class AppRuleListView;
 class HistoryPane;
+class URLRuleListView;
 class QSettings;
 class QTabWidget;
 
@@ -25,15 +28,19 @@ public:
         HistoryTab = 3
     };
 
-    SettingsWindow(AppState &state, QSettings &settings, DesktopEntries &entries,
+    SettingsWindow(AppState &state, QSettings &settings, RuleEditServices services,
                    std::function<void()> checkForUpdates, QWidget *parent = nullptr);
 
     int selectedTab() const;
     void selectTab(int tab);
     QTabWidget &tabs() const { return *m_tabs; }
     HistoryPane &historyPane() const { return *m_history; }
+    AppRuleListView &appRules() const { return *m_appRules; }
+    URLRuleListView &urlRules() const { return *m_urlRules; }
 
 private:
     QTabWidget *m_tabs;
+    AppRuleListView *m_appRules;
+    URLRuleListView *m_urlRules;
     HistoryPane *m_history;
 };

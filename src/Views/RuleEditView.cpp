@@ -1,0 +1,187 @@
+#include "Views/RuleEditView.h"
+
+#include "App/AppState.h"
+#include "Views/BrowserIcons.h"
+#include "Views/ViewKit.h"
+
+#include <QComboBox>
+#include <QDialogButtonBox>
+#include <QHBoxLayout>
+#include <QIcon>
+#include <QLabel>
+#include <QPushButton>
+#include <QVBoxLayout>
+
+using namespace Qt::Literals::StringLiterals;
+
+RuleEditView::RuleEditView(AppState &state, RuleEditServices services,
+                           std::optional<RoutingRule> existing, const Looks &looks, QWidget *parent)
+    : QDialog(parent)
+    , m_state(state)
+    , m_services(std::move(services))
+    , m_existing(std::move(existing))
+    , m_looks(looks)
+    , m_form(new QVBoxLayout)
+{
+    const bool editing = m_existing.has_value();
+    setWindowTitle((editing ? u"Edit "_s : u"New "_s) + looks.noun);
+    setFixedSize(looks.size);
+
+    auto *header = new QHBoxLayout;
+    header->setSpacing(8);
+    auto *symbol = new QLabel;
+    symbol->setPixmap(
+        QIcon::fromTheme(editing ? u"document-edit"_s : u"list-add"_s).pixmap(24, 24));
+    auto *title = new QLabel(windowTitle());
+    title->setObjectName(u"sheetTitle"_s);
+    title->setFont(ViewKit::scaled(title->font(), 1.3, QFont::DemiBold));
+    header->addWidget(symbol);
+    header->addWidget(title);
+    header->addStretch();
+
+    m_form->setSpacing(14);
+    auto *layout = new QVBoxLayout(this);
+    layout->setContentsMargins(20, 18, 20, 16);
+    layout->setSpacing(16);
+    layout->addLayout(header);
+    layout->addLayout(m_form);
+    layout->addStretch();
+}
+
+void RuleEditView::finishForm()
+{
+    // Browsers installed since the window opened are offered too.
+    m_state.refreshBrowsers();
+
+    QVBoxLayout *target =
+        ViewKit::addSection(m_form, u"web-browser"_s, u"Target Browser"_s, false, 6);
+    m_browser = new QComboBox;
+    m_browser->setObjectName(u"browserPicker"_s);
+    m_browser->setAccessibleName(u"Browser"_s);
+    m_browser->addItem(u"Select a browser..."_s, QString());
+    for (const BrowserInfo &browser : m_state.browsers())
+        m_browser->addItem(BrowserIcons::icon(browser, m_services.entries), browser.name,
+                           browser.bundleID);
+    target->addWidget(m_browser);
+
+    m_profileSection = new QWidget;
+    auto *profileColumn = new QVBoxLayout(m_profileSection);
+    profileColumn->setContentsMargins(0, 0, 0, 0);
+    QVBoxLayout *profile =
+        ViewKit::addSection(profileColumn, u"avatar-default"_s, u"Browser Profile"_s, false, 6);
+    m_profile = new QComboBox;
+    m_profile->setObjectName(u"profilePicker"_s);
+    m_profile->setAccessibleName(u"Profile"_s);
+    m_profileNote = ViewKit::caption(u"Select a browser with profiles to see options here."_s);
+    m_profileNote->setObjectName(u"profileNote"_s);
+    profile->addWidget(m_profile);
+    profile->addWidget(m_profileNote);
+    m_form->addWidget(m_profileSection);
+
+    auto *buttons = new QDialogButtonBox;
+    QPushButton *cancel = buttons->addButton(QDialogButtonBox::Cancel);
+    cancel->setText(u"Cancel"_s);
+    cancel->setObjectName(u"cancelButton"_s);
+    m_save = buttons->addButton(u"Save"_s, QDialogButtonBox::AcceptRole);
+    m_save->setObjectName(u"saveButton"_s);
+    m_save->setMinimumWidth(std::max(60, m_save->sizeHint().width()));
+    m_save->setDefault(true);
+    connect(buttons, &QDialogButtonBox::accepted, this, &RuleEditView::save);
+    connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::reject);
+    layout()->addWidget(buttons);
+
+    // Filled from the rule being edited; the profile so restored stays chosen.
+    m_filling = true;
+    if (m_existing) {
+        if (m_browser->findData(m_existing->targetBrowserBundleID) < 0) {
+            // Uninstalled since: kept, under the name the rule remembers.
+            m_browser->addItem(QIcon::fromTheme(u"web-browser"_s),
+                               m_existing->targetBrowserName + u" (not installed)"_s,
+                               m_existing->targetBrowserBundleID);
+        }
+        selectBrowser(m_existing->targetBrowserBundleID);
+    }
+    loadProfiles(m_existing ? m_existing->targetProfileID.value_or(QString()) : QString());
+    m_filling = false;
+    connect(m_browser, &QComboBox::currentIndexChanged, this, &RuleEditView::browserChanged);
+    updateSaveButton();
+}
+
+QString RuleEditView::selectedBrowserBundleID() const
+{
+    return m_browser->currentData().toString();
+}
+
+QString RuleEditView::selectedProfileID() const
+{
+    return m_profileSection->isHidden() ? QString() : m_profile->currentData().toString();
+}
+
+void RuleEditView::selectBrowser(const QString &bundleID)
+{
+    m_browser->setCurrentIndex(std::max(0, m_browser->findData(bundleID)));
+}
+
+void RuleEditView::browserChanged()
+{
+    if (m_filling)
+        return;
+    // Another browser's profiles; back to no specific one.
+    loadProfiles(QString());
+    updateSaveButton();
+}
+
+void RuleEditView::loadProfiles(const QString &keepProfile)
+{
+    const QString browser = selectedBrowserBundleID();
+    const QList<BrowserProfile> profiles = browser.isEmpty() || !m_services.profiles
+                                               ? QList<BrowserProfile>()
+                                               : m_services.profiles(browser);
+    m_profile->clear();
+    m_profile->addItem(u"Default (no specific profile)"_s, QString());
+    for (const BrowserProfile &profile : profiles)
+        m_profile->addItem(profile.name, profile.id);
+    if (!keepProfile.isEmpty()) {
+        // A profile removed from the browser since is kept as the rule has it.
+        if (m_profile->findData(keepProfile) < 0)
+            m_profile->addItem(keepProfile, keepProfile);
+        m_profile->setCurrentIndex(m_profile->findData(keepProfile));
+    }
+    const bool any = m_profile->count() > 1;
+    m_profile->setVisible(any);
+    m_profileNote->setVisible(!any);
+    m_profileSection->setVisible(any || m_looks.profileNoteWhenEmpty);
+}
+
+void RuleEditView::updateSaveButton()
+{
+    if (m_save)
+        m_save->setEnabled(canSaveOwnFields() && !selectedBrowserBundleID().isEmpty());
+}
+
+void RuleEditView::save()
+{
+    if (!canSaveOwnFields() || selectedBrowserBundleID().isEmpty())
+        return;
+    RoutingRule rule = ownFields();
+    const QString browser = selectedBrowserBundleID();
+    rule.targetBrowserBundleID = browser;
+    rule.targetBrowserName = browser;
+    for (const BrowserInfo &info : m_state.browsers()) {
+        if (info.bundleID == browser) {
+            rule.targetBrowserName = info.name;
+            break;
+        }
+    }
+    const QString profile = selectedProfileID();
+    rule.targetProfileID = profile.isEmpty() ? std::nullopt : std::optional(profile);
+    if (m_existing) {
+        // A rule deleted meanwhile stays deleted: unknown ids change nothing.
+        rule.id = m_existing->id;
+        m_state.updateRule(rule);
+    } else {
+        rule.id = QUuid::createUuid();
+        m_state.addRule(rule);
+    }
+    accept();
+}

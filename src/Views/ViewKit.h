@@ -1,0 +1,44 @@
+#pragma once
+
+#include <QColor>
+#include <QFont>
+#include <QString>
+#include <QStyledItemDelegate>
+
+class QFrame;
+class QLabel;
+class QPainter;
+class QRect;
+class QVBoxLayout;
+
+// The small parts every pane is built from, so that they look alike.
+namespace ViewKit {
+
+QFont scaled(QFont font, qreal factor, QFont::Weight weight = QFont::Normal);
+// A dimmed, smaller explanation that wraps.
+QLabel *caption(const QString &text);
+QFrame *divider();
+// A section of a form or pane: its header (symbol and title, dimmed and
+// semibold) above a column, which is returned; a divider follows when asked.
+QVBoxLayout *addSection(QVBoxLayout *page, const QString &iconName, const QString &title,
+                        bool withDivider = true, int spacing = 10);
+// A rounded label, its fill the text's colour faintly.
+void paintBadge(QPainter &painter, const QRect &area, const QString &text, const QColor &colour);
+
+// A list row painted by hand over the style's own row background (selection,
+// hover, alternating colours).
+class RowDelegate : public QStyledItemDelegate
+{
+public:
+    using QStyledItemDelegate::QStyledItemDelegate;
+
+protected:
+    void paintBackground(QPainter *painter, const QStyleOptionViewItem &option,
+                         const QModelIndex &index) const;
+};
+
+// The badges' colours: patterns blue, profiles purple.
+inline const QColor PatternColour{0x0a, 0x64, 0xd8};
+inline const QColor ProfileColour{0x8e, 0x3b, 0xc4};
+
+} // namespace ViewKit

@@ -1,0 +1,505 @@
+// The App Rules and URL Rules tabs and their sheets, driven offscreen by object
+// name: what they list, what a click or a key stores, and how the sheets turn
+// what was typed into a rule. Profiles come from real profile files in a home
+// of the test's own.
+#include "App/AppState.h"
+#include "App/BuildInfo.h"
+#include "Platform/DiagnosticLog.h"
+#include "Platform/ProcessApps.h"
+#include "Services/ProfileDiscovery.h"
+#include "Services/RunningApps.h"
+#include "TestSupport.h"
+#include "Views/AppRuleEditView.h"
+#include "Views/LinkTester.h"
+#include "Views/RuleListView.h"
+#include "Views/URLRuleEditView.h"
+
+#include <QCheckBox>
+#include <QComboBox>
+#include <QDir>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListView>
+#include <QPushButton>
+#include <QStackedWidget>
+#include <QTest>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+
+QByteArray readAll(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QStringList comboTexts(const QComboBox *combo)
+{
+    QStringList texts;
+    for (int i = 0; i < combo->count(); ++i)
+        texts.append(combo->itemText(i));
+    return texts;
+}
+
+// Processes and the applications they belong to, as the test declares them.
+class FakeProcesses final : public ProcessApps
+{
+public:
+    Lookup lookup(qint64 pid) override { return apps.value(pid); }
+    std::optional<qint64> parentPid(qint64) override { return std::nullopt; }
+    QList<qint64> processIds() override { return apps.keys(); }
+
+    QMap<qint64, Lookup> apps;
+};
+
+} // namespace
+
+class TestRulePanes final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+    void runningApplications();
+    void listsFollowTheRules();
+    void clicksAndKeysOnRows();
+    void urlPatternIsNormalised_data();
+    void urlPatternIsNormalised();
+    void urlSheetCreatesAndEdits();
+    void appSheetFromRunningAndManual();
+    void appSheetEditing();
+    void profilesFollowTheBrowser();
+    void ruleDeletedWhileItsSheetIsOpen();
+    void linkTester();
+
+private:
+    RuleEditServices services()
+    {
+        return {m_app->entries, [this] { return m_running; }, ProfileDiscovery::discoverProfiles};
+    }
+    template<typename Sheet> Sheet *sheetOf(RuleListView &pane)
+    {
+        auto *sheet = qobject_cast<Sheet *>(pane.sheet());
+        if (!sheet)
+            qFatal("no sheet of that kind is open");
+        return sheet;
+    }
+    template<typename T> T *child(QWidget *parent, const QString &name)
+    {
+        T *found = parent->findChild<T *>(name);
+        if (!found)
+            qFatal("no %s", qPrintable(name));
+        return found;
+    }
+    // Saves the sheet the way a person does; false when Save is disabled.
+    bool save(RuleEditView *sheet)
+    {
+        auto *button = child<QPushButton>(sheet, u"saveButton"_s);
+        if (!button->isEnabled())
+            return false;
+        QTest::mouseClick(button, Qt::LeftButton);
+        return true;
+    }
+    QList<RoutingRule> stored() const
+    {
+        return RuleStore(*m_app->environment.settings()).loadRules();
+    }
+
+    std::unique_ptr<AppFixture> m_app;
+    QList<RunningAppInfo> m_running;
+    QByteArray m_home;
+};
+
+void TestRulePanes::init()
+{
+    m_app = std::make_unique<AppFixture>();
+    // Profile files live in the test's home.
+    m_home = qgetenv("HOME");
+    qputenv("HOME", QFile::encodeName(m_app->environment.path()));
+    const QString chrome = m_app->entries.add(u"google-chrome"_s, u"Google Chrome"_s).path;
+    writeFile(chrome, {});
+    writeFile(
+        m_app->environment.path() + u"/config/google-chrome/Local State"_s,
+        R"({"profile":{"info_cache":{"Default":{"name":"Person 1"},"Profile 1":{"name":"Work"}}}})");
+    writeFile(m_app->environment.path() + u"/.mozilla/firefox/profiles.ini"_s,
+              "[Profile0]\nName=default-release\nPath=x\n\n[Profile1]\nName=Testing\nPath=y\n");
+    m_running = {{u"org.gnome.Evolution"_s, u"Evolution"_s}, {u"org.example.Chat"_s, u"Chat"_s}};
+    m_app->store->saveDefaultBrowserBundleID(u"firefox"_s);
+    m_app->start().refreshBrowsers();
+}
+
+void TestRulePanes::cleanup()
+{
+    m_app.reset();
+    qputenv("HOME", m_home);
+}
+
+void TestRulePanes::runningApplications()
+{
+    FakeDesktopEntries entries;
+    entries.add(u"org.gnome.Evolution"_s, u"Evolution"_s, false);
+    entries.add(u"org.example.zed"_s, u"zed"_s, false);
+    entries.add(u"org.example.Alpha"_s, u"alpha"_s, false);
+    entries.add(u"org.example.Helper"_s, u"Helper"_s, false).noDisplay = true;
+    entries.add(QString::fromUtf16(BuildInfo::AppId), u"Quillvane"_s, false);
+    using Kind = ProcessApps::Lookup::Kind;
+    FakeProcesses processes;
+    processes.apps = {{10, {Kind::Application, u"org.gnome.Evolution"_s, u"Evolution"_s}},
+                      {11, {Kind::Application, u"org.gnome.Evolution"_s, u"Evolution"_s}},
+                      {12, {Kind::Application, u"org.example.zed"_s, u"zed"_s}},
+                      {13, {Kind::Application, u"org.example.Alpha"_s, u"alpha"_s}},
+                      {14, {Kind::Application, u"org.example.Helper"_s, u"Helper"_s}},
+                      {15, {Kind::Self, QString::fromUtf16(BuildInfo::AppId), u"Quillvane"_s}},
+                      {16, {Kind::NoApplication, {}, {}}},
+                      {17, {Kind::Application, u"org.example.Gone"_s, u"Gone"_s}}};
+    // Once per application, by name whatever the case, without helpers,
+    // uninstalled ones or Quillvane.
+    QCOMPARE(RunningApps::running(processes, entries),
+             (QList<RunningAppInfo>{{u"org.example.Alpha"_s, u"alpha"_s},
+                                    {u"org.gnome.Evolution"_s, u"Evolution"_s},
+                                    {u"org.example.zed"_s, u"zed"_s}}));
+    QCOMPARE(RunningApps::installed(entries),
+             (QList<RunningAppInfo>{{u"org.example.Alpha"_s, u"alpha"_s},
+                                    {u"org.gnome.Evolution"_s, u"Evolution"_s},
+                                    {u"org.example.zed"_s, u"zed"_s}}));
+}
+
+void TestRulePanes::listsFollowTheRules()
+{
+    AppRuleListView apps(*m_app->state, services());
+    URLRuleListView urls(*m_app->state, services());
+    auto *appCount = child<QLabel>(&apps, u"appRulesCount"_s);
+    auto *urlCount = child<QLabel>(&urls, u"urlRulesCount"_s);
+    const auto pageOf = [this](RuleListView &pane) {
+        return pane.findChild<QStackedWidget *>()->currentIndex();
+    };
+    QCOMPARE(appCount->text(), u"0 rules"_s);
+    QCOMPARE(pageOf(urls), 0); // the invitation
+    QVERIFY(urls.findChild<QPushButton *>(u"addUrlRuleButton"_s));
+
+    // Made elsewhere (automation): shown at once, each where it belongs.
+    const RoutingRule mail = makeRule(u"org.example.mail"_s, std::nullopt, u"safari"_s);
+    const RoutingRule mailDocs = makeRule(u"org.example.Mail"_s, u"docs.example"_s, u"firefox"_s);
+    const RoutingRule docs = makeRule({}, u"docs.example"_s, u"safari"_s);
+    m_app->state->addRule(mailDocs);
+    m_app->state->addRule(docs);
+    m_app->state->addRule(mail);
+    QCOMPARE(appCount->text(), u"2 rules"_s);
+    QCOMPARE(urlCount->text(), u"1 rule"_s);
+    QCOMPARE(pageOf(urls), 1);
+    const QAbstractItemModel *model = apps.list().model();
+    // By name ignoring case; without a pattern before with one.
+    QCOMPARE(model->index(0, 0).data().toString(), u"org.example.mail → safari"_s);
+    QCOMPARE(model->index(1, 0).data().toString(), u"org.example.Mail + docs.example → firefox"_s);
+
+    m_app->state->deleteRule(docs);
+    QCOMPARE(urlCount->text(), u"0 rules"_s);
+    QCOMPARE(pageOf(urls), 0);
+}
+
+void TestRulePanes::clicksAndKeysOnRows()
+{
+    m_app->state->addRule(makeRule({}, u"a.example"_s, u"safari"_s));
+    m_app->state->addRule(makeRule({}, u"b.example"_s, u"safari"_s));
+    URLRuleListView pane(*m_app->state, services());
+    pane.resize(520, 480);
+    pane.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&pane));
+    QListView &list = pane.list();
+    const QModelIndex first = list.model()->index(0, 0);
+
+    QTest::mouseClick(list.viewport(), Qt::LeftButton, {}, list.visualRect(first).center());
+    auto *sheet = sheetOf<URLRuleEditView>(pane);
+    QCOMPARE(sheet->windowTitle(), u"Edit URL Rule"_s);
+    QCOMPARE(child<QLineEdit>(sheet, u"patternField"_s)->text(), u"a.example"_s);
+    QTest::keyClick(sheet, Qt::Key_Escape);
+    QTRY_VERIFY(!pane.sheet());
+    QCOMPARE(stored().size(), 2);
+
+    // The bin deletes at once, without a question.
+    QTest::mouseClick(list.viewport(), Qt::LeftButton, {}, pane.deleteButtonRect(first).center());
+    QVERIFY(!pane.sheet());
+    QCOMPARE(stored().size(), 1);
+    QCOMPARE(stored().first().urlPattern, u"b.example"_s);
+
+    // The keyboard: Return edits, Delete deletes.
+    list.setFocus();
+    list.setCurrentIndex(list.model()->index(0, 0));
+    QTest::keyClick(&list, Qt::Key_Return);
+    QVERIFY(pane.sheet());
+    pane.sheet()->reject();
+    QTRY_VERIFY(!pane.sheet());
+    QTest::keyClick(&list, Qt::Key_Delete);
+    QVERIFY(stored().isEmpty());
+}
+
+void TestRulePanes::urlPatternIsNormalised_data()
+{
+    QTest::addColumn<QString>("typed");
+    QTest::addColumn<QString>("saved"); // empty: Save stays disabled
+    QTest::addColumn<bool>("note");
+    QTest::newRow("blanks and an upper-case scheme")
+        << u"  HTTPS://Example.com/Org  "_s << u"Example.com/Org"_s << true;
+    QTest::newRow("http") << u"http://example.com"_s << u"example.com"_s << true;
+    QTest::newRow("one prefix only")
+        << u"https://http://a.example.com"_s << u"http://a.example.com"_s << true;
+    QTest::newRow("only the scheme") << u"https://"_s << QString() << true;
+    QTest::newRow("wildcards stay") << u"*example.org*"_s << u"*example.org*"_s << false;
+    QTest::newRow("inner blanks and case stay")
+        << u"\tDocs.Example/A B/\n"_s << u"Docs.Example/A B/"_s << false;
+    QTest::newRow("blanks only") << u"   "_s << QString() << false;
+}
+
+void TestRulePanes::urlPatternIsNormalised()
+{
+    QFETCH(QString, typed);
+    QFETCH(QString, saved);
+    QFETCH(bool, note);
+    URLRuleListView pane(*m_app->state, services());
+    pane.showAddSheet();
+    auto *sheet = sheetOf<URLRuleEditView>(pane);
+    sheet->selectBrowser(u"safari"_s);
+    auto *field = child<QLineEdit>(sheet, u"patternField"_s);
+    // Tabs and line breaks arrive by pasting, not by keys.
+    if (typed.contains(u'\t'))
+        field->setText(typed);
+    else
+        QTest::keyClicks(field, typed);
+
+    auto *noteLabel = child<QLabel>(sheet, u"patternNote"_s);
+    QCOMPARE(noteLabel->isVisibleTo(sheet), note);
+    QCOMPARE(child<QWidget>(sheet, u"patternHelp"_s)->isVisibleTo(sheet), !note);
+    if (note) {
+        // It names https:// whatever was typed, and shows the pattern in bold.
+        QCOMPARE(noteLabel->text(),
+                 u"https:// prefix will be removed automatically. The pattern <b>%1</b> matches "
+                 "the domain and its subdomains."_s.arg(URLRuleEditView::trimmedPattern(typed)));
+    }
+    QCOMPARE(save(sheet), !saved.isEmpty());
+    if (!saved.isEmpty())
+        QCOMPARE(stored().value(0).urlPattern, saved);
+    else
+        QVERIFY(stored().isEmpty());
+}
+
+void TestRulePanes::urlSheetCreatesAndEdits()
+{
+    URLRuleListView pane(*m_app->state, services());
+    pane.showAddSheet();
+    auto *sheet = sheetOf<URLRuleEditView>(pane);
+    QCOMPARE(sheet->windowTitle(), u"New URL Rule"_s);
+    QCOMPARE(sheet->size(), QSize(440, 460));
+    auto *browser = child<QComboBox>(sheet, u"browserPicker"_s);
+    QCOMPARE(comboTexts(browser).first(), u"Select a browser..."_s);
+    QVERIFY(comboTexts(browser).contains(u"Google Chrome"_s));
+    QTest::keyClicks(child<QLineEdit>(sheet, u"patternField"_s), u"docs.example"_s);
+    QVERIFY(!save(sheet)); // no browser yet
+    sheet->selectBrowser(u"safari"_s);
+    QVERIFY(save(sheet));
+    QTRY_VERIFY(!pane.sheet());
+    const RoutingRule made = stored().value(0);
+    QCOMPARE(made.sourceAppBundleID, QString());
+    QCOMPARE(made.targetBrowserBundleID, u"safari"_s);
+    QCOMPARE(made.targetBrowserName, u"Safari"_s);
+    QCOMPARE(made.targetProfileID, std::nullopt);
+
+    // A rule whose browser was uninstalled keeps it, saved under its id.
+    RoutingRule old = makeRule({}, u"old.example"_s, u"gone-browser"_s);
+    old.targetBrowserName = u"Gone"_s;
+    m_app->state->addRule(old);
+    pane.showEditSheet(old);
+    sheet = sheetOf<URLRuleEditView>(pane);
+    QCOMPARE(child<QComboBox>(sheet, u"browserPicker"_s)->currentText(), u"Gone (not installed)"_s);
+    QLineEdit *pattern = child<QLineEdit>(sheet, u"patternField"_s);
+    pattern->selectAll();
+    QTest::keyClicks(pattern, u"new.example"_s);
+    QVERIFY(save(sheet));
+    const RoutingRule edited = stored().value(1);
+    QCOMPARE(edited.id, old.id);
+    QCOMPARE(edited.urlPattern, u"new.example"_s);
+    QCOMPARE(edited.targetBrowserName, u"gone-browser"_s);
+    QCOMPARE(stored().size(), 2);
+}
+
+void TestRulePanes::appSheetFromRunningAndManual()
+{
+    AppRuleListView pane(*m_app->state, services());
+    pane.showAddSheet();
+    auto *sheet = sheetOf<AppRuleEditView>(pane);
+    QCOMPARE(sheet->windowTitle(), u"New App Rule"_s);
+    QCOMPARE(sheet->size(), QSize(440, 440));
+    auto *source = child<QComboBox>(sheet, u"sourcePicker"_s);
+    QCOMPARE(comboTexts(source),
+             (QStringList{u"Select an application..."_s, u"Evolution (org.gnome.Evolution)"_s,
+                          u"Chat (org.example.Chat)"_s}));
+    sheet->selectBrowser(u"firefox"_s);
+    QVERIFY(!save(sheet));
+    source->setCurrentIndex(1);
+    // Evolution quits before Save: saved under its id.
+    m_running.removeFirst();
+    QVERIFY(save(sheet));
+    QCOMPARE(stored().value(0).sourceAppBundleID, u"org.gnome.Evolution"_s);
+    QCOMPARE(stored().value(0).sourceAppName, u"org.gnome.Evolution"_s);
+    QCOMPARE(stored().value(0).urlPattern, std::nullopt);
+
+    // By hand: a name defaults to the id; an id of blanks is saved as typed.
+    pane.showAddSheet();
+    sheet = sheetOf<AppRuleEditView>(pane);
+    child<QComboBox>(sheet, u"sourcePicker"_s)->setCurrentIndex(1);
+    QTest::mouseClick(child<QCheckBox>(sheet, u"manualSwitch"_s), Qt::LeftButton, {}, QPoint(8, 8));
+    sheet->selectBrowser(u"safari"_s);
+    QVERIFY(!save(sheet)); // only the active mode counts
+    QTest::keyClicks(child<QLineEdit>(sheet, u"manualBundleID"_s), u"   "_s);
+    QVERIFY(save(sheet));
+    QCOMPARE(stored().value(1).sourceAppBundleID, u"   "_s);
+    QCOMPARE(stored().value(1).sourceAppName, u"   "_s);
+
+    // The installed applications fill both fields.
+    pane.showAddSheet();
+    sheet = sheetOf<AppRuleEditView>(pane);
+    child<QCheckBox>(sheet, u"manualSwitch"_s)->setChecked(true);
+    auto *installed = child<QComboBox>(sheet, u"installedPicker"_s);
+    const int firefox = installed->findText(u"Firefox (firefox)"_s);
+    QVERIFY(firefox > 0);
+    installed->setCurrentIndex(firefox);
+    Q_EMIT installed->activated(firefox);
+    QCOMPARE(sheet->resolvedSourceBundleID(), u"firefox"_s);
+    QCOMPARE(sheet->resolvedSourceName(), u"Firefox"_s);
+    sheet->reject();
+}
+
+void TestRulePanes::appSheetEditing()
+{
+    RoutingRule notRunning = makeRule(u"org.example.Music"_s, u"music.example"_s, u"safari"_s);
+    notRunning.sourceAppName = u"Music"_s;
+    m_app->state->addRule(notRunning);
+    AppRuleListView pane(*m_app->state, services());
+    pane.showEditSheet(notRunning);
+    auto *sheet = sheetOf<AppRuleEditView>(pane);
+    QCOMPARE(sheet->windowTitle(), u"Edit App Rule"_s);
+    // Not running: opened by hand, with what the rule has.
+    QVERIFY(child<QCheckBox>(sheet, u"manualSwitch"_s)->isChecked());
+    QCOMPARE(child<QLineEdit>(sheet, u"manualBundleID"_s)->text(), u"org.example.Music"_s);
+    QCOMPARE(child<QLineEdit>(sheet, u"manualAppName"_s)->text(), u"Music"_s);
+    QVERIFY(save(sheet));
+    // The sheet makes no patterns: the saved rule has none, and keeps its id.
+    QCOMPARE(stored().size(), 1);
+    QCOMPARE(stored().first().id, notRunning.id);
+    QCOMPARE(stored().first().urlPattern, std::nullopt);
+
+    const RoutingRule chat = makeRule(u"org.example.Chat"_s, std::nullopt, u"firefox"_s);
+    m_app->state->addRule(chat);
+    pane.showEditSheet(chat);
+    sheet = sheetOf<AppRuleEditView>(pane);
+    QVERIFY(!child<QCheckBox>(sheet, u"manualSwitch"_s)->isChecked());
+    QCOMPARE(child<QComboBox>(sheet, u"sourcePicker"_s)->currentText(),
+             u"Chat (org.example.Chat)"_s);
+    sheet->reject();
+}
+
+void TestRulePanes::profilesFollowTheBrowser()
+{
+    RoutingRule work = makeRule({}, u"work.example"_s, u"google-chrome"_s, u"Profile 1"_s);
+    m_app->state->addRule(work);
+    URLRuleListView pane(*m_app->state, services());
+    pane.showEditSheet(work);
+    auto *sheet = sheetOf<URLRuleEditView>(pane);
+    auto *profile = child<QComboBox>(sheet, u"profilePicker"_s);
+    auto *note = child<QLabel>(sheet, u"profileNote"_s);
+    QCOMPARE(comboTexts(profile),
+             (QStringList{u"Default (no specific profile)"_s, u"Person 1"_s, u"Work"_s}));
+    QCOMPARE(profile->currentText(), u"Work"_s);
+    QVERIFY(!note->isVisibleTo(sheet));
+
+    // Another browser: its profiles, and back to no specific one.
+    sheet->selectBrowser(u"firefox"_s);
+    QCOMPARE(comboTexts(profile),
+             (QStringList{u"Default (no specific profile)"_s, u"default-release"_s, u"Testing"_s}));
+    QCOMPARE(profile->currentIndex(), 0);
+    profile->setCurrentIndex(2);
+    QVERIFY(save(sheet));
+    QCOMPARE(stored().first().targetProfileID, u"Testing"_s);
+    QCOMPARE(stored().first().targetBrowserName, u"Firefox"_s);
+
+    // A browser without profiles: the URL sheet says so, the app sheet shows nothing.
+    pane.showAddSheet();
+    sheet = sheetOf<URLRuleEditView>(pane);
+    sheet->selectBrowser(u"safari"_s);
+    QVERIFY(child<QLabel>(sheet, u"profileNote"_s)->isVisibleTo(sheet));
+    QCOMPARE(child<QLabel>(sheet, u"profileNote"_s)->text(),
+             u"Select a browser with profiles to see options here."_s);
+    sheet->reject();
+    AppRuleListView apps(*m_app->state, services());
+    apps.showAddSheet();
+    auto *appSheet = sheetOf<AppRuleEditView>(apps);
+    appSheet->selectBrowser(u"safari"_s);
+    QVERIFY(!child<QComboBox>(appSheet, u"profilePicker"_s)->isVisibleTo(appSheet));
+    QVERIFY(!child<QLabel>(appSheet, u"profileNote"_s)->isVisibleTo(appSheet));
+    appSheet->selectBrowser(u"google-chrome"_s);
+    QVERIFY(child<QComboBox>(appSheet, u"profilePicker"_s)->isVisibleTo(appSheet));
+    appSheet->reject();
+}
+
+void TestRulePanes::ruleDeletedWhileItsSheetIsOpen()
+{
+    const RoutingRule rule = makeRule({}, u"docs.example"_s, u"safari"_s);
+    m_app->state->addRule(rule);
+    URLRuleListView pane(*m_app->state, services());
+    pane.showEditSheet(rule);
+    auto *sheet = sheetOf<URLRuleEditView>(pane);
+    m_app->state->deleteRule(rule); // by automation
+    QVERIFY(save(sheet));
+    QVERIFY(stored().isEmpty());
+    QVERIFY(m_app->state->rules().isEmpty());
+}
+
+void TestRulePanes::linkTester()
+{
+    m_app->state->addRule(makeRule({}, u"docs.example"_s, u"google-chrome"_s, u"Profile 1"_s));
+    m_app->state->addRule(makeRule(u"org.example.Mail"_s, std::nullopt, u"safari"_s));
+    const AppState &state = *m_app->state;
+    const auto verdict = [&](const QString &typed) { return LinkTester::verdict(state, typed); };
+    QCOMPARE(verdict(u"  "_s), QString());
+    QCOMPARE(verdict(u"ftp://files.example/"_s),
+             u"Not a web link: only http and https links are routed."_s);
+    QCOMPARE(verdict(u"docs.example"_s),
+             u"Not a web link: only http and https links are routed."_s);
+    // App rules need an application; with none, the URL rules and the fallback decide.
+    QCOMPARE(verdict(u"https://docs.example/guide?utm_source=news&id=4"_s),
+             u"Opens in Google Chrome, profile \"Profile 1\" — URL rule \"docs.example\".\n"
+             "Checked as https://docs.example/guide?id=4 (tracking parameters removed)."_s);
+    QCOMPARE(verdict(u"https://other.example/"_s),
+             u"Opens in Firefox — the fallback browser: no URL rule matches."_s);
+    m_app->state->toggleURLExpansion();
+    QVERIFY(verdict(u"https://bit.ly/abc"_s)
+                .endsWith(
+                    u"\nA short link: it is expanded first, and the rules see where it leads."_s));
+    m_app->state->toggleRulesEnabled();
+    QCOMPARE(verdict(u"https://docs.example/"_s),
+             u"Opens in Firefox: rules are paused, so every link goes to the fallback browser."_s);
+    m_app->state->toggleRulesEnabled();
+
+    // In the pane, typed live; nothing stored changes and nothing is logged.
+    DiagnosticLog::setEnabled(true);
+    const QByteArray settingsBefore = readAll(m_app->environment.settingsPath());
+    const QByteArray logBefore = readAll(m_app->environment.diagnosticLogPath());
+    URLRuleListView pane(*m_app->state, services());
+    auto *field = child<QLineEdit>(&pane, u"linkTesterField"_s);
+    auto *result = child<QLabel>(&pane, u"linkTesterResult"_s);
+    QTest::keyClicks(field, u"https://docs.example/x"_s);
+    QCOMPARE(result->text(),
+             u"Opens in Google Chrome, profile \"Profile 1\" — URL rule \"docs.example\"."_s);
+    QCOMPARE(readAll(m_app->environment.settingsPath()), settingsBefore);
+    QCOMPARE(readAll(m_app->environment.diagnosticLogPath()), logBefore);
+
+    m_app->state->setDefaultBrowser(u"safari"_s); // the answer follows the settings
+    field->setText(u"https://elsewhere.example/"_s);
+    QCOMPARE(result->text(), u"Opens in Safari — the fallback browser: no URL rule matches."_s);
+    m_app->state->setDefaultBrowser(u"firefox"_s);
+    QCOMPARE(result->text(), u"Opens in Firefox — the fallback browser: no URL rule matches."_s);
+}
+
+QTEST_MAIN(TestRulePanes)
+#include "tst_rulepanes.moc"
