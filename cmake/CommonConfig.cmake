@@ -17,6 +17,22 @@ target_compile_options(quillvane_flags INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wcast-align
     -Woverloaded-virtual -Wformat=2 -Wimplicit-fallthrough)
 
+# Sanitized builds for the test suite (address,undefined) and the fuzzers,
+# whose build also instruments every target for libFuzzer's coverage.
+set(QUILLVANE_SANITIZE "" CACHE STRING "Sanitizers to build with, such as address,undefined")
+if(QUILLVANE_FUZZ)
+    if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+        message(FATAL_ERROR "The fuzzers need clang: configure with -DCMAKE_CXX_COMPILER=clang++")
+    endif()
+    set(QUILLVANE_SANITIZE "address,undefined")
+    add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+if(QUILLVANE_SANITIZE)
+    add_compile_options(-fsanitize=${QUILLVANE_SANITIZE} -fno-omit-frame-pointer
+                        -fno-sanitize-recover=undefined)
+    add_link_options(-fsanitize=${QUILLVANE_SANITIZE})
+endif()
+
 if(QUILLVANE_WERROR)
     target_compile_options(quillvane_flags INTERFACE -Werror)
 endif()

@@ -11,6 +11,11 @@ TEST_PACKAGES=(
     libbenchmark-dev dbus libglib2.0-bin xdg-utils xvfb xauth zsh bsdutils trayer xdotool openssl
 )
 
+# To build and run the fuzzers (libFuzzer comes with clang's runtime libraries).
+FUZZ_PACKAGES=(
+    clang libclang-rt-14-dev
+)
+
 # Installs the named packages that are not installed yet, through sudo when not root.
 ensure_packages() {
     local missing=() package

@@ -31,7 +31,8 @@ bool InstalledQuillvane::setUp(const QString &buildDir, const FakeDesktop &deskt
     QMap<QString, QString> variables;
     for (const char *name :
          {"HOME", "XDG_DATA_HOME", "XDG_DATA_DIRS", "XDG_CONFIG_HOME", "XDG_CONFIG_DIRS",
-          "XDG_RUNTIME_DIR", "QT_QPA_PLATFORM", "PATH", "DISPLAY", "XAUTHORITY"}) {
+          "XDG_RUNTIME_DIR", "QT_QPA_PLATFORM", "PATH", "DISPLAY", "XAUTHORITY",
+          "ASAN_OPTIONS", "UBSAN_OPTIONS"}) {
         if (qEnvironmentVariableIsSet(name))
             variables.insert(QString::fromLatin1(name), qEnvironmentVariable(name));
     }

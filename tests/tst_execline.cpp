@@ -67,6 +67,12 @@ void TestExecLine::fieldCodes()
     // The link's own percent signs are never read as field codes.
     QCOMPARE(ExecLine::forLink({u"web"_s, u"--url=%u"_s}, entry, link),
              (QStringList{u"web"_s, u"--url="_s + link}));
+    // A quoted phrase is what a shell reads: the link never goes into one,
+    // and goes in once only.
+    QCOMPARE(ExecLine::forLink({u"sh"_s, u"-c"_s, u"web %u"_s}, entry, link),
+             (QStringList{u"sh"_s, u"-c"_s, u"web "_s, link}));
+    QCOMPARE(ExecLine::forLink({u"web"_s, u"--a=%u"_s, u"--b=%u"_s, u"%U"_s}, entry, link),
+             (QStringList{u"web"_s, u"--a="_s + link, u"--b="_s}));
 
     QCOMPARE(
         ExecLine::withoutFieldCodes({u"flatpak"_s, u"run"_s, u"app"_s, u"@@u"_s, u"%U"_s, u"@@"_s}),

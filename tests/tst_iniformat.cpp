@@ -62,6 +62,7 @@ void TestIniFormat::ourFileReadsBackAndQtAgrees()
         for (auto it = values.cbegin(); it != values.cend(); ++it)
             settings->setValue(it.key(), it.value());
         settings->setValue(u"group/inner key"_s, 7);
+        settings->setValue(u"General/named"_s, 8); // a section called General
         settings->sync();
         QCOMPARE(settings->status(), QSettings::NoError);
     }
@@ -73,6 +74,9 @@ void TestIniFormat::ourFileReadsBackAndQtAgrees()
     }
     QCOMPARE(qt.value(u"group/inner key"_s).toInt(), 7);
     QCOMPARE(ours->value(u"group/inner key"_s).toInt(), 7);
+    QCOMPARE(qt.value(u"General/named"_s).toInt(), 8);
+    QCOMPARE(ours->value(u"General/named"_s).toInt(), 8);
+    QVERIFY(!ours->contains(u"named"_s));
 }
 
 void TestIniFormat::qtFileReadsBack()
@@ -102,13 +106,17 @@ void TestIniFormat::handWrittenFile()
     file.write("; a comment\r\n[General]\r\n  rules_enabled = false ; trailing comment\r\nname=two "
                "words  \n"
                "broken line without equals\n=no key\n[Other%20Section]\nk=\"quoted "
-               "\\\"x\\\"\"\n\xff\xfe binary\n");
+               "\\\"x\\\"\"\n\xff\xfe binary\n/leading=1\ntrailing/=2\n[a//b]\nc=3\n");
     file.close();
     auto settings = UserSettings::open(path);
     QCOMPARE(settings->value(u"rules_enabled"_s).toString(), u"false"_s);
     QCOMPARE(settings->value(u"name"_s).toString(), u"two words"_s);
     QCOMPARE(settings->value(u"Other Section/k"_s).toString(), u"quoted \"x\""_s);
     QCOMPARE(settings->status(), QSettings::NoError);
+    // Slashes out of place (a damaged file) read as QSettings spells keys.
+    QCOMPARE(settings->value(u"Other Section/leading"_s).toInt(), 1);
+    QCOMPARE(settings->value(u"Other Section/trailing"_s).toInt(), 2);
+    QCOMPARE(settings->value(u"a/b/c"_s).toInt(), 3);
 }
 
 QTEST_GUILESS_MAIN(TestIniFormat)

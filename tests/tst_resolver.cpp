@@ -241,6 +241,8 @@ void TestResolver::procParsing_data()
         << QByteArray("0::/user.slice/user-1000.slice/session-3.scope\n") << QStringList()
         << QString();
     QTest::newRow("garbage") << QByteArray("\xff\x00::app-") << QStringList() << QString();
+    QTest::newRow("empty part") << QByteArray("0::/app.slice/app-gnome--123.scope\n")
+                                << QStringList{u"gnome-"_s} << QString();
 }
 
 void TestResolver::procParsing()

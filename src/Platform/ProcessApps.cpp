@@ -106,7 +106,7 @@ std::optional<qint64> parentPid(QByteArrayView stat)
         return std::nullopt;
     bool ok = false;
     const qint64 pid = fields[1].toByteArray().toLongLong(&ok);
-    return ok ? std::optional<qint64>(pid) : std::nullopt;
+    return ok && pid >= 0 ? std::optional<qint64>(pid) : std::nullopt;
 }
 
 std::optional<quint64> startTime(QByteArrayView stat)
@@ -138,17 +138,22 @@ QStringList unitAppIds(QByteArrayView cgroup)
     if (scope && parts.size() >= 2)
         parts.removeLast();
     QStringList ids;
+    // A damaged name ("app-x--1.scope") gives no empty candidate.
+    const auto add = [&ids](const QByteArray &escaped) {
+        const QString id = unescapeUnitName(escaped);
+        if (!id.isEmpty())
+            ids.append(id);
+    };
     if (parts.size() >= 2) {
         QByteArray joined;
         for (qsizetype i = 1; i < parts.size(); ++i)
             joined += (i > 1 ? "-" : "") + parts[i].toByteArray();
-        ids.append(unescapeUnitName(joined));
+        add(joined);
     }
     QByteArray all;
     for (qsizetype i = 0; i < parts.size(); ++i)
         all += (i ? "-" : "") + parts[i].toByteArray();
-    if (!all.isEmpty())
-        ids.append(unescapeUnitName(all));
+    add(all);
     return ids;
 }
 

@@ -1,5 +1,7 @@
 #include "Services/ExecLine.h"
 
+#include <algorithm>
+
 using namespace Qt::Literals::StringLiterals;
 
 namespace ExecLine {
@@ -27,6 +29,8 @@ QString expandedInside(QStringView argument, const DesktopEntry *entry, const QS
 {
     QString result;
     result.reserve(argument.size());
+    const bool hasBlank =
+        std::any_of(argument.cbegin(), argument.cend(), [](QChar c) { return c.isSpace(); });
     for (qsizetype i = 0; i < argument.size(); ++i) {
         if (argument[i] != u'%' || i + 1 >= argument.size()) {
             result += argument[i];
@@ -39,10 +43,14 @@ QString expandedInside(QStringView argument, const DesktopEntry *entry, const QS
             result += entry->name.value_or(entry->id);
         else if (entry && code == u'k')
             result += entry->path;
-        else if (link && (code == u'u' || code == u'U' || code == u'f' || code == u'F')) {
+        else if (link && placedLink && !*placedLink && !hasBlank
+                 && (code == u'u' || code == u'U' || code == u'f' || code == u'F')) {
+            // "--url=%u": once. Inside a quoted phrase with blanks (a shell
+            // snippet, which the standard forbids) the code is dropped and the
+            // link goes elsewhere as an argument of its own, so no shell ever
+            // reads a link.
             result += *link;
-            if (placedLink)
-                *placedLink = true;
+            *placedLink = true;
         }
     }
     return result;

@@ -133,16 +133,8 @@ private:
     std::optional<Link> redirectTarget(const QNetworkReply &reply) const
     {
         for (const auto &[name, value] : reply.rawHeaderPairs()) {
-            if (name.compare("location", Qt::CaseInsensitive) != 0)
-                continue;
-            QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
-            const QString location = decoder.decode(value);
-            if (decoder.hasError() || location.trimmed().isEmpty())
-                return std::nullopt;
-            auto resolved = m_current.resolved(location);
-            if (!resolved)
-                return std::nullopt;
-            return std::move(resolved).value();
+            if (name.compare("location", Qt::CaseInsensitive) == 0)
+                return URLExpander::resolveLocation(m_current, value);
         }
         return std::nullopt;
     }
@@ -172,6 +164,18 @@ private:
 };
 
 } // namespace
+
+std::optional<Link> resolveLocation(const Link &current, QByteArrayView location)
+{
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    const QString text = decoder.decode(location);
+    if (decoder.hasError() || text.trimmed().isEmpty())
+        return std::nullopt;
+    auto resolved = current.resolved(text);
+    if (!resolved)
+        return std::nullopt;
+    return std::move(resolved).value();
+}
 
 const QSet<QString> &shortDomains()
 {

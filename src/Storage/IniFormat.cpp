@@ -286,6 +286,14 @@ QString unescapedKey(QStringView key)
     return QString::fromUtf8(QByteArray::fromPercentEncoding(utf8));
 }
 
+// As QSettings spells keys: no empty parts between, before or after slashes.
+// A damaged file's "/x" or "x/" would otherwise be unreachable, and not survive
+// the next save.
+QString normalizedKey(const QString &key)
+{
+    return key.split(u'/', Qt::SkipEmptyParts).join(u'/');
+}
+
 } // namespace
 
 QSettings::Format format()
@@ -309,9 +317,14 @@ bool read(QIODevice &device, QSettings::SettingsMap &map)
             continue;
         if (line.startsWith(u'[')) {
             const qsizetype close = line.indexOf(u']');
-            section = unescapedKey(line.sliced(1, (close < 0 ? line.size() : close) - 1));
+            section =
+                normalizedKey(unescapedKey(line.sliced(1, (close < 0 ? line.size() : close) - 1)));
+            // [General] holds the keys without a section; a section of that
+            // name is written [%General], as Qt does.
             if (section.compare(u"General", Qt::CaseInsensitive) == 0)
                 section.clear();
+            else if (section.compare(u"%General", Qt::CaseInsensitive) == 0)
+                section = section.sliced(1);
             continue;
         }
         const qsizetype equals = line.indexOf(u'=');
@@ -329,7 +342,9 @@ bool read(QIODevice &device, QSettings::SettingsMap &map)
         } else {
             value = toVariant(items.first());
         }
-        map.insert(section.isEmpty() ? key : section + u'/' + key, value);
+        const QString path = normalizedKey(section.isEmpty() ? key : section + u'/' + key);
+        if (!path.isEmpty())
+            map.insert(path, value);
     }
     return true;
 }
@@ -359,6 +374,8 @@ bool write(QIODevice &device, const QSettings::SettingsMap &map)
         out += '[';
         if (section.key().isEmpty())
             out += "General";
+        else if (section.key().compare(u"General", Qt::CaseInsensitive) == 0)
+            out += '%' + section.key().toUtf8();
         else
             appendKey(out, section.key());
         out += "]\n";
