@@ -77,6 +77,7 @@ private Q_SLOTS:
     void routeURL();
     void fallbackAndFeatures();
     void malformedCallsAreRefused();
+    void hostileLinks();
     void desktopActions();
     void shellCompletion();
 
@@ -496,6 +497,60 @@ void TestAutomationBus::malformedCallsAreRefused()
     reply = automationCall(u"Browsers"_s, {QStringList(100000, u"x"_s)});
     QCOMPARE(reply.type(), QDBusMessage::ReplyMessage);
     QCOMPARE(InstalledQuillvane::instancePid(), instance);
+}
+
+// Links made to hurt: each is refused with a clear error or opened as one
+// argument of the browser the rules name, never read by a shell, never as an
+// option, never many times over.
+void TestAutomationBus::hostileLinks()
+{
+    const auto open = [](const QStringList &links) {
+        QDBusMessage call = QDBusMessage::createMethodCall(
+            AppId, ObjectPath, u"org.freedesktop.Application"_s, u"Open"_s);
+        call << links << QVariantMap();
+        return QDBusConnection::sessionBus().call(call, QDBus::Block, 30000);
+    };
+    m_desktop->forget(u"fallback-browser"_s);
+    const QString huge = u"https://big.example/"_s + QString(2 * 1024 * 1024, u'a');
+    QDBusMessage reply = open({huge});
+    QCOMPARE(reply.errorName(), u"work.vorpa.Quillvane.Error.InvalidLink"_s);
+    QVERIFY2(reply.errorMessage().endsWith(u"(The link is longer than 1048576 characters.)"_s),
+             qPrintable(reply.errorMessage().right(300)));
+    reply = automationCall(u"RouteURL"_s, {huge});
+    QCOMPARE(reply.errorName(), u"org.freedesktop.DBus.Error.InvalidArgs"_s);
+    reply = open(QStringList(101, u"https://other.example/"_s));
+    QCOMPARE(reply.errorName(), u"work.vorpa.Quillvane.Error.TooManyLinks"_s);
+    QCOMPARE(reply.errorMessage(),
+             u"Too many links at once: 101. Quillvane opens at most 100 links per request."_s);
+    Result result = quillvane(QStringList(101, u"https://other.example/"_s));
+    QCOMPARE(result.exitCode, 2);
+    QVERIFY(result.err.contains(u"at most 100 links"_s));
+    QTest::qWait(300);
+    QVERIFY(!m_desktop->ran(u"fallback-browser"_s));
+
+    // Shell and option syntax stays inside the one argument, percent-encoded where a link must be.
+    const QString marker = m_desktop->root() + u"/pwned"_s;
+    m_desktop->forget(u"docs-browser"_s);
+    const QString nasty = u"https://docs.example/$(touch "_s + marker
+                          + u");rm -rf ~;'`id`'/ --incognito?q=a b&-x=--remote"_s;
+    QCOMPARE(open({nasty}).type(), QDBusMessage::ReplyMessage);
+    QVERIFY(m_desktop->waitForRun(u"docs-browser"_s));
+    const QStringList received = m_desktop->arguments(u"docs-browser"_s);
+    QCOMPARE(received.size(), 1);
+    QVERIFY2(received.first().startsWith(u"https://docs.example/$(touch%20"_s),
+             qPrintable(received.first()));
+    QVERIFY(!received.first().contains(u' '));
+    QVERIFY(!QFile::exists(marker));
+
+    // The command line: bytes that are not text, and what looks like an option.
+    result = quillvane({u"route"_s, u"-https://docs.example/"_s});
+    QCOMPARE(result.exitCode, 2);
+    QVERIFY2(result.err.contains(u"-https://docs.example/"_s), qPrintable(result.err));
+    result =
+        InstalledQuillvane::run(u"bash"_s, {u"-c"_s, g_installed.program(u"quillvane"_s)
+                                                         + u" route $'https://a.example/\\xff'"_s});
+    QCOMPARE(result.exitCode, 2);
+    QVERIFY2(result.err.contains(u"not valid UTF-8"_s), qPrintable(result.err));
 }
 
 void TestAutomationBus::desktopActions()

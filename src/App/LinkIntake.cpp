@@ -44,9 +44,10 @@ void LinkIntake::Activate(const QVariantMap &)
 
 void LinkIntake::Open(const QStringList &uris, const QVariantMap &platformData)
 {
+    // The trail keeps its shape, but not megabytes of one request.
     QStringList quoted;
-    for (const QString &uri : uris)
-        quoted.append(u'"' + uri + u'"');
+    for (const QString &uri : uris.first(std::min(uris.size(), MaxLinksPerRequest)))
+        quoted.append(u'"' + (uri.size() > 2048 ? uri.left(2048) + u"…"_s : uri) + u'"');
     debugLog(u"application(_:open:) called with %1 URL(s): [%2]"_s.arg(QString::number(uris.size()),
                                                                        quoted.join(u", "_s)));
     qint64 pid = -1;
@@ -56,10 +57,13 @@ void LinkIntake::Open(const QStringList &uris, const QVariantMap &platformData)
             pid = qint64(reply.value());
     }
     const QStringList refused = handleURLs(uris, pid, activationToken(platformData));
-    if (!refused.isEmpty() && calledFromDBus())
+    if (refused.isEmpty() || !calledFromDBus())
+        return;
+    if (uris.size() > MaxLinksPerRequest)
+        sendErrorReply(u"work.vorpa.Quillvane.Error.TooManyLinks"_s, refused.first());
+    else
         sendErrorReply(u"work.vorpa.Quillvane.Error.InvalidLink"_s,
-                       u"Quillvane routes only http and https links. Refused: "_s
-                           + refused.join(u"; "_s));
+                       u"Quillvane refused these links: "_s + refused.join(u"; "_s));
 }
 
 void LinkIntake::ActivateAction(const QString &actionName, const QVariantList &,
@@ -79,6 +83,14 @@ void LinkIntake::ActivateAction(const QString &actionName, const QVariantList &,
 QStringList LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
                                    const QString &activationToken)
 {
+    // A stray script or a paste gone wrong must not start a browser thousands of times.
+    if (uris.size() > MaxLinksPerRequest) {
+        const QString refusal =
+            u"Too many links at once: %1. Quillvane opens at most %2 links per request."_s.arg(
+                QString::number(uris.size()), QString::number(MaxLinksPerRequest));
+        debugLog(refusal);
+        return {refusal};
+    }
     QList<Link> links;
     QStringList refused;
     for (const QString &uri : uris) {

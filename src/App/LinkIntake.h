@@ -19,11 +19,14 @@ class LinkIntake final : public QObject, protected QDBusContext
     Q_OBJECT
 
 public:
+    static constexpr qsizetype MaxLinksPerRequest = 100;
+
     LinkIntake(AppState &state, SourceAppResolver &resolver, QObject *parent = nullptr);
 
     // Routes links received by other means (the command line of the instance
     // itself), with the sender's process id when known.
-    // Returns the links refused (not http or https), each with the reason.
+    // Returns the links refused (not http or https), each with the reason;
+    // more than MaxLinksPerRequest are all refused, with one reason.
     QStringList handleURLs(const QStringList &uris, qint64 senderPid,
                            const QString &activationToken);
 

@@ -114,6 +114,11 @@ int run(int &argc, char **argv, const QByteArrayList &arguments)
         }
         links.append(link->toString());
     }
+    if (links.size() > LinkIntake::MaxLinksPerRequest) {
+        printError(u"%1 links at once: Quillvane opens at most %2 links per request."_s.arg(
+            QString::number(links.size()), QString::number(LinkIntake::MaxLinksPerRequest)));
+        return 2;
+    }
 
     // Without a display the application still routes links; it only shows nothing.
     if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")
