@@ -8,6 +8,7 @@
 #include <QFileInfo>
 #include <QTcpSocket>
 #include <QTest>
+#include <QTimer>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -252,6 +253,13 @@ void TestHttpServer::onConnection()
                 const Response response = m_responses.value(path, Response{404, {}, false, {}});
                 if (response.silent)
                     return;
+                if (response.trickle) {
+                    socket->write("HTTP/1.1 200 OK\r\nX-Slow: ");
+                    auto *drip = new QTimer(socket);
+                    connect(drip, &QTimer::timeout, socket, [socket] { socket->write("a"); });
+                    drip->start(200);
+                    return;
+                }
                 QByteArray reply =
                     "HTTP/1.1 " + QByteArray::number(response.status) + " Status\r\n";
                 for (const auto &[name, value] : response.headers)

@@ -152,6 +152,8 @@ public:
         QList<std::pair<QByteArray, QByteArray>> headers;
         bool silent = false; // accept the request and never answer
         QByteArray body;
+        // Start answering, then send one more byte every 200 ms, never ending.
+        bool trickle = false;
     };
 
     TestHttpServer();

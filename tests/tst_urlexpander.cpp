@@ -27,6 +27,10 @@ private Q_SLOTS:
     void failureAfterRedirectsKeepsTheLastTarget();
     void neverLeavesTheWeb_data();
     void neverLeavesTheWeb();
+    void hostileServers_data();
+    void hostileServers();
+    void oddLocations_data();
+    void oddLocations();
     void shortLinkTest();
 
 private:
@@ -165,6 +169,84 @@ void TestURLExpander::neverLeavesTheWeb()
     m_server->redirect(u"/a"_s, 302, "/b");
     m_server->redirect(u"/b"_s, 302, location);
     QCOMPARE(expand(u"/a"_s).toString(), QString(m_server->baseUrl() + u"/b"_s));
+}
+
+// Servers that stall, drip, shout or speak the wrong protocol: each walk ends
+// within its time with the link it had, and the event loop never stops.
+void TestURLExpander::hostileServers_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<bool>("https");
+    QTest::newRow("trickles bytes") << u"/drip"_s << false;
+    QTest::newRow("10 MB header") << u"/huge"_s << false;
+    QTest::newRow("TLS to a plain server") << u"/tls"_s << true;
+}
+
+void TestURLExpander::hostileServers()
+{
+    QFETCH(QString, path);
+    QFETCH(bool, https);
+    m_server->on(u"/drip"_s, {200, {}, false, {}, true});
+    m_server->on(u"/huge"_s,
+                 {302,
+                  {{"X-Padding", QByteArray(10 * 1024 * 1024, 'a')}, {"Location", "/after-huge"}},
+                  false,
+                  {},
+                  false});
+    m_server->on(u"/tls"_s, {200, {}, false, {}, false});
+    QString start = m_server->baseUrl() + path;
+    if (https)
+        start.replace(u"http://"_s, u"https://"_s);
+    int ticks = 0;
+    QTimer ticker;
+    connect(&ticker, &QTimer::timeout, this, [&ticks] { ++ticks; });
+    ticker.start(50);
+    QElapsedTimer clock;
+    clock.start();
+    QTest::failOnWarning(QRegularExpression(u"^(?!Expansion failed)"_s));
+    QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.URLExpander=false"_s);
+    QFuture<Link> future = URLExpander::expand(link(start));
+    QVERIFY(QTest::qWaitFor([&] { return future.isFinished(); },
+                            URLExpander::MaxRequests * URLExpander::RequestTimeoutMs));
+    QLoggingCategory::setFilterRules(QString());
+    QCOMPARE(future.result().toString(), start);
+    QVERIFY2(clock.elapsed() <= URLExpander::RequestTimeoutMs + 1500,
+             qPrintable(QString::number(clock.elapsed())));
+    QVERIFY(ticks >= clock.elapsed() / 50 / 2);
+}
+
+void TestURLExpander::oddLocations_data()
+{
+    QTest::addColumn<QByteArray>("location");
+    QTest::addColumn<QString>("reached"); // relative to the server; empty: stays at /b
+    QTest::newRow("short IPv4") << QByteArray("http://127.1:%PORT%/odd") << u"/odd"_s;
+    QTest::newRow("percent-encoded path") << QByteArray("/%E2%82%AC%20x") << u"/%E2%82%AC%20x"_s;
+    QTest::newRow("raw UTF-8 path") << QByteArray("/\xe2\x82\xac") << u"/%E2%82%AC"_s;
+    QTest::newRow("NUL") << QByteArray("/a\x00b", 6) << QString();
+    QTest::newRow("not UTF-8") << QByteArray("/\xff\xfe") << QString();
+    // Decoded, as browsers do: the same host.
+    QTest::newRow("percent-encoded host")
+        << QByteArray("http://%31%32%37.0.0.1:%PORT%/host") << u"/host"_s;
+    QTest::newRow("blank") << QByteArray("   ") << QString();
+}
+
+void TestURLExpander::oddLocations()
+{
+    QFETCH(QByteArray, location);
+    QFETCH(QString, reached);
+    const QByteArray port = QByteArray::number(QUrl(m_server->baseUrl()).port());
+    m_server->redirect(u"/a"_s, 302, "/b");
+    m_server->redirect(u"/b"_s, 302, QByteArray(location).replace("%PORT%", port));
+    m_server->on(reached.isEmpty() ? u"/unused"_s : reached, {200, {}, false, {}, false});
+    QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.URLExpander=false"_s);
+    const Link result = expand(u"/a"_s);
+    QLoggingCategory::setFilterRules(QString());
+    if (reached.isEmpty()) {
+        QCOMPARE(result.toString(), QString(m_server->baseUrl() + u"/b"_s));
+    } else {
+        QCOMPARE(QUrl(result.toString()).path(QUrl::FullyEncoded), reached);
+        QCOMPARE(m_server->requestCount(reached), 1);
+    }
 }
 
 void TestURLExpander::shortLinkTest()

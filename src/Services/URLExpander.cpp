@@ -2,6 +2,7 @@
 
 #include "Platform/SystemLog.h"
 
+#include <QCoreApplication>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
@@ -18,8 +19,21 @@ namespace URLExpander {
 
 namespace {
 
-// One expansion: owns its own network client for exactly as long as it runs, so
-// no cookie, cache entry or connection outlives it.
+// One for every expansion, kept for the life of the process: destroying one
+// waits for Qt's network thread, which may be busy for seconds with what a
+// hostile server sent, and that wait would stop the main thread.
+QNetworkAccessManager &sharedNetwork()
+{
+    static QNetworkAccessManager *network = [] {
+        auto *manager = new QNetworkAccessManager(QCoreApplication::instance());
+        manager->setCookieJar(nullptr);
+        return manager;
+    }();
+    return *network;
+}
+
+// One expansion: its requests keep no cookie and use no cache, so nothing one
+// server says reaches the next request.
 class Expansion final : public QObject
 {
 public:
@@ -41,17 +55,25 @@ public:
     void start()
     {
         qCInfo(lcUrlExpander).noquote() << u"Expanding URL: %1"_s.arg(m_original.toString());
-        m_network = new QNetworkAccessManager(this);
-        m_network->setCookieJar(nullptr);
+        m_network = &sharedNetwork();
         // A hard deadline per request: a server that trickles bytes must not keep
         // the link waiting, and a coarse timer may fire early.
         m_timer.setSingleShot(true);
         m_timer.setTimerType(Qt::PreciseTimer);
         m_timer.setInterval(RequestTimeoutMs);
+        // Ends the walk at once: Qt's network thread may still be busy with what
+        // the server sent (a header of megabytes) before it reports the abort.
         connect(&m_timer, &QTimer::timeout, this, [this] {
-            m_timedOut = true;
-            if (m_reply)
-                m_reply->abort();
+            if (!m_reply)
+                return;
+            QNetworkReply *reply = m_reply;
+            m_reply = nullptr;
+            disconnect(reply, nullptr, this, nullptr);
+            reply->abort();
+            reply->deleteLater();
+            qCCritical(lcUrlExpander).noquote() << u"Expansion failed at step %1: %2"_s.arg(
+                QString::number(m_step), u"The request timed out."_s);
+            finish();
         });
         sendRequest();
     }
@@ -73,7 +95,6 @@ private:
             finish();
             return;
         }
-        m_timedOut = false;
         m_reply = m_network->head(request);
         connect(m_reply, &QNetworkReply::finished, this, &Expansion::onFinished);
         m_timer.start();
@@ -88,9 +109,8 @@ private:
 
         const QVariant statusAttribute = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
         if (!statusAttribute.isValid()) {
-            if (m_timedOut || reply->error() != QNetworkReply::NoError) {
-                const QString description =
-                    m_timedOut ? u"The request timed out."_s : reply->errorString();
+            if (reply->error() != QNetworkReply::NoError) {
+                const QString description = reply->errorString();
                 qCCritical(lcUrlExpander).noquote() << u"Expansion failed at step %1: %2"_s.arg(
                     QString::number(m_step), description);
             } else {
@@ -156,7 +176,6 @@ private:
     Link m_original;
     Link m_current;
     int m_step = 0;
-    bool m_timedOut = false;
     QPromise<Link> m_promise;
     QNetworkAccessManager *m_network = nullptr;
     QPointer<QNetworkReply> m_reply;
