@@ -4,7 +4,9 @@
 // browsers record what they were given.
 #include "FakeDesktop.h"
 #include "InstalledQuillvane.h"
+#include "Models/ForwardingRecord.h"
 #include "Storage/HistoryStore.h"
+#include "Storage/IniFormat.h"
 #include "Storage/RuleStore.h"
 #include "Storage/UserSettings.h"
 #include "TestSupport.h"
@@ -48,6 +50,10 @@ private Q_SLOTS:
     void typedQuillvaneUrlIsForwarded();
     void otherSchemesAreRefused();
     void burstOfLinks();
+    void thousandLinksFromSeveralSources();
+    void settingsDeletedWhileRunning();
+    void settingsThatCannotBeWritten();
+    void killedWhileWriting();
     void twoInstancesAtOnce();
 
 private:
@@ -81,6 +87,9 @@ void TestEndToEnd::initTestCase()
     m_desktop->addBrowser(u"burst-browser"_s, u"Burst"_s, {}, burst + u" %u"_s);
     sourceApp(u"fake-mail"_s);
     sourceApp(u"fake-chat"_s);
+    // Sources without rules of their own, whose links the URL rules route.
+    sourceApp(u"fake-news"_s);
+    sourceApp(u"fake-docs"_s);
 
     auto settings = InstalledQuillvane::storedSettings(*m_desktop);
     RuleStore store(*settings);
@@ -265,6 +274,197 @@ void TestEndToEnd::burstOfLinks()
     QTest::qWait(300);
     const QStringList links = burstLog();
     QCOMPARE(QSet<QString>(links.cbegin(), links.cend()).size(), 200);
+}
+
+namespace {
+
+qint64 residentKiB(qint64 pid)
+{
+    QFile status(u"/proc/%1/status"_s.arg(pid));
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray &line : status.readAll().split('\n')) {
+        if (line.startsWith("VmRSS:"))
+            return line.mid(6).trimmed().split(' ').value(0).toLongLong();
+    }
+    return -1;
+}
+
+QDBusMessage openCall(const QStringList &links)
+{
+    QDBusMessage call =
+        QDBusMessage::createMethodCall(u"work.vorpa.Quillvane"_s, u"/work/vorpa/Quillvane"_s,
+                                       u"org.freedesktop.Application"_s, u"Open"_s);
+    call << links << QVariantMap();
+    return call;
+}
+
+} // namespace
+
+// A thousand links in under ten seconds from four sources at once: through
+// gio open from two applications, through the forwarder, and straight over the
+// bus. Each opens once; the history keeps the newest 500 and the count all.
+void TestEndToEnd::thousandLinksFromSeveralSources()
+{
+    if (QStandardPaths::findExecutable(u"gio"_s).isEmpty())
+        QSKIP("gio (libglib2.0-bin) is not installed");
+    QFile::remove(m_desktop->root() + u"/burst.log"_s);
+    // Warmed up, so that what is measured after is what the links cost.
+    for (int i = 0; i < 5; ++i)
+        QDBusConnection::sessionBus().call(
+            openCall(QStringList(20, u"https://burst.example/warm"_s)));
+    QTRY_COMPARE_WITH_TIMEOUT(burstLog().size(), 100, 20000);
+    const qint64 pid = instancePid();
+    const qint64 before = residentKiB(pid);
+    const qint64 countBefore = InstalledQuillvane::storedSettings(*m_desktop)
+                                   ->value(u"today_forward_count"_s)
+                                   .toLongLong();
+    QFile::remove(m_desktop->root() + u"/burst.log"_s);
+
+    QElapsedTimer clock;
+    clock.start();
+    QList<QProcess *> sources;
+    // Two applications, each opening 250 links with gio, 25 at a time.
+    for (const QString &app : {u"fake-news"_s, u"fake-docs"_s}) {
+        auto *source = new QProcess(this);
+        source->start(
+            m_desktop->root() + u"/bin/"_s + app,
+            {u"-c"_s, u"i=0; while [ $i -lt 250 ]; do gio open https://burst.example/%1/$i & "
+                      "i=$((i+1)); [ $((i % 25)) -eq 0 ] && wait; done; wait"_s.arg(app)});
+        sources.append(source);
+    }
+    // 250 through the forwarder, 250 over the bus in calls of ten.
+    for (int i = 0; i < 250; ++i) {
+        auto *client = new QProcess(this);
+        client->start(program(u"quillvane-open"_s),
+                      {u"https://burst.example/forwarded/%1"_s.arg(i)});
+        sources.append(client);
+        if (i % 10 == 0) {
+            QStringList batch;
+            for (int j = i; j < i + 10; ++j)
+                batch.append(u"https://burst.example/bus/%1"_s.arg(j));
+            QDBusConnection::sessionBus().asyncCall(openCall(batch));
+        }
+        if (i % 25 == 0)
+            QTest::qWait(40);
+    }
+    for (QProcess *source : std::as_const(sources)) {
+        if (source->state() != QProcess::NotRunning)
+            QVERIFY(source->waitForFinished(30000));
+        QCOMPARE(source->exitCode(), 0);
+    }
+    qDeleteAll(sources);
+    QTRY_COMPARE_WITH_TIMEOUT(burstLog().size(), 1000, 20000);
+    const qint64 elapsed = clock.elapsed();
+    qInfo("1,000 links from four sources opened in %lld ms", static_cast<long long>(elapsed));
+    QVERIFY2(elapsed < 10000, qPrintable(QString::number(elapsed)));
+    QTest::qWait(500);
+    const QStringList links = burstLog();
+    QCOMPARE(links.size(), 1000);
+    QCOMPARE(QSet<QString>(links.cbegin(), links.cend()).size(), 1000);
+
+    auto settings = InstalledQuillvane::storedSettings(*m_desktop);
+    QTRY_COMPARE(InstalledQuillvane::storedSettings(*m_desktop)
+                     ->value(u"today_forward_count"_s)
+                     .toLongLong(),
+                 countBefore + 1000);
+    const QList<ForwardingRecord> history = HistoryStore::loadHistory(*settings);
+    QCOMPARE(history.size(), HistoryStore::MaxRecords);
+    for (const ForwardingRecord &record : history)
+        QVERIFY(!record.originalURL.endsWith(u"/warm"_s));
+    const qint64 after = residentKiB(pid);
+    qInfo("Resident memory %lld KiB before, %lld KiB after", static_cast<long long>(before),
+          static_cast<long long>(after));
+    QVERIFY2(after <= before * 11 / 10, qPrintable(u"%1 → %2 KiB"_s.arg(before).arg(after)));
+}
+
+void TestEndToEnd::settingsDeletedWhileRunning()
+{
+    QVERIFY(instancePid() > 0);
+    const QString path = m_desktop->configHome() + u"/Quillvane/Quillvane.conf"_s;
+    QVERIFY(QFile::remove(path));
+    QCOMPARE(QDBusConnection::sessionBus()
+                 .call(openCall({u"https://burst.example/after-delete"_s}))
+                 .type(),
+             QDBusMessage::ReplyMessage);
+    // Written again from what Quillvane holds: the rules and the fallback survive.
+    QTRY_VERIFY(QFile::exists(path));
+    QTRY_COMPARE(RuleStore(*InstalledQuillvane::storedSettings(*m_desktop)).loadRules().size(), 3);
+    QCOMPARE(InstalledQuillvane::storedSettings(*m_desktop)->value(u"default_browser_bundle_id"_s),
+             u"fallback-browser"_s);
+}
+
+// A full disk, as the process sees it: no file may grow beyond 1 KiB. Links
+// still open, the file on disk stays whole, and once writing works again
+// nothing is missing.
+void TestEndToEnd::settingsThatCannotBeWritten()
+{
+    if (QStandardPaths::findExecutable(u"prlimit"_s).isEmpty())
+        QSKIP("prlimit (util-linux) is not installed");
+    stopInstance();
+    const QString path = m_desktop->configHome() + u"/Quillvane/Quillvane.conf"_s;
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    const QByteArray onDisk = file.readAll();
+    file.close();
+    QVERIFY(onDisk.size() > 1024);
+
+    QProcess instance;
+    instance.setProcessChannelMode(QProcess::MergedChannels);
+    instance.start(u"bash"_s, {u"-c"_s, u"trap '' XFSZ; ulimit -S -f 1; exec '%1'"_s.arg(
+                                            program(u"quillvane"_s))});
+    QTRY_VERIFY_WITH_TIMEOUT(instancePid() == instance.processId(), 10000);
+    // (A browser it starts inherits the limit: one that writes little.)
+    m_desktop->forget(u"fallback-browser"_s);
+    QDBusConnection::sessionBus().call(openCall({u"https://other.example/disk-full"_s}));
+    QVERIFY(m_desktop->waitForRun(u"fallback-browser"_s));
+    QByteArray said;
+    QTRY_VERIFY((said += instance.readAll()).contains("Could not write the settings file"));
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    QCOMPARE(file.readAll(), onDisk);
+    file.close();
+
+    QCOMPARE(QProcess::execute(u"prlimit"_s, {u"--pid"_s, QString::number(instance.processId()),
+                                              u"--fsize=unlimited:unlimited"_s}),
+             0);
+    QDBusConnection::sessionBus().call(openCall({u"https://other.example/disk-freed"_s}));
+    QTRY_COMPARE(HistoryStore::loadHistory(*InstalledQuillvane::storedSettings(*m_desktop))
+                     .value(0)
+                     .originalURL,
+                 u"https://other.example/disk-freed"_s);
+    const QList<ForwardingRecord> history =
+        HistoryStore::loadHistory(*InstalledQuillvane::storedSettings(*m_desktop));
+    QCOMPARE(history.value(0).originalURL, u"https://other.example/disk-freed"_s);
+    QCOMPARE(history.value(1).originalURL, u"https://other.example/disk-full"_s);
+    stopInstance();
+    QTRY_COMPARE(instance.state(), QProcess::NotRunning);
+}
+
+// Killed at any moment, even while writing: the settings file stays readable
+// with every rule, and at most the link in flight is missing from the history.
+void TestEndToEnd::killedWhileWriting()
+{
+    const QString path = m_desktop->configHome() + u"/Quillvane/Quillvane.conf"_s;
+    for (int round = 0; round < 8; ++round) {
+        QDBusConnection::sessionBus().call(openCall({u"https://burst.example/start"_s}));
+        const qint64 pid = instancePid();
+        QVERIFY(pid > 0);
+        for (int i = 0; i < 30; ++i)
+            QDBusConnection::sessionBus().asyncCall(
+                openCall({u"https://burst.example/kill/%1/%2"_s.arg(round).arg(i)}));
+        QTest::qWait(20 + 37 * round % 150);
+        QCOMPARE(::kill(pid_t(pid), SIGKILL), 0);
+        QTRY_VERIFY(!InstalledQuillvane::isRunning());
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QSettings::SettingsMap map;
+        QVERIFY(IniFormat::read(file, map));
+        const auto rules = RoutingRule::listFromJson(map.value(u"routing_rules"_s).toByteArray());
+        QVERIFY2(rules && rules->size() == 3, qPrintable(u"round %1"_s.arg(round)));
+        const auto history =
+            ForwardingRecord::listFromJson(map.value(u"forwarding_history"_s).toByteArray());
+        QVERIFY2(history && !history->isEmpty(), qPrintable(u"round %1"_s.arg(round)));
+    }
 }
 
 void TestEndToEnd::twoInstancesAtOnce()

@@ -3,6 +3,7 @@
 #include "App/BuildInfo.h"
 #include "Services/UpdateChecker.h"
 #include "Storage/SettingsKeys.h"
+#include "Storage/UserSettings.h"
 #include "Views/MessageBox.h"
 
 #include <QLoggingCategory>
@@ -80,7 +81,7 @@ void UpdateController::start(bool userInitiated)
     if (m_checker->isChecking())
         return;
     m_settings.setValue(SettingsKeys::LastUpdateCheck.name, clock().toString(Qt::ISODate));
-    m_settings.sync();
+    UserSettings::commit(m_settings);
     qCInfo(lcUpdates).noquote() << (userInitiated ? u"Checking for updates"_s
                                                   : u"Checking for updates automatically"_s);
     m_checker->check();

@@ -3,6 +3,7 @@
 #include "Platform/SystemLog.h"
 #include "Storage/IniFormat.h"
 
+#include <QFileInfo>
 #include <QStandardPaths>
 
 using namespace Qt::Literals::StringLiterals;
@@ -29,6 +30,16 @@ std::unique_ptr<QSettings> open(const QString &path)
 
 bool commit(QSettings &settings)
 {
+    // Deleted behind Quillvane's back (a cleanup tool, a user starting over):
+    // QSettings would write only what changed since, and the rules and the
+    // fallback would be gone at the next start. Everything it holds is written.
+    if (!QFileInfo::exists(settings.fileName())) {
+        qCWarning(lcSettings).noquote()
+            << u"The settings file %1 has disappeared; writing it again from memory."_s.arg(
+                   settings.fileName());
+        for (const QString &key : settings.allKeys())
+            settings.setValue(key, settings.value(key));
+    }
     settings.sync();
     switch (settings.status()) {
     case QSettings::NoError:
