@@ -2,6 +2,7 @@
 #include "Platform/SystemLog.h"
 #include "TestSupport.h"
 
+#include <QFileInfo>
 #include <QRegularExpression>
 #include <QTest>
 
@@ -26,6 +27,7 @@ private Q_SLOTS:
     void lineFormatAndMode();
     void recreatedWhenDeleted();
     void neverFollowsASymlink();
+    void missingFolderIsNotMade();
     void neverWritesAnotherUsersFile();
     void fallbackLocation();
     void disabledAndRedirected();
@@ -75,6 +77,15 @@ void TestLogs::neverFollowsASymlink()
     QVERIFY(QFile::link(target, environment.diagnosticLogPath()));
     DiagnosticLog::write(u"T", u"secret link");
     QCOMPARE(readFile(target), QByteArray("untouched"));
+}
+
+void TestLogs::missingFolderIsNotMade()
+{
+    TestEnvironment environment;
+    const QString missing = environment.path() + u"/gone/run"_s;
+    qputenv("XDG_RUNTIME_DIR", QFile::encodeName(missing));
+    DiagnosticLog::write(u"T", u"nowhere to go");
+    QVERIFY(!QFileInfo::exists(environment.path() + u"/gone"_s));
 }
 
 void TestLogs::neverWritesAnotherUsersFile()
