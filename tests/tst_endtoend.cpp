@@ -351,8 +351,10 @@ void TestEndToEnd::thousandLinksFromSeveralSources()
     }
     for (QProcess *source : std::as_const(sources)) {
         if (source->state() != QProcess::NotRunning)
-            QVERIFY(source->waitForFinished(30000));
-        QCOMPARE(source->exitCode(), 0);
+            QVERIFY(source->waitForFinished(60000));
+        QVERIFY2(source->exitCode() == 0,
+                 qPrintable(source->program() + u": "_s
+                            + QString::fromUtf8(source->readAllStandardError())));
     }
     qDeleteAll(sources);
     // How fast is for the figures in docs/RELIABILITY.md, measured on a quiet
@@ -377,7 +379,11 @@ void TestEndToEnd::thousandLinksFromSeveralSources()
     const qint64 after = residentKiB(pid);
     qInfo("Resident memory %lld KiB before, %lld KiB after", static_cast<long long>(before),
           static_cast<long long>(after));
+#ifndef __SANITIZE_ADDRESS__
     QVERIFY2(after <= before * 11 / 10, qPrintable(u"%1 → %2 KiB"_s.arg(before).arg(after)));
+#else
+    // AddressSanitizer keeps freed memory aside to catch late uses: nothing to measure.
+#endif
 }
 
 void TestEndToEnd::settingsDeletedWhileRunning()
@@ -430,10 +436,11 @@ void TestEndToEnd::settingsThatCannotBeWritten()
                                               u"--fsize=unlimited:unlimited"_s}),
              0);
     QDBusConnection::sessionBus().call(openCall({u"https://other.example/disk-freed"_s}));
-    QTRY_COMPARE(HistoryStore::loadHistory(*InstalledQuillvane::storedSettings(*m_desktop))
-                     .value(0)
-                     .originalURL,
-                 u"https://other.example/disk-freed"_s);
+    QTRY_COMPARE_WITH_TIMEOUT(
+        HistoryStore::loadHistory(*InstalledQuillvane::storedSettings(*m_desktop))
+            .value(0)
+            .originalURL,
+        u"https://other.example/disk-freed"_s, 20000);
     const QList<ForwardingRecord> history =
         HistoryStore::loadHistory(*InstalledQuillvane::storedSettings(*m_desktop));
     QCOMPARE(history.value(0).originalURL, u"https://other.example/disk-freed"_s);
