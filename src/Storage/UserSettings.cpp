@@ -23,9 +23,17 @@ std::unique_ptr<QSettings> open()
     return open(filePath());
 }
 
+namespace {
+// Whether the file was there when opened or has been written since: only then
+// does its absence mean someone deleted it.
+const char *const OnDisk = "quillvane_on_disk";
+} // namespace
+
 std::unique_ptr<QSettings> open(const QString &path)
 {
-    return std::make_unique<QSettings>(path, IniFormat::format());
+    auto settings = std::make_unique<QSettings>(path, IniFormat::format());
+    settings->setProperty(OnDisk, QFileInfo::exists(path));
+    return settings;
 }
 
 bool commit(QSettings &settings)
@@ -33,7 +41,7 @@ bool commit(QSettings &settings)
     // Deleted behind Quillvane's back (a cleanup tool, a user starting over):
     // QSettings would write only what changed since, and the rules and the
     // fallback would be gone at the next start. Everything it holds is written.
-    if (!QFileInfo::exists(settings.fileName())) {
+    if (settings.property(OnDisk).toBool() && !QFileInfo::exists(settings.fileName())) {
         qCWarning(lcSettings).noquote()
             << u"The settings file %1 has disappeared; writing it again from memory."_s.arg(
                    settings.fileName());
@@ -43,6 +51,7 @@ bool commit(QSettings &settings)
     settings.sync();
     switch (settings.status()) {
     case QSettings::NoError:
+        settings.setProperty(OnDisk, QFileInfo::exists(settings.fileName()));
         return true;
     case QSettings::AccessError:
         qCCritical(lcSettings).noquote()
