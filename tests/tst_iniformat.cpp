@@ -103,10 +103,11 @@ void TestIniFormat::handWrittenFile()
     const QString path = dir.filePath(u"Quillvane.conf"_s);
     QFile file(path);
     QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write("; a comment\r\n[General]\r\n  rules_enabled = false ; trailing comment\r\nname=two "
-               "words  \n"
-               "broken line without equals\n=no key\n[Other%20Section]\nk=\"quoted "
-               "\\\"x\\\"\"\n\xff\xfe binary\n/leading=1\ntrailing/=2\n[a//b]\nc=3\n");
+    file.write(
+        "; a comment\r\n[General]\r\n  rules_enabled = false ; trailing comment\r\nname=two "
+        "words  \n"
+        "broken line without equals\n=no key\n[Other%20Section]\nk=\"quoted "
+        "\\\"x\\\"\"\n\xff\xfe binary\n/leading=1\ntrailing/=2\n[a//b]\nc=3\n[%General]\nsub=5\n");
     file.close();
     auto settings = UserSettings::open(path);
     QCOMPARE(settings->value(u"rules_enabled"_s).toString(), u"false"_s);
@@ -117,6 +118,7 @@ void TestIniFormat::handWrittenFile()
     QCOMPARE(settings->value(u"Other Section/leading"_s).toInt(), 1);
     QCOMPARE(settings->value(u"Other Section/trailing"_s).toInt(), 2);
     QCOMPARE(settings->value(u"a/b/c"_s).toInt(), 3);
+    QCOMPARE(settings->value(u"General/sub"_s).toInt(), 5);
 }
 
 QTEST_GUILESS_MAIN(TestIniFormat)

@@ -317,14 +317,17 @@ bool read(QIODevice &device, QSettings::SettingsMap &map)
             continue;
         if (line.startsWith(u'[')) {
             const qsizetype close = line.indexOf(u']');
-            section =
-                normalizedKey(unescapedKey(line.sliced(1, (close < 0 ? line.size() : close) - 1)));
+            const QStringView raw = line.sliced(1, (close < 0 ? line.size() : close) - 1).trimmed();
             // [General] holds the keys without a section; a section of that
-            // name is written [%General], as Qt does.
+            // name is written [%General], as Qt does, and is recognised before
+            // unescaping, which would read "%Ge" as a byte.
+            if (raw.compare(u"%General", Qt::CaseInsensitive) == 0) {
+                section = raw.sliced(1).toString();
+                continue;
+            }
+            section = normalizedKey(unescapedKey(raw));
             if (section.compare(u"General", Qt::CaseInsensitive) == 0)
                 section.clear();
-            else if (section.compare(u"%General", Qt::CaseInsensitive) == 0)
-                section = section.sliced(1);
             continue;
         }
         const qsizetype equals = line.indexOf(u'=');
