@@ -23,7 +23,6 @@ private Q_SLOTS:
     void everyRedirectStatusCounts();
     void missingLocationEndsTheWalk();
     void redirectLoopsEndAtTheLimit();
-    void silentServerTimesOutWithoutBlocking();
     void failureAfterRedirectsKeepsTheLastTarget();
     void neverLeavesTheWeb_data();
     void neverLeavesTheWeb();
@@ -122,23 +121,6 @@ void TestURLExpander::redirectLoopsEndAtTheLimit()
     QCOMPARE(m_server->requestCount(u"/self"_s), 5);
 }
 
-void TestURLExpander::silentServerTimesOutWithoutBlocking()
-{
-    m_server->on(u"/hang"_s, {200, {}, true, {}});
-    int ticks = 0;
-    QTimer ticker;
-    connect(&ticker, &QTimer::timeout, this, [&ticks] { ++ticks; });
-    ticker.start(100);
-    QElapsedTimer clock;
-    clock.start();
-    QTest::ignoreMessage(QtCriticalMsg, "Expansion failed at step 0: The request timed out.");
-    QCOMPARE(expand(u"/hang"_s).toString(), QString(m_server->baseUrl() + u"/hang"_s));
-    QVERIFY(clock.elapsed() >= URLExpander::RequestTimeoutMs - 100);
-    QVERIFY(clock.elapsed() < URLExpander::RequestTimeoutMs + 5000);
-    // The event loop kept running while the expansion waited.
-    QVERIFY(ticks >= 10);
-}
-
 void TestURLExpander::failureAfterRedirectsKeepsTheLastTarget()
 {
     // A port on which nothing listens any more.
@@ -177,6 +159,7 @@ void TestURLExpander::hostileServers_data()
 {
     QTest::addColumn<QString>("path");
     QTest::addColumn<bool>("https");
+    QTest::newRow("never answers") << u"/hang"_s << false;
     QTest::newRow("trickles bytes") << u"/drip"_s << false;
     QTest::newRow("10 MB header") << u"/huge"_s << false;
     QTest::newRow("TLS to a plain server") << u"/tls"_s << true;
@@ -186,6 +169,7 @@ void TestURLExpander::hostileServers()
 {
     QFETCH(QString, path);
     QFETCH(bool, https);
+    m_server->on(u"/hang"_s, {200, {}, true, {}, false});
     m_server->on(u"/drip"_s, {200, {}, false, {}, true});
     m_server->on(u"/huge"_s,
                  {302,
@@ -203,15 +187,15 @@ void TestURLExpander::hostileServers()
     ticker.start(50);
     QElapsedTimer clock;
     clock.start();
-    QTest::failOnWarning(QRegularExpression(u"^(?!Expansion failed)"_s));
-    QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.URLExpander=false"_s);
+    // Each ends by its deadline, and says so.
+    QTest::ignoreMessage(QtCriticalMsg, "Expansion failed at step 0: The request timed out.");
     QFuture<Link> future = URLExpander::expand(link(start));
     QVERIFY(QTest::qWaitFor([&] { return future.isFinished(); },
                             URLExpander::MaxRequests * URLExpander::RequestTimeoutMs));
-    QLoggingCategory::setFilterRules(QString());
     QCOMPARE(future.result().toString(), start);
     qInfo("%s: ended after %lld ms", QTest::currentDataTag(),
           static_cast<long long>(clock.elapsed()));
+    QVERIFY(clock.elapsed() >= URLExpander::RequestTimeoutMs - 100);
     QVERIFY2(clock.elapsed() <= URLExpander::RequestTimeoutMs + 1500,
              qPrintable(QString::number(clock.elapsed())));
     QVERIFY(ticks >= clock.elapsed() / 50 / 2);
