@@ -1,10 +1,13 @@
 #include "Storage/HistoryStore.h"
 #include "Storage/RuleStore.h"
 #include "Storage/SettingsKeys.h"
+#include "Storage/UserSettings.h"
 #include "TestSupport.h"
 
 #include <QLocale>
+#include <QLockFile>
 #include <QTest>
+#include <QThread>
 #include <QTimeZone>
 
 using namespace Qt::Literals::StringLiterals;
@@ -54,6 +57,7 @@ private Q_SLOTS:
     void historyBytesAreThoseOfAFullEncoding();
     void historyTodayCount();
     void historyClear();
+    void settingsLocks();
 
 private:
     std::unique_ptr<TestEnvironment> m_environment;
@@ -234,6 +238,51 @@ void TestStores::historyClear()
     QTest::ignoreMessage(QtInfoMsg, "Forwarding history cleared");
     HistoryStore::clearHistory(*m_settings);
     QVERIFY(!reopened(*m_environment)->contains(u"forwarding_history"_s));
+}
+
+// A writer killed between creating its lock file and filling it in leaves a lock
+// that names nobody. Writes must not wait for it to age; a live writer's lock
+// is still waited for.
+void TestStores::settingsLocks()
+{
+    const QString path = m_environment->settingsPath();
+    std::atomic<bool> written = false;
+    std::unique_ptr<QThread> writer;
+    // Writes the fallback from a thread of its own, as another process would.
+    const auto startWriting = [&](const QString &fallback) {
+        written = false;
+        writer.reset(QThread::create([&, fallback] {
+            RuleStore(*UserSettings::open(path)).saveDefaultBrowserBundleID(fallback);
+            written = true;
+        }));
+        writer->start();
+    };
+    const auto finished = [&] {
+        // (Stuck behind an abandoned lock, QSettings would wait 30 s for it to go stale.)
+        const bool done = QTest::qWaitFor([&] { return written.load(); }, 10000);
+        writer->wait();
+        return done;
+    };
+
+    // Just created, as a writer may be filling it in: not removed at once.
+    writeFile(path + u".lock"_s, {});
+    QTest::ignoreMessage(QtWarningMsg,
+                         QRegularExpression(u"^Removing the abandoned settings lock .*"_s));
+    startWriting(u"after-the-crash"_s);
+    QVERIFY(finished());
+    QVERIFY(!QFile::exists(path + u".lock"_s));
+    QCOMPARE(RuleStore(*reopened(*m_environment)).loadDefaultBrowserBundleID(),
+             u"after-the-crash"_s);
+
+    QLockFile held(path + u".lock"_s);
+    QVERIFY(held.tryLock(0));
+    startWriting(u"after-the-writer"_s);
+    QTest::qWait(300);
+    QVERIFY(!written);
+    held.unlock();
+    QVERIFY(finished());
+    QCOMPARE(RuleStore(*reopened(*m_environment)).loadDefaultBrowserBundleID(),
+             u"after-the-writer"_s);
 }
 
 QTEST_GUILESS_MAIN(TestStores)

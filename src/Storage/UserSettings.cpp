@@ -3,8 +3,11 @@
 #include "Platform/SystemLog.h"
 #include "Storage/IniFormat.h"
 
+#include <QDateTime>
 #include <QFileInfo>
+#include <QLockFile>
 #include <QStandardPaths>
+#include <QThread>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -27,6 +30,37 @@ namespace {
 // Whether the file was there when opened or has been written since: only then
 // does its absence mean someone deleted it.
 const char *const OnDisk = "quillvane_on_disk";
+
+// How long a writer may take to fill in the lock file it has just created: it
+// writes its pid in the same call, so this is generous.
+constexpr int LockFillTime = 100;
+
+// A writer killed between creating its lock file and filling it in (a crash, the
+// OOM killer, a power cut) leaves a lock that names nobody, and QSettings would
+// wait until it is 30 s old before every write: the link being routed would wait
+// with it. A lock naming a process is left to QSettings, which knows whether that
+// process still runs.
+void clearAbandonedLock(const QString &settingsPath)
+{
+    const QString path = settingsPath + u".lock"_s;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        const QFileInfo info(path);
+        qint64 pid = 0;
+        QString host;
+        QString application;
+        if (!info.exists() || QLockFile(path).getLockInfo(&pid, &host, &application))
+            return;
+        const qint64 age = qAbs(info.lastModified().msecsTo(QDateTime::currentDateTime()));
+        if (age >= LockFillTime) {
+            qCWarning(lcSettings).noquote()
+                << u"Removing the abandoned settings lock %1: its writer ended before filling it in."_s
+                       .arg(path);
+            QFile::remove(path);
+            return;
+        }
+        QThread::msleep(LockFillTime - age);
+    }
+}
 } // namespace
 
 std::unique_ptr<QSettings> open(const QString &path)
@@ -48,6 +82,7 @@ bool commit(QSettings &settings)
         for (const QString &key : settings.allKeys())
             settings.setValue(key, settings.value(key));
     }
+    clearAbandonedLock(settings.fileName());
     settings.sync();
     switch (settings.status()) {
     case QSettings::NoError:
