@@ -360,6 +360,12 @@ void TestSettingsWindow::generalPane()
     QTest::mouseClick(login, Qt::LeftButton, {}, QPoint(8, login->height() / 2));
     QVERIFY(m_app->state->launchAtLogin());
     QVERIFY(m_app->autostart.enabled);
+
+    // The tests' build has no update feed: the switch would do nothing, and says why.
+    auto *automatic = pane.findChild<QCheckBox *>(u"automaticUpdatesSwitch"_s);
+    QVERIFY(!automatic->isEnabled());
+    QCOMPARE(automatic->toolTip(),
+             u"Updates for this build are provided by your package manager."_s);
 }
 
 void TestSettingsWindow::importAndExport()

@@ -45,7 +45,7 @@ void UpdateController::checkForUpdates()
     if (!m_checker) {
         QTimer::singleShot(0, this, [] {
             MessageBox::inform(u"Check for Updates"_s,
-                               u"Updates for this build are provided by your package manager."_s);
+                               QString::fromUtf16(BuildInfo::UpdatesByPackageManager));
         });
         return;
     }

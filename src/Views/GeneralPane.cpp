@@ -117,6 +117,12 @@ GeneralPane::GeneralPane(AppState &state, QSettings &settings, DesktopEntries &e
     automatic->setChecked(SettingsKeys::read(m_settings, SettingsKeys::AutomaticUpdateChecks));
     connect(automatic, &QCheckBox::toggled, this,
             [this](bool on) { m_settings.setValue(SettingsKeys::AutomaticUpdateChecks.name, on); });
+    // Kept, so that a build with a feed reads the same setting, but greyed where
+    // nothing would be checked.
+    if (QStringView(BuildInfo::UpdateFeed).isEmpty()) {
+        automatic->setEnabled(false);
+        automatic->setToolTip(QString::fromUtf16(BuildInfo::UpdatesByPackageManager));
+    }
     updates->addWidget(automatic);
     updates->addWidget(ViewKit::caption(
         u"Updates are distributed via GitHub Releases with EdDSA signature verification."_s));
