@@ -17,6 +17,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QProcess>
+#include <QScopeGuard>
 #include <QStandardPaths>
 #include <QTest>
 
@@ -52,6 +53,7 @@ private Q_SLOTS:
     void burstOfLinks();
     void thousandLinksFromSeveralSources();
     void settingsDeletedWhileRunning();
+    void settingsThatCannotBeWritten_data();
     void settingsThatCannotBeWritten();
     void killedWhileWriting();
     void sessionBusRestarts();
@@ -402,51 +404,98 @@ void TestEndToEnd::settingsDeletedWhileRunning()
              u"fallback-browser"_s);
 }
 
-// A full disk, as the process sees it: no file may grow beyond 1 KiB. Links
+// The settings cannot be written: a process limited to files of 1 KiB, a full
+// disk (a tmpfs filled up) and a read-only one (a read-only bind mount). Links
 // still open, the file on disk stays whole, and once writing works again
 // nothing is missing.
+void TestEndToEnd::settingsThatCannotBeWritten_data()
+{
+    QTest::addColumn<QString>("fault");
+    QTest::newRow("file size limit") << u"file size limit"_s;
+    QTest::newRow("full disk") << u"full disk"_s;
+    QTest::newRow("read-only disk") << u"read-only disk"_s;
+}
+
 void TestEndToEnd::settingsThatCannotBeWritten()
 {
-    if (QStandardPaths::findExecutable(u"prlimit"_s).isEmpty())
-        QSKIP("prlimit (util-linux) is not installed");
+    QFETCH(QString, fault);
+    const QString folder = m_desktop->configHome() + u"/Quillvane"_s;
+    const QString path = folder + u"/Quillvane.conf"_s;
+    const auto contents = [&path] {
+        QFile file(path);
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    };
+    // Beyond the file size limit.
+    QDBusConnection::sessionBus().call(
+        openCall(QStringList(8, u"https://other.example/before-the-fault"_s)));
+    QTRY_VERIFY(contents().size() > 1024);
     stopInstance();
-    const QString path = m_desktop->configHome() + u"/Quillvane/Quillvane.conf"_s;
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    const QByteArray onDisk = file.readAll();
-    file.close();
-    QVERIFY(onDisk.size() > 1024);
+    const QByteArray onDisk = contents();
+    const auto shell = [](const QString &command) {
+        return QProcess::execute(u"sh"_s, {u"-c"_s, command}) == 0;
+    };
 
     QProcess instance;
     instance.setProcessChannelMode(QProcess::MergedChannels);
-    instance.start(u"bash"_s, {u"-c"_s, u"trap '' XFSZ; ulimit -S -f 1; exec '%1'"_s.arg(
-                                            program(u"quillvane"_s))});
+    std::function<bool()> lift;
+    std::function<void()> unmount = [] {};
+    const QString quotedFolder = u"'"_s + folder + u"'"_s;
+    if (fault == u"file size limit") {
+        if (QStandardPaths::findExecutable(u"prlimit"_s).isEmpty())
+            QSKIP("prlimit (util-linux) is not installed");
+        // (A browser it starts inherits the limit: one that writes little.)
+        instance.start(u"bash"_s, {u"-c"_s, u"trap '' XFSZ; ulimit -S -f 1; exec '%1'"_s.arg(
+                                                program(u"quillvane"_s))});
+        lift = [&instance] {
+            return QProcess::execute(u"prlimit"_s,
+                                     {u"--pid"_s, QString::number(instance.processId()),
+                                      u"--fsize=unlimited:unlimited"_s})
+                   == 0;
+        };
+    } else {
+        if (fault == u"full disk") {
+            if (!shell(u"mount -t tmpfs -o size=256k quillvane-test %1 2>/dev/null"_s.arg(
+                    quotedFolder)))
+                QSKIP("needs the permission to mount a tmpfs");
+            writeFile(path, onDisk);
+            // Filled up to the last block.
+            shell(u"cat /dev/zero > %1/filler 2>/dev/null"_s.arg(quotedFolder));
+            lift = [&] { return QFile::remove(folder + u"/filler"_s); };
+        } else {
+            if (!shell(u"mount --bind %1 %1 2>/dev/null && mount -o remount,bind,ro %1"_s.arg(
+                    quotedFolder)))
+                QSKIP("needs the permission to make a read-only bind mount");
+            lift = [&] { return shell(u"mount -o remount,bind,rw "_s + quotedFolder); };
+        }
+        // What the instance wrote there goes back to the real folder.
+        unmount = [&] {
+            const QByteArray written = contents();
+            if (shell(u"umount "_s + quotedFolder))
+                writeFile(path, written);
+        };
+        instance.start(program(u"quillvane"_s), {});
+    }
+    const auto cleanup = qScopeGuard([&] {
+        stopInstance();
+        instance.waitForFinished(5000);
+        unmount();
+    });
     QTRY_VERIFY_WITH_TIMEOUT(instancePid() == instance.processId(), 10000);
-    // (A browser it starts inherits the limit: one that writes little.)
     m_desktop->forget(u"fallback-browser"_s);
-    QDBusConnection::sessionBus().call(openCall({u"https://other.example/disk-full"_s}));
+    QDBusConnection::sessionBus().call(openCall({u"https://other.example/cannot-write"_s}));
     QVERIFY(m_desktop->waitForRun(u"fallback-browser"_s));
     QByteArray said;
     QTRY_VERIFY((said += instance.readAll()).contains("Could not write the settings file"));
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QCOMPARE(file.readAll(), onDisk);
-    file.close();
+    QCOMPARE(contents(), onDisk);
 
-    QCOMPARE(QProcess::execute(u"prlimit"_s, {u"--pid"_s, QString::number(instance.processId()),
-                                              u"--fsize=unlimited:unlimited"_s}),
-             0);
-    QDBusConnection::sessionBus().call(openCall({u"https://other.example/disk-freed"_s}));
-    QTRY_COMPARE_WITH_TIMEOUT(
-        HistoryStore::loadHistory(*InstalledQuillvane::storedSettings(*m_desktop))
-            .value(0)
-            .originalURL,
-        u"https://other.example/disk-freed"_s, 20000);
-    const QList<ForwardingRecord> history =
-        HistoryStore::loadHistory(*InstalledQuillvane::storedSettings(*m_desktop));
-    QCOMPARE(history.value(0).originalURL, u"https://other.example/disk-freed"_s);
-    QCOMPARE(history.value(1).originalURL, u"https://other.example/disk-full"_s);
-    stopInstance();
-    QTRY_COMPARE(instance.state(), QProcess::NotRunning);
+    QVERIFY(lift());
+    QDBusConnection::sessionBus().call(openCall({u"https://other.example/can-write"_s}));
+    const auto history = [&] {
+        return HistoryStore::loadHistory(*InstalledQuillvane::storedSettings(*m_desktop));
+    };
+    QTRY_COMPARE_WITH_TIMEOUT(history().value(0).originalURL, u"https://other.example/can-write"_s,
+                              20000);
+    QCOMPARE(history().value(1).originalURL, u"https://other.example/cannot-write"_s);
 }
 
 // Killed at any moment, even while writing: the settings file stays readable

@@ -4,6 +4,9 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <csignal>
+#include <sys/resource.h>
+
 using namespace Qt::Literals::StringLiterals;
 
 namespace {
@@ -50,6 +53,7 @@ private Q_SLOTS:
     void ourFileReadsBackAndQtAgrees();
     void qtFileReadsBack();
     void handWrittenFile();
+    void writeThatDoesNotFit();
 };
 
 void TestIniFormat::ourFileReadsBackAndQtAgrees()
@@ -119,6 +123,38 @@ void TestIniFormat::handWrittenFile()
     QCOMPARE(settings->value(u"Other Section/trailing"_s).toInt(), 2);
     QCOMPARE(settings->value(u"a/b/c"_s).toInt(), 3);
     QCOMPARE(settings->value(u"General/sub"_s).toInt(), 5);
+}
+
+// The file system takes only part of the bytes (a full disk, a file size limit):
+// the write fails, and the file on disk stays as it was.
+void TestIniFormat::writeThatDoesNotFit()
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath(u"Quillvane.conf"_s);
+    auto settings = UserSettings::open(path);
+    settings->setValue(u"routing_rules"_s, QByteArray(900, 'r'));
+    settings->sync();
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    const QByteArray before = file.readAll();
+    file.close();
+
+    rlimit saved{};
+    QCOMPARE(::getrlimit(RLIMIT_FSIZE, &saved), 0);
+    const auto previousHandler = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit limited = saved;
+    limited.rlim_cur = 1024;
+    QCOMPARE(::setrlimit(RLIMIT_FSIZE, &limited), 0);
+    // Small enough to sit in the file's buffer until the very end.
+    settings->setValue(u"forwarding_history"_s, QByteArray(1500, 'h'));
+    settings->sync();
+    const QSettings::Status status = settings->status();
+    ::setrlimit(RLIMIT_FSIZE, &saved);
+    std::signal(SIGXFSZ, previousHandler);
+
+    QCOMPARE(status, QSettings::AccessError);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    QCOMPARE(file.readAll(), before);
 }
 
 QTEST_GUILESS_MAIN(TestIniFormat)

@@ -1,5 +1,6 @@
 #include "Storage/IniFormat.h"
 
+#include <QFileDevice>
 #include <QHash>
 #include <QIODevice>
 #include <QMutex>
@@ -390,7 +391,14 @@ bool write(QIODevice &device, const QSettings::SettingsMap &map)
             out += '\n';
         }
     }
-    return device.write(out) == out.size();
+    if (device.write(out) != out.size())
+        return false;
+    // A file keeps a write this small in its buffer, and QSaveFile does not see
+    // that emptying the buffer at commit failed (a full disk, a file size limit):
+    // a truncated file would replace the good one.
+    if (auto *file = qobject_cast<QFileDevice *>(&device))
+        return file->flush();
+    return true;
 }
 
 } // namespace IniFormat
