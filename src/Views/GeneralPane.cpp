@@ -3,6 +3,7 @@
 #include "App/AppState.h"
 #include "App/BuildInfo.h"
 #include "Storage/SettingsKeys.h"
+#include "Storage/UserSettings.h"
 #include "Views/BrowserIcons.h"
 #include "Views/ConfigPane.h"
 #include "Views/ViewKit.h"
@@ -115,8 +116,10 @@ GeneralPane::GeneralPane(AppState &state, QSettings &settings, DesktopEntries &e
     auto *automatic = new QCheckBox(u"Automatically check for updates"_s);
     automatic->setObjectName(u"automaticUpdatesSwitch"_s);
     automatic->setChecked(SettingsKeys::read(m_settings, SettingsKeys::AutomaticUpdateChecks));
-    connect(automatic, &QCheckBox::toggled, this,
-            [this](bool on) { m_settings.setValue(SettingsKeys::AutomaticUpdateChecks.name, on); });
+    connect(automatic, &QCheckBox::toggled, this, [this](bool on) {
+        m_settings.setValue(SettingsKeys::AutomaticUpdateChecks.name, on);
+        UserSettings::commit(m_settings);
+    });
     // Kept, so that a build with a feed reads the same setting, but greyed where
     // nothing would be checked.
     if (QStringView(BuildInfo::UpdateFeed).isEmpty()) {
