@@ -6,6 +6,7 @@
 
 #include <QLocale>
 #include <QLockFile>
+#include <QScopeGuard>
 #include <QTest>
 #include <QThread>
 #include <QTimeZone>
@@ -248,6 +249,11 @@ void TestStores::settingsLocks()
     const QString path = m_environment->settingsPath();
     std::atomic<bool> written = false;
     std::unique_ptr<QThread> writer;
+    // (After any lock held below is released.)
+    const auto join = qScopeGuard([&] {
+        if (writer)
+            writer->wait();
+    });
     // Writes the fallback from a thread of its own, as another process would.
     const auto startWriting = [&](const QString &fallback) {
         written = false;
@@ -264,7 +270,8 @@ void TestStores::settingsLocks()
         return done;
     };
 
-    // Just created, as a writer may be filling it in: not removed at once.
+    // Empty, as a killed writer leaves it (so fresh here that the cleanup first
+    // gives a writer the time to fill it in).
     writeFile(path + u".lock"_s, {});
     QTest::ignoreMessage(QtWarningMsg,
                          QRegularExpression(u"^Removing the abandoned settings lock .*"_s));
