@@ -9,6 +9,7 @@
 #include <QDBusMetaType>
 #include <QDir>
 #include <QProcess>
+#include <QTemporaryFile>
 #include <QTest>
 
 #include <signal.h>
@@ -29,10 +30,9 @@ bool InstalledQuillvane::setUp(const QString &buildDir, const FakeDesktop &deskt
 
     qDBusRegisterMetaType<QMap<QString, QString>>();
     QMap<QString, QString> variables;
-    for (const char *name :
-         {"HOME", "XDG_DATA_HOME", "XDG_DATA_DIRS", "XDG_CONFIG_HOME", "XDG_CONFIG_DIRS",
-          "XDG_RUNTIME_DIR", "QT_QPA_PLATFORM", "PATH", "DISPLAY", "XAUTHORITY",
-          "ASAN_OPTIONS", "UBSAN_OPTIONS"}) {
+    for (const char *name : {"HOME", "XDG_DATA_HOME", "XDG_DATA_DIRS", "XDG_CONFIG_HOME",
+                             "XDG_CONFIG_DIRS", "XDG_RUNTIME_DIR", "QT_QPA_PLATFORM", "PATH",
+                             "DISPLAY", "XAUTHORITY", "ASAN_OPTIONS", "UBSAN_OPTIONS"}) {
         if (qEnvironmentVariableIsSet(name))
             variables.insert(QString::fromLatin1(name), qEnvironmentVariable(name));
     }
@@ -43,16 +43,27 @@ bool InstalledQuillvane::setUp(const QString &buildDir, const FakeDesktop &deskt
     return QDBusConnection::sessionBus().call(update).type() == QDBusMessage::ReplyMessage;
 }
 
-std::unique_ptr<QSettings> InstalledQuillvane::storedSettings(const FakeDesktop &desktop)
+std::unique_ptr<QSettings> InstalledQuillvane::settingsToSeed(const FakeDesktop &desktop)
 {
     return UserSettings::open(desktop.configHome() + u"/Quillvane/Quillvane.conf"_s);
+}
+
+std::unique_ptr<QSettings> InstalledQuillvane::storedSettings(const FakeDesktop &desktop)
+{
+    QFile stored(desktop.configHome() + u"/Quillvane/Quillvane.conf"_s);
+    QTemporaryFile copy(QDir::tempPath() + u"/quillvane-settings-XXXXXX.conf"_s);
+    if (!copy.open() || (stored.open(QIODevice::ReadOnly) && copy.write(stored.readAll()) < 0))
+        qFatal("could not copy the stored settings");
+    copy.close();
+    // Read whole when opened; the copy is not needed after.
+    return UserSettings::open(copy.fileName());
 }
 
 void InstalledQuillvane::seedAlphaAndBeta(FakeDesktop &desktop, const QList<RoutingRule> &rules)
 {
     desktop.addBrowser(u"alpha-browser"_s, u"Alpha"_s);
     desktop.addBrowser(u"beta-browser"_s, u"Beta"_s);
-    auto settings = storedSettings(desktop);
+    auto settings = settingsToSeed(desktop);
     RuleStore store(*settings);
     store.saveRules(rules);
     store.saveDefaultBrowserBundleID(u"beta-browser"_s);

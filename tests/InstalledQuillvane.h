@@ -27,7 +27,13 @@ public:
     QString program(const QString &name) const { return m_prefix + u"/bin/" + name; }
     QString prefix() const { return m_prefix; }
 
-    // The settings file the installed Quillvane reads in that desktop.
+    // The settings file the installed Quillvane reads in that desktop, opened for
+    // seeding it before Quillvane runs.
+    static std::unique_ptr<QSettings> settingsToSeed(const FakeDesktop &desktop);
+    // What that file holds now, read from a copy. Qt keeps one parsed copy of each
+    // settings file per process, and a read that overlaps Quillvane replacing the
+    // file can leave it stale for good: the keys of the old file filed under the
+    // size and time of the new one, which every later read then trusts.
     static std::unique_ptr<QSettings> storedSettings(const FakeDesktop &desktop);
     // Browsers Alpha and Beta installed, the rules stored, Beta the fallback:
     // what the tray tests start from.

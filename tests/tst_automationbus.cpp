@@ -108,7 +108,7 @@ void TestAutomationBus::initTestCase()
     const RoutingRule docs{QUuid::createUuid(), QString(),         QString(),   u"docs-browser"_s,
                            u"Docs Browser"_s,   u"docs.example"_s, std::nullopt};
     m_docsRuleId = docs.id.toString(QUuid::WithoutBraces).toUpper();
-    auto settings = storedSettings();
+    auto settings = InstalledQuillvane::settingsToSeed(*m_desktop);
     RuleStore store(*settings);
     store.saveRules({docs});
     store.saveDefaultBrowserBundleID(u"fallback-browser"_s);
