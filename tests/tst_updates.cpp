@@ -66,6 +66,7 @@ class TestUpdates : public QObject
 private:
     KeyPair m_keys;
     KeyPair m_otherKeys;
+    QTemporaryDir m_settingsDir;
 
     QByteArray signedItem(const QString &version, const QString &notes) const
     {
@@ -225,8 +226,7 @@ private Q_SLOTS:
 
     void buildsWithoutAFeedPointToThePackageManager()
     {
-        QSettings settings(QSettings::IniFormat, QSettings::UserScope, u"QuillvaneTest"_s,
-                           u"updates"_s);
+        QSettings settings(m_settingsDir.filePath(u"updates.ini"_s), QSettings::IniFormat);
         UpdateController updates(settings, nullptr, {});
         QVERIFY(!updates.checkIfDue());
         updates.checkForUpdates();
@@ -242,8 +242,7 @@ private Q_SLOTS:
         server.serve(u"/same"_s, feed({signedItem(QString::fromUtf16(BuildInfo::Version), notes)}));
         server.serve(u"/forged"_s,
                      feed({item(u"7.0"_s, notes, m_otherKeys.sign(u"7.0"_s, notes))}));
-        QSettings settings(QSettings::IniFormat, QSettings::UserScope, u"QuillvaneTest"_s,
-                           u"updates"_s);
+        QSettings settings(m_settingsDir.filePath(u"updates.ini"_s), QSettings::IniFormat);
         QList<QUrl> opened;
         // The controller answers the user when its checker finishes, so it has to live
         // until then: the server having seen the request says nothing about the answer.
@@ -282,14 +281,13 @@ private Q_SLOTS:
     {
         TestHttpServer server;
         server.serve(u"/same"_s, feed({}));
-        QSettings settings(QSettings::IniFormat, QSettings::UserScope, u"QuillvaneTest"_s,
-                           u"automatic"_s);
-        settings.clear();
-        UpdateController updates(
-            settings,
-            std::make_unique<UpdateChecker>(QUrl(server.baseUrl() + u"/same"_s), m_keys.publicKey,
-                                            u"1.0"_s),
-            {});
+        QSettings settings(m_settingsDir.filePath(u"automatic.ini"_s), QSettings::IniFormat);
+        auto checker = std::make_unique<UpdateChecker>(QUrl(server.baseUrl() + u"/same"_s),
+                                                       m_keys.publicKey, u"1.0"_s);
+        // Connected before the controller, so that when it fires the controller has
+        // been told too by the time the wait ends.
+        QSignalSpy answered(checker.get(), &UpdateChecker::finished);
+        UpdateController updates(settings, std::move(checker), {});
         QDateTime now = QDateTime::fromString(u"2026-11-20T08:00:00Z"_s, Qt::ISODate);
         updates.clock = [&] { return now; };
         MessageBox::setInformQuietly(true);
@@ -298,27 +296,25 @@ private Q_SLOTS:
 
         QVERIFY(updates.checkIfDue());
         QVERIFY(!updates.checkIfDue()); // one at a time
-        QTRY_COMPARE(server.requestCount(u"/same"_s), 1);
+        QVERIFY(answered.wait(10000));
+        QCOMPARE(server.requestCount(u"/same"_s), 1);
         QCOMPARE(SettingsKeys::read(settings, SettingsKeys::LastUpdateCheck),
                  u"2026-11-20T08:00:00Z"_s);
 
-        // The answer has been read once the request is in and the loop has run.
-        const auto settle = [] { QTest::qWait(100); };
-        settle();
         now = now.addSecs(23 * 3600);
         QVERIFY(!updates.checkIfDue());
         now = now.addSecs(3600);
         QVERIFY(updates.checkIfDue());
-        QTRY_COMPARE(server.requestCount(u"/same"_s), 2);
+        QVERIFY(answered.wait(10000));
+        QCOMPARE(server.requestCount(u"/same"_s), 2);
         // Being up to date is not worth an interruption.
-        settle();
         QCOMPARE(MessageBox::lastInformTitle(), informedBefore);
 
         // A clock that was set wrong once does not stop checks for good.
         settings.setValue(SettingsKeys::LastUpdateCheck.name, u"2099-01-01T00:00:00Z"_s);
         QVERIFY(updates.checkIfDue());
-        QTRY_COMPARE(server.requestCount(u"/same"_s), 3);
-        settle();
+        QVERIFY(answered.wait(10000));
+        QCOMPARE(server.requestCount(u"/same"_s), 3);
 
         settings.setValue(SettingsKeys::AutomaticUpdateChecks.name, false);
         now = now.addDays(30);
