@@ -65,6 +65,12 @@ private:
     static qint64 instancePid() { return InstalledQuillvane::instancePid(); }
     static void stopInstance() { QVERIFY(InstalledQuillvane::stop()); }
     QStringList burstLog() const;
+    // What Quillvane has stored, read afresh each time.
+    std::unique_ptr<QSettings> stored() const
+    {
+        return InstalledQuillvane::storedSettings(*m_desktop);
+    }
+    QList<ForwardingRecord> storedHistory() const { return HistoryStore::loadHistory(*stored()); }
     QStringList arrivedLinks(int count, int timeout) const;
     static void finishAll(const QList<QProcess *> &senders, int timeout);
 
@@ -171,11 +177,8 @@ void TestEndToEnd::firstLinkStartsQuillvane()
     QVERIFY(instancePid() > 0);
 
     // The count and the history are on disk; the trail is in the runtime folder.
-    // Read afresh each time: an open settings object keeps what it read first.
-    const auto stored = [this] { return InstalledQuillvane::storedSettings(*m_desktop); };
-    QTRY_COMPARE(HistoryStore::loadHistory(*stored()).size(), 1);
-    const auto settings = stored();
-    QCOMPARE(settings->value(u"today_forward_count"_s).toInt(), 1);
+    QTRY_COMPARE(storedHistory().size(), 1);
+    QCOMPARE(stored()->value(u"today_forward_count"_s).toInt(), 1);
     QFile trail(m_desktop->root() + u"/run/Quillvane.log"_s);
     QVERIFY(trail.open(QIODevice::ReadOnly));
     const QByteArray lines = trail.readAll();
@@ -338,9 +341,7 @@ void TestEndToEnd::thousandLinksFromSeveralSources()
     QTRY_COMPARE_WITH_TIMEOUT(burstLog().size(), 100, 20000);
     const qint64 pid = instancePid();
     const qint64 before = residentKiB(pid);
-    const qint64 countBefore = InstalledQuillvane::storedSettings(*m_desktop)
-                                   ->value(u"today_forward_count"_s)
-                                   .toLongLong();
+    const qint64 countBefore = stored()->value(u"today_forward_count"_s).toLongLong();
     QFile::remove(m_desktop->root() + u"/burst.log"_s);
 
     QElapsedTimer clock;
@@ -381,12 +382,9 @@ void TestEndToEnd::thousandLinksFromSeveralSources()
     QCOMPARE(links.size(), 1000);
     QCOMPARE(QSet<QString>(links.cbegin(), links.cend()).size(), 1000);
 
-    QTRY_COMPARE_WITH_TIMEOUT(InstalledQuillvane::storedSettings(*m_desktop)
-                                  ->value(u"today_forward_count"_s)
-                                  .toLongLong(),
+    QTRY_COMPARE_WITH_TIMEOUT(stored()->value(u"today_forward_count"_s).toLongLong(),
                               countBefore + 1000, 20000);
-    const QList<ForwardingRecord> history =
-        HistoryStore::loadHistory(*InstalledQuillvane::storedSettings(*m_desktop));
+    const QList<ForwardingRecord> history = storedHistory();
     QCOMPARE(history.size(), HistoryStore::MaxRecords);
     for (const ForwardingRecord &record : history)
         QVERIFY(!record.originalURL.endsWith(u"/warm"_s));
@@ -411,9 +409,8 @@ void TestEndToEnd::settingsDeletedWhileRunning()
              QDBusMessage::ReplyMessage);
     // Written again from what Quillvane holds: the rules and the fallback survive.
     QTRY_VERIFY(QFile::exists(path));
-    QTRY_COMPARE(RuleStore(*InstalledQuillvane::storedSettings(*m_desktop)).loadRules().size(), 3);
-    QCOMPARE(InstalledQuillvane::storedSettings(*m_desktop)->value(u"default_browser_bundle_id"_s),
-             u"fallback-browser"_s);
+    QTRY_COMPARE(RuleStore(*stored()).loadRules().size(), 3);
+    QCOMPARE(stored()->value(u"default_browser_bundle_id"_s), u"fallback-browser"_s);
 }
 
 // The settings cannot be written: a process limited to files of 1 KiB, a full
@@ -502,12 +499,9 @@ void TestEndToEnd::settingsThatCannotBeWritten()
 
     QVERIFY(lift());
     QDBusConnection::sessionBus().call(openCall({u"https://other.example/can-write"_s}));
-    const auto history = [&] {
-        return HistoryStore::loadHistory(*InstalledQuillvane::storedSettings(*m_desktop));
-    };
-    QTRY_COMPARE_WITH_TIMEOUT(history().value(0).originalURL, u"https://other.example/can-write"_s,
-                              20000);
-    QCOMPARE(history().value(1).originalURL, u"https://other.example/cannot-write"_s);
+    QTRY_COMPARE_WITH_TIMEOUT(storedHistory().value(0).originalURL,
+                              u"https://other.example/can-write"_s, 20000);
+    QCOMPARE(storedHistory().value(1).originalURL, u"https://other.example/cannot-write"_s);
 }
 
 // Killed at any moment, even while writing: the settings file stays readable
@@ -515,11 +509,7 @@ void TestEndToEnd::settingsThatCannotBeWritten()
 void TestEndToEnd::killedWhileWriting()
 {
     const QString path = m_desktop->configHome() + u"/Quillvane/Quillvane.conf"_s;
-    const auto newestLink = [this] {
-        return HistoryStore::loadHistory(*InstalledQuillvane::storedSettings(*m_desktop))
-            .value(0)
-            .originalURL;
-    };
+    const auto newestLink = [this] { return storedHistory().value(0).originalURL; };
     QDBusConnection::sessionBus().call(openCall({u"https://burst.example/before-the-kills"_s}));
     QTRY_COMPARE(newestLink(), u"https://burst.example/before-the-kills"_s);
     for (int round = 0; round < 8; ++round) {
