@@ -14,7 +14,6 @@ class TestURLExpander final : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
     void init();
     void cleanup();
     void finalAnswerAtOnce();
@@ -38,13 +37,10 @@ private:
     std::unique_ptr<TestHttpServer> m_server;
 };
 
-void TestURLExpander::initTestCase()
-{
-    QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*.debug=true"_s);
-}
-
 void TestURLExpander::init()
 {
+    // Each test as if it ran alone, whatever ran before it.
+    QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*.debug=true"_s);
     m_server = std::make_unique<TestHttpServer>();
 }
 
@@ -226,7 +222,6 @@ void TestURLExpander::oddLocations()
     m_server->on(reached.isEmpty() ? u"/unused"_s : reached, {200, {}, false, {}, false});
     QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.URLExpander=false"_s);
     const Link result = expand(u"/a"_s);
-    QLoggingCategory::setFilterRules(QString());
     if (reached.isEmpty()) {
         QCOMPARE(result.toString(), QString(m_server->baseUrl() + u"/b"_s));
     } else {

@@ -9,6 +9,7 @@
 #include <QPointer>
 #include <QPromise>
 #include <QStringDecoder>
+#include <QThread>
 #include <QTimer>
 
 using namespace Qt::Literals::StringLiterals;
@@ -19,17 +20,36 @@ namespace URLExpander {
 
 namespace {
 
-// One for every expansion, kept for the life of the process: destroying one
-// waits for Qt's network thread, which may be busy for seconds with what a
-// hostile server sent, and that wait would stop the main thread.
-QNetworkAccessManager &sharedNetwork()
+// Where the network clients of finished expansions are destroyed. Destroying
+// one waits for its network thread, which may be busy for seconds with what a
+// hostile server sent (a header of megabytes); that wait must not stop the
+// main thread.
+QThread &retirement()
 {
-    static QNetworkAccessManager *network = [] {
-        auto *manager = new QNetworkAccessManager(QCoreApplication::instance());
-        manager->setCookieJar(nullptr);
-        return manager;
-    }();
-    return *network;
+    // Ended with the process: a client still being destroyed then is left to it.
+    struct Retirement
+    {
+        QThread *thread = new QThread;
+        Retirement()
+        {
+            thread->setObjectName(u"URLExpander retirement"_s);
+            thread->start(QThread::LowestPriority);
+        }
+        ~Retirement()
+        {
+            thread->quit();
+            if (thread->wait(1000))
+                delete thread;
+        }
+    };
+    static Retirement retirement;
+    return *retirement.thread;
+}
+
+void retire(QNetworkAccessManager *network)
+{
+    network->moveToThread(&retirement());
+    network->deleteLater();
 }
 
 // One expansion: its requests keep no cookie and use no cache, so nothing one
@@ -46,8 +66,12 @@ public:
 
     ~Expansion() override
     {
-        if (m_reply)
+        if (m_reply) {
+            disconnect(m_reply, nullptr, this, nullptr);
             m_reply->abort();
+        }
+        if (m_network)
+            retire(m_network);
     }
 
     QFuture<Link> future() { return m_promise.future(); }
@@ -55,7 +79,10 @@ public:
     void start()
     {
         qCInfo(lcUrlExpander).noquote() << u"Expanding URL: %1"_s.arg(m_original.toString());
-        m_network = &sharedNetwork();
+        // A client of its own, so that nothing an earlier expansion left busy
+        // (a hostile server's endless header) holds this one up.
+        m_network = new QNetworkAccessManager;
+        m_network->setCookieJar(nullptr);
         // A hard deadline per request: a server that trickles bytes must not keep
         // the link waiting, and a coarse timer may fire early.
         m_timer.setSingleShot(true);
