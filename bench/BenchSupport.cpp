@@ -1,5 +1,8 @@
 #include "BenchSupport.h"
 
+#include "Storage/HistoryDatabase.h"
+#include "Storage/HistoryStore.h"
+
 #include <QDir>
 #include <QFile>
 #include <QLoggingCategory>
@@ -41,6 +44,16 @@ QList<RoutingRule> makeRules(int count, const QString &browserID, const QString 
         rules.append(rule);
     }
     return rules;
+}
+
+std::unique_ptr<HistoryDatabase> makeHistoryDatabase(const QString &folder, int records)
+{
+    auto database = std::make_unique<HistoryDatabase>(folder + u"/history.sqlite3"_s);
+    database->claimWriter();
+    const QList<ForwardingRecord> history = makeHistory(records);
+    for (auto record = history.crbegin(); record != history.crend(); ++record)
+        HistoryStore::record(*database, *record);
+    return database;
 }
 
 ForwardingRecord makeRecord(int i)

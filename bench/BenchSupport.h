@@ -6,6 +6,10 @@
 #include <QList>
 #include <QString>
 
+#include <memory>
+
+class HistoryDatabase;
+
 namespace BenchSupport {
 
 // A realistic mix: one in five rules is an app rule, the rest URL rules with
@@ -19,6 +23,8 @@ QList<RoutingRule> makeRules(int count, const QString &browserID = QStringLitera
 ForwardingRecord makeRecord(int i);
 // Newest first.
 QList<ForwardingRecord> makeHistory(int count);
+// A history database in folder holding makeHistory(records), written by this process.
+std::unique_ptr<HistoryDatabase> makeHistoryDatabase(const QString &folder, int records);
 // XDG folders under root, with one browser ("browser", /bin/true) that GIO
 // knows as the handler of http and https links.
 void prepareDesktop(const QString &root);

@@ -1,12 +1,16 @@
 // Speed of the routing core: the router against growing rule lists (with the
 // diagnostic trail written to a real file, and without it), the cleaner, the
-// JSON forms of rules and history, and recording into a full history.
+// JSON forms of rules and history, what the history database does for each
+// link, and a rule change written to the settings file.
 #include "Models/ForwardingRecord.h"
 #include "Models/RoutingRule.h"
 #include "Platform/DiagnosticLog.h"
 #include "Services/URLCleaner.h"
 #include "Services/URLRouter.h"
+#include "Storage/HistoryDatabase.h"
 #include "Storage/HistoryStore.h"
+#include "Storage/LinkJournal.h"
+#include "Storage/RuleStore.h"
 #include "Storage/UserSettings.h"
 
 #include <QCoreApplication>
@@ -138,27 +142,58 @@ void BM_HistoryFromJson500(benchmark::State &state)
 }
 BENCHMARK(BM_HistoryFromJson500)->Unit(benchmark::kMicrosecond);
 
-// One routed link's record: load the full history, prepend, trim, save, and
-// write the settings file to disk, which also holds the given number of rules.
-void BM_RecordIntoFullHistory(benchmark::State &state)
+// What the history database does for one link, into a full 500-record history:
+// journalled on arrival, counted (and marked counted), then recorded with its
+// journal entry removed. Three transactions, as a link from the bus has them.
+void BM_RecordOneLink(benchmark::State &state)
 {
     QTemporaryDir dir;
-    auto opened = UserSettings::open(dir.filePath(u"Quillvane.conf"_s));
-    QSettings &settings = *opened;
-    settings.setValue(u"routing_rules"_s,
-                      RoutingRule::listToJson(BenchSupport::makeRules(int(state.range(0)))));
-    settings.setValue(u"forwarding_history"_s,
-                      ForwardingRecord::listToJson(BenchSupport::makeHistory(500)));
-    settings.sync();
+    auto database = BenchSupport::makeHistoryDatabase(dir.path(), HistoryStore::MaxRecords);
+    const QString day = HistoryStore::dayString(QDateTime::currentDateTime());
     int i = 0;
-    for (auto _ : state)
-        HistoryStore::record(settings, BenchSupport::makeRecord(++i));
+    for (auto _ : state) {
+        const ForwardingRecord record = BenchSupport::makeRecord(++i);
+        QList<LinkJournal::Entry> entries{{0, LinkJournal::Kind::Open, record.timestamp,
+                                           record.originalURL,
+                                           SourceApp{u"org.gnome.Evolution"_s, u"Evolution"_s},
+                                           QString(), QString(), false}};
+        LinkJournal::accept(*database, entries);
+        HistoryStore::incrementForwardCount(*database, day, entries.first().id);
+        HistoryStore::record(*database, record, entries.first().id);
+    }
 }
-BENCHMARK(BM_RecordIntoFullHistory)
-    ->Arg(20)
-    ->Arg(1000)
-    ->Unit(benchmark::kMillisecond)
-    ->UseRealTime();
+BENCHMARK(BM_RecordOneLink)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
+// A rule change with 1,000 rules: the whole list written to the settings file
+// (QSaveFile: a new file, fsync, rename), by Quillvane's writer and, for
+// comparison, by Qt's own INI writer.
+template<bool QtWriter> void saveRules1000(benchmark::State &state)
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath(u"Quillvane.conf"_s);
+    std::unique_ptr<QSettings> settings = QtWriter
+                                              ? std::make_unique<QSettings>(path, QSettings::IniFormat)
+                                              : UserSettings::open(path);
+    QList<RoutingRule> rules = BenchSupport::makeRules(1000);
+    RuleStore store(*settings);
+    store.saveRules(rules);
+    for (auto _ : state) {
+        rules.first().targetBrowserName = u"Browser %1"_s.arg(state.iterations());
+        store.saveRules(rules);
+    }
+}
+
+void BM_SaveRules1000(benchmark::State &state)
+{
+    saveRules1000<false>(state);
+}
+BENCHMARK(BM_SaveRules1000)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_SaveRules1000QtIniWriter(benchmark::State &state)
+{
+    saveRules1000<true>(state);
+}
+BENCHMARK(BM_SaveRules1000QtIniWriter)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 } // namespace
 

@@ -1,10 +1,12 @@
 // The route pipeline from the call of routeURL to the browser's launch request,
-// with 1,000 rules and a full 500-record history in the settings file. The
+// with 1,000 rules in the settings file and a full 500-record history in the
+// history database. The
 // launch request is recorded rather than carried out, so the browser's own
 // start is not measured.
 #include "App/AppState.h"
 #include "Platform/DiagnosticLog.h"
 #include "Services/BrowserDiscovery.h"
+#include "Storage/HistoryDatabase.h"
 #include "Storage/HistoryStore.h"
 #include "Storage/UserSettings.h"
 
@@ -46,13 +48,11 @@ void BM_RouteURLToLaunchRequest(benchmark::State &state)
     RuleStore store(*settings);
     store.saveRules(BenchSupport::makeRules(1000));
     store.saveDefaultBrowserBundleID(u"browser"_s);
-    const QList<ForwardingRecord> history = BenchSupport::makeHistory(HistoryStore::MaxRecords);
-    settings->setValue(u"forwarding_history"_s, ForwardingRecord::listToJson(history));
-    settings->sync();
+    auto history = BenchSupport::makeHistoryDatabase(dir.path(), HistoryStore::MaxRecords);
 
     TimedLauncher launcher;
     XdgAutostart autostart(u"quillvane"_s);
-    AppState app(store, AppServices{GioDesktopEntries::instance(), launcher, autostart});
+    AppState app(store, *history, AppServices{GioDesktopEntries::instance(), launcher, autostart});
     int finished = 0;
     QObject::connect(&app, &AppState::routeFinished, &app, [&finished] { ++finished; });
     const Link link = *Link::parse(u"https://news.example.net/story/42?utm_source=feed&id=7"_s);

@@ -33,6 +33,8 @@ struct Fixture
     QTemporaryDir dir;
     std::unique_ptr<QSettings> settings = UserSettings::open(dir.filePath(u"Quillvane.conf"_s));
     RuleStore store{*settings};
+    std::unique_ptr<HistoryDatabase> history =
+        BenchSupport::makeHistoryDatabase(dir.path(), HistoryStore::MaxRecords);
     XdgAutostart autostart{u"quillvane"_s};
     std::unique_ptr<AppState> state;
 
@@ -40,12 +42,8 @@ struct Fixture
     {
         store.saveRules(BenchSupport::makeRules(1000));
         store.saveDefaultBrowserBundleID(u"browser"_s);
-        settings->setValue(
-            u"forwarding_history"_s,
-            ForwardingRecord::listToJson(BenchSupport::makeHistory(HistoryStore::MaxRecords)));
-        settings->sync();
         state = std::make_unique<AppState>(
-            store,
+            store, *history,
             AppServices{GioDesktopEntries::instance(), GioProcessLauncher::instance(), autostart});
     }
 };
@@ -61,7 +59,7 @@ Fixture &fixture()
 void BM_BuildStatusMenu(benchmark::State &state)
 {
     Fixture &f = fixture();
-    StatusItem item(*f.state, *f.settings, GioDesktopEntries::instance(), {});
+    StatusItem item(*f.state, GioDesktopEntries::instance(), {});
     for (auto _ : state) {
         item.rebuild(item.menu());
         benchmark::DoNotOptimize(item.menu().sizeHint());
@@ -102,7 +100,7 @@ BENCHMARK(BM_OpenSettingsWindow)->Unit(benchmark::kMillisecond)->UseRealTime();
 void BM_HistoryFilterKeystroke(benchmark::State &state)
 {
     Fixture &f = fixture();
-    HistoryPane pane(*f.settings);
+    HistoryPane pane(*f.history);
     pane.resize(520, 480);
     pane.show();
     QApplication::processEvents();

@@ -1,12 +1,14 @@
 // Latency of a click, side by side in one run: the time from starting what a
 // desktop starts when a link is clicked to the browser's main(), with and
-// without Quillvane in between; Quillvane's cold start and idle memory.
+// without Quillvane in between; Quillvane's cold start and idle memory; and
+// how long a burst of 1,000 links takes to reach the browser.
 // Runs against Quillvane installed from the build tree, on a session bus of its
 // own. Usage: latency_harness [rounds]
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
+#include <QDBusPendingCall>
 #include <QDBusMetaType>
 #include <QDir>
 #include <QFile>
@@ -99,6 +101,8 @@ int main(int argc, char **argv)
     QCoreApplication app(argc, argv);
     const int rounds = argc > 1 ? std::max(5, atoi(argv[1])) : 30;
     QTemporaryDir root;
+    // For a look at what a run left behind.
+    root.setAutoRemove(!qEnvironmentVariableIsSet("QUILLVANE_KEEP_TEST_FILES"));
     g_root = root.path();
     g_stamp = g_root + u"/stamp"_s;
     const QString prefix = g_root + u"/prefix"_s;
@@ -128,6 +132,7 @@ int main(int argc, char **argv)
     qputenv("XDG_DATA_DIRS", QFile::encodeName(prefix + u"/share"_s));
     qputenv("XDG_CONFIG_HOME", QFile::encodeName(g_root + u"/config"_s));
     qputenv("XDG_RUNTIME_DIR", QFile::encodeName(g_root + u"/run"_s));
+    qputenv("XDG_STATE_HOME", QFile::encodeName(g_root + u"/state"_s));
     qputenv("FAKE_BROWSER_STAMP", QFile::encodeName(g_stamp));
     qputenv("QT_QPA_PLATFORM", "offscreen");
 
@@ -152,6 +157,9 @@ int main(int argc, char **argv)
     stopInstance();
     const qint64 startedAt = nowNs();
     QProcess instance;
+    // Its log is not read: a pipe nobody empties would stop it once full.
+    instance.setStandardOutputFile(QProcess::nullDevice());
+    instance.setStandardErrorFile(QProcess::nullDevice());
     instance.start(prefix + u"/bin/quillvane"_s);
     while (
         !QDBusConnection::sessionBus().interface()->isServiceRegistered(u"work.vorpa.Quillvane"_s))
@@ -171,6 +179,43 @@ int main(int argc, char **argv)
         setDefault(u"work.vorpa.Quillvane.desktop"_s);
         gioQuillvane.append(click(u"gio open "_s + url));
     }
+
+    // A burst: 1,000 links in 100 requests of ten, all sent at once, until the
+    // browser has started for each (it appends its link to a file).
+    const QString burstLog = g_root + u"/burst.log"_s;
+    qputenv("FAKE_BROWSER_LOG", QFile::encodeName(burstLog));
+    stopInstance();
+    instance.waitForFinished(5000);
+    instance.start(prefix + u"/bin/quillvane"_s);
+    while (
+        !QDBusConnection::sessionBus().interface()->isServiceRegistered(u"work.vorpa.Quillvane"_s))
+        QThread::usleep(200);
+    const auto linesIn = [](const QString &path) {
+        QFile file(path);
+        return file.open(QIODevice::ReadOnly) ? file.readAll().count('\n') : 0;
+    };
+    const qint64 burstStart = nowNs();
+    QList<QDBusPendingCall> calls;
+    for (int call = 0; call < 100; ++call) {
+        QStringList links;
+        for (int i = 0; i < 10; ++i)
+            links.append(u"https://example.com/burst/%1"_s.arg(call * 10 + i));
+        QDBusMessage message = QDBusMessage::createMethodCall(
+            u"work.vorpa.Quillvane"_s, u"/work/vorpa/Quillvane"_s,
+            u"org.freedesktop.Application"_s, u"Open"_s);
+        message << links << QVariantMap();
+        calls.append(QDBusConnection::sessionBus().asyncCall(message, 60000));
+    }
+    int answered = 0;
+    for (QDBusPendingCall &call : calls) {
+        call.waitForFinished();
+        answered += call.isError() ? 0 : 1;
+    }
+    const double allAnswered = double(nowNs() - burstStart) / 1e6;
+    while (linesIn(burstLog) < 1000 && nowNs() - burstStart < 60'000'000'000LL)
+        QThread::msleep(1);
+    const double allOpened = double(nowNs() - burstStart) / 1e6;
+    const qsizetype opened = linesIn(burstLog);
 
     QThread::sleep(2);
     QFile status(u"/proc/%1/status"_s.arg(instance.processId()));
@@ -193,6 +238,10 @@ int main(int argc, char **argv)
     std::printf("first link, Quillvane not running    %7.2f  (D-Bus activation)\n", firstLink);
     std::printf("cold start to the bus name owned     %7.2f\n", nameOwned);
     std::printf("instance memory after the run (RSS)  %s (no tray yet)\n", rss.constData());
+    std::printf("burst of 1,000 links (100 requests)  %7.1f  all answered (%d of 100)\n",
+                allAnswered, answered);
+    std::printf("                                     %7.1f  all %lld started in the browser\n",
+                allOpened, static_cast<long long>(opened));
 
     instance.terminate();
     instance.waitForFinished(5000);

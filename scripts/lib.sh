@@ -4,11 +4,13 @@
 # To build and run.
 BUILD_PACKAGES=(
     g++ cmake ninja-build pkg-config git
-    qt6-base-dev libqt6svg6 libglib2.0-dev libsystemd-dev libxcb1-dev libsodium-dev desktop-file-utils
+    qt6-base-dev libqt6svg6 libglib2.0-dev libsystemd-dev libxcb1-dev libsodium-dev libsqlite3-dev
+    desktop-file-utils
 )
 # To run the whole test suite and the benchmarks.
 TEST_PACKAGES=(
     libbenchmark-dev dbus libglib2.0-bin xdg-utils xvfb xauth zsh bsdutils trayer xdotool openssl
+    sqlite3
 )
 
 # To build and run the fuzzers (libFuzzer comes with clang's runtime libraries).

@@ -19,6 +19,7 @@ FakeDesktop::FakeDesktop()
     qputenv("XDG_DATA_HOME", QFile::encodeName(base + u"/data"_s));
     qputenv("XDG_DATA_DIRS", QFile::encodeName(base + u"/system"_s));
     qputenv("XDG_CONFIG_HOME", QFile::encodeName(configHome()));
+    qputenv("XDG_STATE_HOME", QFile::encodeName(stateHome()));
     qputenv("XDG_CONFIG_DIRS", QFile::encodeName(base + u"/system-config"_s));
     qputenv("XDG_RUNTIME_DIR", QFile::encodeName(base + u"/run"_s));
     qputenv("HOME", QFile::encodeName(home()));

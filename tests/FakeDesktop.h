@@ -17,6 +17,7 @@ public:
     QString root() const { return m_dir.path(); }
     QString home() const { return m_dir.path() + u"/home"; }
     QString configHome() const { return m_dir.path() + u"/config"; }
+    QString stateHome() const { return m_dir.path() + u"/state"; }
     QString userApplications() const { return m_dir.path() + u"/data/applications"; }
     QString systemApplications() const { return m_dir.path() + u"/system/applications"; }
 

@@ -1,6 +1,8 @@
 #include "InstalledQuillvane.h"
 
 #include "FakeDesktop.h"
+#include "Storage/HistoryDatabase.h"
+#include "Storage/HistoryStore.h"
 #include "Storage/RuleStore.h"
 #include "Storage/UserSettings.h"
 
@@ -31,7 +33,8 @@ bool InstalledQuillvane::setUp(const QString &buildDir, const FakeDesktop &deskt
     qDBusRegisterMetaType<QMap<QString, QString>>();
     QMap<QString, QString> variables;
     for (const char *name : {"HOME", "XDG_DATA_HOME", "XDG_DATA_DIRS", "XDG_CONFIG_HOME",
-                             "XDG_CONFIG_DIRS", "XDG_RUNTIME_DIR", "QT_QPA_PLATFORM", "PATH",
+                             "XDG_CONFIG_DIRS", "XDG_STATE_HOME", "XDG_RUNTIME_DIR",
+                             "QT_QPA_PLATFORM", "PATH",
                              "DISPLAY", "XAUTHORITY", "ASAN_OPTIONS", "UBSAN_OPTIONS"}) {
         if (qEnvironmentVariableIsSet(name))
             variables.insert(QString::fromLatin1(name), qEnvironmentVariable(name));
@@ -57,6 +60,37 @@ std::unique_ptr<QSettings> InstalledQuillvane::storedSettings(const FakeDesktop 
     copy.close();
     // Read whole when opened; the copy is not needed after.
     return UserSettings::open(copy.fileName());
+}
+
+QString InstalledQuillvane::historyPath(const FakeDesktop &desktop)
+{
+    return desktop.stateHome() + u"/Quillvane/history.sqlite3"_s;
+}
+
+QList<ForwardingRecord> InstalledQuillvane::storedHistory(const FakeDesktop &desktop)
+{
+    HistoryDatabase database(historyPath(desktop), HistoryDatabase::Access::ReadOnly);
+    auto records = HistoryStore::readHistory(database);
+    return records ? std::move(records).value() : QList<ForwardingRecord>();
+}
+
+qint64 InstalledQuillvane::storedForwardCount(const FakeDesktop &desktop)
+{
+    HistoryDatabase database(historyPath(desktop), HistoryDatabase::Access::ReadOnly);
+    return HistoryStore::loadForwardCount(database,
+                                          HistoryStore::dayString(QDateTime::currentDateTime()));
+}
+
+qint64 InstalledQuillvane::journalEntries(const FakeDesktop &desktop)
+{
+    HistoryDatabase database(historyPath(desktop), HistoryDatabase::Access::ReadOnly);
+    qint64 entries = 0;
+    const bool read = database.read([&entries](Sqlite::Database &sql) {
+        Sqlite::Statement count = sql.statement("SELECT count(*) FROM intakeJournal");
+        entries = count.step() ? count.integer(0) : -1;
+        count.run();
+    });
+    return read ? entries : -1;
 }
 
 void InstalledQuillvane::seedAlphaAndBeta(FakeDesktop &desktop, const QList<RoutingRule> &rules)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Models/ForwardingRecord.h"
 #include "Models/RoutingRule.h"
 
 #include <QSettings>
@@ -35,6 +36,13 @@ public:
     // file can leave it stale for good: the keys of the old file filed under the
     // size and time of the new one, which every later read then trusts.
     static std::unique_ptr<QSettings> storedSettings(const FakeDesktop &desktop);
+    // The history database of the installed Quillvane in that desktop, and
+    // what it holds now: the history and today's forward count.
+    static QString historyPath(const FakeDesktop &desktop);
+    static QList<ForwardingRecord> storedHistory(const FakeDesktop &desktop);
+    static qint64 storedForwardCount(const FakeDesktop &desktop);
+    // Links accepted and not yet opened (-1 when the file cannot be read).
+    static qint64 journalEntries(const FakeDesktop &desktop);
     // Browsers Alpha and Beta installed, the rules stored, Beta the fallback:
     // what the tray tests start from.
     static void seedAlphaAndBeta(FakeDesktop &desktop, const QList<RoutingRule> &rules);

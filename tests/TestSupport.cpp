@@ -14,7 +14,7 @@ using namespace Qt::Literals::StringLiterals;
 
 namespace {
 const QByteArrayList EnvironmentNames{"XDG_CONFIG_HOME", "XDG_RUNTIME_DIR", "XDG_DATA_HOME",
-                                      "HOME"};
+                                      "XDG_STATE_HOME", "HOME"};
 }
 
 TestEnvironment::TestEnvironment()
@@ -27,6 +27,7 @@ TestEnvironment::TestEnvironment()
     qputenv("XDG_CONFIG_HOME", base + "/config");
     qputenv("XDG_RUNTIME_DIR", base + "/run");
     qputenv("XDG_DATA_HOME", base + "/data");
+    qputenv("XDG_STATE_HOME", base + "/state");
     QDir(m_dir.path()).mkpath(u"run"_s);
     QFile::setPermissions(m_dir.path() + u"/run"_s,
                           QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
@@ -50,6 +51,18 @@ QString TestEnvironment::settingsPath() const
 std::unique_ptr<QSettings> TestEnvironment::settings() const
 {
     return UserSettings::open(settingsPath());
+}
+
+QString TestEnvironment::historyPath() const
+{
+    return m_dir.path() + u"/state/Quillvane/history.sqlite3"_s;
+}
+
+std::unique_ptr<HistoryDatabase> TestEnvironment::history() const
+{
+    auto database = std::make_unique<HistoryDatabase>(historyPath());
+    database->claimWriter();
+    return database;
 }
 
 QString TestEnvironment::diagnosticLogPath() const
@@ -97,6 +110,7 @@ void writeFile(const QString &path, const QByteArray &contents)
 AppFixture::AppFixture()
     : settings(environment.settings())
     , store(std::make_unique<RuleStore>(*settings))
+    , history(environment.history())
     , entries(safariAndFirefox(environment.path()))
 {
     autostart.enabled = false;
@@ -106,7 +120,11 @@ AppFixture::~AppFixture() = default;
 
 AppState &AppFixture::start()
 {
-    state = std::make_unique<AppState>(*store, AppServices{entries, launcher, autostart});
+    AppServices services{entries, launcher, autostart};
+    services.notify = [this](const QString &summary, const QString &body) {
+        notifications.append({summary, body});
+    };
+    state = std::make_unique<AppState>(*store, *history, services);
     return *state;
 }
 

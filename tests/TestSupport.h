@@ -6,6 +6,7 @@
 #include "Platform/Autostart.h"
 #include "Platform/DesktopEntries.h"
 #include "Platform/ProcessLauncher.h"
+#include "Storage/HistoryDatabase.h"
 #include "Storage/RuleStore.h"
 
 #include <QByteArray>
@@ -18,8 +19,8 @@
 
 #include <memory>
 
-// Points every per-user location (settings, runtime directory) at a fresh
-// temporary directory for the life of the object.
+// Points every per-user location (settings, state, runtime directory) at a
+// fresh temporary directory for the life of the object.
 class AppState;
 
 class TestEnvironment final
@@ -31,6 +32,9 @@ public:
     QString path() const { return m_dir.path(); }
     QString settingsPath() const;
     std::unique_ptr<QSettings> settings() const;
+    QString historyPath() const;
+    // The history database there, with this process as its writer.
+    std::unique_ptr<HistoryDatabase> history() const;
     QString diagnosticLogPath() const;
 
 private:
@@ -135,9 +139,12 @@ public:
     TestEnvironment environment;
     std::unique_ptr<QSettings> settings;
     std::unique_ptr<RuleStore> store;
+    std::unique_ptr<HistoryDatabase> history;
     FakeDesktopEntries entries;
     FakeAutostart autostart;
     RecordingLauncher launcher;
+    // What the state told the user in notifications: summary, then body.
+    QList<QStringList> notifications;
     std::unique_ptr<AppState> state;
 };
 

@@ -55,6 +55,7 @@ private:
     std::unique_ptr<TestEnvironment> m_environment;
     std::unique_ptr<QSettings> m_settings;
     std::unique_ptr<RuleStore> m_store;
+    std::unique_ptr<HistoryDatabase> m_history;
     FakeDesktopEntries m_entries;
     FakeAutostart m_autostart;
     RecordingLauncher m_launcher;
@@ -65,6 +66,7 @@ void TestAppState::init()
     m_environment = std::make_unique<TestEnvironment>();
     m_settings = m_environment->settings();
     m_store = std::make_unique<RuleStore>(*m_settings);
+    m_history = m_environment->history();
     setBrowsers({u"epiphany"_s, u"firefox-esr"_s, u"chromium"_s});
     m_autostart = FakeAutostart();
 }
@@ -72,6 +74,7 @@ void TestAppState::init()
 void TestAppState::cleanup()
 {
     m_store.reset();
+    m_history.reset();
     m_settings.reset();
     m_environment.reset();
 }
@@ -79,7 +82,8 @@ void TestAppState::cleanup()
 std::unique_ptr<AppState> TestAppState::makeState()
 {
     BrowserDiscovery::refreshBrowsers(m_entries);
-    return std::make_unique<AppState>(*m_store, AppServices{m_entries, m_launcher, m_autostart});
+    return std::make_unique<AppState>(*m_store, *m_history,
+                                      AppServices{m_entries, m_launcher, m_autostart});
 }
 
 void TestAppState::startupChoosesAFallback_data()

@@ -366,8 +366,8 @@ void TestAutomationBus::deleteRuleAsksOnTheTerminal()
 
 void TestAutomationBus::routeURL()
 {
-    auto settings = storedSettings();
-    const qsizetype history = HistoryStore::loadHistory(*settings).size();
+    const qsizetype history = InstalledQuillvane::storedHistory(*m_desktop).size();
+    const qint64 count = InstalledQuillvane::storedForwardCount(*m_desktop);
 
     // Through the rules: cleaned (cleaning is on by default), no source app.
     Result result = quillvane({u"route"_s, u"https://docs.example/page?utm_source=news&id=7"_s});
@@ -391,9 +391,10 @@ void TestAutomationBus::routeURL()
     QCOMPARE(reply.arguments().value(0).toString(), u"Routed to Fallback."_s);
     QVERIFY(m_desktop->waitForRun(u"fallback-browser"_s));
 
-    // Nothing counted or recorded.
-    settings = storedSettings();
-    QCOMPARE(HistoryStore::loadHistory(*settings).size(), history);
+    // Nothing counted or recorded, and nothing left in the journal.
+    QCOMPARE(InstalledQuillvane::storedHistory(*m_desktop).size(), history);
+    QCOMPARE(InstalledQuillvane::storedForwardCount(*m_desktop), count);
+    QCOMPARE(InstalledQuillvane::journalEntries(*m_desktop), 0);
 
     // Bad links never reach the instance.
     // (A command-line argument holds at most 128 KiB.)

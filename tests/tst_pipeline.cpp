@@ -3,6 +3,7 @@
 #include "Platform/DiagnosticLog.h"
 #include "Services/BrowserDiscovery.h"
 #include "Storage/HistoryStore.h"
+#include "Storage/LinkJournal.h"
 #include "Storage/UserSettings.h"
 #include "TestSupport.h"
 
@@ -51,19 +52,25 @@ private Q_SLOTS:
     void profileLaunchFailsAndFallsBack();
     void expansionChangesTheLink();
     void manyLinksInFlightWhileRulesChange();
+    void journalledLinksLeaveTheJournal();
 
 private:
     void makeState(ProcessLauncher &launcher);
     bool waitForRoutes(int count);
+    // What the history database holds, as another process would read it.
     QList<ForwardingRecord> history() const
     {
-        return HistoryStore::loadHistory(*UserSettings::open(m_settingsPath));
+        HistoryDatabase reader(m_history->path(), HistoryDatabase::Access::ReadOnly);
+        return HistoryStore::loadHistory(reader);
     }
+    qint64 journalEntries() const;
 
     std::unique_ptr<FakeDesktop> m_desktop;
     QString m_settingsPath;
     std::unique_ptr<QSettings> m_settings;
     std::unique_ptr<RuleStore> m_store;
+    std::unique_ptr<HistoryDatabase> m_history;
+    QList<QStringList> m_notifications;
     std::unique_ptr<XdgAutostart> m_autostart;
     std::unique_ptr<AppState> m_state;
     std::unique_ptr<QSignalSpy> m_finished;
@@ -88,6 +95,13 @@ void TestPipeline::init()
     QFile::remove(m_settingsPath);
     m_settings = UserSettings::open(m_settingsPath);
     m_store = std::make_unique<RuleStore>(*m_settings);
+    const QString historyPath =
+        m_desktop->stateHome()
+        + u"/%1/history.sqlite3"_s.arg(QLatin1StringView(QTest::currentTestFunction()));
+    QFile::remove(historyPath);
+    m_history = std::make_unique<HistoryDatabase>(historyPath);
+    m_history->claimWriter();
+    m_notifications.clear();
     m_isShortLink = &URLExpander::isShortLink;
     m_expand = &URLExpander::expand;
     for (const QString &program : {u"google-chrome"_s, u"firefox-esr"_s, u"epiphany"_s})
@@ -99,6 +113,7 @@ void TestPipeline::cleanup()
     m_finished.reset();
     m_state.reset();
     m_store.reset();
+    m_history.reset();
     m_settings.reset();
 }
 
@@ -108,8 +123,23 @@ void TestPipeline::makeState(ProcessLauncher &launcher)
     AppServices services{GioDesktopEntries::instance(), launcher, *m_autostart};
     services.isShortLink = [this](const Link &url) { return m_isShortLink(url); };
     services.expand = [this](const Link &url) { return m_expand(url); };
-    m_state = std::make_unique<AppState>(*m_store, services);
+    services.notify = [this](const QString &summary, const QString &body) {
+        m_notifications.append({summary, body});
+    };
+    m_state = std::make_unique<AppState>(*m_store, *m_history, services);
     m_finished = std::make_unique<QSignalSpy>(m_state.get(), &AppState::routeFinished);
+}
+
+qint64 TestPipeline::journalEntries() const
+{
+    HistoryDatabase reader(m_history->path(), HistoryDatabase::Access::ReadOnly);
+    qint64 entries = -1;
+    reader.read([&entries](Sqlite::Database &sql) {
+        Sqlite::Statement count = sql.statement("SELECT count(*) FROM intakeJournal");
+        entries = count.step() ? count.integer(0) : -1;
+        count.run();
+    });
+    return entries;
 }
 
 bool TestPipeline::waitForRoutes(int count)
@@ -124,16 +154,24 @@ void TestPipeline::workedTrace()
         {makeRule(QString(), u"docs.example.com"_s, u"google-chrome"_s, u"Profile 1"_s)});
     m_store->saveDefaultBrowserBundleID(u"firefox-esr"_s);
     m_settings->setValue(u"url_expansion_enabled"_s, true);
-    m_settings->setValue(u"today_forward_count"_s, 4);
-    m_settings->setValue(u"today_date"_s, RuleStore::dayString(QDateTime::currentDateTime()));
+    m_settings->sync();
+    const QString today = HistoryStore::dayString(QDateTime::currentDateTime());
+    for (int i = 0; i < 4; ++i)
+        HistoryStore::incrementForwardCount(*m_history, today);
     makeState(GioProcessLauncher::instance());
     QSignalSpy status(m_state.get(), &AppState::lastRouteLogChanged);
+    QFile settingsFile(m_settingsPath);
+    QVERIFY(settingsFile.open(QIODevice::ReadOnly));
+    const QByteArray settingsBefore = settingsFile.readAll();
+    const QDateTime settingsWritten = QFileInfo(settingsFile).lastModified();
+    settingsFile.close();
 
     const Link link = *Link::parse(u"https://docs.example.com/guide?utm_source=news"_s);
     m_state->routeURL(link, Mail, u"token"_s);
-    // Counted before the call returns; nothing opened yet.
+    // Counted before the call returns, on disk; nothing opened yet.
     QCOMPARE(m_state->todayForwardCount(), 5);
-    QCOMPARE(m_settings->value(u"today_forward_count"_s).toInt(), 5);
+    HistoryDatabase reader(m_history->path(), HistoryDatabase::Access::ReadOnly);
+    QCOMPARE(HistoryStore::loadForwardCount(reader, today), 5);
     QVERIFY(m_state->lastRouteLog().isEmpty());
 
     QVERIFY(waitForRoutes(1));
@@ -163,6 +201,10 @@ void TestPipeline::workedTrace()
     QCOMPARE(records[0].targetBrowserBundleID, u"google-chrome"_s);
     QCOMPARE(records[0].targetBrowserName, u"Google Chrome"_s);
     QCOMPARE(records[0].ruleMatched, std::nullopt);
+    // A link never writes the settings file.
+    QVERIFY(settingsFile.open(QIODevice::ReadOnly));
+    QCOMPARE(settingsFile.readAll(), settingsBefore);
+    QCOMPARE(QFileInfo(settingsFile).lastModified(), settingsWritten);
 }
 
 void TestPipeline::pausedPath()
@@ -316,6 +358,51 @@ void TestPipeline::manyLinksInFlightWhileRulesChange()
     QCOMPARE(history().last().targetBrowserBundleID, u"epiphany"_s);
     QTest::qWait(50);
     QCOMPARE(m_finished->size(), 6);
+}
+
+// A link that came through the intake is in the journal until its route ends,
+// however it ends; a failure nobody waits for reaches the user as a
+// notification, once for a run of the same failure. A link routed again after a
+// restart is not counted twice.
+void TestPipeline::journalledLinksLeaveTheJournal()
+{
+    RecordingLauncher launcher;
+    m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
+    makeState(launcher);
+    QList<LinkJournal::Entry> entries;
+    for (const QString &url : {u"https://opens.example/"_s, u"https://fails.example/"_s,
+                               u"https://fails.example/again"_s, u"https://nowhere.example/"_s})
+        entries.append({0, LinkJournal::Kind::Open, QDateTime::currentDateTime(), url,
+                        std::nullopt, QString(), QString(), false});
+    LinkJournal::accept(*m_history, entries);
+    QCOMPARE(journalEntries(), 4);
+
+    m_state->routeURL(link(entries[0].url), std::nullopt, {}, {entries[0].id, false});
+    QVERIFY(waitForRoutes(1));
+    QCOMPARE(journalEntries(), 3);
+    QCOMPARE(history().first().originalURL, entries[0].url);
+    QVERIFY(m_notifications.isEmpty());
+
+    launcher.failure = u"Permission denied"_s;
+    m_state->routeURL(link(entries[1].url), std::nullopt, {}, {entries[1].id, false});
+    m_state->routeURL(link(entries[2].url), std::nullopt, {}, {entries[2].id, false});
+    QVERIFY(waitForRoutes(3));
+    QCOMPARE(journalEntries(), 1);
+    QCOMPARE(m_notifications.size(), 1);
+    QCOMPARE(m_notifications[0].value(0), u"Quillvane could not open a link"_s);
+    QCOMPARE(m_notifications[0].value(1),
+             u"fails.example\nFailed to open URL: Permission denied"_s);
+
+    m_state->setDefaultBrowser(QString());
+    QTest::ignoreMessage(QtCriticalMsg, "No route found for <private> from <private>");
+    const qint64 counted = m_state->todayForwardCount();
+    m_state->routeURL(link(entries[3].url), std::nullopt, {}, {entries[3].id, true});
+    QCOMPARE(m_state->todayForwardCount(), counted);
+    QVERIFY(waitForRoutes(4));
+    QCOMPARE(journalEntries(), 0);
+    QCOMPARE(m_notifications.size(), 2);
+    QCOMPARE(m_notifications[1].value(1),
+             u"nowhere.example\nNo rule matches it and no fallback browser is set."_s);
 }
 
 QTEST_GUILESS_MAIN(TestPipeline)

@@ -80,11 +80,11 @@ void TestSettingsWindow::cleanup()
 
 void TestSettingsWindow::statusMenu()
 {
-    HistoryStore::record(*m_app->settings,
+    HistoryStore::record(*m_app->history,
                          makeRecord(u"https://a.example/"_s, u"Mail"_s, u"Safari"_s));
-    HistoryStore::record(*m_app->settings, makeRecord(u"https://b.example/"_s, std::nullopt,
+    HistoryStore::record(*m_app->history, makeRecord(u"https://b.example/"_s, std::nullopt,
                                                       u"Firefox"_s, std::nullopt, 3 * 86400));
-    StatusItem item(*m_app->state, *m_app->settings, m_app->entries, {});
+    StatusItem item(*m_app->state, m_app->entries, {});
     QMenu &menu = item.menu();
     item.rebuild(menu);
     const QString build = menu.actions().value(menu.actions().size() - 2)->text();
@@ -132,7 +132,7 @@ void TestSettingsWindow::statusMenu()
 void TestSettingsWindow::statusMenuCommands()
 {
     QStringList called;
-    StatusItem item(*m_app->state, *m_app->settings, m_app->entries,
+    StatusItem item(*m_app->state, m_app->entries,
                     {[&] { called.append(u"history"_s); }, [&] { called.append(u"settings"_s); },
                      [&] { called.append(u"updates"_s); }, [&] { called.append(u"quit"_s); }});
     QMenu &menu = item.menu();
@@ -206,7 +206,7 @@ void TestSettingsWindow::window()
 // focus is.
 void TestSettingsWindow::keyboard()
 {
-    HistoryStore::record(*m_app->settings,
+    HistoryStore::record(*m_app->history,
                          makeRecord(u"https://a.example/"_s, u"Mail"_s, u"Safari"_s));
     SettingsWindow window(*m_app->state, *m_app->settings, {m_app->entries, {}, {}}, [] {});
     window.show();
@@ -256,16 +256,16 @@ void TestSettingsWindow::keyboard()
 
 void TestSettingsWindow::historyPane()
 {
-    HistoryPane pane(*m_app->settings);
+    HistoryPane pane(*m_app->history);
     pane.show();
     auto *pages = pane.findChild<QStackedWidget *>();
     QCOMPARE(pages->currentWidget()->objectName(), u"historyEmptyState"_s);
 
-    HistoryStore::record(*m_app->settings, makeRecord(u"https://one.example/"_s, u"Mail"_s,
+    HistoryStore::record(*m_app->history, makeRecord(u"https://one.example/"_s, u"Mail"_s,
                                                       u"Safari"_s, u"Mail → Safari"_s));
-    HistoryStore::record(*m_app->settings,
+    HistoryStore::record(*m_app->history,
                          makeRecord(u"https://two.example/"_s, std::nullopt, u"Firefox"_s));
-    HistoryStore::record(*m_app->settings,
+    HistoryStore::record(*m_app->history,
                          makeRecord(u"https://three.example/a b"_s, u"Chat"_s, u"Safari"_s));
     // Loaded when the tab comes on screen.
     pane.hide();
@@ -296,7 +296,7 @@ void TestSettingsWindow::historyPane()
     // Clear: at once, without asking; the filter stays.
     QTest::mouseClick(pane.findChild<QToolButton *>(u"historyClear"_s), Qt::LeftButton);
     QCOMPARE(pages->currentWidget()->objectName(), u"historyEmptyState"_s);
-    QVERIFY(HistoryStore::loadHistory(*m_app->settings).isEmpty());
+    QVERIFY(HistoryStore::loadHistory(*m_app->history).isEmpty());
     QCOMPARE(filter->text(), u"a "_s);
 }
 

@@ -1,4 +1,3 @@
-#include "Storage/HistoryStore.h"
 #include "Storage/RuleStore.h"
 #include "Storage/SettingsKeys.h"
 #include "Storage/UserSettings.h"
@@ -21,18 +20,6 @@ RoutingRule someRule(const QString &target)
                        std::nullopt,        std::nullopt};
 }
 
-ForwardingRecord someRecord(const QString &url,
-                            const QDateTime &when = QDateTime::currentDateTime())
-{
-    ForwardingRecord record;
-    record.id = QUuid::createUuid();
-    record.timestamp = when;
-    record.originalURL = url;
-    record.targetBrowserBundleID = u"firefox"_s;
-    record.targetBrowserName = u"Firefox"_s;
-    return record;
-}
-
 // What another process reading the settings file now would see.
 std::unique_ptr<QSettings> reopened(const TestEnvironment &environment)
 {
@@ -52,25 +39,17 @@ private Q_SLOTS:
     void rulesSurviveAndDamageReadsEmpty();
     void switchesAndFallback();
     void damagedValuesReadAsDefaults();
-    void dayRollOver();
-    void dayStringIgnoresLocale();
-    void historyDamagedDataIsReplaced();
-    void historyBytesAreThoseOfAFullEncoding();
-    void historyTodayCount();
-    void historyClear();
     void settingsLocks();
 
 private:
     std::unique_ptr<TestEnvironment> m_environment;
     std::unique_ptr<QSettings> m_settings;
-    QDateTime m_now;
 };
 
 void TestStores::init()
 {
     m_environment = std::make_unique<TestEnvironment>();
     m_settings = m_environment->settings();
-    m_now = QDateTime(QDate(2026, 3, 5), QTime(9, 14, 2));
 }
 
 void TestStores::cleanup()
@@ -81,15 +60,12 @@ void TestStores::cleanup()
 
 void TestStores::firstRun()
 {
-    RuleStore store(*m_settings, [this] { return m_now; });
+    RuleStore store(*m_settings);
     QVERIFY(store.loadRules().isEmpty());
     QVERIFY(store.loadRulesEnabled());
     QCOMPARE(store.loadDefaultBrowserBundleID(), QString());
-    QCOMPARE(store.loadTodayCount(), 0);
-    // The first count read writes the count and the day, and they are on disk at once.
-    auto disk = reopened(*m_environment);
-    QCOMPARE(disk->value(u"today_date"_s).toString(), u"2026-03-05"_s);
-    QCOMPARE(disk->value(u"today_forward_count"_s).toInt(), 0);
+    // Reading writes nothing.
+    QVERIFY(!QFile::exists(m_environment->settingsPath()));
 }
 
 void TestStores::rulesSurviveAndDamageReadsEmpty()
@@ -141,104 +117,13 @@ void TestStores::damagedValuesReadAsDefaults()
     }
     auto opened = m_environment->settings();
     QSettings &settings = *opened;
-    RuleStore store(settings, [this] { return m_now; });
+    RuleStore store(settings);
     QVERIFY(store.loadRulesEnabled());
     QVERIFY(store.loadRules().isEmpty());
     QCOMPARE(store.loadDefaultBrowserBundleID(), QString());
     QVERIFY(!SettingsKeys::read(settings, SettingsKeys::UrlCleaningEnabled));
     QVERIFY(SettingsKeys::read(settings, SettingsKeys::UrlExpansionEnabled));
-    QTest::ignoreMessage(
-        QtCriticalMsg,
-        QRegularExpression(u"^Failed to decode history data: The data is not valid JSON"_s));
-    QVERIFY(HistoryStore::loadHistory(settings).isEmpty());
-    settings.setValue(u"today_date"_s, u"2026-03-05"_s);
-    QCOMPARE(store.loadTodayCount(), 0);
-}
-
-void TestStores::dayRollOver()
-{
-    RuleStore store(*m_settings, [this] { return m_now; });
-    QCOMPARE(store.incrementTodayCount(), 1);
-    QCOMPARE(store.incrementTodayCount(), 2);
-    QCOMPARE(store.loadTodayCount(), 2);
-    m_now = m_now.addDays(1);
-    QCOMPARE(store.loadTodayCount(), 0);
-    QCOMPARE(store.incrementTodayCount(), 1);
-    QCOMPARE(reopened(*m_environment)->value(u"today_date"_s).toString(), u"2026-03-06"_s);
-}
-
-void TestStores::dayStringIgnoresLocale()
-{
-    const QLocale saved;
-    QLocale::setDefault(QLocale(QLocale::Arabic, QLocale::Egypt));
-    const QString day = RuleStore::dayString(QDateTime(QDate(2026, 3, 5), QTime(12, 0)));
-    QLocale::setDefault(saved);
-    QCOMPARE(day, u"2026-03-05"_s);
-}
-
-void TestStores::historyDamagedDataIsReplaced()
-{
-    m_settings->setValue(u"forwarding_history"_s, QByteArray("[{\"id\":\"nope\"}]"));
-    QTest::ignoreMessage(QtCriticalMsg,
-                         QRegularExpression(u"^Failed to decode history data: History record 1"_s));
-    HistoryStore::record(*m_settings, someRecord(u"https://e.com/"_s));
-    const QList<ForwardingRecord> history = HistoryStore::loadHistory(*m_settings);
-    QCOMPARE(history.size(), 1);
-    QCOMPARE(history.first().originalURL, u"https://e.com/"_s);
-}
-
-void TestStores::historyBytesAreThoseOfAFullEncoding()
-{
-    // Recording builds the stored JSON from the previous bytes; it must be exactly
-    // what encoding the whole list gives, through growth and trimming alike.
-    // The number of stored records, or -1 when the bytes differ from a full encoding.
-    const auto check = [this]() -> qsizetype {
-        const QByteArray stored =
-            reopened(*m_environment)->value(u"forwarding_history"_s).toByteArray();
-        const auto decoded = ForwardingRecord::listFromJson(stored);
-        if (!decoded || stored != ForwardingRecord::listToJson(*decoded))
-            return -1;
-        return decoded->size();
-    };
-    HistoryStore::record(*m_settings, someRecord(u"https://first.example/\"quoted\""_s));
-    HistoryStore::record(*m_settings, someRecord(u"https://second.example/ü"_s));
-    QCOMPARE(check(), 2);
-
-    QList<ForwardingRecord> almostFull;
-    for (int i = 0; i < HistoryStore::MaxRecords - 1; ++i)
-        almostFull.append(someRecord(u"https://e.com/%1"_s.arg(i)));
-    m_settings->setValue(u"forwarding_history"_s, ForwardingRecord::listToJson(almostFull));
-    HistoryStore::record(*m_settings, someRecord(u"https://fills.example/"_s));
-    QCOMPARE(check(), 500);
-    for (int i = 0; i < 3; ++i) {
-        QTest::ignoreMessage(QtInfoMsg, "History exceeds 500 records, trimming oldest entries");
-        HistoryStore::record(*m_settings, someRecord(u"https://more.example/%1"_s.arg(i)));
-    }
-    QCOMPARE(check(), 500);
-    const QList<ForwardingRecord> history = HistoryStore::loadHistory(*reopened(*m_environment));
-    QCOMPARE(history.first().originalURL, u"https://more.example/2"_s);
-    QCOMPARE(history.at(3).originalURL, u"https://fills.example/"_s);
-    QCOMPARE(history.last().originalURL, u"https://e.com/495"_s);
-}
-
-void TestStores::historyTodayCount()
-{
-    const QDate today(2026, 3, 5);
-    HistoryStore::record(*m_settings,
-                         someRecord(u"a"_s, QDateTime(today.addDays(-1), QTime(23, 59, 59))));
-    HistoryStore::record(*m_settings, someRecord(u"b"_s, QDateTime(today, QTime(0, 0, 1))));
-    HistoryStore::record(*m_settings, someRecord(u"c"_s, QDateTime(today, QTime(23, 59, 59))));
-    QCOMPARE(HistoryStore::todayCount(*m_settings, today), 2);
-}
-
-void TestStores::historyClear()
-{
-    QTest::ignoreMessage(QtInfoMsg, "Forwarding history cleared");
-    HistoryStore::clearHistory(*m_settings);
-    HistoryStore::record(*m_settings, someRecord(u"a"_s));
-    QTest::ignoreMessage(QtInfoMsg, "Forwarding history cleared");
-    HistoryStore::clearHistory(*m_settings);
-    QVERIFY(!reopened(*m_environment)->contains(u"forwarding_history"_s));
+    QCOMPARE(SettingsKeys::read(settings, SettingsKeys::TodayForwardCount), 0);
 }
 
 // A writer killed between creating its lock file and filling it in leaves a lock

@@ -5,7 +5,7 @@
 // leaves a screenshot in the test's output folder for a person to look at.
 #include "FakeDesktop.h"
 #include "InstalledQuillvane.h"
-#include "Storage/HistoryStore.h"
+#include "Models/ForwardingRecord.h"
 #include "Storage/RuleStore.h"
 #include "Storage/SettingsKeys.h"
 #include "TestSupport.h"
@@ -194,11 +194,14 @@ void TestTrayHost::initTestCase()
         *m_desktop, {makeRule(u"org.example.Mail"_s, std::nullopt, u"alpha-browser"_s),
                      makeRule({}, u"docs.example"_s, u"beta-browser"_s),
                      makeRule({}, u"*.intranet.example"_s, u"alpha-browser"_s)});
-    auto settings = stored();
-    HistoryStore::record(*settings, makeRecord(u"https://docs.example/guide"_s, u"Mail"_s,
-                                               u"Beta"_s, u"docs.example → Beta"_s, 90));
-    HistoryStore::record(*settings,
-                         makeRecord(u"https://news.example/today"_s, std::nullopt, u"Beta"_s));
+    // As an earlier version kept it: the first start moves it into the history database.
+    auto settings = InstalledQuillvane::settingsToSeed(*m_desktop);
+    settings->setValue(
+        u"forwarding_history"_s,
+        ForwardingRecord::listToJson(
+            {makeRecord(u"https://news.example/today"_s, std::nullopt, u"Beta"_s),
+             makeRecord(u"https://docs.example/guide"_s, u"Mail"_s, u"Beta"_s,
+                        u"docs.example → Beta"_s, 90)}));
     settings->sync();
 
     m_folder = qEnvironmentVariable("QUILLVANE_SCREENSHOT_DIR",

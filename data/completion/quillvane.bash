@@ -15,14 +15,14 @@ _quillvane()
     local words=""
 
     if [[ $COMP_CWORD -eq 1 ]]; then
-        words="route rules rule browsers fallback feature explain doctor --action --help --version"
+        words="route rules rule browsers fallback feature explain history doctor --action --help --version"
     else
         case $prev in
         --browser)
             words=$(_quillvane_first_column browsers) ;;
         --action)
             [[ $COMP_CWORD -eq 2 ]] && words="route-clipboard list-browsers create-rule" ;;
-        --app | --app-name | --pattern | --from)
+        --app | --app-name | --pattern | --from | --limit)
             return 0 ;;
         esac
         if [[ -z $words ]]; then
@@ -33,6 +33,7 @@ _quillvane()
             route) words="--browser --help" ;;
             rules | browsers) words="--json --help" ;;
             doctor) words="--json --help" ;;
+            history) words="--json --limit --help" ;;
             explain) words="--from --expand --help" ;;
             fallback)
                 [[ $position -eq 1 ]] && words=$(_quillvane_first_column browsers)

@@ -18,6 +18,8 @@
 #include "Services/RunningApps.h"
 #include "Services/SourceAppResolver.h"
 #include "Services/UpdateChecker.h"
+#include "Storage/HistoryDatabase.h"
+#include "Storage/HistoryMigration.h"
 #include "Storage/RuleStore.h"
 #include "Storage/UserSettings.h"
 #include "Views/MessageBox.h"
@@ -57,10 +59,11 @@ AppDelegate::AppDelegate(QObject *parent)
     : QObject(parent)
     , m_settings(UserSettings::open())
     , m_store(std::make_unique<RuleStore>(*m_settings))
+    , m_history(std::make_unique<HistoryDatabase>())
     , m_autostart(std::make_unique<XdgAutostart>(QCoreApplication::applicationFilePath()))
 {
     m_appState = std::make_unique<AppState>(
-        *m_store,
+        *m_store, *m_history,
         AppServices{GioDesktopEntries::instance(), GioProcessLauncher::instance(), *m_autostart});
     AppState::setShared(m_appState.get());
     // The release notes go where the user's rules send links from Quillvane.
@@ -115,6 +118,12 @@ bool AppDelegate::applicationWillFinishLaunching()
     }
     m_resolver->startTracking();
     debugLog(u"SourceAppResolver tracking started"_s);
+    // Quillvane's one instance now: the history is its to write, and what the
+    // previous one accepted and did not open is its to open.
+    m_history->claimWriter();
+    HistoryMigration::run(*m_settings, *m_history);
+    m_appState->reloadTodayForwardCount();
+    m_intake->resumeUnfinished();
     // Without its bus the session is over, and no link can reach Quillvane any more.
     bus.connect(QString(), u"/org/freedesktop/DBus/Local"_s, u"org.freedesktop.DBus.Local"_s,
                 u"Disconnected"_s, QCoreApplication::instance(), SLOT(quit()));
@@ -181,8 +190,8 @@ void AppDelegate::setupStatusItem()
 {
     StatusItem::Commands commands{[this] { openHistory(); }, [this] { openSettings(); },
                                   [this] { checkForUpdates(); }, [] { QCoreApplication::quit(); }};
-    m_statusItem = std::make_unique<StatusItem>(*m_appState, *m_settings,
-                                                GioDesktopEntries::instance(), commands);
+    m_statusItem =
+        std::make_unique<StatusItem>(*m_appState, GioDesktopEntries::instance(), commands);
     if (!m_statusItem->setUp()) {
         // Routing goes on without a tray; only the window is harder to reach.
         qCInfo(lcAppDelegate).noquote()

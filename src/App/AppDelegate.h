@@ -9,6 +9,7 @@
 
 class ActiveApplication;
 class AppState;
+class HistoryDatabase;
 class LinkIntake;
 class LinuxProcessApps;
 class QSettings;
@@ -59,6 +60,7 @@ private:
 
     std::unique_ptr<QSettings> m_settings;
     std::unique_ptr<RuleStore> m_store;
+    std::unique_ptr<HistoryDatabase> m_history;
     std::unique_ptr<XdgAutostart> m_autostart;
     std::unique_ptr<AppState> m_appState;
     std::unique_ptr<UpdateController> m_updates;

@@ -3,6 +3,7 @@
 #include "Models/Link.h"
 #include "Platform/Autostart.h"
 #include "Platform/DesktopEntries.h"
+#include "Platform/Notifications.h"
 #include "Platform/ProcessLauncher.h"
 #include "Services/URLExpander.h"
 
@@ -21,4 +22,6 @@ struct AppServices
     std::function<bool(const Link &)> isShortLink = &URLExpander::isShortLink;
     std::function<QFuture<Link>(const Link &)> expand = &URLExpander::expand;
     std::function<QDateTime()> clock = [] { return QDateTime::currentDateTime(); };
+    // Tells the user what went wrong with a link nobody waits for.
+    std::function<void(const QString &summary, const QString &body)> notify = &Notifications::show;
 };

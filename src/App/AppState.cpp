@@ -9,6 +9,7 @@
 #include "Services/LaunchAtLoginManager.h"
 #include "Services/URLCleaner.h"
 #include "Services/URLRouter.h"
+#include "Storage/HistoryStore.h"
 #include "Storage/SettingsKeys.h"
 #include "Storage/UserSettings.h"
 
@@ -43,9 +44,16 @@ QCollator caseInsensitiveCollator()
 
 } // namespace
 
-AppState::AppState(RuleStore &store, AppServices services, QObject *parent)
+namespace {
+// How often what the history database did not take is offered to it again.
+constexpr int HistoryRetryMs = 2000;
+} // namespace
+
+AppState::AppState(RuleStore &store, HistoryDatabase &history, AppServices services,
+                   QObject *parent)
     : QObject(parent)
     , m_store(store)
+    , m_history(history)
     , m_services(std::move(services))
 {
     m_launchAtLogin = LaunchAtLoginManager::isEnabled(m_services.autostart);
@@ -55,7 +63,8 @@ AppState::AppState(RuleStore &store, AppServices services, QObject *parent)
 
     m_rules = m_store.loadRules();
     m_defaultBrowserBundleID = m_store.loadDefaultBrowserBundleID();
-    m_todayForwardCount = m_store.loadTodayCount();
+    m_todayForwardCount =
+        HistoryStore::loadForwardCount(m_history, HistoryStore::dayString(m_services.clock()));
     m_browsers = BrowserDiscovery::discoverBrowsers(m_services.entries);
     if (m_defaultBrowserBundleID.isEmpty())
         chooseFallbackBrowser();
@@ -333,7 +342,30 @@ void AppState::setLastRouteLog(const QString &text)
 }
 
 void AppState::routeURL(const Link &url, const std::optional<SourceApp> &source,
-                        const QString &activationToken)
+                        const QString &activationToken, const LinkJournal::Ticket &ticket)
 {
-    RouteTask::start(*this, url, source, activationToken);
+    RouteTask::start(*this, url, source, activationToken, ticket);
+}
+
+void AppState::reloadTodayForwardCount()
+{
+    m_todayForwardCount =
+        HistoryStore::loadForwardCount(m_history, HistoryStore::dayString(m_services.clock()));
+    Q_EMIT todayForwardCountChanged();
+}
+
+void AppState::keepWritingHistory()
+{
+    if (m_history.unwritten().isEmpty())
+        return;
+    if (!m_historyRetry) {
+        m_historyRetry = new QTimer(this);
+        m_historyRetry->setInterval(HistoryRetryMs);
+        connect(m_historyRetry, &QTimer::timeout, this, [this] {
+            if (HistoryStore::flush(m_history))
+                m_historyRetry->stop();
+        });
+    }
+    if (!m_historyRetry->isActive())
+        m_historyRetry->start();
 }

@@ -5,13 +5,18 @@
 #include "Models/Link.h"
 #include "Models/RoutingRule.h"
 #include "Services/ConfigManager.h"
+#include "Storage/LinkJournal.h"
 #include "Storage/RuleStore.h"
 
+#include <QDeadlineTimer>
 #include <QList>
 #include <QObject>
 #include <QString>
 
 #include <optional>
+
+class HistoryDatabase;
+class QTimer;
 
 // The one state that the user sees and changes: rules, browsers, the fallback
 // browser, the switches, today's count and the last routing. Every change is
@@ -34,7 +39,8 @@ class AppState final : public QObject
 
 public:
     // Loads everything and chooses a fallback browser when none is stored.
-    AppState(RuleStore &store, AppServices services, QObject *parent = nullptr);
+    AppState(RuleStore &store, HistoryDatabase &history, AppServices services,
+             QObject *parent = nullptr);
     ~AppState() override;
 
     // The process's application state, for automation; set by whoever made it.
@@ -52,6 +58,7 @@ public:
     bool urlExpansionEnabled() const { return m_urlExpansionEnabled; }
     bool rulesEnabled() const { return m_rulesEnabled; }
     RuleStore &store() const { return m_store; }
+    HistoryDatabase &history() const { return m_history; }
     const AppServices &services() const { return m_services; }
 
     // Source-only and combined rules / URL-only rules, in stored order.
@@ -80,9 +87,14 @@ public:
 
     // Routes one link from its source application. Returns once the link is
     // counted; opening and recording finish later on the main thread. The
-    // activation token, when the link came with one, goes to the browser.
+    // activation token, when the link came with one, goes to the browser. A
+    // journalled link leaves the journal when its route ends.
     void routeURL(const Link &url, const std::optional<SourceApp> &source,
-                  const QString &activationToken = {});
+                  const QString &activationToken = {}, const LinkJournal::Ticket &ticket = {});
+    // Reads today's count again (after the history moved into the database).
+    void reloadTodayForwardCount();
+    // Tries again, now and then, to write what the history database did not take.
+    void keepWritingHistory();
 
 Q_SIGNALS:
     void rulesChanged();
@@ -107,7 +119,12 @@ private:
     void chooseFallbackBrowser();
 
     RuleStore &m_store;
+    HistoryDatabase &m_history;
     AppServices m_services;
+    QTimer *m_historyRetry = nullptr;
+    // The last failure the user was notified of, and until when it is not again.
+    QString m_lastNotifiedFailure;
+    QDeadlineTimer m_failureQuietUntil;
     QList<RoutingRule> m_rules;
     QList<BrowserInfo> m_browsers;
     QString m_defaultBrowserBundleID;

@@ -4,7 +4,9 @@
 #include "App/BuildInfo.h"
 #include "App/DoctorCommand.h"
 #include "App/ExplainCommand.h"
+#include "App/HistoryCommand.h"
 #include "Services/URLExpander.h"
+#include "Storage/HistoryDatabase.h"
 #include "Storage/UserSettings.h"
 
 #include <QCoreApplication>
@@ -30,6 +32,8 @@ QString helpText()
            "                 show where a link would open and which rule decides\n"
            "  doctor [--json]\n"
            "                 show what Quillvane sees of this desktop\n"
+           "  history [--json] [--limit N]\n"
+           "                 show the links Quillvane forwarded, newest first\n"
            "\n"
            "Commands for the running Quillvane (they never start it):\n"_s
            + AutomationCommands::summary()
@@ -88,6 +92,12 @@ int run(const QByteArrayList &arguments, QTextStream &out, QTextStream &err)
         const ExplainCommand::Environment environment{
             *settings, out, err, &URLExpander::isShortLink, &URLExpander::expand};
         return ExplainCommand::run(decoded.sliced(1), environment);
+    }
+    if (decoded.first() == u"history") {
+        QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*.info=false"_s);
+        HistoryDatabase database(HistoryDatabase::defaultPath(), HistoryDatabase::Access::ReadOnly);
+        const auto settings = UserSettings::open();
+        return HistoryCommand::run(decoded.sliced(1), {database, *settings, out, err});
     }
     if (AutomationCommands::isAutomationCommand(decoded.first())) {
         QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*.info=false"_s);

@@ -2,11 +2,14 @@
 
 #include "App/AppState.h"
 #include "App/DesktopActions.h"
+#include "Automation/SettingsActions.h"
 #include "Platform/DiagnosticLog.h"
 #include "Services/SourceAppResolver.h"
+#include "Storage/LinkJournal.h"
 
 #include <QDBusConnection>
-#include <QDBusConnectionInterface>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -50,20 +53,38 @@ void LinkIntake::Open(const QStringList &uris, const QVariantMap &platformData)
         quoted.append(u'"' + (uri.size() > 2048 ? uri.left(2048) + u"…"_s : uri) + u'"');
     debugLog(u"application(_:open:) called with %1 URL(s): [%2]"_s.arg(QString::number(uris.size()),
                                                                        quoted.join(u", "_s)));
-    qint64 pid = -1;
-    if (calledFromDBus()) {
-        const auto reply = connection().interface()->servicePid(message().service());
-        if (reply.isValid())
-            pid = qint64(reply.value());
-    }
-    const QStringList refused = handleURLs(uris, pid, activationToken(platformData));
-    if (refused.isEmpty() || !calledFromDBus())
+    const QString token = activationToken(platformData);
+    if (!calledFromDBus()) {
+        handleURLs(uris, -1, token);
         return;
-    if (uris.size() > MaxLinksPerRequest)
-        sendErrorReply(u"work.vorpa.Quillvane.Error.TooManyLinks"_s, refused.first());
-    else
-        sendErrorReply(u"work.vorpa.Quillvane.Error.InvalidLink"_s,
-                       u"Quillvane refused these links: "_s + refused.join(u"; "_s));
+    }
+    // The bus says who called; the question is asked without waiting, so that
+    // links already here keep opening while a busy bus answers. The caller
+    // waits for the reply, so it is still there to be resolved.
+    setDelayedReply(true);
+    const QDBusMessage call = message();
+    QDBusConnection bus = connection();
+    QDBusMessage whoCalled = QDBusMessage::createMethodCall(
+        u"org.freedesktop.DBus"_s, u"/org/freedesktop/DBus"_s, u"org.freedesktop.DBus"_s,
+        u"GetConnectionUnixProcessID"_s);
+    whoCalled << call.service();
+    auto *watcher = new QDBusPendingCallWatcher(bus.asyncCall(whoCalled), this);
+    connect(watcher, &QDBusPendingCallWatcher::finished, this,
+            [this, bus, call, uris, token](QDBusPendingCallWatcher *answered) mutable {
+                answered->deleteLater();
+                const QDBusPendingReply<uint> pid = *answered;
+                const QStringList refused =
+                    handleURLs(uris, pid.isValid() ? qint64(pid.value()) : -1, token);
+                if (refused.isEmpty())
+                    bus.send(call.createReply());
+                else if (uris.size() > MaxLinksPerRequest)
+                    bus.send(call.createErrorReply(u"work.vorpa.Quillvane.Error.TooManyLinks"_s,
+                                                   refused.first()));
+                else
+                    bus.send(call.createErrorReply(
+                        u"work.vorpa.Quillvane.Error.InvalidLink"_s,
+                        u"Quillvane refused these links: "_s + refused.join(u"; "_s)));
+            });
 }
 
 void LinkIntake::ActivateAction(const QString &actionName, const QVariantList &,
@@ -113,15 +134,53 @@ QStringList LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
         debugLog(u"Resolved source app: %1 (%2)"_s.arg(source ? source->name : u"nil"_s,
                                                        source ? source->bundleID : u"nil"_s));
     }
-    for (const Link &link : std::as_const(links)) {
-        debugLog(u"Routing URL: "_s + link.toString());
+    QList<LinkJournal::Entry> entries;
+    const QDateTime now = m_state.services().clock();
+    for (const Link &link : std::as_const(links))
+        entries.append({0, LinkJournal::Kind::Open, now, link.toString(), source, activationToken,
+                        QString(), false});
+    LinkJournal::accept(m_state.history(), entries);
+    for (qsizetype i = 0; i < links.size(); ++i) {
+        debugLog(u"Routing URL: "_s + links[i].toString());
         // One task per link, started in order and not awaited.
         QMetaObject::invokeMethod(
             &m_state,
-            [state = &m_state, url = link, source, activationToken] {
-                state->routeURL(url, source, activationToken);
+            [state = &m_state, url = links[i], source, activationToken, entry = entries[i].id] {
+                state->routeURL(url, source, activationToken, {entry, false});
             },
             Qt::QueuedConnection);
     }
     return refused;
+}
+
+void LinkIntake::resumeUnfinished()
+{
+    const QList<LinkJournal::Entry> entries =
+        LinkJournal::unfinished(m_state.history(), m_state.services().clock());
+    for (const LinkJournal::Entry &entry : entries) {
+        const auto link = Link::parseWebLink(entry.url);
+        if (!link) {
+            LinkJournal::finish(m_state.history(), entry.id);
+            continue;
+        }
+        debugLog(u"Routing URL accepted before a restart: "_s + entry.url);
+        if (entry.kind == LinkJournal::Kind::Route) {
+            std::optional<Automation::BrowserEntity> browser;
+            if (!entry.browser.isEmpty())
+                browser = Automation::BrowserEntity{entry.browser, entry.browser};
+            QMetaObject::invokeMethod(
+                &m_state, [url = *link, browser, id = entry.id] {
+                    Automation::routeURL(url, browser, id);
+                },
+                Qt::QueuedConnection);
+            continue;
+        }
+        QMetaObject::invokeMethod(
+            &m_state,
+            [state = &m_state, url = *link, entry] {
+                state->routeURL(url, entry.source, entry.activationToken,
+                                {entry.id, entry.counted});
+            },
+            Qt::QueuedConnection);
+    }
 }

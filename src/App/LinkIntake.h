@@ -27,8 +27,14 @@ public:
     // itself), with the sender's process id when known.
     // Returns the links refused (not http or https), each with the reason;
     // more than MaxLinksPerRequest are all refused, with one reason.
+    // The links are in the journal when this returns, so a caller told that
+    // Quillvane has them does not lose them even if it is killed.
     QStringList handleURLs(const QStringList &uris, qint64 senderPid,
                            const QString &activationToken);
+
+    // Routes again what an earlier Quillvane accepted and did not open (only
+    // recent links: see LinkJournal).
+    void resumeUnfinished();
 
     // What Activate does (show the settings window, once it exists).
     std::function<void()> onActivate;

@@ -8,7 +8,6 @@
 #include "Services/URLCleaner.h"
 #include "Services/URLRouter.h"
 #include "Storage/HistoryStore.h"
-#include "Storage/UserSettings.h"
 
 #include <QMetaObject>
 
@@ -33,20 +32,26 @@ QString boolText(bool value)
     return value ? u"true"_s : u"false"_s;
 }
 
+// A fallback browser that went away fails every link the same way: the user
+// hears of it once in a while, not once per link.
+constexpr int RepeatedFailureQuietMs = 30000;
+
 } // namespace
 
 RouteTask::RouteTask(AppState &state, const Link &incoming, const Link &working,
-                     const std::optional<SourceApp> &source, const QString &activationToken)
+                     const std::optional<SourceApp> &source, const QString &activationToken,
+                     const LinkJournal::Ticket &ticket)
     : QObject(&state)
     , m_state(state)
     , m_incoming(incoming)
     , m_working(working)
     , m_source(source)
     , m_activationToken(activationToken)
+    , m_ticket(ticket)
 {}
 
 void RouteTask::start(AppState &state, const Link &url, const std::optional<SourceApp> &source,
-                      const QString &activationToken)
+                      const QString &activationToken, const LinkJournal::Ticket &ticket)
 {
     const QString name = source ? source->name : u"unknown"_s;
     const QString id = source ? source->bundleID : u"nil"_s;
@@ -58,7 +63,7 @@ void RouteTask::start(AppState &state, const Link &url, const std::optional<Sour
     if (!(working == url))
         debugLog(u"routeURL() — cleaned URL: %1"_s.arg(working.toString()));
 
-    auto *task = new RouteTask(state, url, working, source, activationToken);
+    auto *task = new RouteTask(state, url, working, source, activationToken, ticket);
     if (!state.rulesEnabled()) {
         const QString fallbackID = state.defaultBrowserBundleID();
         const QString fallbackName = task->browserName(fallbackID);
@@ -71,9 +76,11 @@ void RouteTask::start(AppState &state, const Link &url, const std::optional<Sour
         QMetaObject::invokeMethod(
             task, [task] { task->runRouting(); }, Qt::QueuedConnection);
     }
-    // Counted after the task is queued: a changed QSettings queues its own
-    // write to disk, and that write must come after the browser has the link.
-    state.m_todayForwardCount = state.store().incrementTodayCount();
+    // A link routed again after a restart was counted when it first arrived.
+    if (ticket.counted)
+        return;
+    state.m_todayForwardCount = HistoryStore::incrementForwardCount(
+        state.history(), HistoryStore::dayString(state.services().clock()), ticket.entry);
     Q_EMIT state.todayForwardCountChanged();
 }
 
@@ -106,7 +113,8 @@ void RouteTask::runPaused(const QString &fallbackID, const QString &fallbackName
                 const QString error = outcome->description();
                 failed(u"FAILED: "_s + error, u"routeURL() — FAILED (rules paused): "_s + error,
                        u"Failed to open URL (rules paused) in %1: %2"_s.arg(
-                           SystemLog::priv(fallbackName), SystemLog::priv(error)));
+                           SystemLog::priv(fallbackName), SystemLog::priv(error)),
+                       error);
                 return;
             }
             debugLog(u"routeURL() — SUCCESS (rules paused) opened in "_s + fallbackName);
@@ -141,7 +149,8 @@ void RouteTask::route()
         failed(u"No route: %1 from %2"_s.arg(hostOrText(m_working), sourceName()),
                u"routeURL() — NO ROUTE found"_s,
                u"No route found for %1 from %2"_s.arg(SystemLog::priv(m_working.toString()),
-                                                      SystemLog::priv(sourceID())));
+                                                      SystemLog::priv(sourceID())),
+               u"No rule matches it and no fallback browser is set."_s);
         return;
     }
 
@@ -210,7 +219,8 @@ void RouteTask::launchPlain(const QString &browserID, const QString &targetName,
                 const QString error = outcome->description();
                 failed(u"FAILED: "_s + error, u"routeURL() — FAILED: "_s + error,
                        u"Failed to open URL in %1: %2"_s.arg(SystemLog::priv(targetName),
-                                                             SystemLog::priv(error)));
+                                                             SystemLog::priv(error)),
+                       error);
                 return;
             }
             debugLog(successLine);
@@ -235,24 +245,31 @@ void RouteTask::opened(const QString &browserID, const QString &browserName,
     record.targetBrowserBundleID = browserID;
     record.targetBrowserName = browserName;
     record.ruleMatched = ruleMatched;
-    HistoryStore::record(m_state.store().settings(), record);
+    HistoryStore::record(m_state.history(), record, m_ticket.entry);
     finish();
 }
 
 void RouteTask::failed(const QString &statusText, const QString &diagnosticLine,
-                       const QString &logLine)
+                       const QString &logLine, const QString &userText)
 {
     m_state.setLastRouteLog(statusText);
     debugLog(diagnosticLine);
     qCCritical(lcRoute).noquote() << logLine;
+    LinkJournal::finish(m_state.history(), m_ticket.entry);
+    // The sender was told long ago that Quillvane has the link; only a
+    // notification can still tell the user it did not open.
+    if (userText != m_state.m_lastNotifiedFailure || m_state.m_failureQuietUntil.hasExpired()) {
+        m_state.m_lastNotifiedFailure = userText;
+        m_state.m_failureQuietUntil.setRemainingTime(RepeatedFailureQuietMs);
+        m_state.services().notify(u"Quillvane could not open a link"_s,
+                                  hostOrText(m_working) + u'\n' + userText);
+    }
     finish();
 }
 
 void RouteTask::finish()
 {
-    // Today's count (and the history, when the link opened) on disk before
-    // the route counts as done.
-    UserSettings::commit(m_state.store().settings());
+    m_state.keepWritingHistory();
     Q_EMIT m_state.routeFinished();
     deleteLater();
 }

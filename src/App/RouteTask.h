@@ -2,6 +2,7 @@
 
 #include "Models/Link.h"
 #include "Models/RoutingRule.h"
+#include "Storage/LinkJournal.h"
 
 #include <QObject>
 
@@ -17,11 +18,12 @@ class RouteTask final : public QObject
 {
 public:
     static void start(AppState &state, const Link &url, const std::optional<SourceApp> &source,
-                      const QString &activationToken);
+                      const QString &activationToken, const LinkJournal::Ticket &ticket);
 
 private:
     RouteTask(AppState &state, const Link &incoming, const Link &working,
-              const std::optional<SourceApp> &source, const QString &activationToken);
+              const std::optional<SourceApp> &source, const QString &activationToken,
+              const LinkJournal::Ticket &ticket);
 
     void runPaused(const QString &fallbackID, const QString &fallbackName);
     void runRouting();
@@ -30,7 +32,9 @@ private:
                      const std::optional<QString> &credited, const QString &successLine);
     void opened(const QString &browserID, const QString &browserName,
                 const std::optional<QString> &ruleMatched);
-    void failed(const QString &statusText, const QString &diagnosticLine, const QString &logLine);
+    // userText: what the desktop notification says of the failure.
+    void failed(const QString &statusText, const QString &diagnosticLine, const QString &logLine,
+                const QString &userText);
     void finish();
 
     QString sourceName() const;
@@ -42,4 +46,5 @@ private:
     Link m_working;
     std::optional<SourceApp> m_source;
     QString m_activationToken;
+    LinkJournal::Ticket m_ticket;
 };

@@ -4,6 +4,7 @@
 #include "Services/BrowserLauncher.h"
 #include "Services/URLCleaner.h"
 #include "Services/URLRouter.h"
+#include "Storage/LinkJournal.h"
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -17,11 +18,13 @@ IntentError launchFailed(const BrowserLauncher::LaunchError &error)
 }
 
 QFuture<Answer> open(AppState &state, const Link &url, const QString &browserID,
-                     const QString &success)
+                     const QString &success, qint64 journalEntry)
 {
     const BrowserLauncher::Platform platform{state.services().entries, state.services().processes};
     return BrowserLauncher::open(url, browserID, state.browsers(), platform)
-        .then([success](const BrowserLauncher::Outcome &outcome) -> Answer {
+        .then([success, journalEntry,
+               history = &state.history()](const BrowserLauncher::Outcome &outcome) -> Answer {
+            LinkJournal::finish(*history, journalEntry);
             if (outcome)
                 return launchFailed(*outcome);
             return success;
@@ -30,21 +33,31 @@ QFuture<Answer> open(AppState &state, const Link &url, const QString &browserID,
 
 } // namespace
 
-QFuture<Answer> routeURL(const Link &url, const std::optional<BrowserEntity> &browser)
+QFuture<Answer> routeURL(const Link &url, const std::optional<BrowserEntity> &browser,
+                         qint64 journalEntry)
 {
     const auto shared = sharedState();
     if (!shared)
         return QtFuture::makeReadyFuture<Answer>(shared.error());
     AppState &state = **shared;
+    if (journalEntry == 0) {
+        QList<LinkJournal::Entry> entries{{0, LinkJournal::Kind::Route, state.services().clock(),
+                                           url.toString(), std::nullopt, QString(),
+                                           browser ? browser->id : QString(), false}};
+        LinkJournal::accept(state.history(), entries);
+        journalEntry = entries.first().id;
+    }
     if (browser)
-        return open(state, url, browser->id, u"Opened in %1."_s.arg(browser->name));
+        return open(state, url, browser->id, u"Opened in %1."_s.arg(browser->name), journalEntry);
 
     const Link link = state.urlCleaningEnabled() ? URLCleaner::clean(url) : url;
     const auto route =
         URLRouter::route(link, std::nullopt, state.rules(), state.defaultBrowserBundleID());
-    if (!route)
+    if (!route) {
+        LinkJournal::finish(state.history(), journalEntry);
         return QtFuture::makeReadyFuture<Answer>(
             u"No routing rule matched and no default browser is set."_s);
+    }
     QString name = route->browserBundleID;
     for (const BrowserInfo &info : state.browsers()) {
         if (info.bundleID == route->browserBundleID) {
@@ -52,7 +65,7 @@ QFuture<Answer> routeURL(const Link &url, const std::optional<BrowserEntity> &br
             break;
         }
     }
-    return open(state, link, route->browserBundleID, u"Routed to %1."_s.arg(name));
+    return open(state, link, route->browserBundleID, u"Routed to %1."_s.arg(name), journalEntry);
 }
 
 Answer setDefaultBrowser(const BrowserEntity &browser)

@@ -16,8 +16,10 @@ using Answer = Expected<QString, IntentError>;
 // and no default browser is set."; a launch error ends it with the launcher's
 // description. Unlike a clicked link: rules apply even while paused, short
 // links are not expanded, a rule's profile is not used, and nothing is counted
-// or recorded.
-QFuture<Answer> routeURL(const Link &url, const std::optional<BrowserEntity> &browser);
+// or recorded. The link is journalled until its launch has ended (journalEntry:
+// one it already has, when routed again after a restart).
+QFuture<Answer> routeURL(const Link &url, const std::optional<BrowserEntity> &browser,
+                         qint64 journalEntry = 0);
 Answer setDefaultBrowser(const BrowserEntity &browser);
 // Switches only when needed; answers "{title} is now enabled/disabled.".
 Answer toggleFeature(Feature feature, bool enabled);

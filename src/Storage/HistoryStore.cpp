@@ -1,9 +1,9 @@
 #include "Storage/HistoryStore.h"
 
-#include "Models/JsonWriter.h"
+#include "Models/JsonFields.h"
 #include "Platform/SystemLog.h"
-#include "Storage/SettingsKeys.h"
-#include "Storage/UserSettings.h"
+
+#include <QLocale>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -13,127 +13,178 @@ namespace HistoryStore {
 
 namespace {
 
-// The history as last written or read: its records, the bytes they are stored as
-// and where each record starts in those bytes (unknown after a plain decode).
-// Every routed link reads the history it wrote a moment ago and adds one record
-// at the front; keeping this lets it skip decoding and re-encoding 500 records,
-// which would cost more than everything else in recording. Keyed by content, so
-// a history changed by anyone else is decoded afresh. Main thread only.
-struct EncodedHistory
+bool matches(const ForwardingRecord &record, const QString &filter)
 {
-    QByteArray bytes;
-    QList<ForwardingRecord> records;
-    QList<qsizetype> starts;
-};
-
-EncodedHistory &lastHistory()
-{
-    static EncodedHistory history{QByteArrayLiteral("[]"), {}, {}};
-    return history;
+    return filter.isEmpty() || record.originalURL.contains(filter, Qt::CaseInsensitive)
+           || record.sourceAppName.value_or(QString()).contains(filter, Qt::CaseInsensitive)
+           || record.targetBrowserName.contains(filter, Qt::CaseInsensitive);
 }
 
-EncodedHistory encoded(const QList<ForwardingRecord> &records)
+double dayStart(QDate day)
 {
-    EncodedHistory history;
-    JsonWriter writer;
-    writer.beginArray();
-    for (const ForwardingRecord &record : records) {
-        history.starts.append(writer.size() + (history.starts.isEmpty() ? 0 : 1));
-        record.writeJson(writer);
-    }
-    writer.endArray();
-    history.bytes = writer.take();
-    history.records = records;
-    return history;
-}
-
-// The history with entry in front and at most MaxRecords records, built from the
-// previous bytes without encoding them again.
-EncodedHistory prepended(const EncodedHistory &previous, const ForwardingRecord &entry)
-{
-    const qsizetype keep = std::min(previous.records.size(), MaxRecords - 1);
-    if (previous.starts.size() != previous.records.size()) {
-        QList<ForwardingRecord> records = previous.records.first(keep);
-        records.prepend(entry);
-        return encoded(records);
-    }
-    JsonWriter writer;
-    entry.writeJson(writer);
-    EncodedHistory history;
-    history.bytes.reserve(previous.bytes.size() + writer.size() + 2);
-    history.bytes += '[';
-    history.bytes += writer.take();
-    history.starts.append(1);
-    if (keep > 0) {
-        const qsizetype from = previous.starts[0];
-        const qsizetype to =
-            keep < previous.records.size() ? previous.starts[keep] - 1 : previous.bytes.size() - 1;
-        history.bytes += ',';
-        const qsizetype shift = history.bytes.size() - from;
-        history.bytes += QByteArrayView(previous.bytes).sliced(from, to - from);
-        for (qsizetype i = 0; i < keep; ++i)
-            history.starts.append(previous.starts[i] + shift);
-    }
-    history.bytes += ']';
-    history.records = previous.records.first(keep);
-    history.records.prepend(entry);
-    return history;
-}
-
-// The stored history, decoded only when its bytes are not the ones last seen.
-// Damaged data reads as empty, with the error line.
-const EncodedHistory &current(const QSettings &settings)
-{
-    static const EncodedHistory empty{QByteArrayLiteral("[]"), {}, {}};
-    const auto data = SettingsKeys::read(settings, SettingsKeys::ForwardingHistory);
-    if (!data)
-        return empty;
-    EncodedHistory &last = lastHistory();
-    if (last.bytes.isSharedWith(*data) || last.bytes == *data)
-        return last;
-    auto records = ForwardingRecord::listFromJson(*data);
-    if (!records) {
-        qCCritical(lcHistoryStore).noquote()
-            << u"Failed to decode history data: %1"_s.arg(records.error().description);
-        return empty;
-    }
-    last = EncodedHistory{*data, std::move(records).value(), {}};
-    return last;
+    return JsonFields::referenceSeconds(day.startOfDay());
 }
 
 } // namespace
 
-QList<ForwardingRecord> loadHistory(const QSettings &settings)
+Expected<QList<ForwardingRecord>, QString> readHistory(HistoryDatabase &database,
+                                                       const QString &filter, qsizetype limit)
 {
-    return current(settings).records;
+    QList<ForwardingRecord> records;
+    const HistoryDatabase::Unwritten &unwritten = database.unwritten();
+    for (const ForwardingRecord &record : unwritten.records) {
+        if (records.size() < limit && matches(record, filter))
+            records.append(record);
+    }
+    if (unwritten.cleared || records.size() >= limit)
+        return records;
+    const bool read = database.read([&](Sqlite::Database &sql) {
+        Sqlite::Statement rows = sql.statement(
+            "SELECT id, timestamp, originalURL, sourceAppBundleID, sourceAppName, "
+            "targetBrowserBundleID, targetBrowserName, ruleMatched FROM history "
+            "WHERE ?1 = '' OR quillvane_contains(originalURL, ?1) "
+            "OR quillvane_contains(sourceAppName, ?1) OR quillvane_contains(targetBrowserName, ?1) "
+            "ORDER BY seq DESC LIMIT ?2");
+        rows.bind(1, filter).bind(2, qint64(limit - records.size()));
+        while (rows.step()) {
+            // A row edited by hand into something else is left out, not shown wrong.
+            const std::optional<QDateTime> when = JsonFields::fromReferenceSeconds(rows.real(1));
+            if (!when)
+                continue;
+            records.append(ForwardingRecord{
+                JsonFields::parseUuid(rows.text(0)).value_or(QUuid()), *when, rows.text(2),
+                rows.optionalText(3), rows.optionalText(4), rows.text(5), rows.text(6),
+                rows.optionalText(7)});
+        }
+    });
+    if (!read)
+        return database.lastFailure();
+    return records;
 }
 
-void record(QSettings &settings, const ForwardingRecord &entry)
+QList<ForwardingRecord> loadHistory(HistoryDatabase &database, const QString &filter,
+                                    qsizetype limit)
 {
-    const EncodedHistory &previous = current(settings);
-    if (previous.records.size() >= MaxRecords)
+    auto records = readHistory(database, filter, limit);
+    if (!records) {
+        qCCritical(lcHistoryStore).noquote()
+            << u"Failed to read the history: %1"_s.arg(records.error());
+        QList<ForwardingRecord> unwritten;
+        for (const ForwardingRecord &record : database.unwritten().records) {
+            if (unwritten.size() < limit && matches(record, filter))
+                unwritten.append(record);
+        }
+        return unwritten;
+    }
+    return std::move(records).value();
+}
+
+void record(HistoryDatabase &database, const ForwardingRecord &entry, qint64 journalEntry)
+{
+    bool trimmed = false;
+    const bool written = database.write([&](Sqlite::Database &sql) {
+        HistoryDatabase::insertRecord(sql, entry);
+        if (journalEntry > 0)
+            sql.statement("DELETE FROM intakeJournal WHERE id = ?").bind(1, journalEntry).run();
+        trimmed = HistoryDatabase::trimHistory(sql, MaxRecords);
+    });
+    if (!written) {
+        HistoryDatabase::Unwritten &unwritten = database.unwritten();
+        unwritten.records.prepend(entry);
+        trimmed = unwritten.records.size() > MaxRecords;
+        if (trimmed)
+            unwritten.records.resize(MaxRecords);
+        if (journalEntry > 0)
+            unwritten.finishedJournalEntries.append(journalEntry);
+    }
+    if (trimmed)
         qCInfo(lcHistoryStore).noquote()
             << u"History exceeds %1 records, trimming oldest entries"_s.arg(MaxRecords);
-    EncodedHistory next = prepended(previous, entry);
-    settings.setValue(SettingsKeys::ForwardingHistory.name, next.bytes);
-    UserSettings::commit(settings);
-    lastHistory() = std::move(next);
-    qCDebug(lcHistoryStore).noquote() << u"Recorded forwarding: %1"_s.arg(entry.originalURL);
+    qCDebug(lcHistoryStore).noquote()
+        << u"Recorded forwarding: %1"_s.arg(SystemLog::priv(entry.originalURL));
 }
 
-void clearHistory(QSettings &settings)
+void clearHistory(HistoryDatabase &database)
 {
-    settings.remove(SettingsKeys::ForwardingHistory.name);
-    UserSettings::commit(settings);
+    const bool written =
+        database.write([](Sqlite::Database &sql) { sql.exec("DELETE FROM history"); });
+    if (!written) {
+        HistoryDatabase::Unwritten &unwritten = database.unwritten();
+        unwritten.records.clear();
+        unwritten.cleared = true;
+    }
     qCInfo(lcHistoryStore) << "Forwarding history cleared";
 }
 
-qsizetype todayCount(const QSettings &settings, QDate today)
+qsizetype todayCount(HistoryDatabase &database, QDate today)
 {
-    const QList<ForwardingRecord> records = loadHistory(settings);
-    return std::count_if(records.cbegin(), records.cend(), [today](const ForwardingRecord &record) {
-        return record.timestamp.toLocalTime().date() == today;
+    const double from = dayStart(today);
+    const double to = dayStart(today.addDays(1));
+    const HistoryDatabase::Unwritten &unwritten = database.unwritten();
+    qsizetype count =
+        std::count_if(unwritten.records.cbegin(), unwritten.records.cend(),
+                      [today](const ForwardingRecord &record) {
+                          return record.timestamp.toLocalTime().date() == today;
+                      });
+    if (unwritten.cleared)
+        return count;
+    database.read([&](Sqlite::Database &sql) {
+        Sqlite::Statement query = sql.statement(
+            "SELECT count(*) FROM history WHERE timestamp >= ? AND timestamp < ?");
+        query.bind(1, from).bind(2, to);
+        if (query.step())
+            count += query.integer(0);
+        query.run();
     });
+    return count;
+}
+
+QString dayString(const QDateTime &instant)
+{
+    return QLocale::c().toString(instant.toLocalTime().date(), u"yyyy-MM-dd");
+}
+
+qint64 loadForwardCount(HistoryDatabase &database, const QString &day)
+{
+    const HistoryDatabase::Unwritten &unwritten = database.unwritten();
+    qint64 count = unwritten.countDay == day ? unwritten.count : 0;
+    database.read([&](Sqlite::Database &sql) {
+        Sqlite::Statement query = sql.statement("SELECT count FROM forwardCount WHERE day = ?");
+        query.bind(1, day);
+        if (query.step())
+            count += query.integer(0);
+        query.run();
+    });
+    return count;
+}
+
+qint64 incrementForwardCount(HistoryDatabase &database, const QString &day, qint64 journalEntry)
+{
+    qint64 count = 0;
+    const bool written = database.write([&](Sqlite::Database &sql) {
+        count = HistoryDatabase::addToCount(sql, day, 1);
+        if (journalEntry > 0)
+            sql.statement("UPDATE intakeJournal SET counted = 1 WHERE id = ?")
+                .bind(1, journalEntry)
+                .run();
+    });
+    if (written)
+        return count;
+    // Counts of an earlier day that never reached the file no longer matter.
+    HistoryDatabase::Unwritten &unwritten = database.unwritten();
+    if (unwritten.countDay != day) {
+        unwritten.countDay = day;
+        unwritten.count = 0;
+    }
+    ++unwritten.count;
+    return loadForwardCount(database, day);
+}
+
+bool flush(HistoryDatabase &database)
+{
+    if (database.unwritten().isEmpty())
+        return true;
+    return database.write([](Sqlite::Database &) {});
 }
 
 } // namespace HistoryStore

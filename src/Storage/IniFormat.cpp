@@ -1,9 +1,7 @@
 #include "Storage/IniFormat.h"
 
 #include <QFileDevice>
-#include <QHash>
 #include <QIODevice>
-#include <QMutex>
 #include <QStringList>
 
 #include <array>
@@ -123,38 +121,8 @@ void appendKey(QByteArray &out, QStringView key)
     }
 }
 
-// The escaped form of the last data value written under each key. Saving one
-// value rewrites the whole file, and the others (the rules, when a link is
-// recorded) are usually the very same bytes as last time: Qt shares them, so
-// the escaped text can be reused without even comparing.
-class EscapedValues final
+void appendValue(QByteArray &out, const QVariant &value)
 {
-public:
-    void append(QByteArray &out, const QString &key, const QByteArray &value)
-    {
-        const QMutexLocker lock(&m_mutex);
-        Entry &entry = m_entries[key];
-        if (!entry.source.isSharedWith(value) || entry.source.isNull()) {
-            entry.escaped.clear();
-            appendEscaped(entry.escaped, value, true);
-            entry.source = value;
-        }
-        out += entry.escaped;
-    }
-
-private:
-    struct Entry
-    {
-        QByteArray source;
-        QByteArray escaped;
-    };
-    QMutex m_mutex;
-    QHash<QString, Entry> m_entries;
-};
-
-void appendValue(QByteArray &out, const QString &key, const QVariant &value)
-{
-    static EscapedValues escapedValues;
     switch (value.typeId()) {
     case QMetaType::UnknownType:
         out += "@Invalid()";
@@ -170,7 +138,7 @@ void appendValue(QByteArray &out, const QString &key, const QVariant &value)
         return;
     case QMetaType::QByteArray:
         out += "\"@ByteArray(";
-        escapedValues.append(out, key, value.toByteArray());
+        appendEscaped(out, value.toByteArray(), true);
         out += ")\"";
         return;
     default: {
@@ -387,7 +355,7 @@ bool write(QIODevice &device, const QSettings::SettingsMap &map)
             const qsizetype slash = it.key().lastIndexOf(u'/');
             appendKey(out, QStringView(it.key()).sliced(slash + 1));
             out += '=';
-            appendValue(out, it.key(), it.value());
+            appendValue(out, it.value());
             out += '\n';
         }
     }

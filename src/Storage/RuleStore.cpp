@@ -3,11 +3,8 @@
 #include "Storage/SettingsKeys.h"
 #include "Storage/UserSettings.h"
 
-#include <QLocale>
-
-RuleStore::RuleStore(QSettings &settings, Clock clock)
+RuleStore::RuleStore(QSettings &settings)
     : m_settings(settings)
-    , m_clock(clock ? std::move(clock) : Clock([] { return QDateTime::currentDateTime(); }))
 {}
 
 QList<RoutingRule> RuleStore::loadRules() const
@@ -44,37 +41,5 @@ QString RuleStore::loadDefaultBrowserBundleID() const
 void RuleStore::saveDefaultBrowserBundleID(const QString &bundleID)
 {
     m_settings.setValue(SettingsKeys::DefaultBrowserBundleID.name, bundleID);
-    UserSettings::commit(m_settings);
-}
-
-qint64 RuleStore::loadTodayCount()
-{
-    resetCountIfNeeded();
-    return SettingsKeys::read(m_settings, SettingsKeys::TodayForwardCount);
-}
-
-qint64 RuleStore::incrementTodayCount()
-{
-    resetCountIfNeeded();
-    const qint64 count = SettingsKeys::read(m_settings, SettingsKeys::TodayForwardCount) + 1;
-    // Written now, put on disk when the link's route ends (see RouteTask): one
-    // disk write then carries both the count and the history, after the
-    // browser has the link rather than before.
-    m_settings.setValue(SettingsKeys::TodayForwardCount.name, count);
-    return count;
-}
-
-QString RuleStore::dayString(const QDateTime &instant)
-{
-    return QLocale::c().toString(instant.toLocalTime().date(), u"yyyy-MM-dd");
-}
-
-void RuleStore::resetCountIfNeeded()
-{
-    const QString today = dayString(m_clock());
-    if (SettingsKeys::read(m_settings, SettingsKeys::TodayDate) == today)
-        return;
-    m_settings.setValue(SettingsKeys::TodayForwardCount.name, 0);
-    m_settings.setValue(SettingsKeys::TodayDate.name, today);
     UserSettings::commit(m_settings);
 }

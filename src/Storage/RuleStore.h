@@ -2,20 +2,16 @@
 
 #include "Models/RoutingRule.h"
 
-#include <QDateTime>
 #include <QList>
 #include <QSettings>
 
-#include <functional>
-
-// Persists the rules, the rule-engine switch, the fallback browser and today's
-// forward count. No cache: every load reads the settings, every save writes them.
+// Persists the rules, the rule-engine switch and the fallback browser. No cache:
+// every load reads the settings, every save writes them. (Today's forward count
+// lives beside the history, which changes with every link: see HistoryStore.)
 class RuleStore final
 {
 public:
-    using Clock = std::function<QDateTime()>;
-
-    explicit RuleStore(QSettings &settings, Clock clock = {});
+    explicit RuleStore(QSettings &settings);
 
     QSettings &settings() const { return m_settings; }
 
@@ -28,16 +24,6 @@ public:
     QString loadDefaultBrowserBundleID() const;
     void saveDefaultBrowserBundleID(const QString &bundleID);
 
-    qint64 loadTodayCount();
-    // The new count is in the settings at once; its caller syncs them.
-    qint64 incrementTodayCount();
-
-    // "yyyy-MM-dd" of a local date, whatever the user's locale and calendar.
-    static QString dayString(const QDateTime &instant);
-
 private:
-    void resetCountIfNeeded();
-
     QSettings &m_settings;
-    Clock m_clock;
 };

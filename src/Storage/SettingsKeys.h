@@ -22,16 +22,17 @@ struct DataKey
 inline constexpr DataKey RoutingRules{u"routing_rules"};
 inline constexpr Key<bool> RulesEnabled{u"rules_enabled", true};
 inline constexpr Key<QStringView> DefaultBrowserBundleID{u"default_browser_bundle_id", u""};
-inline constexpr Key<qint64> TodayForwardCount{u"today_forward_count", 0};
-inline constexpr Key<QStringView> TodayDate{u"today_date", u""};
 inline constexpr Key<bool> UrlCleaningEnabled{u"url_cleaning_enabled", true};
 inline constexpr Key<bool> UrlExpansionEnabled{u"url_expansion_enabled", false};
 // Update checks: whether they run by themselves, and when one last started
 // (ISO 8601, UTC).
 inline constexpr Key<bool> AutomaticUpdateChecks{u"update_automatic_checks", true};
 inline constexpr Key<QStringView> LastUpdateCheck{u"update_last_check", u""};
-// The forwarding history, written only by the history store.
+// Kept here by earlier versions, and moved into the history database at the
+// first start of this one (HistoryMigration); never written any more.
 inline constexpr DataKey ForwardingHistory{u"forwarding_history"};
+inline constexpr Key<qint64> TodayForwardCount{u"today_forward_count", 0};
+inline constexpr Key<QStringView> TodayDate{u"today_date", u""};
 
 // Values are read with the usual conversions (true/yes/1 and non-zero numbers are
 // true); a value that cannot be converted reads as the key's default.

@@ -10,40 +10,7 @@ void HistoryModel::setRecords(QList<ForwardingRecord> records)
 {
     beginResetModel();
     m_records = std::move(records);
-    m_searchTexts.clear();
-    m_searchTexts.reserve(m_records.size());
-    for (const ForwardingRecord &record : std::as_const(m_records))
-        m_searchTexts.append({record.originalURL.toLower(),
-                              record.sourceAppName.value_or(QString()).toLower(),
-                              record.targetBrowserName.toLower()});
-    m_visible.clear();
-    for (qsizetype i = 0; i < m_records.size(); ++i)
-        m_visible.append(i);
-    if (!m_filter.isEmpty())
-        refilter();
     endResetModel();
-}
-
-void HistoryModel::setFilterText(const QString &text)
-{
-    if (text == m_filter)
-        return;
-    beginResetModel();
-    m_filter = text;
-    refilter();
-    endResetModel();
-}
-
-void HistoryModel::refilter()
-{
-    m_visible.clear();
-    const QString query = m_filter.toLower();
-    for (qsizetype i = 0; i < m_records.size(); ++i) {
-        const auto &texts = m_searchTexts[i];
-        if (query.isEmpty() || texts[0].contains(query) || texts[1].contains(query)
-            || texts[2].contains(query))
-            m_visible.append(i);
-    }
 }
 
 void HistoryModel::setNow(const QDateTime &now)
@@ -54,20 +21,20 @@ void HistoryModel::setNow(const QDateTime &now)
 
 void HistoryModel::refreshTimes()
 {
-    if (!m_visible.isEmpty())
-        Q_EMIT dataChanged(index(0), index(int(m_visible.size()) - 1), {RelativeTimeRole});
+    if (!m_records.isEmpty())
+        Q_EMIT dataChanged(index(0), index(int(m_records.size()) - 1), {RelativeTimeRole});
 }
 
 int HistoryModel::rowCount(const QModelIndex &parent) const
 {
-    return parent.isValid() ? 0 : int(m_visible.size());
+    return parent.isValid() ? 0 : int(m_records.size());
 }
 
 QVariant HistoryModel::data(const QModelIndex &index, int role) const
 {
-    if (!index.isValid() || index.row() >= m_visible.size())
+    if (!index.isValid() || index.row() >= m_records.size())
         return {};
-    const ForwardingRecord &record = m_records[m_visible[index.row()]];
+    const ForwardingRecord &record = m_records[index.row()];
     switch (role) {
     case SourceNameRole:
         return record.sourceAppName.value_or(u"Unknown"_s);

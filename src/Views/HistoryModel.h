@@ -5,9 +5,8 @@
 #include <QAbstractListModel>
 #include <QDateTime>
 
-// The forwarding history as the History tab lists it: newest first, narrowed by
-// a filter text that must occur (ignoring case) in the link, the source
-// application's name or the browser's name.
+// The forwarding history as the History tab lists it, newest first: the
+// records the tab's filter found in the history.
 class HistoryModel final : public QAbstractListModel
 {
     Q_OBJECT
@@ -26,8 +25,6 @@ public:
 
     void setRecords(QList<ForwardingRecord> records);
     const QList<ForwardingRecord> &records() const { return m_records; }
-    // Not trimmed: a trailing blank must match a blank.
-    void setFilterText(const QString &text);
     // What relative times are measured from (now, unless a test says otherwise).
     void setNow(const QDateTime &now);
     // Relative times have moved on.
@@ -42,12 +39,6 @@ public:
     static QString relativeTime(const QDateTime &then, const QDateTime &now);
 
 private:
-    void refilter();
-
     QList<ForwardingRecord> m_records;
-    // Lower-cased search texts of each record, made once per load.
-    QList<std::array<QString, 3>> m_searchTexts;
-    QList<qsizetype> m_visible;
-    QString m_filter;
     QDateTime m_now;
 };

@@ -12,7 +12,6 @@
 #include <QLineEdit>
 #include <QListView>
 #include <QPainter>
-#include <QSettings>
 #include <QStackedWidget>
 #include <QStyledItemDelegate>
 #include <QTimer>
@@ -97,9 +96,9 @@ public:
 
 } // namespace
 
-HistoryPane::HistoryPane(QSettings &settings, QWidget *parent)
+HistoryPane::HistoryPane(HistoryDatabase &history, QWidget *parent)
     : QWidget(parent)
-    , m_settings(settings)
+    , m_history(history)
     , m_model(new HistoryModel(this))
     , m_pages(new QStackedWidget)
     , m_filter(new QLineEdit)
@@ -116,10 +115,8 @@ HistoryPane::HistoryPane(QSettings &settings, QWidget *parent)
     m_filter->setClearButtonEnabled(true);
     m_filter->addAction(QIcon::fromTheme(u"edit-find"_s), QLineEdit::LeadingPosition);
     m_filter->setFrame(false);
-    connect(m_filter, &QLineEdit::textChanged, this, [this](const QString &text) {
-        m_model->setFilterText(text);
-        updateCount();
-    });
+    // Not trimmed: a trailing blank must match a blank.
+    connect(m_filter, &QLineEdit::textChanged, this, &HistoryPane::reload);
 
     m_list->setObjectName(u"historyList"_s);
     m_list->setModel(m_model);
@@ -175,7 +172,10 @@ HistoryPane::HistoryPane(QSettings &settings, QWidget *parent)
 
 void HistoryPane::reload()
 {
-    m_model->setRecords(HistoryStore::loadHistory(m_settings));
+    const QString filter = m_filter->text();
+    m_model->setRecords(HistoryStore::loadHistory(m_history, filter));
+    m_anyRecord = filter.isEmpty() ? !m_model->records().isEmpty()
+                                   : !HistoryStore::loadHistory(m_history, {}, 1).isEmpty();
     updateCount();
 }
 
@@ -194,13 +194,14 @@ void HistoryPane::hideEvent(QHideEvent *event)
 
 void HistoryPane::clear()
 {
-    HistoryStore::clearHistory(m_settings);
+    HistoryStore::clearHistory(m_history);
     m_model->setRecords({});
+    m_anyRecord = false;
     updateCount();
 }
 
 void HistoryPane::updateCount()
 {
-    m_pages->setCurrentIndex(m_model->records().isEmpty() ? 0 : 1);
+    m_pages->setCurrentIndex(m_anyRecord ? 1 : 0);
     m_count->setText(HistoryModel::countText(m_model->rowCount()));
 }

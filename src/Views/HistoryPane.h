@@ -2,22 +2,23 @@
 
 #include <QWidget>
 
+class HistoryDatabase;
 class HistoryModel;
 class QLabel;
 class QLineEdit;
 class QListView;
-class QSettings;
 class QStackedWidget;
 class QTimer;
 
 // The History tab: every recorded forwarding, newest first, with a filter, the
-// count and "Clear". The records are loaded each time the tab comes on screen.
+// count and "Clear". The records are read from the history each time the tab
+// comes on screen and each time the filter changes.
 class HistoryPane final : public QWidget
 {
     Q_OBJECT
 
 public:
-    explicit HistoryPane(QSettings &settings, QWidget *parent = nullptr);
+    explicit HistoryPane(HistoryDatabase &history, QWidget *parent = nullptr);
 
     HistoryModel &model() const { return *m_model; }
     // Loads the history again (what coming on screen does).
@@ -31,7 +32,9 @@ private:
     void clear();
     void updateCount();
 
-    QSettings &m_settings;
+    HistoryDatabase &m_history;
+    // Whether there is any record at all, whatever the filter finds.
+    bool m_anyRecord = false;
     HistoryModel *m_model;
     QStackedWidget *m_pages;
     QLineEdit *m_filter;

@@ -19,7 +19,7 @@ SettingsWindow::SettingsWindow(AppState &state, QSettings &settings, RuleEditSer
     , m_tabs(new QTabWidget)
     , m_appRules(new AppRuleListView(state, services))
     , m_urlRules(new URLRuleListView(state, services))
-    , m_history(new HistoryPane(settings))
+    , m_history(new HistoryPane(state.history()))
 {
     setObjectName(u"settingsWindow"_s);
     setWindowTitle(u"Quillvane Settings"_s);

@@ -29,11 +29,10 @@ void later(QObject *context, std::function<void()> work)
 
 } // namespace
 
-StatusItem::StatusItem(AppState &state, const QSettings &settings, DesktopEntries &entries,
-                       Commands commands, QObject *parent)
+StatusItem::StatusItem(AppState &state, DesktopEntries &entries, Commands commands,
+                       QObject *parent)
     : QObject(parent)
     , m_state(state)
-    , m_settings(settings)
     , m_entries(entries)
     , m_commands(std::move(commands))
     , m_menu(std::make_unique<QMenu>())
@@ -97,7 +96,7 @@ void StatusItem::rebuild(QMenu &menu)
     addInformation(
         menu,
         u"Rules: %1 app, %2 URL"_s.arg(m_state.appRules().size()).arg(m_state.urlRules().size()));
-    addInformation(menu, u"Today: %1 forwarded"_s.arg(HistoryStore::todayCount(m_settings)));
+    addInformation(menu, u"Today: %1 forwarded"_s.arg(HistoryStore::todayCount(m_state.history())));
     if (!m_state.lastRouteLog().isEmpty())
         addInformation(menu, u"Last: "_s + m_state.lastRouteLog());
     menu.addSeparator();

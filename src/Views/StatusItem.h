@@ -8,7 +8,6 @@
 class AppState;
 class DesktopEntries;
 class QMenu;
-class QSettings;
 class QSystemTrayIcon;
 class QIcon;
 
@@ -29,8 +28,8 @@ public:
         std::function<void()> quit;
     };
 
-    StatusItem(AppState &state, const QSettings &settings, DesktopEntries &entries,
-               Commands commands, QObject *parent = nullptr);
+    StatusItem(AppState &state, DesktopEntries &entries, Commands commands,
+               QObject *parent = nullptr);
     ~StatusItem() override;
 
     // Puts the icon in the tray; false when the desktop has no tray (yet).
@@ -51,7 +50,6 @@ private:
     void togglePauseRules();
 
     AppState &m_state;
-    const QSettings &m_settings;
     DesktopEntries &m_entries;
     Commands m_commands;
     std::unique_ptr<QMenu> m_menu;

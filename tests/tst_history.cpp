@@ -1,0 +1,433 @@
+// The history database: the history, today's count and the intake journal in
+// one SQLite file, what it does with a damaged, full or locked file, and how the
+// history of the settings file moves into it.
+#include "Storage/HistoryDatabase.h"
+#include "Storage/HistoryMigration.h"
+#include "Storage/HistoryStore.h"
+#include "Storage/LinkJournal.h"
+#include "Storage/SettingsKeys.h"
+#include "TestSupport.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QProcess>
+#include <QRandomGenerator>
+#include <QRegularExpression>
+#include <QScopeGuard>
+#include <QStandardPaths>
+#include <QTest>
+
+#include <csignal>
+#include <sys/resource.h>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+
+ForwardingRecord someRecord(const QString &url,
+                            const QDateTime &when = QDateTime::currentDateTime())
+{
+    ForwardingRecord record = makeRecord(url, std::nullopt, u"Firefox"_s);
+    record.timestamp = when;
+    return record;
+}
+
+QStringList links(const QList<ForwardingRecord> &records)
+{
+    QStringList result;
+    for (const ForwardingRecord &record : records)
+        result.append(record.originalURL);
+    return result;
+}
+
+LinkJournal::Entry entry(const QString &url, const QDateTime &received)
+{
+    return {0, LinkJournal::Kind::Open, received, url, SourceApp{u"org.example.Mail"_s, u"Mail"_s},
+            u"token"_s, QString(), false};
+}
+
+// What another process reading the file now would see.
+QStringList linksOnDisk(const QString &path)
+{
+    HistoryDatabase reader(path, HistoryDatabase::Access::ReadOnly);
+    const auto records = HistoryStore::readHistory(reader);
+    return records ? links(*records) : QStringList{u"unreadable: "_s + records.error()};
+}
+
+} // namespace
+
+class TestHistory final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+    void recordsNewestFirstAndTrimmed();
+    void filterAndTodayCount();
+    void forwardCountPerDay();
+    void journal();
+    void migrationFromTheSettingsFile();
+    void damagedFileIsMovedAside_data();
+    void damagedFileIsMovedAside();
+    void fullDiskKeepsTheHistoryInMemory();
+    void lockedByAnotherProcess();
+    void oneWriter();
+
+private:
+    std::unique_ptr<TestEnvironment> m_environment;
+    std::unique_ptr<HistoryDatabase> m_database;
+    QString m_path;
+};
+
+void TestHistory::init()
+{
+    m_environment = std::make_unique<TestEnvironment>();
+    m_path = m_environment->historyPath();
+    m_database = m_environment->history();
+}
+
+void TestHistory::cleanup()
+{
+    m_database.reset();
+    m_environment.reset();
+}
+
+void TestHistory::recordsNewestFirstAndTrimmed()
+{
+    // Nothing is made by reading from outside.
+    QVERIFY(linksOnDisk(m_path).isEmpty());
+    QVERIFY(!QFile::exists(m_path));
+
+    HistoryStore::record(*m_database, someRecord(u"https://first.example/\"quoted\""_s));
+    ForwardingRecord full = makeRecord(u"https://second.example/ü"_s, u"Mail"_s, u"Web"_s,
+                                       u"Mail → Web"_s);
+    HistoryStore::record(*m_database, full);
+    QCOMPARE(linksOnDisk(m_path),
+             (QStringList{u"https://second.example/ü"_s, u"https://first.example/\"quoted\""_s}));
+    const QList<ForwardingRecord> read = HistoryStore::loadHistory(*m_database);
+    QCOMPARE(read.first().id, full.id);
+    QCOMPARE(read.first().timestamp, full.timestamp);
+    QCOMPARE(read.first().sourceAppBundleID, full.sourceAppBundleID);
+    QCOMPARE(read.first().sourceAppName, u"Mail"_s);
+    QCOMPARE(read.first().targetBrowserBundleID, full.targetBrowserBundleID);
+    QCOMPARE(read.first().ruleMatched, u"Mail → Web"_s);
+    QVERIFY(!read.last().sourceAppBundleID && !read.last().sourceAppName);
+    QVERIFY(!read.last().ruleMatched);
+    QVERIFY(QFileInfo(QFileInfo(m_path).path()).permissions()
+            == (QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadUser
+                | QFile::WriteUser | QFile::ExeUser));
+
+    for (int i = 2; i < HistoryStore::MaxRecords; ++i)
+        HistoryStore::record(*m_database, someRecord(u"https://e.com/%1"_s.arg(i)));
+    QCOMPARE(HistoryStore::loadHistory(*m_database).size(), 500);
+    for (int i = 0; i < 3; ++i) {
+        QTest::ignoreMessage(QtInfoMsg, "History exceeds 500 records, trimming oldest entries");
+        HistoryStore::record(*m_database, someRecord(u"https://more.example/%1"_s.arg(i)));
+    }
+    const QStringList stored = linksOnDisk(m_path);
+    QCOMPARE(stored.size(), 500);
+    QCOMPARE(stored.first(), u"https://more.example/2"_s);
+    QCOMPARE(stored.at(3), u"https://e.com/499"_s);
+    QCOMPARE(stored.last(), u"https://e.com/3"_s);
+    QCOMPARE(links(HistoryStore::loadHistory(*m_database, {}, 2)),
+             (QStringList{u"https://more.example/2"_s, u"https://more.example/1"_s}));
+
+    QTest::ignoreMessage(QtInfoMsg, "Forwarding history cleared");
+    HistoryStore::clearHistory(*m_database);
+    QVERIFY(linksOnDisk(m_path).isEmpty());
+    QTest::ignoreMessage(QtInfoMsg, "Forwarding history cleared");
+    HistoryStore::clearHistory(*m_database);
+}
+
+void TestHistory::filterAndTodayCount()
+{
+    HistoryStore::record(*m_database,
+                         makeRecord(u"https://straße.example/Ärger"_s, u"Mail"_s, u"Safari"_s));
+    HistoryStore::record(*m_database,
+                         makeRecord(u"https://two.example/"_s, std::nullopt, u"Firefox"_s));
+    HistoryStore::record(*m_database,
+                         makeRecord(u"https://three.example/a b"_s, u"Chat"_s, u"SAFARI"_s));
+    const auto found = [this](const QString &filter) {
+        return links(HistoryStore::loadHistory(*m_database, filter));
+    };
+    // Case is ignored beyond ASCII; link, source name and browser name are searched.
+    QCOMPARE(found(u"äRGER"_s), QStringList{u"https://straße.example/Ärger"_s});
+    QCOMPARE(found(u"safari"_s).size(), 2);
+    QCOMPARE(found(u"chat"_s), QStringList{u"https://three.example/a b"_s});
+    QCOMPARE(found(u"a "_s), QStringList{u"https://three.example/a b"_s});
+    // Not searched: bundle ids and the "Unknown" stand-in; LIKE's wildcards mean themselves.
+    QVERIFY(found(u"com."_s).isEmpty());
+    QVERIFY(found(u"Unknown"_s).isEmpty());
+    QVERIFY(found(u"%"_s).isEmpty());
+    QVERIFY(found(u"_"_s).isEmpty());
+
+    const QDate today = QDate::currentDate();
+    HistoryStore::clearHistory(*m_database);
+    HistoryStore::record(*m_database,
+                         someRecord(u"a"_s, QDateTime(today.addDays(-1), QTime(23, 59, 59))));
+    HistoryStore::record(*m_database, someRecord(u"b"_s, QDateTime(today, QTime(0, 0, 1))));
+    HistoryStore::record(*m_database, someRecord(u"c"_s, QDateTime(today, QTime(23, 59, 59))));
+    QCOMPARE(HistoryStore::todayCount(*m_database, today), 2);
+    QCOMPARE(HistoryStore::todayCount(*m_database, today.addDays(-1)), 1);
+}
+
+void TestHistory::forwardCountPerDay()
+{
+    QCOMPARE(HistoryStore::loadForwardCount(*m_database, u"2026-03-05"_s), 0);
+    QCOMPARE(HistoryStore::incrementForwardCount(*m_database, u"2026-03-05"_s), 1);
+    QCOMPARE(HistoryStore::incrementForwardCount(*m_database, u"2026-03-05"_s), 2);
+    QCOMPARE(HistoryStore::loadForwardCount(*m_database, u"2026-03-05"_s), 2);
+    // The first link of a new day is its first.
+    QCOMPARE(HistoryStore::loadForwardCount(*m_database, u"2026-03-06"_s), 0);
+    QCOMPARE(HistoryStore::incrementForwardCount(*m_database, u"2026-03-06"_s), 1);
+    QCOMPARE(HistoryStore::loadForwardCount(*m_database, u"2026-03-05"_s), 0);
+    HistoryDatabase reader(m_path, HistoryDatabase::Access::ReadOnly);
+    QCOMPARE(HistoryStore::loadForwardCount(reader, u"2026-03-06"_s), 1);
+
+    const QLocale saved;
+    QLocale::setDefault(QLocale(QLocale::Arabic, QLocale::Egypt));
+    const QString day = HistoryStore::dayString(QDateTime(QDate(2026, 3, 5), QTime(12, 0)));
+    QLocale::setDefault(saved);
+    QCOMPARE(day, u"2026-03-05"_s);
+}
+
+void TestHistory::journal()
+{
+    const QDateTime now = QDateTime::currentDateTime();
+    QList<LinkJournal::Entry> entries{entry(u"https://old.example/"_s, now.addSecs(-61)),
+                                      entry(u"https://a.example/"_s, now.addSecs(-30)),
+                                      entry(u"https://b.example/"_s, now.addSecs(-20)),
+                                      entry(u"https://c.example/"_s, now.addSecs(-10)),
+                                      entry(u"https://future.example/"_s, now.addSecs(3600))};
+    entries[3].kind = LinkJournal::Kind::Route;
+    entries[3].browser = u"firefox"_s;
+    entries[3].source.reset();
+    LinkJournal::accept(*m_database, entries);
+    for (const LinkJournal::Entry &accepted : std::as_const(entries))
+        QVERIFY(accepted.id > 0);
+
+    // Counting marks the entry; opening it removes it, in the same transaction.
+    HistoryStore::incrementForwardCount(*m_database, u"2026-03-05"_s, entries[2].id);
+    HistoryStore::record(*m_database, someRecord(u"https://a.example/"_s), entries[1].id);
+
+    QTest::ignoreMessage(QtWarningMsg,
+                         QRegularExpression(u"^Dropped 2 link\\(s\\) that an earlier Quillvane "
+                                            "accepted but did not open: they arrived more than "
+                                            "60 seconds ago\\."_s));
+    QTest::ignoreMessage(QtInfoMsg, QRegularExpression(u"^Opening 2 link\\(s\\)"_s));
+    const QList<LinkJournal::Entry> left = LinkJournal::unfinished(*m_database, now);
+    QCOMPARE(left.size(), 2);
+    QCOMPARE(left[0].url, u"https://b.example/"_s);
+    QVERIFY(left[0].counted);
+    QCOMPARE(left[0].source, (SourceApp{u"org.example.Mail"_s, u"Mail"_s}));
+    QCOMPARE(left[0].activationToken, u"token"_s);
+    QCOMPARE(left[0].kind, LinkJournal::Kind::Open);
+    QCOMPARE(left[1].url, u"https://c.example/"_s);
+    QVERIFY(!left[1].counted);
+    QVERIFY(!left[1].source);
+    QCOMPARE(left[1].kind, LinkJournal::Kind::Route);
+    QCOMPARE(left[1].browser, u"firefox"_s);
+    QCOMPARE(qAbs(left[1].receivedAt.msecsTo(now.addSecs(-10))) < 5, true);
+
+    // They stay until their routes end; the old ones are gone.
+    LinkJournal::finish(*m_database, left[0].id);
+    QCOMPARE(LinkJournal::unfinished(*m_database, now.addSecs(1)).size(), 1);
+    LinkJournal::finish(*m_database, left[1].id);
+    QVERIFY(LinkJournal::unfinished(*m_database, now.addSecs(1)).isEmpty());
+}
+
+void TestHistory::migrationFromTheSettingsFile()
+{
+    auto settings = m_environment->settings();
+    const QList<ForwardingRecord> old{someRecord(u"https://newest.example/"_s),
+                                      someRecord(u"https://older.example/"_s),
+                                      someRecord(u"https://oldest.example/"_s)};
+    const QString today = HistoryStore::dayString(QDateTime::currentDateTime());
+    const auto seed = [&] {
+        settings->setValue(u"forwarding_history"_s, ForwardingRecord::listToJson(old));
+        settings->setValue(u"today_forward_count"_s, 7);
+        settings->setValue(u"today_date"_s, today);
+        settings->setValue(u"rules_enabled"_s, false);
+        settings->sync();
+    };
+    seed();
+    QCOMPARE(links(HistoryMigration::pendingRecords(*settings)), links(old));
+    QVERIFY(HistoryMigration::run(*settings, *m_database));
+    QCOMPARE(linksOnDisk(m_path), links(old));
+    QCOMPARE(HistoryStore::loadForwardCount(*m_database, today), 7);
+    // Gone from the settings file, on disk; the preferences stay.
+    auto reread = m_environment->settings();
+    QVERIFY(!reread->contains(u"forwarding_history"_s));
+    QVERIFY(!reread->contains(u"today_forward_count"_s));
+    QVERIFY(!reread->contains(u"today_date"_s));
+    QCOMPARE(reread->value(u"rules_enabled"_s).toBool(), false);
+
+    // A start that ended after the database took them and before the settings
+    // file let go of them: nothing is taken twice.
+    seed();
+    QVERIFY(HistoryMigration::run(*settings, *m_database));
+    QCOMPARE(linksOnDisk(m_path), links(old));
+    QCOMPARE(HistoryStore::loadForwardCount(*m_database, today), 7);
+    QVERIFY(!m_environment->settings()->contains(u"forwarding_history"_s));
+
+    // A history that cannot be read is not moved, and does not stay.
+    settings->setValue(u"forwarding_history"_s, QByteArray("[{\"id\":\"nope\"}]"));
+    QTest::ignoreMessage(QtCriticalMsg,
+                         QRegularExpression(u"^The history in the settings file cannot be read"_s));
+    QVERIFY(HistoryMigration::run(*settings, *m_database));
+    QCOMPARE(linksOnDisk(m_path), links(old));
+    QVERIFY(!m_environment->settings()->contains(u"forwarding_history"_s));
+}
+
+void TestHistory::damagedFileIsMovedAside_data()
+{
+    QTest::addColumn<QString>("damage");
+    QTest::newRow("random bytes") << u"random bytes"_s;
+    QTest::newRow("cut in half") << u"cut in half"_s;
+    QTest::newRow("pages overwritten") << u"pages overwritten"_s;
+}
+
+void TestHistory::damagedFileIsMovedAside()
+{
+    QFETCH(QString, damage);
+    for (int i = 0; i < 300; ++i)
+        HistoryStore::record(*m_database, someRecord(u"https://e.com/%1"_s.arg(i)));
+    m_database.reset();
+    QFile file(m_path);
+    QVERIFY(file.open(QIODevice::ReadWrite));
+    const qint64 size = file.size();
+    QVERIFY(size > 16384);
+    if (damage == u"random bytes") {
+        QByteArray noise(size, Qt::Uninitialized);
+        for (qsizetype i = 0; i < noise.size(); ++i)
+            noise[i] = char(QRandomGenerator::global()->bounded(256));
+        file.seek(0);
+        file.write(noise);
+    } else if (damage == u"cut in half") {
+        file.resize(size / 2);
+    } else {
+        file.seek(size / 2);
+        file.write(QByteArray(8192, '\x5a'));
+    }
+    file.close();
+
+    m_database = m_environment->history();
+    QTest::ignoreMessage(QtWarningMsg,
+                         QRegularExpression(u"^The history database .* is damaged \\(.*\\)\\. It was "
+                                            "moved aside as .*history\\.sqlite3\\.damaged-"
+                                            "\\d{8}T\\d{6}Z and a new one is started"_s));
+    HistoryStore::record(*m_database, someRecord(u"https://after.example/"_s));
+    QCOMPARE(linksOnDisk(m_path), QStringList{u"https://after.example/"_s});
+    const QStringList aside = QDir(QFileInfo(m_path).path())
+                                  .entryList({u"history.sqlite3.damaged-*"_s}, QDir::Files);
+    QVERIFY2(!aside.isEmpty(), qPrintable(aside.join(u", "_s)));
+}
+
+// The disk takes nothing more (a file size limit stands in for a full disk: it
+// fails SQLite's writes the same way, and works as root too). Links go on; the
+// failure is logged once; the history waits in memory and reaches the file
+// once it can be written.
+void TestHistory::fullDiskKeepsTheHistoryInMemory()
+{
+    HistoryStore::record(*m_database, someRecord(u"https://before.example/"_s));
+    const QString day = HistoryStore::dayString(QDateTime::currentDateTime());
+    HistoryStore::incrementForwardCount(*m_database, day);
+
+    rlimit saved{};
+    QCOMPARE(::getrlimit(RLIMIT_FSIZE, &saved), 0);
+    const auto previousHandler = std::signal(SIGXFSZ, SIG_IGN);
+    const auto restore = qScopeGuard([&] {
+        ::setrlimit(RLIMIT_FSIZE, &saved);
+        std::signal(SIGXFSZ, previousHandler);
+    });
+    rlimit limited = saved;
+    limited.rlim_cur = 1024;
+    QCOMPARE(::setrlimit(RLIMIT_FSIZE, &limited), 0);
+
+    QTest::ignoreMessage(QtCriticalMsg,
+                         QRegularExpression(u"^Could not write the history database .*Links keep "
+                                            "opening; their history is kept in memory"_s));
+    for (int i = 0; i < 3; ++i) {
+        HistoryStore::record(*m_database, someRecord(u"https://during.example/%1"_s.arg(i)));
+        QCOMPARE(HistoryStore::incrementForwardCount(*m_database, day), i + 2);
+    }
+    // Logged once (a second message would fail the test), and the readers see it all.
+    QCOMPARE(links(HistoryStore::loadHistory(*m_database)),
+             (QStringList{u"https://during.example/2"_s, u"https://during.example/1"_s,
+                          u"https://during.example/0"_s, u"https://before.example/"_s}));
+    QCOMPARE(HistoryStore::todayCount(*m_database), 4);
+    QCOMPARE(links(HistoryStore::loadHistory(*m_database, u"during"_s, 2)),
+             (QStringList{u"https://during.example/2"_s, u"https://during.example/1"_s}));
+
+    ::setrlimit(RLIMIT_FSIZE, &saved);
+    QTest::ignoreMessage(QtInfoMsg, QRegularExpression(u"^The history database .* can be written "
+                                                       "again\\.$"_s));
+    QVERIFY(HistoryStore::flush(*m_database));
+    QCOMPARE(linksOnDisk(m_path).size(), 4);
+    HistoryDatabase reader(m_path, HistoryDatabase::Access::ReadOnly);
+    QCOMPARE(HistoryStore::loadForwardCount(reader, day), 4);
+}
+
+// Another process holds the write lock (the sqlite3 shell in a transaction): a
+// write gives up after a moment, later writes do not wait at all for a while,
+// and what they held is written once the lock is gone.
+void TestHistory::lockedByAnotherProcess()
+{
+    if (QStandardPaths::findExecutable(u"sqlite3"_s).isEmpty())
+        QSKIP("the sqlite3 shell (Debian's sqlite3) is not installed");
+    HistoryStore::record(*m_database, someRecord(u"https://before.example/"_s));
+    QProcess shell;
+    shell.setProcessChannelMode(QProcess::MergedChannels);
+    shell.start(u"sqlite3"_s, {m_path});
+    const auto end = qScopeGuard([&shell] {
+        shell.closeWriteChannel();
+        shell.waitForFinished(5000);
+    });
+    shell.write("BEGIN IMMEDIATE;\nDELETE FROM history;\nSELECT 'holding the lock';\n");
+    QByteArray said;
+    QTRY_VERIFY_WITH_TIMEOUT((said += shell.readAll()).contains("holding the lock"), 10000);
+
+    QTest::ignoreMessage(QtCriticalMsg,
+                         QRegularExpression(u"^Could not write the history database .*locked"_s));
+    QElapsedTimer clock;
+    clock.start();
+    HistoryStore::record(*m_database, someRecord(u"https://locked.example/1"_s));
+    HistoryStore::record(*m_database, someRecord(u"https://locked.example/2"_s));
+    // SQLite's own wait would be unbounded (or 5 s in most wrappers); ours is 40 ms,
+    // and the second link does not wait at all. Generous for a slow build.
+    QVERIFY2(clock.elapsed() < 2000, qPrintable(QString::number(clock.elapsed())));
+    QCOMPARE(links(HistoryStore::loadHistory(*m_database)),
+             (QStringList{u"https://locked.example/2"_s, u"https://locked.example/1"_s,
+                          u"https://before.example/"_s}));
+
+    shell.write("ROLLBACK;\n.quit\n");
+    QVERIFY(shell.waitForFinished(10000));
+    QTest::ignoreMessage(QtInfoMsg, QRegularExpression(u"can be written again"_s));
+    QTRY_VERIFY_WITH_TIMEOUT(HistoryStore::flush(*m_database), 10000);
+    QCOMPARE(linksOnDisk(m_path).size(), 3);
+}
+
+void TestHistory::oneWriter()
+{
+    HistoryStore::record(*m_database, someRecord(u"https://first.example/"_s));
+    auto second = std::make_unique<HistoryDatabase>(m_path);
+    QVERIFY(!second->claimWriter());
+    QTest::ignoreMessage(QtWarningMsg,
+                         QRegularExpression(u"^Another Quillvane writes the history database"_s));
+    HistoryStore::record(*second, someRecord(u"https://second.example/"_s));
+    HistoryStore::record(*second, someRecord(u"https://second.example/again"_s));
+    QCOMPARE(linksOnDisk(m_path), QStringList{u"https://first.example/"_s});
+    // It reads the file, and its own records in front.
+    QCOMPARE(HistoryStore::loadHistory(*second).size(), 3);
+
+    // Once the first is gone, the second writes, what it held first.
+    m_database.reset();
+    QVERIFY(HistoryStore::flush(*second));
+    QCOMPARE(linksOnDisk(m_path),
+             (QStringList{u"https://second.example/again"_s, u"https://second.example/"_s,
+                          u"https://first.example/"_s}));
+}
+
+QTEST_GUILESS_MAIN(TestHistory)
+#include "tst_history.moc"
