@@ -52,6 +52,7 @@ private Q_SLOTS:
     void profileLaunchFailsAndFallsBack();
     void expansionChangesTheLink();
     void manyLinksInFlightWhileRulesChange();
+    void aBurstLeavesRoomForTheNextCaller();
     void journalledLinksLeaveTheJournal();
 
 private:
@@ -218,8 +219,8 @@ void TestPipeline::pausedPath()
     m_expand = [](const Link &) -> QFuture<Link> { qFatal("a paused route must not expand"); };
 
     m_state->routeURL(*Link::parse(u"https://bit.ly/abc?fbclid=1"_s), Mail);
-    QCOMPARE(m_state->lastRouteLog(), u"⏸ Mail → Web: bit.ly"_s);
     QVERIFY(waitForRoutes(1));
+    QCOMPARE(m_state->lastRouteLog(), u"⏸ Mail → Web: bit.ly"_s);
     QVERIFY(m_desktop->waitForRun(u"epiphany"_s));
     QCOMPARE(m_desktop->arguments(u"epiphany"_s), QStringList{u"https://bit.ly/abc"_s});
     QVERIFY(!m_desktop->ran(u"google-chrome"_s));
@@ -358,6 +359,29 @@ void TestPipeline::manyLinksInFlightWhileRulesChange()
     QCOMPARE(history().last().targetBrowserBundleID, u"epiphany"_s);
     QTest::qWait(50);
     QCOMPARE(m_finished->size(), 6);
+}
+
+// A burst of links must not hold up what else waits for the event loop, such
+// as the next caller on the bus (an event posted after the links): routes
+// start one per turn of the loop, after it, and still in order.
+void TestPipeline::aBurstLeavesRoomForTheNextCaller()
+{
+    RecordingLauncher launcher;
+    m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
+    makeState(launcher);
+    for (int i = 0; i < 50; ++i)
+        m_state->routeURL(link(u"https://burst.example/%1"_s.arg(i)), Mail);
+    QCOMPARE(m_state->todayForwardCount(), 50);
+    qsizetype launchedBeforeTheCaller = -1;
+    QMetaObject::invokeMethod(
+        m_state.get(), [&] { launchedBeforeTheCaller = launcher.spawned.size(); },
+        Qt::QueuedConnection);
+
+    QVERIFY(waitForRoutes(50));
+    QCOMPARE(launchedBeforeTheCaller, 0);
+    QCOMPARE(launcher.spawned.size(), 50);
+    for (int i = 0; i < 50; ++i)
+        QCOMPARE(launcher.spawned[i].last(), u"https://burst.example/%1"_s.arg(i));
 }
 
 // A link that came through the intake is in the journal until its route ends,

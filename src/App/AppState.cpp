@@ -14,6 +14,8 @@
 #include "Storage/UserSettings.h"
 
 #include <QCollator>
+#include <QCoreApplication>
+#include <QEvent>
 #include <QTimer>
 
 #include <algorithm>
@@ -344,7 +346,44 @@ void AppState::setLastRouteLog(const QString &text)
 void AppState::routeURL(const Link &url, const std::optional<SourceApp> &source,
                         const QString &activationToken, const LinkJournal::Ticket &ticket)
 {
-    RouteTask::start(*this, url, source, activationToken, ticket);
+    // A link routed again after a restart was counted when it first arrived.
+    if (!ticket.counted) {
+        m_todayForwardCount = HistoryStore::incrementForwardCount(
+            m_history, HistoryStore::dayString(m_services.clock()), ticket.entry);
+        Q_EMIT todayForwardCountChanged();
+    }
+    m_waitingRoutes.append({url, source, activationToken, ticket});
+    startWaitingRouteLater();
+}
+
+// Routes start one per turn of the event loop, behind everything else that is
+// waiting: a burst of links must not keep the next caller on the bus waiting
+// for its answer until every link before it has reached its browser.
+void AppState::startWaitingRouteLater()
+{
+    if (m_routeStartPosted || m_waitingRoutes.isEmpty())
+        return;
+    m_routeStartPosted = true;
+    QCoreApplication::postEvent(this, new QEvent(routeStartEvent()), Qt::LowEventPriority);
+}
+
+QEvent::Type AppState::routeStartEvent()
+{
+    static const auto type = QEvent::Type(QEvent::registerEventType());
+    return type;
+}
+
+bool AppState::event(QEvent *event)
+{
+    if (event->type() != routeStartEvent())
+        return QObject::event(event);
+    m_routeStartPosted = false;
+    if (!m_waitingRoutes.isEmpty()) {
+        const WaitingRoute next = m_waitingRoutes.takeFirst();
+        RouteTask::start(*this, next.url, next.source, next.activationToken, next.ticket);
+    }
+    startWaitingRouteLater();
+    return true;
 }
 
 void AppState::reloadTodayForwardCount()

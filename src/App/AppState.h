@@ -9,6 +9,7 @@
 #include "Storage/RuleStore.h"
 
 #include <QDeadlineTimer>
+#include <QEvent>
 #include <QList>
 #include <QObject>
 #include <QString>
@@ -86,7 +87,8 @@ public:
     void requestSetAsDefaultBrowser();
 
     // Routes one link from its source application. Returns once the link is
-    // counted; opening and recording finish later on the main thread. The
+    // counted; its route starts after the links before it, when the event loop
+    // has nothing more urgent to do, and opening and recording finish later. The
     // activation token, when the link came with one, goes to the browser. A
     // journalled link leaves the journal when its route ends.
     void routeURL(const Link &url, const std::optional<SourceApp> &source,
@@ -95,6 +97,9 @@ public:
     void reloadTodayForwardCount();
     // Tries again, now and then, to write what the history database did not take.
     void keepWritingHistory();
+
+protected:
+    bool event(QEvent *event) override;
 
 Q_SIGNALS:
     void rulesChanged();
@@ -117,11 +122,24 @@ private:
     void setLastRouteLog(const QString &text);
     void setFlag(bool AppState::*field, bool value, void (AppState::*changed)());
     void chooseFallbackBrowser();
+    void startWaitingRouteLater();
+    static QEvent::Type routeStartEvent();
+
+    // Links counted and waiting for their route to start, oldest first.
+    struct WaitingRoute
+    {
+        Link url;
+        std::optional<SourceApp> source;
+        QString activationToken;
+        LinkJournal::Ticket ticket;
+    };
 
     RuleStore &m_store;
     HistoryDatabase &m_history;
     AppServices m_services;
     QTimer *m_historyRetry = nullptr;
+    QList<WaitingRoute> m_waitingRoutes;
+    bool m_routeStartPosted = false;
     // The last failure the user was notified of, and until when it is not again.
     QString m_lastNotifiedFailure;
     QDeadlineTimer m_failureQuietUntil;

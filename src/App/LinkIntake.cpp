@@ -143,12 +143,7 @@ QStringList LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
     for (qsizetype i = 0; i < links.size(); ++i) {
         debugLog(u"Routing URL: "_s + links[i].toString());
         // One task per link, started in order and not awaited.
-        QMetaObject::invokeMethod(
-            &m_state,
-            [state = &m_state, url = links[i], source, activationToken, entry = entries[i].id] {
-                state->routeURL(url, source, activationToken, {entry, false});
-            },
-            Qt::QueuedConnection);
+        m_state.routeURL(links[i], source, activationToken, {entries[i].id, false});
     }
     return refused;
 }
@@ -175,12 +170,6 @@ void LinkIntake::resumeUnfinished()
                 Qt::QueuedConnection);
             continue;
         }
-        QMetaObject::invokeMethod(
-            &m_state,
-            [state = &m_state, url = *link, entry] {
-                state->routeURL(url, entry.source, entry.activationToken,
-                                {entry.id, entry.counted});
-            },
-            Qt::QueuedConnection);
+        m_state.routeURL(*link, entry.source, entry.activationToken, {entry.id, entry.counted});
     }
 }

@@ -76,12 +76,6 @@ void RouteTask::start(AppState &state, const Link &url, const std::optional<Sour
         QMetaObject::invokeMethod(
             task, [task] { task->runRouting(); }, Qt::QueuedConnection);
     }
-    // A link routed again after a restart was counted when it first arrived.
-    if (ticket.counted)
-        return;
-    state.m_todayForwardCount = HistoryStore::incrementForwardCount(
-        state.history(), HistoryStore::dayString(state.services().clock()), ticket.entry);
-    Q_EMIT state.todayForwardCountChanged();
 }
 
 QString RouteTask::sourceName() const
