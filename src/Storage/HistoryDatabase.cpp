@@ -277,7 +277,7 @@ bool HistoryDatabase::write(const std::function<void(Sqlite::Database &)> &work)
             if (m_unwritten.count > 0)
                 addToCount(database, m_unwritten.countDay, m_unwritten.count);
             for (const qint64 entry : std::as_const(m_unwritten.finishedJournalEntries))
-                database.statement("DELETE FROM intakeJournal WHERE id = ?").bind(1, entry).run();
+                removeJournalEntry(database, entry);
             work(database);
         });
         if (!error || !error->isDamage())
@@ -378,4 +378,9 @@ qint64 HistoryDatabase::addToCount(Sqlite::Database &database, const QString &da
     const qint64 total = add.step() ? add.integer(0) : 0;
     add.run();
     return total;
+}
+
+void HistoryDatabase::removeJournalEntry(Sqlite::Database &database, qint64 id)
+{
+    database.statement("DELETE FROM intakeJournal WHERE id = ?").bind(1, id).run();
 }

@@ -80,6 +80,8 @@ public:
     static bool trimHistory(Sqlite::Database &database, qsizetype keep);
     // Adds to the count of the day, forgetting other days; the new count.
     static qint64 addToCount(Sqlite::Database &database, const QString &day, qint64 count);
+    // Takes a link out of the intake journal: its route has ended.
+    static void removeJournalEntry(Sqlite::Database &database, qint64 id);
 
 private:
     enum class Opened

@@ -20,6 +20,18 @@ bool matches(const ForwardingRecord &record, const QString &filter)
            || record.targetBrowserName.contains(filter, Qt::CaseInsensitive);
 }
 
+// The records still waiting in memory that the filter lets through, newest first.
+QList<ForwardingRecord> unwrittenMatching(const HistoryDatabase &database, const QString &filter,
+                                          qsizetype limit)
+{
+    QList<ForwardingRecord> records;
+    for (const ForwardingRecord &record : database.unwritten().records) {
+        if (records.size() < limit && matches(record, filter))
+            records.append(record);
+    }
+    return records;
+}
+
 double dayStart(QDate day)
 {
     return JsonFields::referenceSeconds(day.startOfDay());
@@ -30,13 +42,8 @@ double dayStart(QDate day)
 Expected<QList<ForwardingRecord>, QString> readHistory(HistoryDatabase &database,
                                                        const QString &filter, qsizetype limit)
 {
-    QList<ForwardingRecord> records;
-    const HistoryDatabase::Unwritten &unwritten = database.unwritten();
-    for (const ForwardingRecord &record : unwritten.records) {
-        if (records.size() < limit && matches(record, filter))
-            records.append(record);
-    }
-    if (unwritten.cleared || records.size() >= limit)
+    QList<ForwardingRecord> records = unwrittenMatching(database, filter, limit);
+    if (database.unwritten().cleared || records.size() >= limit)
         return records;
     const bool read = database.read([&](Sqlite::Database &sql) {
         Sqlite::Statement rows = sql.statement(
@@ -69,12 +76,7 @@ QList<ForwardingRecord> loadHistory(HistoryDatabase &database, const QString &fi
     if (!records) {
         qCCritical(lcHistoryStore).noquote()
             << u"Failed to read the history: %1"_s.arg(records.error());
-        QList<ForwardingRecord> unwritten;
-        for (const ForwardingRecord &record : database.unwritten().records) {
-            if (unwritten.size() < limit && matches(record, filter))
-                unwritten.append(record);
-        }
-        return unwritten;
+        return unwrittenMatching(database, filter, limit);
     }
     return std::move(records).value();
 }
@@ -85,7 +87,7 @@ void record(HistoryDatabase &database, const ForwardingRecord &entry, qint64 jou
     const bool written = database.write([&](Sqlite::Database &sql) {
         HistoryDatabase::insertRecord(sql, entry);
         if (journalEntry > 0)
-            sql.statement("DELETE FROM intakeJournal WHERE id = ?").bind(1, journalEntry).run();
+            HistoryDatabase::removeJournalEntry(sql, journalEntry);
         trimmed = HistoryDatabase::trimHistory(sql, MaxRecords);
     });
     if (!written) {

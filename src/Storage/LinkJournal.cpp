@@ -40,7 +40,7 @@ void finish(HistoryDatabase &database, qint64 id)
     if (id <= 0)
         return;
     const bool written = database.write([id](Sqlite::Database &sql) {
-        sql.statement("DELETE FROM intakeJournal WHERE id = ?").bind(1, id).run();
+        HistoryDatabase::removeJournalEntry(sql, id);
     });
     if (!written)
         database.unwritten().finishedJournalEntries.append(id);
