@@ -1,11 +1,13 @@
 // The route pipeline from the call of routeURL to the browser's launch request,
 // with 1,000 rules in the settings file and a full 500-record history in the
-// history database. The
-// launch request is recorded rather than carried out, so the browser's own
-// start is not measured.
+// history database. The launch request is recorded rather than carried out, so
+// the browser's own start is not measured. Also the source resolution that an
+// Open call waits for before it is answered.
 #include "App/AppState.h"
+#include "Platform/DesktopEntries.h"
 #include "Platform/DiagnosticLog.h"
 #include "Services/BrowserDiscovery.h"
+#include "Services/SourceAppResolver.h"
 #include "Storage/HistoryDatabase.h"
 #include "Storage/HistoryStore.h"
 #include "Storage/UserSettings.h"
@@ -17,6 +19,8 @@
 #include <QTemporaryDir>
 
 #include <benchmark/benchmark.h>
+
+#include <unistd.h>
 
 #include "BenchSupport.h"
 
@@ -70,6 +74,31 @@ void BM_RouteURLToLaunchRequest(benchmark::State &state)
     }
 }
 BENCHMARK(BM_RouteURLToLaunchRequest)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+class NoActiveApplication final : public ActiveApplication
+{
+public:
+    std::optional<qint64> activePid() override { return std::nullopt; }
+    QList<qint64> visibleWindowPids() override { return {}; }
+    void startWatching() override {}
+};
+
+// The worst case of an Open call: a sender (this process) of no installed
+// application, so that every parent up to init is read from /proc and looked up.
+void BM_ResolveSenderWithoutApplication(benchmark::State &state)
+{
+    LinuxProcessApps processes(GioDesktopEntries::instance());
+    NoActiveApplication active;
+    SourceAppResolver resolver(processes, active);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(resolver.resolve(::getpid()));
+    int parents = 0;
+    for (auto pid = processes.parentPid(::getpid()); pid && *pid > 1;
+         pid = processes.parentPid(*pid))
+        ++parents;
+    state.counters["parents"] = parents;
+}
+BENCHMARK(BM_ResolveSenderWithoutApplication)->Unit(benchmark::kMicrosecond);
 
 } // namespace
 

@@ -578,6 +578,8 @@ void TestAutomationBus::desktopActions()
     QTRY_COMPARE_WITH_TIMEOUT(m_notifications.shown.size(), 1, 15000);
     QCOMPARE(m_notifications.shown.first(),
              (std::pair{u"Route URL"_s, u"Routed to Docs Browser."_s}));
+    // Told when the browser was started, not when it had written what it got.
+    QVERIFY(m_desktop->waitForRun(u"docs-browser"_s));
     QCOMPARE(m_desktop->arguments(u"docs-browser"_s),
              QStringList{u"https://docs.example/copied"_s});
     QTRY_COMPARE(action.state(), QProcess::NotRunning);

@@ -15,6 +15,7 @@
 #include <QSettings>
 #include <QStandardPaths>
 
+#include <algorithm>
 #include <gio/gio.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -273,7 +274,18 @@ QByteArray LinuxProcessApps::read(qint64 pid, const char *file) const
     QFile handle(m_proc + u'/' + QString::number(pid) + u'/' + QLatin1StringView(file));
     if (!handle.open(QIODevice::ReadOnly))
         return {};
-    return handle.read(1024 * 1024);
+    // Grown as the text arrives: read(limit) would allocate the whole limit for
+    // every file, and a parent chain reads a few dozen of them per link.
+    constexpr qsizetype Limit = 1024 * 1024;
+    QByteArray text;
+    char chunk[4096];
+    while (text.size() < Limit) {
+        const qint64 got = handle.read(chunk, std::min<qint64>(sizeof chunk, Limit - text.size()));
+        if (got <= 0)
+            break;
+        text.append(chunk, got);
+    }
+    return text;
 }
 
 std::optional<qint64> LinuxProcessApps::parentPid(qint64 pid)
