@@ -1,4 +1,4 @@
-#include "Platform/DiagnosticLog.h"
+#include "Services/RoutePlanner.h"
 #include "Services/URLRouter.h"
 #include "TestSupport.h"
 
@@ -33,6 +33,8 @@ private Q_SLOTS:
     void domainSpecificity_data();
     void domainSpecificity();
     void trail();
+    void plannerPauseAndPolicies();
+    void plannerCleansExpandsAndCredits();
 };
 
 void TestURLRouter::workedExamples_data()
@@ -215,14 +217,13 @@ void TestURLRouter::domainSpecificity()
 void TestURLRouter::trail()
 {
     QStringList lines;
-    QStringList tags;
-    DiagnosticLog::Redirect redirect([&](QStringView tag, QStringView message) {
-        tags.append(tag.toString());
-        lines.append(message.toString());
-    });
+    const auto route = [&lines](const Link &url, const std::optional<SourceApp> &from,
+                                const QList<RoutingRule> &rules, const QString &fallback) {
+        URLRouter::decide(url, from, rules, fallback, &lines);
+    };
 
-    URLRouter::route(link(u"https://docs.example.com/guide"_s), source(u"com.example.mail"_s),
-                     workedExampleRules(), u"com.apple.Safari"_s);
+    route(link(u"https://docs.example.com/guide"_s), source(u"com.example.mail"_s),
+          workedExampleRules(), u"com.apple.Safari"_s);
     QCOMPARE(
         lines.value(0),
         u"route() called — url=https://docs.example.com/guide, source=com.example.mail, rules=6, fallback=com.apple.Safari"_s);
@@ -231,28 +232,129 @@ void TestURLRouter::trail()
     QCOMPARE(lines.value(7),
              u"MATCHED url-only rule: pattern=docs.example.com → com.google.Chrome"_s);
     QCOMPARE(lines.size(), 8);
-    QCOMPARE(QSet<QString>(tags.cbegin(), tags.cend()), QSet<QString>{u"URLRouter"_s});
 
     lines.clear();
-    URLRouter::route(link(u"https://e.com/"_s), std::nullopt, {}, QString());
+    route(link(u"https://e.com/"_s), std::nullopt, {}, QString());
     QCOMPARE(lines,
              (QStringList{u"route() called — url=https://e.com/, source=nil, rules=0, fallback="_s,
                           u"No rule matched"_s,
                           u"No route available (no rules matched, no fallback)"_s}));
 
     lines.clear();
-    URLRouter::route(link(u"https://meet.example.org/"_s), source(u"com.example.chat"_s),
-                     workedExampleRules(), QString());
+    route(link(u"https://meet.example.org/"_s), source(u"com.example.chat"_s), workedExampleRules(),
+          QString());
     QCOMPARE(
         lines.last(),
         u"MATCHED combined rule: src=com.example.chat pattern=*meet.example.org* → com.apple.Safari"_s);
     lines.clear();
-    URLRouter::route(link(u"https://x.org/"_s), source(u"com.example.chat"_s), workedExampleRules(),
-                     u"fb"_s);
+    route(link(u"https://x.org/"_s), source(u"com.example.chat"_s), workedExampleRules(), u"fb"_s);
     QCOMPARE(lines.last(), u"MATCHED source-only rule: com.example.chat → com.google.Chrome"_s);
     lines.clear();
-    URLRouter::route(link(u"https://x.org/"_s), std::nullopt, workedExampleRules(), u"fb"_s);
+    route(link(u"https://x.org/"_s), std::nullopt, workedExampleRules(), u"fb"_s);
     QCOMPARE(lines.mid(7), (QStringList{u"No rule matched"_s, u"Using fallback browser: fb"_s}));
+}
+
+namespace {
+
+RouteSettings plannerSettings()
+{
+    RouteSettings settings;
+    settings.rules = workedExampleRules();
+    settings.defaultBrowserBundleID = u"com.apple.Safari"_s;
+    settings.isShortLink = [](const Link &url) { return url.host() == u"sho.rt"; };
+    return settings;
+}
+
+} // namespace
+
+void TestURLRouter::plannerPauseAndPolicies()
+{
+    RouteSettings settings = plannerSettings();
+    settings.rulesEnabled = false;
+    const Link guide = link(u"https://docs.example.com/guide"_s);
+
+    // Paused: decided at once, by the fallback, credited to the pause, never expanded.
+    RoutePlan plan =
+        RoutePlanner::prepare(link(u"https://sho.rt/x"_s), source(u"com.example.chat"_s), settings,
+                              RoutePolicy::routing(true));
+    QCOMPARE(plan.decision, RoutePlan::Decision::Paused);
+    QCOMPARE(plan.result, (RouteResult{u"com.apple.Safari"_s, std::nullopt}));
+    QCOMPARE(plan.ruleMatched, u"⏸ Rules paused"_s);
+    QVERIFY(!plan.shortLink);
+    RoutePlanner::decide(plan, settings, RoutePolicy::routing(true));
+    QCOMPARE(plan.decision, RoutePlan::Decision::Paused);
+    QVERIFY(plan.trail.isEmpty());
+
+    settings.defaultBrowserBundleID.clear();
+    plan = RoutePlanner::prepare(guide, std::nullopt, settings, RoutePolicy::explanation());
+    QCOMPARE(plan.decision, RoutePlan::Decision::Paused);
+    QVERIFY(!plan.result);
+
+    // A script's action: pause does not hold it, and the profile is left out.
+    plan = RoutePlanner::prepare(guide, std::nullopt, settings, RoutePolicy::automation());
+    RoutePlanner::decide(plan, settings, RoutePolicy::automation());
+    QCOMPARE(plan.decision, RoutePlan::Decision::UrlOnly);
+    QCOMPARE(plan.result, (RouteResult{u"com.google.Chrome"_s, std::nullopt}));
+    QVERIFY(plan.trail.isEmpty());
+
+    // The same link routed for real keeps the profile and, when asked, the trail.
+    settings.rulesEnabled = true;
+    plan = RoutePlanner::prepare(guide, std::nullopt, settings, RoutePolicy::routing(true));
+    RoutePlanner::decide(plan, settings, RoutePolicy::routing(true));
+    QCOMPARE(plan.result, (RouteResult{u"com.google.Chrome"_s, u"Profile 1"_s}));
+    QCOMPARE(plan.ruleID, settings.rules[3].id);
+    QCOMPARE(plan.trail.size(), 8);
+    plan = RoutePlanner::prepare(guide, std::nullopt, settings, RoutePolicy::routing(false));
+    RoutePlanner::decide(plan, settings, RoutePolicy::routing(false));
+    QVERIFY(plan.trail.isEmpty());
+}
+
+void TestURLRouter::plannerCleansExpandsAndCredits()
+{
+    RouteSettings settings = plannerSettings();
+    const RoutePolicy policy = RoutePolicy::routing(false);
+    const Link tracked = link(u"https://sho.rt/x?utm_source=mail&id=1"_s);
+
+    RoutePlan plan =
+        RoutePlanner::prepare(tracked, source(u"com.example.chat"_s), settings, policy);
+    QCOMPARE(plan.received, tracked);
+    QCOMPARE(plan.cleaned, link(u"https://sho.rt/x?id=1"_s));
+    QCOMPARE(plan.working, plan.cleaned);
+    QVERIFY(plan.shortLink);
+    QVERIFY(!plan.decided());
+
+    // The rules see where the short link leads, as they are after the wait: the
+    // chat's meeting rule is gone, so its rule for every link decides.
+    RoutePlanner::expanded(plan, link(u"https://meet.example.org/room"_s));
+    settings.rules.removeAt(1);
+    RoutePlanner::decide(plan, settings, policy);
+    QCOMPARE(plan.decision, RoutePlan::Decision::SourceOnly);
+    QCOMPARE(plan.ruleID, settings.rules[0].id);
+    QCOMPARE(plan.ruleMatched, u"com.example.chat → com.google.Chrome"_s);
+    // A URL rule decides; the history still credits the app's first rule.
+    settings.rules.append(makeRule(u"com.example.mail"_s, u"never.example"_s, u"firefox"_s));
+    plan = RoutePlanner::prepare(link(u"https://docs.example.com/"_s),
+                                 source(u"com.example.mail"_s), settings, policy);
+    RoutePlanner::decide(plan, settings, policy);
+    QCOMPARE(plan.decision, RoutePlan::Decision::UrlOnly);
+    QCOMPARE(plan.ruleMatched, u"com.example.mail → firefox"_s);
+
+    // No source: nothing to credit, even when a rule decides.
+    plan = RoutePlanner::prepare(link(u"https://example.com/"_s), std::nullopt, settings, policy);
+    RoutePlanner::decide(plan, settings, policy);
+    QCOMPARE(plan.decision, RoutePlan::Decision::UrlOnly);
+    QVERIFY(!plan.ruleMatched);
+
+    // Cleaning and expansion off: the link as received, and not a short link.
+    settings.urlCleaningEnabled = false;
+    settings.urlExpansionEnabled = false;
+    plan = RoutePlanner::prepare(tracked, std::nullopt, settings, policy);
+    QCOMPARE(plan.cleaned, tracked);
+    QVERIFY(!plan.cleanedSomething());
+    QVERIFY(!plan.shortLink);
+    RoutePlanner::decide(plan, settings, policy);
+    QCOMPARE(plan.decision, RoutePlan::Decision::Fallback);
+    QVERIFY(!plan.ruleID);
 }
 
 QTEST_GUILESS_MAIN(TestURLRouter)

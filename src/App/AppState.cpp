@@ -135,6 +135,25 @@ void AppState::chooseFallbackBrowser()
     m_store.saveDefaultBrowserBundleID(chosen);
 }
 
+RouteSettings AppState::routeSettings() const
+{
+    return RouteSettings{m_rules,
+                         m_defaultBrowserBundleID,
+                         m_rulesEnabled,
+                         m_urlCleaningEnabled,
+                         m_urlExpansionEnabled,
+                         m_services.isShortLink};
+}
+
+QString AppState::browserName(const QString &bundleID) const
+{
+    for (const BrowserInfo &browser : m_browsers) {
+        if (browser.bundleID == bundleID)
+            return browser.name;
+    }
+    return bundleID;
+}
+
 QList<RoutingRule> AppState::appRules() const
 {
     QList<RoutingRule> result;

@@ -5,6 +5,7 @@
 #include "Models/Link.h"
 #include "Models/RoutingRule.h"
 #include "Services/ConfigManager.h"
+#include "Services/RoutePlanner.h"
 #include "Storage/LinkJournal.h"
 #include "Storage/RuleStore.h"
 
@@ -58,6 +59,10 @@ public:
     bool urlCleaningEnabled() const { return m_urlCleaningEnabled; }
     bool urlExpansionEnabled() const { return m_urlExpansionEnabled; }
     bool rulesEnabled() const { return m_rulesEnabled; }
+    // What routing a link depends on, as it is now.
+    RouteSettings routeSettings() const;
+    // The name the browser is shown with; its id when it is not installed.
+    QString browserName(const QString &bundleID) const;
     RuleStore &store() const { return m_store; }
     HistoryDatabase &history() const { return m_history; }
     const AppServices &services() const { return m_services; }

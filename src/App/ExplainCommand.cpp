@@ -1,8 +1,7 @@
 #include "App/ExplainCommand.h"
 
-#include "Platform/DiagnosticLog.h"
+#include "Services/RoutePlanner.h"
 #include "Services/URLCleaner.h"
-#include "Services/URLRouter.h"
 #include "Storage/RuleStore.h"
 
 #include <QEventLoop>
@@ -74,24 +73,31 @@ Link waitFor(QFuture<Link> future)
     return future.result();
 }
 
-QString describe(const URLRouter::Decision &decision, const QList<RoutingRule> &rules)
+QString describe(const RoutePlan &plan, const QList<RoutingRule> &rules)
 {
-    using Kind = URLRouter::Decision::Kind;
-    if (decision.kind == Kind::Fallback)
+    using Decision = RoutePlan::Decision;
+    switch (plan.decision) {
+    case Decision::Paused:
+        return u"fallback (rules are paused)"_s;
+    case Decision::Fallback:
         return u"fallback (no rule matched)"_s;
-    if (decision.kind == Kind::NoRoute)
+    case Decision::NoRoute:
+    case Decision::Pending:
         return u"no route (no rule matched and no fallback browser is set)"_s;
-    const RoutingRule &rule = rules[decision.ruleIndex];
-    const QString number = u"rule %1 of %2 (id %3)"_s.arg(QString::number(decision.ruleIndex + 1),
+    default:
+        break;
+    }
+    const RoutingRule &rule = rules[plan.ruleIndex];
+    const QString number = u"rule %1 of %2 (id %3)"_s.arg(QString::number(plan.ruleIndex + 1),
                                                           QString::number(rules.size()),
                                                           JsonFields::uuidText(rule.id));
-    switch (decision.kind) {
-    case Kind::Combined:
+    switch (plan.decision) {
+    case Decision::Combined:
         return u"app rule for %1 with pattern \"%2\", %3"_s.arg(rule.sourceAppBundleID,
                                                                 *rule.urlPattern, number);
-    case Kind::SourceOnly:
+    case Decision::SourceOnly:
         return u"app rule for every link from %1, %2"_s.arg(rule.sourceAppBundleID, number);
-    case Kind::UrlOnly:
+    case Decision::UrlOnly:
         return u"URL rule with pattern \"%1\", %2"_s.arg(*rule.urlPattern, number);
     default:
         return {};
@@ -143,66 +149,59 @@ int run(const QStringList &arguments, const Environment &environment)
         err.flush();
         return BadInput;
     }
-    const Link &received = *parsed;
 
     RuleStore store(environment.settings);
-    const QList<RoutingRule> rules = store.loadRules();
-    const QString fallback = store.loadDefaultBrowserBundleID();
-    const bool rulesEnabled = store.loadRulesEnabled();
+    const RouteSettings settings{store.loadRules(), store.loadDefaultBrowserBundleID(),
+                                 store.loadRulesEnabled(),
+                                 URLCleaner::isEnabled(environment.settings),
+                                 // Expanded only when asked for with --expand.
+                                 true, environment.isShortLink};
     std::optional<SourceApp> source;
     if (options->from)
         source = SourceApp{*options->from, *options->from};
 
-    printField(out, u"Link", received.toString());
-    Link working = received;
-    if (URLCleaner::isEnabled(environment.settings)) {
-        working = URLCleaner::clean(received);
-        if (!(working == received))
-            printField(out, u"Cleaned", working.toString());
-    } else {
+    const RoutePolicy policy = RoutePolicy::explanation();
+    RoutePlan plan = RoutePlanner::prepare(*parsed, source, settings, policy);
+    printField(out, u"Link", plan.received.toString());
+    if (!settings.urlCleaningEnabled)
         printField(out, u"Cleaning", u"off");
-    }
+    else if (plan.cleanedSomething())
+        printField(out, u"Cleaned", plan.cleaned.toString());
     printField(out, u"Source", source ? source->bundleID : u"unknown"_s);
 
-    if (!rulesEnabled) {
+    if (plan.decision == RoutePlan::Decision::Paused) {
         printField(out, u"Rules", u"paused: every link opens in the fallback browser");
         printField(out, u"Browser",
-                   fallback.isEmpty() ? u"none (no fallback browser is set)"_s : fallback);
-        printField(out, u"Decided by", u"fallback (rules are paused)");
+                   plan.result ? plan.result->browserBundleID
+                               : u"none (no fallback browser is set)"_s);
+        printField(out, u"Decided by", describe(plan, settings.rules));
         out.flush();
-        return fallback.isEmpty() ? NoRoute : Routed;
+        return plan.result ? Routed : NoRoute;
     }
 
-    if (options->expand && environment.isShortLink(working)) {
-        const Link expanded = waitFor(environment.expand(working));
-        if (!(expanded == working)) {
+    if (options->expand && plan.shortLink) {
+        const Link expanded = waitFor(environment.expand(plan.working));
+        if (!(expanded == plan.working)) {
             printField(out, u"Expanded", expanded.toString());
-            working = expanded;
+            RoutePlanner::expanded(plan, expanded);
         }
     }
+    RoutePlanner::decide(plan, settings, policy);
 
-    QStringList trail;
-    URLRouter::Decision decision;
-    {
-        DiagnosticLog::Redirect redirect(
-            [&trail](QStringView, QStringView message) { trail.append(message.toString()); });
-        decision = URLRouter::decide(working, source, rules, fallback);
-    }
-
-    printField(out, u"Rules", u"%1 stored"_s.arg(rules.size()));
-    if (decision.result) {
-        printField(out, u"Browser", decision.result->browserBundleID);
-        if (decision.result->profileID)
-            printField(out, u"Profile", *decision.result->profileID);
+    printField(out, u"Rules", u"%1 stored"_s.arg(settings.rules.size()));
+    if (plan.result) {
+        printField(out, u"Browser", plan.result->browserBundleID);
+        if (plan.result->profileID)
+            printField(out, u"Profile", *plan.result->profileID);
     } else {
         printField(out, u"Browser", u"none");
     }
-    printField(out, u"Decided by", describe(decision, rules));
+    printField(out, u"Decided by", describe(plan, settings.rules));
     out << "\nRouter trail:\n";
-    for (const QString &line : std::as_const(trail))
+    for (const QString &line : std::as_const(plan.trail))
         out << "  " << line << '\n';
     out.flush();
-    return decision.result ? Routed : NoRoute;
+    return plan.result ? Routed : NoRoute;
 }
 
 } // namespace ExplainCommand

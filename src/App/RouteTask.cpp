@@ -5,8 +5,6 @@
 #include "Platform/SystemLog.h"
 #include "Services/BrowserLauncher.h"
 #include "Services/ProfileLauncher.h"
-#include "Services/URLCleaner.h"
-#include "Services/URLRouter.h"
 #include "Storage/HistoryStore.h"
 
 #include <QMetaObject>
@@ -38,14 +36,12 @@ constexpr int RepeatedFailureQuietMs = 30000;
 
 } // namespace
 
-RouteTask::RouteTask(AppState &state, const Link &incoming, const Link &working,
-                     const std::optional<SourceApp> &source, const QString &activationToken,
-                     const LinkJournal::Ticket &ticket)
+RouteTask::RouteTask(AppState &state, RoutePlan plan, const RoutePolicy &policy,
+                     const QString &activationToken, const LinkJournal::Ticket &ticket)
     : QObject(&state)
     , m_state(state)
-    , m_incoming(incoming)
-    , m_working(working)
-    , m_source(source)
+    , m_plan(std::move(plan))
+    , m_policy(policy)
     , m_activationToken(activationToken)
     , m_ticket(ticket)
 {}
@@ -59,15 +55,18 @@ void RouteTask::start(AppState &state, const Link &url, const std::optional<Sour
         url.toString(), name, id, QString::number(state.rules().size()),
         state.defaultBrowserBundleID(), boolText(state.rulesEnabled())));
 
-    const Link working = state.urlCleaningEnabled() ? URLCleaner::clean(url) : url;
-    if (!(working == url))
-        debugLog(u"routeURL() — cleaned URL: %1"_s.arg(working.toString()));
+    const RoutePolicy policy = RoutePolicy::routing(DiagnosticLog::isEnabled());
+    RoutePlan plan = RoutePlanner::prepare(url, source, state.routeSettings(), policy);
+    if (plan.cleanedSomething())
+        debugLog(u"routeURL() — cleaned URL: %1"_s.arg(plan.cleaned.toString()));
 
-    auto *task = new RouteTask(state, url, working, source, activationToken, ticket);
-    if (!state.rulesEnabled()) {
-        const QString fallbackID = state.defaultBrowserBundleID();
-        const QString fallbackName = task->browserName(fallbackID);
-        state.setLastRouteLog(u"⏸ %1 → %2: %3"_s.arg(name, fallbackName, hostOrText(working)));
+    auto *task = new RouteTask(state, std::move(plan), policy, activationToken, ticket);
+    if (task->m_plan.decision == RoutePlan::Decision::Paused) {
+        const QString fallbackID =
+            task->m_plan.result ? task->m_plan.result->browserBundleID : QString();
+        const QString fallbackName = state.browserName(fallbackID);
+        state.setLastRouteLog(
+            u"⏸ %1 → %2: %3"_s.arg(name, fallbackName, hostOrText(task->m_plan.working)));
         debugLog(u"routeURL() — Rules paused → fallback %1 (%2)"_s.arg(fallbackID, fallbackName));
         QMetaObject::invokeMethod(
             task, [task, fallbackID, fallbackName] { task->runPaused(fallbackID, fallbackName); },
@@ -80,28 +79,20 @@ void RouteTask::start(AppState &state, const Link &url, const std::optional<Sour
 
 QString RouteTask::sourceName() const
 {
-    return m_source ? m_source->name : u"unknown"_s;
+    return m_plan.source ? m_plan.source->name : u"unknown"_s;
 }
 
 QString RouteTask::sourceID() const
 {
-    return m_source ? m_source->bundleID : u"nil"_s;
-}
-
-QString RouteTask::browserName(const QString &bundleID) const
-{
-    for (const BrowserInfo &browser : m_state.browsers()) {
-        if (browser.bundleID == bundleID)
-            return browser.name;
-    }
-    return bundleID;
+    return m_plan.source ? m_plan.source->bundleID : u"nil"_s;
 }
 
 void RouteTask::runPaused(const QString &fallbackID, const QString &fallbackName)
 {
     const BrowserLauncher::Platform platform{m_state.services().entries,
                                              m_state.services().processes};
-    BrowserLauncher::open(m_working, fallbackID, m_state.browsers(), platform, m_activationToken)
+    BrowserLauncher::open(m_plan.working, fallbackID, m_state.browsers(), platform,
+                          m_activationToken)
         .then(this, [this, fallbackID, fallbackName](const BrowserLauncher::Outcome &outcome) {
             if (outcome) {
                 const QString error = outcome->description();
@@ -113,19 +104,19 @@ void RouteTask::runPaused(const QString &fallbackID, const QString &fallbackName
             }
             debugLog(u"routeURL() — SUCCESS (rules paused) opened in "_s + fallbackName);
             qCInfo(lcRoute).noquote() << u"Rules paused: %1 → %2 (from: %3)"_s.arg(
-                SystemLog::priv(m_working.toString()), SystemLog::priv(fallbackName),
+                SystemLog::priv(m_plan.working.toString()), SystemLog::priv(fallbackName),
                 SystemLog::priv(sourceName()));
-            opened(fallbackID, fallbackName, u"⏸ Rules paused"_s);
+            opened(fallbackID, fallbackName, m_plan.ruleMatched);
         });
 }
 
 void RouteTask::runRouting()
 {
-    if (m_state.urlExpansionEnabled() && m_state.services().isShortLink(m_working)) {
-        m_state.services().expand(m_working).then(this, [this](const Link &expanded) {
-            if (!(expanded == m_working)) {
+    if (m_plan.shortLink) {
+        m_state.services().expand(m_plan.working).then(this, [this](const Link &expanded) {
+            if (!(expanded == m_plan.working)) {
                 debugLog(u"routeURL() — expanded URL: "_s + expanded.toString());
-                m_working = expanded;
+                RoutePlanner::expanded(m_plan, expanded);
             }
             route();
         });
@@ -137,32 +128,24 @@ void RouteTask::runRouting()
 void RouteTask::route()
 {
     // Rules, browsers and the fallback as they are now, after any wait.
-    const std::optional<RouteResult> result =
-        URLRouter::route(m_working, m_source, m_state.rules(), m_state.defaultBrowserBundleID());
+    RoutePlanner::decide(m_plan, m_state.routeSettings(), m_policy);
+    if (!m_plan.trail.isEmpty())
+        DiagnosticLog::writeLines(u"URLRouter", m_plan.trail);
+    const std::optional<RouteResult> &result = m_plan.result;
     if (!result) {
-        failed(u"No route: %1 from %2"_s.arg(hostOrText(m_working), sourceName()),
+        failed(u"No route: %1 from %2"_s.arg(hostOrText(m_plan.working), sourceName()),
                u"routeURL() — NO ROUTE found"_s,
-               u"No route found for %1 from %2"_s.arg(SystemLog::priv(m_working.toString()),
+               u"No route found for %1 from %2"_s.arg(SystemLog::priv(m_plan.working.toString()),
                                                       SystemLog::priv(sourceID())),
                u"No rule matches it and no fallback browser is set."_s);
         return;
     }
 
-    const QString targetName = browserName(result->browserBundleID);
-    // The sending app's first rule takes the credit, whichever rule decided.
-    std::optional<QString> credited;
-    if (m_source) {
-        for (const RoutingRule &rule : m_state.rules()) {
-            if (!rule.sourceAppBundleID.isEmpty()
-                && rule.sourceAppBundleID.compare(m_source->bundleID, Qt::CaseInsensitive) == 0) {
-                credited = rule.sourceAppName + u" → " + rule.targetBrowserName;
-                break;
-            }
-        }
-    }
+    const QString targetName = m_state.browserName(result->browserBundleID);
+    const std::optional<QString> credited = m_plan.ruleMatched;
     const QString profilePart = result->profileID ? u" [%1]"_s.arg(*result->profileID) : QString();
     m_state.setLastRouteLog(
-        u"%1 → %2%3: %4"_s.arg(sourceName(), targetName, profilePart, hostOrText(m_working)));
+        u"%1 → %2%3: %4"_s.arg(sourceName(), targetName, profilePart, hostOrText(m_plan.working)));
     debugLog(u"routeURL() — target=%1 (%2) profile=%3"_s.arg(
         result->browserBundleID, targetName, result->profileID.value_or(u"default"_s)));
 
@@ -181,14 +164,14 @@ void RouteTask::route()
     const QString browserID = result->browserBundleID;
     const ProfileLauncher::Platform platform{m_state.services().entries,
                                              m_state.services().processes};
-    ProfileLauncher::open(m_working, *browser, profileID, platform, m_activationToken)
+    ProfileLauncher::open(m_plan.working, *browser, profileID, platform, m_activationToken)
         .then(this, [this, browserID, targetName, credited,
                      profileID](const ProfileLauncher::Outcome &outcome) {
             if (!outcome) {
                 debugLog(
                     u"routeURL() — SUCCESS opened in %1 profile %2"_s.arg(targetName, profileID));
                 qCInfo(lcRoute).noquote() << u"Routed %1 → %2 (from: %3)"_s.arg(
-                    SystemLog::priv(m_working.toString()), SystemLog::priv(targetName),
+                    SystemLog::priv(m_plan.working.toString()), SystemLog::priv(targetName),
                     SystemLog::priv(sourceName()));
                 opened(browserID, targetName, credited);
                 return;
@@ -206,7 +189,8 @@ void RouteTask::launchPlain(const QString &browserID, const QString &targetName,
 {
     const BrowserLauncher::Platform platform{m_state.services().entries,
                                              m_state.services().processes};
-    BrowserLauncher::open(m_working, browserID, m_state.browsers(), platform, m_activationToken)
+    BrowserLauncher::open(m_plan.working, browserID, m_state.browsers(), platform,
+                          m_activationToken)
         .then(this, [this, browserID, targetName, credited,
                      successLine](const BrowserLauncher::Outcome &outcome) {
             if (outcome) {
@@ -219,7 +203,7 @@ void RouteTask::launchPlain(const QString &browserID, const QString &targetName,
             }
             debugLog(successLine);
             qCInfo(lcRoute).noquote() << u"Routed %1 → %2 (from: %3)"_s.arg(
-                SystemLog::priv(m_working.toString()), SystemLog::priv(targetName),
+                SystemLog::priv(m_plan.working.toString()), SystemLog::priv(targetName),
                 SystemLog::priv(sourceName()));
             opened(browserID, targetName, credited);
         });
@@ -231,10 +215,10 @@ void RouteTask::opened(const QString &browserID, const QString &browserName,
     ForwardingRecord record;
     record.id = QUuid::createUuid();
     record.timestamp = m_state.services().clock();
-    record.originalURL = m_incoming.toString();
-    if (m_source) {
-        record.sourceAppBundleID = m_source->bundleID;
-        record.sourceAppName = m_source->name;
+    record.originalURL = m_plan.received.toString();
+    if (m_plan.source) {
+        record.sourceAppBundleID = m_plan.source->bundleID;
+        record.sourceAppName = m_plan.source->name;
     }
     record.targetBrowserBundleID = browserID;
     record.targetBrowserName = browserName;
@@ -256,7 +240,7 @@ void RouteTask::failed(const QString &statusText, const QString &diagnosticLine,
         m_state.m_lastNotifiedFailure = userText;
         m_state.m_failureQuietUntil.setRemainingTime(RepeatedFailureQuietMs);
         m_state.services().notify(u"Quillvane could not open a link"_s,
-                                  hostOrText(m_working) + u'\n' + userText);
+                                  hostOrText(m_plan.working) + u'\n' + userText);
     }
     finish();
 }

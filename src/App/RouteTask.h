@@ -2,6 +2,7 @@
 
 #include "Models/Link.h"
 #include "Models/RoutingRule.h"
+#include "Services/RoutePlanner.h"
 #include "Storage/LinkJournal.h"
 
 #include <QObject>
@@ -21,9 +22,8 @@ public:
                       const QString &activationToken, const LinkJournal::Ticket &ticket);
 
 private:
-    RouteTask(AppState &state, const Link &incoming, const Link &working,
-              const std::optional<SourceApp> &source, const QString &activationToken,
-              const LinkJournal::Ticket &ticket);
+    RouteTask(AppState &state, RoutePlan plan, const RoutePolicy &policy,
+              const QString &activationToken, const LinkJournal::Ticket &ticket);
 
     void runPaused(const QString &fallbackID, const QString &fallbackName);
     void runRouting();
@@ -39,12 +39,10 @@ private:
 
     QString sourceName() const;
     QString sourceID() const;
-    QString browserName(const QString &bundleID) const;
 
     AppState &m_state;
-    Link m_incoming;
-    Link m_working;
-    std::optional<SourceApp> m_source;
+    RoutePlan m_plan;
+    RoutePolicy m_policy;
     QString m_activationToken;
     LinkJournal::Ticket m_ticket;
 };

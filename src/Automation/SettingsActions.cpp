@@ -2,8 +2,7 @@
 
 #include "App/AppState.h"
 #include "Services/BrowserLauncher.h"
-#include "Services/URLCleaner.h"
-#include "Services/URLRouter.h"
+#include "Services/RoutePlanner.h"
 #include "Storage/LinkJournal.h"
 
 using namespace Qt::Literals::StringLiterals;
@@ -50,22 +49,20 @@ QFuture<Answer> routeURL(const Link &url, const std::optional<BrowserEntity> &br
     if (browser)
         return open(state, url, browser->id, u"Opened in %1."_s.arg(browser->name), journalEntry);
 
-    const Link link = state.urlCleaningEnabled() ? URLCleaner::clean(url) : url;
-    const auto route =
-        URLRouter::route(link, std::nullopt, state.rules(), state.defaultBrowserBundleID());
-    if (!route) {
+    // A script's routing action opens the browser plainly, whatever pause says,
+    // and does not wait for the network to expand a short link.
+    const RouteSettings settings = state.routeSettings();
+    const RoutePolicy policy = RoutePolicy::automation();
+    RoutePlan plan = RoutePlanner::prepare(url, std::nullopt, settings, policy);
+    RoutePlanner::decide(plan, settings, policy);
+    if (!plan.result) {
         LinkJournal::finish(state.history(), journalEntry);
         return QtFuture::makeReadyFuture<Answer>(
             u"No routing rule matched and no default browser is set."_s);
     }
-    QString name = route->browserBundleID;
-    for (const BrowserInfo &info : state.browsers()) {
-        if (info.bundleID == route->browserBundleID) {
-            name = info.name;
-            break;
-        }
-    }
-    return open(state, link, route->browserBundleID, u"Routed to %1."_s.arg(name), journalEntry);
+    const QString browserID = plan.result->browserBundleID;
+    return open(state, plan.working, browserID,
+                u"Routed to %1."_s.arg(state.browserName(browserID)), journalEntry);
 }
 
 Answer setDefaultBrowser(const BrowserEntity &browser)

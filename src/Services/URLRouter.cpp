@@ -1,7 +1,5 @@
 #include "Services/URLRouter.h"
 
-#include "Platform/DiagnosticLog.h"
-
 #include <algorithm>
 
 using namespace Qt::Literals::StringLiterals;
@@ -9,11 +7,6 @@ using namespace Qt::Literals::StringLiterals;
 namespace URLRouter {
 
 namespace {
-
-void debugLog(const QString &message)
-{
-    DiagnosticLog::write(u"URLRouter", message);
-}
 
 QString orNil(const std::optional<QString> &text)
 {
@@ -253,16 +246,15 @@ Plan &planFor(const QList<RoutingRule> &rules)
 } // namespace
 
 Decision decide(const Link &url, const std::optional<SourceApp> &source,
-                const QList<RoutingRule> &rules, const QString &defaultBrowserBundleID)
+                const QList<RoutingRule> &rules, const QString &defaultBrowserBundleID,
+                QStringList *trail)
 {
     Plan &plan = planFor(rules);
-    const bool trail = DiagnosticLog::isEnabled();
     if (trail) {
-        QStringList lines{u"route() called — url=%1, source=%2, rules=%3, fallback=%4"_s.arg(
+        trail->append(u"route() called — url=%1, source=%2, rules=%3, fallback=%4"_s.arg(
             url.toString(), source ? source->bundleID : u"nil"_s, QString::number(rules.size()),
-            defaultBrowserBundleID)};
-        lines += plan.trailLines();
-        DiagnosticLog::writeLines(u"URLRouter", lines);
+            defaultBrowserBundleID));
+        trail->append(plan.trailLines());
     }
 
     const Subject subject(url);
@@ -278,7 +270,7 @@ Decision decide(const Link &url, const std::optional<SourceApp> &source,
                     sourceOnly = i;
             } else if (matchesLowered(subject, *rule.urlPattern)) {
                 if (trail) {
-                    debugLog(u"MATCHED combined rule: src=%1 pattern=%2 → %3"_s.arg(
+                    trail->append(u"MATCHED combined rule: src=%1 pattern=%2 → %3"_s.arg(
                         rule.sourceAppBundleID, *rule.urlPattern, rule.targetBrowserBundleID));
                 }
                 return matched(Decision::Kind::Combined, rule, i);
@@ -287,8 +279,8 @@ Decision decide(const Link &url, const std::optional<SourceApp> &source,
         if (sourceOnly) {
             const RoutingRule &rule = rules[*sourceOnly];
             if (trail)
-                debugLog(u"MATCHED source-only rule: %1 → %2"_s.arg(rule.sourceAppBundleID,
-                                                                    rule.targetBrowserBundleID));
+                trail->append(u"MATCHED source-only rule: %1 → %2"_s.arg(
+                    rule.sourceAppBundleID, rule.targetBrowserBundleID));
             return matched(Decision::Kind::SourceOnly, rule, *sourceOnly);
         }
     }
@@ -297,7 +289,7 @@ Decision decide(const Link &url, const std::optional<SourceApp> &source,
         const RoutingRule &rule = rules[candidate.index];
         if (matchesLowered(subject, *rule.urlPattern, candidate.shape)) {
             if (trail) {
-                debugLog(u"MATCHED url-only rule: pattern=%1 → %2"_s.arg(
+                trail->append(u"MATCHED url-only rule: pattern=%1 → %2"_s.arg(
                     *rule.urlPattern, rule.targetBrowserBundleID));
             }
             return matched(Decision::Kind::UrlOnly, rule, candidate.index);
@@ -305,14 +297,14 @@ Decision decide(const Link &url, const std::optional<SourceApp> &source,
     }
 
     if (trail)
-        debugLog(u"No rule matched"_s);
+        trail->append(u"No rule matched"_s);
     if (defaultBrowserBundleID.isEmpty()) {
         if (trail)
-            debugLog(u"No route available (no rules matched, no fallback)"_s);
+            trail->append(u"No route available (no rules matched, no fallback)"_s);
         return Decision{};
     }
     if (trail)
-        debugLog(u"Using fallback browser: %1"_s.arg(defaultBrowserBundleID));
+        trail->append(u"Using fallback browser: %1"_s.arg(defaultBrowserBundleID));
     return Decision{Decision::Kind::Fallback, RouteResult{defaultBrowserBundleID, std::nullopt},
                     -1};
 }

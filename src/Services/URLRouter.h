@@ -5,11 +5,12 @@
 
 #include <QList>
 #include <QString>
+#include <QStringList>
 
 #include <optional>
 
 // The rule engine: which browser, and which profile, opens a link. Pure
-// functions; each decision leaves its trail in the diagnostic log.
+// functions; a decision tells how it was reached when asked for its trail.
 namespace URLRouter {
 
 // How a decision was reached, for those who explain it to the user.
@@ -30,8 +31,10 @@ struct Decision
     qsizetype ruleIndex = -1;
 };
 
+// trail: when given, receives the lines that tell how the decision was reached.
 Decision decide(const Link &url, const std::optional<SourceApp> &source,
-                const QList<RoutingRule> &rules, const QString &defaultBrowserBundleID);
+                const QList<RoutingRule> &rules, const QString &defaultBrowserBundleID,
+                QStringList *trail = nullptr);
 
 std::optional<RouteResult> route(const Link &url, const std::optional<SourceApp> &source,
                                  const QList<RoutingRule> &rules,

@@ -2,10 +2,7 @@
 
 #include "App/AppState.h"
 #include "Models/Link.h"
-#include "Platform/DiagnosticLog.h"
-#include "Services/URLCleaner.h"
-#include "Services/URLExpander.h"
-#include "Services/URLRouter.h"
+#include "Services/RoutePlanner.h"
 #include "Views/ViewKit.h"
 
 #include <QLabel>
@@ -16,18 +13,9 @@ using namespace Qt::Literals::StringLiterals;
 
 namespace {
 
-QString browserName(const AppState &state, const QString &bundleID)
-{
-    for (const BrowserInfo &browser : state.browsers()) {
-        if (browser.bundleID == bundleID)
-            return browser.name;
-    }
-    return bundleID;
-}
-
 QString target(const AppState &state, const RouteResult &result)
 {
-    QString text = browserName(state, result.browserBundleID);
+    QString text = state.browserName(result.browserBundleID);
     if (result.profileID)
         text += u", profile \"%1\""_s.arg(*result.profileID);
     return text;
@@ -80,52 +68,44 @@ QString LinkTester::verdict(const AppState &state, const QString &typed)
     if (!parsed || !parsed->isWebLink())
         return u"Not a web link: only http and https links are routed."_s;
 
+    const RouteSettings settings = state.routeSettings();
+    const RoutePolicy policy = RoutePolicy::linkTest();
+    // Testing is not routing: no source, and the trail is not kept.
+    RoutePlan plan = RoutePlanner::prepare(*parsed, std::nullopt, settings, policy);
     QStringList lines;
-    Link link = *parsed;
-    if (state.urlCleaningEnabled()) {
-        const Link cleaned = URLCleaner::clean(link);
-        if (!(cleaned == link)) {
-            lines.append(u"Checked as %1 (tracking parameters removed)."_s.arg(cleaned.toString()));
-            link = cleaned;
-        }
-    }
-    if (state.urlExpansionEnabled() && URLExpander::isShortLink(link))
-        lines.append(u"A short link: it is expanded first, and the rules see where it leads."_s);
-
-    const QString fallback = state.defaultBrowserBundleID();
-    if (!state.rulesEnabled()) {
+    if (plan.cleanedSomething())
+        lines.append(
+            u"Checked as %1 (tracking parameters removed)."_s.arg(plan.cleaned.toString()));
+    if (plan.decision == RoutePlan::Decision::Paused) {
         lines.prepend(
-            fallback.isEmpty()
-                ? u"Rules are paused and no fallback browser is set: it would not open."_s
-                : u"Opens in %1: rules are paused, so every link goes to the fallback browser."_s
-                      .arg(browserName(state, fallback)));
+            plan.result
+                ? u"Opens in %1: rules are paused, so every link goes to the fallback browser."_s
+                      .arg(state.browserName(plan.result->browserBundleID))
+                : u"Rules are paused and no fallback browser is set: it would not open."_s);
         return lines.join(u'\n');
     }
-    URLRouter::Decision decision;
-    {
-        // Testing is not routing: nothing goes to the diagnostic file.
-        DiagnosticLog::Redirect quiet([](QStringView, QStringView) {});
-        decision = URLRouter::decide(link, std::nullopt, state.rules(), fallback);
-    }
-    using Kind = URLRouter::Decision::Kind;
+    if (plan.shortLink)
+        lines.append(u"A short link: it is expanded first, and the rules see where it leads."_s);
+
+    RoutePlanner::decide(plan, settings, policy);
+    using Decision = RoutePlan::Decision;
     QString answer;
-    switch (decision.kind) {
-    case Kind::UrlOnly:
+    switch (plan.decision) {
+    case Decision::UrlOnly:
         answer = u"Opens in %1 — URL rule \"%2\"."_s.arg(
-            target(state, *decision.result),
-            state.rules()[decision.ruleIndex].urlPattern.value_or(QString()));
+            target(state, *plan.result),
+            settings.rules[plan.ruleIndex].urlPattern.value_or(QString()));
         break;
-    case Kind::Fallback:
+    case Decision::Fallback:
         answer = u"Opens in %1 — the fallback browser: no URL rule matches."_s.arg(
-            target(state, *decision.result));
+            target(state, *plan.result));
         break;
-    case Kind::NoRoute:
+    case Decision::NoRoute:
         answer = u"No URL rule matches and no fallback browser is set: it would not open."_s;
         break;
-    case Kind::Combined:
-    case Kind::SourceOnly:
+    default:
         // Not without a source application; kept for completeness.
-        answer = u"Opens in %1."_s.arg(target(state, *decision.result));
+        answer = u"Opens in %1."_s.arg(target(state, *plan.result));
         break;
     }
     lines.prepend(answer);

@@ -1,0 +1,89 @@
+#include "Services/RoutePlanner.h"
+
+#include "Services/URLCleaner.h"
+#include "Services/URLExpander.h"
+#include "Services/URLRouter.h"
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace RoutePlanner {
+
+namespace {
+
+std::optional<QString> creditedRule(const std::optional<SourceApp> &source,
+                                    const QList<RoutingRule> &rules)
+{
+    if (!source)
+        return std::nullopt;
+    for (const RoutingRule &rule : rules) {
+        if (!rule.sourceAppBundleID.isEmpty()
+            && rule.sourceAppBundleID.compare(source->bundleID, Qt::CaseInsensitive) == 0)
+            return rule.sourceAppName + u" → " + rule.targetBrowserName;
+    }
+    return std::nullopt;
+}
+
+RoutePlan::Decision fromRouter(URLRouter::Decision::Kind kind)
+{
+    using Kind = URLRouter::Decision::Kind;
+    switch (kind) {
+    case Kind::Combined:
+        return RoutePlan::Decision::Combined;
+    case Kind::SourceOnly:
+        return RoutePlan::Decision::SourceOnly;
+    case Kind::UrlOnly:
+        return RoutePlan::Decision::UrlOnly;
+    case Kind::Fallback:
+        return RoutePlan::Decision::Fallback;
+    case Kind::NoRoute:
+        break;
+    }
+    return RoutePlan::Decision::NoRoute;
+}
+
+} // namespace
+
+RoutePlan prepare(const Link &received, const std::optional<SourceApp> &source,
+                  const RouteSettings &settings, const RoutePolicy &policy)
+{
+    RoutePlan plan;
+    plan.received = received;
+    plan.cleaned = settings.urlCleaningEnabled ? URLCleaner::clean(received) : received;
+    plan.working = plan.cleaned;
+    plan.source = source;
+    if (policy.honourPause && !settings.rulesEnabled) {
+        plan.decision = RoutePlan::Decision::Paused;
+        if (!settings.defaultBrowserBundleID.isEmpty())
+            plan.result = RouteResult{settings.defaultBrowserBundleID, std::nullopt};
+        plan.ruleMatched = u"⏸ Rules paused"_s;
+        return plan;
+    }
+    const auto &isShortLink =
+        settings.isShortLink ? settings.isShortLink : std::function(&URLExpander::isShortLink);
+    plan.shortLink = settings.urlExpansionEnabled && isShortLink(plan.cleaned);
+    return plan;
+}
+
+void expanded(RoutePlan &plan, const Link &target)
+{
+    plan.working = target;
+}
+
+void decide(RoutePlan &plan, const RouteSettings &settings, const RoutePolicy &policy)
+{
+    if (plan.decided())
+        return;
+    const URLRouter::Decision decision =
+        URLRouter::decide(plan.working, plan.source, settings.rules,
+                          settings.defaultBrowserBundleID, policy.trail ? &plan.trail : nullptr);
+    plan.decision = fromRouter(decision.kind);
+    plan.result = decision.result;
+    if (plan.result && !policy.keepProfile)
+        plan.result->profileID.reset();
+    plan.ruleIndex = decision.ruleIndex;
+    if (decision.ruleIndex >= 0)
+        plan.ruleID = settings.rules[decision.ruleIndex].id;
+    plan.ruleMatched = creditedRule(plan.source, settings.rules);
+}
+
+} // namespace RoutePlanner

@@ -1,0 +1,95 @@
+#pragma once
+
+#include "Models/Link.h"
+#include "Models/RoutingRule.h"
+
+#include <QList>
+#include <QString>
+#include <QStringList>
+#include <QUuid>
+
+#include <functional>
+#include <optional>
+
+// What the routing of a link depends on, taken at one moment.
+struct RouteSettings
+{
+    QList<RoutingRule> rules;
+    QString defaultBrowserBundleID;
+    bool rulesEnabled = true;
+    bool urlCleaningEnabled = true;
+    bool urlExpansionEnabled = true;
+    std::function<bool(const Link &)> isShortLink;
+};
+
+// What a caller wants from a plan. The callers differ on purpose: the real
+// route and its explanations honour pause and profiles, a script's routing
+// action opens the browser plainly, whatever pause says.
+struct RoutePolicy
+{
+    bool honourPause = true;
+    bool keepProfile = true;
+    // Whether the plan carries the router's trail (it costs a line per rule).
+    bool trail = false;
+
+    static RoutePolicy routing(bool trail) { return RoutePolicy{true, true, trail}; }
+    static RoutePolicy explanation() { return RoutePolicy{true, true, true}; }
+    static RoutePolicy linkTest() { return RoutePolicy{true, true, false}; }
+    static RoutePolicy automation() { return RoutePolicy{false, false, false}; }
+};
+
+// One link's way through cleaning, pause, expansion and the rules, as data.
+struct RoutePlan
+{
+    enum class Decision
+    {
+        Pending, // prepared, not decided yet
+        Paused,  // rules are paused: the fallback browser, if any
+        Combined,
+        SourceOnly,
+        UrlOnly,
+        Fallback,
+        NoRoute,
+    };
+
+    Link received;
+    // Without tracking parameters when cleaning is on; the very link otherwise.
+    Link cleaned;
+    // What the rules see: the cleaned link, or where it leads once expanded.
+    Link working;
+    std::optional<SourceApp> source;
+    // A short link, and expansion is on: the caller expands it (or not) before deciding.
+    bool shortLink = false;
+
+    Decision decision = Decision::Pending;
+    // The browser and profile; none when nothing would open the link.
+    std::optional<RouteResult> result;
+    // The deciding rule; none for pause, the fallback and no route.
+    std::optional<QUuid> ruleID;
+    qsizetype ruleIndex = -1;
+    // What the history says decided: the sending application's first rule,
+    // whichever rule decided, or the pause.
+    std::optional<QString> ruleMatched;
+    QStringList trail;
+
+    bool decided() const { return decision != Decision::Pending; }
+    bool cleanedSomething() const { return !(cleaned == received); }
+};
+
+// The one place where the steps of a route are taken; every caller executes
+// or shows a plan and takes none of the steps itself.
+namespace RoutePlanner {
+
+// Cleans the link and applies pause. A paused plan is decided; any other waits
+// for decide(), after the caller expanded the link where it wants to.
+RoutePlan prepare(const Link &received, const std::optional<SourceApp> &source,
+                  const RouteSettings &settings, const RoutePolicy &policy);
+
+// The link the rules will see, once it has been expanded.
+void expanded(RoutePlan &plan, const Link &target);
+
+// Decides by the rules as they are in settings (which may be newer than
+// those the plan was prepared with: the expansion can take seconds).
+void decide(RoutePlan &plan, const RouteSettings &settings, const RoutePolicy &policy);
+
+} // namespace RoutePlanner
