@@ -83,7 +83,7 @@ void TestSettingsWindow::statusMenu()
     HistoryStore::record(*m_app->history,
                          makeRecord(u"https://a.example/"_s, u"Mail"_s, u"Safari"_s));
     HistoryStore::record(*m_app->history, makeRecord(u"https://b.example/"_s, std::nullopt,
-                                                      u"Firefox"_s, std::nullopt, 3 * 86400));
+                                                     u"Firefox"_s, std::nullopt, 3 * 86400));
     StatusItem item(*m_app->state, m_app->entries, {});
     QMenu &menu = item.menu();
     item.rebuild(menu);
@@ -141,7 +141,7 @@ void TestSettingsWindow::statusMenuCommands()
     item.updateIcon();
     QCOMPARE(item.iconState(), u"active"_s);
 
-    // Pausing from the menu switches the icon; pausing elsewhere does not.
+    // Pausing from the menu switches the icon, and so does resuming elsewhere.
     menu.actions()[5]->trigger();
     processLater();
     QVERIFY(!m_app->state->rulesEnabled());
@@ -149,7 +149,7 @@ void TestSettingsWindow::statusMenuCommands()
     item.rebuild(menu);
     QCOMPARE(menu.actions()[5]->text(), u"▶ Resume Rules"_s);
     m_app->state->toggleRulesEnabled();
-    QCOMPARE(item.iconState(), u"paused"_s);
+    QCOMPARE(item.iconState(), u"active"_s);
 
     menu.actions()[8]->trigger();
     processLater();
@@ -262,7 +262,7 @@ void TestSettingsWindow::historyPane()
     QCOMPARE(pages->currentWidget()->objectName(), u"historyEmptyState"_s);
 
     HistoryStore::record(*m_app->history, makeRecord(u"https://one.example/"_s, u"Mail"_s,
-                                                      u"Safari"_s, u"Mail → Safari"_s));
+                                                     u"Safari"_s, u"Mail → Safari"_s));
     HistoryStore::record(*m_app->history,
                          makeRecord(u"https://two.example/"_s, std::nullopt, u"Firefox"_s));
     HistoryStore::record(*m_app->history,

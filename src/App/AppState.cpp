@@ -145,6 +145,11 @@ RouteSettings AppState::routeSettings() const
                          m_services.isShortLink};
 }
 
+qsizetype AppState::todayHistoryCount() const
+{
+    return HistoryStore::todayCount(m_history);
+}
+
 QString AppState::browserName(const QString &bundleID) const
 {
     for (const BrowserInfo &browser : m_browsers) {
@@ -362,6 +367,18 @@ void AppState::setLastRouteLog(const QString &text)
     Q_EMIT lastRouteLogChanged();
 }
 
+void AppState::notifyRouteFailure(const QString &link, const QString &why)
+{
+    // A fallback browser that went away fails every link the same way: the user
+    // hears of it once in a while, not once per link.
+    constexpr int RepeatedFailureQuietMs = 30000;
+    if (why == m_lastNotifiedFailure && !m_failureQuietUntil.hasExpired())
+        return;
+    m_lastNotifiedFailure = why;
+    m_failureQuietUntil.setRemainingTime(RepeatedFailureQuietMs);
+    m_services.notify(u"Quillvane could not open a link"_s, link + u'\n' + why);
+}
+
 void AppState::routeURL(const Link &url, const std::optional<SourceApp> &source,
                         const QString &activationToken, const LinkJournal::Ticket &ticket)
 {
@@ -399,7 +416,15 @@ bool AppState::event(QEvent *event)
     m_routeStartPosted = false;
     if (!m_waitingRoutes.isEmpty()) {
         const WaitingRoute next = m_waitingRoutes.takeFirst();
-        RouteTask::start(*this, next.url, next.source, next.activationToken, next.ticket);
+        RouteReports reports{
+            [this](const QString &text) { setLastRouteLog(text); },
+            [this](const QString &link, const QString &why) { notifyRouteFailure(link, why); },
+            [this] {
+                keepWritingHistory();
+                Q_EMIT routeFinished();
+            }};
+        RouteTask::start(*this, std::move(reports), next.url, next.source, next.activationToken,
+                         next.ticket);
     }
     startWaitingRouteLater();
     return true;

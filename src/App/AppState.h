@@ -53,6 +53,8 @@ public:
     const QList<BrowserInfo> &browsers() const { return m_browsers; }
     const QString &defaultBrowserBundleID() const { return m_defaultBrowserBundleID; }
     qint64 todayForwardCount() const { return m_todayForwardCount; }
+    // Forwardings recorded in the history today (what the tray menu shows).
+    qsizetype todayHistoryCount() const;
     bool isSystemDefaultBrowser() const { return m_isSystemDefaultBrowser; }
     const QString &lastRouteLog() const { return m_lastRouteLog; }
     bool launchAtLogin() const { return m_launchAtLogin; }
@@ -121,10 +123,11 @@ Q_SIGNALS:
     void routeFinished();
 
 private:
-    friend class RouteTask;
-
     void setRules(QList<RoutingRule> rules);
     void setLastRouteLog(const QString &text);
+    // The sender was told long ago that Quillvane has the link; only a
+    // notification can still tell the user it did not open.
+    void notifyRouteFailure(const QString &link, const QString &why);
     void setFlag(bool AppState::*field, bool value, void (AppState::*changed)());
     void chooseFallbackBrowser();
     void startWaitingRouteLater();

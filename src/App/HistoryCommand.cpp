@@ -40,9 +40,9 @@ void printText(const QList<ForwardingRecord> &records, const Environment &enviro
     qsizetype namesWidth = 0;
     qsizetype rulesWidth = 0;
     for (const ForwardingRecord &record : records) {
-        names.append(cut(record.sourceAppName.value_or(u"Unknown"_s) + u" › "_s
-                             + record.targetBrowserName,
-                         MaxNamesWidth));
+        names.append(
+            cut(record.sourceAppName.value_or(u"Unknown"_s) + u" › "_s + record.targetBrowserName,
+                MaxNamesWidth));
         rules.append(cut(record.ruleMatched.value_or(QString()), MaxRuleWidth));
         namesWidth = std::max(namesWidth, names.last().size());
         rulesWidth = std::max(rulesWidth, rules.last().size());

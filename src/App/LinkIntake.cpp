@@ -64,9 +64,9 @@ void LinkIntake::Open(const QStringList &uris, const QVariantMap &platformData)
     setDelayedReply(true);
     const QDBusMessage call = message();
     QDBusConnection bus = connection();
-    QDBusMessage whoCalled = QDBusMessage::createMethodCall(
-        u"org.freedesktop.DBus"_s, u"/org/freedesktop/DBus"_s, u"org.freedesktop.DBus"_s,
-        u"GetConnectionUnixProcessID"_s);
+    QDBusMessage whoCalled =
+        QDBusMessage::createMethodCall(u"org.freedesktop.DBus"_s, u"/org/freedesktop/DBus"_s,
+                                       u"org.freedesktop.DBus"_s, u"GetConnectionUnixProcessID"_s);
     whoCalled << call.service();
     auto *watcher = new QDBusPendingCallWatcher(bus.asyncCall(whoCalled), this);
     connect(watcher, &QDBusPendingCallWatcher::finished, this,
@@ -81,9 +81,9 @@ void LinkIntake::Open(const QStringList &uris, const QVariantMap &platformData)
                     bus.send(call.createErrorReply(u"work.vorpa.Quillvane.Error.TooManyLinks"_s,
                                                    refused.first()));
                 else
-                    bus.send(call.createErrorReply(
-                        u"work.vorpa.Quillvane.Error.InvalidLink"_s,
-                        u"Quillvane refused these links: "_s + refused.join(u"; "_s)));
+                    bus.send(call.createErrorReply(u"work.vorpa.Quillvane.Error.InvalidLink"_s,
+                                                   u"Quillvane refused these links: "_s
+                                                       + refused.join(u"; "_s)));
             });
 }
 
@@ -164,9 +164,8 @@ void LinkIntake::resumeUnfinished()
             if (!entry.browser.isEmpty())
                 browser = Automation::BrowserEntity{entry.browser, entry.browser};
             QMetaObject::invokeMethod(
-                &m_state, [url = *link, browser, id = entry.id] {
-                    Automation::routeURL(url, browser, id);
-                },
+                &m_state,
+                [url = *link, browser, id = entry.id] { Automation::routeURL(url, browser, id); },
                 Qt::QueuedConnection);
             continue;
         }

@@ -30,24 +30,23 @@ QString boolText(bool value)
     return value ? u"true"_s : u"false"_s;
 }
 
-// A fallback browser that went away fails every link the same way: the user
-// hears of it once in a while, not once per link.
-constexpr int RepeatedFailureQuietMs = 30000;
-
 } // namespace
 
-RouteTask::RouteTask(AppState &state, RoutePlan plan, const RoutePolicy &policy,
-                     const QString &activationToken, const LinkJournal::Ticket &ticket)
+RouteTask::RouteTask(AppState &state, RouteReports reports, RoutePlan plan,
+                     const RoutePolicy &policy, const QString &activationToken,
+                     const LinkJournal::Ticket &ticket)
     : QObject(&state)
     , m_state(state)
+    , m_reports(std::move(reports))
     , m_plan(std::move(plan))
     , m_policy(policy)
     , m_activationToken(activationToken)
     , m_ticket(ticket)
 {}
 
-void RouteTask::start(AppState &state, const Link &url, const std::optional<SourceApp> &source,
-                      const QString &activationToken, const LinkJournal::Ticket &ticket)
+void RouteTask::start(AppState &state, RouteReports reports, const Link &url,
+                      const std::optional<SourceApp> &source, const QString &activationToken,
+                      const LinkJournal::Ticket &ticket)
 {
     const QString name = source ? source->name : u"unknown"_s;
     const QString id = source ? source->bundleID : u"nil"_s;
@@ -60,12 +59,13 @@ void RouteTask::start(AppState &state, const Link &url, const std::optional<Sour
     if (plan.cleanedSomething())
         debugLog(u"routeURL() — cleaned URL: %1"_s.arg(plan.cleaned.toString()));
 
-    auto *task = new RouteTask(state, std::move(plan), policy, activationToken, ticket);
+    auto *task =
+        new RouteTask(state, std::move(reports), std::move(plan), policy, activationToken, ticket);
     if (task->m_plan.decision == RoutePlan::Decision::Paused) {
         const QString fallbackID =
             task->m_plan.result ? task->m_plan.result->browserBundleID : QString();
         const QString fallbackName = state.browserName(fallbackID);
-        state.setLastRouteLog(
+        task->m_reports.status(
             u"⏸ %1 → %2: %3"_s.arg(name, fallbackName, hostOrText(task->m_plan.working)));
         debugLog(u"routeURL() — Rules paused → fallback %1 (%2)"_s.arg(fallbackID, fallbackName));
         QMetaObject::invokeMethod(
@@ -144,7 +144,7 @@ void RouteTask::route()
     const QString targetName = m_state.browserName(result->browserBundleID);
     const std::optional<QString> credited = m_plan.ruleMatched;
     const QString profilePart = result->profileID ? u" [%1]"_s.arg(*result->profileID) : QString();
-    m_state.setLastRouteLog(
+    m_reports.status(
         u"%1 → %2%3: %4"_s.arg(sourceName(), targetName, profilePart, hostOrText(m_plan.working)));
     debugLog(u"routeURL() — target=%1 (%2) profile=%3"_s.arg(
         result->browserBundleID, targetName, result->profileID.value_or(u"default"_s)));
@@ -230,24 +230,16 @@ void RouteTask::opened(const QString &browserID, const QString &browserName,
 void RouteTask::failed(const QString &statusText, const QString &diagnosticLine,
                        const QString &logLine, const QString &userText)
 {
-    m_state.setLastRouteLog(statusText);
+    m_reports.status(statusText);
     debugLog(diagnosticLine);
     qCCritical(lcRoute).noquote() << logLine;
     LinkJournal::finish(m_state.history(), m_ticket.entry);
-    // The sender was told long ago that Quillvane has the link; only a
-    // notification can still tell the user it did not open.
-    if (userText != m_state.m_lastNotifiedFailure || m_state.m_failureQuietUntil.hasExpired()) {
-        m_state.m_lastNotifiedFailure = userText;
-        m_state.m_failureQuietUntil.setRemainingTime(RepeatedFailureQuietMs);
-        m_state.services().notify(u"Quillvane could not open a link"_s,
-                                  hostOrText(m_plan.working) + u'\n' + userText);
-    }
+    m_reports.failure(hostOrText(m_plan.working), userText);
     finish();
 }
 
 void RouteTask::finish()
 {
-    m_state.keepWritingHistory();
-    Q_EMIT m_state.routeFinished();
+    m_reports.finished();
     deleteLater();
 }

@@ -7,9 +7,21 @@
 
 #include <QObject>
 
+#include <functional>
 #include <optional>
 
 class AppState;
+
+// What a route tells the state as it goes; only the state changes itself.
+struct RouteReports
+{
+    // The line the tray menu shows for the last route.
+    std::function<void(const QString &)> status;
+    // A link that did not open after its sender was answered: where it was
+    // going, and why not.
+    std::function<void(const QString &link, const QString &why)> failure;
+    std::function<void()> finished;
+};
 
 // One link on its way from intake to an open browser. The first steps run at
 // once (trail, cleaning, counting); the rest continues on the main thread's
@@ -18,11 +30,12 @@ class AppState;
 class RouteTask final : public QObject
 {
 public:
-    static void start(AppState &state, const Link &url, const std::optional<SourceApp> &source,
-                      const QString &activationToken, const LinkJournal::Ticket &ticket);
+    static void start(AppState &state, RouteReports reports, const Link &url,
+                      const std::optional<SourceApp> &source, const QString &activationToken,
+                      const LinkJournal::Ticket &ticket);
 
 private:
-    RouteTask(AppState &state, RoutePlan plan, const RoutePolicy &policy,
+    RouteTask(AppState &state, RouteReports reports, RoutePlan plan, const RoutePolicy &policy,
               const QString &activationToken, const LinkJournal::Ticket &ticket);
 
     void runPaused(const QString &fallbackID, const QString &fallbackName);
@@ -41,6 +54,7 @@ private:
     QString sourceID() const;
 
     AppState &m_state;
+    RouteReports m_reports;
     RoutePlan m_plan;
     RoutePolicy m_policy;
     QString m_activationToken;

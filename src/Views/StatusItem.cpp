@@ -2,7 +2,6 @@
 
 #include "App/AppState.h"
 #include "App/BuildInfo.h"
-#include "Storage/HistoryStore.h"
 #include "Views/BrowserIcons.h"
 
 #include <QMenu>
@@ -29,8 +28,7 @@ void later(QObject *context, std::function<void()> work)
 
 } // namespace
 
-StatusItem::StatusItem(AppState &state, DesktopEntries &entries, Commands commands,
-                       QObject *parent)
+StatusItem::StatusItem(AppState &state, DesktopEntries &entries, Commands commands, QObject *parent)
     : QObject(parent)
     , m_state(state)
     , m_entries(entries)
@@ -39,6 +37,8 @@ StatusItem::StatusItem(AppState &state, DesktopEntries &entries, Commands comman
 {
     m_menu->setObjectName(u"statusMenu"_s);
     connect(m_menu.get(), &QMenu::aboutToShow, this, [this] { rebuild(*m_menu); });
+    // Paused from the menu, the settings window, a script or the command line alike.
+    connect(&m_state, &AppState::rulesEnabledChanged, this, &StatusItem::updateIcon);
 }
 
 StatusItem::~StatusItem() = default;
@@ -81,10 +81,7 @@ void StatusItem::updateIcon()
 
 void StatusItem::togglePauseRules()
 {
-    later(this, [this] {
-        m_state.toggleRulesEnabled();
-        updateIcon();
-    });
+    later(this, [this] { m_state.toggleRulesEnabled(); });
 }
 
 void StatusItem::rebuild(QMenu &menu)
@@ -96,7 +93,7 @@ void StatusItem::rebuild(QMenu &menu)
     addInformation(
         menu,
         u"Rules: %1 app, %2 URL"_s.arg(m_state.appRules().size()).arg(m_state.urlRules().size()));
-    addInformation(menu, u"Today: %1 forwarded"_s.arg(HistoryStore::todayCount(m_state.history())));
+    addInformation(menu, u"Today: %1 forwarded"_s.arg(m_state.todayHistoryCount()));
     if (!m_state.lastRouteLog().isEmpty())
         addInformation(menu, u"Last: "_s + m_state.lastRouteLog());
     menu.addSeparator();
