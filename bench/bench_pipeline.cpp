@@ -31,14 +31,14 @@ namespace {
 class TimedLauncher final : public ProcessLauncher
 {
 public:
-    Failure spawn(const QStringList &, const QString &, const QString &) override
+    Result spawn(const QStringList &, const QString &, const QString &) override
     {
         launchedAt = clock.nsecsElapsed();
-        return std::nullopt;
+        return {};
     }
-    QFuture<Failure> activate(const QString &, const QString &, const QString &) override
+    QFuture<Result> activate(const QString &, const QString &, const QString &) override
     {
-        return QtFuture::makeReadyFuture(Failure());
+        return QtFuture::makeReadyFuture(Result());
     }
 
     QElapsedTimer clock;

@@ -128,8 +128,8 @@ AppState &AppFixture::start()
     return *state;
 }
 
-ProcessLauncher::Failure RecordingLauncher::spawn(const QStringList &argv, const QString &,
-                                                  const QString &)
+ProcessLauncher::Result RecordingLauncher::spawn(const QStringList &argv, const QString &,
+                                                 const QString &)
 {
     spawned.append(argv);
     if (!failWhenArgumentStartsWith.isEmpty()) {
@@ -137,12 +137,12 @@ ProcessLauncher::Failure RecordingLauncher::spawn(const QStringList &argv, const
             std::any_of(argv.cbegin(), argv.cend(), [this](const QString &argument) {
                 return argument.startsWith(failWhenArgumentStartsWith);
             });
-        return matches ? failure : Failure();
+        return matches ? failure : Result();
     }
     return failure;
 }
 
-QFuture<ProcessLauncher::Failure>
+QFuture<ProcessLauncher::Result>
 RecordingLauncher::activate(const QString &path, const QString &link, const QString &token)
 {
     activated.append({path, link, token});

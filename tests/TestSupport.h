@@ -53,14 +53,14 @@ Link link(QStringView text);
 class RecordingLauncher final : public ProcessLauncher
 {
 public:
-    Failure spawn(const QStringList &argv, const QString &workingDirectory,
-                  const QString &token) override;
-    QFuture<Failure> activate(const QString &path, const QString &link,
-                              const QString &token) override;
+    Result spawn(const QStringList &argv, const QString &workingDirectory,
+                 const QString &token) override;
+    QFuture<Result> activate(const QString &path, const QString &link,
+                             const QString &token) override;
 
     QList<QStringList> spawned;
     QList<QStringList> activated;
-    Failure failure;
+    Result failure;
     QString failWhenArgumentStartsWith;
 };
 
@@ -77,10 +77,7 @@ public:
     std::optional<DesktopEntry> entryAt(const QString &path) override;
     std::optional<QString> defaultHandler(const QString &scheme) override;
     QList<DesktopEntry> allEntries() override { return entries; }
-    std::optional<QString> setDefaultForType(const QString &, const QString &) override
-    {
-        return {};
-    }
+    Result setDefaultForType(const QString &, const QString &) override { return {}; }
 
     QString folder = QStringLiteral("/apps");
     QList<DesktopEntry> entries;
@@ -98,16 +95,16 @@ class FakeAutostart final : public Autostart
 {
 public:
     Status status() const override { return enabled ? Status::Enabled : Status::NotRegistered; }
-    Failure enable() override { return set(true); }
-    Failure disable() override { return set(false); }
+    Result enable() override { return set(true); }
+    Result disable() override { return set(false); }
 
     bool enabled = false;
-    Failure failure;
+    Result failure;
 
 private:
-    Failure set(bool value)
+    Result set(bool value)
     {
-        if (!failure)
+        if (failure.hasValue())
             enabled = value;
         return failure;
     }

@@ -228,7 +228,7 @@ void TestAppState::launchAtLogin()
     QCOMPARE(changed.size(), 1);
 
     // The switch asks the system, not its own copy.
-    m_autostart.failure.reset();
+    m_autostart.failure = {};
     m_autostart.enabled = false;
     state->toggleLaunchAtLogin();
     QVERIFY(m_autostart.enabled);

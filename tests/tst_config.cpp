@@ -175,9 +175,9 @@ void TestConfig::launchAtLogin()
     QVERIFY(blocker.open(QIODevice::WriteOnly));
     blocker.close();
     QTest::ignoreMessage(QtInfoMsg, "Registering launch at login");
-    const auto failure = LaunchAtLoginManager::enable(autostart);
-    QVERIFY(failure);
-    QVERIFY(failure->contains(u"autostart"_s));
+    const auto enabled = LaunchAtLoginManager::enable(autostart);
+    QVERIFY(!enabled);
+    QVERIFY(enabled.error().contains(u"autostart"_s));
     QVERIFY(!LaunchAtLoginManager::isEnabled(autostart));
 }
 

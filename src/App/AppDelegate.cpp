@@ -158,12 +158,12 @@ void AppDelegate::promptSetAsDefaultBrowserIfNeeded()
         return;
     }
     debugLog(u"User chose 'Set as Default' — requesting system registration"_s);
-    const auto failure = DefaultBrowserRegistration::request(GioDesktopEntries::instance(),
-                                                             QString::fromUtf16(BuildInfo::AppId));
-    if (failure) {
-        debugLog(u"Failed to set default browser: "_s + *failure);
+    const auto requested = DefaultBrowserRegistration::request(
+        GioDesktopEntries::instance(), QString::fromUtf16(BuildInfo::AppId));
+    if (!requested) {
+        debugLog(u"Failed to set default browser: "_s + requested.error());
         qCCritical(lcAppDelegate).noquote()
-            << u"Failed to set default browser: %1"_s.arg(SystemLog::priv(*failure));
+            << u"Failed to set default browser: %1"_s.arg(SystemLog::priv(requested.error()));
         return;
     }
     debugLog(u"Successfully requested default browser registration for http + https"_s);

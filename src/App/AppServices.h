@@ -24,4 +24,6 @@ struct AppServices
     std::function<QDateTime()> clock = [] { return QDateTime::currentDateTime(); };
     // Tells the user what went wrong with a link nobody waits for.
     std::function<void(const QString &summary, const QString &body)> notify = &Notifications::show;
+
+    LaunchPlatform launchPlatform() const { return LaunchPlatform{entries, processes}; }
 };

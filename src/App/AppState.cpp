@@ -292,12 +292,12 @@ void AppState::toggleURLExpansion()
 
 void AppState::toggleLaunchAtLogin()
 {
-    const Autostart::Failure failure = LaunchAtLoginManager::isEnabled(m_services.autostart)
+    const Autostart::Result switched = LaunchAtLoginManager::isEnabled(m_services.autostart)
                                            ? LaunchAtLoginManager::disable(m_services.autostart)
                                            : LaunchAtLoginManager::enable(m_services.autostart);
-    if (failure) {
+    if (!switched) {
         qCCritical(lcAppState).noquote()
-            << u"Failed to toggle launch at login: %1"_s.arg(SystemLog::priv(*failure));
+            << u"Failed to toggle launch at login: %1"_s.arg(SystemLog::priv(switched.error()));
         return;
     }
     setFlag(&AppState::m_launchAtLogin, LaunchAtLoginManager::isEnabled(m_services.autostart),
@@ -344,13 +344,13 @@ void AppState::requestSetAsDefaultBrowser()
     QMetaObject::invokeMethod(
         this,
         [this] {
-            const auto failure = DefaultBrowserRegistration::request(
+            const auto requested = DefaultBrowserRegistration::request(
                 m_services.entries, QString::fromUtf16(BuildInfo::AppId));
-            if (failure) {
-                DiagnosticLog::write(u"AppState",
-                                     QString(u"Failed to set default browser: "_s + *failure));
-                qCCritical(lcAppState).noquote()
-                    << u"Failed to set default browser: %1"_s.arg(SystemLog::priv(*failure));
+            if (!requested) {
+                DiagnosticLog::write(
+                    u"AppState", QString(u"Failed to set default browser: "_s + requested.error()));
+                qCCritical(lcAppState).noquote() << u"Failed to set default browser: %1"_s.arg(
+                    SystemLog::priv(requested.error()));
                 return;
             }
             DiagnosticLog::write(

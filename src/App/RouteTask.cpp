@@ -89,13 +89,12 @@ QString RouteTask::sourceID() const
 
 void RouteTask::runPaused(const QString &fallbackID, const QString &fallbackName)
 {
-    const BrowserLauncher::Platform platform{m_state.services().entries,
-                                             m_state.services().processes};
+    const LaunchPlatform platform = m_state.services().launchPlatform();
     BrowserLauncher::open(m_plan.working, fallbackID, m_state.browsers(), platform,
                           m_activationToken)
         .then(this, [this, fallbackID, fallbackName](const BrowserLauncher::Outcome &outcome) {
-            if (outcome) {
-                const QString error = outcome->description();
+            if (!outcome) {
+                const QString error = outcome.error().description();
                 failed(u"FAILED: "_s + error, u"routeURL() — FAILED (rules paused): "_s + error,
                        u"Failed to open URL (rules paused) in %1: %2"_s.arg(
                            SystemLog::priv(fallbackName), SystemLog::priv(error)),
@@ -162,12 +161,11 @@ void RouteTask::route()
 
     const QString profileID = *result->profileID;
     const QString browserID = result->browserBundleID;
-    const ProfileLauncher::Platform platform{m_state.services().entries,
-                                             m_state.services().processes};
+    const LaunchPlatform platform = m_state.services().launchPlatform();
     ProfileLauncher::open(m_plan.working, *browser, profileID, platform, m_activationToken)
         .then(this, [this, browserID, targetName, credited,
                      profileID](const ProfileLauncher::Outcome &outcome) {
-            if (!outcome) {
+            if (outcome) {
                 debugLog(
                     u"routeURL() — SUCCESS opened in %1 profile %2"_s.arg(targetName, profileID));
                 qCInfo(lcRoute).noquote() << u"Routed %1 → %2 (from: %3)"_s.arg(
@@ -178,7 +176,7 @@ void RouteTask::route()
             }
             debugLog(
                 u"routeURL() — ProfileLauncher failed: %1, falling back to BrowserLauncher"_s.arg(
-                    outcome->description()));
+                    outcome.error().description()));
             launchPlain(browserID, targetName, credited,
                         u"routeURL() — SUCCESS opened in %1 (fallback)"_s.arg(targetName));
         });
@@ -187,14 +185,13 @@ void RouteTask::route()
 void RouteTask::launchPlain(const QString &browserID, const QString &targetName,
                             const std::optional<QString> &credited, const QString &successLine)
 {
-    const BrowserLauncher::Platform platform{m_state.services().entries,
-                                             m_state.services().processes};
+    const LaunchPlatform platform = m_state.services().launchPlatform();
     BrowserLauncher::open(m_plan.working, browserID, m_state.browsers(), platform,
                           m_activationToken)
         .then(this, [this, browserID, targetName, credited,
                      successLine](const BrowserLauncher::Outcome &outcome) {
-            if (outcome) {
-                const QString error = outcome->description();
+            if (!outcome) {
+                const QString error = outcome.error().description();
                 failed(u"FAILED: "_s + error, u"routeURL() — FAILED: "_s + error,
                        u"Failed to open URL in %1: %2"_s.arg(SystemLog::priv(targetName),
                                                              SystemLog::priv(error)),

@@ -19,13 +19,13 @@ IntentError launchFailed(const BrowserLauncher::LaunchError &error)
 QFuture<Answer> open(AppState &state, const Link &url, const QString &browserID,
                      const QString &success, qint64 journalEntry)
 {
-    const BrowserLauncher::Platform platform{state.services().entries, state.services().processes};
+    const LaunchPlatform platform = state.services().launchPlatform();
     return BrowserLauncher::open(url, browserID, state.browsers(), platform)
         .then([success, journalEntry,
                history = &state.history()](const BrowserLauncher::Outcome &outcome) -> Answer {
             LinkJournal::finish(*history, journalEntry);
-            if (outcome)
-                return launchFailed(*outcome);
+            if (!outcome)
+                return launchFailed(outcome.error());
             return success;
         });
 }

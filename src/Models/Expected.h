@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <utility>
 #include <variant>
 
@@ -29,4 +30,22 @@ public:
 
 private:
     std::variant<T, E> m_data;
+};
+
+// Done, or the error that prevented it: true on success, like every Expected.
+template<typename E> class Expected<void, E> final
+{
+public:
+    Expected() = default;
+    Expected(E error)
+        : m_error(std::move(error))
+    {}
+
+    bool hasValue() const { return !m_error; }
+    explicit operator bool() const { return hasValue(); }
+
+    const E &error() const { return *m_error; }
+
+private:
+    std::optional<E> m_error;
 };

@@ -72,7 +72,7 @@ Autostart::Status XdgAutostart::status() const
     return Status::Enabled;
 }
 
-Autostart::Failure XdgAutostart::enable()
+Autostart::Result XdgAutostart::enable()
 {
     const QString path = entryPath();
     if (!QDir().mkpath(QFileInfo(path).path()))
@@ -93,13 +93,13 @@ Autostart::Failure XdgAutostart::enable()
     file.write(entry.toUtf8());
     if (!file.commit())
         return u"Could not write %1: %2"_s.arg(path, file.errorString());
-    return std::nullopt;
+    return {};
 }
 
-Autostart::Failure XdgAutostart::disable()
+Autostart::Result XdgAutostart::disable()
 {
     QFile file(entryPath());
     if (file.exists() && !file.remove())
         return u"Could not remove %1: %2"_s.arg(file.fileName(), file.errorString());
-    return std::nullopt;
+    return {};
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Models/Expected.h"
+
 #include <QString>
 
 #include <optional>
@@ -14,12 +16,13 @@ public:
         NotRegistered = 0,
         Enabled = 1
     };
-    using Failure = std::optional<QString>;
+    // Done, or the description of what failed.
+    using Result = Expected<void, QString>;
 
     virtual ~Autostart() = default;
     virtual Status status() const = 0;
-    virtual Failure enable() = 0;
-    virtual Failure disable() = 0;
+    virtual Result enable() = 0;
+    virtual Result disable() = 0;
 };
 
 // $XDG_CONFIG_HOME/autostart/work.vorpa.Quillvane.desktop, enabled when it
@@ -33,8 +36,8 @@ public:
     static QString entryPath();
 
     Status status() const override;
-    Failure enable() override;
-    Failure disable() override;
+    Result enable() override;
+    Result disable() override;
 
 private:
     QString m_program;

@@ -104,7 +104,7 @@ QList<DesktopEntry> GioDesktopEntries::allEntries()
     return entries;
 }
 
-std::optional<QString> GioDesktopEntries::setDefaultForType(const QString &id,
+DesktopEntries::Result GioDesktopEntries::setDefaultForType(const QString &id,
                                                             const QString &contentType)
 {
     const QByteArray desktopId = (id + u".desktop").toUtf8();
@@ -116,7 +116,7 @@ std::optional<QString> GioDesktopEntries::setDefaultForType(const QString &id,
         G_APP_INFO(info), contentType.toUtf8().constData(), &error);
     g_object_unref(info);
     if (done)
-        return std::nullopt;
+        return {};
     const QString message = fromUtf8(error ? error->message : "unknown error");
     if (error)
         g_error_free(error);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Models/Expected.h"
+
 #include <QList>
 #include <QString>
 #include <QStringList>
@@ -43,10 +45,10 @@ public:
     virtual std::optional<QString> defaultHandler(const QString &scheme) = 0;
     // Every installed application that is not hidden.
     virtual QList<DesktopEntry> allEntries() = 0;
-    // Makes the application the default for a content type such as
-    // "x-scheme-handler/https"; the failure's description otherwise.
-    virtual std::optional<QString> setDefaultForType(const QString &id,
-                                                     const QString &contentType) = 0;
+    // Done, or the description of what failed.
+    using Result = Expected<void, QString>;
+    // Makes the application the default for a content type such as "x-scheme-handler/https".
+    virtual Result setDefaultForType(const QString &id, const QString &contentType) = 0;
 };
 
 // The registry as GIO sees it.
@@ -58,8 +60,7 @@ public:
     std::optional<DesktopEntry> entryAt(const QString &path) override;
     std::optional<QString> defaultHandler(const QString &scheme) override;
     QList<DesktopEntry> allEntries() override;
-    std::optional<QString> setDefaultForType(const QString &id,
-                                             const QString &contentType) override;
+    Result setDefaultForType(const QString &id, const QString &contentType) override;
 
     // The process's one instance.
     static GioDesktopEntries &instance();

@@ -97,25 +97,25 @@ QString takeMessage(GError *error)
     return message;
 }
 
-using Promise = QPromise<ProcessLauncher::Failure>;
+using Promise = QPromise<ProcessLauncher::Result>;
 
 void activationFinished(GObject *source, GAsyncResult *result, gpointer data)
 {
     std::unique_ptr<Promise> promise(static_cast<Promise *>(data));
     GError *error = nullptr;
     if (g_app_info_launch_uris_finish(G_APP_INFO(source), result, &error))
-        promise->addResult(ProcessLauncher::Failure());
+        promise->addResult(ProcessLauncher::Result());
     else
-        promise->addResult(ProcessLauncher::Failure(takeMessage(error)));
+        promise->addResult(ProcessLauncher::Result(takeMessage(error)));
     promise->finish();
     g_object_unref(source);
 }
 
 } // namespace
 
-ProcessLauncher::Failure GioProcessLauncher::spawn(const QStringList &argv,
-                                                   const QString &workingDirectory,
-                                                   const QString &activationToken)
+ProcessLauncher::Result GioProcessLauncher::spawn(const QStringList &argv,
+                                                  const QString &workingDirectory,
+                                                  const QString &activationToken)
 {
     if (argv.isEmpty() || argv.first().isEmpty())
         return u"There is no program to start."_s;
@@ -165,21 +165,21 @@ ProcessLauncher::Failure GioProcessLauncher::spawn(const QStringList &argv,
     // Reaped by the main loop when it exits, whenever that is.
     g_child_watch_add(
         pid, [](GPid child, gint, gpointer) { g_spawn_close_pid(child); }, nullptr);
-    return std::nullopt;
+    return {};
 }
 
-QFuture<ProcessLauncher::Failure> GioProcessLauncher::activate(const QString &desktopEntryPath,
-                                                               const QString &link,
-                                                               const QString &activationToken)
+QFuture<ProcessLauncher::Result> GioProcessLauncher::activate(const QString &desktopEntryPath,
+                                                              const QString &link,
+                                                              const QString &activationToken)
 {
     GDesktopAppInfo *info =
         g_desktop_app_info_new_from_filename(QFile::encodeName(desktopEntryPath).constData());
     if (!info)
-        return QtFuture::makeReadyFuture<ProcessLauncher::Failure>(
+        return QtFuture::makeReadyFuture<ProcessLauncher::Result>(
             u"The desktop entry %1 cannot be read."_s.arg(desktopEntryPath));
     auto *promise = new Promise;
     promise->start();
-    QFuture<Failure> future = promise->future();
+    QFuture<Result> future = promise->future();
     const QByteArray uri = link.toUtf8();
     GList uris{const_cast<char *>(uri.constData()), nullptr, nullptr};
     GAppLaunchContext *context = launchContext(activationToken);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Models/Expected.h"
+
 #include <QFuture>
 #include <QString>
 #include <QStringList>
@@ -10,19 +12,29 @@
 class ProcessLauncher
 {
 public:
-    using Failure = std::optional<QString>;
+    // Done, or the platform's description of what failed.
+    using Result = Expected<void, QString>;
 
     virtual ~ProcessLauncher() = default;
 
     // Starts argv[0] (a path, or a name searched on PATH) with the rest as its
     // arguments: no shell, output and errors to the null device, not waited for.
     // The activation token, when there is one, lets the new window take focus.
-    virtual Failure spawn(const QStringList &argv, const QString &workingDirectory,
-                          const QString &activationToken) = 0;
+    virtual Result spawn(const QStringList &argv, const QString &workingDirectory,
+                         const QString &activationToken) = 0;
 
     // Asks a D-Bus activatable application (by desktop-entry path) to open the link.
-    virtual QFuture<Failure> activate(const QString &desktopEntryPath, const QString &link,
-                                      const QString &activationToken) = 0;
+    virtual QFuture<Result> activate(const QString &desktopEntryPath, const QString &link,
+                                     const QString &activationToken) = 0;
+};
+
+class DesktopEntries;
+
+// What starting a browser needs of the platform: its entry, and a way to start it.
+struct LaunchPlatform
+{
+    DesktopEntries &entries;
+    ProcessLauncher &processes;
 };
 
 // Spawns with posix_spawn (reaped by a GLib child watch on the main loop) and
@@ -30,10 +42,10 @@ public:
 class GioProcessLauncher final : public ProcessLauncher
 {
 public:
-    Failure spawn(const QStringList &argv, const QString &workingDirectory,
-                  const QString &activationToken) override;
-    QFuture<Failure> activate(const QString &desktopEntryPath, const QString &link,
-                              const QString &activationToken) override;
+    Result spawn(const QStringList &argv, const QString &workingDirectory,
+                 const QString &activationToken) override;
+    QFuture<Result> activate(const QString &desktopEntryPath, const QString &link,
+                             const QString &activationToken) override;
 
     static GioProcessLauncher &instance();
 };

@@ -44,7 +44,7 @@ QString LaunchError::description() const
 }
 
 QFuture<Outcome> open(const Link &url, const QString &bundleID, const QList<BrowserInfo> &browsers,
-                      const Platform &platform, const QString &activationToken)
+                      const LaunchPlatform &platform, const QString &activationToken)
 {
     for (const BrowserInfo &browser : browsers) {
         if (browser.bundleID.compare(bundleID, Qt::CaseInsensitive) == 0)
@@ -65,7 +65,7 @@ QFuture<Outcome> open(const Link &url, const QString &bundleID, const QList<Brow
     return open(url, found, platform, activationToken);
 }
 
-QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const Platform &platform,
+QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const LaunchPlatform &platform,
                       const QString &activationToken)
 {
     const QString path = browser.path.toLocalFile();
@@ -86,11 +86,11 @@ QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const Platfor
 
     if (entry->dbusActivatable) {
         return platform.processes.activate(path, url.toString(), activationToken)
-            .then([browser](const ProcessLauncher::Failure &failure) -> Outcome {
-                if (failure)
-                    return openFailed(browser, *failure);
+            .then([browser](const ProcessLauncher::Result &activated) -> Outcome {
+                if (!activated)
+                    return openFailed(browser, activated.error());
                 logSuccess(browser);
-                return std::nullopt;
+                return {};
             });
     }
 
@@ -98,11 +98,12 @@ QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const Platfor
     if (!argv)
         return QtFuture::makeReadyFuture<Outcome>(openFailed(browser, argv.error().description));
     const QStringList command = ExecLine::forLink(*argv, *entry, url.toString());
-    if (const auto failure =
-            platform.processes.spawn(command, entry->workingDirectory, activationToken))
-        return QtFuture::makeReadyFuture<Outcome>(openFailed(browser, *failure));
+    if (const auto spawned =
+            platform.processes.spawn(command, entry->workingDirectory, activationToken);
+        !spawned)
+        return QtFuture::makeReadyFuture<Outcome>(openFailed(browser, spawned.error()));
     logSuccess(browser);
-    return QtFuture::makeReadyFuture<Outcome>(std::nullopt);
+    return QtFuture::makeReadyFuture(Outcome());
 }
 
 } // namespace BrowserLauncher

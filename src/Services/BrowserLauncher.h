@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Models/BrowserInfo.h"
+#include "Models/Expected.h"
 #include "Models/Link.h"
 #include "Platform/DesktopEntries.h"
 #include "Platform/ProcessLauncher.h"
@@ -32,22 +33,14 @@ struct LaunchError
     QString description() const;
 };
 
-// Empty when the browser took the link.
-using Outcome = std::optional<LaunchError>;
-
-// What the launcher needs of the platform.
-struct Platform
-{
-    DesktopEntries &entries;
-    ProcessLauncher &processes;
-};
+using Outcome = Expected<void, LaunchError>;
 
 // The first listed browser with the id (ignoring case), else the installed
 // desktop entry with that id.
 QFuture<Outcome> open(const Link &url, const QString &bundleID, const QList<BrowserInfo> &browsers,
-                      const Platform &platform, const QString &activationToken = {});
+                      const LaunchPlatform &platform, const QString &activationToken = {});
 
-QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const Platform &platform,
+QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const LaunchPlatform &platform,
                       const QString &activationToken = {});
 
 } // namespace BrowserLauncher

@@ -11,17 +11,18 @@ QUILLVANE_LOGGING_CATEGORY(lcRegistration, "DefaultBrowser")
 
 namespace DefaultBrowserRegistration {
 
-std::optional<QString> request(DesktopEntries &entries, const QString &appId)
+DesktopEntries::Result request(DesktopEntries &entries, const QString &appId)
 {
     for (const QString &scheme : {u"http"_s, u"https"_s}) {
-        if (auto failure = entries.setDefaultForType(appId, u"x-scheme-handler/"_s + scheme))
-            return failure;
+        if (auto claimed = entries.setDefaultForType(appId, u"x-scheme-handler/"_s + scheme);
+            !claimed.hasValue())
+            return claimed;
     }
     // Opening a saved page follows the links' handler, as browsers register it.
     for (const QString &type : {u"text/html"_s, u"application/xhtml+xml"_s}) {
-        if (const auto failure = entries.setDefaultForType(appId, type))
+        if (const auto claimed = entries.setDefaultForType(appId, type); !claimed.hasValue())
             qCInfo(lcRegistration).noquote()
-                << u"Could not become the handler of %1: %2"_s.arg(type, *failure);
+                << u"Could not become the handler of %1: %2"_s.arg(type, claimed.error());
     }
     // Plasma opens links with the browser named in kdeglobals before asking the MIME registry.
     if (qEnvironmentVariable("XDG_CURRENT_DESKTOP").contains(u"KDE"_s, Qt::CaseInsensitive)) {
@@ -35,7 +36,7 @@ std::optional<QString> request(DesktopEntries &entries, const QString &appId)
             break;
         }
     }
-    return std::nullopt;
+    return {};
 }
 
 } // namespace DefaultBrowserRegistration

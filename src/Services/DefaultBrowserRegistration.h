@@ -12,7 +12,7 @@
 // on KDE Plasma its own browser setting.
 namespace DefaultBrowserRegistration {
 
-// The failure's description when http or https could not be claimed.
-std::optional<QString> request(DesktopEntries &entries, const QString &appId);
+// Fails when http or https could not be claimed.
+DesktopEntries::Result request(DesktopEntries &entries, const QString &appId);
 
 } // namespace DefaultBrowserRegistration

@@ -15,22 +15,22 @@ bool isEnabled(const Autostart &autostart)
     return status == Autostart::Status::Enabled;
 }
 
-Autostart::Failure enable(Autostart &autostart)
+Autostart::Result enable(Autostart &autostart)
 {
     qCInfo(lcLaunchAtLogin) << "Registering launch at login";
-    const Autostart::Failure failure = autostart.enable();
-    if (!failure)
+    const Autostart::Result enabled = autostart.enable();
+    if (enabled)
         qCInfo(lcLaunchAtLogin) << "Successfully registered launch at login";
-    return failure;
+    return enabled;
 }
 
-Autostart::Failure disable(Autostart &autostart)
+Autostart::Result disable(Autostart &autostart)
 {
     qCInfo(lcLaunchAtLogin) << "Unregistering launch at login";
-    const Autostart::Failure failure = autostart.disable();
-    if (!failure)
+    const Autostart::Result disabled = autostart.disable();
+    if (disabled)
         qCInfo(lcLaunchAtLogin) << "Successfully unregistered launch at login";
-    return failure;
+    return disabled;
 }
 
 } // namespace LaunchAtLoginManager

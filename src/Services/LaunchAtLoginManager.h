@@ -7,7 +7,7 @@ namespace LaunchAtLoginManager {
 
 bool isEnabled(const Autostart &autostart);
 // The failure's description when the registration could not be changed.
-Autostart::Failure enable(Autostart &autostart);
-Autostart::Failure disable(Autostart &autostart);
+Autostart::Result enable(Autostart &autostart);
+Autostart::Result disable(Autostart &autostart);
 
 } // namespace LaunchAtLoginManager

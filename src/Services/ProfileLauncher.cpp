@@ -53,7 +53,7 @@ QStringList profileArguments(const QString &bundleID, const QString &profileID, 
 }
 
 QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const QString &profileID,
-                      const Platform &platform, const QString &activationToken)
+                      const LaunchPlatform &platform, const QString &activationToken)
 {
     const auto supported = ProfileDiscovery::supportedBrowser(browser.bundleID);
     if (!supported) {
@@ -89,16 +89,17 @@ QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const QString
         family, SystemLog::priv(program), SystemLog::priv(profileID),
         SystemLog::priv(url.toString()));
     command += profileArguments(browser.bundleID, profileID, url);
-    if (const auto failure =
-            platform.processes.spawn(command, entry->workingDirectory, activationToken)) {
+    if (const auto spawned =
+            platform.processes.spawn(command, entry->workingDirectory, activationToken);
+        !spawned) {
         qCCritical(lcProfileLauncher).noquote()
-            << u"Failed to launch %1: %2"_s.arg(family, *failure);
+            << u"Failed to launch %1: %2"_s.arg(family, spawned.error());
         return QtFuture::makeReadyFuture<Outcome>(
-            LaunchError{LaunchError::Kind::LaunchFailed, {}, *failure, {}});
+            LaunchError{LaunchError::Kind::LaunchFailed, {}, spawned.error(), {}});
     }
     qCInfo(lcProfileLauncher).noquote()
         << u"Successfully launched %1 with profile %2"_s.arg(family, SystemLog::priv(profileID));
-    return QtFuture::makeReadyFuture<Outcome>(std::nullopt);
+    return QtFuture::makeReadyFuture(Outcome());
 }
 
 } // namespace ProfileLauncher

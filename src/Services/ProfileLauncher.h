@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Models/BrowserInfo.h"
+#include "Models/Expected.h"
 #include "Models/Link.h"
 #include "Platform/DesktopEntries.h"
 #include "Platform/ProcessLauncher.h"
@@ -32,18 +33,12 @@ struct LaunchError
     QString description() const;
 };
 
-using Outcome = std::optional<LaunchError>;
-
-struct Platform
-{
-    DesktopEntries &entries;
-    ProcessLauncher &processes;
-};
+using Outcome = Expected<void, LaunchError>;
 
 // The arguments that open link in profile of a browser of that family.
 QStringList profileArguments(const QString &bundleID, const QString &profileID, const Link &url);
 
 QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const QString &profileID,
-                      const Platform &platform, const QString &activationToken = {});
+                      const LaunchPlatform &platform, const QString &activationToken = {});
 
 } // namespace ProfileLauncher
