@@ -166,13 +166,7 @@ void RuleEditView::save()
     RoutingRule rule = ownFields();
     const QString browser = selectedBrowserBundleID();
     rule.targetBrowserBundleID = browser;
-    rule.targetBrowserName = browser;
-    for (const BrowserInfo &info : m_state.browsers()) {
-        if (info.bundleID == browser) {
-            rule.targetBrowserName = info.name;
-            break;
-        }
-    }
+    rule.targetBrowserName = m_state.browserName(browser);
     const QString profile = selectedProfileID();
     rule.targetProfileID = profile.isEmpty() ? std::nullopt : std::optional(profile);
     if (m_existing) {
