@@ -96,33 +96,38 @@ void TestRegistration::promptSetAsDefault()
 
 void TestRegistration::requestFromTheSettingsRechecksASecondLater()
 {
-    AppDelegate delegate;
+    QList<std::pair<std::chrono::milliseconds, std::function<void()>>> waits;
+    AppDelegate delegate(nullptr, [&](auto delay, QObject *, std::function<void()> work) {
+        waits.append({delay, std::move(work)});
+    });
     AppState &state = delegate.appState();
     QVERIFY(!state.isSystemDefaultBrowser());
     QSignalSpy changed(&state, &AppState::isSystemDefaultBrowserChanged);
-    QElapsedTimer clock;
-    clock.start();
     state.requestSetAsDefaultBrowser();
-    QVERIFY(changed.wait(3000));
-    QVERIFY(clock.elapsed() >= 900);
-    QVERIFY(state.isSystemDefaultBrowser());
+    QTRY_COMPARE(waits.size(), 1);
     QVERIFY(trail().contains(
         u"[AppState] Successfully requested default browser registration for http + https"_s));
-    QTest::qWait(1200);
+    // Registered, but the state looks again only once the second has passed.
+    QCOMPARE(GioDesktopEntries::instance().defaultHandler(u"https"_s), u"work.vorpa.Quillvane"_s);
+    QCOMPARE(waits.first().first, std::chrono::milliseconds(1000));
+    QVERIFY(changed.isEmpty());
+    waits.first().second();
     QCOMPARE(changed.size(), 1);
+    QVERIFY(state.isSystemDefaultBrowser());
     forgetDefaults();
 }
 
 void TestRegistration::failureIsLoggedAndChangesNothing()
 {
-    AppDelegate delegate;
+    int waits = 0;
+    AppDelegate delegate(nullptr, [&](auto, QObject *, std::function<void()>) { ++waits; });
     QFile::remove(m_entry);
     m_desktop->refreshDatabase();
-    QTest::qWait(300);
+    QTRY_VERIFY(!GioDesktopEntries::instance().entry(u"work.vorpa.Quillvane"_s));
     QTest::ignoreMessage(QtCriticalMsg, "Failed to set default browser: <private>");
     delegate.appState().requestSetAsDefaultBrowser();
     QTRY_VERIFY(trail().last().startsWith(u"[AppState] Failed to set default browser: "_s));
-    QTest::qWait(1200);
+    QCOMPARE(waits, 0);
     QVERIFY(!delegate.appState().isSystemDefaultBrowser());
     QVERIFY(!QFile::exists(m_desktop->configHome() + u"/mimeapps.list"_s));
 }

@@ -55,16 +55,18 @@ bool hasDisplay()
 
 } // namespace
 
-AppDelegate::AppDelegate(QObject *parent)
+AppDelegate::AppDelegate(QObject *parent, AppServices::Later later)
     : QObject(parent)
     , m_settings(UserSettings::open())
     , m_store(std::make_unique<RuleStore>(*m_settings))
     , m_history(std::make_unique<HistoryDatabase>())
     , m_autostart(std::make_unique<XdgAutostart>(QCoreApplication::applicationFilePath()))
 {
-    m_appState = std::make_unique<AppState>(
-        *m_store, *m_history,
-        AppServices{GioDesktopEntries::instance(), GioProcessLauncher::instance(), *m_autostart});
+    AppServices services{GioDesktopEntries::instance(), GioProcessLauncher::instance(),
+                         *m_autostart};
+    if (later)
+        services.later = std::move(later);
+    m_appState = std::make_unique<AppState>(*m_store, *m_history, std::move(services));
     AppState::setShared(m_appState.get());
     // The release notes go where the user's rules send links from Quillvane.
     m_updates = std::make_unique<UpdateController>(
@@ -201,15 +203,7 @@ void AppDelegate::setupStatusItem()
 
 void AppDelegate::openSettings()
 {
-    // After the menu that asked has closed.
-    QTimer::singleShot(0, this, [this] {
-        if (!m_settingsWindow)
-            m_settingsWindow = std::make_unique<SettingsWindow>(
-                *m_appState, *m_settings, ruleEditServices(), [this] { checkForUpdates(); });
-        m_settingsWindow->show();
-        m_settingsWindow->raise();
-        m_settingsWindow->activateWindow();
-    });
+    openSettingsOn(-1);
 }
 
 void AppDelegate::openHistory()
@@ -219,12 +213,16 @@ void AppDelegate::openHistory()
 
 void AppDelegate::openSettingsOn(int tab, std::function<void()> then)
 {
-    openSettings();
-    // Once the window is up.
-    QTimer::singleShot(200, this, [this, tab, then = std::move(then)] {
+    // After the menu that asked has closed.
+    QTimer::singleShot(0, this, [this, tab, then = std::move(then)] {
         if (!m_settingsWindow)
-            return;
-        m_settingsWindow->selectTab(tab);
+            m_settingsWindow = std::make_unique<SettingsWindow>(
+                *m_appState, *m_settings, ruleEditServices(), [this] { checkForUpdates(); });
+        if (tab >= 0)
+            m_settingsWindow->selectTab(tab);
+        m_settingsWindow->show();
+        m_settingsWindow->raise();
+        m_settingsWindow->activateWindow();
         if (then)
             then();
     });

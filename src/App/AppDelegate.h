@@ -1,5 +1,7 @@
 #pragma once
 
+#include "App/AppServices.h"
+
 #include <QObject>
 #include <QStringList>
 
@@ -27,7 +29,8 @@ struct RuleEditServices;
 class AppDelegate final : public QObject
 {
 public:
-    explicit AppDelegate(QObject *parent = nullptr);
+    // later: how the state waits (tests run the wait when they choose).
+    explicit AppDelegate(QObject *parent = nullptr, AppServices::Later later = {});
     ~AppDelegate() override;
 
     // Publishes the link interface and owns Quillvane's name on the session
@@ -54,7 +57,8 @@ public:
     LinkIntake &intake() const { return *m_intake; }
 
 private:
-    // Then runs after the tab is shown.
+    // Shows the window on the tab (its current one when negative), then runs
+    // then.
     void openSettingsOn(int tab, std::function<void()> then = {});
     RuleEditServices ruleEditServices();
 

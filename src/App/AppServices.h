@@ -9,6 +9,9 @@
 
 #include <QDateTime>
 #include <QFuture>
+#include <QTimer>
+
+#include <chrono>
 
 #include <functional>
 
@@ -24,6 +27,13 @@ struct AppServices
     std::function<QDateTime()> clock = [] { return QDateTime::currentDateTime(); };
     // Tells the user what went wrong with a link nobody waits for.
     std::function<void(const QString &summary, const QString &body)> notify = &Notifications::show;
+    // Runs work on context's thread after a delay, unless context is gone by then.
+    using Later =
+        std::function<void(std::chrono::milliseconds, QObject *context, std::function<void()>)>;
+    Later later = [](std::chrono::milliseconds delay, QObject *context,
+                     std::function<void()> work) {
+        QTimer::singleShot(delay, context, std::move(work));
+    };
 
     LaunchPlatform launchPlatform() const { return LaunchPlatform{entries, processes}; }
 };

@@ -356,7 +356,9 @@ void AppState::requestSetAsDefaultBrowser()
             DiagnosticLog::write(
                 u"AppState",
                 u"Successfully requested default browser registration for http + https");
-            QTimer::singleShot(1000, this, &AppState::refreshDefaultBrowserStatus);
+            // The desktop may apply the association a moment after it was written.
+            m_services.later(std::chrono::seconds(1), this,
+                             [this] { refreshDefaultBrowserStatus(); });
         },
         Qt::QueuedConnection);
 }
