@@ -27,8 +27,10 @@ using namespace Automation;
 
 namespace {
 
+// The names scripts rely on, spelled out so that renaming one breaks this test.
 const QString AppId = u"work.vorpa.Quillvane"_s;
 const QString ObjectPath = u"/work/vorpa/Quillvane"_s;
+const QString InterfaceName = u"work.vorpa.Quillvane.Automation"_s;
 InstalledQuillvane g_installed(QStringLiteral(QUILLVANE_E2E_PREFIX));
 
 using Result = InstalledQuillvane::Result;

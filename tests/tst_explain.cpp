@@ -67,7 +67,7 @@ Result TestExplain::explain(const QStringList &arguments)
     QTextStream outStream(&out);
     QTextStream errStream(&err);
     const ExplainCommand::Environment environment{
-        *m_settings, outStream, errStream, [](const Link &url) { return url.host() == u"bit.ly"; },
+        *m_settings, [](const Link &url) { return url.host() == u"bit.ly"; },
         [this](const Link &url) {
             m_expandCalls.append(url);
             QPromise<Link> promise;
@@ -76,7 +76,12 @@ Result TestExplain::explain(const QStringList &arguments)
             promise.finish();
             return promise.future();
         }};
-    const int exitCode = ExplainCommand::run(arguments, environment);
+    // The command as the table declares it, over this test's settings and network.
+    Command command = *CommandLine::command(u"explain"_s);
+    command.run = [&](const CommandArguments &parsed, const CommandOutput &output) {
+        return ExplainCommand::run(parsed, output, environment);
+    };
+    const int exitCode = command(arguments, {outStream, errStream, {}});
     return {exitCode, out, err};
 }
 
@@ -163,15 +168,15 @@ void TestExplain::badInput_data()
 {
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<QString>("error");
-    QTest::newRow("no link") << QStringList() << u"which link?"_s;
+    QTest::newRow("no link") << QStringList() << u"\"quillvane explain\" needs a link."_s;
     QTest::newRow("two links") << QStringList{u"https://a.com"_s, u"https://b.com"_s}
-                               << u"only one link"_s;
-    QTest::newRow("unknown option")
-        << QStringList{u"--frm"_s, u"x"_s} << u"unknown option \"--frm\""_s;
+                               << u"takes a link, not \"https://b.com\""_s;
+    QTest::newRow("unknown option") << QStringList{u"--frm"_s, u"x"_s}
+                                    << u"\"--frm\" is not an option of \"quillvane explain\"."_s;
     QTest::newRow("empty source") << QStringList{u"https://a.com"_s, u"--from"_s, u" "_s}
                                   << u"--from needs an application id"_s;
     QTest::newRow("missing source")
-        << QStringList{u"https://a.com"_s, u"--from"_s} << u"--from needs an application id"_s;
+        << QStringList{u"https://a.com"_s, u"--from"_s} << u"--from needs a value."_s;
     QTest::newRow("not a web link")
         << QStringList{u"ftp://a.com/x"_s}
         << u"Only http and https links can be routed; this link's scheme is \"ftp\"."_s;
@@ -183,7 +188,7 @@ void TestExplain::badInput()
     QFETCH(QString, error);
     const Result result = explain(arguments);
     QCOMPARE(result.exitCode, 2);
-    QVERIFY2(result.err.startsWith(u"quillvane explain: "_s), qPrintable(result.err));
+    QVERIFY2(result.err.startsWith(u"quillvane: "_s), qPrintable(result.err));
     QVERIFY2(result.err.contains(error), qPrintable(result.err));
     QVERIFY(result.out.isEmpty());
 }

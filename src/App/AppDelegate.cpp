@@ -45,8 +45,6 @@ void debugLog(const QString &message)
     DiagnosticLog::write({}, message);
 }
 
-const QString ObjectPath = u"/work/vorpa/Quillvane"_s;
-
 bool hasDisplay()
 {
     const QString platform = QApplication::platformName();
@@ -105,9 +103,9 @@ bool AppDelegate::applicationWillFinishLaunching()
         return false;
     }
     // The object first, so that a call arriving with the name finds it.
-    if (!bus.registerObject(ObjectPath, m_intake.get())) {
+    if (!bus.registerObject(BusNames::ObjectPath, m_intake.get())) {
         qCCritical(lcAppDelegate).noquote()
-            << u"Could not publish %1 on the session bus."_s.arg(ObjectPath);
+            << u"Could not publish %1 on the session bus."_s.arg(BusNames::ObjectPath);
         return false;
     }
     m_processApps->listenForLaunches();
@@ -115,7 +113,7 @@ bool AppDelegate::applicationWillFinishLaunching()
         QString::fromUtf16(BuildInfo::AppId), QDBusConnectionInterface::DontQueueService,
         QDBusConnectionInterface::DontAllowReplacement);
     if (!owned.isValid() || owned.value() != QDBusConnectionInterface::ServiceRegistered) {
-        bus.unregisterObject(ObjectPath);
+        bus.unregisterObject(BusNames::ObjectPath);
         return false;
     }
     m_resolver->startTracking();

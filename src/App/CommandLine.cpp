@@ -1,10 +1,10 @@
 #include "App/CommandLine.h"
 
-#include "App/AutomationCommands.h"
 #include "App/BuildInfo.h"
 #include "App/DoctorCommand.h"
 #include "App/ExplainCommand.h"
 #include "App/HistoryCommand.h"
+#include "Automation/ScriptCommands.h"
 #include "Services/URLExpander.h"
 #include "Storage/HistoryDatabase.h"
 #include "Storage/UserSettings.h"
@@ -17,8 +17,252 @@ using namespace Qt::Literals::StringLiterals;
 
 namespace CommandLine {
 
+namespace {
+
+// A command's answer is its output; the system log's routine lines would only
+// clutter it (QT_LOGGING_RULES still turns them back on).
+void quietLog()
+{
+    QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*.info=false"_s);
+}
+
+int explain(const CommandArguments &arguments, const CommandOutput &output)
+{
+    const auto settings = UserSettings::open();
+    return ExplainCommand::run(arguments, output,
+                               {*settings, &URLExpander::isShortLink, &URLExpander::expand});
+}
+
+int doctor(const CommandArguments &arguments, const CommandOutput &output)
+{
+    XdgAutostart autostart(QCoreApplication::applicationFilePath());
+    return DoctorCommand::run(arguments, output, {GioDesktopEntries::instance(), autostart});
+}
+
+int history(const CommandArguments &arguments, const CommandOutput &output)
+{
+    HistoryDatabase database(HistoryDatabase::defaultPath(), HistoryDatabase::Access::ReadOnly);
+    const auto settings = UserSettings::open();
+    return HistoryCommand::run(arguments, output, {database, *settings});
+}
+
+// The local commands first, then those for the running Quillvane, as the help lists them.
+constexpr qsizetype LocalCommands = 3;
+
+const QList<Command> &commands()
+{
+    static const QList<Command> list{
+        {u"explain"_s,
+         u"explain URL [--from APP-ID] [--expand]"_s,
+         u"Shows which browser (and profile) Quillvane would open URL in, which rule\n"
+         "decides, and the router's trail. Uses your stored rules and fallback browser,\n"
+         "cleans tracking parameters when cleaning is on, and changes nothing.\n"
+         "\n"
+         "Options:\n"
+         "  --from APP-ID  the application that opens the link, as its desktop-entry id\n"
+         "                 without \".desktop\" (for example org.gnome.Evolution)\n"
+         "  --expand       also expand a link on a link-shortening host (asks the network)\n"
+         "\n"
+         "Exit status: 0 when the link has a route, 1 when it has none, 2 on bad input.\n"_s,
+         {u"--from"_s},
+         {u"--expand"_s},
+         1,
+         1,
+         u"a link"_s,
+         explain},
+        {u"doctor"_s,
+         u"doctor [--json]"_s,
+         u"Shows what Quillvane sees of this desktop: the session type, whether Quillvane is\n"
+         "the default browser and which application handles links now, the browsers it\n"
+         "found with their profiles, launch at login, and where its files are.\n"
+         "Changes nothing.\n"
+         "\n"
+         "Options:\n"
+         "  --json         the same as one JSON document (member names are stable)\n"_s,
+         {},
+         {u"--json"_s},
+         0,
+         0,
+         {},
+         doctor},
+        {u"history"_s,
+         u"history [--json] [--limit N]"_s,
+         u"Prints the links Quillvane forwarded, newest first: when, from which\n"
+         "application to which browser, the rule credited with the decision, and the\n"
+         "link as it arrived. Works whether or not Quillvane is running.\n"
+         "\n"
+         "Options:\n"
+         "  --json         print a JSON array of the stored records\n"
+         "  --limit N      print at most the N newest records\n"_s,
+         {u"--limit"_s},
+         {u"--json"_s},
+         0,
+         0,
+         {},
+         history},
+        {u"route"_s,
+         u"route URL [--browser ID]"_s,
+         u"Opens the link in the browser your rules choose, as a link from no particular\n"
+         "application: only URL rules and the fallback browser apply, rules apply even\n"
+         "while paused, the link is cleaned when URL Cleaning is on but never expanded,\n"
+         "a rule's profile is not used, and nothing is recorded in the history.\n"
+         "With --browser, opens the link exactly as given in that browser.\n"
+         "\n"
+         "Options:\n"
+         "  --browser ID   the browser to open the link in (\"quillvane browsers\" lists them)\n"
+         "\n"
+         "Also known as \"Route URL in Quillvane\" and \"Open URL with Quillvane\".\n"
+         "\n"
+         "Examples:\n"
+         "  quillvane route https://example.com/report\n"
+         "  quillvane route https://example.com --browser org.mozilla.firefox\n"_s,
+         {u"--browser"_s},
+         {},
+         1,
+         1,
+         u"a link"_s,
+         ScriptCommands::route},
+        {u"rules"_s,
+         u"rules [--json]"_s,
+         u"Lists the routing rules in their stored order: id and summary, one rule per\n"
+         "line, or a JSON array of {\"id\", \"summary\"} objects with --json.\n"
+         "\n"
+         "Options:\n"
+         "  --json         print JSON\n"_s,
+         {},
+         {u"--json"_s},
+         0,
+         0,
+         {},
+         ScriptCommands::listRules},
+        {u"rule add"_s,
+         u"rule add --browser ID [--app ID] [--app-name NAME] [--pattern P]"_s,
+         u"Adds a rule at the end of the list: links from the application (--app), or\n"
+         "links matching the pattern (--pattern), or both, open in the browser. The\n"
+         "values are stored exactly as given; the rule has no browser profile (the\n"
+         "settings window can add one).\n"
+         "\n"
+         "Options:\n"
+         "  --browser ID     the browser the rule opens links in (\"quillvane browsers\")\n"
+         "  --app ID         the application the links come from: its desktop entry id,\n"
+         "                   such as org.gnome.Evolution\n"
+         "  --app-name NAME  the name shown for that application (not looked up)\n"
+         "  --pattern P      a host (example.com, which includes its subdomains), a\n"
+         "                   wildcard (*.example.com) or a host and path (example.com/docs)\n"
+         "\n"
+         "Also known as \"Create rule in Quillvane\" and \"Add rule to Quillvane\".\n"
+         "\n"
+         "Examples:\n"
+         "  quillvane rule add --browser org.mozilla.firefox --pattern github.com\n"
+         "  quillvane rule add --browser chromium --app org.gnome.Evolution --app-name Evolution\n"_s,
+         {u"--browser"_s, u"--app"_s, u"--app-name"_s, u"--pattern"_s},
+         {},
+         0,
+         0,
+         {},
+         ScriptCommands::addRule},
+        {u"rule delete"_s,
+         u"rule delete RULE-ID [--yes]"_s,
+         u"Deletes the rule with that id (as \"quillvane rules\" prints it) after asking\n"
+         "on the terminal. Without a terminal, only --yes deletes.\n"
+         "\n"
+         "Options:\n"
+         "  --yes          delete without asking\n"
+         "\n"
+         "Example:\n"
+         "  quillvane rule delete 3F2504E0-4F89-41D3-9A0C-0305E82C3301\n"_s,
+         {},
+         {u"--yes"_s},
+         1,
+         1,
+         u"a rule id"_s,
+         ScriptCommands::deleteRule},
+        {u"browsers"_s,
+         u"browsers [--json]"_s,
+         u"Lists the installed browsers: id and name, one per line, or a JSON array of\n"
+         "{\"id\", \"name\"} objects with --json. The ids are what --browser, \"fallback\"\n"
+         "and the rules take.\n"
+         "\n"
+         "Options:\n"
+         "  --json         print JSON\n"
+         "\n"
+         "Also known as \"List browsers in Quillvane\" and \"Show browsers in Quillvane\".\n"_s,
+         {},
+         {u"--json"_s},
+         0,
+         0,
+         {},
+         ScriptCommands::listBrowsers},
+        {u"fallback"_s,
+         u"fallback ID"_s,
+         u"Sets the fallback browser: the one that opens links no rule claims. The\n"
+         "desktop's own default browser stays Quillvane.\n"
+         "\n"
+         "Example:\n"
+         "  quillvane fallback org.mozilla.firefox\n"_s,
+         {},
+         {},
+         1,
+         1,
+         u"a browser id"_s,
+         ScriptCommands::setFallback},
+        {u"feature"_s,
+         u"feature NAME on|off"_s,
+         u"Switches a feature on or off (nothing changes when it already is). With\n"
+         "pauseRules, \"on\" pauses the rules. The features are:\n"_s
+             + ScriptCommands::featureList()
+             + u"\nExample:\n"
+               "  quillvane feature urlExpansion off\n"_s,
+         {},
+         {},
+         2,
+         2,
+         u"a feature name and on or off"_s,
+         ScriptCommands::toggleFeature},
+    };
+    return list;
+}
+
+// "rule" alone: the group's own help.
+int ruleGroup(const QString &action, const CommandOutput &output)
+{
+    QString text;
+    for (const Command &command : commands()) {
+        if (command.name.startsWith(u"rule "_s))
+            text += (text.isEmpty() ? u"Usage: quillvane "_s : u"       quillvane "_s)
+                    + command.synopsis + u'\n';
+    }
+    text +=
+        u"\nRun \"quillvane rule add --help\" or \"quillvane rule delete --help\" for more.\n"_s;
+    if (action == u"--help" || action == u"-h") {
+        output.out << text;
+        output.out.flush();
+        return Success;
+    }
+    output.err << "quillvane: say \"rule add\" or \"rule delete\".\n\n" << text;
+    output.err.flush();
+    return BadUsage;
+}
+
+} // namespace
+
+const Command *command(const QString &name)
+{
+    for (const Command &entry : commands()) {
+        if (entry.name == name)
+            return &entry;
+    }
+    return nullptr;
+}
+
 QString helpText()
 {
+    QString local;
+    QString remote;
+    for (qsizetype i = 0; i < commands().size(); ++i) {
+        const Command &command = commands()[i];
+        (i < LocalCommands ? local : remote) += u"  "_s + command.synopsis + u'\n';
+    }
     return u"Usage: quillvane [URL...]\n"
            "       quillvane COMMAND [OPTIONS]\n"
            "\n"
@@ -27,16 +271,8 @@ QString helpText()
            "\"quillvane --action ID\" runs one of its desktop actions: route-clipboard,\n"
            "list-browsers, create-rule. \"quillvane --settings\" opens the settings window.\n"
            "\n"
-           "Commands:\n"
-           "  explain URL [--from APP-ID] [--expand]\n"
-           "                 show where a link would open and which rule decides\n"
-           "  doctor [--json]\n"
-           "                 show what Quillvane sees of this desktop\n"
-           "  history [--json] [--limit N]\n"
-           "                 show the links Quillvane forwarded, newest first\n"
-           "\n"
-           "Commands for the running Quillvane (they never start it):\n"_s
-           + AutomationCommands::summary()
+           "Commands:\n"_s
+           + local + u"\nCommands for the running Quillvane (they never start it):\n"_s + remote
            + u"\n"
              "Options:\n"
              "  -h, --help     show this help\n"
@@ -52,6 +288,38 @@ QString versionText()
                                               QStringView(BuildInfo::Commit));
 }
 
+int run(const QStringList &arguments, const CommandOutput &output)
+{
+    const QString first = arguments.value(0);
+    if (arguments.isEmpty() || first == u"--help" || first == u"-h" || first == u"help") {
+        output.out << helpText();
+        output.out.flush();
+        return Success;
+    }
+    if (first == u"--version") {
+        output.out << versionText();
+        output.out.flush();
+        return Success;
+    }
+    QString name = first;
+    qsizetype consumed = 1;
+    if (name == u"rule") {
+        const QString action = arguments.value(1);
+        if (action != u"add" && action != u"delete")
+            return ruleGroup(action, output);
+        name += u' ' + action;
+        consumed = 2;
+    }
+    const Command *found = command(name);
+    if (!found) {
+        output.err << "quillvane: unknown command \"" << name.left(80) << "\".\n\n" << helpText();
+        output.err.flush();
+        return BadUsage;
+    }
+    quietLog();
+    return (*found)(arguments.sliced(consumed), output);
+}
+
 int run(const QByteArrayList &arguments, QTextStream &out, QTextStream &err)
 {
     QStringList decoded;
@@ -62,50 +330,10 @@ int run(const QByteArrayList &arguments, QTextStream &out, QTextStream &err)
         if (decoder.hasError()) {
             err << "quillvane: argument " << (i + 1) << " is not valid UTF-8 text.\n";
             err.flush();
-            return ExplainCommand::BadInput;
+            return BadUsage;
         }
     }
-
-    if (decoded.isEmpty() || decoded.first() == u"--help" || decoded.first() == u"-h"
-        || decoded.first() == u"help") {
-        out << helpText();
-        out.flush();
-        return 0;
-    }
-    if (decoded.first() == u"--version") {
-        out << versionText();
-        out.flush();
-        return 0;
-    }
-    if (decoded.first() == u"doctor") {
-        QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*.info=false"_s);
-        XdgAutostart autostart(QCoreApplication::applicationFilePath());
-        const DoctorCommand::Environment environment{GioDesktopEntries::instance(), autostart, out,
-                                                     err};
-        return DoctorCommand::run(decoded.sliced(1), environment);
-    }
-    if (decoded.first() == u"explain") {
-        // The answer is the output; the system log's routine lines would only
-        // clutter it (QT_LOGGING_RULES still turns them back on).
-        QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*.info=false"_s);
-        const auto settings = UserSettings::open();
-        const ExplainCommand::Environment environment{
-            *settings, out, err, &URLExpander::isShortLink, &URLExpander::expand};
-        return ExplainCommand::run(decoded.sliced(1), environment);
-    }
-    if (decoded.first() == u"history") {
-        QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*.info=false"_s);
-        HistoryDatabase database(HistoryDatabase::defaultPath(), HistoryDatabase::Access::ReadOnly);
-        const auto settings = UserSettings::open();
-        return HistoryCommand::run(decoded.sliced(1), {database, *settings, out, err});
-    }
-    if (AutomationCommands::isAutomationCommand(decoded.first())) {
-        QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*.info=false"_s);
-        return AutomationCommands::run(decoded, {out, err, &AutomationCommands::askOnTerminal});
-    }
-    err << "quillvane: unknown command \"" << decoded.first().left(80) << "\".\n\n" << helpText();
-    err.flush();
-    return ExplainCommand::BadInput;
+    return run(decoded, {out, err, &ScriptCommands::askOnTerminal});
 }
 
 } // namespace CommandLine

@@ -94,18 +94,6 @@ void printText(QTextStream &out, const QJsonObject &report)
 
 } // namespace
 
-QString usage()
-{
-    return u"Usage: quillvane doctor [--json]\n"
-           "\n"
-           "Shows what Quillvane sees of this desktop: the session type, whether Quillvane is\n"
-           "the default browser and which application handles links now, the browsers it\n"
-           "found with their profiles, launch at login, and where its files are.\n"
-           "Changes nothing.\n"
-           "\n"
-           "  --json  the same as one JSON document (member names are stable)\n"_s;
-}
-
 QJsonObject report(DesktopEntries &entries, const Autostart &autostart)
 {
     QJsonArray browsers;
@@ -144,31 +132,16 @@ QJsonObject report(DesktopEntries &entries, const Autostart &autostart)
     };
 }
 
-int run(const QStringList &arguments, const Environment &environment)
+int run(const CommandArguments &arguments, const CommandOutput &output,
+        const Environment &environment)
 {
-    bool json = false;
-    for (const QString &argument : arguments) {
-        if (argument == u"--help" || argument == u"-h") {
-            environment.out << usage();
-            environment.out.flush();
-            return 0;
-        }
-        if (argument != u"--json") {
-            environment.err << "quillvane doctor: unknown argument \"" << argument.left(80)
-                            << "\".\n\n"
-                            << usage();
-            environment.err.flush();
-            return 2;
-        }
-        json = true;
-    }
     const QJsonObject result = report(environment.entries, environment.autostart);
-    if (json)
-        environment.out << QJsonDocument(result).toJson(QJsonDocument::Indented);
+    if (arguments.flag(u"--json"_s))
+        output.out << QJsonDocument(result).toJson(QJsonDocument::Indented);
     else
-        printText(environment.out, result);
-    environment.out.flush();
-    return 0;
+        printText(output.out, result);
+    output.out.flush();
+    return Success;
 }
 
 } // namespace DoctorCommand

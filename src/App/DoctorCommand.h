@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Models/Command.h"
 #include "Platform/Autostart.h"
 #include "Platform/DesktopEntries.h"
 
@@ -15,12 +16,11 @@ struct Environment
 {
     DesktopEntries &entries;
     const Autostart &autostart;
-    QTextStream &out;
-    QTextStream &err;
 };
 
-QString usage();
 QJsonObject report(DesktopEntries &entries, const Autostart &autostart);
-int run(const QStringList &arguments, const Environment &environment);
+// arguments: --json.
+int run(const CommandArguments &arguments, const CommandOutput &output,
+        const Environment &environment);
 
 } // namespace DoctorCommand

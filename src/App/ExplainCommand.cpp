@@ -13,53 +13,6 @@ namespace ExplainCommand {
 
 namespace {
 
-struct Options
-{
-    QString link;
-    std::optional<QString> from;
-    bool expand = false;
-    bool help = false;
-};
-
-Expected<Options, DecodeError> parseArguments(const QStringList &arguments)
-{
-    Options options;
-    bool positionalOnly = false;
-    for (qsizetype i = 0; i < arguments.size(); ++i) {
-        const QString &argument = arguments[i];
-        if (!positionalOnly && argument == u"--") {
-            positionalOnly = true;
-        } else if (!positionalOnly && (argument == u"--help" || argument == u"-h")) {
-            options.help = true;
-        } else if (!positionalOnly && argument == u"--expand") {
-            options.expand = true;
-        } else if (!positionalOnly && (argument == u"--from" || argument.startsWith(u"--from="))) {
-            QString value;
-            if (argument == u"--from") {
-                if (i + 1 >= arguments.size())
-                    return DecodeError{
-                        u"--from needs an application id, such as org.gnome.Evolution."_s};
-                value = arguments[++i];
-            } else {
-                value = argument.sliced(7);
-            }
-            if (value.trimmed().isEmpty())
-                return DecodeError{
-                    u"--from needs an application id, such as org.gnome.Evolution."_s};
-            options.from = value;
-        } else if (!positionalOnly && argument.startsWith(u'-') && argument.size() > 1) {
-            return DecodeError{u"unknown option \"%1\"."_s.arg(argument.left(80))};
-        } else if (options.link.isNull()) {
-            options.link = argument;
-        } else {
-            return DecodeError{u"only one link can be explained at a time."_s};
-        }
-    }
-    if (!options.help && options.link.isNull())
-        return DecodeError{u"which link? Give the link to explain."_s};
-    return options;
-}
-
 Link waitFor(QFuture<Link> future)
 {
     if (!future.isFinished()) {
@@ -111,44 +64,17 @@ void printField(QTextStream &out, QStringView label, QStringView value)
 
 } // namespace
 
-QString usage()
+int run(const CommandArguments &arguments, const CommandOutput &output,
+        const Environment &environment)
 {
-    return u"Usage: quillvane explain URL [--from APP-ID] [--expand]\n"
-           "\n"
-           "Shows which browser (and profile) Quillvane would open URL in, which rule\n"
-           "decides, and the router's trail. Uses your stored rules and fallback browser,\n"
-           "cleans tracking parameters when cleaning is on, and changes nothing.\n"
-           "\n"
-           "  --from APP-ID  the application that opens the link, as its desktop-entry id\n"
-           "                 without \".desktop\" (for example org.gnome.Evolution)\n"
-           "  --expand       also expand a link on a link-shortening host (asks the network)\n"
-           "\n"
-           "Exit status: 0 when the link has a route, 1 when it has none, 2 on bad input.\n"_s;
-}
-
-int run(const QStringList &arguments, const Environment &environment)
-{
-    QTextStream &out = environment.out;
-    QTextStream &err = environment.err;
-
-    const auto options = parseArguments(arguments);
-    if (!options) {
-        err << "quillvane explain: " << options.error().description << "\n\n" << usage();
-        err.flush();
-        return BadInput;
-    }
-    if (options->help) {
-        out << usage();
-        out.flush();
-        return Routed;
-    }
-
-    const auto parsed = Link::parseWebLink(options->link);
-    if (!parsed) {
-        err << "quillvane explain: " << parsed.error().description << '\n';
-        err.flush();
-        return BadInput;
-    }
+    QTextStream &out = output.out;
+    const std::optional<QString> from = arguments.value(u"--from"_s);
+    if (from && from->trimmed().isEmpty())
+        return output.fail(u"--from needs an application id, such as org.gnome.Evolution."_s,
+                           BadUsage);
+    const auto parsed = Link::parseWebLink(arguments.positional.first());
+    if (!parsed)
+        return output.fail(parsed.error().description, BadUsage);
 
     RuleStore store(environment.settings);
     const RouteSettings settings{store.loadRules(), store.loadDefaultBrowserBundleID(),
@@ -157,8 +83,8 @@ int run(const QStringList &arguments, const Environment &environment)
                                  // Expanded only when asked for with --expand.
                                  true, environment.isShortLink};
     std::optional<SourceApp> source;
-    if (options->from)
-        source = SourceApp{*options->from, *options->from};
+    if (from)
+        source = SourceApp{*from, *from};
 
     const RoutePolicy policy = RoutePolicy::explanation();
     RoutePlan plan = RoutePlanner::prepare(*parsed, source, settings, policy);
@@ -176,10 +102,10 @@ int run(const QStringList &arguments, const Environment &environment)
                                : u"none (no fallback browser is set)"_s);
         printField(out, u"Decided by", describe(plan, settings.rules));
         out.flush();
-        return plan.result ? Routed : NoRoute;
+        return plan.result ? Success : Failed;
     }
 
-    if (options->expand && plan.shortLink) {
+    if (arguments.flag(u"--expand"_s) && plan.shortLink) {
         const Link expanded = waitFor(environment.expand(plan.working));
         if (!(expanded == plan.working)) {
             printField(out, u"Expanded", expanded.toString());
@@ -201,7 +127,7 @@ int run(const QStringList &arguments, const Environment &environment)
     for (const QString &line : std::as_const(plan.trail))
         out << "  " << line << '\n';
     out.flush();
-    return plan.result ? Routed : NoRoute;
+    return plan.result ? Success : Failed;
 }
 
 } // namespace ExplainCommand

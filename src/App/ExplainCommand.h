@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Models/Command.h"
 #include "Models/Link.h"
 
 #include <QFuture>
@@ -14,25 +15,17 @@
 // changes nothing and opens nothing.
 namespace ExplainCommand {
 
-enum ExitCode
-{
-    Routed = 0,
-    NoRoute = 1,
-    BadInput = 2
-};
-
+// Exit status: Success when the link has a route, Failed when it has none,
+// BadUsage on bad input.
 struct Environment
 {
     QSettings &settings;
-    QTextStream &out;
-    QTextStream &err;
     std::function<bool(const Link &)> isShortLink;
     std::function<QFuture<Link>(const Link &)> expand;
 };
 
-QString usage();
-
-// arguments: what follows "explain" on the command line.
-int run(const QStringList &arguments, const Environment &environment);
+// arguments: the link, and --from / --expand.
+int run(const CommandArguments &arguments, const CommandOutput &output,
+        const Environment &environment);
 
 } // namespace ExplainCommand

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Models/Command.h"
+
 #include <QSettings>
 #include <QStringList>
 #include <QTextStream>
@@ -11,26 +13,16 @@ class HistoryDatabase;
 // Quillvane runs. Changes nothing.
 namespace HistoryCommand {
 
-enum ExitCode
-{
-    Success = 0,
-    Failed = 1, // the history cannot be read
-    BadInput = 2
-};
-
 struct Environment
 {
     HistoryDatabase &database;
     // The settings file, for a history that an earlier version left there and
     // that Quillvane has not moved yet.
     const QSettings &settings;
-    QTextStream &out;
-    QTextStream &err;
 };
 
-QString usage();
-
-// arguments: what follows "history" on the command line.
-int run(const QStringList &arguments, const Environment &environment);
+// arguments: --json, --limit N. Failed when the history cannot be read.
+int run(const CommandArguments &arguments, const CommandOutput &output,
+        const Environment &environment);
 
 } // namespace HistoryCommand

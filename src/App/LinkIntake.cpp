@@ -2,6 +2,7 @@
 
 #include "App/AppState.h"
 #include "App/DesktopActions.h"
+#include "Automation/BusNames.h"
 #include "Automation/SettingsActions.h"
 #include "Platform/DiagnosticLog.h"
 #include "Services/SourceAppResolver.h"
@@ -78,10 +79,9 @@ void LinkIntake::Open(const QStringList &uris, const QVariantMap &platformData)
                 if (refused.isEmpty())
                     bus.send(call.createReply());
                 else if (uris.size() > MaxLinksPerRequest)
-                    bus.send(call.createErrorReply(u"work.vorpa.Quillvane.Error.TooManyLinks"_s,
-                                                   refused.first()));
+                    bus.send(call.createErrorReply(BusNames::Error::TooManyLinks, refused.first()));
                 else
-                    bus.send(call.createErrorReply(u"work.vorpa.Quillvane.Error.InvalidLink"_s,
+                    bus.send(call.createErrorReply(BusNames::Error::InvalidLink,
                                                    u"Quillvane refused these links: "_s
                                                        + refused.join(u"; "_s)));
             });

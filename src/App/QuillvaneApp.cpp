@@ -4,6 +4,7 @@
 #include "App/BuildInfo.h"
 #include "App/DesktopActions.h"
 #include "App/LinkIntake.h"
+#include "Automation/BusNames.h"
 #include "Models/Link.h"
 
 #include <QApplication>
@@ -19,9 +20,6 @@ using namespace Qt::Literals::StringLiterals;
 namespace QuillvaneApp {
 
 namespace {
-
-const QString ObjectPath = u"/work/vorpa/Quillvane"_s;
-const QString ApplicationInterface = u"org.freedesktop.Application"_s;
 
 void printError(const QString &text)
 {
@@ -59,8 +57,9 @@ int forward(const Request &request)
     const QString method = !request.action.isEmpty() ? u"ActivateAction"_s
                            : request.links.isEmpty() ? u"Activate"_s
                                                      : u"Open"_s;
-    QDBusMessage call = QDBusMessage::createMethodCall(QString::fromUtf16(BuildInfo::AppId),
-                                                       ObjectPath, ApplicationInterface, method);
+    QDBusMessage call =
+        QDBusMessage::createMethodCall(QString::fromUtf16(BuildInfo::AppId), BusNames::ObjectPath,
+                                       BusNames::ApplicationInterface, method);
     if (!request.action.isEmpty())
         call << request.action << QVariantList() << platformData();
     else if (request.links.isEmpty())

@@ -75,15 +75,15 @@ QString dbusErrorName(IntentError::Kind kind)
 {
     switch (kind) {
     case IntentError::Kind::ValidationFailed:
-        return u"work.vorpa.Quillvane.Error.ValidationFailed"_s;
+        return BusNames::Error::ValidationFailed;
     case IntentError::Kind::AppNotReady:
-        return u"work.vorpa.Quillvane.Error.AppNotReady"_s;
+        return BusNames::Error::AppNotReady;
     case IntentError::Kind::Refused:
-        return u"work.vorpa.Quillvane.Error.Refused"_s;
+        return BusNames::Error::Refused;
     case IntentError::Kind::LaunchFailed:
-        return u"work.vorpa.Quillvane.Error.LaunchFailed"_s;
+        return BusNames::Error::LaunchFailed;
     }
-    return u"work.vorpa.Quillvane.Error.Failed"_s;
+    return BusNames::Error::Failed;
 }
 
 } // namespace Automation

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Automation/AutomationValues.h"
+#include "Automation/BusNames.h"
 
 #include <QDBusAbstractAdaptor>
 #include <QDBusArgument>
@@ -26,8 +27,6 @@ struct FeatureEntity
 // Registers the structures with the bus binding; needed before any call in
 // either direction.
 void registerDBusTypes();
-
-inline constexpr QLatin1StringView InterfaceName{"work.vorpa.Quillvane.Automation"};
 
 // D-Bus error names for IntentError kinds.
 QString dbusErrorName(IntentError::Kind kind);

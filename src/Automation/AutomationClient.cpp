@@ -11,8 +11,6 @@ using namespace Automation;
 
 namespace {
 
-const QString ObjectPath = u"/work/vorpa/Quillvane"_s;
-
 // Long enough for a browser that takes its time to start.
 constexpr int CallTimeout = 30000;
 
@@ -42,8 +40,9 @@ AutomationClient::Result<T> AutomationClient::call(const QString &method,
 {
     if (!m_bus.isConnected())
         return notRunning();
-    QDBusMessage message = QDBusMessage::createMethodCall(QString::fromUtf16(BuildInfo::AppId),
-                                                          ObjectPath, InterfaceName, method);
+    QDBusMessage message =
+        QDBusMessage::createMethodCall(QString::fromUtf16(BuildInfo::AppId), BusNames::ObjectPath,
+                                       BusNames::AutomationInterface, method);
     message.setArguments(arguments);
     message.setAutoStartService(false);
     const QDBusMessage reply = m_bus.call(message, QDBus::Block, CallTimeout);
