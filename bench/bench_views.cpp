@@ -70,7 +70,7 @@ BENCHMARK(BM_BuildStatusMenu)->Unit(benchmark::kMillisecond);
 // Made, shown and painted once, as on the first "Settings...".
 void openSettingsWindow(Fixture &f)
 {
-    SettingsWindow window(*f.state, *f.settings, {GioDesktopEntries::instance(), {}, {}}, [] {});
+    SettingsWindow window(*f.state, {GioDesktopEntries::instance(), {}, {}}, [] {});
     window.show();
     QApplication::processEvents();
     window.repaint();
@@ -100,7 +100,7 @@ BENCHMARK(BM_OpenSettingsWindow)->Unit(benchmark::kMillisecond)->UseRealTime();
 void BM_HistoryFilterKeystroke(benchmark::State &state)
 {
     Fixture &f = fixture();
-    HistoryPane pane(*f.history);
+    HistoryPane pane(*f.state);
     pane.resize(520, 480);
     pane.show();
     QApplication::processEvents();

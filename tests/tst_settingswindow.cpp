@@ -3,6 +3,7 @@
 #include "App/AppState.h"
 #include "Services/BrowserDiscovery.h"
 #include "Storage/HistoryStore.h"
+#include "Storage/SettingsKeys.h"
 #include "TestSupport.h"
 #include "Views/ConfigPane.h"
 #include "Views/GeneralPane.h"
@@ -172,7 +173,7 @@ void TestSettingsWindow::statusMenuCommands()
 
 void TestSettingsWindow::window()
 {
-    SettingsWindow window(*m_app->state, *m_app->settings, {m_app->entries, {}, {}}, [] {});
+    SettingsWindow window(*m_app->state, {m_app->entries, {}, {}}, [] {});
     QCOMPARE(window.windowTitle(), u"Quillvane Settings"_s);
     QCOMPARE(window.size(), QSize(520, 520));
     QCOMPARE(window.minimumSize(), QSize(400, 300));
@@ -208,7 +209,7 @@ void TestSettingsWindow::keyboard()
 {
     HistoryStore::record(*m_app->history,
                          makeRecord(u"https://a.example/"_s, u"Mail"_s, u"Safari"_s));
-    SettingsWindow window(*m_app->state, *m_app->settings, {m_app->entries, {}, {}}, [] {});
+    SettingsWindow window(*m_app->state, {m_app->entries, {}, {}}, [] {});
     window.show();
     QVERIFY(QTest::qWaitForWindowActive(&window));
     QTabWidget &tabs = window.tabs();
@@ -256,7 +257,7 @@ void TestSettingsWindow::keyboard()
 
 void TestSettingsWindow::historyPane()
 {
-    HistoryPane pane(*m_app->history);
+    HistoryPane pane(*m_app->state);
     pane.show();
     auto *pages = pane.findChild<QStackedWidget *>();
     QCOMPARE(pages->currentWidget()->objectName(), u"historyEmptyState"_s);
@@ -298,6 +299,15 @@ void TestSettingsWindow::historyPane()
     QCOMPARE(pages->currentWidget()->objectName(), u"historyEmptyState"_s);
     QVERIFY(HistoryStore::loadHistory(*m_app->history).isEmpty());
     QCOMPARE(filter->text(), u"a "_s);
+    // Cleared elsewhere (the pane holds records again): the pane empties too.
+    HistoryStore::record(*m_app->history,
+                         makeRecord(u"https://four.example/a b"_s, u"Mail"_s, u"Safari"_s));
+    filter->clear();
+    pane.hide();
+    pane.show();
+    QCOMPARE(pages->currentWidget()->objectName(), u"historyListPage"_s);
+    m_app->state->clearHistory();
+    QCOMPARE(pages->currentWidget()->objectName(), u"historyEmptyState"_s);
 }
 
 void TestSettingsWindow::relativeTimes()
@@ -320,7 +330,7 @@ void TestSettingsWindow::relativeTimes()
 
 void TestSettingsWindow::generalPane()
 {
-    GeneralPane pane(*m_app->state, *m_app->settings, m_app->entries, [] {});
+    GeneralPane pane(*m_app->state, m_app->entries, [] {});
     // Tall enough to show every section without scrolling.
     pane.resize(520, 1600);
     pane.show();
@@ -366,6 +376,11 @@ void TestSettingsWindow::generalPane()
     QVERIFY(!automatic->isEnabled());
     QCOMPARE(automatic->toolTip(),
              u"Updates for this build are provided by your package manager."_s);
+    // Still the stored setting, changed through the state and shown here.
+    QVERIFY(automatic->isChecked());
+    m_app->state->toggleAutomaticUpdateChecks();
+    QVERIFY(!automatic->isChecked());
+    QVERIFY(!SettingsKeys::read(*m_app->settings, SettingsKeys::AutomaticUpdateChecks));
 }
 
 void TestSettingsWindow::importAndExport()

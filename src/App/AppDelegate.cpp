@@ -214,8 +214,8 @@ void AppDelegate::openSettingsOn(int tab, std::function<void()> then)
     // After the menu that asked has closed.
     QTimer::singleShot(0, this, [this, tab, then = std::move(then)] {
         if (!m_settingsWindow)
-            m_settingsWindow = std::make_unique<SettingsWindow>(
-                *m_appState, *m_settings, ruleEditServices(), [this] { checkForUpdates(); });
+            m_settingsWindow = std::make_unique<SettingsWindow>(*m_appState, ruleEditServices(),
+                                                                [this] { checkForUpdates(); });
         if (tab >= 0)
             m_settingsWindow->selectTab(tab);
         m_settingsWindow->show();

@@ -11,7 +11,6 @@
 #include "Services/URLRouter.h"
 #include "Storage/HistoryStore.h"
 #include "Storage/SettingsKeys.h"
-#include "Storage/UserSettings.h"
 
 #include <QCollator>
 #include <QCoreApplication>
@@ -62,6 +61,8 @@ AppState::AppState(RuleStore &store, HistoryDatabase &history, AppServices servi
     m_urlCleaningEnabled = URLCleaner::isEnabled(m_store.settings());
     m_urlExpansionEnabled =
         SettingsKeys::read(m_store.settings(), SettingsKeys::UrlExpansionEnabled);
+    m_automaticUpdateChecks =
+        SettingsKeys::read(m_store.settings(), SettingsKeys::AutomaticUpdateChecks);
 
     m_rules = m_store.loadRules();
     m_defaultBrowserBundleID = m_store.loadDefaultBrowserBundleID();
@@ -274,20 +275,46 @@ void AppState::toggleRulesEnabled()
     setFlag(&AppState::m_rulesEnabled, !m_rulesEnabled, &AppState::rulesEnabledChanged);
 }
 
+QList<ForwardingRecord> AppState::historyRecords(const QString &filter, qsizetype limit) const
+{
+    return HistoryStore::loadHistory(m_history, filter,
+                                     limit < 0 ? HistoryStore::MaxRecords : limit);
+}
+
+void AppState::clearHistory()
+{
+    HistoryStore::clearHistory(m_history);
+    Q_EMIT historyCleared();
+}
+
+Expected<QByteArray, ConfigManager::ConfigError> AppState::exportConfig() const
+{
+    return ConfigManager::exportToJSON(m_store);
+}
+
 void AppState::toggleURLCleaning()
 {
-    m_store.settings().setValue(SettingsKeys::UrlCleaningEnabled.name, !m_urlCleaningEnabled);
-    UserSettings::commit(m_store.settings());
-    setFlag(&AppState::m_urlCleaningEnabled, !m_urlCleaningEnabled,
-            &AppState::urlCleaningEnabledChanged);
+    saveFlag(SettingsKeys::UrlCleaningEnabled, &AppState::m_urlCleaningEnabled,
+             !m_urlCleaningEnabled, &AppState::urlCleaningEnabledChanged);
 }
 
 void AppState::toggleURLExpansion()
 {
-    m_store.settings().setValue(SettingsKeys::UrlExpansionEnabled.name, !m_urlExpansionEnabled);
-    UserSettings::commit(m_store.settings());
-    setFlag(&AppState::m_urlExpansionEnabled, !m_urlExpansionEnabled,
-            &AppState::urlExpansionEnabledChanged);
+    saveFlag(SettingsKeys::UrlExpansionEnabled, &AppState::m_urlExpansionEnabled,
+             !m_urlExpansionEnabled, &AppState::urlExpansionEnabledChanged);
+}
+
+void AppState::toggleAutomaticUpdateChecks()
+{
+    saveFlag(SettingsKeys::AutomaticUpdateChecks, &AppState::m_automaticUpdateChecks,
+             !m_automaticUpdateChecks, &AppState::automaticUpdateChecksChanged);
+}
+
+void AppState::saveFlag(const SettingsKeys::Key<bool> &key, bool AppState::*field, bool value,
+                        void (AppState::*changed)())
+{
+    SettingsKeys::write(m_store.settings(), key, value);
+    setFlag(field, value, changed);
 }
 
 void AppState::toggleLaunchAtLogin()
@@ -328,10 +355,8 @@ void AppState::applyImportedConfig(const ConfigManager::ExportData &config)
     setRules(config.rules);
     if (config.defaultBrowserBundleID)
         setDefaultBrowser(*config.defaultBrowserBundleID);
-    m_store.settings().setValue(SettingsKeys::UrlCleaningEnabled.name, config.urlCleaningEnabled);
-    UserSettings::commit(m_store.settings());
-    setFlag(&AppState::m_urlCleaningEnabled, config.urlCleaningEnabled,
-            &AppState::urlCleaningEnabledChanged);
+    saveFlag(SettingsKeys::UrlCleaningEnabled, &AppState::m_urlCleaningEnabled,
+             config.urlCleaningEnabled, &AppState::urlCleaningEnabledChanged);
     qCInfo(lcAppState).noquote()
         << u"Applied imported config: %1 rule(s), default=%2, urlCleaning=%3"_s.arg(
                QString::number(config.rules.size()),

@@ -2,12 +2,14 @@
 
 #include "App/AppServices.h"
 #include "Models/BrowserInfo.h"
+#include "Models/ForwardingRecord.h"
 #include "Models/Link.h"
 #include "Models/RoutingRule.h"
 #include "Services/ConfigManager.h"
 #include "Services/RoutePlanner.h"
 #include "Storage/LinkJournal.h"
 #include "Storage/RuleStore.h"
+#include "Storage/SettingsKeys.h"
 
 #include <QDeadlineTimer>
 #include <QEvent>
@@ -38,6 +40,8 @@ class AppState final : public QObject
     Q_PROPERTY(bool urlCleaningEnabled READ urlCleaningEnabled NOTIFY urlCleaningEnabledChanged)
     Q_PROPERTY(bool urlExpansionEnabled READ urlExpansionEnabled NOTIFY urlExpansionEnabledChanged)
     Q_PROPERTY(bool rulesEnabled READ rulesEnabled NOTIFY rulesEnabledChanged)
+    Q_PROPERTY(
+        bool automaticUpdateChecks READ automaticUpdateChecks NOTIFY automaticUpdateChecksChanged)
 
 public:
     // Loads everything and chooses a fallback browser when none is stored.
@@ -61,13 +65,21 @@ public:
     bool urlCleaningEnabled() const { return m_urlCleaningEnabled; }
     bool urlExpansionEnabled() const { return m_urlExpansionEnabled; }
     bool rulesEnabled() const { return m_rulesEnabled; }
+    bool automaticUpdateChecks() const { return m_automaticUpdateChecks; }
     // What routing a link depends on, as it is now.
     RouteSettings routeSettings() const;
     // The name the browser is shown with; its id when it is not installed.
     QString browserName(const QString &bundleID) const;
-    RuleStore &store() const { return m_store; }
+    // For the parts that route links and journal them.
     HistoryDatabase &history() const { return m_history; }
     const AppServices &services() const { return m_services; }
+
+    // The forwarding history, newest first, filtered as the History pane
+    // filters it (empty: everything); at most limit records.
+    QList<ForwardingRecord> historyRecords(const QString &filter = {}, qsizetype limit = -1) const;
+    void clearHistory();
+    // The configuration as stored, as an export document.
+    Expected<QByteArray, ConfigManager::ConfigError> exportConfig() const;
 
     // Source-only and combined rules / URL-only rules, in stored order.
     QList<RoutingRule> appRules() const;
@@ -84,6 +96,7 @@ public:
     void toggleRulesEnabled();
     void toggleURLCleaning();
     void toggleURLExpansion();
+    void toggleAutomaticUpdateChecks();
     void toggleLaunchAtLogin();
     void refreshBrowsers();
     bool checkIsDefaultBrowser() const;
@@ -119,6 +132,8 @@ Q_SIGNALS:
     void urlCleaningEnabledChanged();
     void urlExpansionEnabledChanged();
     void rulesEnabledChanged();
+    void automaticUpdateChecksChanged();
+    void historyCleared();
     // A link's route has ended: opened, failed or without a route.
     void routeFinished();
 
@@ -129,6 +144,8 @@ private:
     // notification can still tell the user it did not open.
     void notifyRouteFailure(const QString &link, const QString &why);
     void setFlag(bool AppState::*field, bool value, void (AppState::*changed)());
+    void saveFlag(const SettingsKeys::Key<bool> &key, bool AppState::*field, bool value,
+                  void (AppState::*changed)());
     void chooseFallbackBrowser();
     void startWaitingRouteLater();
     static QEvent::Type routeStartEvent();
@@ -161,4 +178,5 @@ private:
     bool m_urlCleaningEnabled = true;
     bool m_urlExpansionEnabled = false;
     bool m_rulesEnabled = true;
+    bool m_automaticUpdateChecks = true;
 };

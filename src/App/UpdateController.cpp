@@ -3,7 +3,6 @@
 #include "App/BuildInfo.h"
 #include "Services/UpdateChecker.h"
 #include "Storage/SettingsKeys.h"
-#include "Storage/UserSettings.h"
 #include "Views/MessageBox.h"
 
 #include <QLoggingCategory>
@@ -80,8 +79,7 @@ void UpdateController::start(bool userInitiated)
     m_showResult = m_showResult || userInitiated;
     if (m_checker->isChecking())
         return;
-    m_settings.setValue(SettingsKeys::LastUpdateCheck.name, clock().toString(Qt::ISODate));
-    UserSettings::commit(m_settings);
+    SettingsKeys::write(m_settings, SettingsKeys::LastUpdateCheck, clock().toString(Qt::ISODate));
     qCInfo(lcUpdates).noquote() << (userInitiated ? u"Checking for updates"_s
                                                   : u"Checking for updates automatically"_s);
     m_checker->check();

@@ -1,7 +1,6 @@
 #include "Storage/RuleStore.h"
 
 #include "Storage/SettingsKeys.h"
-#include "Storage/UserSettings.h"
 
 RuleStore::RuleStore(QSettings &settings)
     : m_settings(settings)
@@ -18,8 +17,7 @@ QList<RoutingRule> RuleStore::loadRules() const
 
 void RuleStore::saveRules(const QList<RoutingRule> &rules)
 {
-    m_settings.setValue(SettingsKeys::RoutingRules.name, RoutingRule::listToJson(rules));
-    UserSettings::commit(m_settings);
+    SettingsKeys::write(m_settings, SettingsKeys::RoutingRules, RoutingRule::listToJson(rules));
 }
 
 bool RuleStore::loadRulesEnabled() const
@@ -29,8 +27,7 @@ bool RuleStore::loadRulesEnabled() const
 
 void RuleStore::saveRulesEnabled(bool enabled)
 {
-    m_settings.setValue(SettingsKeys::RulesEnabled.name, enabled);
-    UserSettings::commit(m_settings);
+    SettingsKeys::write(m_settings, SettingsKeys::RulesEnabled, enabled);
 }
 
 QString RuleStore::loadDefaultBrowserBundleID() const
@@ -40,6 +37,5 @@ QString RuleStore::loadDefaultBrowserBundleID() const
 
 void RuleStore::saveDefaultBrowserBundleID(const QString &bundleID)
 {
-    m_settings.setValue(SettingsKeys::DefaultBrowserBundleID.name, bundleID);
-    UserSettings::commit(m_settings);
+    SettingsKeys::write(m_settings, SettingsKeys::DefaultBrowserBundleID, bundleID);
 }

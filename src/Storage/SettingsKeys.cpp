@@ -1,5 +1,7 @@
 #include "Storage/SettingsKeys.h"
 
+#include "Storage/UserSettings.h"
+
 namespace SettingsKeys {
 
 namespace {
@@ -70,6 +72,24 @@ std::optional<QByteArray> read(const QSettings &settings, const DataKey &key)
     // Anything else stored under a data key (text written by hand, a list) is not
     // what Quillvane wrote: hand it on so that decoding reports it as damaged.
     return value.toString().toUtf8();
+}
+
+void write(QSettings &settings, const Key<bool> &key, bool value)
+{
+    settings.setValue(key.name, value);
+    UserSettings::commit(settings);
+}
+
+void write(QSettings &settings, const Key<QStringView> &key, const QString &value)
+{
+    settings.setValue(key.name, value);
+    UserSettings::commit(settings);
+}
+
+void write(QSettings &settings, const DataKey &key, const QByteArray &value)
+{
+    settings.setValue(key.name, value);
+    UserSettings::commit(settings);
 }
 
 } // namespace SettingsKeys

@@ -42,6 +42,11 @@ QString read(const QSettings &settings, const Key<QStringView> &key);
 // Data values; nullopt when the key is absent.
 std::optional<QByteArray> read(const QSettings &settings, const DataKey &key);
 
+// The one way a value is written: stored, then the file written at once.
+void write(QSettings &settings, const Key<bool> &key, bool value);
+void write(QSettings &settings, const Key<QStringView> &key, const QString &value);
+void write(QSettings &settings, const DataKey &key, const QByteArray &value);
+
 template<typename K> bool contains(const QSettings &settings, const K &key)
 {
     return settings.contains(key.name);

@@ -81,7 +81,7 @@ void ConfigPane::exportConfig()
     }
     QString failure;
     // What is stored, not what any view may hold.
-    const auto bytes = ConfigManager::exportToJSON(m_state.store());
+    const auto bytes = m_state.exportConfig();
     if (!bytes) {
         failure = bytes.error().description();
     } else {

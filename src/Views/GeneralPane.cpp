@@ -2,8 +2,6 @@
 
 #include "App/AppState.h"
 #include "App/BuildInfo.h"
-#include "Storage/SettingsKeys.h"
-#include "Storage/UserSettings.h"
 #include "Views/BrowserIcons.h"
 #include "Views/ConfigPane.h"
 #include "Views/ViewKit.h"
@@ -16,16 +14,14 @@
 #include <QLabel>
 #include <QPushButton>
 #include <QScrollArea>
-#include <QSettings>
 #include <QVBoxLayout>
 
 using namespace Qt::Literals::StringLiterals;
 
-GeneralPane::GeneralPane(AppState &state, QSettings &settings, DesktopEntries &entries,
+GeneralPane::GeneralPane(AppState &state, DesktopEntries &entries,
                          std::function<void()> checkForUpdates, QWidget *parent)
     : QWidget(parent)
     , m_state(state)
-    , m_settings(settings)
     , m_entries(entries)
     , m_statusSymbol(new QLabel)
     , m_statusText(new QLabel)
@@ -113,20 +109,16 @@ GeneralPane::GeneralPane(AppState &state, QSettings &settings, DesktopEntries &e
     check->setObjectName(u"checkForUpdatesButton"_s);
     connect(check, &QPushButton::clicked, this, std::move(checkForUpdates));
     updates->addWidget(check, 0, Qt::AlignLeft);
-    auto *automatic = new QCheckBox(u"Automatically check for updates"_s);
-    automatic->setObjectName(u"automaticUpdatesSwitch"_s);
-    automatic->setChecked(SettingsKeys::read(m_settings, SettingsKeys::AutomaticUpdateChecks));
-    connect(automatic, &QCheckBox::toggled, this, [this](bool on) {
-        m_settings.setValue(SettingsKeys::AutomaticUpdateChecks.name, on);
-        UserSettings::commit(m_settings);
-    });
+    QCheckBox *automatic =
+        addSwitch(updates, u"automaticUpdatesSwitch"_s, u"Automatically check for updates"_s,
+                  &AppState::automaticUpdateChecks, &AppState::toggleAutomaticUpdateChecks,
+                  &AppState::automaticUpdateChecksChanged);
     // Kept, so that a build with a feed reads the same setting, but greyed where
     // nothing would be checked.
     if (QStringView(BuildInfo::UpdateFeed).isEmpty()) {
         automatic->setEnabled(false);
         automatic->setToolTip(QString::fromUtf16(BuildInfo::UpdatesByPackageManager));
     }
-    updates->addWidget(automatic);
     updates->addWidget(ViewKit::caption(
         u"Updates are distributed via GitHub Releases with EdDSA signature verification."_s));
 

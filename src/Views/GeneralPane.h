@@ -11,7 +11,6 @@ class QCheckBox;
 class QComboBox;
 class QLabel;
 class QPushButton;
-class QSettings;
 
 // The General tab: whether Quillvane is the default browser, the fallback
 // browser, the switches, configuration import and export, updates and the
@@ -22,8 +21,8 @@ class GeneralPane final : public QWidget
     Q_OBJECT
 
 public:
-    GeneralPane(AppState &state, QSettings &settings, DesktopEntries &entries,
-                std::function<void()> checkForUpdates, QWidget *parent = nullptr);
+    GeneralPane(AppState &state, DesktopEntries &entries, std::function<void()> checkForUpdates,
+                QWidget *parent = nullptr);
 
     ConfigPane &configPane() const { return *m_config; }
 
@@ -38,7 +37,6 @@ private:
                          void (AppState::*changed)());
 
     AppState &m_state;
-    QSettings &m_settings;
     DesktopEntries &m_entries;
     QLabel *m_statusSymbol;
     QLabel *m_statusText;

@@ -1,6 +1,6 @@
 #include "Views/HistoryPane.h"
 
-#include "Storage/HistoryStore.h"
+#include "App/AppState.h"
 #include "Views/EmptyState.h"
 #include "Views/HistoryModel.h"
 #include "Views/ViewKit.h"
@@ -96,9 +96,9 @@ public:
 
 } // namespace
 
-HistoryPane::HistoryPane(HistoryDatabase &history, QWidget *parent)
+HistoryPane::HistoryPane(AppState &state, QWidget *parent)
     : QWidget(parent)
-    , m_history(history)
+    , m_state(state)
     , m_model(new HistoryModel(this))
     , m_pages(new QStackedWidget)
     , m_filter(new QLineEdit)
@@ -167,15 +167,16 @@ HistoryPane::HistoryPane(HistoryDatabase &history, QWidget *parent)
     // Relative times stay current while the tab is on screen.
     m_clock->setInterval(30000);
     connect(m_clock, &QTimer::timeout, m_model, &HistoryModel::refreshTimes);
+    connect(&m_state, &AppState::historyCleared, this, &HistoryPane::showCleared);
     updateCount();
 }
 
 void HistoryPane::reload()
 {
     const QString filter = m_filter->text();
-    m_model->setRecords(HistoryStore::loadHistory(m_history, filter));
-    m_anyRecord = filter.isEmpty() ? !m_model->records().isEmpty()
-                                   : !HistoryStore::loadHistory(m_history, {}, 1).isEmpty();
+    m_model->setRecords(m_state.historyRecords(filter));
+    m_anyRecord =
+        filter.isEmpty() ? !m_model->records().isEmpty() : !m_state.historyRecords({}, 1).isEmpty();
     updateCount();
 }
 
@@ -194,7 +195,11 @@ void HistoryPane::hideEvent(QHideEvent *event)
 
 void HistoryPane::clear()
 {
-    HistoryStore::clearHistory(m_history);
+    m_state.clearHistory();
+}
+
+void HistoryPane::showCleared()
+{
     m_model->setRecords({});
     m_anyRecord = false;
     updateCount();

@@ -2,7 +2,7 @@
 
 #include <QWidget>
 
-class HistoryDatabase;
+class AppState;
 class HistoryModel;
 class QLabel;
 class QLineEdit;
@@ -18,7 +18,7 @@ class HistoryPane final : public QWidget
     Q_OBJECT
 
 public:
-    explicit HistoryPane(HistoryDatabase &history, QWidget *parent = nullptr);
+    explicit HistoryPane(AppState &state, QWidget *parent = nullptr);
 
     HistoryModel &model() const { return *m_model; }
     // Loads the history again (what coming on screen does).
@@ -30,9 +30,10 @@ protected:
 
 private:
     void clear();
+    void showCleared();
     void updateCount();
 
-    HistoryDatabase &m_history;
+    AppState &m_state;
     // Whether there is any record at all, whatever the filter finds.
     bool m_anyRecord = false;
     HistoryModel *m_model;

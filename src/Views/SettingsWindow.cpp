@@ -13,13 +13,13 @@
 
 using namespace Qt::Literals::StringLiterals;
 
-SettingsWindow::SettingsWindow(AppState &state, QSettings &settings, RuleEditServices services,
+SettingsWindow::SettingsWindow(AppState &state, RuleEditServices services,
                                std::function<void()> checkForUpdates, QWidget *parent)
     : QWidget(parent, Qt::Window)
     , m_tabs(new QTabWidget)
     , m_appRules(new AppRuleListView(state, services))
     , m_urlRules(new URLRuleListView(state, services))
-    , m_history(new HistoryPane(state.history()))
+    , m_history(new HistoryPane(state))
 {
     setObjectName(u"settingsWindow"_s);
     setWindowTitle(u"Quillvane Settings"_s);
@@ -28,7 +28,7 @@ SettingsWindow::SettingsWindow(AppState &state, QSettings &settings, RuleEditSer
     m_tabs->setDocumentMode(true);
     m_tabs->addTab(m_appRules, QIcon::fromTheme(u"applications-other"_s), u"App Rules"_s);
     m_tabs->addTab(m_urlRules, QIcon::fromTheme(u"insert-link"_s), u"URL Rules"_s);
-    m_tabs->addTab(new GeneralPane(state, settings, services.entries, std::move(checkForUpdates)),
+    m_tabs->addTab(new GeneralPane(state, services.entries, std::move(checkForUpdates)),
                    QIcon::fromTheme(u"preferences-system"_s), u"General"_s);
     m_tabs->addTab(m_history, QIcon::fromTheme(u"document-open-recent"_s), u"History"_s);
 

@@ -10,7 +10,6 @@ class AppState;
 class AppRuleListView;
 class HistoryPane;
 class URLRuleListView;
-class QSettings;
 class QTabWidget;
 
 // Quillvane's one window: the App Rules, URL Rules, General and History tabs.
@@ -28,7 +27,7 @@ public:
         HistoryTab = 3
     };
 
-    SettingsWindow(AppState &state, QSettings &settings, RuleEditServices services,
+    SettingsWindow(AppState &state, RuleEditServices services,
                    std::function<void()> checkForUpdates, QWidget *parent = nullptr);
 
     int selectedTab() const;
