@@ -1,7 +1,9 @@
+// What the automation actions do that the bus test (tst_automationbus) cannot
+// see from outside: rule summaries, and how a script's routing differs from a
+// link's.
 #include "App/AppState.h"
 #include "Automation/RuleActions.h"
 #include "Automation/SettingsActions.h"
-#include "Services/BrowserDiscovery.h"
 #include "Services/URLCleaner.h"
 #include "TestSupport.h"
 
@@ -28,13 +30,7 @@ private Q_SLOTS:
     void cleanup();
     void summaries_data();
     void summaries();
-    void features();
-    void notRunning();
-    void queries();
-    void createRule();
-    void deleteRule();
     void routeURL();
-    void settings();
 
 private:
     std::unique_ptr<AppFixture> m_app;
@@ -87,108 +83,6 @@ void TestAutomation::summaries()
     QCOMPARE(entity.id, routing.id.toString(QUuid::WithoutBraces).toUpper());
 }
 
-void TestAutomation::features()
-{
-    QStringList titles;
-    for (const Automation::FeatureInfo &info : Automation::features())
-        titles.append(info.title.toString());
-    QCOMPARE(titles, (QStringList{u"URL Cleaning"_s, u"URL Expansion"_s, u"Launch at Login"_s,
-                                  u"Pause Rules"_s}));
-    QCOMPARE(Automation::featureFromRawValue(u"pauseRules"), Automation::Feature::PauseRules);
-    QCOMPARE(Automation::featureFromRawValue(u"URLCleaning"), std::nullopt);
-    QCOMPARE(Automation::featureFromRawValue(u""), std::nullopt);
-}
-
-void TestAutomation::notRunning()
-{
-    AppState::setShared(nullptr);
-    const QString expected = u"Quillvane is not running. Please launch the app first."_s;
-    QCOMPARE(Automation::allBrowsers().error().description(), expected);
-    QCOMPARE(Automation::listRules().error().description(), expected);
-    QCOMPARE(Automation::createRule(u"a"_s, {}, {}, {u"x"_s, u"X"_s}).error().description(),
-             expected);
-    bool asked = false;
-    QCOMPARE(Automation::deleteRule({u"id"_s, u"s"_s},
-                                    [&asked](const QString &) { return asked = true; })
-                 .error()
-                 .description(),
-             expected);
-    QVERIFY(!asked);
-}
-
-void TestAutomation::queries()
-{
-    QCOMPARE(*Automation::allBrowsers(),
-             (QList<Automation::BrowserEntity>{{u"firefox"_s, u"Firefox"_s},
-                                               {u"safari"_s, u"Safari"_s}}));
-    // Browser-list order, each once, unknown and differently cased ids dropped.
-    QCOMPARE(
-        *Automation::browsers({u"safari"_s, u"firefox"_s, u"safari"_s, u"Opera"_s, u"FIREFOX"_s}),
-        (QList<Automation::BrowserEntity>{{u"firefox"_s, u"Firefox"_s},
-                                          {u"safari"_s, u"Safari"_s}}));
-
-    const RoutingRule first = rule(u"b"_s, u"B"_s, {});
-    const RoutingRule second = rule(QString(), QString(), u"a.org"_s);
-    m_app->state->addRule(first);
-    m_app->state->addRule(second);
-    const auto all = Automation::allRules();
-    QCOMPARE(all->size(), 2);
-    QCOMPARE(all->first().summary, u"B → Chrome"_s);
-    const QString id = Automation::RuleEntity::from(second).id;
-    QCOMPARE(Automation::rules({id})->size(), 1);
-    QVERIFY(Automation::rules({id.toLower()})->isEmpty());
-}
-
-void TestAutomation::createRule()
-{
-    const auto refused =
-        Automation::createRule(u""_s, u"Name"_s, u""_s, {u"firefox"_s, u"Firefox"_s});
-    QCOMPARE(refused.error().description(),
-             u"Provide a source app bundle ID, a URL pattern, or both."_s);
-    QVERIFY(m_app->state->rules().isEmpty());
-
-    // Taken as given: no trimming, no scheme removal, no browser lookup.
-    const auto created = Automation::createRule(
-        std::nullopt, std::nullopt, u" https://Example.com/* "_s, {u"not-installed"_s, u"Ghost"_s});
-    QCOMPARE(*created, u"Created rule:  https://Example.com/*  → Ghost"_s);
-    const RoutingRule stored = RuleStore(*m_app->environment.settings()).loadRules().value(0);
-    QCOMPARE(stored.urlPattern, u" https://Example.com/* "_s);
-    QCOMPARE(stored.targetBrowserBundleID, u"not-installed"_s);
-    QCOMPARE(stored.targetProfileID, std::nullopt);
-    QCOMPARE(stored.sourceAppBundleID, QString());
-
-    QCOMPARE(
-        *Automation::createRule(u"  "_s, std::nullopt, std::nullopt, {u"firefox"_s, u"Firefox"_s}),
-        u"Created rule:  → Firefox"_s);
-}
-
-void TestAutomation::deleteRule()
-{
-    const RoutingRule target = rule(u"slack"_s, u"Slack"_s, u"example.com"_s);
-    m_app->state->addRule(target);
-    const auto entity = Automation::RuleEntity::from(target);
-
-    QString question;
-    const auto refused = Automation::deleteRule(entity, [&question](const QString &text) {
-        question = text;
-        return false;
-    });
-    QCOMPARE(question, u"Delete rule \"Slack + example.com → Chrome\"?"_s);
-    QCOMPARE(refused.error().kind, Automation::IntentError::Kind::Refused);
-    QCOMPARE(m_app->state->rules().size(), 1);
-
-    const auto yes = [](const QString &) { return true; };
-    QCOMPARE(*Automation::deleteRule(entity, yes), u"Deleted rule: Slack + example.com → Chrome"_s);
-    QVERIFY(RuleStore(*m_app->environment.settings()).loadRules().isEmpty());
-    QCOMPARE(*Automation::deleteRule(entity, yes),
-             u"Rule not found. It may have already been deleted."_s);
-    // An id in lower case is not the rule's id.
-    m_app->state->addRule(target);
-    QCOMPARE(*Automation::deleteRule({entity.id.toLower(), entity.summary}, yes),
-             u"Rule not found. It may have already been deleted."_s);
-    QCOMPARE(m_app->state->rules().size(), 1);
-}
-
 void TestAutomation::routeURL()
 {
     const auto wait = [](QFuture<Automation::Answer> future) {
@@ -222,29 +116,6 @@ void TestAutomation::routeURL()
     const auto failed =
         wait(Automation::routeURL(tracked, Automation::BrowserEntity{u"ghost"_s, u"Ghost"_s}));
     QCOMPARE(failed.error().description(), u"No browser found with bundle ID: ghost"_s);
-}
-
-void TestAutomation::settings()
-{
-    QCOMPARE(*Automation::setDefaultBrowser({u"not-installed"_s, u"Ghost"_s}),
-             u"Default browser set to Ghost."_s);
-    QCOMPARE(RuleStore(*m_app->environment.settings()).loadDefaultBrowserBundleID(),
-             u"not-installed"_s);
-
-    QVERIFY(m_app->state->rulesEnabled());
-    QCOMPARE(*Automation::toggleFeature(Automation::Feature::PauseRules, true),
-             u"Pause Rules is now enabled."_s);
-    QVERIFY(!m_app->state->rulesEnabled());
-    QCOMPARE(*Automation::toggleFeature(Automation::Feature::PauseRules, true),
-             u"Pause Rules is now enabled."_s);
-    QVERIFY(!m_app->state->rulesEnabled());
-    QCOMPARE(*Automation::toggleFeature(Automation::Feature::UrlCleaning, true),
-             u"URL Cleaning is now enabled."_s);
-    QVERIFY(m_app->state->urlCleaningEnabled());
-    QCOMPARE(*Automation::toggleFeature(Automation::Feature::UrlExpansion, true),
-             u"URL Expansion is now enabled."_s);
-    QVERIFY(m_app->state->urlExpansionEnabled());
-    QCOMPARE(Automation::listBrowsers()->size(), 2);
 }
 
 QTEST_GUILESS_MAIN(TestAutomation)

@@ -51,7 +51,6 @@ private Q_SLOTS:
     void dbusOpenDirectly();
     void typedQuillvaneUrlIsForwarded();
     void otherSchemesAreRefused();
-    void burstOfLinks();
     void thousandLinksFromSeveralSources();
     void historyCommand();
     void settingsDeletedWhileRunning();
@@ -95,8 +94,8 @@ void TestEndToEnd::initTestCase()
     m_desktop->addBrowser(u"chat-browser"_s, u"Chat Browser"_s);
     // Appends every link it gets, for counting: a small program rather than a
     // script, so that a thousand starts cost the machine little.
-    const QString burst = QStringLiteral(QUILLVANE_BURST_RECORDER) + u' ' + m_desktop->root()
-                          + u"/burst.log"_s;
+    const QString burst =
+        QStringLiteral(QUILLVANE_BURST_RECORDER) + u' ' + m_desktop->root() + u"/burst.log"_s;
     m_desktop->addBrowser(u"burst-browser"_s, u"Burst"_s, {}, burst + u" %u"_s);
     sourceApp(u"fake-mail"_s);
     sourceApp(u"fake-chat"_s);
@@ -300,28 +299,6 @@ void TestEndToEnd::otherSchemesAreRefused()
     QVERIFY2(errors.contains(u"Only http and https links can be routed"_s), qPrintable(errors));
 }
 
-void TestEndToEnd::burstOfLinks()
-{
-    QElapsedTimer clock;
-    clock.start();
-    QList<QProcess *> clients;
-    for (int i = 0; i < 200; ++i) {
-        auto *client = new QProcess(this);
-        client->start(program(u"quillvane-open"_s), {u"https://burst.example/%1"_s.arg(i)});
-        clients.append(client);
-        if (clients.size() % 20 == 0)
-            QTest::qWait(50);
-    }
-    finishAll(clients, 30000);
-    if (QTest::currentTestFailed())
-        return;
-    const QStringList links = arrivedLinks(200, 20000);
-    qInfo("200 links from 200 forwarders routed and opened in %lld ms",
-          static_cast<long long>(clock.elapsed()));
-    QCOMPARE(links.size(), 200);
-    QCOMPARE(QSet<QString>(links.cbegin(), links.cend()).size(), 200);
-}
-
 namespace {
 
 qint64 residentKiB(qint64 pid)
@@ -452,10 +429,9 @@ void TestEndToEnd::historyCommand()
 // rules and the fallback survive.
 void TestEndToEnd::settingsDeletedWhileRunning()
 {
-    QCOMPARE(QDBusConnection::sessionBus()
-                 .call(openCall({u"https://burst.example/starting"_s}))
-                 .type(),
-             QDBusMessage::ReplyMessage);
+    QCOMPARE(
+        QDBusConnection::sessionBus().call(openCall({u"https://burst.example/starting"_s})).type(),
+        QDBusMessage::ReplyMessage);
     QVERIFY(instancePid() > 0);
     const QString path = m_desktop->configHome() + u"/Quillvane/Quillvane.conf"_s;
     QVERIFY(QFile::remove(path));
@@ -467,9 +443,9 @@ void TestEndToEnd::settingsDeletedWhileRunning()
     QTRY_COMPARE(storedHistory().value(0).originalURL, u"https://burst.example/after-delete"_s);
     QVERIFY(!QFile::exists(path));
 
-    QDBusMessage toggle = QDBusMessage::createMethodCall(
-        AppId, u"/work/vorpa/Quillvane"_s, u"work.vorpa.Quillvane.Automation"_s,
-        u"ToggleFeature"_s);
+    QDBusMessage toggle =
+        QDBusMessage::createMethodCall(AppId, u"/work/vorpa/Quillvane"_s,
+                                       u"work.vorpa.Quillvane.Automation"_s, u"ToggleFeature"_s);
     toggle << u"urlExpansion"_s << true;
     QCOMPARE(QDBusConnection::sessionBus().call(toggle).type(), QDBusMessage::ReplyMessage);
     QVERIFY(QFile::exists(path));
@@ -506,8 +482,8 @@ void TestEndToEnd::historyThatCannotBeWritten()
         // Everything in the database file, so that it fits a small disk (a
         // Quillvane that is stopped leaves its write-ahead log behind).
         Sqlite::Error error;
-        const auto database = Sqlite::Database::open(
-            path, Sqlite::Database::Mode::ReadWriteCreate, &error);
+        const auto database =
+            Sqlite::Database::open(path, Sqlite::Database::Mode::ReadWriteCreate, &error);
         QVERIFY2(database, qPrintable(error.message));
         database->exec("PRAGMA wal_checkpoint(TRUNCATE)");
         QVERIFY(!database->error());
@@ -612,12 +588,15 @@ void TestEndToEnd::historyThatCannotBeWritten()
     QDBusConnection::sessionBus().call(openCall({u"https://other.example/can-write"_s}));
     // (A locked file is left alone for a moment before it is tried again.)
     const bool written = QTest::qWaitFor(
-        [&] { return storedHistory().value(0).originalURL == u"https://other.example/can-write"_s; },
+        [&] {
+            return storedHistory().value(0).originalURL == u"https://other.example/can-write"_s;
+        },
         20000);
     QVERIFY2(written, (said += instance.readAll()).constData());
     const QList<ForwardingRecord> history = storedHistory();
     for (int i = 0; i < 3; ++i)
-        QCOMPARE(history.value(3 - i).originalURL, u"https://other.example/cannot-write/%1"_s.arg(i));
+        QCOMPARE(history.value(3 - i).originalURL,
+                 u"https://other.example/cannot-write/%1"_s.arg(i));
     QCOMPARE(history.value(4).originalURL, u"https://other.example/before-the-fault"_s);
     QTRY_VERIFY((said += instance.readAll()).contains("can be written again"));
     QCOMPARE(said.count("Could not write the history database"), 1);
@@ -692,13 +671,16 @@ void TestEndToEnd::killedWhileLinksArrive()
                                 .arg(missing().join(u' '))));
         QTRY_COMPARE(InstalledQuillvane::journalEntries(*m_desktop), 0);
         const QStringList opened = burstLog();
-        const qsizetype twice = opened.size() - QSet<QString>(opened.cbegin(), opened.cend()).size();
-        QVERIFY2(twice <= 1, qPrintable(u"round %1: %2 links opened twice"_s.arg(round).arg(twice)));
-        qInfo("Round %d: %lld of 320 links accepted before the kill, all opened, %lld twice",
-              round, static_cast<long long>(accepted.size()), static_cast<long long>(twice));
+        const qsizetype twice =
+            opened.size() - QSet<QString>(opened.cbegin(), opened.cend()).size();
+        QVERIFY2(twice <= 1,
+                 qPrintable(u"round %1: %2 links opened twice"_s.arg(round).arg(twice)));
+        qInfo("Round %d: %lld of 320 links accepted before the kill, all opened, %lld twice", round,
+              static_cast<long long>(accepted.size()), static_cast<long long>(twice));
     }
     // The kills did land while accepted links waited to be opened.
-    qInfo("%lld links opened by the next start", static_cast<long long>(replayed() - replayedBefore));
+    qInfo("%lld links opened by the next start",
+          static_cast<long long>(replayed() - replayedBefore));
     QVERIFY(replayed() > replayedBefore);
 }
 

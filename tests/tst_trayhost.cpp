@@ -148,15 +148,10 @@ private Q_SLOTS:
     void initTestCase();
     void cleanupTestCase();
     void laterIsTheEscapeAnswer();
-    void trayMenu();
+    void trayIcon();
     void pauseAndResume();
-    void fallbackFromTheSubmenu();
-    void launchAtLogin();
     void settingsWindowTabs();
-    void historyFromTheMenu();
     void ruleSheets();
-    void checkForUpdates();
-    void quitFromTheMenu();
 
 private:
     QStringList quillvaneWindows() const
@@ -196,12 +191,11 @@ void TestTrayHost::initTestCase()
                      makeRule({}, u"*.intranet.example"_s, u"alpha-browser"_s)});
     // As an earlier version kept it: the first start moves it into the history database.
     auto settings = InstalledQuillvane::settingsToSeed(*m_desktop);
-    settings->setValue(
-        u"forwarding_history"_s,
-        ForwardingRecord::listToJson(
-            {makeRecord(u"https://news.example/today"_s, std::nullopt, u"Beta"_s),
-             makeRecord(u"https://docs.example/guide"_s, u"Mail"_s, u"Beta"_s,
-                        u"docs.example → Beta"_s, 90)}));
+    settings->setValue(u"forwarding_history"_s,
+                       ForwardingRecord::listToJson(
+                           {makeRecord(u"https://news.example/today"_s, std::nullopt, u"Beta"_s),
+                            makeRecord(u"https://docs.example/guide"_s, u"Mail"_s, u"Beta"_s,
+                                       u"docs.example → Beta"_s, 90)}));
     settings->sync();
 
     m_folder = qEnvironmentVariable("QUILLVANE_SCREENSHOT_DIR",
@@ -274,7 +268,7 @@ void TestTrayHost::laterIsTheEscapeAnswer()
         QVERIFY(!mimeapps.readAll().contains("work.vorpa.Quillvane"));
 }
 
-void TestTrayHost::trayMenu()
+void TestTrayHost::trayIcon()
 {
     const auto icon = waitForWindow(quillvaneWindows(), [](const QRect &area) {
         return area.width() <= 48 && area.height() <= 48 && area.top() < 24;
@@ -284,17 +278,6 @@ void TestTrayHost::trayMenu()
     m_activeIcon = grab(m_icon.geometry);
     save(m_activeIcon, u"tray-icon-active.png"_s);
     QVERIFY(colours(m_activeIcon) > 4);
-
-    const auto menu = openMenu();
-    QVERIFY2(menu, "no menu opened on a right click");
-    QTest::qWait(200); // drawn
-    const QImage picture = grab(menu->geometry);
-    save(picture, u"tray-menu.png"_s);
-    // Header lines, counts, nine commands and the build line.
-    QVERIFY2(menu->geometry.height() > 250, qPrintable(QString::number(menu->geometry.height())));
-    QVERIFY(colours(picture) > 20);
-    press({u"Escape"_s});
-    QVERIFY(waitUntilHidden(menu->id));
 }
 
 void TestTrayHost::pauseAndResume()
@@ -311,36 +294,9 @@ void TestTrayHost::pauseAndResume()
     QTRY_COMPARE(difference(grab(m_icon.geometry), m_activeIcon), 0.0);
 }
 
-void TestTrayHost::fallbackFromTheSubmenu()
-{
-    const auto menu = openMenu();
-    QVERIFY(menu);
-    choose(2, {u"Right"_s});
-    QTest::qWait(300);
-    // Both menus, side by side (the submenu opens to the left at the screen's edge).
-    const QRect both = menu->geometry.adjusted(-menu->geometry.width(), 0, 0, 0);
-    save(grab(both), u"tray-menu-fallback.png"_s);
-    press({u"Return"_s}); // the first browser: Alpha
-    QTRY_COMPARE(SettingsKeys::read(*stored(), SettingsKeys::DefaultBrowserBundleID),
-                 u"alpha-browser"_s);
-}
-
-void TestTrayHost::launchAtLogin()
-{
-    const QString entry = m_desktop->configHome() + u"/autostart/work.vorpa.Quillvane.desktop"_s;
-    QVERIFY(!QFile::exists(entry));
-    QVERIFY(openMenu());
-    choose(3);
-    QTRY_VERIFY(QFile::exists(entry));
-    QVERIFY(openMenu());
-    choose(3);
-    QTRY_VERIFY(!QFile::exists(entry));
-}
-
 void TestTrayHost::settingsWindowTabs()
 {
-    QVERIFY(openMenu());
-    choose(5);
+    QProcess::startDetached(g_installed.program(u"quillvane"_s), {u"--settings"_s});
     const QStringList byTitle{u"--name"_s, u"^Quillvane Settings$"_s};
     const auto window = waitForWindow(byTitle, [](const QRect &) { return true; });
     QVERIFY2(window, "\"Settings...\" showed no window");
@@ -360,18 +316,6 @@ void TestTrayHost::settingsWindowTabs()
                 QVERIFY2(difference(m_tabs[a], m_tabs[b]) > 0.02, qPrintable(a + u" = "_s + b));
         }
     }
-    QVERIFY(closeWith(*window, u"ctrl+w"_s));
-}
-
-void TestTrayHost::historyFromTheMenu()
-{
-    QVERIFY(openMenu());
-    choose(4);
-    const auto window =
-        waitForWindow({u"--name"_s, u"^Quillvane Settings$"_s}, [](const QRect &) { return true; });
-    QVERIFY(window);
-    // A moment after the window, the History tab.
-    QTRY_VERIFY(difference(grab(window->geometry), m_tabs[u"history"_s]) < 0.01);
     QVERIFY(closeWith(*window, u"ctrl+w"_s));
 }
 
@@ -419,25 +363,6 @@ void TestTrayHost::ruleSheets()
     QVERIFY(closeWith(*urlSheet, u"Escape"_s));
     QCOMPARE(RuleStore(*stored()).loadRules().size(), 3); // Escape saved nothing
     QVERIFY(closeWith(*window, u"ctrl+w"_s));
-}
-
-void TestTrayHost::checkForUpdates()
-{
-    QVERIFY(openMenu());
-    choose(6);
-    const auto dialog = waitForWindow(quillvaneWindows(), [](const QRect &area) {
-        return area.width() > 150 && area.height() > 60 && area.height() < 400;
-    });
-    QVERIFY2(dialog, "\"Check for Updates...\" answered nothing");
-    save(grab(dialog->geometry), u"check-for-updates.png"_s);
-    QVERIFY(closeWith(*dialog, u"Escape"_s));
-}
-
-void TestTrayHost::quitFromTheMenu()
-{
-    QVERIFY(openMenu());
-    choose(7);
-    QTRY_VERIFY_WITH_TIMEOUT(!InstalledQuillvane::isRunning(), 10000);
 }
 
 QTEST_MAIN(TestTrayHost)
