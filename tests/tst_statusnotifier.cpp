@@ -3,7 +3,6 @@
 // The test is the desktop's StatusNotifierWatcher and its panel: it reads the
 // installed Quillvane's item and menu over the bus, the way a panel does, and
 // clicks menu items through the same interface.
-#include "App/BuildInfo.h"
 #include "FakeDesktop.h"
 #include "InstalledQuillvane.h"
 #include "Storage/SettingsKeys.h"
@@ -183,25 +182,17 @@ void TestStatusNotifier::itemIsPublished()
 
 void TestStatusNotifier::menuAsAPanelShowsIt()
 {
+    // What the menu holds is the offscreen tests' business; here, that a panel gets it.
     const MenuNode menu = openMenu();
-    QStringList labels;
     QStringList enabled;
     for (const MenuNode &item : menu.children) {
-        const bool separator = item.properties.value(u"type"_s).toString() == u"separator";
-        labels.append(separator ? u"-"_s : item.label());
-        if (!separator && item.enabled())
+        if (item.properties.value(u"type"_s).toString() != u"separator" && item.enabled())
             enabled.append(item.label());
     }
-    QCOMPARE(labels.mid(0, 5),
-             (QStringList{u"Default Browser: Not Set"_s, u"-"_s, u"Rules: 1 app, 1 URL"_s,
-                          u"Today: 0 forwarded"_s, u"-"_s}));
     QCOMPARE(enabled,
              (QStringList{u"\u23F8 Pause Rules"_s, u"Fallback: Beta"_s, u"Launch at Login"_s,
                           u"Forwarding History..."_s, u"Settings..."_s, u"Check for Updates..."_s,
                           u"Quit Quillvane"_s}));
-    QVERIFY(labels.contains(u"Quillvane v%1 (%2) · %3"_s.arg(QStringView(BuildInfo::Version),
-                                                             QStringView(BuildInfo::BuildNumber),
-                                                             QStringView(BuildInfo::Commit))));
 
     // The fallback submenu, with the chosen browser checked.
     const auto fallback =

@@ -99,7 +99,8 @@ void StatusItem::rebuild(QMenu &menu)
     menu.addSeparator();
 
     menu.addAction(m_state.rulesEnabled() ? u"\u23F8 Pause Rules"_s : u"\u25B6 Resume Rules"_s,
-                   this, &StatusItem::togglePauseRules);
+                   this, &StatusItem::togglePauseRules)
+        ->setObjectName(u"pauseRulesAction"_s);
 
     QString fallbackName = u"None"_s;
     for (const BrowserInfo &browser : m_state.browsers()) {
@@ -109,6 +110,7 @@ void StatusItem::rebuild(QMenu &menu)
         }
     }
     QMenu *fallback = menu.addMenu(u"Fallback: "_s + fallbackName);
+    fallback->menuAction()->setObjectName(u"fallbackAction"_s);
     for (const BrowserInfo &browser : m_state.browsers()) {
         QAction *item = fallback->addAction(BrowserIcons::icon(browser, m_entries), browser.name);
         item->setData(browser.bundleID);
@@ -125,18 +127,24 @@ void StatusItem::rebuild(QMenu &menu)
     QAction *launchAtLogin = menu.addAction(u"Launch at Login"_s, this, [this] {
         later(this, [this] { m_state.toggleLaunchAtLogin(); });
     });
+    launchAtLogin->setObjectName(u"launchAtLoginAction"_s);
     launchAtLogin->setCheckable(true);
     launchAtLogin->setChecked(m_state.launchAtLogin());
     menu.addSeparator();
 
-    menu.addAction(u"Forwarding History..."_s, this, [this] { m_commands.openHistory(); });
-    menu.addAction(u"Settings..."_s, this, [this] { m_commands.openSettings(); })
-        ->setShortcut(QKeySequence(u"Ctrl+,"_s));
-    menu.addAction(u"Check for Updates..."_s, this, [this] { m_commands.checkForUpdates(); });
+    menu.addAction(u"Forwarding History..."_s, this, [this] { m_commands.openHistory(); })
+        ->setObjectName(u"historyAction"_s);
+    QAction *settings =
+        menu.addAction(u"Settings..."_s, this, [this] { m_commands.openSettings(); });
+    settings->setObjectName(u"settingsAction"_s);
+    settings->setShortcut(QKeySequence(u"Ctrl+,"_s));
+    menu.addAction(u"Check for Updates..."_s, this, [this] { m_commands.checkForUpdates(); })
+        ->setObjectName(u"updatesAction"_s);
     menu.addSeparator();
     addInformation(menu, u"Quillvane v%1 (%2) · %3"_s.arg(QStringView(BuildInfo::Version),
                                                           QStringView(BuildInfo::BuildNumber),
                                                           QStringView(BuildInfo::Commit)));
-    menu.addAction(u"Quit Quillvane"_s, this, [this] { m_commands.quit(); })
-        ->setShortcut(QKeySequence(u"Ctrl+Q"_s));
+    QAction *quit = menu.addAction(u"Quit Quillvane"_s, this, [this] { m_commands.quit(); });
+    quit->setObjectName(u"quitAction"_s);
+    quit->setShortcut(QKeySequence(u"Ctrl+Q"_s));
 }
