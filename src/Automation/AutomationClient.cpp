@@ -82,11 +82,6 @@ AutomationClient::Result<QList<RuleEntity>> AutomationClient::rules(const QStrin
     return call<QList<RuleEntity>>(u"Rules"_s, {ids});
 }
 
-AutomationClient::Result<QList<FeatureEntity>> AutomationClient::listFeatures()
-{
-    return call<QList<FeatureEntity>>(u"ListFeatures"_s, {});
-}
-
 AutomationClient::Result<QString> AutomationClient::createRule(const BrowserEntity &target,
                                                                const QVariantMap &options)
 {

@@ -25,7 +25,6 @@ public:
     Result<QList<Automation::BrowserEntity>> browsers(const QStringList &ids);
     Result<QList<Automation::RuleEntity>> listRules();
     Result<QList<Automation::RuleEntity>> rules(const QStringList &ids);
-    Result<QList<Automation::FeatureEntity>> listFeatures();
     Result<QString> createRule(const Automation::BrowserEntity &target, const QVariantMap &options);
     Result<QString> deleteRule(const Automation::RuleEntity &rule);
     Result<QString> routeURL(const QString &url);

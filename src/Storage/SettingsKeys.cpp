@@ -74,21 +74,9 @@ std::optional<QByteArray> read(const QSettings &settings, const DataKey &key)
     return value.toString().toUtf8();
 }
 
-void write(QSettings &settings, const Key<bool> &key, bool value)
+void write(QSettings &settings, QStringView name, const QVariant &value)
 {
-    settings.setValue(key.name, value);
-    UserSettings::commit(settings);
-}
-
-void write(QSettings &settings, const Key<QStringView> &key, const QString &value)
-{
-    settings.setValue(key.name, value);
-    UserSettings::commit(settings);
-}
-
-void write(QSettings &settings, const DataKey &key, const QByteArray &value)
-{
-    settings.setValue(key.name, value);
+    settings.setValue(name, value);
     UserSettings::commit(settings);
 }
 

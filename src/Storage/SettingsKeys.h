@@ -43,9 +43,19 @@ QString read(const QSettings &settings, const Key<QStringView> &key);
 std::optional<QByteArray> read(const QSettings &settings, const DataKey &key);
 
 // The one way a value is written: stored, then the file written at once.
-void write(QSettings &settings, const Key<bool> &key, bool value);
-void write(QSettings &settings, const Key<QStringView> &key, const QString &value);
-void write(QSettings &settings, const DataKey &key, const QByteArray &value);
+void write(QSettings &settings, QStringView name, const QVariant &value);
+inline void write(QSettings &settings, const Key<bool> &key, bool value)
+{
+    write(settings, key.name, value);
+}
+inline void write(QSettings &settings, const Key<QStringView> &key, const QString &value)
+{
+    write(settings, key.name, value);
+}
+inline void write(QSettings &settings, const DataKey &key, const QByteArray &value)
+{
+    write(settings, key.name, value);
+}
 
 template<typename K> bool contains(const QSettings &settings, const K &key)
 {
