@@ -3,7 +3,6 @@
 // names a browser of a rule or the fallback, and is the same when asked again.
 #include "FuzzSupport.h"
 #include "Models/Link.h"
-#include "Platform/DiagnosticLog.h"
 #include "Services/URLRouter.h"
 
 #include <QUuid>
@@ -32,7 +31,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const std::optional<SourceApp> source =
         lines.size() > 1 ? std::optional(SourceApp{lines[1].section(QChar(u'|'), 0, 0), {}})
                          : std::nullopt;
-    DiagnosticLog::Redirect quiet([](QStringView, QStringView) {});
     const auto first = URLRouter::route(*url, source, rules, QStringLiteral("fallback"));
     const auto second = URLRouter::route(*url, source, rules, QStringLiteral("fallback"));
     FUZZ_CHECK(first.has_value() == second.has_value());

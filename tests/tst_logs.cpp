@@ -5,6 +5,10 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 #include <QTest>
+#include <QThread>
+
+#include <atomic>
+#include <fcntl.h>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -30,7 +34,9 @@ private Q_SLOTS:
     void missingFolderIsNotMade();
     void neverWritesAnotherUsersFile();
     void fallbackLocation();
-    void disabledAndRedirected();
+    void disabled();
+    void aFifoNeverBlocksNorReceives();
+    void sizeIsBounded();
     void journalDetection();
 };
 
@@ -111,23 +117,62 @@ void TestLogs::fallbackLocation()
     QCOMPARE(path, u"/tmp/Quillvane-%1.log"_s.arg(::getuid()));
 }
 
-void TestLogs::disabledAndRedirected()
+void TestLogs::disabled()
 {
     TestEnvironment environment;
     DiagnosticLog::setEnabled(false);
     DiagnosticLog::write(u"T", u"dropped");
     QVERIFY(!QFile::exists(environment.diagnosticLogPath()));
-    {
-        QStringList seen;
-        DiagnosticLog::Redirect redirect(
-            [&](QStringView tag, QStringView message) { seen.append(tag + u'|' + message); });
-        QVERIFY(DiagnosticLog::isEnabled());
-        DiagnosticLog::writeLines(u"T", {u"x"_s, u"y"_s});
-        QCOMPARE(seen, (QStringList{u"T|x"_s, u"T|y"_s}));
-    }
     DiagnosticLog::setEnabled(true);
     DiagnosticLog::write(u"T", u"kept");
     QVERIFY(readFile(environment.diagnosticLogPath()).endsWith("[T] kept\n"));
+}
+
+// A FIFO in the trail's place: writing returns at once, with or without a
+// reader, and the reader gets nothing.
+void TestLogs::aFifoNeverBlocksNorReceives()
+{
+    TestEnvironment environment;
+    const QByteArray path = QFile::encodeName(environment.diagnosticLogPath());
+    QCOMPARE(::mkfifo(path.constData(), 0600), 0);
+    std::atomic<bool> returned = false;
+    std::unique_ptr<QThread> writer(QThread::create([&] {
+        DiagnosticLog::write(u"T", u"https://secret.example/");
+        returned = true;
+    }));
+    writer->start();
+    const bool withoutReader = QTest::qWaitFor([&] { return returned.load(); }, 5000);
+    // A reader frees a writer stuck in open(), so that the test can end.
+    const int reader = ::open(path.constData(), O_RDONLY | O_NONBLOCK);
+    writer->wait();
+    QVERIFY2(withoutReader, "writing the trail blocked on a FIFO");
+
+    DiagnosticLog::write(u"T", u"https://secret.example/");
+    char received[64];
+    QVERIFY(::read(reader, received, sizeof received) <= 0);
+    ::close(reader);
+}
+
+void TestLogs::sizeIsBounded()
+{
+    TestEnvironment environment;
+    const QString path = environment.diagnosticLogPath();
+    // A link of 1 MiB: one line, cut, saying how much is left out.
+    DiagnosticLog::write(u"T", QString(u"https://e.com/"_s + QString(1024 * 1024, u'a')));
+    const QByteArray line = readFile(path);
+    QVERIFY(line.size() < DiagnosticLog::MaxLineLength + 100);
+    QVERIFY2(line.endsWith(" … [cut: 1040398 more characters]\n"), line.right(60).constData());
+
+    // Written on and on: the file starts again beside one older file, neither over the limit.
+    const QString long_(DiagnosticLog::MaxLineLength, u'b');
+    const int lines = int(DiagnosticLog::MaxFileBytes / DiagnosticLog::MaxLineLength) + 50;
+    for (int i = 0; i < lines; ++i)
+        DiagnosticLog::write(u"T", long_);
+    DiagnosticLog::write(u"T", u"the newest line");
+    QVERIFY(QFileInfo(path).size() <= DiagnosticLog::MaxFileBytes);
+    QVERIFY(QFileInfo(path + u".old"_s).size() <= DiagnosticLog::MaxFileBytes);
+    QVERIFY(QFileInfo(path + u".old"_s).size() > DiagnosticLog::MaxFileBytes / 2);
+    QVERIFY(readFile(path).endsWith("[T] the newest line\n"));
 }
 
 void TestLogs::journalDetection()

@@ -17,24 +17,43 @@ namespace DiagnosticLog {
 namespace {
 
 std::atomic<bool> g_enabled{true};
-Redirect *g_redirect = nullptr;
-Redirect::Receiver *g_receiver = nullptr;
 
-// Appends bytes to the trail. O_NOFOLLOW and the owner check keep a symlink or a
-// file planted by another user (in /tmp) from receiving the user's links.
+// The trail, opened for appending; -1 when it is not a regular file of ours.
+// O_NOFOLLOW and the owner check keep a symlink or a file planted by another
+// user (in /tmp) from receiving the user's links; O_NONBLOCK keeps a FIFO put
+// in its place from stopping Quillvane in open() (without a reader it fails,
+// with one it is no regular file).
+int openTrail(const QByteArray &path, struct stat &info)
+{
+    const int fd =
+        ::open(path.constData(),
+               O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK,
+               S_IRUSR | S_IWUSR);
+    if (fd < 0)
+        return -1;
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != ::geteuid()) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
 void appendToFile(const QByteArray &bytes)
 {
     const QByteArray path = QFile::encodeName(filePath());
-    const int fd =
-        ::open(path.constData(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY,
-               S_IRUSR | S_IWUSR);
+    struct stat info = {};
+    int fd = openTrail(path, info);
+    if (fd >= 0 && info.st_size > 0 && info.st_size + bytes.size() > MaxFileBytes) {
+        if (::rename(path.constData(), QByteArray(path + ".old").constData()) == 0) {
+            ::close(fd);
+            fd = openTrail(path, info);
+        } else {
+            // Another user's "<file>.old" in /tmp cannot be replaced: start afresh.
+            (void)::ftruncate(fd, 0);
+        }
+    }
     if (fd < 0)
         return;
-    struct stat info = {};
-    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != ::geteuid()) {
-        ::close(fd);
-        return;
-    }
     if ((info.st_mode & (S_IRWXG | S_IRWXO)) != 0)
         (void)::fchmod(fd, S_IRUSR | S_IWUSR);
     const char *data = bytes.constData();
@@ -50,6 +69,17 @@ void appendToFile(const QByteArray &bytes)
         remaining -= written;
     }
     ::close(fd);
+}
+
+// The message, cut to MaxLineLength characters.
+QString fitted(QStringView message)
+{
+    if (message.size() <= MaxLineLength)
+        return message.toString();
+    qsizetype kept = MaxLineLength;
+    if (message[kept - 1].isHighSurrogate())
+        --kept; // not half a character
+    return message.first(kept) + u" … [cut: %1 more characters]"_s.arg(message.size() - kept);
 }
 
 QString prefix(QStringView tag)
@@ -72,7 +102,7 @@ QString filePath()
 
 bool isEnabled()
 {
-    return g_receiver != nullptr || g_enabled.load(std::memory_order_relaxed);
+    return g_enabled.load(std::memory_order_relaxed);
 }
 
 void setEnabled(bool enabled)
@@ -80,50 +110,21 @@ void setEnabled(bool enabled)
     g_enabled.store(enabled, std::memory_order_relaxed);
 }
 
-QString formatLine(QStringView tag, QStringView message)
-{
-    return prefix(tag) + message;
-}
-
 void write(QStringView tag, QStringView message)
 {
-    if (g_receiver) {
-        (*g_receiver)(tag, message);
-        return;
-    }
-    if (!g_enabled.load(std::memory_order_relaxed))
-        return;
-    appendToFile((prefix(tag) + message + u'\n').toUtf8());
+    if (isEnabled())
+        appendToFile((prefix(tag) + fitted(message) + u'\n').toUtf8());
 }
 
 void writeLines(QStringView tag, const QStringList &messages)
 {
-    if (g_receiver) {
-        for (const QString &message : messages)
-            (*g_receiver)(tag, message);
-        return;
-    }
-    if (!g_enabled.load(std::memory_order_relaxed) || messages.isEmpty())
+    if (!isEnabled() || messages.isEmpty())
         return;
     const QString linePrefix = prefix(tag);
     QString text;
     for (const QString &message : messages)
-        text += linePrefix + message + u'\n';
+        text += linePrefix + fitted(message) + u'\n';
     appendToFile(text.toUtf8());
-}
-
-Redirect::Redirect(Receiver receiver)
-    : m_receiver(std::move(receiver))
-    , m_previous(g_redirect)
-{
-    g_redirect = this;
-    g_receiver = &m_receiver;
-}
-
-Redirect::~Redirect()
-{
-    g_redirect = m_previous;
-    g_receiver = m_previous ? &m_previous->m_receiver : nullptr;
 }
 
 } // namespace DiagnosticLog

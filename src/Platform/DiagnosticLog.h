@@ -3,12 +3,11 @@
 #include <QString>
 #include <QStringList>
 
-#include <functional>
-
 // The plain-text trail that follows every link: one line per event, in
 // $XDG_RUNTIME_DIR/Quillvane.log (or /tmp/Quillvane-<uid>.log without a runtime
 // directory), each line "[<UTC time>] [<tag>] <message>". Writing never fails
-// visibly; a line that cannot be written is lost.
+// visibly and never blocks; a line that cannot be written is lost. Only a
+// regular file of the user's own is ever written.
 namespace DiagnosticLog {
 
 QString filePath();
@@ -22,23 +21,10 @@ void writeLines(QStringView tag, const QStringList &messages);
 bool isEnabled();
 void setEnabled(bool enabled);
 
-// The line as it stands in the file, without its line feed.
-QString formatLine(QStringView tag, QStringView message);
-
-// While a Redirect lives, lines go to its receiver instead of the file (the
-// command line shows a trail without touching the user's file; tests read it).
-class Redirect final
-{
-public:
-    using Receiver = std::function<void(QStringView tag, QStringView message)>;
-    explicit Redirect(Receiver receiver);
-    ~Redirect();
-    Redirect(const Redirect &) = delete;
-    Redirect &operator=(const Redirect &) = delete;
-
-private:
-    Receiver m_receiver;
-    Redirect *m_previous;
-};
+// The file is renamed to "<file>.old" (replacing the one before) once it
+// reaches this size, and lines are cut at MaxLineLength characters, saying so:
+// a flood of long links must not fill the user's runtime folder.
+inline constexpr qint64 MaxFileBytes = 4 * 1024 * 1024;
+inline constexpr qsizetype MaxLineLength = 8192;
 
 } // namespace DiagnosticLog
