@@ -514,6 +514,11 @@ void TestAutomationBus::hostileLinks()
              qPrintable(reply.errorMessage().right(300)));
     reply = automationCall(u"RouteURL"_s, {huge});
     QCOMPARE(reply.errorName(), u"org.freedesktop.DBus.Error.InvalidArgs"_s);
+    // Within the parser's limit, but no browser could be given it: refused, not accepted and lost.
+    reply = open({u"https://big.example/"_s + QString(200000, u'a')});
+    QCOMPARE(reply.errorName(), u"work.vorpa.Quillvane.Error.InvalidLink"_s);
+    QVERIFY2(reply.errorMessage().contains(u"too long to hand to a browser"_s),
+             qPrintable(reply.errorMessage().right(300)));
     reply = open(QStringList(101, u"https://other.example/"_s));
     QCOMPARE(reply.errorName(), u"work.vorpa.Quillvane.Error.TooManyLinks"_s);
     QCOMPARE(reply.errorMessage(),
@@ -536,6 +541,19 @@ void TestAutomationBus::hostileLinks()
              qPrintable(received.first()));
     QVERIFY(!received.first().contains(u' '));
     QVERIFY(!QFile::exists(marker));
+
+    // A token of a megabyte would make the browser's environment too big to start
+    // it: the token is left out and the link opens.
+    m_desktop->forget(u"docs-browser"_s);
+    QDBusMessage withToken = QDBusMessage::createMethodCall(
+        AppId, ObjectPath, u"org.freedesktop.Application"_s, u"Open"_s);
+    withToken << QStringList{u"https://docs.example/token"_s}
+              << QVariantMap{{u"activation-token"_s, QString(1024 * 1024, u't')}};
+    QCOMPARE(QDBusConnection::sessionBus().call(withToken, QDBus::Block, 30000).type(),
+             QDBusMessage::ReplyMessage);
+    QVERIFY(m_desktop->waitForRun(u"docs-browser"_s));
+    QCOMPARE(m_desktop->arguments(u"docs-browser"_s), QStringList{u"https://docs.example/token"_s});
+    QVERIFY(m_desktop->activationToken(u"docs-browser"_s).size() < 1024);
 
     // The command line: bytes that are not text, and what looks like an option.
     result = quillvane({u"route"_s, u"-https://docs.example/"_s});

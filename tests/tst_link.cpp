@@ -175,6 +175,15 @@ void TestLink::hugeLinks()
     QVERIFY(!tooLong);
     QVERIFY(tooLong.error().description.contains(u"longer than"_s));
 
+    // Parsed, but too long to be one argument of a browser's command line.
+    QString longest = u"https://e.com/"_s;
+    longest.resize(Link::MaxLaunchableLength, u'a');
+    QVERIFY(Link::parseWebLink(longest));
+    const auto unlaunchable = Link::parseWebLink(QString(longest + u'a'));
+    QCOMPARE(unlaunchable.error().description,
+             u"The link is too long to hand to a browser: 130001 characters, where a browser "
+             "takes at most 130000."_s);
+
     QVERIFY(!Link::fromUtf8("https://e.com/\xff\xfe"));
     QCOMPARE(Link::fromUtf8("https://e.com/\xff").error().description,
              u"The link is not valid UTF-8 text."_s);

@@ -12,6 +12,8 @@
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
 
+#include <algorithm>
+
 using namespace Qt::Literals::StringLiterals;
 
 namespace {
@@ -21,12 +23,23 @@ void debugLog(const QString &message)
     DiagnosticLog::write({}, message);
 }
 
+// Tokens are short printable ASCII; anything else would only make the
+// browser's launch fail (a token travels in its environment), so it is left out.
+constexpr qsizetype MaxTokenLength = 512;
+
 QString activationToken(const QVariantMap &platformData)
 {
     for (const QString &key : {u"activation-token"_s, u"desktop-startup-id"_s}) {
         const QString token = platformData.value(key).toString();
-        if (!token.isEmpty())
+        if (token.isEmpty())
+            continue;
+        const bool printable = std::all_of(token.cbegin(), token.cend(), [](QChar c) {
+            return c.unicode() > 0x20 && c.unicode() < 0x7f;
+        });
+        if (token.size() <= MaxTokenLength && printable)
             return token;
+        debugLog(u"Ignoring a %1 of %2 characters that is not short printable text"_s.arg(
+            key, QString::number(token.size())));
     }
     return {};
 }

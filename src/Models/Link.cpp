@@ -464,6 +464,11 @@ Expected<Link, Link::ParseError> Link::parseWebLink(QStringView text)
     }
     if (!parsed->hasHost() || parsed->hostView().isEmpty())
         return error(u"The link has no host name."_s);
+    if (parsed->toString().size() > MaxLaunchableLength)
+        return error(
+            u"The link is too long to hand to a browser: %1 characters, where a browser takes at most %2."_s
+                .arg(QString::number(parsed->toString().size()),
+                     QString::number(MaxLaunchableLength)));
     return parsed;
 }
 

@@ -27,6 +27,10 @@ class Link final
 public:
     // Longer links are refused: no browser opens them, and they would only cost memory.
     static constexpr qsizetype MaxLength = 1 << 20;
+    // The longest web link a browser can be given: the kernel takes one
+    // argument of at most 128 KiB, and a launcher may glue text to the link.
+    // (A link's text is ASCII: characters count as bytes.)
+    static constexpr qsizetype MaxLaunchableLength = 130000;
 
     struct ParseError
     {
