@@ -1,6 +1,7 @@
 // The tray menu and the settings window, driven offscreen by object name:
 // what they show, and what a click stores.
 #include "App/AppState.h"
+#include "Models/DisplayText.h"
 #include "Services/BrowserDiscovery.h"
 #include "Storage/HistoryStore.h"
 #include "Storage/SettingsKeys.h"
@@ -59,6 +60,7 @@ private Q_SLOTS:
     void cleanup();
     void statusMenu();
     void statusMenuCommands();
+    void namesInTheMenuAreShownAsWritten();
     void window();
     void keyboard();
     void historyPane();
@@ -182,6 +184,22 @@ void TestSettingsWindow::statusMenuCommands()
     item.rebuild(menu);
     QCOMPARE(texts(menu).mid(2, 3), (QStringList{u"Rules: 2 app, 1 URL"_s, u"Today: 1 forwarded"_s,
                                                  u"Last: "_s + m_app->state->lastRouteLog()}));
+}
+
+// A browser's name is the desktop entry's: an "&" is not a mnemonic, and
+// control characters (a terminal title sequence here) are shown, not obeyed.
+void TestSettingsWindow::namesInTheMenuAreShownAsWritten()
+{
+    writeFile(m_app->entries.add(u"tom"_s, u"Tom & Jerry\x1b]0;pwned\x07"_s).path, {});
+    m_app->state->refreshBrowsers();
+    m_app->state->setDefaultBrowser(u"tom"_s);
+    StatusItem item(*m_app->state, m_app->entries, {});
+    QMenu &menu = item.menu();
+    item.rebuild(menu);
+    const QString shown = u"Tom && Jerry\\x1B]0;pwned\\x07"_s;
+    QCOMPARE(action(menu, "fallbackAction")->text(), u"Fallback: "_s + shown);
+    QVERIFY(texts(*action(menu, "fallbackAction")->menu()).contains(shown));
+    QCOMPARE(DisplayText::escapeControls(u"a\nb\u2028c\u009b"), u"a\\x0Ab\\u{2028}c\\x9B"_s);
 }
 
 void TestSettingsWindow::window()

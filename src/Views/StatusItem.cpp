@@ -2,6 +2,7 @@
 
 #include "App/AppState.h"
 #include "App/BuildInfo.h"
+#include "Models/DisplayText.h"
 #include "Views/BrowserIcons.h"
 
 #include <QMenu>
@@ -13,9 +14,10 @@ using namespace Qt::Literals::StringLiterals;
 
 namespace {
 
+// Names in these lines come from outside (applications, browsers, links).
 QAction *addInformation(QMenu &menu, const QString &text)
 {
-    QAction *action = menu.addAction(text);
+    QAction *action = menu.addAction(DisplayText::forMenu(text));
     action->setEnabled(false);
     return action;
 }
@@ -109,10 +111,11 @@ void StatusItem::rebuild(QMenu &menu)
             break;
         }
     }
-    QMenu *fallback = menu.addMenu(u"Fallback: "_s + fallbackName);
+    QMenu *fallback = menu.addMenu(u"Fallback: "_s + DisplayText::forMenu(fallbackName));
     fallback->menuAction()->setObjectName(u"fallbackAction"_s);
     for (const BrowserInfo &browser : m_state.browsers()) {
-        QAction *item = fallback->addAction(BrowserIcons::icon(browser, m_entries), browser.name);
+        QAction *item = fallback->addAction(BrowserIcons::icon(browser, m_entries),
+                                            DisplayText::forMenu(browser.name));
         item->setData(browser.bundleID);
         item->setCheckable(true);
         item->setChecked(browser.bundleID == m_state.defaultBrowserBundleID());

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <QString>
+
+// Text from outside (links, names, patterns) made safe to show: a control
+// character would forge a log line or steer a terminal, so each one is written
+// out as "\xNN" (or "\u{NNNN}" beyond Latin-1) instead.
+namespace DisplayText {
+
+QString escapeControls(QStringView text);
+// The same for a menu item, whose "&" would otherwise mark a mnemonic.
+QString forMenu(QStringView text);
+
+} // namespace DisplayText
