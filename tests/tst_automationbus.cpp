@@ -493,6 +493,25 @@ void TestAutomationBus::malformedCallsAreRefused()
     reply = automationCall(u"Browsers"_s, {QStringList(100000, u"x"_s)});
     QCOMPARE(reply.type(), QDBusMessage::ReplyMessage);
     QCOMPARE(InstalledQuillvane::instancePid(), instance);
+
+    // A pattern made over the bus with a terminal's title sequence and a line
+    // break: listed as text, on its own line, and never obeyed.
+    const QString evil = u"evil.example\x1b]0;pwned\x07\nforged"_s;
+    reply = automationCall(u"CreateRule"_s,
+                           {QVariant::fromValue(BrowserEntity{u"alpha-browser"_s, u"Alpha"_s}),
+                            QVariantMap{{u"urlPattern"_s, evil}}});
+    QCOMPARE(reply.type(), QDBusMessage::ReplyMessage);
+    const Result listed = quillvane({u"rules"_s});
+    QVERIFY2(!listed.out.contains(u'\x1b') && !listed.out.contains(u'\x07'),
+             qPrintable(listed.out));
+    QVERIFY2(listed.out.contains(u"evil.example\\x1B]0;pwned\\x07\\x0Aforged → Alpha\n"_s),
+             qPrintable(listed.out));
+    const RoutingRule made = storedRules().last();
+    QCOMPARE(made.urlPattern, evil);
+    automationCall(
+        u"DeleteRule"_s,
+        {QVariant::fromValue(RuleEntity{made.id.toString(QUuid::WithoutBraces).toUpper(), {}})});
+    QVERIFY(!storedRules().contains(made));
 }
 
 // Links made to hurt: each is refused with a clear error or opened as one

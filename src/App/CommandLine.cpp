@@ -5,6 +5,7 @@
 #include "App/ExplainCommand.h"
 #include "App/HistoryCommand.h"
 #include "Automation/ScriptCommands.h"
+#include "Models/DisplayText.h"
 #include "Services/URLExpander.h"
 #include "Storage/HistoryDatabase.h"
 #include "Storage/UserSettings.h"
@@ -333,7 +334,20 @@ int run(const QByteArrayList &arguments, QTextStream &out, QTextStream &err)
             return BadUsage;
         }
     }
-    return run(decoded, {out, err, &ScriptCommands::askOnTerminal});
+    // What commands print comes partly from outside (names, patterns, links):
+    // no escape sequence of theirs reaches the terminal.
+    QString outText;
+    QString errText;
+    QTextStream outBuffer(&outText);
+    QTextStream errBuffer(&errText);
+    const int status = run(decoded, {outBuffer, errBuffer, &ScriptCommands::askOnTerminal});
+    outBuffer.flush();
+    errBuffer.flush();
+    out << DisplayText::forTerminal(outText);
+    err << DisplayText::forTerminal(errText);
+    out.flush();
+    err.flush();
+    return status;
 }
 
 } // namespace CommandLine

@@ -1,5 +1,6 @@
 #include "App/HistoryCommand.h"
 
+#include "Models/DisplayText.h"
 #include "Models/ForwardingRecord.h"
 #include "Storage/HistoryDatabase.h"
 #include "Storage/HistoryMigration.h"
@@ -41,9 +42,11 @@ void printText(const QList<ForwardingRecord> &records, QTextStream &out)
     qsizetype rulesWidth = 0;
     for (const ForwardingRecord &record : records) {
         names.append(
-            cut(record.sourceAppName.value_or(u"Unknown"_s) + u" › "_s + record.targetBrowserName,
+            cut(DisplayText::escapeControls(QString(record.sourceAppName.value_or(u"Unknown"_s)
+                                                    + u" › "_s + record.targetBrowserName)),
                 MaxNamesWidth));
-        rules.append(cut(record.ruleMatched.value_or(QString()), MaxRuleWidth));
+        rules.append(
+            cut(DisplayText::escapeControls(record.ruleMatched.value_or(QString())), MaxRuleWidth));
         namesWidth = std::max(namesWidth, names.last().size());
         rulesWidth = std::max(rulesWidth, rules.last().size());
     }

@@ -1,6 +1,7 @@
 #include "Automation/ScriptCommands.h"
 
 #include "Automation/AutomationClient.h"
+#include "Models/DisplayText.h"
 #include "Models/Link.h"
 
 #include <QHash>
@@ -51,7 +52,8 @@ void printTable(const CommandOutput &output, const QList<std::pair<QString, QStr
     for (const auto &row : rows)
         width = std::max(width, row.first.size());
     for (const auto &row : rows)
-        output.out << row.first.leftJustified(width) << "  " << row.second << '\n';
+        output.out << DisplayText::escapeControls(row.first).leftJustified(width) << "  "
+                   << DisplayText::escapeControls(row.second) << '\n';
     output.out.flush();
 }
 
@@ -215,7 +217,7 @@ std::optional<bool> askOnTerminal(const QString &question)
 {
     if (!isatty(STDIN_FILENO))
         return std::nullopt;
-    const QByteArray prompt = (question + u" [y/N] "_s).toUtf8();
+    const QByteArray prompt = (DisplayText::escapeControls(question) + u" [y/N] "_s).toUtf8();
     std::fwrite(prompt.constData(), 1, size_t(prompt.size()), stderr);
     std::fflush(stderr);
     char line[64] = {};

@@ -13,28 +13,44 @@ bool isControl(char16_t c)
     return c < 0x20 || (c >= 0x7f && c <= 0x9f) || c == 0x2028 || c == 0x2029;
 }
 
+bool isControlButLayout(char16_t c)
+{
+    return c != u'\n' && c != u'\t' && isControl(c);
+}
+
 QString hex(char16_t c, int digits)
 {
     return QString::number(c, 16).toUpper().rightJustified(digits, u'0');
+}
+
+QString escape(QStringView text, bool (*escaped)(char16_t))
+{
+    if (std::none_of(text.cbegin(), text.cend(),
+                     [escaped](QChar c) { return escaped(c.unicode()); }))
+        return text.toString();
+    QString result;
+    result.reserve(text.size() + 16);
+    for (const QChar c : text) {
+        if (!escaped(c.unicode()))
+            result += c;
+        else if (c.unicode() <= 0xff)
+            result += u"\\x"_s + hex(c.unicode(), 2);
+        else
+            result += u"\\u{"_s + hex(c.unicode(), 4) + u'}';
+    }
+    return result;
 }
 
 } // namespace
 
 QString escapeControls(QStringView text)
 {
-    if (std::none_of(text.cbegin(), text.cend(), [](QChar c) { return isControl(c.unicode()); }))
-        return text.toString();
-    QString escaped;
-    escaped.reserve(text.size() + 16);
-    for (const QChar c : text) {
-        if (!isControl(c.unicode()))
-            escaped += c;
-        else if (c.unicode() <= 0xff)
-            escaped += u"\\x"_s + hex(c.unicode(), 2);
-        else
-            escaped += u"\\u{"_s + hex(c.unicode(), 4) + u'}';
-    }
-    return escaped;
+    return escape(text, isControl);
+}
+
+QString forTerminal(QStringView text)
+{
+    return escape(text, isControlButLayout);
 }
 
 QString forMenu(QStringView text)

@@ -10,5 +10,8 @@ namespace DisplayText {
 QString escapeControls(QStringView text);
 // The same for a menu item, whose "&" would otherwise mark a mnemonic.
 QString forMenu(QStringView text);
+// Output for a terminal: every control character but line feeds and tabs, which
+// give the output its shape.
+QString forTerminal(QStringView text);
 
 } // namespace DisplayText
