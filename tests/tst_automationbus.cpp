@@ -494,6 +494,25 @@ void TestAutomationBus::malformedCallsAreRefused()
     QCOMPARE(reply.type(), QDBusMessage::ReplyMessage);
     QCOMPARE(InstalledQuillvane::instancePid(), instance);
 
+    // Ids that name no installed browser, Quillvane's own among them (a link
+    // handed to it would come straight back): refused, nothing stored.
+    const QString fallback = RuleStore(*storedSettings()).loadDefaultBrowserBundleID();
+    const qsizetype ruleCount = storedRules().size();
+    for (const QString &id : {u"no-such-browser"_s, u"work.vorpa.Quillvane"_s}) {
+        const QVariant entity = QVariant::fromValue(BrowserEntity{id, u"X"_s});
+        const QString expected =
+            u"no installed browser has the id \"%1\"; \"quillvane browsers\" lists them."_s.arg(id);
+        reply = automationCall(u"SetDefaultBrowser"_s, {entity});
+        QCOMPARE(reply.errorName(), u"org.freedesktop.DBus.Error.InvalidArgs"_s);
+        QCOMPARE(reply.errorMessage(), expected);
+        reply = automationCall(u"CreateRule"_s,
+                               {entity, QVariantMap{{u"urlPattern"_s, u"loop.example"_s}}});
+        QCOMPARE(reply.errorMessage(), expected);
+        QCOMPARE(quillvane({u"fallback"_s, id}).err, u"quillvane: "_s + expected + u'\n');
+    }
+    QCOMPARE(RuleStore(*storedSettings()).loadDefaultBrowserBundleID(), fallback);
+    QCOMPARE(storedRules().size(), ruleCount);
+
     // A pattern made over the bus with a terminal's title sequence and a line
     // break: listed as text, on its own line, and never obeyed.
     const QString evil = u"evil.example\x1b]0;pwned\x07\nforged"_s;

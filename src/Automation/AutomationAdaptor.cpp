@@ -115,6 +115,18 @@ std::optional<QString> badBrowser(const BrowserEntity &browser)
     return badText(u"The browser name"_s, browser.name, false);
 }
 
+// An entity that names a browser must name an installed one, as the entity
+// query lists them; the bus hands over any pair of strings.
+std::optional<QString> notInstalled(const BrowserEntity &browser)
+{
+    if (auto bad = badBrowser(browser))
+        return bad;
+    const auto found = browsers({browser.id});
+    if (found && found->isEmpty())
+        return unknownBrowser(browser.id);
+    return std::nullopt;
+}
+
 } // namespace
 
 AutomationAdaptor::AutomationAdaptor(QObject *parent, const QDBusConnection &connection)
@@ -165,7 +177,7 @@ QString AutomationAdaptor::CreateRule(const BrowserEntity &target_browser,
                                       const QVariantMap &options, const QDBusMessage &message)
 {
     static const QStringList known{u"sourceAppBundleID"_s, u"sourceAppName"_s, u"urlPattern"_s};
-    if (const auto bad = badBrowser(target_browser)) {
+    if (const auto bad = notInstalled(target_browser)) {
         refuse(message, InvalidArgs, *bad);
         return {};
     }
@@ -244,7 +256,7 @@ QString AutomationAdaptor::RouteURLInBrowser(const QString &url, const BrowserEn
 QString AutomationAdaptor::SetDefaultBrowser(const BrowserEntity &browser,
                                              const QDBusMessage &message)
 {
-    if (const auto bad = badBrowser(browser)) {
+    if (const auto bad = notInstalled(browser)) {
         refuse(message, InvalidArgs, *bad);
         return {};
     }

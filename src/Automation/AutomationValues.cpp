@@ -112,4 +112,10 @@ Expected<QList<RuleEntity>, IntentError> rules(const QStringList &ids)
     return keepIds(*all, ids);
 }
 
+QString unknownBrowser(const QString &id)
+{
+    return u"no installed browser has the id \"%1\"; \"quillvane browsers\" lists them."_s.arg(
+        id.left(200));
+}
+
 } // namespace Automation

@@ -79,6 +79,9 @@ struct IntentError
 Expected<AppState *, IntentError> sharedState();
 
 Expected<QList<BrowserEntity>, IntentError> allBrowsers();
+// What a caller is told when an id names no installed browser (Quillvane
+// itself is none: it never hands a link to itself).
+QString unknownBrowser(const QString &id);
 // Those with one of the ids (exact), in browser-list order, each once.
 Expected<QList<BrowserEntity>, IntentError> browsers(const QStringList &ids);
 Expected<QList<RuleEntity>, IntentError> allRules();

@@ -34,8 +34,7 @@ Expected<BrowserEntity, QString> resolveBrowser(AutomationClient &client, const 
     if (!found)
         return found.error().message;
     if (found->isEmpty())
-        return u"no installed browser has the id \"%1\"; \"quillvane browsers\" lists them."_s.arg(
-            id.left(200));
+        return unknownBrowser(id);
     return found->first();
 }
 
