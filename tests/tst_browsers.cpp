@@ -72,6 +72,11 @@ void TestBrowsers::initTestCase()
               "org.mozilla.firefox @@u %u @@"_s);
     desktop.addBrowser(u"work.vorpa.Quillvane"_s, u"Quillvane"_s);
     desktop.addBrowser(u"WORK.VORPA.QUILLVANE.old"_s, u"Quillvane old"_s);
+    // Quillvane under other names: a link handed to them would come straight back.
+    desktop.addBrowser(u"forwarder"_s, u"Forwarder"_s, {},
+                       desktop.recorder(u"quillvane-open"_s) + u" %u"_s);
+    desktop.addBrowser(u"quillvane-in-env"_s, u"Quillvane in env"_s, {},
+                       u"env QT_SCALE_FACTOR=1 "_s + desktop.recorder(u"quillvane"_s) + u" %u"_s);
     desktop.addBrowser(u"org.gnome.Console"_s, u"Console"_s,
                        u"Categories=System;TerminalEmulator;\n"_s);
     desktop.addBrowser(u"NET.KOVIDGOYAL.KITTY"_s, u"kitty"_s);
@@ -107,7 +112,8 @@ BrowserInfo TestBrowsers::browser(const QString &id) const
 
 void TestBrowsers::discovery()
 {
-    QTest::ignoreMessage(QtDebugMsg, "Excluding self from browser list");
+    for (int i = 0; i < 3; ++i)
+        QTest::ignoreMessage(QtDebugMsg, "Excluding self from browser list");
     QTest::ignoreMessage(QtDebugMsg, "Excluding non-browser app: <private>");
     QTest::ignoreMessage(QtDebugMsg, "Skipping duplicate browser: <private>");
     QTest::ignoreMessage(QtInfoMsg, QRegularExpression(u"^HTTPS handlers: \\d+$"_s));
@@ -118,8 +124,9 @@ void TestBrowsers::discovery()
     QStringList ids;
     for (const BrowserInfo &info : browsers)
         ids.append(info.bundleID);
-    // Sorted by name ignoring case; Quillvane, terminals (by category and by
-    // id), com.parallels. apps, hidden entries and case-duplicates are gone.
+    // Sorted by name ignoring case; Quillvane (by id, or running it under
+    // another name), terminals (by category and by id), com.parallels. apps,
+    // hidden entries and case-duplicates are gone.
     QCOMPARE(ids, (QStringList{u"activatable"_s, u"arc"_s, u"brave-browser"_s, u"broken-exec"_s,
                                u"chromium"_s, u"org.mozilla.firefox"_s, u"firefox-esr"_s,
                                u"google-chrome"_s, u"chrome-with-icon"_s, u"nameless"_s,

@@ -2,6 +2,7 @@
 
 #include "App/BuildInfo.h"
 #include "Platform/SystemLog.h"
+#include "Services/ExecLine.h"
 
 #include <QCollator>
 #include <QFileInfo>
@@ -45,6 +46,23 @@ std::optional<BrowserInfo> makeBrowserInfo(const DesktopEntry &entry)
     return BrowserInfo{entry.id, name, QUrl::fromLocalFile(entry.path)};
 }
 
+// An entry that starts Quillvane (or its forwarder) under another name would
+// hand every link straight back to it.
+bool runsQuillvane(const DesktopEntry &entry)
+{
+    const auto argv = ExecLine::split(entry.exec);
+    if (!argv)
+        return false;
+    for (const QString &word : *argv) {
+        const QString program = QFileInfo(word).fileName();
+        // "env" and its assignments come before the program.
+        if (program == u"env" || (word.contains(u'=') && !word.startsWith(u'-')))
+            continue;
+        return program == u"quillvane" || program == u"quillvane-open";
+    }
+    return false;
+}
+
 bool isTerminalEmulator(const DesktopEntry &entry)
 {
     return entry.categories.contains(u"TerminalEmulator"_s)
@@ -67,7 +85,7 @@ QList<BrowserInfo> performDiscovery(DesktopEntries &entries)
             continue;
         }
         const QString key = browser->bundleID.toLower();
-        if (key == self) {
+        if (key == self || runsQuillvane(entry)) {
             qCDebug(lcBrowserDiscovery) << "Excluding self from browser list";
             continue;
         }
