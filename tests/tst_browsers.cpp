@@ -265,6 +265,17 @@ void TestBrowsers::launchFailures()
     QCOMPARE(failed.error().kind, BrowserLauncher::LaunchError::Kind::OpenFailed);
     QVERIFY2(failed.error().description().startsWith(u"Failed to open URL: "_s),
              qPrintable(failed.error().description()));
+
+    // The folder to start in is missing, not the program.
+    const QString homeless =
+        m_desktop->addBrowser(u"homeless"_s, u"Homeless"_s, u"Path=/nonexistent/folder\n"_s);
+    const auto noFolder = waitFor(BrowserLauncher::open(
+        link(u"https://e.com/"_s),
+        BrowserInfo{u"homeless"_s, u"Homeless"_s, QUrl::fromLocalFile(homeless)}, m_platform));
+    QCOMPARE(noFolder.error().description(),
+             u"Failed to open URL: The folder “/nonexistent/folder” that the desktop entry starts "
+             "it in (Path=) does not exist."_s);
+    QVERIFY(!m_desktop->ran(u"homeless"_s));
 }
 
 void TestBrowsers::dbusActivatableEntriesAreActivated()

@@ -1,6 +1,7 @@
 #include "Platform/ProcessLauncher.h"
 
 #include <QFile>
+#include <QFileInfo>
 #include <QPromise>
 
 #include <gio/gdesktopappinfo.h>
@@ -119,6 +120,10 @@ ProcessLauncher::Result GioProcessLauncher::spawn(const QStringList &argv,
 {
     if (argv.isEmpty() || argv.first().isEmpty())
         return u"There is no program to start."_s;
+    // The spawn would report a missing folder as a missing program.
+    if (!workingDirectory.isEmpty() && !QFileInfo(workingDirectory).isDir())
+        return u"The folder “%1” that the desktop entry starts it in (Path=) does not exist."_s.arg(
+            workingDirectory);
     std::vector<QByteArray> storage;
     storage.reserve(size_t(argv.size()));
     std::vector<char *> arguments;
