@@ -35,6 +35,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             explanation);
     }
     FUZZ_CHECK_SAYING(carrying == 1, explanation);
+    // A shell's command string that carries the link is always caught.
+    const bool shellRunsIt = command.size() > 2 && command[0] == u"sh" && command[1] == u"-c"
+                             && command[2].contains(link);
+    const auto refused = ExecLine::linkRunsAsCode(command, link, entry.path);
+    FUZZ_CHECK_SAYING(!shellRunsIt || refused.has_value(), explanation);
     (void)ExecLine::withoutFieldCodes(*argv);
     return 0;
 }

@@ -276,6 +276,17 @@ void TestBrowsers::launchFailures()
              u"Failed to open URL: The folder “/nonexistent/folder” that the desktop entry starts "
              "it in (Path=) does not exist."_s);
     QVERIFY(!m_desktop->ran(u"homeless"_s));
+
+    // An entry that hands the link to a shell as its command: never started.
+    const QString marker = m_desktop->root() + u"/ran-by-a-link"_s;
+    const QString shelly = m_desktop->addBrowser(u"shelly"_s, u"Shelly"_s, {}, u"sh -c %u"_s);
+    const auto shell = waitFor(BrowserLauncher::open(
+        link(QString(u"https://e.com/;touch${IFS}"_s + marker)),
+        BrowserInfo{u"shelly"_s, u"Shelly"_s, QUrl::fromLocalFile(shelly)}, m_platform));
+    QVERIFY(!shell);
+    QVERIFY2(shell.error().description().contains(u"Quillvane does not start "_s + shelly),
+             qPrintable(shell.error().description()));
+    QVERIFY(!QFile::exists(marker));
 }
 
 void TestBrowsers::dbusActivatableEntriesAreActivated()

@@ -12,6 +12,8 @@ private Q_SLOTS:
     void split_data();
     void split();
     void fieldCodes();
+    void linksNeverRunAsCode_data();
+    void linksNeverRunAsCode();
 };
 
 void TestExecLine::split_data()
@@ -79,6 +81,43 @@ void TestExecLine::fieldCodes()
         (QStringList{u"flatpak"_s, u"run"_s, u"app"_s}));
     QCOMPARE(ExecLine::withoutFieldCodes({u"web"_s, u"--class=%c"_s, u"100%%"_s, u"%i"_s}),
              (QStringList{u"web"_s, u"--class="_s, u"100%"_s}));
+}
+
+void TestExecLine::linksNeverRunAsCode_data()
+{
+    QTest::addColumn<QString>("exec");
+    QTest::addColumn<QString>("interpreter"); // empty: the link is data
+    QTest::newRow("sh -c %u") << u"sh -c %u"_s << u"sh"_s;
+    QTest::newRow("options clustered, full path") << u"/usr/bin/bash -ec %u"_s << u"bash"_s;
+    QTest::newRow("behind env") << u"env LANG=C dash -c %u"_s << u"dash"_s;
+    QTest::newRow("no code: the link appended as the command") << u"sh -c"_s << u"sh"_s;
+    QTest::newRow("glued into the command") << u"sh -c run%u"_s << u"sh"_s;
+    QTest::newRow("busybox") << u"busybox sh -c %u"_s << u"sh"_s;
+    QTest::newRow("python") << u"python3 -c %u"_s << u"python3"_s;
+    QTest::newRow("perl") << u"perl -e %u"_s << u"perl"_s;
+    QTest::newRow("the link as $1") << u"sh -c 'web \"$1\"' sh %u"_s << QString();
+    QTest::newRow("a script") << u"bash /opt/web.sh %u"_s << QString();
+    QTest::newRow("long options") << u"bash --norc script %u"_s << QString();
+    QTest::newRow("a browser") << u"firefox -c %u"_s << QString();
+}
+
+void TestExecLine::linksNeverRunAsCode()
+{
+    QFETCH(QString, exec);
+    QFETCH(QString, interpreter);
+    const QString link = u"https://e.com/;id;$IFS"_s;
+    DesktopEntry entry;
+    entry.path = u"/apps/x.desktop"_s;
+    const QStringList command = ExecLine::forLink(*ExecLine::split(exec), entry, link);
+    const auto refused = ExecLine::linkRunsAsCode(command, link, entry.path);
+    if (interpreter.isEmpty()) {
+        QVERIFY2(!refused, qPrintable(refused.value_or(QString())));
+        return;
+    }
+    QVERIFY(refused);
+    QCOMPARE(*refused,
+             u"Quillvane does not start /apps/x.desktop: its Exec line gives the link "
+             "to %1 as a command to run, and a link could then run anything."_s.arg(interpreter));
 }
 
 QTEST_GUILESS_MAIN(TestExecLine)

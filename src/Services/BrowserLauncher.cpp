@@ -98,6 +98,8 @@ QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const LaunchP
     if (!argv)
         return QtFuture::makeReadyFuture<Outcome>(openFailed(browser, argv.error().description));
     const QStringList command = ExecLine::forLink(*argv, *entry, url.toString());
+    if (const auto refused = ExecLine::linkRunsAsCode(command, url.toString(), path))
+        return QtFuture::makeReadyFuture<Outcome>(openFailed(browser, *refused));
     if (const auto spawned =
             platform.processes.spawn(command, entry->workingDirectory, activationToken);
         !spawned)

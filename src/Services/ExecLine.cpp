@@ -133,6 +133,49 @@ QStringList forLink(const QStringList &argv, const DesktopEntry &entry, const QS
     return result;
 }
 
+std::optional<QString> linkRunsAsCode(const QStringList &command, const QString &link,
+                                      const QString &entryPath)
+{
+    static const QStringList shells{u"sh"_s,   u"bash"_s, u"dash"_s, u"zsh"_s,  u"ksh"_s,
+                                    u"mksh"_s, u"fish"_s, u"csh"_s,  u"tcsh"_s, u"busybox"_s};
+    static const QStringList evaluators{u"perl"_s, u"ruby"_s, u"node"_s, u"nodejs"_s};
+    qsizetype i = 0;
+    // env, its options and assignments come before the program.
+    while (i < command.size()
+           && (QStringView(command[i]).endsWith(u"/env") || command[i] == u"env"
+               || command[i].startsWith(u'-')
+               || (command[i].contains(u'=') && !command[i].startsWith(u'-'))))
+        ++i;
+    if (i >= command.size())
+        return std::nullopt;
+    QString program = command[i].section(u'/', -1);
+    if (program == u"busybox" && i + 1 < command.size())
+        program = command[++i];
+    QChar codeOption;
+    if (shells.contains(program) || program.startsWith(u"python"))
+        codeOption = u'c';
+    else if (std::any_of(evaluators.cbegin(), evaluators.cend(),
+                         [&program](const QString &name) { return program.startsWith(name); }))
+        codeOption = u'e';
+    else
+        return std::nullopt;
+    bool codeNext = false;
+    for (++i; i < command.size(); ++i) {
+        const QString &argument = command[i];
+        if (!codeNext && argument.startsWith(u'-') && argument.size() > 1 && argument != u"--") {
+            codeNext = !argument.startsWith(u"--") && argument.contains(codeOption);
+            continue;
+        }
+        // The first operand is the code when the option asked for it; a link
+        // there, or glued into it, would run.
+        if (codeNext && argument.contains(link))
+            return u"Quillvane does not start %1: its Exec line gives the link to %2 as a command "
+                   "to run, and a link could then run anything."_s.arg(entryPath, program);
+        break;
+    }
+    return std::nullopt;
+}
+
 QStringList withoutFieldCodes(const QStringList &argv)
 {
     QStringList result;

@@ -6,6 +6,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <optional>
+
 // A desktop entry's Exec line: split into an argument vector the way the
 // Desktop Entry standard (and GIO) quote it, and its field codes expanded
 // for one link. Nothing here passes through a shell.
@@ -22,6 +24,12 @@ Expected<QStringList, Error> split(QStringView exec);
 // (appended at the end when the line has none of them), %i the icon option,
 // %c the name, %k the entry's path, %% a percent sign; other codes vanish.
 QStringList forLink(const QStringList &argv, const DesktopEntry &entry, const QString &link);
+
+// Why command (as made for the entry at entryPath) must not start: it hands
+// link to an interpreter as code to run (a shell's -c command string, python's
+// -c, perl's, ruby's or node's -e program). None when link is only ever data.
+std::optional<QString> linkRunsAsCode(const QStringList &command, const QString &link,
+                                      const QString &entryPath);
 
 // The command without any field code and without Flatpak's @@ and @@u file
 // forwarding markers, ready for arguments of Quillvane's own.

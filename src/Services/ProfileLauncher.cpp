@@ -89,6 +89,11 @@ QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const QString
         family, SystemLog::priv(program), SystemLog::priv(profileID),
         SystemLog::priv(url.toString()));
     command += profileArguments(browser.bundleID, profileID, url);
+    if (const auto refused = ExecLine::linkRunsAsCode(command, url.toString(), entryPath)) {
+        qCCritical(lcProfileLauncher).noquote() << SystemLog::priv(*refused);
+        return QtFuture::makeReadyFuture<Outcome>(
+            LaunchError{LaunchError::Kind::LaunchFailed, {}, *refused, {}});
+    }
     if (const auto spawned =
             platform.processes.spawn(command, entry->workingDirectory, activationToken);
         !spawned) {
