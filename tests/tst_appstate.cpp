@@ -3,6 +3,9 @@
 #include "Storage/UserSettings.h"
 #include "TestSupport.h"
 
+#include <QDir>
+#include <QFileInfo>
+#include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTest>
 
@@ -35,6 +38,7 @@ private Q_SLOTS:
     void startupChoosesAFallback_data();
     void startupChoosesAFallback();
     void startupKeepsAStoredFallback();
+    void damagedRulesAreKept();
     void ruleOperationsSaveAtOnce();
     void switchesAndFallbackSaveAtOnce();
     void importReplacesRulesOnly();
@@ -133,6 +137,46 @@ void TestAppState::startupKeepsAStoredFallback()
     QVERIFY(state->urlCleaningEnabled());
     QVERIFY(!state->urlExpansionEnabled());
     QCOMPARE(state->browsers().size(), 3);
+}
+
+// Six rules, one of them with an id that is no UUID: five are used, the user is
+// told once, and the file as it was survives the next save.
+void TestAppState::damagedRulesAreKept()
+{
+    QList<RoutingRule> six;
+    for (int i = 0; i < 6; ++i)
+        six.append(makeRule(u"app%1"_s.arg(i), std::nullopt, u"epiphany"_s));
+    QByteArray stored = RoutingRule::listToJson(six);
+    stored.replace(six[3].id.toString(QUuid::WithoutBraces).toUpper().toUtf8(), "not-a-uuid");
+    m_settings->setValue(u"routing_rules"_s, stored);
+    m_settings->sync();
+    QFile file(m_settings->fileName());
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    const QByteArray original = file.readAll();
+    file.close();
+
+    BrowserDiscovery::refreshBrowsers(m_entries);
+    QList<QStringList> told;
+    AppServices services{m_entries, m_launcher, m_autostart};
+    services.notify = [&told](const QString &summary, const QString &body) {
+        told.append({summary, body});
+    };
+    QTest::ignoreMessage(QtCriticalMsg,
+                         QRegularExpression(u"^1 stored rule\\(s\\) could not be read"_s));
+    AppState state(*m_store, *m_history, services);
+    QCOMPARE(state.rules().size(), 5);
+    QVERIFY(!state.rules().contains(six[3]));
+    QCOMPARE(told.size(), 1);
+    QCOMPARE(told[0].value(0), u"Quillvane skipped damaged rules"_s);
+
+    state.addRule(makeRule(u"new"_s, std::nullopt, u"epiphany"_s));
+    QCOMPARE(RuleStore(*reopened()).loadRules().size(), 6);
+    const QStringList copies = QFileInfo(file).dir().entryList({u"*.damaged-*"_s}, QDir::Files);
+    QCOMPARE(copies.size(), 1);
+    QVERIFY2(told[0].value(1).contains(copies.first()), qPrintable(told[0].value(1)));
+    QFile copy(QFileInfo(file).dir().filePath(copies.first()));
+    QVERIFY(copy.open(QIODevice::ReadOnly));
+    QCOMPARE(copy.readAll(), original);
 }
 
 void TestAppState::ruleOperationsSaveAtOnce()

@@ -42,8 +42,14 @@ QStringList links(const QList<ForwardingRecord> &records)
 
 LinkJournal::Entry entry(const QString &url, const QDateTime &received)
 {
-    return {0, LinkJournal::Kind::Open, received, url, SourceApp{u"org.example.Mail"_s, u"Mail"_s},
-            u"token"_s, QString(), false};
+    return {0,
+            LinkJournal::Kind::Open,
+            received,
+            url,
+            SourceApp{u"org.example.Mail"_s, u"Mail"_s},
+            u"token"_s,
+            QString(),
+            false};
 }
 
 // What another process reading the file now would see.
@@ -100,8 +106,8 @@ void TestHistory::recordsNewestFirstAndTrimmed()
     QVERIFY(!QFile::exists(m_path));
 
     HistoryStore::record(*m_database, someRecord(u"https://first.example/\"quoted\""_s));
-    ForwardingRecord full = makeRecord(u"https://second.example/ü"_s, u"Mail"_s, u"Web"_s,
-                                       u"Mail → Web"_s);
+    ForwardingRecord full =
+        makeRecord(u"https://second.example/ü"_s, u"Mail"_s, u"Web"_s, u"Mail → Web"_s);
     HistoryStore::record(*m_database, full);
     QCOMPARE(linksOnDisk(m_path),
              (QStringList{u"https://second.example/ü"_s, u"https://first.example/\"quoted\""_s}));
@@ -271,13 +277,27 @@ void TestHistory::migrationFromTheSettingsFile()
     QCOMPARE(HistoryStore::loadForwardCount(*m_database, today), 7);
     QVERIFY(!m_environment->settings()->contains(u"forwarding_history"_s));
 
-    // A history that cannot be read is not moved, and does not stay.
-    settings->setValue(u"forwarding_history"_s, QByteArray("[{\"id\":\"nope\"}]"));
+    // One record that cannot be read: the others move, and the file as it was
+    // is kept aside before the history leaves it.
+    QByteArray damaged = ForwardingRecord::listToJson({someRecord(u"https://kept.example/1"_s),
+                                                       someRecord(u"https://lost.example/"_s),
+                                                       someRecord(u"https://kept.example/2"_s)});
+    damaged.replace("\"originalURL\":\"https://lost.example/\",", "");
+    settings->setValue(u"forwarding_history"_s, damaged);
+    settings->sync();
     QTest::ignoreMessage(QtCriticalMsg,
-                         QRegularExpression(u"^The history in the settings file cannot be read"_s));
+                         QRegularExpression(u"^Some of the history in the settings file could not "
+                                            "be read .* kept as "_s));
     QVERIFY(HistoryMigration::run(*settings, *m_database));
-    QCOMPARE(linksOnDisk(m_path), links(old));
+    QCOMPARE(linksOnDisk(m_path).mid(0, 2),
+             (QStringList{u"https://kept.example/1"_s, u"https://kept.example/2"_s}));
     QVERIFY(!m_environment->settings()->contains(u"forwarding_history"_s));
+    const QStringList copies =
+        QFileInfo(settings->fileName()).dir().entryList({u"*.damaged-*"_s}, QDir::Files);
+    QCOMPARE(copies.size(), 1);
+    QFile copy(QFileInfo(settings->fileName()).dir().filePath(copies.first()));
+    QVERIFY(copy.open(QIODevice::ReadOnly));
+    QVERIFY(copy.readAll().contains("kept.example"));
 }
 
 void TestHistory::damagedFileIsMovedAside_data()
@@ -313,14 +333,14 @@ void TestHistory::damagedFileIsMovedAside()
     file.close();
 
     m_database = m_environment->history();
-    QTest::ignoreMessage(QtWarningMsg,
-                         QRegularExpression(u"^The history database .* is damaged \\(.*\\)\\. It was "
-                                            "moved aside as .*history\\.sqlite3\\.damaged-"
-                                            "\\d{8}T\\d{6}Z and a new one is started"_s));
+    QTest::ignoreMessage(
+        QtWarningMsg, QRegularExpression(u"^The history database .* is damaged \\(.*\\)\\. It was "
+                                         "moved aside as .*history\\.sqlite3\\.damaged-"
+                                         "\\d{8}T\\d{6}Z and a new one is started"_s));
     HistoryStore::record(*m_database, someRecord(u"https://after.example/"_s));
     QCOMPARE(linksOnDisk(m_path), QStringList{u"https://after.example/"_s});
-    const QStringList aside = QDir(QFileInfo(m_path).path())
-                                  .entryList({u"history.sqlite3.damaged-*"_s}, QDir::Files);
+    const QStringList aside =
+        QDir(QFileInfo(m_path).path()).entryList({u"history.sqlite3.damaged-*"_s}, QDir::Files);
     QVERIFY2(!aside.isEmpty(), qPrintable(aside.join(u", "_s)));
 }
 

@@ -36,7 +36,7 @@ private Q_SLOTS:
     void init();
     void cleanup();
     void firstRun();
-    void rulesSurviveAndDamageReadsEmpty();
+    void rulesSurviveAndDamageIsLeftOut();
     void switchesAndFallback();
     void damagedValuesReadAsDefaults();
     void settingsLocks();
@@ -68,21 +68,23 @@ void TestStores::firstRun()
     QVERIFY(!QFile::exists(m_environment->settingsPath()));
 }
 
-void TestStores::rulesSurviveAndDamageReadsEmpty()
+void TestStores::rulesSurviveAndDamageIsLeftOut()
 {
     RuleStore store(*m_settings);
-    const QList<RoutingRule> rules{someRule(u"a"_s), someRule(u"b"_s)};
+    const QList<RoutingRule> rules{someRule(u"a"_s), someRule(u"b"_s), someRule(u"c"_s)};
     store.saveRules(rules);
     QCOMPARE(RuleStore(*reopened(*m_environment)).loadRules(), rules);
+    QVERIFY(!store.lastLoadDamage());
 
-    // One invalid rule empties the list; the next save replaces the damaged data.
+    // One invalid rule is left out, not the list, and the store says so.
     QByteArray damaged = RoutingRule::listToJson(rules);
     damaged.replace("\"targetBrowserName\":\"b\"", "\"targetBrowserName\":7");
     m_settings->setValue(u"routing_rules"_s, damaged);
+    QCOMPARE(store.loadRules(), (QList<RoutingRule>{rules[0], rules[2]}));
+    QCOMPARE(store.lastLoadDamage()->skipped, 1);
+    m_settings->setValue(u"routing_rules"_s, QByteArray("not json"));
     QVERIFY(store.loadRules().isEmpty());
-    const RoutingRule added = someRule(u"c"_s);
-    store.saveRules({added});
-    QCOMPARE(RuleStore(*reopened(*m_environment)).loadRules(), QList<RoutingRule>{added});
+    QCOMPARE(store.lastLoadDamage()->skipped, -1);
 }
 
 void TestStores::switchesAndFallback()

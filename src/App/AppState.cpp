@@ -11,6 +11,7 @@
 #include "Services/URLRouter.h"
 #include "Storage/HistoryStore.h"
 #include "Storage/SettingsKeys.h"
+#include "Storage/UserSettings.h"
 
 #include <QCollator>
 #include <QCoreApplication>
@@ -65,6 +66,8 @@ AppState::AppState(RuleStore &store, HistoryDatabase &history, AppServices servi
         SettingsKeys::read(m_store.settings(), SettingsKeys::AutomaticUpdateChecks);
 
     m_rules = m_store.loadRules();
+    if (const auto &damage = m_store.lastLoadDamage())
+        reportDamagedRules(*damage);
     m_defaultBrowserBundleID = m_store.loadDefaultBrowserBundleID();
     m_todayForwardCount =
         HistoryStore::loadForwardCount(m_history, HistoryStore::dayString(m_services.clock()));
@@ -92,6 +95,21 @@ AppState::AppState(RuleStore &store, HistoryDatabase &history, AppServices servi
         << u"AppState initialized with %1 rule(s), %2 browser(s), default: %3"_s.arg(
                QString::number(m_rules.size()), QString::number(m_browsers.size()),
                SystemLog::priv(m_defaultBrowserBundleID));
+}
+
+// Kept, never thrown away: what can be read is used, and the file as it was is
+// copied aside before the next save would overwrite what could not.
+void AppState::reportDamagedRules(const RuleStore::Damage &damage)
+{
+    const QString copy = UserSettings::keepDamagedCopy(m_store.settings());
+    const QString what = damage.skipped < 0
+                             ? u"The stored rules could not be read (%1)."_s.arg(damage.reason)
+                             : u"%1 stored rule(s) could not be read and were left out (%2)."_s.arg(
+                                 QString::number(damage.skipped), damage.reason);
+    const QString kept = copy.isEmpty() ? u"The settings file could not be copied aside."_s
+                                        : u"The settings file as it was is kept as %1."_s.arg(copy);
+    qCCritical(lcAppState).noquote() << what + u' ' + SystemLog::priv(kept);
+    m_services.notify(u"Quillvane skipped damaged rules"_s, what + u'\n' + kept);
 }
 
 AppState::~AppState()

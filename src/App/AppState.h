@@ -147,6 +147,7 @@ private:
     void saveFlag(const SettingsKeys::Key<bool> &key, bool AppState::*field, bool value,
                   void (AppState::*changed)());
     void chooseFallbackBrowser();
+    void reportDamagedRules(const RuleStore::Damage &damage);
     void startWaitingRouteLater();
     static QEvent::Type routeStartEvent();
 

@@ -52,7 +52,8 @@ QByteArray ForwardingRecord::listToJson(const QList<ForwardingRecord> &records)
     return JsonWriter::array(records);
 }
 
-Expected<QList<ForwardingRecord>, DecodeError> ForwardingRecord::listFromJson(QByteArrayView utf8)
+Expected<QList<ForwardingRecord>, DecodeError>
+ForwardingRecord::listFromJson(QByteArrayView utf8, QList<DecodeError> *skipped)
 {
-    return JsonFields::decodeArray<ForwardingRecord>(utf8, &ForwardingRecord::fromJson);
+    return JsonFields::decodeArray<ForwardingRecord>(utf8, &ForwardingRecord::fromJson, skipped);
 }

@@ -30,5 +30,7 @@ struct ForwardingRecord
                                                             qsizetype index = 0);
 
     static QByteArray listToJson(const QList<ForwardingRecord> &records);
-    static Expected<QList<ForwardingRecord>, DecodeError> listFromJson(QByteArrayView utf8);
+    // skipped: as JsonFields::decodeArray (keep the readable records).
+    static Expected<QList<ForwardingRecord>, DecodeError>
+    listFromJson(QByteArrayView utf8, QList<DecodeError> *skipped = nullptr);
 };

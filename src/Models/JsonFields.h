@@ -55,9 +55,12 @@ private:
     std::optional<DecodeError> m_error;
 };
 
-// Decodes every element of an array with decodeOne; the first failure fails all.
+// Decodes every element of an array with decodeOne. The first failure fails
+// all, unless skipped is given: then each failing element is left out and its
+// error appended there.
 template<typename T, typename DecodeOne>
-Expected<QList<T>, DecodeError> decodeArray(QByteArrayView utf8, DecodeOne decodeOne)
+Expected<QList<T>, DecodeError> decodeArray(QByteArrayView utf8, DecodeOne decodeOne,
+                                            QList<DecodeError> *skipped = nullptr)
 {
     auto array = parseArray(utf8);
     if (!array)
@@ -66,6 +69,10 @@ Expected<QList<T>, DecodeError> decodeArray(QByteArrayView utf8, DecodeOne decod
     result.reserve(array->size());
     for (qsizetype i = 0; i < array->size(); ++i) {
         Expected<T, DecodeError> item = decodeOne(array->at(i), i);
+        if (!item && skipped) {
+            skipped->append(item.error());
+            continue;
+        }
         if (!item)
             return item.error();
         result.append(std::move(item).value());

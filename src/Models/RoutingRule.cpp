@@ -57,9 +57,10 @@ QByteArray RoutingRule::listToJson(const QList<RoutingRule> &rules)
     return JsonWriter::array(rules);
 }
 
-Expected<QList<RoutingRule>, DecodeError> RoutingRule::listFromJson(QByteArrayView utf8)
+Expected<QList<RoutingRule>, DecodeError> RoutingRule::listFromJson(QByteArrayView utf8,
+                                                                    QList<DecodeError> *skipped)
 {
-    return JsonFields::decodeArray<RoutingRule>(utf8, &RoutingRule::fromJson);
+    return JsonFields::decodeArray<RoutingRule>(utf8, &RoutingRule::fromJson, skipped);
 }
 
 size_t qHash(const RoutingRule &rule, size_t seed)

@@ -39,7 +39,9 @@ struct RoutingRule
 
     // The stored form: a compact UTF-8 JSON array.
     static QByteArray listToJson(const QList<RoutingRule> &rules);
-    static Expected<QList<RoutingRule>, DecodeError> listFromJson(QByteArrayView utf8);
+    // skipped: as JsonFields::decodeArray (keep the readable rules).
+    static Expected<QList<RoutingRule>, DecodeError>
+    listFromJson(QByteArrayView utf8, QList<DecodeError> *skipped = nullptr);
 
     friend bool operator==(const RoutingRule &, const RoutingRule &) = default;
 };

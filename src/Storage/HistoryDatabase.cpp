@@ -75,8 +75,8 @@ bool makeFolder(const QString &filePath)
     const QString parent = QFileInfo(folder.absolutePath()).absolutePath();
     if (!QDir().mkpath(parent))
         return false;
-    return QDir(parent).mkdir(folder.dirName(), QFile::ReadOwner | QFile::WriteOwner
-                                                    | QFile::ExeOwner)
+    return QDir(parent).mkdir(folder.dirName(),
+                              QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner)
            || folder.exists();
 }
 
@@ -160,7 +160,8 @@ std::unique_ptr<Sqlite::Database> HistoryDatabase::connectForWriting()
             return {};
         }
         Sqlite::Error error;
-        auto database = Sqlite::Database::open(m_path, Sqlite::Database::Mode::ReadWriteCreate, &error);
+        auto database =
+            Sqlite::Database::open(m_path, Sqlite::Database::Mode::ReadWriteCreate, &error);
         if (!database) {
             m_lastFailure = error.message;
             return {};
@@ -209,9 +210,8 @@ std::optional<Sqlite::Error> HistoryDatabase::prepare(Sqlite::Database &database
 void HistoryDatabase::moveAside(const Sqlite::Error &damage)
 {
     m_database.reset();
-    const QString aside =
-        m_path + u".damaged-"_s
-        + QDateTime::currentDateTimeUtc().toString(u"yyyyMMdd'T'HHmmss'Z'"_s);
+    const QString aside = m_path + u".damaged-"_s
+                          + QDateTime::currentDateTimeUtc().toString(u"yyyyMMdd'T'HHmmss'Z'"_s);
     if (!QFile::rename(m_path, aside))
         QFile::remove(m_path);
     QFile::rename(m_path + u"-wal"_s, aside + u"-wal"_s);

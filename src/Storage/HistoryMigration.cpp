@@ -31,7 +31,8 @@ QList<ForwardingRecord> pendingRecords(const QSettings &settings)
     const auto data = SettingsKeys::read(settings, SettingsKeys::ForwardingHistory);
     if (!data)
         return {};
-    auto records = ForwardingRecord::listFromJson(*data);
+    QList<DecodeError> skipped;
+    auto records = ForwardingRecord::listFromJson(*data, &skipped);
     return records ? std::move(records).value() : QList<ForwardingRecord>();
 }
 
@@ -44,14 +45,25 @@ bool run(QSettings &settings, HistoryDatabase &database)
     const qint64 count = SettingsKeys::read(settings, SettingsKeys::TodayForwardCount);
     const QString day = SettingsKeys::read(settings, SettingsKeys::TodayDate);
     QList<ForwardingRecord> records;
+    QList<DecodeError> skipped;
     if (!history.isEmpty()) {
-        auto decoded = ForwardingRecord::listFromJson(history);
+        auto decoded = ForwardingRecord::listFromJson(history, &skipped);
         if (decoded)
             records = std::move(decoded).value();
         else
-            qCCritical(lcHistoryMigration).noquote()
-                << u"The history in the settings file cannot be read (%1); it is not moved."_s.arg(
-                       decoded.error().description);
+            skipped.append(decoded.error());
+    }
+    // What cannot be read stays in a copy of the file, which loses it next.
+    if (!skipped.isEmpty()) {
+        const QString copy = UserSettings::keepDamagedCopy(settings);
+        qCCritical(lcHistoryMigration).noquote()
+            << u"Some of the history in the settings file could not be read (%1) and is not moved; %2"_s
+                   .arg(skipped.first().description,
+                        copy.isEmpty()
+                            ? u"the file cannot be copied aside, so it is left as it is."_s
+                            : u"the file as it was is kept as %1."_s.arg(SystemLog::priv(copy)));
+        if (copy.isEmpty())
+            return false;
     }
 
     // What this settings file held, so that the same values are never taken twice.
@@ -90,8 +102,8 @@ bool run(QSettings &settings, HistoryDatabase &database)
     if (!alreadyTaken)
         qCInfo(lcHistoryMigration).noquote()
             << u"Moved %1 history record(s)%2 from the settings file into %3."_s.arg(
-                   QString::number(records.size()),
-                   count > 0 ? u" and today's count"_s : QString(), database.path());
+                   QString::number(records.size()), count > 0 ? u" and today's count"_s : QString(),
+                   database.path());
     return true;
 }
 

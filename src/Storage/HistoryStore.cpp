@@ -58,10 +58,10 @@ Expected<QList<ForwardingRecord>, QString> readHistory(HistoryDatabase &database
             const std::optional<QDateTime> when = JsonFields::fromReferenceSeconds(rows.real(1));
             if (!when)
                 continue;
-            records.append(ForwardingRecord{
-                JsonFields::parseUuid(rows.text(0)).value_or(QUuid()), *when, rows.text(2),
-                rows.optionalText(3), rows.optionalText(4), rows.text(5), rows.text(6),
-                rows.optionalText(7)});
+            records.append(ForwardingRecord{JsonFields::parseUuid(rows.text(0)).value_or(QUuid()),
+                                            *when, rows.text(2), rows.optionalText(3),
+                                            rows.optionalText(4), rows.text(5), rows.text(6),
+                                            rows.optionalText(7)});
         }
     });
     if (!read)
@@ -123,16 +123,15 @@ qsizetype todayCount(HistoryDatabase &database, QDate today)
     const double from = dayStart(today);
     const double to = dayStart(today.addDays(1));
     const HistoryDatabase::Unwritten &unwritten = database.unwritten();
-    qsizetype count =
-        std::count_if(unwritten.records.cbegin(), unwritten.records.cend(),
-                      [today](const ForwardingRecord &record) {
-                          return record.timestamp.toLocalTime().date() == today;
-                      });
+    qsizetype count = std::count_if(unwritten.records.cbegin(), unwritten.records.cend(),
+                                    [today](const ForwardingRecord &record) {
+                                        return record.timestamp.toLocalTime().date() == today;
+                                    });
     if (unwritten.cleared)
         return count;
     database.read([&](Sqlite::Database &sql) {
-        Sqlite::Statement query = sql.statement(
-            "SELECT count(*) FROM history WHERE timestamp >= ? AND timestamp < ?");
+        Sqlite::Statement query =
+            sql.statement("SELECT count(*) FROM history WHERE timestamp >= ? AND timestamp < ?");
         query.bind(1, from).bind(2, to);
         if (query.step())
             count += query.integer(0);

@@ -20,9 +20,8 @@ inline constexpr qsizetype MaxRecords = HistoryDatabase::MaxRecords;
 QList<ForwardingRecord> loadHistory(HistoryDatabase &database, const QString &filter = {},
                                     qsizetype limit = MaxRecords);
 // The same, or why the file could not be read.
-Expected<QList<ForwardingRecord>, QString> readHistory(HistoryDatabase &database,
-                                                       const QString &filter = {},
-                                                       qsizetype limit = MaxRecords);
+Expected<QList<ForwardingRecord>, QString>
+readHistory(HistoryDatabase &database, const QString &filter = {}, qsizetype limit = MaxRecords);
 
 // Adds one record in front, and ends the link's journal entry (when it has one)
 // in the same transaction.

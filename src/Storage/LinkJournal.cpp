@@ -39,9 +39,8 @@ void finish(HistoryDatabase &database, qint64 id)
 {
     if (id <= 0)
         return;
-    const bool written = database.write([id](Sqlite::Database &sql) {
-        HistoryDatabase::removeJournalEntry(sql, id);
-    });
+    const bool written = database.write(
+        [id](Sqlite::Database &sql) { HistoryDatabase::removeJournalEntry(sql, id); });
     if (!written)
         database.unwritten().finishedJournalEntries.append(id);
 }

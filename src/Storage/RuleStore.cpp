@@ -8,11 +8,19 @@ RuleStore::RuleStore(QSettings &settings)
 
 QList<RoutingRule> RuleStore::loadRules() const
 {
+    m_damage.reset();
     const auto data = SettingsKeys::read(m_settings, SettingsKeys::RoutingRules);
     if (!data)
         return {};
-    auto rules = RoutingRule::listFromJson(*data);
-    return rules ? std::move(rules).value() : QList<RoutingRule>();
+    QList<DecodeError> skipped;
+    auto rules = RoutingRule::listFromJson(*data, &skipped);
+    if (!rules) {
+        m_damage = Damage{-1, rules.error().description};
+        return {};
+    }
+    if (!skipped.isEmpty())
+        m_damage = Damage{skipped.size(), skipped.first().description};
+    return std::move(rules).value();
 }
 
 void RuleStore::saveRules(const QList<RoutingRule> &rules)

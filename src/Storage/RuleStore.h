@@ -5,6 +5,8 @@
 #include <QList>
 #include <QSettings>
 
+#include <optional>
+
 // Persists the rules, the rule-engine switch and the fallback browser. No cache:
 // every load reads the settings, every save writes them. (Today's forward count
 // lives beside the history, which changes with every link: see HistoryStore.)
@@ -15,7 +17,16 @@ public:
 
     QSettings &settings() const { return m_settings; }
 
+    // The rules that can be read: a damaged one is left out, not the list.
     QList<RoutingRule> loadRules() const;
+    // What the last loadRules() could not read: the number of rules left out
+    // (-1: the whole list) and the first reason; none when all was read.
+    struct Damage
+    {
+        qsizetype skipped;
+        QString reason;
+    };
+    const std::optional<Damage> &lastLoadDamage() const { return m_damage; }
     void saveRules(const QList<RoutingRule> &rules);
 
     bool loadRulesEnabled() const;
@@ -26,4 +37,5 @@ public:
 
 private:
     QSettings &m_settings;
+    mutable std::optional<Damage> m_damage;
 };

@@ -23,8 +23,7 @@ Statement::Statement(Database &database, sqlite3_stmt *statement)
     , m_statement(statement)
 {}
 
-template<typename Binding>
-Statement &Statement::bindWith(Binding &&binding)
+template<typename Binding> Statement &Statement::bindWith(Binding &&binding)
 {
     // After a failure the statement only carries the first error to its end.
     if (!m_statement || m_database.error())
@@ -48,7 +47,8 @@ Statement &Statement::bind(int index, const std::optional<QString> &text)
 {
     if (text)
         return bind(index, QStringView(*text));
-    return bindWith([index](sqlite3_stmt *statement) { return sqlite3_bind_null(statement, index); });
+    return bindWith(
+        [index](sqlite3_stmt *statement) { return sqlite3_bind_null(statement, index); });
 }
 
 Statement &Statement::bind(int index, qint64 value)
@@ -118,10 +118,11 @@ Database::Database(sqlite3 *handle)
 std::unique_ptr<Database> Database::open(const QString &path, Mode mode, Error *error)
 {
     sqlite3 *handle = nullptr;
-    const int flags = (mode == Mode::ReadOnly ? SQLITE_OPEN_READONLY
-                                              : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE)
-                      | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
-    const int result = sqlite3_open_v2(QFile::encodeName(path).constData(), &handle, flags, nullptr);
+    const int flags =
+        (mode == Mode::ReadOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE)
+        | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
+    const int result =
+        sqlite3_open_v2(QFile::encodeName(path).constData(), &handle, flags, nullptr);
     if (result != SQLITE_OK) {
         if (error)
             *error = Error{result & 0xff, handle ? QString::fromUtf8(sqlite3_errmsg(handle))
@@ -152,8 +153,8 @@ Statement Database::statement(const char *sql)
 {
     sqlite3_stmt *&prepared = m_statements[sql];
     if (!prepared && !m_error) {
-        const int result = sqlite3_prepare_v3(m_handle, sql, -1, SQLITE_PREPARE_PERSISTENT,
-                                              &prepared, nullptr);
+        const int result =
+            sqlite3_prepare_v3(m_handle, sql, -1, SQLITE_PREPARE_PERSISTENT, &prepared, nullptr);
         if (result != SQLITE_OK) {
             fail(result);
             sqlite3_finalize(prepared);

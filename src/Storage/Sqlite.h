@@ -52,8 +52,7 @@ public:
 private:
     friend class Database;
     Statement(Database &database, sqlite3_stmt *statement);
-    template<typename Binding>
-    Statement &bindWith(Binding &&binding);
+    template<typename Binding> Statement &bindWith(Binding &&binding);
 
     Database &m_database;
     sqlite3_stmt *m_statement;

@@ -4,6 +4,7 @@
 #include "Storage/IniFormat.h"
 
 #include <QDateTime>
+#include <QFile>
 #include <QFileInfo>
 #include <QLockFile>
 #include <QStandardPaths>
@@ -68,6 +69,15 @@ std::unique_ptr<QSettings> open(const QString &path)
     auto settings = std::make_unique<QSettings>(path, IniFormat::format());
     settings->setProperty(OnDisk, QFileInfo::exists(path));
     return settings;
+}
+
+QString keepDamagedCopy(const QSettings &settings)
+{
+    const QString copy = settings.fileName() + u".damaged-"_s
+                         + QDateTime::currentDateTimeUtc().toString(u"yyyyMMdd'T'HHmmss'Z'"_s);
+    if (QFile::exists(copy) || QFile::copy(settings.fileName(), copy))
+        return copy;
+    return {};
 }
 
 bool commit(QSettings &settings)

@@ -18,4 +18,9 @@ std::unique_ptr<QSettings> open(const QString &path);
 // for the next attempt.
 bool commit(QSettings &settings);
 
+// Copies the settings file to "<file>.damaged-<UTC time>" before something
+// that could not be read in it is overwritten; the copy's path, or empty when
+// there is no file or it cannot be copied.
+QString keepDamagedCopy(const QSettings &settings);
+
 } // namespace UserSettings
