@@ -93,6 +93,7 @@ void TestExecLine::linksNeverRunAsCode_data()
     QTest::newRow("no code: the link appended as the command") << u"sh -c"_s << u"sh"_s;
     QTest::newRow("glued into the command") << u"sh -c run%u"_s << u"sh"_s;
     QTest::newRow("busybox") << u"busybox sh -c %u"_s << u"sh"_s;
+    QTest::newRow("an option with a value first") << u"bash -o posix -c %u"_s << u"bash"_s;
     QTest::newRow("python") << u"python3 -c %u"_s << u"python3"_s;
     QTest::newRow("perl") << u"perl -e %u"_s << u"perl"_s;
     QTest::newRow("the link as $1") << u"sh -c 'web \"$1\"' sh %u"_s << QString();

@@ -162,6 +162,11 @@ std::optional<QString> linkRunsAsCode(const QStringList &command, const QString 
     bool codeNext = false;
     for (++i; i < command.size(); ++i) {
         const QString &argument = command[i];
+        // Shell options that take a value ("-o posix").
+        if (!codeNext && (argument == u"-o" || argument == u"+o" || argument == u"-O")) {
+            ++i;
+            continue;
+        }
         if (!codeNext && argument.startsWith(u'-') && argument.size() > 1 && argument != u"--") {
             codeNext = !argument.startsWith(u"--") && argument.contains(codeOption);
             continue;
