@@ -19,6 +19,7 @@ public:
     Lookup lookup(qint64 pid) override { return lookups.value(pid, Lookup{}); }
     std::optional<qint64> parentPid(qint64 pid) override
     {
+        ++parentQueries;
         return parents.contains(pid) ? std::optional<qint64>(parents.value(pid)) : std::nullopt;
     }
     QList<qint64> processIds() override { return lookups.keys(); }
@@ -36,6 +37,7 @@ public:
 
     QHash<qint64, Lookup> lookups;
     QHash<qint64, qint64> parents;
+    int parentQueries = 0;
 };
 
 class FakeActive final : public ActiveApplication
@@ -142,7 +144,10 @@ void TestResolver::parentChainLimits()
     m_apps.helper(1, 0);
     m_apps.helper(20, 21);
     m_apps.helper(21, 20);
+    m_apps.parentQueries = 0;
     QVERIFY(!resolver.resolve(20));
+    // The cycle is seen, not walked until the limit.
+    QVERIFY2(m_apps.parentQueries <= 3, qPrintable(QString::number(m_apps.parentQueries)));
 
     // Ten ancestors are looked at, no more.
     for (qint64 pid = 100; pid < 120; ++pid)

@@ -169,13 +169,13 @@ qsizetype AppState::todayHistoryCount() const
     return HistoryStore::todayCount(m_history);
 }
 
-QString AppState::browserName(const QString &bundleID) const
+std::optional<QString> AppState::installedBrowserName(const QString &bundleID) const
 {
     for (const BrowserInfo &browser : m_browsers) {
         if (browser.bundleID == bundleID)
             return browser.name;
     }
-    return bundleID;
+    return std::nullopt;
 }
 
 QList<RoutingRule> AppState::appRules() const

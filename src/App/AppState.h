@@ -68,8 +68,13 @@ public:
     bool automaticUpdateChecks() const { return m_automaticUpdateChecks; }
     // What routing a link depends on, as it is now.
     RouteSettings routeSettings() const;
-    // The name the browser is shown with; its id when it is not installed.
-    QString browserName(const QString &bundleID) const;
+    // The name the browser is shown with; none when it is not installed.
+    std::optional<QString> installedBrowserName(const QString &bundleID) const;
+    // The same, or its id when it is not installed.
+    QString browserName(const QString &bundleID) const
+    {
+        return installedBrowserName(bundleID).value_or(bundleID);
+    }
     // For the parts that route links and journal them.
     HistoryDatabase &history() const { return m_history; }
     const AppServices &services() const { return m_services; }

@@ -104,13 +104,8 @@ void StatusItem::rebuild(QMenu &menu)
                    this, &StatusItem::togglePauseRules)
         ->setObjectName(u"pauseRulesAction"_s);
 
-    QString fallbackName = u"None"_s;
-    for (const BrowserInfo &browser : m_state.browsers()) {
-        if (browser.bundleID == m_state.defaultBrowserBundleID()) {
-            fallbackName = browser.name;
-            break;
-        }
-    }
+    const QString fallbackName =
+        m_state.installedBrowserName(m_state.defaultBrowserBundleID()).value_or(u"None"_s);
     QMenu *fallback = menu.addMenu(u"Fallback: "_s + DisplayText::forMenu(fallbackName));
     fallback->menuAction()->setObjectName(u"fallbackAction"_s);
     for (const BrowserInfo &browser : m_state.browsers()) {
