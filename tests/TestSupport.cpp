@@ -6,6 +6,7 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QSslServer>
 #include <QTcpSocket>
 #include <QTest>
 #include <QTimer>
@@ -221,16 +222,50 @@ QList<RoutingRule> workedExampleRules()
     };
 }
 
-TestHttpServer::TestHttpServer()
+URLExpander::Network testNetwork(const QHash<QString, QList<QHostAddress>> &names)
 {
-    connect(&m_server, &QTcpServer::newConnection, this, &TestHttpServer::onConnection);
-    if (!m_server.listen(QHostAddress::LocalHost))
-        qFatal("test HTTP server cannot listen");
+    URLExpander::Network network;
+    network.mayConnect = [](const QHostAddress &address) {
+        return address == QHostAddress(QHostAddress::LocalHost)
+               || URLExpander::isPublicAddress(address);
+    };
+    network.lookUp = [names](const QString &host) {
+        QHostInfo info;
+        if (names.contains(host)) {
+            info.setAddresses(names.value(host));
+        } else {
+            info.setError(QHostInfo::HostNotFound);
+            info.setErrorString(u"Host %1 not found"_s.arg(host));
+        }
+        return QtFuture::makeReadyFuture(info);
+    };
+    return network;
+}
+
+TestHttpServer::TestHttpServer(const QHostAddress &address,
+                               const std::optional<QSslConfiguration> &tls)
+{
+    if (tls) {
+        auto server = std::make_unique<QSslServer>();
+        server->setSslConfiguration(*tls);
+        m_server = std::move(server);
+    } else {
+        m_server = std::make_unique<QTcpServer>();
+    }
+    connect(m_server.get(), &QTcpServer::pendingConnectionAvailable, this,
+            &TestHttpServer::onConnection);
+    if (!m_server->listen(address))
+        qFatal("test HTTP server cannot listen on %s", qPrintable(address.toString()));
 }
 
 QString TestHttpServer::baseUrl() const
 {
-    return u"http://127.0.0.1:%1"_s.arg(m_server.serverPort());
+    const QHostAddress address = m_server->serverAddress();
+    const QString host = address.protocol() == QAbstractSocket::IPv6Protocol
+                             ? u"[%1]"_s.arg(address.toString())
+                             : address.toString();
+    return u"%1://%2:%3"_s.arg(qobject_cast<QSslServer *>(m_server.get()) ? u"https"_s : u"http"_s,
+                               host, QString::number(m_server->serverPort()));
 }
 
 void TestHttpServer::on(const QString &path, Response response)
@@ -253,10 +288,10 @@ int TestHttpServer::totalRequests() const
 
 void TestHttpServer::onConnection()
 {
-    while (QTcpSocket *socket = m_server.nextPendingConnection()) {
+    while (QTcpSocket *socket = m_server->nextPendingConnection()) {
         auto buffer = std::make_shared<QByteArray>();
         connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
-        connect(socket, &QTcpSocket::readyRead, this, [this, socket, buffer] {
+        const auto serve = [this, socket, buffer] {
             buffer->append(socket->readAll());
             while (true) {
                 const qsizetype end = buffer->indexOf("\r\n\r\n");
@@ -267,6 +302,10 @@ void TestHttpServer::onConnection()
                 const QList<QByteArray> requestLine = head.left(head.indexOf("\r\n")).split(' ');
                 const QString path = QString::fromUtf8(requestLine.value(1));
                 m_methods.append(requestLine.value(0));
+                for (const QByteArray &line : head.split('\n')) {
+                    if (line.toLower().startsWith("host:"))
+                        m_hosts.append(line.mid(5).trimmed());
+                }
                 m_counts[path] += 1;
                 const Response response = m_responses.value(path, Response{404, {}, false, {}});
                 if (response.silent)
@@ -287,6 +326,10 @@ void TestHttpServer::onConnection()
                     reply += response.body;
                 socket->write(reply);
             }
-        });
+        };
+        connect(socket, &QTcpSocket::readyRead, this, serve);
+        // Over TLS the request may have come with the handshake.
+        if (socket->bytesAvailable() > 0)
+            serve();
     }
 }

@@ -6,6 +6,7 @@
 #include "Platform/Autostart.h"
 #include "Platform/DesktopEntries.h"
 #include "Platform/ProcessLauncher.h"
+#include "Services/URLExpander.h"
 #include "Storage/HistoryDatabase.h"
 #include "Storage/RuleStore.h"
 
@@ -13,6 +14,7 @@
 #include <QHash>
 #include <QList>
 #include <QSettings>
+#include <QSslConfiguration>
 #include <QString>
 #include <QTcpServer>
 #include <QTemporaryDir>
@@ -145,8 +147,13 @@ public:
     std::unique_ptr<AppState> state;
 };
 
-// A real HTTP/1.1 server on 127.0.0.1 that answers each path with a scripted
-// response, or not at all. It counts the requests it received per path.
+// The expander's network as the tests see it: 127.0.0.1 stands for the public
+// internet, and the names given resolve to the addresses given, without asking DNS.
+URLExpander::Network testNetwork(const QHash<QString, QList<QHostAddress>> &names = {});
+
+// A real HTTP/1.1 server (on 127.0.0.1 unless told otherwise, over TLS when
+// given a configuration) that answers each path with a scripted response, or
+// not at all. It counts the requests it received per path.
 class TestHttpServer final : public QObject
 {
 public:
@@ -160,9 +167,11 @@ public:
         bool trickle = false;
     };
 
-    TestHttpServer();
+    explicit TestHttpServer(const QHostAddress &address = QHostAddress::LocalHost,
+                            const std::optional<QSslConfiguration> &tls = std::nullopt);
 
     QString baseUrl() const;
+    quint16 port() const { return m_server->serverPort(); }
     void on(const QString &path, Response response);
     void redirect(const QString &path, int status, const QByteArray &location);
     void serve(const QString &path, const QByteArray &body)
@@ -172,11 +181,13 @@ public:
     int requestCount(const QString &path) const { return m_counts.value(path); }
     int totalRequests() const;
     QList<QByteArray> methods() const { return m_methods; }
+    QList<QByteArray> hostHeaders() const { return m_hosts; }
 
 private:
     void onConnection();
 
-    QTcpServer m_server;
+    std::unique_ptr<QTcpServer> m_server;
+    QList<QByteArray> m_hosts;
     QHash<QString, Response> m_responses;
     QHash<QString, int> m_counts;
     QList<QByteArray> m_methods;

@@ -102,7 +102,7 @@ void TestPipeline::init()
     m_history->claimWriter();
     m_notifications.clear();
     m_isShortLink = &URLExpander::isShortLink;
-    m_expand = &URLExpander::expand;
+    m_expand = [](const Link &url) { return URLExpander::expand(url, testNetwork()); };
     for (const QString &program : {u"google-chrome"_s, u"firefox-esr"_s, u"epiphany"_s})
         m_desktop->forget(program);
 }

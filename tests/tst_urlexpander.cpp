@@ -4,6 +4,10 @@
 #include <QElapsedTimer>
 #include <QFutureWatcher>
 #include <QLoggingCategory>
+#include <QProcess>
+#include <QScopeGuard>
+#include <QSslKey>
+#include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
 
@@ -30,6 +34,12 @@ private Q_SLOTS:
     void oddLocations_data();
     void oddLocations();
     void shortLinkTest();
+    void publicAddresses_data();
+    void publicAddresses();
+    void neverReachesLocalServices_data();
+    void neverReachesLocalServices();
+    void requestsGoToTheCheckedAddress();
+    void hostileWalksHoldUpNoOther();
 
 private:
     Link expand(const QString &path);
@@ -51,7 +61,8 @@ void TestURLExpander::cleanup()
 
 Link TestURLExpander::expand(const QString &path)
 {
-    QFuture<Link> future = URLExpander::expand(link(QString(m_server->baseUrl() + path)));
+    QFuture<Link> future =
+        URLExpander::expand(link(QString(m_server->baseUrl() + path)), testNetwork());
     if (!QTest::qWaitFor([&] { return future.isFinished(); }, 10000))
         qFatal("expansion did not finish");
     return future.result();
@@ -185,7 +196,7 @@ void TestURLExpander::hostileServers()
     clock.start();
     // Each ends by its deadline, and says so.
     QTest::ignoreMessage(QtCriticalMsg, "Expansion failed at step 0: The request timed out.");
-    QFuture<Link> future = URLExpander::expand(link(start));
+    QFuture<Link> future = URLExpander::expand(link(start), testNetwork());
     QVERIFY(QTest::qWaitFor([&] { return future.isFinished(); },
                             URLExpander::MaxRequests * URLExpander::RequestTimeoutMs));
     QCOMPARE(future.result().toString(), start);
@@ -241,6 +252,169 @@ void TestURLExpander::shortLinkTest()
     QVERIFY(!URLExpander::isShortLink(link(u"https://www.bit.ly/abc"_s)));
     QVERIFY(!URLExpander::isShortLink(link(u"https://notbit.ly/abc"_s)));
     QVERIFY(!URLExpander::isShortLink(link(u"mailto:bit.ly"_s)));
+}
+
+void TestURLExpander::publicAddresses_data()
+{
+    QTest::addColumn<QString>("address");
+    QTest::addColumn<bool>("isPublic");
+    const QStringList publicOnes{u"93.184.216.34"_s,   u"8.8.8.8"_s,        u"172.32.0.1"_s,
+                                 u"2606:4700::1111"_s, u"::ffff:8.8.8.8"_s, u"64:ff9b::808:808"_s};
+    for (const QString &address : publicOnes)
+        QTest::newRow(qPrintable(address)) << address << true;
+    const QStringList local{u"127.0.0.1"_s,
+                            u"127.8.9.10"_s,
+                            u"10.1.2.3"_s,
+                            u"172.31.255.255"_s,
+                            u"192.168.1.1"_s,
+                            u"169.254.169.254"_s,
+                            u"100.64.0.1"_s,
+                            u"0.0.0.0"_s,
+                            u"224.0.0.1"_s,
+                            u"255.255.255.255"_s,
+                            u"198.18.0.1"_s,
+                            u"::1"_s,
+                            u"::"_s,
+                            u"::127.0.0.1"_s,
+                            u"fe80::1"_s,
+                            u"fd00::1"_s,
+                            u"ff02::1"_s,
+                            u"::ffff:10.0.0.1"_s,
+                            u"::ffff:127.0.0.1"_s,
+                            u"64:ff9b::7f00:1"_s,
+                            u"2002:7f00:1::"_s,
+                            u"2001:db8::1"_s};
+    for (const QString &address : local)
+        QTest::newRow(qPrintable(address)) << address << false;
+}
+
+void TestURLExpander::publicAddresses()
+{
+    QFETCH(QString, address);
+    QFETCH(bool, isPublic);
+    QCOMPARE(URLExpander::isPublicAddress(QHostAddress(address)), isPublic);
+}
+
+// A redirect may name a service of the user's own machine or network, however
+// written: the walk stops there and the service never hears of it.
+void TestURLExpander::neverReachesLocalServices_data()
+{
+    QTest::addColumn<QByteArray>("location");
+    QTest::newRow("address") << QByteArray("http://127.0.0.2:%PORT%/admin");
+    QTest::newRow("IPv4 in IPv6") << QByteArray("http://[::ffff:127.0.0.2]:%PORT%/admin");
+    QTest::newRow("name") << QByteArray("http://printer.lan:%PORT%/admin");
+    QTest::newRow("name, one answer of two") << QByteArray("http://mixed.example:%PORT%/admin");
+}
+
+void TestURLExpander::neverReachesLocalServices()
+{
+    QFETCH(QByteArray, location);
+    TestHttpServer service(QHostAddress(u"127.0.0.2"_s));
+    service.serve(u"/admin"_s, "secret");
+    location.replace("%PORT%", QByteArray::number(service.port()));
+    m_server->redirect(u"/a"_s, 302, location);
+    QTest::ignoreMessage(
+        QtWarningMsg,
+        QRegularExpression(
+            u"^Expansion stopped at step 1: (::ffff:)?127.0.0.2 is a local or private address$"_s));
+    const QHostAddress local(u"127.0.0.2"_s);
+    const URLExpander::Network network =
+        testNetwork({{u"printer.lan"_s, {local}},
+                     {u"mixed.example"_s, {QHostAddress(u"93.184.216.34"_s), local}}});
+    QFuture<Link> future =
+        URLExpander::expand(link(QString(m_server->baseUrl() + u"/a"_s)), network);
+    QVERIFY(QTest::qWaitFor([&] { return future.isFinished(); }, 10000));
+    QCOMPARE(future.result().toString(), QString::fromUtf8(location));
+    QCOMPARE(service.totalRequests(), 0);
+
+    // And without the tests' allowance, the local test server itself is refused.
+    QTest::ignoreMessage(QtWarningMsg,
+                         "Expansion stopped at step 0: 127.0.0.1 is a local or private address");
+    future = URLExpander::expand(link(QString(m_server->baseUrl() + u"/a"_s)));
+    QVERIFY(QTest::qWaitFor([&] { return future.isFinished(); }, 10000));
+    QCOMPARE(m_server->requestCount(u"/a"_s), 1);
+}
+
+// The request goes to the address that was looked up and checked (no DNS knows
+// these names), while the server, and over TLS the certificate, see the name.
+void TestURLExpander::requestsGoToTheCheckedAddress()
+{
+    QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.URLExpander=false"_s);
+    const QHash<QString, QList<QHostAddress>> names{
+        {u"bit.ly"_s, {QHostAddress(QHostAddress::LocalHost)}}};
+    m_server->redirect(u"/a"_s, 301, "/b");
+    m_server->serve(u"/b"_s, {});
+    const QString plain = u"http://bit.ly:%1"_s.arg(m_server->port());
+    QFuture<Link> future = URLExpander::expand(link(QString(plain + u"/a"_s)), testNetwork(names));
+    QVERIFY(QTest::qWaitFor([&] { return future.isFinished(); }, 10000));
+    QCOMPARE(future.result().toString(), QString(plain + u"/b"_s));
+    const QByteArray hostHeader = "bit.ly:" + QByteArray::number(m_server->port());
+    QCOMPARE(m_server->hostHeaders(), (QByteArrayList{hostHeader, hostHeader}));
+
+    // A certificate for the name only, trusted for this test.
+    QTemporaryDir dir;
+    QProcess openssl;
+    openssl.start(u"openssl"_s,
+                  {u"req"_s, u"-x509"_s, u"-newkey"_s, u"ec"_s, u"-pkeyopt"_s,
+                   u"ec_paramgen_curve:prime256v1"_s, u"-nodes"_s, u"-days"_s, u"2"_s, u"-subj"_s,
+                   u"/CN=bit.ly"_s, u"-addext"_s, u"subjectAltName=DNS:bit.ly"_s, u"-keyout"_s,
+                   dir.filePath(u"key.pem"_s), u"-out"_s, dir.filePath(u"cert.pem"_s)});
+    QVERIFY(openssl.waitForFinished() && openssl.exitCode() == 0);
+    QFile certFile(dir.filePath(u"cert.pem"_s));
+    QFile keyFile(dir.filePath(u"key.pem"_s));
+    QVERIFY(certFile.open(QIODevice::ReadOnly) && keyFile.open(QIODevice::ReadOnly));
+    const QSslCertificate certificate(&certFile, QSsl::Pem);
+    QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
+    tls.setLocalCertificate(certificate);
+    tls.setPrivateKey(QSslKey(&keyFile, QSsl::Ec, QSsl::Pem));
+    const QSslConfiguration trusted = QSslConfiguration::defaultConfiguration();
+    QSslConfiguration trusting = trusted;
+    trusting.addCaCertificate(certificate);
+    QSslConfiguration::setDefaultConfiguration(trusting);
+    const auto restore = qScopeGuard([&] { QSslConfiguration::setDefaultConfiguration(trusted); });
+
+    TestHttpServer secure(QHostAddress::LocalHost, tls);
+    secure.redirect(u"/a"_s, 302, "/b");
+    secure.serve(u"/b"_s, {});
+    const QString https = u"https://bit.ly:%1"_s.arg(secure.port());
+    future = URLExpander::expand(link(QString(https + u"/a"_s)), testNetwork(names));
+    QVERIFY(QTest::qWaitFor([&] { return future.isFinished(); }, 10000));
+    QCOMPARE(future.result().toString(), QString(https + u"/b"_s));
+    QCOMPARE(secure.requestCount(u"/b"_s), 1);
+}
+
+// A server that never answers, or sends a header of megabytes, delays its own
+// walk only: walks started beside it or after it end at once.
+void TestURLExpander::hostileWalksHoldUpNoOther()
+{
+    QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.URLExpander=false"_s);
+    m_server->on(u"/hang"_s, {200, {}, true, {}, false});
+    m_server->on(u"/huge"_s,
+                 {302,
+                  {{"X-Padding", QByteArray(10 * 1024 * 1024, 'a')}, {"Location", "/after-huge"}},
+                  false,
+                  {},
+                  false});
+    m_server->redirect(u"/ok"_s, 302, "/done");
+    m_server->serve(u"/done"_s, {});
+    const auto start = [this](const QString &path) {
+        return URLExpander::expand(link(QString(m_server->baseUrl() + path)), testNetwork());
+    };
+    const QString done = m_server->baseUrl() + u"/done"_s;
+
+    QFuture<Link> hang = start(u"/hang"_s);
+    QFuture<Link> huge = start(u"/huge"_s);
+    QVERIFY(QTest::qWaitFor([&] { return m_server->requestCount(u"/huge"_s) == 1; }, 10000));
+    QFuture<Link> beside = start(u"/ok"_s);
+    QVERIFY(QTest::qWaitFor([&] { return beside.isFinished(); }, 10000));
+    QCOMPARE(beside.result().toString(), done);
+    QVERIFY(!hang.isFinished());
+
+    QVERIFY(QTest::qWaitFor([&] { return huge.isFinished(); }, 10000));
+    QFuture<Link> after = start(u"/ok"_s);
+    QVERIFY(QTest::qWaitFor([&] { return after.isFinished(); }, 10000));
+    QCOMPARE(after.result().toString(), done);
+    QVERIFY(QTest::qWaitFor([&] { return hang.isFinished(); }, 10000));
 }
 
 QTEST_GUILESS_MAIN(TestURLExpander)

@@ -23,7 +23,9 @@ struct AppServices
     ProcessLauncher &processes;
     Autostart &autostart;
     std::function<bool(const Link &)> isShortLink = &URLExpander::isShortLink;
-    std::function<QFuture<Link>(const Link &)> expand = &URLExpander::expand;
+    std::function<QFuture<Link>(const Link &)> expand = [](const Link &url) {
+        return URLExpander::expand(url);
+    };
     std::function<QDateTime()> clock = [] { return QDateTime::currentDateTime(); };
     // Tells the user what went wrong with a link nobody waits for.
     std::function<void(const QString &summary, const QString &body)> notify = &Notifications::show;

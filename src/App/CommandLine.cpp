@@ -31,7 +31,8 @@ int explain(const CommandArguments &arguments, const CommandOutput &output)
 {
     const auto settings = UserSettings::open();
     return ExplainCommand::run(arguments, output,
-                               {*settings, &URLExpander::isShortLink, &URLExpander::expand});
+                               {*settings, &URLExpander::isShortLink,
+                                [](const Link &url) { return URLExpander::expand(url); }});
 }
 
 int doctor(const CommandArguments &arguments, const CommandOutput &output)

@@ -11,6 +11,9 @@
 #include <QStringDecoder>
 #include <QThread>
 #include <QTimer>
+#include <QtEndian>
+
+#include <algorithm>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -52,15 +55,29 @@ void retire(QNetworkAccessManager *network)
     network->deleteLater();
 }
 
+QFuture<QHostInfo> systemLookUp(const QString &host)
+{
+    auto promise = std::make_shared<QPromise<QHostInfo>>();
+    promise->start();
+    QHostInfo::lookupHost(host, QCoreApplication::instance(), [promise](const QHostInfo &info) {
+        promise->addResult(info);
+        promise->finish();
+    });
+    return promise->future();
+}
+
 // One expansion: its requests keep no cookie and use no cache, so nothing one
 // server says reaches the next request.
 class Expansion final : public QObject
 {
 public:
-    explicit Expansion(const Link &url)
+    Expansion(const Link &url, Network network)
         : m_original(url)
         , m_current(url)
+        , m_network(std::move(network))
     {
+        if (!m_network.lookUp)
+            m_network.lookUp = &systemLookUp;
         m_promise.start();
     }
 
@@ -70,8 +87,8 @@ public:
             disconnect(m_reply, nullptr, this, nullptr);
             m_reply->abort();
         }
-        if (m_network)
-            retire(m_network);
+        if (m_client)
+            retire(m_client);
     }
 
     QFuture<Link> future() { return m_promise.future(); }
@@ -81,34 +98,90 @@ public:
         qCInfo(lcUrlExpander).noquote() << u"Expanding URL: %1"_s.arg(m_original.toString());
         // A client of its own, so that nothing an earlier expansion left busy
         // (a hostile server's endless header) holds this one up.
-        m_network = new QNetworkAccessManager;
-        m_network->setCookieJar(nullptr);
-        // A hard deadline per request: a server that trickles bytes must not keep
-        // the link waiting, and a coarse timer may fire early.
+        m_client = new QNetworkAccessManager;
+        m_client->setCookieJar(nullptr);
+        // A hard deadline per hop, its look-up included: a server that trickles
+        // bytes must not keep the link waiting, and a coarse timer may fire early.
         m_timer.setSingleShot(true);
         m_timer.setTimerType(Qt::PreciseTimer);
         m_timer.setInterval(RequestTimeoutMs);
         // Ends the walk at once: Qt's network thread may still be busy with what
         // the server sent (a header of megabytes) before it reports the abort.
         connect(&m_timer, &QTimer::timeout, this, [this] {
-            if (!m_reply)
-                return;
-            QNetworkReply *reply = m_reply;
-            m_reply = nullptr;
-            disconnect(reply, nullptr, this, nullptr);
-            reply->abort();
-            reply->deleteLater();
-            qCCritical(lcUrlExpander).noquote() << u"Expansion failed at step %1: %2"_s.arg(
-                QString::number(m_step), u"The request timed out."_s);
-            finish();
+            if (QNetworkReply *reply = m_reply) {
+                m_reply = nullptr;
+                disconnect(reply, nullptr, this, nullptr);
+                reply->abort();
+                reply->deleteLater();
+            }
+            fail(u"The request timed out."_s);
         });
-        sendRequest();
+        nextHop();
     }
 
 private:
-    void sendRequest()
+    void nextHop()
     {
-        QNetworkRequest request(QUrl(m_current.toString(), QUrl::StrictMode));
+        const QUrl target(m_current.toString(), QUrl::StrictMode);
+        const QString host = target.host(QUrl::FullyEncoded);
+        if (!target.isValid() || host.isEmpty()) {
+            fail(u"The link cannot be requested."_s);
+            return;
+        }
+        m_timer.start();
+        if (const QHostAddress literal(host); !literal.isNull()) {
+            if (allowed(literal))
+                send(QNetworkRequest(target));
+            return;
+        }
+        m_network.lookUp(host).then(this, [this, target, hop = m_step](const QHostInfo &info) {
+            if (!m_finished && hop == m_step)
+                lookedUp(target, info);
+        });
+    }
+
+    void lookedUp(const QUrl &target, const QHostInfo &info)
+    {
+        QList<QHostAddress> addresses = info.addresses();
+        if (info.error() != QHostInfo::NoError || addresses.isEmpty()) {
+            fail(info.errorString().isEmpty() ? u"The host was not found."_s : info.errorString());
+            return;
+        }
+        // Every answer must be allowed: a name that also points home is refused.
+        for (const QHostAddress &address : std::as_const(addresses)) {
+            if (!allowed(address))
+                return;
+        }
+        std::stable_partition(addresses.begin(), addresses.end(), [](const QHostAddress &a) {
+            return a.protocol() == QAbstractSocket::IPv4Protocol;
+        });
+        // To the address that was checked, not to the name, which may answer
+        // differently the next time it is asked. The server and the certificate
+        // still see the name.
+        QUrl pinned(target);
+        pinned.setHost(addresses.first().toString());
+        QNetworkRequest request(pinned);
+        QByteArray hostHeader = target.host(QUrl::FullyEncoded).toLatin1();
+        if (target.port() != -1)
+            hostHeader += ':' + QByteArray::number(target.port());
+        request.setRawHeader("Host", hostHeader);
+        request.setPeerVerifyName(target.host(QUrl::FullyEncoded));
+        send(std::move(request));
+    }
+
+    bool allowed(const QHostAddress &address)
+    {
+        if (m_network.mayConnect(address))
+            return true;
+        qCWarning(lcUrlExpander).noquote()
+            << u"Expansion stopped at step %1: %2 is a local or private address"_s.arg(
+                   QString::number(m_step), address.toString());
+        finish();
+        return false;
+    }
+
+    void send(QNetworkRequest request)
+    {
         request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
                              QNetworkRequest::ManualRedirectPolicy);
         request.setAttribute(QNetworkRequest::CookieLoadControlAttribute, QNetworkRequest::Manual);
@@ -116,15 +189,8 @@ private:
         request.setAttribute(QNetworkRequest::CacheSaveControlAttribute, false);
         request.setAttribute(QNetworkRequest::CacheLoadControlAttribute,
                              QNetworkRequest::AlwaysNetwork);
-        if (!request.url().isValid()) {
-            qCCritical(lcUrlExpander).noquote() << u"Expansion failed at step %1: %2"_s.arg(
-                QString::number(m_step), u"The link cannot be requested."_s);
-            finish();
-            return;
-        }
-        m_reply = m_network->head(request);
+        m_reply = m_client->head(request);
         connect(m_reply, &QNetworkReply::finished, this, &Expansion::onFinished);
-        m_timer.start();
     }
 
     void onFinished()
@@ -137,14 +203,12 @@ private:
         const QVariant statusAttribute = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
         if (!statusAttribute.isValid()) {
             if (reply->error() != QNetworkReply::NoError) {
-                const QString description = reply->errorString();
-                qCCritical(lcUrlExpander).noquote() << u"Expansion failed at step %1: %2"_s.arg(
-                    QString::number(m_step), description);
+                fail(reply->errorString());
             } else {
                 qCDebug(lcUrlExpander).noquote()
                     << u"Non-HTTP response at step %1; stopping expansion"_s.arg(m_step);
+                finish();
             }
-            finish();
             return;
         }
 
@@ -173,7 +237,7 @@ private:
             return;
         }
         ++m_step;
-        sendRequest();
+        nextHop();
     }
 
     // The first Location header, resolved against the link that was asked.
@@ -186,8 +250,19 @@ private:
         return std::nullopt;
     }
 
+    void fail(const QString &description)
+    {
+        qCCritical(lcUrlExpander).noquote()
+            << u"Expansion failed at step %1: %2"_s.arg(QString::number(m_step), description);
+        finish();
+    }
+
     void finish()
     {
+        if (m_finished)
+            return;
+        m_finished = true;
+        m_timer.stop();
         if (m_current == m_original) {
             qCDebug(lcUrlExpander).noquote()
                 << u"URL unchanged after expansion attempt: %1"_s.arg(m_original.toString());
@@ -202,9 +277,11 @@ private:
 
     Link m_original;
     Link m_current;
+    Network m_network;
     int m_step = 0;
+    bool m_finished = false;
     QPromise<Link> m_promise;
-    QNetworkAccessManager *m_network = nullptr;
+    QNetworkAccessManager *m_client = nullptr;
     QPointer<QNetworkReply> m_reply;
     QTimer m_timer;
 };
@@ -238,9 +315,46 @@ bool isShortLink(const Link &url)
     return url.hasHost() && shortDomains().contains(url.host().toLower());
 }
 
-QFuture<Link> expand(const Link &url)
+bool isPublicAddress(const QHostAddress &address)
 {
-    auto *expansion = new Expansion(url);
+    bool isIPv4 = false;
+    const quint32 ipv4 = address.toIPv4Address(&isIPv4);
+    if (isIPv4) {
+        static const QList<std::pair<QHostAddress, int>> refused = [] {
+            QList<std::pair<QHostAddress, int>> subnets;
+            for (const char *subnet :
+                 {"0.0.0.0/8", "10.0.0.0/8", "100.64.0.0/10", "127.0.0.0/8", "169.254.0.0/16",
+                  "172.16.0.0/12", "192.0.0.0/24", "192.0.2.0/24", "192.88.99.0/24",
+                  "192.168.0.0/16", "198.18.0.0/15", "198.51.100.0/24", "203.0.113.0/24",
+                  "224.0.0.0/3"})
+                subnets.append(QHostAddress::parseSubnet(QString::fromLatin1(subnet)));
+            return subnets;
+        }();
+        const QHostAddress plain(ipv4);
+        return std::none_of(refused.begin(), refused.end(),
+                            [&](const auto &subnet) { return plain.isInSubnet(subnet); });
+    }
+    if (address.protocol() != QAbstractSocket::IPv6Protocol)
+        return false;
+    // IPv4 carried in IPv6 by NAT64 or 6to4 counts as the address it carries.
+    const Q_IPV6ADDR bytes = address.toIPv6Address();
+    const auto carried = [&](int offset) {
+        return isPublicAddress(QHostAddress(qFromBigEndian<quint32>(bytes.c + offset)));
+    };
+    if (address.isInSubnet(QHostAddress::parseSubnet(u"64:ff9b::/96"_s)))
+        return carried(12);
+    if (address.isInSubnet(QHostAddress::parseSubnet(u"2002::/16"_s)))
+        return carried(2);
+    // Global unicast only, less what is set aside for documentation, benchmarks
+    // and tunnels.
+    return address.isInSubnet(QHostAddress::parseSubnet(u"2000::/3"_s))
+           && !address.isInSubnet(QHostAddress::parseSubnet(u"2001:db8::/32"_s))
+           && !address.isInSubnet(QHostAddress::parseSubnet(u"2001::/23"_s));
+}
+
+QFuture<Link> expand(const Link &url, const Network &network)
+{
+    auto *expansion = new Expansion(url, network);
     QFuture<Link> future = expansion->future();
     expansion->start();
     return future;
