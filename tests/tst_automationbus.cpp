@@ -80,6 +80,7 @@ private Q_SLOTS:
     void fallbackAndFeatures();
     void malformedCallsAreRefused();
     void hostileLinks();
+    void aBrowserThatHandsLinksBack();
     void desktopActions();
     void shellCompletion();
 
@@ -106,6 +107,17 @@ void TestAutomationBus::initTestCase()
     m_desktop->addBrowser(u"fallback-browser"_s, u"Fallback"_s);
     m_desktop->addBrowser(u"docs-browser"_s, u"Docs Browser"_s);
     m_desktop->addBrowser(u"alpha-browser"_s, u"Alpha"_s);
+    // Passes every link back to Quillvane through a script, which discovery
+    // cannot see into, and says how that ended.
+    QFile bouncer(m_desktop->root() + u"/bin/bounce-back"_s);
+    QVERIFY(bouncer.open(QIODevice::WriteOnly));
+    bouncer.write(u"#!/bin/sh\n%1 \"$1\" 2>\"%2/bounce.err\"\n"
+                  "echo $? >\"%2/bounce.new\" && mv \"%2/bounce.new\" \"%2/bounce.status\"\n"_s
+                      .arg(g_installed.program(u"quillvane-open"_s), m_desktop->root())
+                      .toUtf8());
+    bouncer.close();
+    QVERIFY(bouncer.setPermissions(bouncer.permissions() | QFile::ExeOwner));
+    m_desktop->addBrowser(u"bouncer"_s, u"Bouncer"_s, {}, bouncer.fileName() + u" %u"_s);
 
     const RoutingRule docs{QUuid::createUuid(), QString(),         QString(),   u"docs-browser"_s,
                            u"Docs Browser"_s,   u"docs.example"_s, std::nullopt};
@@ -212,14 +224,15 @@ void TestAutomationBus::listsAndQueries()
     Result result = quillvane({u"browsers"_s});
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, u"alpha-browser     Alpha\n"
+                         "bouncer           Bouncer\n"
                          "docs-browser      Docs Browser\n"
                          "fallback-browser  Fallback\n"_s);
 
     result = quillvane({u"browsers"_s, u"--json"_s});
     QCOMPARE(result.exitCode, 0);
     const QJsonArray browsers = QJsonDocument::fromJson(result.out.toUtf8()).array();
-    QCOMPARE(browsers.size(), 3);
-    QCOMPARE(browsers.at(1).toObject(),
+    QCOMPARE(browsers.size(), 4);
+    QCOMPARE(browsers.at(2).toObject(),
              (QJsonObject{{u"id"_s, u"docs-browser"_s}, {u"name"_s, u"Docs Browser"_s}}));
 
     result = quillvane({u"rules"_s, u"--json"_s});
@@ -536,6 +549,39 @@ void TestAutomationBus::malformedCallsAreRefused()
 // Links made to hurt: each is refused with a clear error or opened as one
 // argument of the browser the rules name, never read by a shell, never as an
 // option, never many times over.
+// The link goes to the bouncer once, comes back, and stops there: the
+// bouncer's forwarder hears why, the user is told, and nothing is recorded.
+void TestAutomationBus::aBrowserThatHandsLinksBack()
+{
+    m_notifications.shown.clear();
+    const QString link = u"https://bounce.example/loop"_s;
+    QCOMPARE(quillvane({u"route"_s, link, u"--browser"_s, u"bouncer"_s}).exitCode, 0);
+    QFile status(m_desktop->root() + u"/bounce.status"_s);
+    QVERIFY(QTest::qWaitFor([&] { return status.exists(); }, 10000));
+    QVERIFY(status.open(QIODevice::ReadOnly));
+    QCOMPARE(status.readAll().trimmed(), "1");
+    QFile errors(m_desktop->root() + u"/bounce.err"_s);
+    QVERIFY(errors.open(QIODevice::ReadOnly));
+    const QString said = QString::fromUtf8(errors.readAll());
+    QVERIFY2(said.contains(u"a routing loop"_s) && said.contains(u"/bin/bounce-back"_s),
+             qPrintable(said));
+    QVERIFY(QTest::qWaitFor([&] { return !m_notifications.shown.isEmpty(); }, 10000));
+    QCOMPARE(m_notifications.shown.first().first, u"Quillvane stopped a routing loop"_s);
+    QVERIFY(m_notifications.shown.first().second.startsWith(u"bounce.example\n"_s));
+    for (const ForwardingRecord &record : InstalledQuillvane::storedHistory(*m_desktop))
+        QVERIFY(record.originalURL != link);
+
+    // The same link from an application, in the same seconds, opens as ever.
+    QCOMPARE(InstalledQuillvane::run(g_installed.program(u"quillvane-open"_s), {link}).exitCode, 0);
+    const auto recorded = [&] {
+        const QList<ForwardingRecord> history = InstalledQuillvane::storedHistory(*m_desktop);
+        return std::any_of(history.cbegin(), history.cend(), [&](const ForwardingRecord &record) {
+            return record.originalURL == link;
+        });
+    };
+    QVERIFY(QTest::qWaitFor(recorded, 10000));
+}
+
 void TestAutomationBus::hostileLinks()
 {
     const auto open = [](const QStringList &links) {
@@ -649,8 +695,9 @@ void TestAutomationBus::desktopActions()
     QDBusConnection::sessionBus().asyncCall(call);
     QTRY_COMPARE_WITH_TIMEOUT(m_notifications.shown.size(), 3, 15000);
     QCOMPARE(m_notifications.shown.last(),
-             (std::pair{u"List Browsers"_s, u"Alpha (alpha-browser)\nDocs Browser (docs-browser)\n"
-                                            "Fallback (fallback-browser)"_s}));
+             (std::pair{u"List Browsers"_s,
+                        u"Alpha (alpha-browser)\nBouncer (bouncer)\nDocs Browser (docs-browser)\n"
+                        "Fallback (fallback-browser)"_s}));
 
     const Result unknown = quillvane({u"--action"_s, u"format-disk"_s});
     QCOMPARE(unknown.exitCode, 2);
@@ -670,9 +717,9 @@ void TestAutomationBus::shellCompletion()
         return InstalledQuillvane::run(u"bash"_s, {u"-c"_s, command})
             .out.split(u'\n', Qt::SkipEmptyParts);
     };
-    QCOMPARE(
-        complete(u"quillvane fallback ''"_s),
-        (QStringList{u"alpha-browser"_s, u"docs-browser"_s, u"fallback-browser"_s, u"--help"_s}));
+    QCOMPARE(complete(u"quillvane fallback ''"_s),
+             (QStringList{u"alpha-browser"_s, u"bouncer"_s, u"docs-browser"_s,
+                          u"fallback-browser"_s, u"--help"_s}));
     QCOMPARE(complete(u"quillvane feature url"_s),
              (QStringList{u"urlCleaning"_s, u"urlExpansion"_s}));
     QCOMPARE(complete(u"quillvane rule delete ''"_s).size(), storedRules().size() + 2);

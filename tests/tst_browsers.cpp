@@ -1,6 +1,7 @@
 #include "FakeDesktop.h"
 #include "Services/BrowserDiscovery.h"
 #include "Services/BrowserLauncher.h"
+#include "Services/LaunchLedger.h"
 #include "Services/ProfileLauncher.h"
 #include "TestSupport.h"
 
@@ -44,6 +45,7 @@ private Q_SLOTS:
     void profileLaunches();
     void profileLaunchFailures();
     void doctorShowsTheDesktop();
+    void theLedgerForgetsAfterItsWindow();
 
 private:
     BrowserInfo browser(const QString &id) const;
@@ -404,6 +406,27 @@ void TestBrowsers::doctorShowsTheDesktop()
     QVERIFY2(text.contains(u"  https handler:  firefox-esr\n"_s), qPrintable(text));
     QVERIFY(text.contains(u"  Google Chrome [google-chrome]\n"_s));
     QVERIFY(text.contains(u"      Me (Default)"_s));
+}
+
+// A browser started by Quillvane may live for hours: only links handed out in
+// the last seconds may count as coming back.
+void TestBrowsers::theLedgerForgetsAfterItsWindow()
+{
+    RecordingLauncher inner;
+    qint64 now = 1000;
+    LaunchLedger ledger(inner, [&now] { return now; });
+    QVERIFY(ledger.spawn({u"/bin/b"_s, u"--new-window"_s, u"https://a.example/"_s}, {}, {}));
+    QCOMPARE(inner.spawned.size(), 1);
+    (void)ledger.activate(u"/apps/c.desktop"_s, u"https://c.example/"_s, {});
+    QCOMPARE(ledger.recentlyHandedTo(u"https://a.example/"_s), u"/bin/b"_s);
+    QCOMPARE(ledger.recentlyHandedTo(u"https://c.example/"_s), u"/apps/c.desktop"_s);
+    QCOMPARE(ledger.recentlyHandedTo(u"/bin/b"_s), std::nullopt);
+    QCOMPARE(ledger.recentlyHandedTo(u"https://other.example/"_s), std::nullopt);
+
+    now += LaunchLedger::WindowMs + 1;
+    QCOMPARE(ledger.recentlyHandedTo(u"https://a.example/"_s), std::nullopt);
+    QVERIFY(ledger.spawn({u"/bin/b"_s, u"https://a.example/"_s}, {}, {}));
+    QCOMPARE(ledger.recentlyHandedTo(u"https://a.example/"_s), u"/bin/b"_s);
 }
 
 QTEST_GUILESS_MAIN(TestBrowsers)

@@ -433,6 +433,25 @@ void TestSettingsWindow::importAndExport()
              u"Unsupported config version: 2. This app supports version 1."_s);
     QCOMPARE(m_app->state->rules().size(), 2);
 
+    // A document that would send links to Quillvane itself, by its id or
+    // through an entry that runs its forwarder: refused before anything is asked.
+    m_app->entries.add(u"relay"_s).exec = u"env A=1 /usr/bin/quillvane-open %u"_s;
+    ConfigManager::ExportData looping;
+    looping.exportDate = QDateTime::currentDateTimeUtc();
+    looping.rules = {makeRule(QString(), u"a.example"_s, u"relay"_s)};
+    importing(ConfigManager::encode(looping));
+    QCOMPARE(MessageBox::lastInformTitle(), u"Import Failed"_s);
+    QCOMPARE(MessageBox::lastText(),
+             u"The configuration sends links to “relay” (a rule's browser), which hands them back "
+             "to Quillvane: they would go round for ever. Nothing was imported."_s);
+    looping.rules = {};
+    looping.defaultBrowserBundleID = u"WORK.VORPA.QUILLVANE"_s;
+    importing(ConfigManager::encode(looping));
+    QVERIFY2(MessageBox::lastText().startsWith(
+                 u"The configuration sends links to “WORK.VORPA.QUILLVANE” (the fallback"_s),
+             qPrintable(MessageBox::lastText()));
+    QCOMPARE(m_app->state->rules().size(), 2);
+
     // Three rules against two: asked, and "Cancel" keeps them.
     ConfigManager::ExportData data;
     data.exportDate = QDateTime::currentDateTimeUtc();

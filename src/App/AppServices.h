@@ -36,6 +36,4 @@ struct AppServices
                      std::function<void()> work) {
         QTimer::singleShot(delay, context, std::move(work));
     };
-
-    LaunchPlatform launchPlatform() const { return LaunchPlatform{entries, processes}; }
 };

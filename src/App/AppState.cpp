@@ -424,6 +424,32 @@ void AppState::notifyRouteFailure(const QString &link, const QString &why)
     m_services.notify(u"Quillvane could not open a link"_s, link + u'\n' + why);
 }
 
+bool AppState::isQuillvane(const QString &bundleID) const
+{
+    if (bundleID.compare(QString::fromUtf16(BuildInfo::AppId), Qt::CaseInsensitive) == 0)
+        return true;
+    const auto entry = m_services.entries.entry(bundleID);
+    return entry && BrowserDiscovery::isQuillvane(*entry);
+}
+
+std::optional<QString> AppState::refuseLoop(const Link &url,
+                                            const std::function<bool()> &cameFromOwnLaunch)
+{
+    const auto program = m_launches.recentlyHandedTo(url.toString());
+    if (!program || !cameFromOwnLaunch())
+        return std::nullopt;
+    const QString what = u"%1 handed the link straight back to Quillvane, which had just opened it "
+                         "there: a routing loop. Quillvane did not open it again; choose another "
+                         "browser for it."_s.arg(*program);
+    DiagnosticLog::write(
+        u"AppState", u"Routing loop stopped: %1 came back from %2"_s.arg(url.toString(), *program));
+    qCWarning(lcAppState).noquote() << u"Routing loop stopped: %1 came back from %2"_s.arg(
+        SystemLog::priv(url.toString()), SystemLog::priv(*program));
+    m_services.notify(u"Quillvane stopped a routing loop"_s,
+                      (url.hasHost() ? url.host() : url.toString()) + u'\n' + what);
+    return what;
+}
+
 void AppState::routeURL(const Link &url, const std::optional<SourceApp> &source,
                         const QString &activationToken, const LinkJournal::Ticket &ticket)
 {

@@ -6,6 +6,7 @@
 #include "Models/Link.h"
 #include "Models/RoutingRule.h"
 #include "Services/ConfigManager.h"
+#include "Services/LaunchLedger.h"
 #include "Services/RoutePlanner.h"
 #include "Storage/LinkJournal.h"
 #include "Storage/RuleStore.h"
@@ -70,6 +71,8 @@ public:
     RouteSettings routeSettings() const;
     // The name the browser is shown with; none when it is not installed.
     std::optional<QString> installedBrowserName(const QString &bundleID) const;
+    // Whether links sent to this id would come straight back to Quillvane.
+    bool isQuillvane(const QString &bundleID) const;
     // The same, or its id when it is not installed.
     QString browserName(const QString &bundleID) const
     {
@@ -78,6 +81,13 @@ public:
     // For the parts that route links and journal them.
     HistoryDatabase &history() const { return m_history; }
     const AppServices &services() const { return m_services; }
+    // Starts browsers through the ledger of what was just handed to them.
+    LaunchPlatform launchPlatform() { return LaunchPlatform{m_services.entries, m_launches}; }
+    // A link that Quillvane handed to a browser moments ago, coming back from
+    // a process it started (asked only then): refused, with a notification
+    // naming what sent it back. Returns the refusal.
+    std::optional<QString> refuseLoop(const Link &url,
+                                      const std::function<bool()> &cameFromOwnLaunch);
 
     // The forwarding history, newest first, filtered as the History pane
     // filters it (empty: everything); at most limit records.
@@ -168,6 +178,7 @@ private:
     RuleStore &m_store;
     HistoryDatabase &m_history;
     AppServices m_services;
+    LaunchLedger m_launches{m_services.processes};
     QTimer *m_historyRetry = nullptr;
     QList<WaitingRoute> m_waitingRoutes;
     bool m_routeStartPosted = false;

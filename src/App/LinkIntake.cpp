@@ -8,6 +8,7 @@
 #include "Services/SourceAppResolver.h"
 #include "Storage/LinkJournal.h"
 
+#include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
@@ -136,6 +137,23 @@ QStringList LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
         debugLog(u"Refusing link %1: %2"_s.arg(uri.left(200), link.error().description));
         refused.append(u"%1 (%2)"_s.arg(uri.left(200), link.error().description));
     }
+    // Only a process Quillvane started (or Quillvane itself, through a browser
+    // entry that names its bus name) can bounce a link back to it. The parent
+    // chain is read only for a link that was just handed out.
+    std::optional<bool> fromOwnLaunch;
+    const auto cameFromOwnLaunch = [&] {
+        if (!fromOwnLaunch)
+            fromOwnLaunch =
+                senderPid > 0
+                && m_resolver.descendsFrom(senderPid, QCoreApplication::applicationPid());
+        return *fromOwnLaunch;
+    };
+    links.removeIf([&](const Link &link) {
+        const auto loop = m_state.refuseLoop(link, cameFromOwnLaunch);
+        if (loop)
+            refused.append(u"%1 (%2)"_s.arg(link.toString().left(200), *loop));
+        return loop.has_value();
+    });
     if (links.isEmpty())
         return refused;
     debugLog(u"Sender PID: %1"_s.arg(senderPid));

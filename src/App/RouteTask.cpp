@@ -89,7 +89,7 @@ QString RouteTask::sourceID() const
 
 void RouteTask::runPaused(const QString &fallbackID, const QString &fallbackName)
 {
-    const LaunchPlatform platform = m_state.services().launchPlatform();
+    const LaunchPlatform platform = m_state.launchPlatform();
     BrowserLauncher::open(m_plan.working, fallbackID, m_state.browsers(), platform,
                           m_activationToken)
         .then(this, [this, fallbackID, fallbackName](const BrowserLauncher::Outcome &outcome) {
@@ -161,7 +161,7 @@ void RouteTask::route()
 
     const QString profileID = *result->profileID;
     const QString browserID = result->browserBundleID;
-    const LaunchPlatform platform = m_state.services().launchPlatform();
+    const LaunchPlatform platform = m_state.launchPlatform();
     ProfileLauncher::open(m_plan.working, *browser, profileID, platform, m_activationToken)
         .then(this, [this, browserID, targetName, credited,
                      profileID](const ProfileLauncher::Outcome &outcome) {
@@ -185,7 +185,7 @@ void RouteTask::route()
 void RouteTask::launchPlain(const QString &browserID, const QString &targetName,
                             const std::optional<QString> &credited, const QString &successLine)
 {
-    const LaunchPlatform platform = m_state.services().launchPlatform();
+    const LaunchPlatform platform = m_state.launchPlatform();
     BrowserLauncher::open(m_plan.working, browserID, m_state.browsers(), platform,
                           m_activationToken)
         .then(this, [this, browserID, targetName, credited,

@@ -19,7 +19,7 @@ IntentError launchFailed(const BrowserLauncher::LaunchError &error)
 QFuture<Answer> open(AppState &state, const Link &url, const QString &browserID,
                      const QString &success, qint64 journalEntry)
 {
-    const LaunchPlatform platform = state.services().launchPlatform();
+    const LaunchPlatform platform = state.launchPlatform();
     return BrowserLauncher::open(url, browserID, state.browsers(), platform)
         .then([success, journalEntry,
                history = &state.history()](const BrowserLauncher::Outcome &outcome) -> Answer {

@@ -46,10 +46,12 @@ std::optional<BrowserInfo> makeBrowserInfo(const DesktopEntry &entry)
     return BrowserInfo{entry.id, name, QUrl::fromLocalFile(entry.path)};
 }
 
-// An entry that starts Quillvane (or its forwarder) under another name would
-// hand every link straight back to it.
-bool runsQuillvane(const DesktopEntry &entry)
+} // namespace
+
+bool isQuillvane(const DesktopEntry &entry)
 {
+    if (entry.id.compare(QString::fromUtf16(BuildInfo::AppId), Qt::CaseInsensitive) == 0)
+        return true;
     const auto argv = ExecLine::split(entry.exec);
     if (!argv)
         return false;
@@ -63,6 +65,8 @@ bool runsQuillvane(const DesktopEntry &entry)
     return false;
 }
 
+namespace {
+
 bool isTerminalEmulator(const DesktopEntry &entry)
 {
     return entry.categories.contains(u"TerminalEmulator"_s)
@@ -74,7 +78,6 @@ QList<BrowserInfo> performDiscovery(DesktopEntries &entries)
     const QList<DesktopEntry> handlers = entries.handlersForScheme(u"https"_s);
     qCInfo(lcBrowserDiscovery).noquote() << u"HTTPS handlers: %1"_s.arg(handlers.size());
 
-    const QString self = QString::fromUtf16(BuildInfo::AppId).toLower();
     QList<BrowserInfo> result;
     QSet<QString> seen;
     for (const DesktopEntry &entry : handlers) {
@@ -85,7 +88,7 @@ QList<BrowserInfo> performDiscovery(DesktopEntries &entries)
             continue;
         }
         const QString key = browser->bundleID.toLower();
-        if (key == self || runsQuillvane(entry)) {
+        if (isQuillvane(entry)) {
             qCDebug(lcBrowserDiscovery) << "Excluding self from browser list";
             continue;
         }

@@ -14,4 +14,8 @@ QList<BrowserInfo> discoverBrowsers(DesktopEntries &entries);
 // Always a new pass, which replaces the cache.
 QList<BrowserInfo> refreshBrowsers(DesktopEntries &entries);
 
+// Whether links given to this entry would come straight back: Quillvane's own
+// entry, or one whose Exec runs Quillvane or its forwarder (also behind env).
+bool isQuillvane(const DesktopEntry &entry);
+
 } // namespace BrowserDiscovery

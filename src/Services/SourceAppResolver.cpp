@@ -154,6 +154,17 @@ std::optional<SourceApp> SourceAppResolver::resolveByParentChain(qint64 pid)
     return std::nullopt;
 }
 
+bool SourceAppResolver::descendsFrom(qint64 pid, qint64 ancestor)
+{
+    qint64 current = pid;
+    for (int depth = 0; depth <= ParentChainDepth && current > 1; ++depth) {
+        if (current == ancestor)
+            return true;
+        current = getParentPID(current).value_or(0);
+    }
+    return false;
+}
+
 std::optional<SourceApp> SourceAppResolver::burstLockedResult(qint64 now)
 {
     if (now < m_burstDeadline && m_burstSource)

@@ -28,6 +28,10 @@ public:
 
     const std::optional<SourceApp> &lastActiveApp() const { return m_lastActiveApp; }
 
+    // Whether pid is ancestor or one of its descendants, within the depth the
+    // parent chain is followed.
+    bool descendsFrom(qint64 pid, qint64 ancestor);
+
 private:
     std::optional<SourceApp> resolveByPID(qint64 pid);
     std::optional<qint64> getParentPID(qint64 pid);

@@ -102,6 +102,18 @@ void ConfigPane::exportConfig()
                            QString::number(m_state.rules().size()), QFileInfo(path).fileName()));
 }
 
+std::optional<QString>
+ConfigPane::sendsLinksToQuillvane(const ConfigManager::ExportData &config) const
+{
+    if (config.defaultBrowserBundleID && m_state.isQuillvane(*config.defaultBrowserBundleID))
+        return u"“%1” (the fallback browser)"_s.arg(*config.defaultBrowserBundleID);
+    for (const RoutingRule &rule : config.rules) {
+        if (m_state.isQuillvane(rule.targetBrowserBundleID))
+            return u"“%1” (a rule's browser)"_s.arg(rule.targetBrowserBundleID);
+    }
+    return std::nullopt;
+}
+
 void ConfigPane::importConfig()
 {
     const QString path = chooseImportFile();
@@ -121,6 +133,13 @@ void ConfigPane::importConfig()
             parsed = std::move(document).value();
         else
             failure = document.error().description();
+    }
+    if (parsed) {
+        if (const auto loop = sendsLinksToQuillvane(*parsed)) {
+            failure = u"The configuration sends links to %1, which hands them back to Quillvane: "
+                      "they would go round for ever. Nothing was imported."_s.arg(*loop);
+            parsed.reset();
+        }
     }
     if (!parsed) {
         qCCritical(lcConfigImportExport).noquote() << u"Import failed: "_s + failure;

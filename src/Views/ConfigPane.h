@@ -5,6 +5,7 @@
 #include <QWidget>
 
 #include <functional>
+#include <optional>
 
 class AppState;
 
@@ -26,6 +27,8 @@ public:
 
 private:
     void applyImport(const ConfigManager::ExportData &config);
+    // What in the document names Quillvane itself as a browser, if anything.
+    std::optional<QString> sendsLinksToQuillvane(const ConfigManager::ExportData &config) const;
 
     AppState &m_state;
 };
