@@ -1,7 +1,10 @@
 // The router over rules made from the input: the first line is the link, each
 // further line a rule ("app-id|pattern|browser", parts optional). A decision
 // names a browser of a rule or the fallback, and is the same when asked again.
+// Hosts and patterns spelt one way stay so when spelt again, and a link's
+// host, so spelt, is a pattern that matches the link.
 #include "FuzzSupport.h"
+#include "Models/HostName.h"
 #include "Models/Link.h"
 #include "Services/URLRouter.h"
 
@@ -25,8 +28,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                          std::nullopt};
         rules.append(rule);
         targets.append(rule.targetBrowserBundleID);
-        if (rule.urlPattern)
+        if (rule.urlPattern) {
             (void)URLRouter::matchesPattern(*url, *rule.urlPattern);
+            if (const auto canonical = HostName::canonicalPattern(*rule.urlPattern))
+                FUZZ_CHECK(!HostName::canonicalPattern(*canonical));
+        }
+    }
+    if (url->hasHost()) {
+        const QString host = HostName::canonical(url->hostView());
+        FUZZ_CHECK(HostName::canonical(host) == host);
+        const bool plainHost = !host.isEmpty() && !host.contains(QChar(u'*'))
+                               && !host.contains(QChar(u':')) && !host.contains(QChar(u'/'));
+        if (plainHost)
+            FUZZ_CHECK(URLRouter::matchesPattern(*url, host));
     }
     const std::optional<SourceApp> source =
         lines.size() > 1 ? std::optional(SourceApp{lines[1].section(QChar(u'|'), 0, 0), {}})

@@ -31,6 +31,7 @@ private Q_SLOTS:
     void workedExamples();
     void showsCleaningAndTrail();
     void noRouteAndPaused();
+    void showsHostsAsCompared();
     void badInput_data();
     void badInput();
     void expandsOnlyShortLinksWhenAsked();
@@ -162,6 +163,19 @@ void TestExplain::noRouteAndPaused()
     QCOMPARE(result.exitCode, 0);
     QVERIFY(result.out.contains(u"Browser:    firefox\n"_s));
     QVERIFY(result.out.contains(u"Decided by: fallback (rules are paused)"_s));
+}
+
+void TestExplain::showsHostsAsCompared()
+{
+    RuleStore store(*m_settings);
+    store.saveRules({makeRule(QString(), u"bücher.de"_s, u"firefox"_s)});
+    const Result result = explain({u"https://www.BÜCHER.de./x"_s});
+    QCOMPARE(result.exitCode, 0);
+    QVERIFY2(result.out.contains(u"\nHost:       www.xn--bcher-kva.de\n"_s),
+             qPrintable(result.out));
+    QVERIFY2(result.out.contains(u"\nDecided by: URL rule with pattern \"bücher.de\" (compared as "
+                                 "\"xn--bcher-kva.de\"), rule 1 of 1"_s),
+             qPrintable(result.out));
 }
 
 void TestExplain::badInput_data()

@@ -30,6 +30,8 @@ private Q_SLOTS:
     void followsRulesChangedInPlace();
     void matchesPattern_data();
     void matchesPattern();
+    void hostsWrittenAnotherWay_data();
+    void hostsWrittenAnotherWay();
     void domainSpecificity_data();
     void domainSpecificity();
     void trail();
@@ -191,6 +193,61 @@ void TestURLRouter::matchesPattern()
     QFETCH(QString, pattern);
     QFETCH(bool, matches);
     QCOMPARE(URLRouter::matchesPattern(link(url), pattern), matches);
+}
+
+// The same host spelt two ways, one in the link and one in the rule: the rule
+// holds, whichever way each is written; nothing else starts to match.
+void TestURLRouter::hostsWrittenAnotherWay_data()
+{
+    QTest::addColumn<QString>("url");
+    QTest::addColumn<QString>("pattern");
+    QTest::addColumn<bool>("matches");
+    const QList<std::tuple<const char *, QString, QString, bool>> rows{
+        {"Unicode rule", u"https://bücher.de/"_s, u"bücher.de"_s, true},
+        {"Unicode rule, subdomain", u"https://www.xn--bcher-kva.de/x"_s, u"bücher.de"_s, true},
+        {"capital Unicode rule", u"https://bücher.de/"_s, u"BÜCHER.DE"_s, true},
+        {"ASCII rule, Unicode link", u"https://BÜCHER.de/"_s, u"xn--bcher-kva.de"_s, true},
+        {"percent-encoded rule", u"https://bücher.de/"_s, u"b%C3%BCcher.de"_s, true},
+        {"fullwidth rule", u"https://example.com/"_s, u"ｅｘａｍｐｌｅ.com"_s, true},
+        {"ideographic full stop", u"https://example.com/"_s, u"example。com"_s, true},
+        {"final dot in the link", u"https://docs.example.com./"_s, u"example.com"_s, true},
+        {"final dot in the rule", u"https://example.com/"_s, u"example.com."_s, true},
+        {"decimal IPv4 link", u"http://2130706433/"_s, u"127.0.0.1"_s, true},
+        {"hex and short IPv4 link", u"http://0x7f.1/"_s, u"127.0.0.1"_s, true},
+        {"octal IPv4 link", u"http://0177.0.0.01/"_s, u"127.0.0.1"_s, true},
+        {"short IPv4 rule", u"http://127.0.0.1/"_s, u"127.1"_s, true},
+        {"IPv6 spelt long", u"http://[0:0:0:0:0:0:0:1]/"_s, u"::1"_s, true},
+        {"Unicode path rule", u"https://bücher.de/shop/x"_s, u"bücher.de/shop"_s, true},
+        {"Unicode rule with scheme", u"https://bücher.de/shop"_s, u"https://bücher.de/"_s, true},
+        {"Unicode wildcard rule", u"https://a.bücher.de/shop"_s, u"*.bücher.de/*"_s, true},
+        {"final dot, path rule", u"https://example.com./api"_s, u"example.com/api"_s, true},
+        // What must not change.
+        {"another host", u"https://xn--bcher-kva.de.evil.example/"_s, u"bücher.de"_s, false},
+        {"a longer name", u"https://notbücher.de/"_s, u"bücher.de"_s, false},
+        {"rule with a port", u"https://example.com:8080/"_s, u"example.com:8080"_s, false},
+        {"other address", u"http://127.0.0.2/"_s, u"127.1"_s, false},
+        {"empty rule, final dot", u"https://x./"_s, QString(), true},
+        {"empty rule", u"https://x/"_s, QString(), false},
+        {"Unicode in the path only", u"https://example.com/bücher.de"_s, u"bücher.de"_s, false},
+    };
+    for (const auto &[name, url, pattern, matches] : rows)
+        QTest::newRow(name) << url << pattern << matches;
+}
+
+void TestURLRouter::hostsWrittenAnotherWay()
+{
+    QFETCH(QString, url);
+    QFETCH(QString, pattern);
+    QFETCH(bool, matches);
+    QCOMPARE(URLRouter::matchesPattern(link(url), pattern), matches);
+    // The router itself, for URL rules and for an app's rules.
+    const QList<RoutingRule> rules{makeRule(QString(), pattern, u"url-rule"_s),
+                                   makeRule(u"app"_s, pattern, u"app-rule"_s)};
+    const auto routed = [&](std::optional<SourceApp> source) {
+        return URLRouter::route(link(url), source, rules, u"fallback"_s)->browserBundleID;
+    };
+    QCOMPARE(routed(std::nullopt), matches ? u"url-rule"_s : u"fallback"_s);
+    QCOMPARE(routed(SourceApp{u"app"_s, u"App"_s}), matches ? u"app-rule"_s : u"fallback"_s);
 }
 
 void TestURLRouter::domainSpecificity_data()

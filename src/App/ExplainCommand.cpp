@@ -1,5 +1,6 @@
 #include "App/ExplainCommand.h"
 
+#include "Models/HostName.h"
 #include "Services/RoutePlanner.h"
 #include "Services/URLCleaner.h"
 #include "Storage/RuleStore.h"
@@ -41,17 +42,22 @@ QString describe(const RoutePlan &plan, const QList<RoutingRule> &rules)
         break;
     }
     const RoutingRule &rule = rules[plan.ruleIndex];
+    // The spelling the pattern was compared in, when it is not the one stored.
+    const QString stored = rule.urlPattern.value_or(QString());
+    QString pattern = u'"' + stored + u'"';
+    if (const auto canonical = HostName::canonicalPattern(stored))
+        pattern += u" (compared as \""_s + *canonical + u"\")"_s;
     const QString number = u"rule %1 of %2 (id %3)"_s.arg(QString::number(plan.ruleIndex + 1),
                                                           QString::number(rules.size()),
                                                           JsonFields::uuidText(rule.id));
     switch (plan.decision) {
     case Decision::Combined:
-        return u"app rule for %1 with pattern \"%2\", %3"_s.arg(rule.sourceAppBundleID,
-                                                                *rule.urlPattern, number);
+        return u"app rule for %1 with pattern %2, %3"_s.arg(rule.sourceAppBundleID, pattern,
+                                                            number);
     case Decision::SourceOnly:
         return u"app rule for every link from %1, %2"_s.arg(rule.sourceAppBundleID, number);
     case Decision::UrlOnly:
-        return u"URL rule with pattern \"%1\", %2"_s.arg(*rule.urlPattern, number);
+        return u"URL rule with pattern %1, %2"_s.arg(pattern, number);
     default:
         return {};
     }
@@ -114,6 +120,8 @@ int run(const CommandArguments &arguments, const CommandOutput &output,
     }
     RoutePlanner::decide(plan, settings, policy);
 
+    // The host as the rules compare it.
+    printField(out, u"Host", HostName::canonical(plan.working.hostView()));
     printField(out, u"Rules", u"%1 stored"_s.arg(settings.rules.size()));
     if (plan.result) {
         printField(out, u"Browser", plan.result->browserBundleID);

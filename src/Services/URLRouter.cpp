@@ -1,5 +1,7 @@
 #include "Services/URLRouter.h"
 
+#include "Models/HostName.h"
+
 #include <algorithm>
 
 using namespace Qt::Literals::StringLiterals;
@@ -13,17 +15,33 @@ QString orNil(const std::optional<QString> &text)
     return text.value_or(u"nil"_s);
 }
 
-// The link as the patterns see it: its text and host, both in lower case.
-struct Subject
+// A link's text and host, both in lower case.
+struct Texts
 {
     QString text;
     std::optional<QString> host;
+};
+
+// The link as the patterns see it: as written, and again with its host in the
+// one spelling of HostName when that differs (a final dot, a numeric IPv4 form).
+struct Subject
+{
+    Texts raw;
+    std::optional<Texts> canonical;
 
     explicit Subject(const Link &url)
-        : text(url.toString().toLower())
+        : raw{url.toString().toLower(), std::nullopt}
     {
-        if (url.hasHost())
-            host = url.host().toLower();
+        if (!url.hasHost())
+            return;
+        raw.host = url.host().toLower();
+        QString host = HostName::canonical(url.hostView());
+        if (host == *raw.host)
+            return;
+        const qsizetype at = url.hostView().data() - url.toString().constData();
+        QString text = raw.text;
+        text.replace(at, raw.host->size(), host);
+        canonical = Texts{std::move(text), std::move(host)};
     }
 };
 
@@ -128,7 +146,7 @@ struct Shape
     int specificity() const { return (star || slash) ? 0 : dots + 1; }
 };
 
-bool matchesLowered(const Subject &subject, QStringView rawPattern, const Shape &shape)
+bool matchesLowered(const Texts &subject, QStringView rawPattern, const Shape &shape)
 {
     // Only a pattern beyond ASCII pays for a lower-cased copy.
     QString loweredCopy;
@@ -151,9 +169,34 @@ bool matchesLowered(const Subject &subject, QStringView rawPattern, const Shape 
     return dot >= 0 && host[dot] == u'.' && equalsAt(host, dot + 1, pattern);
 }
 
-bool matchesLowered(const Subject &subject, QStringView pattern)
+// A pattern with the host it names in the one spelling, when that differs.
+struct CanonicalPattern
 {
-    return matchesLowered(subject, pattern, Shape(pattern));
+    QString text;
+    Shape shape;
+
+    static std::optional<CanonicalPattern> of(const QString &pattern)
+    {
+        std::optional<QString> canonical = HostName::canonicalPattern(pattern);
+        if (!canonical)
+            return std::nullopt;
+        const Shape shape(*canonical);
+        return CanonicalPattern{std::move(*canonical), shape};
+    }
+};
+
+// What the pattern matches as written, and what it matches once the link's
+// host and the pattern's are both spelt one way.
+bool matches(const Subject &subject, QStringView pattern, const Shape &shape,
+             const std::optional<CanonicalPattern> &canonical)
+{
+    if (matchesLowered(subject.raw, pattern, shape))
+        return true;
+    if (!subject.canonical && !canonical)
+        return false;
+    const Texts &texts = subject.canonical ? *subject.canonical : subject.raw;
+    return canonical ? matchesLowered(texts, canonical->text, canonical->shape)
+                     : matchesLowered(texts, pattern, shape);
 }
 
 bool sameApp(const QString &a, const QString &b)
@@ -175,10 +218,12 @@ struct Plan
     {
         qsizetype index;
         Shape shape;
+        std::optional<CanonicalPattern> canonical;
     };
 
     QList<RoutingRule> rules;
-    QList<qsizetype> appRules;
+    // Every rule with a source, in stored order; a source-only one has no shape.
+    QList<Candidate> appRules;
     QList<Candidate> urlRules;
     // The trail's line for each rule, made when first needed.
     QStringList ruleLines;
@@ -208,11 +253,15 @@ struct Plan
         for (qsizetype i = 0; i < list.size(); ++i) {
             switch (list[i].kind()) {
             case RoutingRule::Kind::SourceOnly:
+                appRules.append(Candidate{i, Shape(), std::nullopt});
+                break;
             case RoutingRule::Kind::Combined:
-                appRules.append(i);
+                appRules.append(Candidate{i, Shape(*list[i].urlPattern),
+                                          CanonicalPattern::of(*list[i].urlPattern)});
                 break;
             case RoutingRule::Kind::UrlOnly:
-                candidates.append(Candidate{i, Shape(*list[i].urlPattern)});
+                candidates.append(Candidate{i, Shape(*list[i].urlPattern),
+                                            CanonicalPattern::of(*list[i].urlPattern)});
                 maxRank = std::max(maxRank, candidates.back().shape.specificity());
                 break;
             case RoutingRule::Kind::Inert:
@@ -261,14 +310,15 @@ Decision decide(const Link &url, const std::optional<SourceApp> &source,
 
     if (source) {
         std::optional<qsizetype> sourceOnly;
-        for (const qsizetype i : plan.appRules) {
+        for (const Plan::Candidate &candidate : plan.appRules) {
+            const qsizetype i = candidate.index;
             const RoutingRule &rule = rules[i];
             if (!sameApp(rule.sourceAppBundleID, source->bundleID))
                 continue;
             if (!rule.urlPattern) {
                 if (!sourceOnly)
                     sourceOnly = i;
-            } else if (matchesLowered(subject, *rule.urlPattern)) {
+            } else if (matches(subject, *rule.urlPattern, candidate.shape, candidate.canonical)) {
                 if (trail) {
                     trail->append(u"MATCHED combined rule: src=%1 pattern=%2 → %3"_s.arg(
                         rule.sourceAppBundleID, *rule.urlPattern, rule.targetBrowserBundleID));
@@ -287,7 +337,7 @@ Decision decide(const Link &url, const std::optional<SourceApp> &source,
 
     for (const Plan::Candidate &candidate : plan.urlRules) {
         const RoutingRule &rule = rules[candidate.index];
-        if (matchesLowered(subject, *rule.urlPattern, candidate.shape)) {
+        if (matches(subject, *rule.urlPattern, candidate.shape, candidate.canonical)) {
             if (trail) {
                 trail->append(u"MATCHED url-only rule: pattern=%1 → %2"_s.arg(
                     *rule.urlPattern, rule.targetBrowserBundleID));
@@ -318,7 +368,8 @@ std::optional<RouteResult> route(const Link &url, const std::optional<SourceApp>
 
 bool matchesPattern(const Link &url, QStringView pattern)
 {
-    return matchesLowered(Subject(url), pattern);
+    const QString text = pattern.toString();
+    return matches(Subject(url), pattern, Shape(pattern), CanonicalPattern::of(text));
 }
 
 int domainSpecificity(QStringView pattern)
