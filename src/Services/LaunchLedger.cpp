@@ -21,7 +21,7 @@ void LaunchLedger::note(const QString &argument, const QString &to)
     // Old entries go as new ones come, so the ledger stays as small as a few
     // seconds of launches.
     m_handed.removeIf([now](const auto &entry) { return now - entry.value().at > WindowMs; });
-    m_handed.insert(argument, Handed{to, now});
+    m_handed.insert(qHash(argument, QHashSeed::globalSeed()), Handed{to, now});
 }
 
 ProcessLauncher::Result LaunchLedger::spawn(const QStringList &argv,
@@ -44,7 +44,7 @@ QFuture<ProcessLauncher::Result> LaunchLedger::activate(const QString &desktopEn
 
 std::optional<QString> LaunchLedger::recentlyHandedTo(const QString &argument) const
 {
-    const auto found = m_handed.constFind(argument);
+    const auto found = m_handed.constFind(qHash(argument, QHashSeed::globalSeed()));
     if (found == m_handed.cend() || m_now() - found->at > WindowMs)
         return std::nullopt;
     return found->to;

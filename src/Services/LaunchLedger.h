@@ -39,5 +39,6 @@ private:
 
     ProcessLauncher &m_launcher;
     std::function<qint64()> m_now;
-    QHash<QString, Handed> m_handed;
+    // By the argument's hash: a burst of long links costs a few bytes each.
+    QHash<size_t, Handed> m_handed;
 };
