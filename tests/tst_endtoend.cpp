@@ -59,6 +59,7 @@ private Q_SLOTS:
     void killedWhileLinksArrive();
     void sessionBusRestarts();
     void twoInstancesAtOnce();
+    void systemLogKeepsLinksPrivate();
 
 private:
     int run(const QString &command, const QStringList &arguments, QString *errors = nullptr);
@@ -721,6 +722,31 @@ void TestEndToEnd::twoInstancesAtOnce()
     QCOMPARE(instancePid(), instance.processId());
     stopInstance();
     QTRY_COMPARE(instance.state(), QProcess::NotRunning);
+}
+
+// Started from a terminal, Quillvane logs to standard error: the lines name
+// no link, host or browser unless asked to (the trail file does, by design).
+void TestEndToEnd::systemLogKeepsLinksPrivate()
+{
+    stopInstance();
+    QFile::remove(m_desktop->root() + u"/burst.log"_s);
+    QProcess instance;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.remove(u"QUILLVANE_LOG_PRIVATE"_s);
+    environment.remove(u"QT_LOGGING_RULES"_s);
+    instance.setProcessEnvironment(environment);
+    instance.start(program(u"quillvane"_s), {u"https://burst.example/secret-1"_s});
+    QTRY_COMPARE_WITH_TIMEOUT(burstLog().size(), 1, 20000);
+    m_desktop->forget(u"fallback-browser"_s);
+    QCOMPARE(run(program(u"quillvane-open"_s), {u"https://secret.example/secret-2"_s}), 0);
+    QVERIFY(m_desktop->waitForRun(u"fallback-browser"_s));
+    stopInstance();
+    QTRY_COMPARE(instance.state(), QProcess::NotRunning);
+    const QByteArray errors = instance.readAllStandardError();
+    QVERIFY2(errors.contains("<private>"), errors.constData());
+    QVERIFY2(!errors.contains("secret") && !errors.contains("Fallback")
+                 && !errors.contains("burst.example"),
+             errors.constData());
 }
 
 QTEST_GUILESS_MAIN(TestEndToEnd)
