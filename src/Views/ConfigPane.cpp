@@ -106,10 +106,10 @@ std::optional<QString>
 ConfigPane::sendsLinksToQuillvane(const ConfigManager::ExportData &config) const
 {
     if (config.defaultBrowserBundleID && m_state.isQuillvane(*config.defaultBrowserBundleID))
-        return u"“%1” (the fallback browser)"_s.arg(*config.defaultBrowserBundleID);
+        return u"“%1” (the fallback browser)"_s.arg(config.defaultBrowserBundleID->left(200));
     for (const RoutingRule &rule : config.rules) {
         if (m_state.isQuillvane(rule.targetBrowserBundleID))
-            return u"“%1” (a rule's browser)"_s.arg(rule.targetBrowserBundleID);
+            return u"“%1” (a rule's browser)"_s.arg(rule.targetBrowserBundleID.left(200));
     }
     return std::nullopt;
 }
