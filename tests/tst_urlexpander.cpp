@@ -43,6 +43,10 @@ private Q_SLOTS:
 
 private:
     Link expand(const QString &path);
+    // The link the expansion ends with; fails the test if it never ends.
+    static Link finished(QFuture<Link> future);
+    // Paths on which the server stalls, drips, sends a 10 MB header or gets TLS.
+    void serveHostilePaths();
 
     std::unique_ptr<TestHttpServer> m_server;
 };
@@ -61,11 +65,27 @@ void TestURLExpander::cleanup()
 
 Link TestURLExpander::expand(const QString &path)
 {
-    QFuture<Link> future =
-        URLExpander::expand(link(QString(m_server->baseUrl() + path)), testNetwork());
+    return finished(URLExpander::expand(link(QString(m_server->baseUrl() + path)), testNetwork()));
+}
+
+Link TestURLExpander::finished(QFuture<Link> future)
+{
     if (!QTest::qWaitFor([&] { return future.isFinished(); }, 10000))
         qFatal("expansion did not finish");
     return future.result();
+}
+
+void TestURLExpander::serveHostilePaths()
+{
+    m_server->on(u"/hang"_s, {200, {}, true, {}, false});
+    m_server->on(u"/drip"_s, {200, {}, false, {}, true});
+    m_server->on(u"/huge"_s,
+                 {302,
+                  {{"X-Padding", QByteArray(10 * 1024 * 1024, 'a')}, {"Location", "/after-huge"}},
+                  false,
+                  {},
+                  false});
+    m_server->on(u"/tls"_s, {200, {}, false, {}, false});
 }
 
 void TestURLExpander::finalAnswerAtOnce()
@@ -176,15 +196,7 @@ void TestURLExpander::hostileServers()
 {
     QFETCH(QString, path);
     QFETCH(bool, https);
-    m_server->on(u"/hang"_s, {200, {}, true, {}, false});
-    m_server->on(u"/drip"_s, {200, {}, false, {}, true});
-    m_server->on(u"/huge"_s,
-                 {302,
-                  {{"X-Padding", QByteArray(10 * 1024 * 1024, 'a')}, {"Location", "/after-huge"}},
-                  false,
-                  {},
-                  false});
-    m_server->on(u"/tls"_s, {200, {}, false, {}, false});
+    serveHostilePaths();
     QString start = m_server->baseUrl() + path;
     if (https)
         start.replace(u"http://"_s, u"https://"_s);
@@ -321,17 +333,16 @@ void TestURLExpander::neverReachesLocalServices()
     const URLExpander::Network network =
         testNetwork({{u"printer.lan"_s, {local}},
                      {u"mixed.example"_s, {QHostAddress(u"93.184.216.34"_s), local}}});
-    QFuture<Link> future =
-        URLExpander::expand(link(QString(m_server->baseUrl() + u"/a"_s)), network);
-    QVERIFY(QTest::qWaitFor([&] { return future.isFinished(); }, 10000));
-    QCOMPARE(future.result().toString(), QString::fromUtf8(location));
+    QCOMPARE(finished(URLExpander::expand(link(QString(m_server->baseUrl() + u"/a"_s)), network))
+                 .toString(),
+             QString::fromUtf8(location));
     QCOMPARE(service.totalRequests(), 0);
 
     // And without the tests' allowance, the local test server itself is refused.
     QTest::ignoreMessage(QtWarningMsg,
                          "Expansion stopped at step 0: 127.0.0.1 is a local or private address");
-    future = URLExpander::expand(link(QString(m_server->baseUrl() + u"/a"_s)));
-    QVERIFY(QTest::qWaitFor([&] { return future.isFinished(); }, 10000));
+    QCOMPARE(finished(URLExpander::expand(link(QString(m_server->baseUrl() + u"/a"_s)))).toString(),
+             QString(m_server->baseUrl() + u"/a"_s));
     QCOMPARE(m_server->requestCount(u"/a"_s), 1);
 }
 
@@ -345,9 +356,9 @@ void TestURLExpander::requestsGoToTheCheckedAddress()
     m_server->redirect(u"/a"_s, 301, "/b");
     m_server->serve(u"/b"_s, {});
     const QString plain = u"http://bit.ly:%1"_s.arg(m_server->port());
-    QFuture<Link> future = URLExpander::expand(link(QString(plain + u"/a"_s)), testNetwork(names));
-    QVERIFY(QTest::qWaitFor([&] { return future.isFinished(); }, 10000));
-    QCOMPARE(future.result().toString(), QString(plain + u"/b"_s));
+    QCOMPARE(finished(URLExpander::expand(link(QString(plain + u"/a"_s)), testNetwork(names)))
+                 .toString(),
+             QString(plain + u"/b"_s));
     const QByteArray hostHeader = "bit.ly:" + QByteArray::number(m_server->port());
     QCOMPARE(m_server->hostHeaders(), (QByteArrayList{hostHeader, hostHeader}));
 
@@ -377,9 +388,9 @@ void TestURLExpander::requestsGoToTheCheckedAddress()
     secure.redirect(u"/a"_s, 302, "/b");
     secure.serve(u"/b"_s, {});
     const QString https = u"https://bit.ly:%1"_s.arg(secure.port());
-    future = URLExpander::expand(link(QString(https + u"/a"_s)), testNetwork(names));
-    QVERIFY(QTest::qWaitFor([&] { return future.isFinished(); }, 10000));
-    QCOMPARE(future.result().toString(), QString(https + u"/b"_s));
+    QCOMPARE(finished(URLExpander::expand(link(QString(https + u"/a"_s)), testNetwork(names)))
+                 .toString(),
+             QString(https + u"/b"_s));
     QCOMPARE(secure.requestCount(u"/b"_s), 1);
 }
 
@@ -388,13 +399,7 @@ void TestURLExpander::requestsGoToTheCheckedAddress()
 void TestURLExpander::hostileWalksHoldUpNoOther()
 {
     QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.URLExpander=false"_s);
-    m_server->on(u"/hang"_s, {200, {}, true, {}, false});
-    m_server->on(u"/huge"_s,
-                 {302,
-                  {{"X-Padding", QByteArray(10 * 1024 * 1024, 'a')}, {"Location", "/after-huge"}},
-                  false,
-                  {},
-                  false});
+    serveHostilePaths();
     m_server->redirect(u"/ok"_s, 302, "/done");
     m_server->serve(u"/done"_s, {});
     const auto start = [this](const QString &path) {
@@ -406,14 +411,11 @@ void TestURLExpander::hostileWalksHoldUpNoOther()
     QFuture<Link> huge = start(u"/huge"_s);
     QVERIFY(QTest::qWaitFor([&] { return m_server->requestCount(u"/huge"_s) == 1; }, 10000));
     QFuture<Link> beside = start(u"/ok"_s);
-    QVERIFY(QTest::qWaitFor([&] { return beside.isFinished(); }, 10000));
-    QCOMPARE(beside.result().toString(), done);
+    QCOMPARE(finished(beside).toString(), done);
     QVERIFY(!hang.isFinished());
 
     QVERIFY(QTest::qWaitFor([&] { return huge.isFinished(); }, 10000));
-    QFuture<Link> after = start(u"/ok"_s);
-    QVERIFY(QTest::qWaitFor([&] { return after.isFinished(); }, 10000));
-    QCOMPARE(after.result().toString(), done);
+    QCOMPARE(finished(start(u"/ok"_s)).toString(), done);
     QVERIFY(QTest::qWaitFor([&] { return hang.isFinished(); }, 10000));
 }
 
