@@ -86,6 +86,8 @@ void TestBrowsers::initTestCase()
     desktop.addBrowser(u"com.parallelsx"_s, u"Not Parallels"_s);
     desktop.addBrowser(u"gone"_s, u"Gone"_s, u"TryExec=/nonexistent/gone\n"_s);
     desktop.addBrowser(u"nameless"_s, u"x"_s);
+    // The key file reads "\\n" in a value as a line break.
+    desktop.addBrowser(u"forger"_s, u"Forger\\n[2026-01-01T00:00:00Z] \x1b[2Jforged"_s);
     desktop.writeEntry(u"nameless"_s,
                        u"[Desktop Entry]\nType=Application\nExec=%1 %u\n"
                        "MimeType=x-scheme-handler/https;\n"_s.arg(desktop.recorder(u"nameless"_s)));
@@ -119,7 +121,7 @@ void TestBrowsers::discovery()
     QTest::ignoreMessage(QtDebugMsg, "Excluding non-browser app: <private>");
     QTest::ignoreMessage(QtDebugMsg, "Skipping duplicate browser: <private>");
     QTest::ignoreMessage(QtInfoMsg, QRegularExpression(u"^HTTPS handlers: \\d+$"_s));
-    QTest::ignoreMessage(QtInfoMsg, "Discovered 12 browser(s)");
+    QTest::ignoreMessage(QtInfoMsg, "Discovered 13 browser(s)");
     const QList<BrowserInfo> browsers =
         BrowserDiscovery::refreshBrowsers(GioDesktopEntries::instance());
 
@@ -131,13 +133,16 @@ void TestBrowsers::discovery()
     // hidden entries and case-duplicates are gone.
     QCOMPARE(ids, (QStringList{u"activatable"_s, u"arc"_s, u"brave-browser"_s, u"broken-exec"_s,
                                u"chromium"_s, u"org.mozilla.firefox"_s, u"firefox-esr"_s,
-                               u"google-chrome"_s, u"chrome-with-icon"_s, u"nameless"_s,
-                               u"com.parallelsx"_s, u"WORK.VORPA.QUILLVANE.old"_s}));
+                               u"forger"_s, u"google-chrome"_s, u"chrome-with-icon"_s,
+                               u"nameless"_s, u"com.parallelsx"_s, u"WORK.VORPA.QUILLVANE.old"_s}));
     const BrowserInfo chrome = browsers[ids.indexOf(u"google-chrome"_s)];
     QCOMPARE(chrome.name, u"Google Chrome"_s);
     QCOMPARE(chrome.path.toLocalFile(),
              m_desktop->userApplications() + u"/google-chrome.desktop"_s);
     QCOMPARE(browsers[ids.indexOf(u"nameless"_s)].name, u"nameless"_s);
+    // A name is shown in menus, logs and terminals: its control characters are written out.
+    QCOMPARE(browsers[ids.indexOf(u"forger"_s)].name,
+             u"Forger\\x0A[2026-01-01T00:00:00Z] \\x1B[2Jforged"_s);
 }
 
 void TestBrowsers::discoveryIsCachedUntilRefreshed()

@@ -38,6 +38,7 @@ private Q_SLOTS:
     void aFifoNeverBlocksNorReceives();
     void sizeIsBounded();
     void journalDetection();
+    void controlCharactersAreWrittenOut();
 };
 
 void TestLogs::lineFormatAndMode()
@@ -189,6 +190,22 @@ void TestLogs::journalDetection()
     QVERIFY(!SystemLog::stderrIsJournal());
     qunsetenv("JOURNAL_STREAM");
     QVERIFY(!SystemLog::stderrIsJournal());
+}
+
+// Text from outside reaches log lines; it must neither steer the terminal that
+// shows them nor, in the system log, start a record of its own.
+void TestLogs::controlCharactersAreWrittenOut()
+{
+    TestEnvironment environment;
+    DiagnosticLog::write(u"T", u"title \x1b]0;owned\x07 bell\r\nnext");
+    QCOMPARE(readFile(environment.diagnosticLogPath()).split(']').mid(2).join(']'),
+             QByteArray(" title \\x1B]0;owned\\x07 bell\\x0D\nnext\n"));
+
+    const QString record = SystemLog::formatForStderr(
+        QtWarningMsg, "work.vorpa.Quillvane.URLRouter",
+        u"Routed https://e.com/\nquillvane[AppState] error: forged \x1b[2J"_s);
+    QCOMPARE(record, u"quillvane[URLRouter] warning: Routed https://e.com/\\x0Aquillvane[AppState] "
+                     "error: forged \\x1B[2J\n"_s);
 }
 
 QTEST_GUILESS_MAIN(TestLogs)

@@ -309,6 +309,19 @@ void TestURLRouter::trail()
     lines.clear();
     route(link(u"https://x.org/"_s), std::nullopt, workedExampleRules(), u"fb"_s);
     QCOMPARE(lines.mid(7), (QStringList{u"No rule matched"_s, u"Using fallback browser: fb"_s}));
+    // A rule made by a script carries a line break and a terminal escape: the
+    // trail shows them written out, one line per message still.
+    lines.clear();
+    const QString forged = u"app\n[2026-01-01T00:00:00Z] forged"_s;
+    route(link(u"https://x.org/"_s), source(forged),
+          {makeRule(forged, u"x.org\n\x1b]0;t\x07"_s, u"b"_s), makeRule(forged, {}, u"b\rx"_s)},
+          u"fb"_s);
+    QCOMPARE(lines.value(1), u"  rule[0]: src=app\\x0A[2026-01-01T00:00:00Z] forged "
+                             "pattern=x.org\\x0A\\x1B]0;t\\x07 → b"_s);
+    QCOMPARE(lines.last(),
+             u"MATCHED source-only rule: app\\x0A[2026-01-01T00:00:00Z] forged → b\\x0Dx"_s);
+    for (const QString &line : std::as_const(lines))
+        QVERIFY2(!line.contains(u'\n') && !line.contains(u'\x1b'), qPrintable(line));
 }
 
 namespace {

@@ -2,6 +2,7 @@
 
 #include "App/BuildInfo.h"
 #include "App/RouteTask.h"
+#include "Models/DisplayText.h"
 #include "Platform/DiagnosticLog.h"
 #include "Platform/SystemLog.h"
 #include "Services/BrowserDiscovery.h"
@@ -83,9 +84,9 @@ AppState::AppState(RuleStore &store, HistoryDatabase &history, AppServices servi
             m_defaultBrowserBundleID)};
         for (qsizetype i = 0; i < m_rules.size(); ++i) {
             const RoutingRule &rule = m_rules[i];
-            lines.append(u"  rule[%1]: %2 (%3) → %4 (%5)"_s.arg(
+            lines.append(DisplayText::escapeControls(u"  rule[%1]: %2 (%3) → %4 (%5)"_s.arg(
                 QString::number(i), rule.sourceAppName, rule.sourceAppBundleID,
-                rule.targetBrowserName, rule.targetBrowserBundleID));
+                rule.targetBrowserName, rule.targetBrowserBundleID)));
         }
         for (const BrowserInfo &browser : std::as_const(m_browsers))
             lines.append(u"  browser: %1 (%2)"_s.arg(browser.name, browser.bundleID));
@@ -441,8 +442,9 @@ std::optional<QString> AppState::refuseLoop(const Link &url,
     const QString what = u"%1 handed the link straight back to Quillvane, which had just opened it "
                          "there: a routing loop. Quillvane did not open it again; choose another "
                          "browser for it."_s.arg(*program);
-    DiagnosticLog::write(
-        u"AppState", u"Routing loop stopped: %1 came back from %2"_s.arg(url.toString(), *program));
+    DiagnosticLog::write(u"AppState", DisplayText::escapeControls(
+                                          u"Routing loop stopped: %1 came back from %2"_s.arg(
+                                              url.toString(), *program)));
     qCWarning(lcAppState).noquote() << u"Routing loop stopped: %1 came back from %2"_s.arg(
         SystemLog::priv(url.toString()), SystemLog::priv(*program));
     m_services.notify(u"Quillvane stopped a routing loop"_s,

@@ -4,6 +4,7 @@
 #include "App/DesktopActions.h"
 #include "Automation/BusNames.h"
 #include "Automation/SettingsActions.h"
+#include "Models/DisplayText.h"
 #include "Platform/DiagnosticLog.h"
 #include "Services/SourceAppResolver.h"
 #include "Storage/LinkJournal.h"
@@ -104,7 +105,8 @@ void LinkIntake::Open(const QStringList &uris, const QVariantMap &platformData)
 void LinkIntake::ActivateAction(const QString &actionName, const QVariantList &,
                                 const QVariantMap &)
 {
-    debugLog(u"ActivateAction requested: "_s + actionName.left(100));
+    const QString shownName = DisplayText::escapeControls(actionName.left(100));
+    debugLog(u"ActivateAction requested: "_s + shownName);
     if (DesktopActions::isKnown(actionName)) {
         if (onAction)
             onAction(actionName);
@@ -112,7 +114,7 @@ void LinkIntake::ActivateAction(const QString &actionName, const QVariantList &,
     }
     if (calledFromDBus())
         sendErrorReply(QDBusError::NotSupported,
-                       u"Quillvane has no action named \"%1\"."_s.arg(actionName.left(100)));
+                       u"Quillvane has no action named \"%1\"."_s.arg(shownName));
 }
 
 QStringList LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
@@ -134,8 +136,10 @@ QStringList LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
             links.append(std::move(link).value());
             continue;
         }
-        debugLog(u"Refusing link %1: %2"_s.arg(uri.left(200), link.error().description));
-        refused.append(u"%1 (%2)"_s.arg(uri.left(200), link.error().description));
+        // What was refused is shown as text: it may hold the line break that refused it.
+        const QString shownLink = DisplayText::escapeControls(QStringView(uri).left(200));
+        debugLog(u"Refusing link %1: %2"_s.arg(shownLink, link.error().description));
+        refused.append(u"%1 (%2)"_s.arg(shownLink, link.error().description));
     }
     // Only a process Quillvane started (or Quillvane itself, through a browser
     // entry that names its bus name) can bounce a link back to it. The parent
@@ -162,8 +166,8 @@ QStringList LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
         debugLog(u"No valid sender PID"_s);
     } else {
         source = m_resolver.resolve(senderPid);
-        debugLog(u"Resolved source app: %1 (%2)"_s.arg(source ? source->name : u"nil"_s,
-                                                       source ? source->bundleID : u"nil"_s));
+        debugLog(DisplayText::escapeControls(u"Resolved source app: %1 (%2)"_s.arg(
+            source ? source->name : u"nil"_s, source ? source->bundleID : u"nil"_s)));
     }
     QList<LinkJournal::Entry> entries;
     const QDateTime now = m_state.services().clock();

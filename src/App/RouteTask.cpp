@@ -1,6 +1,7 @@
 #include "App/RouteTask.h"
 
 #include "App/AppState.h"
+#include "Models/DisplayText.h"
 #include "Platform/DiagnosticLog.h"
 #include "Platform/SystemLog.h"
 #include "Services/BrowserLauncher.h"
@@ -50,9 +51,10 @@ void RouteTask::start(AppState &state, RouteReports reports, const Link &url,
 {
     const QString name = source ? source->name : u"unknown"_s;
     const QString id = source ? source->bundleID : u"nil"_s;
-    debugLog(u"routeURL() — url=%1, source=%2 (%3), rules=%4, fallback=%5, rulesEnabled=%6"_s.arg(
-        url.toString(), name, id, QString::number(state.rules().size()),
-        state.defaultBrowserBundleID(), boolText(state.rulesEnabled())));
+    debugLog(DisplayText::escapeControls(
+        u"routeURL() — url=%1, source=%2 (%3), rules=%4, fallback=%5, rulesEnabled=%6"_s.arg(
+            url.toString(), name, id, QString::number(state.rules().size()),
+            state.defaultBrowserBundleID(), boolText(state.rulesEnabled()))));
 
     const RoutePolicy policy = RoutePolicy::routing(DiagnosticLog::isEnabled());
     RoutePlan plan = RoutePlanner::prepare(url, source, state.routeSettings(), policy);
@@ -67,7 +69,8 @@ void RouteTask::start(AppState &state, RouteReports reports, const Link &url,
         const QString fallbackName = state.browserName(fallbackID);
         task->m_reports.status(
             u"⏸ %1 → %2: %3"_s.arg(name, fallbackName, hostOrText(task->m_plan.working)));
-        debugLog(u"routeURL() — Rules paused → fallback %1 (%2)"_s.arg(fallbackID, fallbackName));
+        debugLog(DisplayText::escapeControls(
+            u"routeURL() — Rules paused → fallback %1 (%2)"_s.arg(fallbackID, fallbackName)));
         QMetaObject::invokeMethod(
             task, [task, fallbackID, fallbackName] { task->runPaused(fallbackID, fallbackName); },
             Qt::QueuedConnection);
@@ -145,8 +148,8 @@ void RouteTask::route()
     const QString profilePart = result->profileID ? u" [%1]"_s.arg(*result->profileID) : QString();
     m_reports.status(
         u"%1 → %2%3: %4"_s.arg(sourceName(), targetName, profilePart, hostOrText(m_plan.working)));
-    debugLog(u"routeURL() — target=%1 (%2) profile=%3"_s.arg(
-        result->browserBundleID, targetName, result->profileID.value_or(u"default"_s)));
+    debugLog(DisplayText::escapeControls(u"routeURL() — target=%1 (%2) profile=%3"_s.arg(
+        result->browserBundleID, targetName, result->profileID.value_or(u"default"_s))));
 
     const QList<BrowserInfo> &browsers = m_state.browsers();
     const auto browser =
@@ -166,17 +169,17 @@ void RouteTask::route()
         .then(this, [this, browserID, targetName, credited,
                      profileID](const ProfileLauncher::Outcome &outcome) {
             if (outcome) {
-                debugLog(
-                    u"routeURL() — SUCCESS opened in %1 profile %2"_s.arg(targetName, profileID));
+                debugLog(DisplayText::escapeControls(
+                    u"routeURL() — SUCCESS opened in %1 profile %2"_s.arg(targetName, profileID)));
                 qCInfo(lcRoute).noquote() << u"Routed %1 → %2 (from: %3)"_s.arg(
                     SystemLog::priv(m_plan.working.toString()), SystemLog::priv(targetName),
                     SystemLog::priv(sourceName()));
                 opened(browserID, targetName, credited);
                 return;
             }
-            debugLog(
+            debugLog(DisplayText::escapeControls(
                 u"routeURL() — ProfileLauncher failed: %1, falling back to BrowserLauncher"_s.arg(
-                    outcome.error().description()));
+                    outcome.error().description())));
             launchPlain(browserID, targetName, credited,
                         u"routeURL() — SUCCESS opened in %1 (fallback)"_s.arg(targetName));
         });
@@ -228,7 +231,8 @@ void RouteTask::failed(const QString &statusText, const QString &diagnosticLine,
                        const QString &logLine, const QString &userText)
 {
     m_reports.status(statusText);
-    debugLog(diagnosticLine);
+    // Launch errors quote entries, folders and profiles: text from outside.
+    debugLog(DisplayText::escapeControls(diagnosticLine));
     qCCritical(lcRoute).noquote() << logLine;
     LinkJournal::finish(m_state.history(), m_ticket.entry);
     m_reports.failure(hostOrText(m_plan.working), userText);

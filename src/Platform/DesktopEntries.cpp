@@ -1,5 +1,7 @@
 #include "Platform/DesktopEntries.h"
 
+#include "Models/DisplayText.h"
+
 #include <QFile>
 
 #include <gio/gdesktopappinfo.h>
@@ -32,8 +34,10 @@ DesktopEntry toEntry(GDesktopAppInfo *info)
     DesktopEntry entry;
     entry.id = idWithoutSuffix(g_app_info_get_id(G_APP_INFO(info)));
     entry.path = fromUtf8(g_desktop_app_info_get_filename(info));
+    // A name is only ever shown; written as "Name=Tom\nJerry" (which the
+    // key file reads as a line break) it would forge lines wherever it is.
     if (g_desktop_app_info_has_key(info, "Name"))
-        entry.name = fromUtf8(g_app_info_get_name(G_APP_INFO(info)));
+        entry.name = DisplayText::escapeControls(fromUtf8(g_app_info_get_name(G_APP_INFO(info))));
     entry.exec = takeUtf8(g_desktop_app_info_get_string(info, "Exec"));
     entry.tryExec = takeUtf8(g_desktop_app_info_get_string(info, "TryExec"));
     entry.icon = takeUtf8(g_desktop_app_info_get_string(info, "Icon"));

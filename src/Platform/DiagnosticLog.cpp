@@ -1,5 +1,7 @@
 #include "Platform/DiagnosticLog.h"
 
+#include "Models/DisplayText.h"
+
 #include <QDateTime>
 #include <QFile>
 
@@ -71,11 +73,17 @@ void appendToFile(const QByteArray &bytes)
     ::close(fd);
 }
 
-// The message, cut to MaxLineLength characters.
-QString fitted(QStringView message)
+// The message, cut to MaxLineLength characters, with its control characters
+// written out but for line feeds and tabs: a caller's line feed is its own
+// choice, while an escape sequence would steer the terminal that shows the
+// trail. Text from outside is escaped whole where a message takes it in
+// (DisplayText::escapeControls), so that it cannot forge a line.
+QString fitted(QStringView raw)
 {
+    const QString shown = DisplayText::forTerminal(raw);
+    const QStringView message = shown;
     if (message.size() <= MaxLineLength)
-        return message.toString();
+        return shown;
     qsizetype kept = MaxLineLength;
     if (message[kept - 1].isHighSurrogate())
         --kept; // not half a character

@@ -1,5 +1,7 @@
 #include "Platform/SystemLog.h"
 
+#include "Models/DisplayText.h"
+
 #include <sys/stat.h>
 #include <syslog.h>
 #include <systemd/sd-journal.h>
@@ -67,7 +69,7 @@ QByteArray shortCategory(const char *category)
 void handler(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
     if (g_toJournal) {
-        const QByteArray text = message.toUtf8();
+        const QByteArray text = DisplayText::escapeControls(message).toUtf8();
         const int sent =
             sd_journal_send("MESSAGE=%s", text.constData(), "PRIORITY=%i", priorityOf(type),
                             "SYSLOG_IDENTIFIER=quillvane", "QUILLVANE_CATEGORY=%s",
@@ -116,7 +118,8 @@ bool stderrIsJournal()
 QString formatForStderr(QtMsgType type, const char *category, const QString &message)
 {
     return u"quillvane[%1] %2: %3\n"_s.arg(QString::fromUtf8(shortCategory(category)),
-                                           QLatin1StringView(levelName(type)), message);
+                                           QLatin1StringView(levelName(type)),
+                                           DisplayText::escapeControls(message));
 }
 
 void install()

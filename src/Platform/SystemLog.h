@@ -17,13 +17,15 @@ QString priv(const QString &value);
 void setShowPrivate(bool show);
 
 // Sends every Qt log record to the systemd journal when stderr is connected to
-// it, and to stderr otherwise.
+// it, and to stderr otherwise. Control characters in a record are written out
+// ("\x0A"), so that text from outside can neither forge a record nor steer the
+// terminal that shows it.
 void install();
 
 // True when stderr is the journal's stream (JOURNAL_STREAM names its device and inode).
 bool stderrIsJournal();
 
-// The line written to stderr for one record.
+// The line written to stderr for one record: always exactly one line.
 QString formatForStderr(QtMsgType type, const char *category, const QString &message);
 
 } // namespace SystemLog

@@ -1,5 +1,6 @@
 #include "Services/SourceAppResolver.h"
 
+#include "Models/DisplayText.h"
 #include "Platform/DiagnosticLog.h"
 #include "Platform/SystemLog.h"
 
@@ -40,7 +41,7 @@ private:
 
 QString describe(const SourceApp &app)
 {
-    return u"%1 (%2)"_s.arg(app.name, app.bundleID);
+    return DisplayText::escapeControls(u"%1 (%2)"_s.arg(app.name, app.bundleID));
 }
 
 qint64 monotonicMs()

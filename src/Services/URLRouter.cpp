@@ -1,5 +1,6 @@
 #include "Services/URLRouter.h"
 
+#include "Models/DisplayText.h"
 #include "Models/HostName.h"
 
 #include <algorithm>
@@ -10,9 +11,16 @@ namespace URLRouter {
 
 namespace {
 
+// A rule's text as the trail shows it: patterns, ids and names may come from a
+// script, and a line break in one would forge a line of the trail.
+QString shown(QStringView text)
+{
+    return DisplayText::escapeControls(text);
+}
+
 QString orNil(const std::optional<QString> &text)
 {
-    return text.value_or(u"nil"_s);
+    return text ? shown(*text) : u"nil"_s;
 }
 
 // A link's text and host, both in lower case.
@@ -236,8 +244,8 @@ struct Plan
             for (qsizetype i = 0; i < rules.size(); ++i) {
                 const RoutingRule &rule = rules[i];
                 ruleLines.append(u"  rule[%1]: src=%2 pattern=%3 → %4"_s.arg(
-                    QString::number(i), rule.sourceAppBundleID, orNil(rule.urlPattern),
-                    rule.targetBrowserBundleID));
+                    QString::number(i), shown(rule.sourceAppBundleID), orNil(rule.urlPattern),
+                    shown(rule.targetBrowserBundleID)));
             }
         }
         return ruleLines;
@@ -301,8 +309,8 @@ Decision decide(const Link &url, const std::optional<SourceApp> &source,
     Plan &plan = planFor(rules);
     if (trail) {
         trail->append(u"route() called — url=%1, source=%2, rules=%3, fallback=%4"_s.arg(
-            url.toString(), source ? source->bundleID : u"nil"_s, QString::number(rules.size()),
-            defaultBrowserBundleID));
+            url.toString(), source ? shown(source->bundleID) : u"nil"_s,
+            QString::number(rules.size()), shown(defaultBrowserBundleID)));
         trail->append(plan.trailLines());
     }
 
@@ -321,7 +329,8 @@ Decision decide(const Link &url, const std::optional<SourceApp> &source,
             } else if (matches(subject, *rule.urlPattern, candidate.shape, candidate.canonical)) {
                 if (trail) {
                     trail->append(u"MATCHED combined rule: src=%1 pattern=%2 → %3"_s.arg(
-                        rule.sourceAppBundleID, *rule.urlPattern, rule.targetBrowserBundleID));
+                        shown(rule.sourceAppBundleID), shown(*rule.urlPattern),
+                        shown(rule.targetBrowserBundleID)));
                 }
                 return matched(Decision::Kind::Combined, rule, i);
             }
@@ -330,7 +339,7 @@ Decision decide(const Link &url, const std::optional<SourceApp> &source,
             const RoutingRule &rule = rules[*sourceOnly];
             if (trail)
                 trail->append(u"MATCHED source-only rule: %1 → %2"_s.arg(
-                    rule.sourceAppBundleID, rule.targetBrowserBundleID));
+                    shown(rule.sourceAppBundleID), shown(rule.targetBrowserBundleID)));
             return matched(Decision::Kind::SourceOnly, rule, *sourceOnly);
         }
     }
@@ -340,7 +349,7 @@ Decision decide(const Link &url, const std::optional<SourceApp> &source,
         if (matches(subject, *rule.urlPattern, candidate.shape, candidate.canonical)) {
             if (trail) {
                 trail->append(u"MATCHED url-only rule: pattern=%1 → %2"_s.arg(
-                    *rule.urlPattern, rule.targetBrowserBundleID));
+                    shown(*rule.urlPattern), shown(rule.targetBrowserBundleID)));
             }
             return matched(Decision::Kind::UrlOnly, rule, candidate.index);
         }
@@ -354,7 +363,7 @@ Decision decide(const Link &url, const std::optional<SourceApp> &source,
         return Decision{};
     }
     if (trail)
-        trail->append(u"Using fallback browser: %1"_s.arg(defaultBrowserBundleID));
+        trail->append(u"Using fallback browser: %1"_s.arg(shown(defaultBrowserBundleID)));
     return Decision{Decision::Kind::Fallback, RouteResult{defaultBrowserBundleID, std::nullopt},
                     -1};
 }
