@@ -31,10 +31,11 @@ namespace {
 class TimedLauncher final : public ProcessLauncher
 {
 public:
-    Result spawn(const QStringList &, const QString &, const QString &) override
+    Expected<Verdict, QString> spawn(const QStringList &, const QString &,
+                                     const QString &) override
     {
         launchedAt = clock.nsecsElapsed();
-        return {};
+        return QtFuture::makeReadyFuture(Result());
     }
     QFuture<Result> activate(const QString &, const QString &, const QString &) override
     {

@@ -70,7 +70,7 @@ BENCHMARK(BM_BuildStatusMenu)->Unit(benchmark::kMillisecond);
 // Made, shown and painted once, as on the first "Settings...".
 void openSettingsWindow(Fixture &f)
 {
-    SettingsWindow window(*f.state, {GioDesktopEntries::instance(), {}, {}}, [] {});
+    SettingsWindow window(*f.state, {GioDesktopEntries::instance(), {}}, [] {});
     window.show();
     QApplication::processEvents();
     window.repaint();

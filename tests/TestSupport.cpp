@@ -97,7 +97,10 @@ ForwardingRecord makeRecord(const QString &url, std::optional<QString> source,
                             source,
                             u"com."_s + browser.toLower(),
                             browser,
-                            std::move(rule)};
+                            std::move(rule),
+                            std::nullopt,
+                            std::nullopt,
+                            std::nullopt};
 }
 
 void writeFile(const QString &path, const QByteArray &contents)
@@ -129,18 +132,18 @@ AppState &AppFixture::start()
     return *state;
 }
 
-ProcessLauncher::Result RecordingLauncher::spawn(const QStringList &argv, const QString &,
-                                                 const QString &)
+Expected<ProcessLauncher::Verdict, QString>
+RecordingLauncher::spawn(const QStringList &argv, const QString &, const QString &)
 {
     spawned.append(argv);
-    if (!failWhenArgumentStartsWith.isEmpty()) {
-        const bool matches =
-            std::any_of(argv.cbegin(), argv.cend(), [this](const QString &argument) {
-                return argument.startsWith(failWhenArgumentStartsWith);
-            });
-        return matches ? failure : Result();
-    }
-    return failure;
+    bool fails = !failure;
+    if (!failWhenArgumentStartsWith.isEmpty())
+        fails = fails && std::any_of(argv.cbegin(), argv.cend(), [this](const QString &argument) {
+                    return argument.startsWith(failWhenArgumentStartsWith);
+                });
+    if (fails)
+        return failure.error();
+    return QtFuture::makeReadyFuture(verdict);
 }
 
 QFuture<ProcessLauncher::Result>

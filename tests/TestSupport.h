@@ -55,8 +55,8 @@ Link link(QStringView text);
 class RecordingLauncher final : public ProcessLauncher
 {
 public:
-    Result spawn(const QStringList &argv, const QString &workingDirectory,
-                 const QString &token) override;
+    Expected<Verdict, QString> spawn(const QStringList &argv, const QString &workingDirectory,
+                                     const QString &token) override;
     QFuture<Result> activate(const QString &path, const QString &link,
                              const QString &token) override;
 
@@ -64,6 +64,8 @@ public:
     QList<QStringList> activated;
     Result failure;
     QString failWhenArgumentStartsWith;
+    // What the started programs did in their first moments.
+    Result verdict;
 };
 
 // A desktop registry held in memory: its applications are entries (the

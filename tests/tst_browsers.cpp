@@ -17,6 +17,15 @@
 using namespace Qt::Literals::StringLiterals;
 
 namespace {
+LaunchOptions withToken(const QString &token)
+{
+    LaunchOptions options;
+    options.activationToken = token;
+    return options;
+}
+} // namespace
+
+namespace {
 
 template<typename T> T waitFor(QFuture<T> future)
 {
@@ -166,7 +175,7 @@ void TestBrowsers::launchByIdIgnoringCase()
         BrowserDiscovery::discoverBrowsers(GioDesktopEntries::instance());
     m_desktop->forget(u"chromium"_s);
     const auto outcome = waitFor(BrowserLauncher::open(link(u"https://e.com/"_s), u"CHROMIUM"_s,
-                                                       browsers, m_platform, u"token-1"_s));
+                                                       browsers, m_platform, withToken(u"token-1"_s)));
     QVERIFY(outcome);
     QVERIFY(m_desktop->waitForRun(u"chromium"_s));
     QCOMPARE(m_desktop->arguments(u"chromium"_s), QStringList{u"https://e.com/"_s});
@@ -301,7 +310,7 @@ void TestBrowsers::dbusActivatableEntriesAreActivated()
     RecordingLauncher launcher;
     const LaunchPlatform platform{GioDesktopEntries::instance(), launcher};
     QVERIFY(waitFor(BrowserLauncher::open(link(u"https://e.com/"_s), browser(u"activatable"_s),
-                                          platform, u"t"_s)));
+                                          platform, withToken(u"t"_s))));
     QVERIFY(launcher.spawned.isEmpty());
     QCOMPARE(launcher.activated,
              (QList<QStringList>{{m_desktop->userApplications() + u"/activatable.desktop"_s,
@@ -325,7 +334,7 @@ void TestBrowsers::profileLaunches()
                          "Launching Chromium at <private> with profile <private> for <private>");
     QTest::ignoreMessage(QtInfoMsg, "Successfully launched Chromium with profile <private>");
     QVERIFY(waitFor(ProfileLauncher::open(link(u"https://e.com/"_s), edge, u"Profile 2"_s,
-                                          m_profilePlatform, u"tk"_s)));
+                                          m_profilePlatform, withToken(u"tk"_s))));
     QVERIFY(m_desktop->waitForRun(u"microsoft-edge"_s));
     QCOMPARE(m_desktop->arguments(u"microsoft-edge"_s),
              (QStringList{u"--profile-directory=Profile 2"_s, u"https://e.com/"_s}));

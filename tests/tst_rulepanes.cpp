@@ -77,7 +77,7 @@ private Q_SLOTS:
 private:
     RuleEditServices services()
     {
-        return {m_app->entries, [this] { return m_running; }, ProfileDiscovery::discoverProfiles};
+        return {m_app->entries, [this] { return m_running; }};
     }
     template<typename Sheet> Sheet *sheetOf(RuleListView &pane)
     {

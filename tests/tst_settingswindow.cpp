@@ -204,7 +204,7 @@ void TestSettingsWindow::namesInTheMenuAreShownAsWritten()
 
 void TestSettingsWindow::window()
 {
-    SettingsWindow window(*m_app->state, {m_app->entries, {}, {}}, [] {});
+    SettingsWindow window(*m_app->state, {m_app->entries, {}}, [] {});
     QCOMPARE(window.windowTitle(), u"Quillvane Settings"_s);
     QCOMPARE(window.size(), QSize(520, 520));
     QCOMPARE(window.minimumSize(), QSize(400, 300));
@@ -230,7 +230,7 @@ void TestSettingsWindow::keyboard()
 {
     HistoryStore::record(*m_app->history,
                          makeRecord(u"https://a.example/"_s, u"Mail"_s, u"Safari"_s));
-    SettingsWindow window(*m_app->state, {m_app->entries, {}, {}}, [] {});
+    SettingsWindow window(*m_app->state, {m_app->entries, {}}, [] {});
     window.show();
     QVERIFY(QTest::qWaitForWindowActive(&window));
     QTabWidget &tabs = window.tabs();

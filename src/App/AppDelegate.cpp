@@ -182,8 +182,7 @@ RuleEditServices AppDelegate::ruleEditServices()
                 return m_processApps
                            ? RunningApps::running(*m_processApps, GioDesktopEntries::instance())
                            : QList<RunningAppInfo>();
-            },
-            ProfileDiscovery::discoverProfiles};
+            }};
 }
 
 void AppDelegate::setupStatusItem()

@@ -5,6 +5,7 @@
 #include "Platform/DesktopEntries.h"
 #include "Platform/Notifications.h"
 #include "Platform/ProcessLauncher.h"
+#include "Services/ProfileDiscovery.h"
 #include "Services/URLExpander.h"
 
 #include <QDateTime>
@@ -27,6 +28,9 @@ struct AppServices
         return URLExpander::expand(url);
     };
     std::function<QDateTime()> clock = [] { return QDateTime::currentDateTime(); };
+    // A browser's profiles, as its own files list them now.
+    std::function<QList<BrowserProfile>(const QString &bundleID)> profiles =
+        &ProfileDiscovery::discoverProfiles;
     // Tells the user what went wrong with a link nobody waits for.
     std::function<void(const QString &summary, const QString &body)> notify = &Notifications::show;
     // Runs work on context's thread after a delay, unless context is gone by then.

@@ -7,6 +7,7 @@
 #include "Platform/SystemLog.h"
 #include "Services/BrowserDiscovery.h"
 #include "Services/DefaultBrowserRegistration.h"
+#include "Services/ExecLine.h"
 #include "Services/LaunchAtLoginManager.h"
 #include "Services/URLCleaner.h"
 #include "Services/URLRouter.h"
@@ -50,6 +51,21 @@ QCollator caseInsensitiveCollator()
 namespace {
 // How often what the history database did not take is offered to it again.
 constexpr int HistoryRetryMs = 2000;
+
+// The readable ones; a damaged entry costs that browser its settings, no more.
+QList<BrowserPreference> loadBrowserPreferences(const QSettings &settings)
+{
+    const auto data = SettingsKeys::read(settings, SettingsKeys::BrowserPreferences);
+    if (!data)
+        return {};
+    QList<DecodeError> skipped;
+    auto preferences = BrowserPreference::listFromJson(*data, &skipped);
+    if (!preferences || !skipped.isEmpty())
+        qCWarning(lcAppState).noquote()
+            << u"Some browser settings could not be read and are left out: %1"_s.arg(
+                   preferences ? skipped.first().description : preferences.error().description);
+    return preferences ? std::move(preferences).value() : QList<BrowserPreference>();
+}
 } // namespace
 
 AppState::AppState(RuleStore &store, HistoryDatabase &history, AppServices services,
@@ -65,6 +81,9 @@ AppState::AppState(RuleStore &store, HistoryDatabase &history, AppServices servi
         SettingsKeys::read(m_store.settings(), SettingsKeys::UrlExpansionEnabled);
     m_automaticUpdateChecks =
         SettingsKeys::read(m_store.settings(), SettingsKeys::AutomaticUpdateChecks);
+    m_urlUnwrappingEnabled =
+        SettingsKeys::read(m_store.settings(), SettingsKeys::UrlUnwrappingEnabled);
+    m_browserPreferences = loadBrowserPreferences(m_store.settings());
 
     m_rules = m_store.loadRules();
     if (const auto &damage = m_store.lastLoadDamage())
@@ -176,6 +195,86 @@ std::optional<QString> AppState::installedBrowserName(const QString &bundleID) c
         if (browser.bundleID == bundleID)
             return browser.name;
     }
+    return std::nullopt;
+}
+
+QList<BrowserInfo> AppState::shownBrowsers(const QString &chosen) const
+{
+    QList<BrowserInfo> shown = m_browsers;
+    shown.removeIf([this, &chosen](const BrowserInfo &browser) {
+        return browser.bundleID != chosen && browserPreference(browser.bundleID).hidden;
+    });
+    return shown;
+}
+
+BrowserPreference AppState::browserPreference(const QString &bundleID) const
+{
+    for (const BrowserPreference &preference : m_browserPreferences) {
+        if (preference.browserBundleID.compare(bundleID, Qt::CaseInsensitive) == 0)
+            return preference;
+    }
+    return BrowserPreference{bundleID, false, {}};
+}
+
+LaunchOptions AppState::launchOptions(const QString &bundleID) const
+{
+    LaunchOptions options;
+    const QString extra = browserPreference(bundleID).extraArguments;
+    if (extra.isEmpty())
+        return options;
+    auto arguments = ExecLine::splitExtraArguments(extra);
+    if (arguments)
+        options.extraArguments = std::move(arguments).value();
+    else
+        qCWarning(lcAppState).noquote() << u"The extra arguments for %1 are left out: %2"_s.arg(
+            SystemLog::priv(bundleID), arguments.error().description);
+    return options;
+}
+
+QList<BrowserProfile> AppState::profiles(const QString &bundleID) const
+{
+    const QString key = bundleID.toLower();
+    auto found = m_profiles.constFind(key);
+    if (found == m_profiles.cend())
+        found = m_profiles.insert(key, m_services.profiles ? m_services.profiles(bundleID)
+                                                           : QList<BrowserProfile>());
+    return *found;
+}
+
+std::optional<QString> AppState::profileName(const QString &bundleID,
+                                             const QString &profileID) const
+{
+    for (const BrowserProfile &profile : profiles(bundleID)) {
+        if (profile.id == profileID)
+            return profile.name;
+    }
+    return std::nullopt;
+}
+
+void AppState::refreshProfiles()
+{
+    m_profiles.clear();
+    Q_EMIT profilesChanged();
+}
+
+std::optional<QString> AppState::setBrowserPreference(const BrowserPreference &preference)
+{
+    if (const auto arguments = ExecLine::splitExtraArguments(preference.extraArguments);
+        !arguments)
+        return arguments.error().description;
+    QList<BrowserPreference> preferences = m_browserPreferences;
+    preferences.removeIf([&preference](const BrowserPreference &stored) {
+        return stored.browserBundleID.compare(preference.browserBundleID, Qt::CaseInsensitive)
+               == 0;
+    });
+    if (!preference.isDefault())
+        preferences.append(preference);
+    if (preferences == m_browserPreferences)
+        return std::nullopt;
+    m_browserPreferences = preferences;
+    SettingsKeys::write(m_store.settings(), SettingsKeys::BrowserPreferences,
+                        BrowserPreference::listToJson(m_browserPreferences));
+    Q_EMIT browserPreferencesChanged();
     return std::nullopt;
 }
 
@@ -323,6 +422,12 @@ void AppState::toggleURLExpansion()
              !m_urlExpansionEnabled, &AppState::urlExpansionEnabledChanged);
 }
 
+void AppState::toggleURLUnwrapping()
+{
+    saveFlag(SettingsKeys::UrlUnwrappingEnabled, &AppState::m_urlUnwrappingEnabled,
+             !m_urlUnwrappingEnabled, &AppState::urlUnwrappingEnabledChanged);
+}
+
 void AppState::toggleAutomaticUpdateChecks()
 {
     saveFlag(SettingsKeys::AutomaticUpdateChecks, &AppState::m_automaticUpdateChecks,
@@ -352,6 +457,7 @@ void AppState::toggleLaunchAtLogin()
 
 void AppState::refreshBrowsers()
 {
+    m_profiles.clear();
     m_browsers = BrowserDiscovery::refreshBrowsers(m_services.entries);
     Q_EMIT browsersChanged();
     qCInfo(lcAppState).noquote() << u"Refreshed browsers: %1 found"_s.arg(m_browsers.size());

@@ -2,11 +2,13 @@
 
 #include "App/AppServices.h"
 #include "Models/BrowserInfo.h"
+#include "Models/BrowserPreference.h"
 #include "Models/ForwardingRecord.h"
 #include "Models/Link.h"
 #include "Models/RoutingRule.h"
 #include "Services/ConfigManager.h"
 #include "Services/LaunchLedger.h"
+#include "Services/LaunchOptions.h"
 #include "Services/RoutePlanner.h"
 #include "Storage/LinkJournal.h"
 #include "Storage/RuleStore.h"
@@ -40,6 +42,8 @@ class AppState final : public QObject
     Q_PROPERTY(bool launchAtLogin READ launchAtLogin NOTIFY launchAtLoginChanged)
     Q_PROPERTY(bool urlCleaningEnabled READ urlCleaningEnabled NOTIFY urlCleaningEnabledChanged)
     Q_PROPERTY(bool urlExpansionEnabled READ urlExpansionEnabled NOTIFY urlExpansionEnabledChanged)
+    Q_PROPERTY(
+        bool urlUnwrappingEnabled READ urlUnwrappingEnabled NOTIFY urlUnwrappingEnabledChanged)
     Q_PROPERTY(bool rulesEnabled READ rulesEnabled NOTIFY rulesEnabledChanged)
     Q_PROPERTY(
         bool automaticUpdateChecks READ automaticUpdateChecks NOTIFY automaticUpdateChecksChanged)
@@ -55,7 +59,20 @@ public:
     static void setShared(AppState *state);
 
     const QList<RoutingRule> &rules() const { return m_rules; }
+    // Every installed browser: what links can open in, and whose names show.
     const QList<BrowserInfo> &browsers() const { return m_browsers; }
+    // The browsers the lists offer: the installed ones the user did not hide,
+    // and chosen, the one a list has selected now (hidden or not).
+    QList<BrowserInfo> shownBrowsers(const QString &chosen = {}) const;
+    const QList<BrowserPreference> &browserPreferences() const { return m_browserPreferences; }
+    // What the user set for the browser (id ignoring case); defaults when nothing.
+    BrowserPreference browserPreference(const QString &bundleID) const;
+    // How a browser starts: with the user's extra arguments for it.
+    LaunchOptions launchOptions(const QString &bundleID) const;
+    // A browser's profiles, read from its files once until they change.
+    QList<BrowserProfile> profiles(const QString &bundleID) const;
+    // The name the browser shows a profile by; none when it has no such profile.
+    std::optional<QString> profileName(const QString &bundleID, const QString &profileID) const;
     const QString &defaultBrowserBundleID() const { return m_defaultBrowserBundleID; }
     qint64 todayForwardCount() const { return m_todayForwardCount; }
     // Forwardings recorded in the history today (what the tray menu shows).
@@ -65,6 +82,7 @@ public:
     bool launchAtLogin() const { return m_launchAtLogin; }
     bool urlCleaningEnabled() const { return m_urlCleaningEnabled; }
     bool urlExpansionEnabled() const { return m_urlExpansionEnabled; }
+    bool urlUnwrappingEnabled() const { return m_urlUnwrappingEnabled; }
     bool rulesEnabled() const { return m_rulesEnabled; }
     bool automaticUpdateChecks() const { return m_automaticUpdateChecks; }
     // What routing a link depends on, as it is now.
@@ -111,9 +129,15 @@ public:
     void toggleRulesEnabled();
     void toggleURLCleaning();
     void toggleURLExpansion();
+    void toggleURLUnwrapping();
+    // Stores what the user set for one browser (the extra arguments checked
+    // first); returns why it was refused.
+    std::optional<QString> setBrowserPreference(const BrowserPreference &preference);
     void toggleAutomaticUpdateChecks();
     void toggleLaunchAtLogin();
     void refreshBrowsers();
+    // A browser's profile file changed: its profiles are read again when asked.
+    void refreshProfiles();
     bool checkIsDefaultBrowser() const;
     void refreshDefaultBrowserStatus();
     void applyImportedConfig(const ConfigManager::ExportData &config);
@@ -146,6 +170,9 @@ Q_SIGNALS:
     void launchAtLoginChanged();
     void urlCleaningEnabledChanged();
     void urlExpansionEnabledChanged();
+    void urlUnwrappingEnabledChanged();
+    void browserPreferencesChanged();
+    void profilesChanged();
     void rulesEnabledChanged();
     void automaticUpdateChecksChanged();
     void historyCleared();
@@ -187,6 +214,8 @@ private:
     QDeadlineTimer m_failureQuietUntil;
     QList<RoutingRule> m_rules;
     QList<BrowserInfo> m_browsers;
+    QList<BrowserPreference> m_browserPreferences;
+    mutable QHash<QString, QList<BrowserProfile>> m_profiles;
     QString m_defaultBrowserBundleID;
     qint64 m_todayForwardCount = 0;
     bool m_isSystemDefaultBrowser = false;
@@ -194,6 +223,7 @@ private:
     bool m_launchAtLogin = false;
     bool m_urlCleaningEnabled = true;
     bool m_urlExpansionEnabled = false;
+    bool m_urlUnwrappingEnabled = true;
     bool m_rulesEnabled = true;
     bool m_automaticUpdateChecks = true;
 };

@@ -126,8 +126,10 @@ const QList<Command> &commands()
          ScriptCommands::route},
         {u"rules"_s,
          u"rules [--json]"_s,
-         u"Lists the routing rules in their stored order: id and summary, one rule per\n"
-         "line, or a JSON array of {\"id\", \"summary\"} objects with --json.\n"
+         u"Lists the routing rules in their stored order: id and summary, then the\n"
+         "browser profile and \"private window\" where a rule has them, one rule per\n"
+         "line; or a JSON array of {\"id\", \"summary\"} objects with --json, which\n"
+         "also have \"profile\", \"profileName\" and \"privateWindow\" where set.\n"
          "\n"
          "Options:\n"
          "  --json         print JSON\n"_s,
@@ -138,11 +140,10 @@ const QList<Command> &commands()
          {},
          ScriptCommands::listRules},
         {u"rule add"_s,
-         u"rule add --browser ID [--app ID] [--app-name NAME] [--pattern P]"_s,
+         u"rule add --browser ID [--app ID] [--app-name NAME] [--pattern P] [--profile ID] [--private]"_s,
          u"Adds a rule at the end of the list: links from the application (--app), or\n"
          "links matching the pattern (--pattern), or both, open in the browser. The\n"
-         "values are stored exactly as given; the rule has no browser profile (the\n"
-         "settings window can add one).\n"
+         "values are stored exactly as given.\n"
          "\n"
          "Options:\n"
          "  --browser ID     the browser the rule opens links in (\"quillvane browsers\")\n"
@@ -151,14 +152,19 @@ const QList<Command> &commands()
          "  --app-name NAME  the name shown for that application (not looked up)\n"
          "  --pattern P      a host (example.com, which includes its subdomains), a\n"
          "                   wildcard (*.example.com) or a host and path (example.com/docs)\n"
+         "  --profile ID     the browser profile to open links in, by id (\"quillvane\n"
+         "                   doctor\" lists each browser's profiles)\n"
+         "  --private        open the links in a private window (Chromium-family\n"
+         "                   browsers and Firefox)\n"
          "\n"
          "Also known as \"Create rule in Quillvane\" and \"Add rule to Quillvane\".\n"
          "\n"
          "Examples:\n"
          "  quillvane rule add --browser org.mozilla.firefox --pattern github.com\n"
-         "  quillvane rule add --browser chromium --app org.gnome.Evolution --app-name Evolution\n"_s,
-         {u"--browser"_s, u"--app"_s, u"--app-name"_s, u"--pattern"_s},
-         {},
+         "  quillvane rule add --browser chromium --app org.gnome.Evolution --app-name Evolution\n"
+         "  quillvane rule add --browser chromium --pattern bank.example --profile \"Profile 1\" --private\n"_s,
+         {u"--browser"_s, u"--app"_s, u"--app-name"_s, u"--pattern"_s, u"--profile"_s},
+         {u"--private"_s},
          0,
          0,
          {},

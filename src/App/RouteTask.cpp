@@ -90,11 +90,26 @@ QString RouteTask::sourceID() const
     return m_plan.source ? m_plan.source->bundleID : u"nil"_s;
 }
 
+LaunchOptions RouteTask::launchOptions(const QString &browserID, const QString &browserName,
+                                      const std::optional<QString> &profileID, bool privateWindow)
+{
+    LaunchOptions options = m_state.launchOptions(browserID);
+    options.activationToken = m_activationToken;
+    options.privateWindow = privateWindow;
+    // Recorded as the browser starts, in the order links arrive, with the
+    // journal entry ended in the same step: a Quillvane killed while the
+    // verdict is pending must not open the link a second time.
+    options.started = [this, browserID, browserName, profileID] {
+        recordOpened(browserID, browserName, profileID);
+    };
+    return options;
+}
+
 void RouteTask::runPaused(const QString &fallbackID, const QString &fallbackName)
 {
     const LaunchPlatform platform = m_state.launchPlatform();
     BrowserLauncher::open(m_plan.working, fallbackID, m_state.browsers(), platform,
-                          m_activationToken)
+                          launchOptions(fallbackID, fallbackName, std::nullopt, false))
         .then(this, [this, fallbackID, fallbackName](const BrowserLauncher::Outcome &outcome) {
             if (!outcome) {
                 const QString error = outcome.error().description();
@@ -108,7 +123,7 @@ void RouteTask::runPaused(const QString &fallbackID, const QString &fallbackName
             qCInfo(lcRoute).noquote() << u"Rules paused: %1 → %2 (from: %3)"_s.arg(
                 SystemLog::priv(m_plan.working.toString()), SystemLog::priv(fallbackName),
                 SystemLog::priv(sourceName()));
-            opened(fallbackID, fallbackName, m_plan.ruleMatched);
+            finish();
         });
 }
 
@@ -144,7 +159,6 @@ void RouteTask::route()
     }
 
     const QString targetName = m_state.browserName(result->browserBundleID);
-    const std::optional<QString> credited = m_plan.ruleMatched;
     const QString profilePart = result->profileID ? u" [%1]"_s.arg(*result->profileID) : QString();
     m_reports.status(
         u"%1 → %2%3: %4"_s.arg(sourceName(), targetName, profilePart, hostOrText(m_plan.working)));
@@ -157,7 +171,7 @@ void RouteTask::route()
             return info.bundleID == result->browserBundleID;
         });
     if (!result->profileID || browser == browsers.cend()) {
-        launchPlain(result->browserBundleID, targetName, credited,
+        launchPlain(result->browserBundleID, targetName,
                     u"routeURL() — SUCCESS opened in "_s + targetName);
         return;
     }
@@ -165,8 +179,9 @@ void RouteTask::route()
     const QString profileID = *result->profileID;
     const QString browserID = result->browserBundleID;
     const LaunchPlatform platform = m_state.launchPlatform();
-    ProfileLauncher::open(m_plan.working, *browser, profileID, platform, m_activationToken)
-        .then(this, [this, browserID, targetName, credited,
+    ProfileLauncher::open(m_plan.working, *browser, profileID, platform,
+                          launchOptions(browserID, targetName, profileID, result->privateWindow))
+        .then(this, [this, browserID, targetName,
                      profileID](const ProfileLauncher::Outcome &outcome) {
             if (outcome) {
                 debugLog(DisplayText::escapeControls(
@@ -174,24 +189,26 @@ void RouteTask::route()
                 qCInfo(lcRoute).noquote() << u"Routed %1 → %2 (from: %3)"_s.arg(
                     SystemLog::priv(m_plan.working.toString()), SystemLog::priv(targetName),
                     SystemLog::priv(sourceName()));
-                opened(browserID, targetName, credited);
+                finish();
                 return;
             }
+            withdrawRecord();
             debugLog(DisplayText::escapeControls(
                 u"routeURL() — ProfileLauncher failed: %1, falling back to BrowserLauncher"_s.arg(
                     outcome.error().description())));
-            launchPlain(browserID, targetName, credited,
+            launchPlain(browserID, targetName,
                         u"routeURL() — SUCCESS opened in %1 (fallback)"_s.arg(targetName));
         });
 }
 
 void RouteTask::launchPlain(const QString &browserID, const QString &targetName,
-                            const std::optional<QString> &credited, const QString &successLine)
+                            const QString &successLine)
 {
     const LaunchPlatform platform = m_state.launchPlatform();
+    const bool privateWindow = m_plan.result && m_plan.result->privateWindow;
     BrowserLauncher::open(m_plan.working, browserID, m_state.browsers(), platform,
-                          m_activationToken)
-        .then(this, [this, browserID, targetName, credited,
+                          launchOptions(browserID, targetName, std::nullopt, privateWindow))
+        .then(this, [this, browserID, targetName,
                      successLine](const BrowserLauncher::Outcome &outcome) {
             if (!outcome) {
                 const QString error = outcome.error().description();
@@ -205,12 +222,12 @@ void RouteTask::launchPlain(const QString &browserID, const QString &targetName,
             qCInfo(lcRoute).noquote() << u"Routed %1 → %2 (from: %3)"_s.arg(
                 SystemLog::priv(m_plan.working.toString()), SystemLog::priv(targetName),
                 SystemLog::priv(sourceName()));
-            opened(browserID, targetName, credited);
+            finish();
         });
 }
 
-void RouteTask::opened(const QString &browserID, const QString &browserName,
-                       const std::optional<QString> &ruleMatched)
+void RouteTask::recordOpened(const QString &browserID, const QString &browserName,
+                             const std::optional<QString> &profileID)
 {
     ForwardingRecord record;
     record.id = QUuid::createUuid();
@@ -222,14 +239,26 @@ void RouteTask::opened(const QString &browserID, const QString &browserName,
     }
     record.targetBrowserBundleID = browserID;
     record.targetBrowserName = browserName;
-    record.ruleMatched = ruleMatched;
+    record.ruleMatched = m_plan.ruleMatched;
+    record.decidedBy = m_plan.decidedBy();
+    record.decisionDescription = m_plan.ruleDescription;
+    record.targetProfileID = profileID;
     HistoryStore::record(m_state.history(), record, m_ticket.entry);
-    finish();
+    m_ticket.entry = 0;
+    m_record = record.id;
+}
+
+void RouteTask::withdrawRecord()
+{
+    if (m_record)
+        HistoryStore::withdraw(m_state.history(), *m_record);
+    m_record.reset();
 }
 
 void RouteTask::failed(const QString &statusText, const QString &diagnosticLine,
                        const QString &logLine, const QString &userText)
 {
+    withdrawRecord();
     m_reports.status(statusText);
     // Launch errors quote entries, folders and profiles: text from outside.
     debugLog(DisplayText::escapeControls(diagnosticLine));

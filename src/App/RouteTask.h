@@ -2,6 +2,7 @@
 
 #include "Models/Link.h"
 #include "Models/RoutingRule.h"
+#include "Services/LaunchOptions.h"
 #include "Services/RoutePlanner.h"
 #include "Storage/LinkJournal.h"
 
@@ -41,10 +42,18 @@ private:
     void runPaused(const QString &fallbackID, const QString &fallbackName);
     void runRouting();
     void route();
+    // The user's arguments for the browser, the link's token, and the record
+    // the history gets once the browser runs.
+    LaunchOptions launchOptions(const QString &browserID, const QString &browserName,
+                                const std::optional<QString> &profileID, bool privateWindow);
     void launchPlain(const QString &browserID, const QString &targetName,
-                     const std::optional<QString> &credited, const QString &successLine);
-    void opened(const QString &browserID, const QString &browserName,
-                const std::optional<QString> &ruleMatched);
+                     const QString &successLine);
+    // The browser is running with the link: the history records it, and the
+    // link leaves the journal.
+    void recordOpened(const QString &browserID, const QString &browserName,
+                      const std::optional<QString> &profileID);
+    // The browser ended at once with an error: it did not open the link.
+    void withdrawRecord();
     // userText: what the desktop notification says of the failure.
     void failed(const QString &statusText, const QString &diagnosticLine, const QString &logLine,
                 const QString &userText);
@@ -59,4 +68,5 @@ private:
     RoutePolicy m_policy;
     QString m_activationToken;
     LinkJournal::Ticket m_ticket;
+    std::optional<QUuid> m_record;
 };

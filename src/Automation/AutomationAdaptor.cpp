@@ -69,6 +69,7 @@ void registerDBusTypes()
     qDBusRegisterMetaType<QList<RuleEntity>>();
     qDBusRegisterMetaType<FeatureEntity>();
     qDBusRegisterMetaType<QList<FeatureEntity>>();
+    qDBusRegisterMetaType<QMap<QString, QVariantMap>>();
 }
 
 QString dbusErrorName(IntentError::Kind kind)
@@ -176,18 +177,31 @@ QList<RuleEntity> AutomationAdaptor::Rules(const QStringList &ids, const QDBusMe
 QString AutomationAdaptor::CreateRule(const BrowserEntity &target_browser,
                                       const QVariantMap &options, const QDBusMessage &message)
 {
-    static const QStringList known{u"sourceAppBundleID"_s, u"sourceAppName"_s, u"urlPattern"_s};
+    RuleRequest request;
+    const std::pair<QString, std::optional<QString> RuleRequest::*> texts[] = {
+        {u"sourceAppBundleID"_s, &RuleRequest::sourceAppBundleID},
+        {u"sourceAppName"_s, &RuleRequest::sourceAppName},
+        {u"urlPattern"_s, &RuleRequest::urlPattern},
+        {u"profile"_s, &RuleRequest::profile}};
     if (const auto bad = notInstalled(target_browser)) {
         refuse(message, InvalidArgs, *bad);
         return {};
     }
-    std::array<std::optional<QString>, 3> values;
     for (auto it = options.cbegin(); it != options.cend(); ++it) {
-        const qsizetype index = known.indexOf(it.key());
-        if (index < 0) {
+        if (it.key() == u"privateWindow") {
+            if (it.value().metaType() != QMetaType::fromType<bool>()) {
+                refuse(message, InvalidArgs, u"The option privateWindow must be a boolean."_s);
+                return {};
+            }
+            request.privateWindow = it.value().toBool();
+            continue;
+        }
+        const auto text = std::find_if(std::cbegin(texts), std::cend(texts),
+                                       [&it](const auto &known) { return known.first == it.key(); });
+        if (text == std::cend(texts)) {
             refuse(
                 message, InvalidArgs,
-                u"Unknown option \"%1\": a rule takes sourceAppBundleID, sourceAppName and urlPattern."_s
+                u"Unknown option \"%1\": a rule takes sourceAppBundleID, sourceAppName, urlPattern, profile and privateWindow."_s
                     .arg(it.key().left(80)));
             return {};
         }
@@ -195,14 +209,14 @@ QString AutomationAdaptor::CreateRule(const BrowserEntity &target_browser,
             refuse(message, InvalidArgs, u"The option %1 must be a string."_s.arg(it.key()));
             return {};
         }
-        const QString text = it.value().toString();
-        if (const auto bad = badText(u"The option "_s + it.key(), text, false)) {
+        const QString value = it.value().toString();
+        if (const auto bad = badText(u"The option "_s + it.key(), value, false)) {
             refuse(message, InvalidArgs, *bad);
             return {};
         }
-        values[size_t(index)] = text;
+        request.*(text->second) = value;
     }
-    return answer(createRule(values[0], values[1], values[2], target_browser), message);
+    return answer(createRule(request, target_browser), message);
 }
 
 QString AutomationAdaptor::DeleteRule(const RuleEntity &rule, const QDBusMessage &message)
@@ -277,6 +291,26 @@ QString AutomationAdaptor::ToggleFeature(const QString &feature, bool enabled,
         return {};
     }
     return answer(toggleFeature(*known, enabled), message);
+}
+
+QMap<QString, QVariantMap> AutomationAdaptor::RuleOptions(const QDBusMessage &message)
+{
+    const auto options = ruleOptions();
+    if (!options) {
+        refuse(message, dbusErrorName(options.error().kind), options.error().description());
+        return {};
+    }
+    QMap<QString, QVariantMap> map;
+    for (const Automation::RuleOptions &rule : *options) {
+        QVariantMap values;
+        if (rule.profile)
+            values.insert(u"profile"_s, *rule.profile);
+        if (rule.profileName)
+            values.insert(u"profileName"_s, *rule.profileName);
+        values.insert(u"privateWindow"_s, rule.privateWindow);
+        map.insert(rule.id, values);
+    }
+    return map;
 }
 
 QList<FeatureEntity> AutomationAdaptor::ListFeatures()

@@ -68,6 +68,7 @@ public Q_SLOTS:
                               const QDBusMessage &message);
     QString ToggleFeature(const QString &feature, bool enabled, const QDBusMessage &message);
     QList<Automation::FeatureEntity> ListFeatures();
+    QMap<QString, QVariantMap> RuleOptions(const QDBusMessage &message);
 
 private:
     template<typename T>

@@ -82,6 +82,11 @@ AutomationClient::Result<QList<RuleEntity>> AutomationClient::rules(const QStrin
     return call<QList<RuleEntity>>(u"Rules"_s, {ids});
 }
 
+AutomationClient::Result<QMap<QString, QVariantMap>> AutomationClient::ruleOptions()
+{
+    return call<QMap<QString, QVariantMap>>(u"RuleOptions"_s, {});
+}
+
 AutomationClient::Result<QString> AutomationClient::createRule(const BrowserEntity &target,
                                                                const QVariantMap &options)
 {

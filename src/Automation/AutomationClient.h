@@ -25,6 +25,8 @@ public:
     Result<QList<Automation::BrowserEntity>> browsers(const QStringList &ids);
     Result<QList<Automation::RuleEntity>> listRules();
     Result<QList<Automation::RuleEntity>> rules(const QStringList &ids);
+    // By rule id: "profile", "profileName", "privateWindow" where a rule has them.
+    Result<QMap<QString, QVariantMap>> ruleOptions();
     Result<QString> createRule(const Automation::BrowserEntity &target, const QVariantMap &options);
     Result<QString> deleteRule(const Automation::RuleEntity &rule);
     Result<QString> routeURL(const QString &url);

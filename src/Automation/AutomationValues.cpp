@@ -25,18 +25,7 @@ template<typename Entity> QList<Entity> keepIds(const QList<Entity> &all, const 
 
 RuleEntity RuleEntity::from(const RoutingRule &rule)
 {
-    QString summary;
-    if (!rule.sourceAppBundleID.isEmpty()) {
-        summary = rule.sourceAppName;
-        if (rule.urlPattern)
-            summary += u" + " + *rule.urlPattern;
-        summary += u" → " + rule.targetBrowserName;
-    } else if (rule.urlPattern) {
-        summary = *rule.urlPattern + u" → " + rule.targetBrowserName;
-    } else {
-        summary = u"→ " + rule.targetBrowserName;
-    }
-    return RuleEntity{JsonFields::uuidText(rule.id), summary};
+    return RuleEntity{JsonFields::uuidText(rule.id), rule.description()};
 }
 
 const QList<FeatureInfo> &features()

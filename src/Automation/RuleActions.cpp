@@ -2,33 +2,67 @@
 
 #include "App/AppState.h"
 #include "Models/JsonFields.h"
+#include "Services/ProfileDiscovery.h"
+
+#include <algorithm>
 
 using namespace Qt::Literals::StringLiterals;
 
 namespace Automation {
 
-Expected<QString, IntentError> createRule(const std::optional<QString> &sourceAppBundleID,
-                                          const std::optional<QString> &sourceAppName,
-                                          const std::optional<QString> &urlPattern,
+namespace {
+
+IntentError invalid(const QString &why)
+{
+    return IntentError{IntentError::Kind::ValidationFailed, why};
+}
+
+// Why the browser cannot open links in that profile; none when it can.
+std::optional<QString> unknownProfile(const AppState &state, const BrowserEntity &browser,
+                                      const QString &profile)
+{
+    const QList<BrowserProfile> profiles = state.profiles(browser.id);
+    if (std::any_of(profiles.cbegin(), profiles.cend(),
+                    [&profile](const BrowserProfile &known) { return known.id == profile; }))
+        return std::nullopt;
+    if (profiles.isEmpty())
+        return u"%1 has no profiles that Quillvane can open."_s.arg(browser.name);
+    QStringList ids;
+    for (const BrowserProfile &known : profiles)
+        ids.append(u"%1 (%2)"_s.arg(known.id, known.name));
+    return u"%1 has no profile \"%2\"; its profiles are: %3."_s.arg(
+        browser.name, profile.left(200), ids.join(u", "_s));
+}
+
+} // namespace
+
+Expected<QString, IntentError> createRule(const RuleRequest &request,
                                           const BrowserEntity &targetBrowser)
 {
     const auto state = sharedState();
     if (!state)
         return state.error();
-    const bool hasSource = sourceAppBundleID && !sourceAppBundleID->isEmpty();
-    const bool hasPattern = urlPattern && !urlPattern->isEmpty();
+    const bool hasSource = request.sourceAppBundleID && !request.sourceAppBundleID->isEmpty();
+    const bool hasPattern = request.urlPattern && !request.urlPattern->isEmpty();
     if (!hasSource && !hasPattern)
-        return IntentError{IntentError::Kind::ValidationFailed,
-                           u"Provide a source app bundle ID, a URL pattern, or both."_s};
+        return invalid(u"Provide a source app bundle ID, a URL pattern, or both."_s);
+    if (request.profile) {
+        if (const auto why = unknownProfile(**state, targetBrowser, *request.profile))
+            return invalid(*why);
+    }
+    if (request.privateWindow && ProfileDiscovery::privateWindowFlag(targetBrowser.id).isEmpty())
+        return invalid(u"Quillvane does not know how to open a private window of %1."_s.arg(
+            targetBrowser.name));
 
     // Taken exactly as given: scripts say what they mean.
-    const RoutingRule rule{QUuid::createUuid(),
-                           sourceAppBundleID.value_or(QString()),
-                           sourceAppName.value_or(QString()),
-                           targetBrowser.id,
-                           targetBrowser.name,
-                           urlPattern,
-                           std::nullopt};
+    RoutingRule rule{QUuid::createUuid(),
+                     request.sourceAppBundleID.value_or(QString()),
+                     request.sourceAppName.value_or(QString()),
+                     targetBrowser.id,
+                     targetBrowser.name,
+                     request.urlPattern,
+                     request.profile};
+    rule.openInPrivateWindow = request.privateWindow;
     (*state)->addRule(rule);
     return QString(u"Created rule: "_s + RuleEntity::from(rule).summary);
 }
@@ -49,6 +83,24 @@ Expected<QString, IntentError> deleteRule(const RuleEntity &rule, const Confirm 
         return u"Rule not found. It may have already been deleted."_s;
     (*state)->deleteRule(*found);
     return QString(u"Deleted rule: "_s + rule.summary);
+}
+
+Expected<QList<RuleOptions>, IntentError> ruleOptions()
+{
+    const auto state = sharedState();
+    if (!state)
+        return state.error();
+    QList<RuleOptions> list;
+    for (const RoutingRule &rule : (*state)->rules()) {
+        if (!rule.targetProfileID && !rule.openInPrivateWindow)
+            continue;
+        list.append({JsonFields::uuidText(rule.id), rule.targetProfileID,
+                     rule.targetProfileID ? (*state)->profileName(rule.targetBrowserBundleID,
+                                                                   *rule.targetProfileID)
+                                          : std::nullopt,
+                     rule.openInPrivateWindow});
+    }
+    return list;
 }
 
 Expected<QList<RuleEntity>, IntentError> listRules()

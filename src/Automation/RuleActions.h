@@ -11,14 +11,37 @@ namespace Automation {
 // The confirmation's answer for the question it is given.
 using Confirm = std::function<bool(const QString &question)>;
 
+// What a script asks a new rule to be.
+struct RuleRequest
+{
+    std::optional<QString> sourceAppBundleID;
+    std::optional<QString> sourceAppName;
+    std::optional<QString> urlPattern;
+    // One of the target browser's profiles, by id.
+    std::optional<QString> profile;
+    // Only for a browser whose private window Quillvane knows how to open.
+    bool privateWindow = false;
+};
+
 // "Created rule: {summary}".
-Expected<QString, IntentError> createRule(const std::optional<QString> &sourceAppBundleID,
-                                          const std::optional<QString> &sourceAppName,
-                                          const std::optional<QString> &urlPattern,
+Expected<QString, IntentError> createRule(const RuleRequest &request,
                                           const BrowserEntity &targetBrowser);
 // "Deleted rule: {summary}", or "Rule not found. …" for a rule that is gone; a
 // refused confirmation is an error and deletes nothing.
 Expected<QString, IntentError> deleteRule(const RuleEntity &rule, const Confirm &confirm);
 Expected<QList<RuleEntity>, IntentError> listRules();
+
+// What a rule asks of its browser beyond opening the link: a profile (with the
+// name the browser shows it by, none when the browser no longer has it) and a
+// private window.
+struct RuleOptions
+{
+    QString id;
+    std::optional<QString> profile;
+    std::optional<QString> profileName;
+    bool privateWindow = false;
+};
+// For the rules that ask anything of the kind, in stored order.
+Expected<QList<RuleOptions>, IntentError> ruleOptions();
 
 } // namespace Automation

@@ -96,8 +96,38 @@ int listBrowsers(const CommandArguments &arguments, const CommandOutput &output)
 int listRules(const CommandArguments &arguments, const CommandOutput &output)
 {
     AutomationClient client;
-    return printList(arguments, output, client.listRules(), &RuleEntity::summary, u"summary"_s,
-                     "No rules yet.");
+    auto list = client.listRules();
+    if (!list)
+        return failure(output, list);
+    const auto options = client.ruleOptions();
+    if (!options)
+        return failure(output, options);
+    if (arguments.flags.contains(u"--json"_s)) {
+        QJsonArray array;
+        for (const RuleEntity &rule : *list) {
+            QJsonObject object{{u"id"_s, rule.id}, {u"summary"_s, rule.summary}};
+            for (const auto &[key, value] : options->value(rule.id).asKeyValueRange())
+                object.insert(key, QJsonValue::fromVariant(value));
+            array.append(object);
+        }
+        printJson(output, array);
+        return Success;
+    }
+    QList<RuleEntity> shown;
+    for (const RuleEntity &rule : *list) {
+        const QVariantMap extra = options->value(rule.id);
+        QString summary = rule.summary;
+        if (extra.contains(u"profile"_s))
+            summary += u"  [profile: %1]"_s.arg(
+                extra.contains(u"profileName"_s)
+                    ? extra.value(u"profileName"_s).toString()
+                    : extra.value(u"profile"_s).toString() + u" (missing)"_s);
+        if (extra.value(u"privateWindow"_s).toBool())
+            summary += u"  [private window]"_s;
+        shown.append({rule.id, summary});
+    }
+    return printList(arguments, output, AutomationClient::Result<QList<RuleEntity>>(shown),
+                     &RuleEntity::summary, u"summary"_s, "No rules yet.");
 }
 
 int route(const CommandArguments &arguments, const CommandOutput &output)
@@ -141,6 +171,10 @@ int addRule(const CommandArguments &arguments, const CommandOutput &output)
         if (arguments.values.contains(option))
             options.insert(key, arguments.values.value(option));
     }
+    if (arguments.values.contains(u"--profile"_s))
+        options.insert(u"profile"_s, arguments.values.value(u"--profile"_s));
+    if (arguments.flags.contains(u"--private"_s))
+        options.insert(u"privateWindow"_s, true);
     const auto answer = client.createRule(*browser, options);
     if (!answer)
         return failure(output, answer);
@@ -154,12 +188,10 @@ int deleteRule(const CommandArguments &arguments, const CommandOutput &output)
     const auto found = client.rules({id});
     if (!found)
         return failure(output, found);
-    if (found->isEmpty())
-        return output.fail(
-            u"no rule has the id \"%1\" (ids are upper-case, as \"quillvane rules\" lists them)."_s
-                .arg(id.left(200)));
-    const RuleEntity rule = found->first();
-    if (!arguments.flags.contains(u"--yes"_s)) {
+    // A rule that is gone (deleted meanwhile, or never there) has nothing to
+    // confirm: Quillvane answers for it as for any vanished rule.
+    const RuleEntity rule = found->isEmpty() ? RuleEntity{id.left(200), {}} : found->first();
+    if (!found->isEmpty() && !arguments.flags.contains(u"--yes"_s)) {
         const QString question = u"Delete rule \"%1\"?"_s.arg(rule.summary);
         const std::optional<bool> confirmed = output.confirm(question);
         if (!confirmed)

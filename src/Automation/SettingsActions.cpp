@@ -16,14 +16,22 @@ IntentError launchFailed(const BrowserLauncher::LaunchError &error)
     return IntentError{IntentError::Kind::LaunchFailed, error.description()};
 }
 
+// Answers with the launch's verdict; the link leaves the journal as soon as
+// the browser runs with it, or when it could not be started.
 QFuture<Answer> open(AppState &state, const Link &url, const QString &browserID,
-                     const QString &success, qint64 journalEntry)
+                     bool privateWindow, const QString &success, qint64 journalEntry)
 {
     const LaunchPlatform platform = state.launchPlatform();
-    return BrowserLauncher::open(url, browserID, state.browsers(), platform)
-        .then([success, journalEntry,
+    LaunchOptions options = state.launchOptions(browserID);
+    options.privateWindow = privateWindow;
+    auto pending = std::make_shared<qint64>(journalEntry);
+    options.started = [pending, history = &state.history()] {
+        LinkJournal::finish(*history, std::exchange(*pending, 0));
+    };
+    return BrowserLauncher::open(url, browserID, state.browsers(), platform, options)
+        .then([success, pending,
                history = &state.history()](const BrowserLauncher::Outcome &outcome) -> Answer {
-            LinkJournal::finish(*history, journalEntry);
+            LinkJournal::finish(*history, *pending);
             if (!outcome)
                 return launchFailed(outcome.error());
             return success;
@@ -47,7 +55,8 @@ QFuture<Answer> routeURL(const Link &url, const std::optional<BrowserEntity> &br
         journalEntry = entries.first().id;
     }
     if (browser)
-        return open(state, url, browser->id, u"Opened in %1."_s.arg(browser->name), journalEntry);
+        return open(state, url, browser->id, false, u"Opened in %1."_s.arg(browser->name),
+                    journalEntry);
 
     // A script's routing action opens the browser plainly, whatever pause says,
     // and does not wait for the network to expand a short link.
@@ -61,7 +70,9 @@ QFuture<Answer> routeURL(const Link &url, const std::optional<BrowserEntity> &br
             u"No routing rule matched and no default browser is set."_s);
     }
     const QString browserID = plan.result->browserBundleID;
-    return open(state, plan.working, browserID,
+    // A rule that asks for a private window gets one here too: a script must
+    // not open where the user asked for privacy.
+    return open(state, plan.working, browserID, plan.result->privateWindow,
                 u"Routed to %1."_s.arg(state.browserName(browserID)), journalEntry);
 }
 

@@ -13,6 +13,10 @@ constexpr QLatin1StringView KeySourceAppName("sourceAppName");
 constexpr QLatin1StringView KeyTargetBrowserBundleID("targetBrowserBundleID");
 constexpr QLatin1StringView KeyTargetBrowserName("targetBrowserName");
 constexpr QLatin1StringView KeyRuleMatched("ruleMatched");
+constexpr QLatin1StringView KeyDecidedBy("decidedBy");
+constexpr QLatin1StringView KeyDecisionDescription("decisionDescription");
+constexpr QLatin1StringView KeyTargetProfileID("targetProfileID");
+constexpr QStringView PausedCredit = u"⏸ Rules paused";
 } // namespace
 
 void ForwardingRecord::writeJson(JsonWriter &writer) const
@@ -26,6 +30,9 @@ void ForwardingRecord::writeJson(JsonWriter &writer) const
     writer.member(KeyTargetBrowserBundleID, targetBrowserBundleID);
     writer.member(KeyTargetBrowserName, targetBrowserName);
     writer.optionalMember(KeyRuleMatched, ruleMatched);
+    writer.optionalMember(KeyDecidedBy, decidedBy);
+    writer.optionalMember(KeyDecisionDescription, decisionDescription);
+    writer.optionalMember(KeyTargetProfileID, targetProfileID);
     writer.endObject();
 }
 
@@ -42,9 +49,28 @@ Expected<ForwardingRecord, DecodeError> ForwardingRecord::fromJson(const QJsonVa
     record.targetBrowserBundleID = reader.requiredString(KeyTargetBrowserBundleID);
     record.targetBrowserName = reader.requiredString(KeyTargetBrowserName);
     record.ruleMatched = reader.optionalString(KeyRuleMatched);
+    record.decidedBy = reader.optionalString(KeyDecidedBy);
+    record.decisionDescription = reader.optionalString(KeyDecisionDescription);
+    record.targetProfileID = reader.optionalString(KeyTargetProfileID);
     if (reader.hasError())
         return reader.error();
     return record;
+}
+
+bool ForwardingRecord::decidedByPause() const
+{
+    return decidedBy ? *decidedBy == DecidedByPause : ruleMatched == PausedCredit;
+}
+
+QString ForwardingRecord::decisionText() const
+{
+    if (decidedByPause())
+        return u"Rules paused"_s;
+    if (!decidedBy)
+        return ruleMatched.value_or(QString());
+    if (*decidedBy == DecidedByFallback)
+        return u"Fallback"_s;
+    return decisionDescription.value_or(*decidedBy);
 }
 
 QByteArray ForwardingRecord::listToJson(const QList<ForwardingRecord> &records)

@@ -24,6 +24,22 @@ struct ForwardingRecord
     QString targetBrowserBundleID;
     QString targetBrowserName;
     std::optional<QString> ruleMatched;
+    // What decided where the link went: the deciding rule's id (as its JSON
+    // writes it), or DecidedByFallback / DecidedByPause; with the rule's
+    // description as it read then, and the profile the link opened in. Records
+    // of older versions have none of these.
+    std::optional<QString> decidedBy;
+    std::optional<QString> decisionDescription;
+    std::optional<QString> targetProfileID;
+
+    static constexpr QStringView DecidedByFallback = u"fallback";
+    static constexpr QStringView DecidedByPause = u"paused";
+
+    // What the history shows as the decision: the deciding rule's
+    // description, "Fallback", "Rules paused", or for older records the
+    // credited rule. Empty when there is nothing to show.
+    QString decisionText() const;
+    bool decidedByPause() const;
 
     void writeJson(JsonWriter &writer) const;
     static Expected<ForwardingRecord, DecodeError> fromJson(const QJsonValue &value,

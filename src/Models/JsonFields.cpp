@@ -120,6 +120,18 @@ std::optional<QString> ObjectReader::optionalString(QLatin1StringView key)
     return value.toString();
 }
 
+bool ObjectReader::optionalBool(QLatin1StringView key)
+{
+    const QJsonValue value = m_object.value(key);
+    if (value.isUndefined() || value.isNull())
+        return false;
+    if (!value.isBool()) {
+        fail(u"has a member \"%1\" that is not true or false"_s.arg(key));
+        return false;
+    }
+    return value.toBool();
+}
+
 QUuid ObjectReader::requiredUuid(QLatin1StringView key)
 {
     const QString text = requiredString(key);

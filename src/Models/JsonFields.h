@@ -40,6 +40,8 @@ public:
 
     QString requiredString(QLatin1StringView key);
     std::optional<QString> optionalString(QLatin1StringView key);
+    // False when missing or null.
+    bool optionalBool(QLatin1StringView key);
     QUuid requiredUuid(QLatin1StringView key);
     QDateTime requiredDate(QLatin1StringView key);
 

@@ -44,6 +44,14 @@ void JsonWriter::member(QLatin1StringView name, QStringView value)
     string(value);
 }
 
+void JsonWriter::trueMember(QLatin1StringView name, bool value)
+{
+    if (!value)
+        return;
+    key(name);
+    raw("true");
+}
+
 void JsonWriter::member(QLatin1StringView name, double value)
 {
     key(name);

@@ -22,6 +22,8 @@ public:
     void member(QLatin1StringView key, double value);
     // Omitted when absent.
     void optionalMember(QLatin1StringView key, const std::optional<QString> &value);
+    // Written only when true: a member that older readers need not know.
+    void trueMember(QLatin1StringView key, bool value);
 
     // A list of records that write themselves with writeJson(JsonWriter &).
     template<typename Record> static QByteArray array(const QList<Record> &records)

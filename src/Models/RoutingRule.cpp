@@ -14,6 +14,7 @@ constexpr QLatin1StringView KeyTargetBrowserBundleID("targetBrowserBundleID");
 constexpr QLatin1StringView KeyTargetBrowserName("targetBrowserName");
 constexpr QLatin1StringView KeyUrlPattern("urlPattern");
 constexpr QLatin1StringView KeyTargetProfileID("targetProfileID");
+constexpr QLatin1StringView KeyOpenInPrivateWindow("openInPrivateWindow");
 } // namespace
 
 RoutingRule::Kind RoutingRule::kind() const
@@ -21,6 +22,22 @@ RoutingRule::Kind RoutingRule::kind() const
     if (!sourceAppBundleID.isEmpty())
         return urlPattern ? Kind::Combined : Kind::SourceOnly;
     return urlPattern ? Kind::UrlOnly : Kind::Inert;
+}
+
+QString RoutingRule::description() const
+{
+    QString text;
+    if (!sourceAppBundleID.isEmpty()) {
+        text = sourceAppName;
+        if (urlPattern)
+            text += u" + " + *urlPattern;
+        text += u" → " + targetBrowserName;
+    } else if (urlPattern) {
+        text = *urlPattern + u" → " + targetBrowserName;
+    } else {
+        text = u"→ " + targetBrowserName;
+    }
+    return text;
 }
 
 Expected<RoutingRule, DecodeError> RoutingRule::fromJson(const QJsonValue &value, qsizetype index)
@@ -34,6 +51,7 @@ Expected<RoutingRule, DecodeError> RoutingRule::fromJson(const QJsonValue &value
     rule.targetBrowserName = reader.requiredString(KeyTargetBrowserName);
     rule.urlPattern = reader.optionalString(KeyUrlPattern);
     rule.targetProfileID = reader.optionalString(KeyTargetProfileID);
+    rule.openInPrivateWindow = reader.optionalBool(KeyOpenInPrivateWindow);
     if (reader.hasError())
         return reader.error();
     return rule;
@@ -49,6 +67,7 @@ void RoutingRule::writeJson(JsonWriter &writer) const
     writer.member(KeyTargetBrowserName, targetBrowserName);
     writer.optionalMember(KeyUrlPattern, urlPattern);
     writer.optionalMember(KeyTargetProfileID, targetProfileID);
+    writer.trueMember(KeyOpenInPrivateWindow, openInPrivateWindow);
     writer.endObject();
 }
 
@@ -68,5 +87,6 @@ size_t qHash(const RoutingRule &rule, size_t seed)
     return qHashMulti(seed, rule.id, rule.sourceAppBundleID, rule.sourceAppName,
                       rule.targetBrowserBundleID, rule.targetBrowserName,
                       rule.urlPattern.value_or(QString()), rule.urlPattern.has_value(),
-                      rule.targetProfileID.value_or(QString()), rule.targetProfileID.has_value());
+                      rule.targetProfileID.value_or(QString()), rule.targetProfileID.has_value(),
+                      rule.openInPrivateWindow);
 }

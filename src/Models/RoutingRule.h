@@ -30,8 +30,13 @@ struct RoutingRule
     QString targetBrowserName;
     std::optional<QString> urlPattern;
     std::optional<QString> targetProfileID;
+    // Opens the browser's private window (where the browser family has one).
+    bool openInPrivateWindow = false;
 
     Kind kind() const;
+    // How lists and the history name the rule: "Mail + *.example.org → Firefox",
+    // "docs.example.com → Chrome", "Mail → Firefox".
+    QString description() const;
 
     void writeJson(JsonWriter &writer) const;
     static Expected<RoutingRule, DecodeError> fromJson(const QJsonValue &value,
@@ -62,6 +67,8 @@ struct RouteResult
 {
     QString browserBundleID;
     std::optional<QString> profileID;
+    // The rule asks for the browser's private window.
+    bool privateWindow = false;
 
     friend bool operator==(const RouteResult &, const RouteResult &) = default;
 };

@@ -1,8 +1,12 @@
 #include "Platform/ProcessLauncher.h"
 
+#include "Models/DisplayText.h"
+
+#include <QCoreApplication>
 #include <QFile>
 #include <QFileInfo>
 #include <QPromise>
+#include <QTimer>
 
 #include <gio/gdesktopappinfo.h>
 #include <gio/gio.h>
@@ -10,8 +14,11 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -112,11 +119,88 @@ void activationFinished(GObject *source, GAsyncResult *result, gpointer data)
     g_object_unref(source);
 }
 
+// What the started program writes to its error output goes into a memory file
+// of this size, sealed so that it cannot grow: the first line is all Quillvane
+// reads, and a browser that talks for hours must not fill memory. Writes beyond
+// it fail quietly, as writes to a full disk would.
+constexpr off_t ErrorCapacity = 4096;
+constexpr qsizetype MaxErrorLineLength = 300;
+
+int errorOutputFile()
+{
+    const int fd = ::memfd_create("quillvane-launch", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    if (fd < 0)
+        return -1;
+    if (::ftruncate(fd, ErrorCapacity) != 0
+        || ::fcntl(fd, F_ADD_SEALS, F_SEAL_GROW | F_SEAL_SHRINK | F_SEAL_SEAL) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// The first line the program wrote, written out as text.
+QString firstErrorLine(int fd)
+{
+    if (fd < 0)
+        return {};
+    char buffer[ErrorCapacity];
+    const ssize_t read = ::pread(fd, buffer, sizeof buffer, 0);
+    if (read <= 0)
+        return {};
+    // The file is zeros where nothing was written.
+    const char *end =
+        std::find_if(buffer, buffer + read, [](char c) { return c == '\0' || c == '\n'; });
+    const QString line = QString::fromUtf8(buffer, end - buffer).trimmed();
+    return DisplayText::escapeControls(
+        line.size() > MaxErrorLineLength ? line.left(MaxErrorLineLength) + u"…"_s : line);
+}
+
+// One started program, until its verdict; the child watch keeps it until the
+// program ends, whenever that is.
+struct EarlyExitWatch
+{
+    QPromise<ProcessLauncher::Result> promise;
+    int errors = -1;
+    bool settled = false;
+
+    void settle(const ProcessLauncher::Result &result)
+    {
+        if (settled)
+            return;
+        settled = true;
+        promise.addResult(result);
+        promise.finish();
+        if (errors >= 0)
+            ::close(errors);
+        errors = -1;
+    }
+
+    static void childEnded(GPid pid, gint status, gpointer data)
+    {
+        std::unique_ptr<std::shared_ptr<EarlyExitWatch>> holder(
+            static_cast<std::shared_ptr<EarlyExitWatch> *>(data));
+        EarlyExitWatch &watch = **holder;
+        if (!watch.settled) {
+            if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
+                watch.settle({});
+            } else {
+                const QString how = WIFEXITED(status) ? u"status %1"_s.arg(WEXITSTATUS(status))
+                                                      : u"signal %1"_s.arg(WTERMSIG(status));
+                const QString said = firstErrorLine(watch.errors);
+                watch.settle(u"ended right after it started (%1)%2"_s.arg(
+                    how, said.isEmpty() ? u"."_s : u": "_s + said));
+            }
+        }
+        g_spawn_close_pid(pid);
+    }
+};
+
 } // namespace
 
-ProcessLauncher::Result GioProcessLauncher::spawn(const QStringList &argv,
-                                                  const QString &workingDirectory,
-                                                  const QString &activationToken)
+Expected<ProcessLauncher::Verdict, QString>
+GioProcessLauncher::spawn(const QStringList &argv, const QString &workingDirectory,
+                          const QString &activationToken)
 {
     if (argv.isEmpty() || argv.first().isEmpty())
         return u"There is no program to start."_s;
@@ -136,11 +220,16 @@ ProcessLauncher::Result GioProcessLauncher::spawn(const QStringList &argv,
     // posix_spawn rather than fork: copying Quillvane's address space to start a
     // browser would cost most of a millisecond of every click. The child gets
     // nothing of Quillvane's but its environment: no open file beyond the three
-    // standard ones, output and errors to the null device.
+    // standard ones, output to the null device, errors to the watch's file.
+    auto watch = std::make_shared<EarlyExitWatch>();
+    watch->errors = errorOutputFile();
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    if (watch->errors >= 0)
+        posix_spawn_file_actions_adddup2(&actions, watch->errors, STDERR_FILENO);
+    else
+        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
     posix_spawn_file_actions_addclosefrom_np(&actions, 3);
     const QByteArray directory = QFile::encodeName(workingDirectory);
     if (!directory.isEmpty())
@@ -164,13 +253,18 @@ ProcessLauncher::Result GioProcessLauncher::spawn(const QStringList &argv,
     g_strfreev(environment);
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
-    if (error != 0)
+    if (error != 0) {
+        if (watch->errors >= 0)
+            ::close(watch->errors);
         return u"Failed to execute child process “%1” (%2)"_s.arg(
             argv.first(), QString::fromLocal8Bit(std::strerror(error)));
-    // Reaped by the main loop when it exits, whenever that is.
-    g_child_watch_add(
-        pid, [](GPid child, gint, gpointer) { g_spawn_close_pid(child); }, nullptr);
-    return {};
+    }
+    watch->promise.start();
+    Verdict verdict = watch->promise.future();
+    // Reaped by the main loop when it ends, whenever that is.
+    g_child_watch_add(pid, &EarlyExitWatch::childEnded, new std::shared_ptr<EarlyExitWatch>(watch));
+    QTimer::singleShot(EarlyExitMs, QCoreApplication::instance(), [watch] { watch->settle({}); });
+    return verdict;
 }
 
 QFuture<ProcessLauncher::Result> GioProcessLauncher::activate(const QString &desktopEntryPath,

@@ -2,6 +2,7 @@
 
 #include "Platform/SystemLog.h"
 #include "Services/ExecLine.h"
+#include "Services/ProfileDiscovery.h"
 
 #include <QFileInfo>
 #include <QPromise>
@@ -43,12 +44,31 @@ QString LaunchError::description() const
     return {};
 }
 
+QStringList argumentsBeforeLink(const QString &bundleID, const LaunchOptions &options)
+{
+    QStringList arguments = options.extraArguments;
+    if (options.privateWindow) {
+        const QString flag = ProfileDiscovery::privateWindowFlag(bundleID);
+        if (!flag.isEmpty())
+            arguments.append(flag);
+    }
+    return arguments;
+}
+
+Outcome fromVerdict(const BrowserInfo &browser, const ProcessLauncher::Result &verdict)
+{
+    if (!verdict)
+        return openFailed(browser, browser.name + u' ' + verdict.error());
+    logSuccess(browser);
+    return {};
+}
+
 QFuture<Outcome> open(const Link &url, const QString &bundleID, const QList<BrowserInfo> &browsers,
-                      const LaunchPlatform &platform, const QString &activationToken)
+                      const LaunchPlatform &platform, const LaunchOptions &options)
 {
     for (const BrowserInfo &browser : browsers) {
         if (browser.bundleID.compare(bundleID, Qt::CaseInsensitive) == 0)
-            return open(url, browser, platform, activationToken);
+            return open(url, browser, platform, options);
     }
     qCInfo(lcBrowserLauncher).noquote()
         << u"Browser %1 not in provided list, attempting system lookup"_s.arg(
@@ -62,11 +82,11 @@ QFuture<Outcome> open(const Link &url, const QString &bundleID, const QList<Brow
     }
     const BrowserInfo found{bundleID, QFileInfo(entry->path).completeBaseName(),
                             QUrl::fromLocalFile(entry->path)};
-    return open(url, found, platform, activationToken);
+    return open(url, found, platform, options);
 }
 
 QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const LaunchPlatform &platform,
-                      const QString &activationToken)
+                      const LaunchOptions &options)
 {
     const QString path = browser.path.toLocalFile();
     if (path.isEmpty() || !QFileInfo::exists(path)) {
@@ -84,28 +104,31 @@ QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const LaunchP
         return QtFuture::makeReadyFuture<Outcome>(
             openFailed(browser, u"The desktop entry %1 cannot be read."_s.arg(path)));
 
-    if (entry->dbusActivatable) {
-        return platform.processes.activate(path, url.toString(), activationToken)
-            .then([browser](const ProcessLauncher::Result &activated) -> Outcome {
-                if (!activated)
-                    return openFailed(browser, activated.error());
-                logSuccess(browser);
-                return {};
+    const QStringList beforeLink = argumentsBeforeLink(browser.bundleID, options);
+    // Activation takes links only: arguments need the entry's command line.
+    if (entry->dbusActivatable && (beforeLink.isEmpty() || entry->exec.isEmpty())) {
+        return platform.processes.activate(path, url.toString(), options.activationToken)
+            .then([browser, started = options.started](const ProcessLauncher::Result &activated) {
+                if (activated && started)
+                    started();
+                return activated ? fromVerdict(browser, activated)
+                                 : Outcome(openFailed(browser, activated.error()));
             });
     }
 
     const auto argv = ExecLine::split(entry->exec);
     if (!argv)
         return QtFuture::makeReadyFuture<Outcome>(openFailed(browser, argv.error().description));
-    const QStringList command = ExecLine::forLink(*argv, *entry, url.toString());
+    const QStringList command = ExecLine::forLink(*argv, *entry, url.toString(), beforeLink);
     if (const auto refused = ExecLine::linkRunsAsCode(command, url.toString(), path))
         return QtFuture::makeReadyFuture<Outcome>(openFailed(browser, *refused));
-    if (const auto spawned =
-            platform.processes.spawn(command, entry->workingDirectory, activationToken);
-        !spawned)
+    auto spawned = platform.processes.spawn(command, entry->workingDirectory, options.activationToken);
+    if (!spawned)
         return QtFuture::makeReadyFuture<Outcome>(openFailed(browser, spawned.error()));
-    logSuccess(browser);
-    return QtFuture::makeReadyFuture(Outcome());
+    if (options.started)
+        options.started();
+    return std::move(spawned).value().then(
+        [browser](const ProcessLauncher::Result &verdict) { return fromVerdict(browser, verdict); });
 }
 
 } // namespace BrowserLauncher

@@ -5,6 +5,7 @@
 #include "Models/Link.h"
 #include "Platform/DesktopEntries.h"
 #include "Platform/ProcessLauncher.h"
+#include "Services/LaunchOptions.h"
 
 #include <QFuture>
 #include <QList>
@@ -36,11 +37,19 @@ struct LaunchError
 using Outcome = Expected<void, LaunchError>;
 
 // The first listed browser with the id (ignoring case), else the installed
-// desktop entry with that id.
+// desktop entry with that id. Settles with the launch's verdict: a browser
+// that ends at once with an error has not opened the link.
 QFuture<Outcome> open(const Link &url, const QString &bundleID, const QList<BrowserInfo> &browsers,
-                      const LaunchPlatform &platform, const QString &activationToken = {});
+                      const LaunchPlatform &platform, const LaunchOptions &options = {});
 
 QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const LaunchPlatform &platform,
-                      const QString &activationToken = {});
+                      const LaunchOptions &options = {});
+
+// The arguments Quillvane puts before the link: the user's own, then the
+// private-window option of the browser's family when asked for.
+QStringList argumentsBeforeLink(const QString &bundleID, const LaunchOptions &options);
+
+// What a verdict means for a launch of this browser.
+Outcome fromVerdict(const BrowserInfo &browser, const ProcessLauncher::Result &verdict);
 
 } // namespace BrowserLauncher

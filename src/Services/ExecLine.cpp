@@ -110,26 +110,44 @@ Expected<QStringList, Error> split(QStringView exec)
     return arguments;
 }
 
-QStringList forLink(const QStringList &argv, const DesktopEntry &entry, const QString &link)
+QStringList forLink(const QStringList &argv, const DesktopEntry &entry, const QString &link,
+                    const QStringList &beforeLink)
 {
     QStringList result;
     bool linkPlaced = false;
+    // Where the argument that carries the link lands.
+    qsizetype linkAt = -1;
     for (const QString &argument : argv) {
         if (isLinkCode(argument)) {
-            if (!linkPlaced)
+            if (!linkPlaced) {
+                linkAt = result.size();
                 result.append(link);
+            }
             linkPlaced = true;
         } else if (argument == u"%i") {
             if (!entry.icon.isEmpty())
                 result << u"--icon"_s << entry.icon;
         } else if (argument.contains(u'%')) {
+            const bool before = linkPlaced;
             result.append(expandedInside(argument, &entry, &link, &linkPlaced));
+            if (!before && linkPlaced)
+                linkAt = result.size() - 1;
         } else {
             result.append(argument);
         }
     }
-    if (!linkPlaced)
+    if (!linkPlaced) {
+        linkAt = result.size();
         result.append(link);
+    }
+    if (!beforeLink.isEmpty()) {
+        // Flatpak forwards what stands between its markers as files: options
+        // go before them, to the browser itself.
+        while (linkAt > 0 && isFlatpakMarker(result[linkAt - 1]))
+            --linkAt;
+        for (qsizetype i = 0; i < beforeLink.size(); ++i)
+            result.insert(linkAt + i, beforeLink[i]);
+    }
     return result;
 }
 
@@ -179,6 +197,34 @@ std::optional<QString> linkRunsAsCode(const QStringList &command, const QString 
         break;
     }
     return std::nullopt;
+}
+
+Expected<QStringList, Error> splitExtraArguments(QStringView text)
+{
+    if (text.trimmed().isEmpty())
+        return QStringList();
+    // split() wants a program first; the arguments alone are all there is.
+    const auto arguments = split(QString(u"x "_s + text));
+    if (!arguments)
+        return Error{QString(arguments.error().description)
+                         .replace(u"The Exec line"_s, u"The extra arguments"_s)};
+    QStringList result;
+    for (const QString &argument : arguments->mid(1)) {
+        QString unescaped;
+        for (qsizetype i = 0; i < argument.size(); ++i) {
+            if (argument[i] != u'%' || i + 1 == argument.size()) {
+                unescaped += argument[i];
+            } else if (argument[++i] == u'%') {
+                unescaped += u'%';
+            } else {
+                return Error{
+                    u"“%1” holds the field code %%2: extra arguments cannot place the link or a file. Write %% for a percent sign."_s
+                        .arg(argument, argument[i])};
+            }
+        }
+        result.append(unescaped);
+    }
+    return result;
 }
 
 QStringList withoutFieldCodes(const QStringList &argv)

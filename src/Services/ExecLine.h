@@ -23,7 +23,14 @@ Expected<QStringList, Error> split(QStringView exec);
 // The command that opens link: %u %U %f %F become the link as one argument
 // (appended at the end when the line has none of them), %i the icon option,
 // %c the name, %k the entry's path, %% a percent sign; other codes vanish.
-QStringList forLink(const QStringList &argv, const DesktopEntry &entry, const QString &link);
+// beforeLink (options of Quillvane's) goes just before the link's argument.
+QStringList forLink(const QStringList &argv, const DesktopEntry &entry, const QString &link,
+                    const QStringList &beforeLink = {});
+
+// The user's extra arguments for a browser, as typed: split by the same quoting
+// rules, and refused when one carries a field code (which would place the
+// link, or a file, where the user did not mean it).
+Expected<QStringList, Error> splitExtraArguments(QStringView text);
 
 // Why command (as made for the entry at entryPath) must not start: it hands
 // link to an interpreter as code to run (a shell's -c command string, python's

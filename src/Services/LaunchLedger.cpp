@@ -24,9 +24,9 @@ void LaunchLedger::note(const QString &argument, const QString &to)
     m_handed.insert(qHash(argument, QHashSeed::globalSeed()), Handed{to, now});
 }
 
-ProcessLauncher::Result LaunchLedger::spawn(const QStringList &argv,
-                                            const QString &workingDirectory,
-                                            const QString &activationToken)
+Expected<ProcessLauncher::Verdict, QString> LaunchLedger::spawn(const QStringList &argv,
+                                                                const QString &workingDirectory,
+                                                                const QString &activationToken)
 {
     // Noted before the start: the started program may answer before this returns.
     for (qsizetype i = 1; i < argv.size(); ++i)

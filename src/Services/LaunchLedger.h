@@ -20,8 +20,8 @@ public:
     // now: a monotonic clock in milliseconds (tests set their own).
     explicit LaunchLedger(ProcessLauncher &launcher, std::function<qint64()> now = {});
 
-    Result spawn(const QStringList &argv, const QString &workingDirectory,
-                 const QString &activationToken) override;
+    Expected<Verdict, QString> spawn(const QStringList &argv, const QString &workingDirectory,
+                                     const QString &activationToken) override;
     QFuture<Result> activate(const QString &desktopEntryPath, const QString &link,
                              const QString &activationToken) override;
 

@@ -152,6 +152,14 @@ std::optional<SupportedBrowser> supportedBrowser(const QString &bundleID)
     return std::nullopt;
 }
 
+QString privateWindowFlag(const QString &bundleID)
+{
+    const auto browser = supportedBrowser(bundleID);
+    if (!browser)
+        return {};
+    return browser->family == Family::Firefox ? u"--private-window"_s : u"--incognito"_s;
+}
+
 QList<BrowserProfile> discoverProfiles(const QString &bundleID)
 {
     const auto browser = supportedBrowser(bundleID);

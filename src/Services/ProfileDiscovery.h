@@ -34,6 +34,10 @@ struct SupportedBrowser
 // The supported browser with this id (ignoring case), if it is one.
 std::optional<SupportedBrowser> supportedBrowser(const QString &bundleID);
 
+// The option that opens the browser's private window: --incognito for the
+// Chromium family, --private-window for Firefox; empty for other browsers.
+QString privateWindowFlag(const QString &bundleID);
+
 QList<BrowserProfile> discoverProfiles(const QString &bundleID);
 
 QList<BrowserProfile> discoverChromiumProfiles(const QString &browserBundleID,

@@ -1,6 +1,7 @@
 #include "Services/ProfileLauncher.h"
 
 #include "Platform/SystemLog.h"
+#include "Services/BrowserLauncher.h"
 #include "Services/ExecLine.h"
 #include "Services/ProfileDiscovery.h"
 
@@ -42,18 +43,18 @@ QString LaunchError::description() const
     return {};
 }
 
-QStringList profileArguments(const QString &bundleID, const QString &profileID, const Link &url)
+QStringList profileArguments(const QString &bundleID, const QString &profileID)
 {
     const auto browser = ProfileDiscovery::supportedBrowser(bundleID);
     if (!browser)
         return {};
     if (browser->family == ProfileDiscovery::Family::Firefox)
-        return {u"-P"_s, profileID, url.toString()};
-    return {u"--profile-directory="_s + profileID, url.toString()};
+        return {u"-P"_s, profileID};
+    return {u"--profile-directory="_s + profileID};
 }
 
 QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const QString &profileID,
-                      const LaunchPlatform &platform, const QString &activationToken)
+                      const LaunchPlatform &platform, const LaunchOptions &options)
 {
     const auto supported = ProfileDiscovery::supportedBrowser(browser.bundleID);
     if (!supported) {
@@ -88,23 +89,36 @@ QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const QString
     qCInfo(lcProfileLauncher).noquote() << u"Launching %1 at %2 with profile %3 for %4"_s.arg(
         family, SystemLog::priv(program), SystemLog::priv(profileID),
         SystemLog::priv(url.toString()));
-    command += profileArguments(browser.bundleID, profileID, url);
+    command += profileArguments(browser.bundleID, profileID);
+    command += BrowserLauncher::argumentsBeforeLink(browser.bundleID, options);
+    command.append(url.toString());
     if (const auto refused = ExecLine::linkRunsAsCode(command, url.toString(), entryPath)) {
         qCCritical(lcProfileLauncher).noquote() << SystemLog::priv(*refused);
         return QtFuture::makeReadyFuture<Outcome>(
             LaunchError{LaunchError::Kind::LaunchFailed, {}, *refused, {}});
     }
-    if (const auto spawned =
-            platform.processes.spawn(command, entry->workingDirectory, activationToken);
-        !spawned) {
+    auto spawned =
+        platform.processes.spawn(command, entry->workingDirectory, options.activationToken);
+    if (!spawned) {
         qCCritical(lcProfileLauncher).noquote()
             << u"Failed to launch %1: %2"_s.arg(family, spawned.error());
         return QtFuture::makeReadyFuture<Outcome>(
             LaunchError{LaunchError::Kind::LaunchFailed, {}, spawned.error(), {}});
     }
-    qCInfo(lcProfileLauncher).noquote()
-        << u"Successfully launched %1 with profile %2"_s.arg(family, SystemLog::priv(profileID));
-    return QtFuture::makeReadyFuture(Outcome());
+    if (options.started)
+        options.started();
+    return std::move(spawned).value().then(
+        [family, profileID, name = browser.name](const ProcessLauncher::Result &verdict) -> Outcome {
+            if (!verdict) {
+                const QString why = name + u' ' + verdict.error();
+                qCCritical(lcProfileLauncher).noquote()
+                    << u"Failed to launch %1: %2"_s.arg(family, SystemLog::priv(why));
+                return LaunchError{LaunchError::Kind::LaunchFailed, {}, why, {}};
+            }
+            qCInfo(lcProfileLauncher).noquote() << u"Successfully launched %1 with profile %2"_s.arg(
+                family, SystemLog::priv(profileID));
+            return {};
+        });
 }
 
 } // namespace ProfileLauncher

@@ -5,6 +5,7 @@
 #include "Models/Link.h"
 #include "Platform/DesktopEntries.h"
 #include "Platform/ProcessLauncher.h"
+#include "Services/LaunchOptions.h"
 
 #include <QFuture>
 
@@ -35,10 +36,11 @@ struct LaunchError
 
 using Outcome = Expected<void, LaunchError>;
 
-// The arguments that open link in profile of a browser of that family.
-QStringList profileArguments(const QString &bundleID, const QString &profileID, const Link &url);
+// The arguments that choose the profile, for a browser of that family.
+QStringList profileArguments(const QString &bundleID, const QString &profileID);
 
+// Settles with the launch's verdict, as the browser launcher's does.
 QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const QString &profileID,
-                      const LaunchPlatform &platform, const QString &activationToken = {});
+                      const LaunchPlatform &platform, const LaunchOptions &options = {});
 
 } // namespace ProfileLauncher

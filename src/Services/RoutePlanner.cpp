@@ -1,10 +1,30 @@
 #include "Services/RoutePlanner.h"
 
+#include "Models/ForwardingRecord.h"
+#include "Models/JsonFields.h"
 #include "Services/URLCleaner.h"
 #include "Services/URLExpander.h"
 #include "Services/URLRouter.h"
 
 using namespace Qt::Literals::StringLiterals;
+
+std::optional<QString> RoutePlan::decidedBy() const
+{
+    switch (decision) {
+    case Decision::Paused:
+        return ForwardingRecord::DecidedByPause.toString();
+    case Decision::Fallback:
+        return ForwardingRecord::DecidedByFallback.toString();
+    case Decision::Combined:
+    case Decision::SourceOnly:
+    case Decision::UrlOnly:
+        return ruleID ? std::optional(JsonFields::uuidText(*ruleID)) : std::nullopt;
+    case Decision::Pending:
+    case Decision::NoRoute:
+        break;
+    }
+    return std::nullopt;
+}
 
 namespace RoutePlanner {
 
@@ -81,8 +101,11 @@ void decide(RoutePlan &plan, const RouteSettings &settings, const RoutePolicy &p
     if (plan.result && !policy.keepProfile)
         plan.result->profileID.reset();
     plan.ruleIndex = decision.ruleIndex;
-    if (decision.ruleIndex >= 0)
-        plan.ruleID = settings.rules[decision.ruleIndex].id;
+    if (decision.ruleIndex >= 0) {
+        const RoutingRule &rule = settings.rules[decision.ruleIndex];
+        plan.ruleID = rule.id;
+        plan.ruleDescription = rule.description();
+    }
     plan.ruleMatched = creditedRule(plan.source, settings.rules);
 }
 

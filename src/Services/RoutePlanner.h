@@ -67,12 +67,17 @@ struct RoutePlan
     // The deciding rule; none for pause, the fallback and no route.
     std::optional<QUuid> ruleID;
     qsizetype ruleIndex = -1;
+    // The deciding rule as it read when it decided (rules change meanwhile).
+    std::optional<QString> ruleDescription;
     // What the history says decided: the sending application's first rule,
     // whichever rule decided, or the pause.
     std::optional<QString> ruleMatched;
     QStringList trail;
 
     bool decided() const { return decision != Decision::Pending; }
+    // What the history records as the decision: the rule's id, "fallback" or
+    // "paused"; none while undecided or without a route.
+    std::optional<QString> decidedBy() const;
     bool cleanedSomething() const { return !(cleaned == received); }
 };
 

@@ -214,7 +214,10 @@ bool sameApp(const QString &a, const QString &b)
 
 Decision matched(Decision::Kind kind, const RoutingRule &rule, qsizetype index)
 {
-    return Decision{kind, RouteResult{rule.targetBrowserBundleID, rule.targetProfileID}, index};
+    return Decision{kind,
+                    RouteResult{rule.targetBrowserBundleID, rule.targetProfileID,
+                                rule.openInPrivateWindow},
+                    index};
 }
 
 // The order in which a rule list is tried: its app rules in stored order, and its

@@ -32,7 +32,10 @@ CREATE TABLE IF NOT EXISTS history (
     sourceAppName TEXT,
     targetBrowserBundleID TEXT NOT NULL,
     targetBrowserName TEXT NOT NULL,
-    ruleMatched TEXT
+    ruleMatched TEXT,
+    decidedBy TEXT,
+    decisionDescription TEXT,
+    targetProfileID TEXT
 );
 CREATE TABLE IF NOT EXISTS forwardCount (
     day TEXT PRIMARY KEY,
@@ -53,8 +56,40 @@ CREATE TABLE IF NOT EXISTS meta (
     key TEXT PRIMARY KEY,
     value TEXT
 ) WITHOUT ROWID;
-PRAGMA user_version = 1;
+PRAGMA user_version = 2;
 )sql";
+
+// Version 1 had no record of what decided, nor of the profile.
+constexpr const char *FromVersion1 = R"sql(
+ALTER TABLE history ADD COLUMN decidedBy TEXT;
+ALTER TABLE history ADD COLUMN decisionDescription TEXT;
+ALTER TABLE history ADD COLUMN targetProfileID TEXT;
+PRAGMA user_version = 2;
+)sql";
+
+qint64 schemaVersion(Sqlite::Database &database)
+{
+    Sqlite::Statement version = database.statement("PRAGMA user_version");
+    const qint64 number = version.step() ? version.integer(0) : 0;
+    version.run();
+    return number;
+}
+
+// Another Quillvane may be upgrading the same file: the version is read again
+// under the write lock, and a failed step leaves the file as it was.
+std::optional<Sqlite::Error> upgradeFromVersion1(Sqlite::Database &database)
+{
+    database.exec("BEGIN IMMEDIATE");
+    if (schemaVersion(database) == 1)
+        database.exec(FromVersion1);
+    database.exec("COMMIT");
+    std::optional<Sqlite::Error> failure = database.takeError();
+    if (failure) {
+        database.exec("ROLLBACK");
+        database.takeError();
+    }
+    return failure;
+}
 
 QString stateHome()
 {
@@ -191,11 +226,13 @@ std::optional<Sqlite::Error> HistoryDatabase::prepare(Sqlite::Database &database
     database.exec("PRAGMA synchronous = NORMAL");
     // Made once: even a CREATE that finds its table would wait for another
     // process's write lock.
-    Sqlite::Statement version = database.statement("PRAGMA user_version");
-    const qint64 schemaVersion = version.step() ? version.integer(0) : 0;
-    version.run();
-    if (schemaVersion < 1)
+    const qint64 version = schemaVersion(database);
+    if (version < 1)
         database.exec(Schema);
+    else if (version == 1) {
+        if (auto failure = upgradeFromVersion1(database))
+            return failure;
+    }
     // A file that was cut short or overwritten in part reads as a database
     // until a damaged page is needed: look at every page once, now.
     Sqlite::Statement check = database.statement("PRAGMA quick_check");
@@ -345,8 +382,9 @@ void HistoryDatabase::insertRecord(Sqlite::Database &database, const ForwardingR
 {
     database
         .statement("INSERT INTO history (id, timestamp, originalURL, sourceAppBundleID, "
-                   "sourceAppName, targetBrowserBundleID, targetBrowserName, ruleMatched) "
-                   "VALUES (?, ?, ?, ?, ?, ?, ?, ?)")
+                   "sourceAppName, targetBrowserBundleID, targetBrowserName, ruleMatched, "
+                   "decidedBy, decisionDescription, targetProfileID) "
+                   "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
         .bind(1, JsonFields::uuidText(record.id))
         .bind(2, JsonFields::referenceSeconds(record.timestamp))
         .bind(3, record.originalURL)
@@ -355,6 +393,9 @@ void HistoryDatabase::insertRecord(Sqlite::Database &database, const ForwardingR
         .bind(6, record.targetBrowserBundleID)
         .bind(7, record.targetBrowserName)
         .bind(8, record.ruleMatched)
+        .bind(9, record.decidedBy)
+        .bind(10, record.decisionDescription)
+        .bind(11, record.targetProfileID)
         .run();
 }
 

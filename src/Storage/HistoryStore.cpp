@@ -48,7 +48,8 @@ Expected<QList<ForwardingRecord>, QString> readHistory(HistoryDatabase &database
     const bool read = database.read([&](Sqlite::Database &sql) {
         Sqlite::Statement rows = sql.statement(
             "SELECT id, timestamp, originalURL, sourceAppBundleID, sourceAppName, "
-            "targetBrowserBundleID, targetBrowserName, ruleMatched FROM history "
+            "targetBrowserBundleID, targetBrowserName, ruleMatched, decidedBy, "
+            "decisionDescription, targetProfileID FROM history "
             "WHERE ?1 = '' OR quillvane_contains(originalURL, ?1) "
             "OR quillvane_contains(sourceAppName, ?1) OR quillvane_contains(targetBrowserName, ?1) "
             "ORDER BY seq DESC LIMIT ?2");
@@ -61,7 +62,8 @@ Expected<QList<ForwardingRecord>, QString> readHistory(HistoryDatabase &database
             records.append(ForwardingRecord{JsonFields::parseUuid(rows.text(0)).value_or(QUuid()),
                                             *when, rows.text(2), rows.optionalText(3),
                                             rows.optionalText(4), rows.text(5), rows.text(6),
-                                            rows.optionalText(7)});
+                                            rows.optionalText(7), rows.optionalText(8),
+                                            rows.optionalText(9), rows.optionalText(10)});
         }
     });
     if (!read)
@@ -104,6 +106,20 @@ void record(HistoryDatabase &database, const ForwardingRecord &entry, qint64 jou
             << u"History exceeds %1 records, trimming oldest entries"_s.arg(MaxRecords);
     qCDebug(lcHistoryStore).noquote()
         << u"Recorded forwarding: %1"_s.arg(SystemLog::priv(entry.originalURL));
+}
+
+void withdraw(HistoryDatabase &database, const QUuid &id)
+{
+    HistoryDatabase::Unwritten &unwritten = database.unwritten();
+    if (unwritten.records.removeIf([&id](const ForwardingRecord &record) { return record.id == id; })
+        > 0)
+        return;
+    // Should the file refuse this write, the record stays: the failure is
+    // logged by the database, and the notification has told the user.
+    const QString text = JsonFields::uuidText(id);
+    database.write([&text](Sqlite::Database &sql) {
+        sql.statement("DELETE FROM history WHERE id = ?").bind(1, text).run();
+    });
 }
 
 void clearHistory(HistoryDatabase &database)

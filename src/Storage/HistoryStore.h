@@ -26,6 +26,8 @@ readHistory(HistoryDatabase &database, const QString &filter = {}, qsizetype lim
 // Adds one record in front, and ends the link's journal entry (when it has one)
 // in the same transaction.
 void record(HistoryDatabase &database, const ForwardingRecord &record, qint64 journalEntry = 0);
+// Takes back the record with this id (its browser did not open the link after all).
+void withdraw(HistoryDatabase &database, const QUuid &id);
 void clearHistory(HistoryDatabase &database);
 // Records whose time falls on the given local day (today unless told otherwise).
 qsizetype todayCount(HistoryDatabase &database, QDate today = QDate::currentDate());

@@ -24,6 +24,10 @@ inline constexpr Key<bool> RulesEnabled{u"rules_enabled", true};
 inline constexpr Key<QStringView> DefaultBrowserBundleID{u"default_browser_bundle_id", u""};
 inline constexpr Key<bool> UrlCleaningEnabled{u"url_cleaning_enabled", true};
 inline constexpr Key<bool> UrlExpansionEnabled{u"url_expansion_enabled", false};
+// Links inside redirect wrappers (mail "safe links", /url?q=) are taken out first.
+inline constexpr Key<bool> UrlUnwrappingEnabled{u"url_unwrapping_enabled", true};
+// Per browser: hidden from the lists, extra arguments (a JSON array).
+inline constexpr DataKey BrowserPreferences{u"browser_preferences"};
 // Update checks: whether they run by themselves, and when one last started
 // (ISO 8601, UTC).
 inline constexpr Key<bool> AutomaticUpdateChecks{u"update_automatic_checks", true};

@@ -193,7 +193,7 @@ void GeneralPane::fillFallbackPicker()
 {
     m_fallback->clear();
     m_fallback->addItem(u"None"_s, QString());
-    for (const BrowserInfo &browser : m_state.browsers())
+    for (const BrowserInfo &browser : m_state.shownBrowsers(m_state.defaultBrowserBundleID()))
         m_fallback->addItem(BrowserIcons::icon(browser, m_entries), browser.name, browser.bundleID);
     // A fallback that is not installed matches no entry.
     m_fallback->setCurrentIndex(m_fallback->findData(m_state.defaultBrowserBundleID()));

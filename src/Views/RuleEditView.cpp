@@ -1,9 +1,11 @@
 #include "Views/RuleEditView.h"
 
 #include "App/AppState.h"
+#include "Services/ProfileDiscovery.h"
 #include "Views/BrowserIcons.h"
 #include "Views/ViewKit.h"
 
+#include <QCheckBox>
 #include <QComboBox>
 #include <QDialogButtonBox>
 #include <QHBoxLayout>
@@ -59,10 +61,16 @@ void RuleEditView::finishForm()
     m_browser->setObjectName(u"browserPicker"_s);
     m_browser->setAccessibleName(u"Browser"_s);
     m_browser->addItem(u"Select a browser..."_s, QString());
-    for (const BrowserInfo &browser : m_state.browsers())
+    for (const BrowserInfo &browser :
+         m_state.shownBrowsers(m_existing ? m_existing->targetBrowserBundleID : QString()))
         m_browser->addItem(BrowserIcons::icon(browser, m_services.entries), browser.name,
                            browser.bundleID);
     target->addWidget(m_browser);
+    // Offered for the browsers whose private window Quillvane knows how to ask for.
+    m_privateWindow = new QCheckBox(u"Open in a private window"_s);
+    m_privateWindow->setObjectName(u"privateWindowCheck"_s);
+    m_privateWindow->setChecked(m_existing && m_existing->openInPrivateWindow);
+    target->addWidget(m_privateWindow);
 
     m_profileSection = new QWidget;
     auto *profileColumn = new QVBoxLayout(m_profileSection);
@@ -102,6 +110,7 @@ void RuleEditView::finishForm()
         selectBrowser(m_existing->targetBrowserBundleID);
     }
     loadProfiles(m_existing ? m_existing->targetProfileID.value_or(QString()) : QString());
+    updatePrivateWindow();
     m_filling = false;
     connect(m_browser, &QComboBox::currentIndexChanged, this, &RuleEditView::browserChanged);
     updateSaveButton();
@@ -128,15 +137,26 @@ void RuleEditView::browserChanged()
         return;
     // Another browser's profiles; back to no specific one.
     loadProfiles(QString());
+    updatePrivateWindow();
     updateSaveButton();
+}
+
+void RuleEditView::updatePrivateWindow()
+{
+    m_privateWindow->setVisible(
+        !ProfileDiscovery::privateWindowFlag(selectedBrowserBundleID()).isEmpty());
+}
+
+bool RuleEditView::privateWindowChosen() const
+{
+    return !m_privateWindow->isHidden() && m_privateWindow->isChecked();
 }
 
 void RuleEditView::loadProfiles(const QString &keepProfile)
 {
     const QString browser = selectedBrowserBundleID();
-    const QList<BrowserProfile> profiles = browser.isEmpty() || !m_services.profiles
-                                               ? QList<BrowserProfile>()
-                                               : m_services.profiles(browser);
+    const QList<BrowserProfile> profiles =
+        browser.isEmpty() ? QList<BrowserProfile>() : m_state.profiles(browser);
     m_profile->clear();
     m_profile->addItem(u"Default (no specific profile)"_s, QString());
     for (const BrowserProfile &profile : profiles)
@@ -169,6 +189,7 @@ void RuleEditView::save()
     rule.targetBrowserName = m_state.browserName(browser);
     const QString profile = selectedProfileID();
     rule.targetProfileID = profile.isEmpty() ? std::nullopt : std::optional(profile);
+    rule.openInPrivateWindow = privateWindowChosen();
     if (m_existing) {
         // A rule deleted meanwhile stays deleted: unknown ids change nothing.
         rule.id = m_existing->id;

@@ -10,6 +10,7 @@
 #include <optional>
 
 class AppState;
+class QCheckBox;
 class DesktopEntries;
 class QComboBox;
 class QLabel;
@@ -23,8 +24,6 @@ struct RuleEditServices
     DesktopEntries &entries;
     // The applications running now (read again each time).
     std::function<QList<RunningAppInfo>()> runningApps;
-    // A browser's profiles; the profile files of the user's home by default.
-    std::function<QList<BrowserProfile>(const QString &bundleID)> profiles;
 };
 
 // The sheet that creates or edits a rule: a header, the kind's own sections,
@@ -40,6 +39,8 @@ public:
     // "Select a browser...", then the browsers; the profiles of the chosen one.
     QString selectedBrowserBundleID() const;
     QString selectedProfileID() const;
+    // Offered and ticked.
+    bool privateWindowChosen() const;
     void selectBrowser(const QString &bundleID);
 
 protected:
@@ -71,6 +72,7 @@ protected:
 private:
     void browserChanged();
     void loadProfiles(const QString &keepProfile);
+    void updatePrivateWindow();
     void save();
 
     std::optional<RoutingRule> m_existing;
@@ -80,6 +82,7 @@ private:
     QWidget *m_profileSection = nullptr;
     QComboBox *m_profile = nullptr;
     QLabel *m_profileNote = nullptr;
+    QCheckBox *m_privateWindow = nullptr;
     QPushButton *m_save = nullptr;
     bool m_filling = false;
 };

@@ -12,6 +12,7 @@
 #include <QAbstractListModel>
 #include <QApplication>
 #include <QHBoxLayout>
+#include <QHelpEvent>
 #include <QKeyEvent>
 #include <QLabel>
 #include <QListView>
@@ -21,6 +22,7 @@
 #include <QStackedWidget>
 #include <QStyledItemDelegate>
 #include <QToolButton>
+#include <QToolTip>
 #include <QVBoxLayout>
 
 using namespace Qt::Literals::StringLiterals;
@@ -162,8 +164,19 @@ public:
             }
         }
         word(rule.targetBrowserName, bodyFont, dim);
-        if (rule.targetProfileID && !rule.targetProfileID->isEmpty())
-            badge(*rule.targetProfileID, ViewKit::ProfileColour);
+        m_profileBadges.remove(index.row());
+        if (rule.targetProfileID && !rule.targetProfileID->isEmpty()) {
+            const int from = x;
+            const auto name =
+                m_state.profileName(rule.targetBrowserBundleID, *rule.targetProfileID);
+            if (name)
+                badge(*name, ViewKit::ProfileColour);
+            else
+                badge(*rule.targetProfileID + u" (missing)"_s, ViewKit::MissingColour);
+            m_profileBadges.insert(index.row(), QRect(from, top, x - from, lineHeight));
+        }
+        if (rule.openInPrivateWindow)
+            badge(u"Private"_s, ViewKit::PrivateColour);
 
         painter->setFont(smallFont);
         painter->setPen(faint);
@@ -176,11 +189,32 @@ public:
         painter->restore();
     }
 
+    // The profile badge tells its profile's id, and whether the browser still has it.
+    bool helpEvent(QHelpEvent *event, QAbstractItemView *view, const QStyleOptionViewItem &option,
+                   const QModelIndex &index) override
+    {
+        const auto badge = m_profileBadges.constFind(index.row());
+        if (event->type() != QEvent::ToolTip || !index.isValid() || badge == m_profileBadges.cend()
+            || !badge->contains(event->pos()))
+            return ViewKit::RowDelegate::helpEvent(event, view, option, index);
+        const RoutingRule &rule = m_model.rule(index.row());
+        const QString id = rule.targetProfileID.value_or(QString());
+        QToolTip::showText(
+            event->globalPos(),
+            m_state.profileName(rule.targetBrowserBundleID, id)
+                ? u"Profile id: %1"_s.arg(id)
+                : u"%1 has no profile “%2” any more."_s.arg(rule.targetBrowserName, id),
+            view);
+        return true;
+    }
+
 private:
     RuleListView::Kind m_kind;
     const RuleListModel &m_model;
     AppState &m_state;
     DesktopEntries &m_entries;
+    // Where each row's profile badge was painted last, in the viewport.
+    mutable QHash<int, QRect> m_profileBadges;
 };
 
 QLabel *examples(RuleListView::Kind kind)
@@ -265,6 +299,8 @@ RuleListView::RuleListView(AppState &state, RuleEditServices services, Kind kind
 
     connect(&m_state, &AppState::rulesChanged, this, &RuleListView::refresh);
     connect(&m_state, &AppState::browsersChanged, m_list->viewport(),
+            qOverload<>(&QWidget::update));
+    connect(&m_state, &AppState::profilesChanged, m_list->viewport(),
             qOverload<>(&QWidget::update));
     refresh();
 }

@@ -108,7 +108,7 @@ void StatusItem::rebuild(QMenu &menu)
         m_state.installedBrowserName(m_state.defaultBrowserBundleID()).value_or(u"None"_s);
     QMenu *fallback = menu.addMenu(u"Fallback: "_s + DisplayText::forMenu(fallbackName));
     fallback->menuAction()->setObjectName(u"fallbackAction"_s);
-    for (const BrowserInfo &browser : m_state.browsers()) {
+    for (const BrowserInfo &browser : m_state.shownBrowsers(m_state.defaultBrowserBundleID())) {
         QAction *item = fallback->addAction(BrowserIcons::icon(browser, m_entries),
                                             DisplayText::forMenu(browser.name));
         item->setData(browser.bundleID);

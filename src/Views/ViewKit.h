@@ -37,8 +37,11 @@ protected:
                          const QModelIndex &index) const;
 };
 
-// The badges' colours: patterns blue, profiles purple.
+// The badges' colours: patterns blue, profiles purple, private windows dark
+// grey, what is missing orange.
 inline const QColor PatternColour{0x0a, 0x64, 0xd8};
 inline const QColor ProfileColour{0x8e, 0x3b, 0xc4};
+inline const QColor PrivateColour{0x4a, 0x4a, 0x55};
+inline const QColor MissingColour{0xc2, 0x5b, 0x00};
 
 } // namespace ViewKit
