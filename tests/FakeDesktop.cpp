@@ -36,16 +36,18 @@ QString FakeDesktop::recorder(const QString &name)
     if (!script.open(QIODevice::WriteOnly))
         qFatal("cannot write %s", qPrintable(path));
     // Arguments NUL-separated, so that blanks and line breaks survive; the file
-    // appears whole, by rename.
+    // appears whole, by rename, from a file of each start's own ($$): starts at
+    // the same moment must not take each other's, and Quillvane counts a
+    // browser that fails as a link not opened.
     script.write(("#!/bin/sh\n"
                   "printf '%s' \"${XDG_ACTIVATION_TOKEN-}\" > '"
                   + record.toUtf8()
                   + ".token'\n"
                     "printf '%s\\0' \"$@\" > '"
                   + record.toUtf8()
-                  + ".tmp'\n"
+                  + ".$$.tmp'\n"
                     "mv '"
-                  + record.toUtf8() + ".tmp' '" + record.toUtf8() + ".args'\n"));
+                  + record.toUtf8() + ".$$.tmp' '" + record.toUtf8() + ".args'\n"));
     script.close();
     script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     return path;

@@ -256,7 +256,7 @@ void TestAutomationBus::listsAndQueries()
 
     reply = automationCall(u"ListFeatures"_s);
     const auto features = qdbus_cast<QList<FeatureEntity>>(reply.arguments().value(0));
-    QCOMPARE(features.size(), 4);
+    QCOMPARE(features.size(), 5);
     QCOMPARE(features.at(3).rawValue, u"pauseRules"_s);
     QCOMPARE(features.at(3).title, u"Pause Rules"_s);
 }
@@ -721,7 +721,7 @@ void TestAutomationBus::shellCompletion()
              (QStringList{u"alpha-browser"_s, u"bouncer"_s, u"docs-browser"_s,
                           u"fallback-browser"_s, u"--help"_s}));
     QCOMPARE(complete(u"quillvane feature url"_s),
-             (QStringList{u"urlCleaning"_s, u"urlExpansion"_s}));
+             (QStringList{u"urlCleaning"_s, u"urlExpansion"_s, u"urlUnwrapping"_s}));
     QCOMPARE(complete(u"quillvane rule delete ''"_s).size(), storedRules().size() + 2);
     QCOMPARE(complete(u"quillvane route https://a.example --browser d"_s),
              QStringList{u"docs-browser"_s});

@@ -23,6 +23,7 @@ public:
         return parents.contains(pid) ? std::optional<qint64>(parents.value(pid)) : std::nullopt;
     }
     QList<qint64> processIds() override { return lookups.keys(); }
+    bool isSessionBoundary(qint64 pid) override { return boundaries.contains(pid); }
 
     void app(qint64 pid, const QString &id, qint64 parent = 1)
     {
@@ -37,6 +38,7 @@ public:
 
     QHash<qint64, Lookup> lookups;
     QHash<qint64, qint64> parents;
+    QSet<qint64> boundaries;
     int parentQueries = 0;
 };
 

@@ -49,6 +49,7 @@ public:
     Lookup lookup(qint64 pid) override { return apps.value(pid); }
     std::optional<qint64> parentPid(qint64) override { return std::nullopt; }
     QList<qint64> processIds() override { return apps.keys(); }
+    bool isSessionBoundary(qint64) override { return false; }
 
     QMap<qint64, Lookup> apps;
 };

@@ -212,7 +212,8 @@ void TestSettingsWindow::window()
     QStringList labels;
     for (int i = 0; i < tabs.count(); ++i)
         labels.append(tabs.tabText(i));
-    QCOMPARE(labels, (QStringList{u"App Rules"_s, u"URL Rules"_s, u"General"_s, u"History"_s}));
+    QCOMPARE(labels, (QStringList{u"App Rules"_s, u"URL Rules"_s, u"General"_s, u"History"_s,
+                                  u"Browsers"_s}));
     QCOMPARE(window.selectedTab(), int(SettingsWindow::AppRulesTab));
 
     // Closed and shown again: the same tab.
@@ -271,7 +272,7 @@ void TestSettingsWindow::keyboard()
     QTest::keyClick(&window, Qt::Key_PageUp, Qt::ControlModifier);
     QTest::keyClick(&window, Qt::Key_PageUp, Qt::ControlModifier);
     QTest::keyClick(&window, Qt::Key_PageUp, Qt::ControlModifier);
-    QCOMPARE(window.selectedTab(), int(SettingsWindow::HistoryTab));
+    QCOMPARE(window.selectedTab(), int(SettingsWindow::BrowsersTab));
     QTest::keyClick(&window, Qt::Key_3, Qt::AltModifier);
     QCOMPARE(window.selectedTab(), int(SettingsWindow::GeneralTab));
 }

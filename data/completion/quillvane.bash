@@ -40,7 +40,7 @@ _quillvane()
                 words+=" --help" ;;
             feature)
                 case $position in
-                1) words="urlCleaning urlExpansion launchAtLogin pauseRules --help" ;;
+                1) words="urlCleaning urlExpansion launchAtLogin pauseRules urlUnwrapping --help" ;;
                 2) words="on off" ;;
                 esac ;;
             rule)

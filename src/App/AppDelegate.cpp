@@ -3,10 +3,12 @@
 #include "App/AppState.h"
 #include "App/BuildInfo.h"
 #include "App/DesktopActions.h"
+#include "App/DesktopFollower.h"
 #include "App/LinkIntake.h"
 #include "App/UpdateController.h"
 #include "Automation/AutomationAdaptor.h"
 #include "Platform/ActiveApplication.h"
+#include "Platform/ApplicationsMonitor.h"
 #include "Platform/Autostart.h"
 #include "Platform/DesktopEntries.h"
 #include "Platform/DiagnosticLog.h"
@@ -118,6 +120,11 @@ bool AppDelegate::applicationWillFinishLaunching()
     }
     m_resolver->startTracking();
     debugLog(u"SourceAppResolver tracking started"_s);
+    // Browsers installed, removed or changed while Quillvane runs.
+    m_desktopFollower = std::make_unique<DesktopFollower>(*m_appState);
+    m_applicationsMonitor = std::make_unique<ApplicationsMonitor>();
+    connect(m_applicationsMonitor.get(), &ApplicationsMonitor::changed, m_desktopFollower.get(),
+            &DesktopFollower::applicationsChanged);
     // Quillvane's one instance now: the history is its to write, and what the
     // previous one accepted and did not open is its to open.
     m_history->claimWriter();

@@ -10,6 +10,8 @@
 #include <memory>
 
 class ActiveApplication;
+class ApplicationsMonitor;
+class DesktopFollower;
 class AppState;
 class HistoryDatabase;
 class LinkIntake;
@@ -71,6 +73,8 @@ private:
     std::unique_ptr<LinuxProcessApps> m_processApps;
     std::unique_ptr<ActiveApplication> m_activeApplication;
     std::unique_ptr<SourceAppResolver> m_resolver;
+    std::unique_ptr<DesktopFollower> m_desktopFollower;
+    std::unique_ptr<ApplicationsMonitor> m_applicationsMonitor;
     std::unique_ptr<LinkIntake> m_intake;
     std::unique_ptr<StatusItem> m_statusItem;
     std::unique_ptr<SettingsWindow> m_settingsWindow;

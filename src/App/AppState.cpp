@@ -52,20 +52,6 @@ namespace {
 // How often what the history database did not take is offered to it again.
 constexpr int HistoryRetryMs = 2000;
 
-// The readable ones; a damaged entry costs that browser its settings, no more.
-QList<BrowserPreference> loadBrowserPreferences(const QSettings &settings)
-{
-    const auto data = SettingsKeys::read(settings, SettingsKeys::BrowserPreferences);
-    if (!data)
-        return {};
-    QList<DecodeError> skipped;
-    auto preferences = BrowserPreference::listFromJson(*data, &skipped);
-    if (!preferences || !skipped.isEmpty())
-        qCWarning(lcAppState).noquote()
-            << u"Some browser settings could not be read and are left out: %1"_s.arg(
-                   preferences ? skipped.first().description : preferences.error().description);
-    return preferences ? std::move(preferences).value() : QList<BrowserPreference>();
-}
 } // namespace
 
 AppState::AppState(RuleStore &store, HistoryDatabase &history, AppServices services,
@@ -83,7 +69,7 @@ AppState::AppState(RuleStore &store, HistoryDatabase &history, AppServices servi
         SettingsKeys::read(m_store.settings(), SettingsKeys::AutomaticUpdateChecks);
     m_urlUnwrappingEnabled =
         SettingsKeys::read(m_store.settings(), SettingsKeys::UrlUnwrappingEnabled);
-    m_browserPreferences = loadBrowserPreferences(m_store.settings());
+    m_browserPreferences = m_store.loadBrowserPreferences();
 
     m_rules = m_store.loadRules();
     if (const auto &damage = m_store.lastLoadDamage())
@@ -181,6 +167,7 @@ RouteSettings AppState::routeSettings() const
                          m_rulesEnabled,
                          m_urlCleaningEnabled,
                          m_urlExpansionEnabled,
+                         m_urlUnwrappingEnabled,
                          m_services.isShortLink};
 }
 
@@ -272,8 +259,7 @@ std::optional<QString> AppState::setBrowserPreference(const BrowserPreference &p
     if (preferences == m_browserPreferences)
         return std::nullopt;
     m_browserPreferences = preferences;
-    SettingsKeys::write(m_store.settings(), SettingsKeys::BrowserPreferences,
-                        BrowserPreference::listToJson(m_browserPreferences));
+    m_store.saveBrowserPreferences(m_browserPreferences);
     Q_EMIT browserPreferencesChanged();
     return std::nullopt;
 }
@@ -376,6 +362,7 @@ void AppState::deleteRule(const RoutingRule &rule)
 
 void AppState::setDefaultBrowser(const QString &bundleID)
 {
+    m_reportedMissingFallback.clear();
     m_defaultBrowserBundleID = bundleID;
     m_store.saveDefaultBrowserBundleID(bundleID);
     Q_EMIT defaultBrowserBundleIDChanged();
@@ -461,6 +448,25 @@ void AppState::refreshBrowsers()
     m_browsers = BrowserDiscovery::refreshBrowsers(m_services.entries);
     Q_EMIT browsersChanged();
     qCInfo(lcAppState).noquote() << u"Refreshed browsers: %1 found"_s.arg(m_browsers.size());
+    reportMissingFallback();
+}
+
+void AppState::reportMissingFallback()
+{
+    const QString &fallback = m_defaultBrowserBundleID;
+    if (fallback.isEmpty() || installedBrowserName(fallback)) {
+        m_reportedMissingFallback.clear();
+        return;
+    }
+    if (m_reportedMissingFallback == fallback)
+        return;
+    m_reportedMissingFallback = fallback;
+    const QString what =
+        u"The fallback browser “%1” is no longer installed. Links that no rule claims will not open until you choose another fallback browser (Settings → General, or the Fallback menu)."_s
+            .arg(DisplayText::escapeControls(fallback));
+    qCWarning(lcAppState).noquote() << u"The fallback browser %1 is no longer installed."_s.arg(
+        SystemLog::priv(fallback));
+    m_services.notify(u"Quillvane's fallback browser is gone"_s, what);
 }
 
 bool AppState::checkIsDefaultBrowser() const
@@ -478,6 +484,12 @@ void AppState::refreshDefaultBrowserStatus()
 void AppState::applyImportedConfig(const ConfigManager::ExportData &config)
 {
     setRules(config.rules);
+    // A configuration from before browser settings existed leaves them alone.
+    if (config.browserPreferences) {
+        m_browserPreferences = *config.browserPreferences;
+        m_store.saveBrowserPreferences(m_browserPreferences);
+        Q_EMIT browserPreferencesChanged();
+    }
     if (config.defaultBrowserBundleID)
         setDefaultBrowser(*config.defaultBrowserBundleID);
     saveFlag(SettingsKeys::UrlCleaningEnabled, &AppState::m_urlCleaningEnabled,
@@ -519,8 +531,12 @@ void AppState::setLastRouteLog(const QString &text)
     Q_EMIT lastRouteLogChanged();
 }
 
-void AppState::notifyRouteFailure(const QString &link, const QString &why)
+void AppState::notifyRouteFailure(const QString &link, const QString &why,
+                                  const QString &browserID)
 {
+    // Told once already, when it went.
+    if (!browserID.isEmpty() && browserID == m_reportedMissingFallback)
+        return;
     // A fallback browser that went away fails every link the same way: the user
     // hears of it once in a while, not once per link.
     constexpr int RepeatedFailureQuietMs = 30000;
@@ -597,7 +613,9 @@ bool AppState::event(QEvent *event)
         const WaitingRoute next = m_waitingRoutes.takeFirst();
         RouteReports reports{
             [this](const QString &text) { setLastRouteLog(text); },
-            [this](const QString &link, const QString &why) { notifyRouteFailure(link, why); },
+            [this](const QString &link, const QString &why, const QString &browserID) {
+                notifyRouteFailure(link, why, browserID);
+            },
             [this] {
                 keepWritingHistory();
                 Q_EMIT routeFinished();

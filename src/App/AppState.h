@@ -184,7 +184,9 @@ private:
     void setLastRouteLog(const QString &text);
     // The sender was told long ago that Quillvane has the link; only a
     // notification can still tell the user it did not open.
-    void notifyRouteFailure(const QString &link, const QString &why);
+    void notifyRouteFailure(const QString &link, const QString &why, const QString &browserID);
+    // A fallback browser uninstalled while it is the fallback: told once.
+    void reportMissingFallback();
     void setFlag(bool AppState::*field, bool value, void (AppState::*changed)());
     void saveFlag(const SettingsKeys::Key<bool> &key, bool AppState::*field, bool value,
                   void (AppState::*changed)());
@@ -211,6 +213,7 @@ private:
     bool m_routeStartPosted = false;
     // The last failure the user was notified of, and until when it is not again.
     QString m_lastNotifiedFailure;
+    QString m_reportedMissingFallback;
     QDeadlineTimer m_failureQuietUntil;
     QList<RoutingRule> m_rules;
     QList<BrowserInfo> m_browsers;

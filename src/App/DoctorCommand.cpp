@@ -1,6 +1,7 @@
 #include "App/DoctorCommand.h"
 
 #include "App/BuildInfo.h"
+#include "Platform/DesktopSettings.h"
 #include "Platform/DiagnosticLog.h"
 #include "Services/BrowserDiscovery.h"
 #include "Services/LaunchAtLoginManager.h"
@@ -60,6 +61,12 @@ void printText(QTextStream &out, const QJsonObject &report)
         << (handlers.value(u"isQuillvane"_s).toBool() ? "Quillvane" : "not Quillvane") << '\n';
     out << "  https handler:  " << handler(handlers.value(u"https"_s)) << '\n';
     out << "  http handler:   " << handler(handlers.value(u"http"_s)) << '\n';
+    // What the desktops that keep a browser of their own have, and where.
+    const QJsonObject desktops = handlers.value(u"desktops"_s).toObject();
+    out << "  KDE Plasma:     " << handler(desktops.value(u"kde"_s))
+        << " (kdeglobals, BrowserApplication)\n";
+    out << "  XFCE:           " << handler(desktops.value(u"xfce"_s))
+        << " (xfce4/helpers.rc, WebBrowser)\n";
     const QJsonObject login = report.value(u"launchAtLogin"_s).toObject();
     out << "Launch at login:  " << yesNo(login.value(u"enabled"_s).toBool()) << " ("
         << login.value(u"autostartFile"_s).toString() << ")\n";
@@ -123,7 +130,10 @@ QJsonObject report(DesktopEntries &entries, const Autostart &autostart)
         {u"defaultBrowser"_s,
          QJsonObject{{u"http"_s, orNull(entries.defaultHandler(u"http"_s))},
                      {u"https"_s, orNull(https)},
-                     {u"isQuillvane"_s, https == QString::fromUtf16(BuildInfo::AppId)}}},
+                     {u"isQuillvane"_s, https == QString::fromUtf16(BuildInfo::AppId)},
+                     {u"desktops"_s,
+                      QJsonObject{{u"kde"_s, orNull(DesktopSettings::kdeBrowserApplication())},
+                                  {u"xfce"_s, orNull(DesktopSettings::xfceWebBrowser())}}}}},
         {u"browsers"_s, browsers},
         {u"launchAtLogin"_s, QJsonObject{{u"enabled"_s, LaunchAtLoginManager::isEnabled(autostart)},
                                          {u"autostartFile"_s, XdgAutostart::entryPath()}}},

@@ -4,6 +4,7 @@
 #include "Services/RoutePlanner.h"
 #include "Services/URLCleaner.h"
 #include "Storage/RuleStore.h"
+#include "Storage/SettingsKeys.h"
 
 #include <QEventLoop>
 #include <QFutureWatcher>
@@ -87,7 +88,10 @@ int run(const CommandArguments &arguments, const CommandOutput &output,
                                  store.loadRulesEnabled(),
                                  URLCleaner::isEnabled(environment.settings),
                                  // Expanded only when asked for with --expand.
-                                 true, environment.isShortLink};
+                                 true,
+                                 SettingsKeys::read(environment.settings,
+                                                    SettingsKeys::UrlUnwrappingEnabled),
+                                 environment.isShortLink};
     std::optional<SourceApp> source;
     if (from)
         source = SourceApp{*from, *from};
@@ -95,6 +99,8 @@ int run(const CommandArguments &arguments, const CommandOutput &output,
     const RoutePolicy policy = RoutePolicy::explanation();
     RoutePlan plan = RoutePlanner::prepare(*parsed, source, settings, policy);
     printField(out, u"Link", plan.received.toString());
+    if (plan.unwrappedSomething())
+        printField(out, u"Unwrapped", plan.unwrapped.toString());
     if (!settings.urlCleaningEnabled)
         printField(out, u"Cleaning", u"off");
     else if (plan.cleanedSomething())

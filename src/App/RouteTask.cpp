@@ -58,6 +58,8 @@ void RouteTask::start(AppState &state, RouteReports reports, const Link &url,
 
     const RoutePolicy policy = RoutePolicy::routing(DiagnosticLog::isEnabled());
     RoutePlan plan = RoutePlanner::prepare(url, source, state.routeSettings(), policy);
+    if (plan.unwrappedSomething())
+        debugLog(u"routeURL() — unwrapped URL: %1"_s.arg(plan.unwrapped.toString()));
     if (plan.cleanedSomething())
         debugLog(u"routeURL() — cleaned URL: %1"_s.arg(plan.cleaned.toString()));
 
@@ -264,7 +266,8 @@ void RouteTask::failed(const QString &statusText, const QString &diagnosticLine,
     debugLog(DisplayText::escapeControls(diagnosticLine));
     qCCritical(lcRoute).noquote() << logLine;
     LinkJournal::finish(m_state.history(), m_ticket.entry);
-    m_reports.failure(hostOrText(m_plan.working), userText);
+    m_reports.failure(hostOrText(m_plan.working), userText,
+                      m_plan.result ? m_plan.result->browserBundleID : QString());
     finish();
 }
 

@@ -19,8 +19,8 @@ struct RouteReports
     // The line the tray menu shows for the last route.
     std::function<void(const QString &)> status;
     // A link that did not open after its sender was answered: where it was
-    // going, and why not.
-    std::function<void(const QString &link, const QString &why)> failure;
+    // going, why not, and the browser it was meant for (none without a route).
+    std::function<void(const QString &link, const QString &why, const QString &browserID)> failure;
     std::function<void()> finished;
 };
 

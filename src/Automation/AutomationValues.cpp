@@ -35,6 +35,7 @@ const QList<FeatureInfo> &features()
         {Feature::UrlExpansion, u"urlExpansion", u"URL Expansion"},
         {Feature::LaunchAtLogin, u"launchAtLogin", u"Launch at Login"},
         {Feature::PauseRules, u"pauseRules", u"Pause Rules"},
+        {Feature::UrlUnwrapping, u"urlUnwrapping", u"Redirect Unwrapping"},
     };
     return list;
 }

@@ -41,7 +41,9 @@ enum class Feature
     UrlCleaning,
     UrlExpansion,
     LaunchAtLogin,
-    PauseRules
+    PauseRules,
+    // Beyond the four that every automation service offers.
+    UrlUnwrapping
 };
 
 struct FeatureInfo

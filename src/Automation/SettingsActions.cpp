@@ -104,6 +104,10 @@ Answer toggleFeature(Feature feature, bool enabled)
         if (state.launchAtLogin() != enabled)
             state.toggleLaunchAtLogin();
         break;
+    case Feature::UrlUnwrapping:
+        if (state.urlUnwrappingEnabled() != enabled)
+            state.toggleURLUnwrapping();
+        break;
     case Feature::PauseRules:
         // On means paused.
         if (state.rulesEnabled() == enabled)
@@ -121,7 +125,14 @@ Answer toggleFeature(Feature feature, bool enabled)
 
 Expected<QList<BrowserEntity>, IntentError> listBrowsers()
 {
-    return allBrowsers();
+    // A browser the user hid is left out of lists; its id still resolves.
+    const auto state = sharedState();
+    if (!state)
+        return state.error();
+    QList<BrowserEntity> shown;
+    for (const BrowserInfo &browser : (*state)->shownBrowsers())
+        shown.append(BrowserEntity::from(browser));
+    return shown;
 }
 
 } // namespace Automation

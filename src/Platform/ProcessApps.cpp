@@ -110,6 +110,15 @@ std::optional<qint64> parentPid(QByteArrayView stat)
     return ok && pid >= 0 ? std::optional<qint64>(pid) : std::nullopt;
 }
 
+QByteArrayView commandName(QByteArrayView stat)
+{
+    const qsizetype open = stat.indexOf('(');
+    const qsizetype close = stat.lastIndexOf(')');
+    if (open < 0 || close <= open)
+        return {};
+    return stat.sliced(open + 1, close - open - 1);
+}
+
 std::optional<quint64> startTime(QByteArrayView stat)
 {
     // Field 22 of the line is field 20 after the name (state is field 3).
@@ -291,6 +300,19 @@ QByteArray LinuxProcessApps::read(qint64 pid, const char *file) const
 std::optional<qint64> LinuxProcessApps::parentPid(qint64 pid)
 {
     return ProcStat::parentPid(read(pid, "stat"));
+}
+
+bool LinuxProcessApps::isSessionBoundary(qint64 pid)
+{
+    if (pid <= 1)
+        return true;
+    struct stat info = {};
+    const QByteArray directory = QFile::encodeName(m_proc + u'/' + QString::number(pid));
+    if (::stat(directory.constData(), &info) != 0 || info.st_uid != ::geteuid())
+        return true;
+    // systemd --user: what it starts, it starts in units of their own, which
+    // the lookup of the process itself reads; above it is init.
+    return ProcStat::commandName(read(pid, "stat")) == "systemd";
 }
 
 QList<qint64> LinuxProcessApps::processIds()

@@ -33,6 +33,10 @@ public:
     virtual std::optional<qint64> parentPid(qint64 pid) = 0;
     // Every process of this user, at this moment.
     virtual QList<qint64> processIds() = 0;
+    // Whether the process closes the user's session from above, so that no
+    // process beyond it can have sent a link: init, a process of another user
+    // (login, sshd, the display manager), the user's own service manager.
+    virtual bool isSessionBoundary(qint64 pid) = 0;
 };
 
 // The parsing behind the Linux lookup, kept apart so that it can be tested on
@@ -40,6 +44,8 @@ public:
 namespace ProcStat {
 // Parent id from the text of /proc/<pid>/stat (field 4, after the last ')').
 std::optional<qint64> parentPid(QByteArrayView stat);
+// The command name from the text of /proc/<pid>/stat (field 2, in parentheses).
+QByteArrayView commandName(QByteArrayView stat);
 // Start time from the text of /proc/<pid>/stat (field 22).
 std::optional<quint64> startTime(QByteArrayView stat);
 // The application id named by a systemd unit of /proc/<pid>/cgroup, such as
@@ -65,6 +71,7 @@ public:
     Lookup lookup(qint64 pid) override;
     std::optional<qint64> parentPid(qint64 pid) override;
     QList<qint64> processIds() override;
+    bool isSessionBoundary(qint64 pid) override;
 
     // Follows GIO's org.gtk.gio.DesktopAppInfo.Launched broadcasts on the
     // session bus, so that a process started by an application is credited to it.

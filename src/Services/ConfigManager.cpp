@@ -1,6 +1,7 @@
 #include "Services/ConfigManager.h"
 
 #include "Platform/SystemLog.h"
+#include "Services/ExecLine.h"
 #include "Services/URLCleaner.h"
 #include "Storage/RuleStore.h"
 
@@ -130,6 +131,9 @@ ExportData exportConfig(RuleStore &store, const QDateTime &now)
     if (!fallback.isEmpty())
         data.defaultBrowserBundleID = fallback;
     data.urlCleaningEnabled = URLCleaner::isEnabled(store.settings());
+    if (QList<BrowserPreference> preferences = store.loadBrowserPreferences();
+        !preferences.isEmpty())
+        data.browserPreferences = std::move(preferences);
     return data;
 }
 
@@ -145,6 +149,11 @@ QByteArray encode(const ExportData &data)
     };
     if (data.defaultBrowserBundleID)
         document.insert(u"defaultBrowserBundleID"_s, *data.defaultBrowserBundleID);
+    if (data.browserPreferences)
+        document.insert(u"browserPreferences"_s,
+                        QJsonDocument::fromJson(
+                            BrowserPreference::listToJson(*data.browserPreferences))
+                            .array());
     QByteArray out;
     appendValue(out, document, 0);
     return out;
@@ -196,6 +205,24 @@ Expected<ExportData, ConfigError> importFromJSON(QByteArrayView bytes)
         if (!rule)
             return decodingFailed(rule.error().description);
         data.rules.append(*rule);
+    }
+    const QJsonValue preferences = object.value(u"browserPreferences"_s);
+    if (!preferences.isUndefined() && !preferences.isNull()) {
+        if (!preferences.isArray())
+            return decodingFailed(u"the member \"browserPreferences\" is not an array."_s);
+        QList<BrowserPreference> list;
+        const QJsonArray array = preferences.toArray();
+        for (qsizetype i = 0; i < array.size(); ++i) {
+            auto preference = BrowserPreference::fromJson(array.at(i), i);
+            if (!preference)
+                return decodingFailed(preference.error().description);
+            if (const auto arguments = ExecLine::splitExtraArguments(preference->extraArguments);
+                !arguments)
+                return decodingFailed(u"the extra arguments for %1: %2"_s.arg(
+                    preference->browserBundleID.left(200), arguments.error().description));
+            list.append(*preference);
+        }
+        data.browserPreferences = list;
     }
     data.version = qint64(version.toDouble());
     data.exportDate = *date;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Models/Expected.h"
+#include "Models/BrowserPreference.h"
 #include "Models/RoutingRule.h"
 
 #include <QByteArray>
@@ -12,7 +13,8 @@
 class RuleStore;
 
 // The configuration as a self-describing JSON document: rules, fallback
-// browser and the cleaning switch, with a format version and the export time.
+// browser and the cleaning switch, with a format version and the export time;
+// and, where the user set any, the per-browser settings.
 namespace ConfigManager {
 
 inline constexpr qint64 SupportedVersion = 1;
@@ -24,6 +26,8 @@ struct ExportData
     std::optional<QString> defaultBrowserBundleID;
     QList<RoutingRule> rules;
     bool urlCleaningEnabled = true;
+    // Absent from documents of earlier versions (and when nothing is set).
+    std::optional<QList<BrowserPreference>> browserPreferences;
 
     friend bool operator==(const ExportData &, const ExportData &) = default;
 };

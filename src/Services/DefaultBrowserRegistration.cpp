@@ -1,6 +1,8 @@
 #include "Services/DefaultBrowserRegistration.h"
 
+#include "Platform/DesktopSettings.h"
 #include "Platform/SystemLog.h"
+#include "Services/ExecLine.h"
 
 #include <QProcess>
 #include <QStandardPaths>
@@ -24,8 +26,20 @@ DesktopEntries::Result request(DesktopEntries &entries, const QString &appId)
             qCInfo(lcRegistration).noquote()
                 << u"Could not become the handler of %1: %2"_s.arg(type, claimed.error());
     }
+    // XFCE's own preferred web browser, which xdg-settings and exo-open ask there.
+    if (DesktopSettings::isCurrentDesktop(u"XFCE")) {
+        const auto own = entries.entry(appId);
+        const auto argv = own ? ExecLine::split(own->exec) : ExecLine::split(QString());
+        if (argv) {
+            const auto set = DesktopSettings::setXfceWebBrowser(
+                appId, own->name.value_or(appId), own->icon, argv->first());
+            if (!set)
+                qCInfo(lcRegistration).noquote()
+                    << u"Could not become XFCE's web browser: %1"_s.arg(set.error());
+        }
+    }
     // Plasma opens links with the browser named in kdeglobals before asking the MIME registry.
-    if (qEnvironmentVariable("XDG_CURRENT_DESKTOP").contains(u"KDE"_s, Qt::CaseInsensitive)) {
+    if (DesktopSettings::isCurrentDesktop(u"KDE")) {
         for (const QString &tool : {u"kwriteconfig6"_s, u"kwriteconfig5"_s}) {
             const QString program = QStandardPaths::findExecutable(tool);
             if (program.isEmpty())

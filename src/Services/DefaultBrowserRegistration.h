@@ -8,8 +8,7 @@
 
 // Asks the desktop to hand Quillvane every web link: the default handler for
 // http, then https (also HTML files, as "xdg-settings set default-web-browser"
-// does), and
-// on KDE Plasma its own browser setting.
+// does), and on KDE Plasma and XFCE their own browser settings.
 namespace DefaultBrowserRegistration {
 
 // Fails when http or https could not be claimed.

@@ -5,6 +5,7 @@
 #include "Services/URLCleaner.h"
 #include "Services/URLExpander.h"
 #include "Services/URLRouter.h"
+#include "Services/URLUnwrapper.h"
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -68,7 +69,9 @@ RoutePlan prepare(const Link &received, const std::optional<SourceApp> &source,
 {
     RoutePlan plan;
     plan.received = received;
-    plan.cleaned = settings.urlCleaningEnabled ? URLCleaner::clean(received) : received;
+    plan.unwrapped = settings.urlUnwrappingEnabled ? URLUnwrapper::unwrap(received) : received;
+    plan.cleaned =
+        settings.urlCleaningEnabled ? URLCleaner::clean(plan.unwrapped) : plan.unwrapped;
     plan.working = plan.cleaned;
     plan.source = source;
     if (policy.honourPause && !settings.rulesEnabled) {

@@ -19,6 +19,7 @@ struct RouteSettings
     bool rulesEnabled = true;
     bool urlCleaningEnabled = true;
     bool urlExpansionEnabled = true;
+    bool urlUnwrappingEnabled = true;
     std::function<bool(const Link &)> isShortLink;
 };
 
@@ -53,7 +54,9 @@ struct RoutePlan
     };
 
     Link received;
-    // Without tracking parameters when cleaning is on; the very link otherwise.
+    // Taken out of its redirect wrappers when unwrapping is on; the very link otherwise.
+    Link unwrapped;
+    // Without tracking parameters when cleaning is on; unwrapped otherwise.
     Link cleaned;
     // What the rules see: the cleaned link, or where it leads once expanded.
     Link working;
@@ -78,7 +81,8 @@ struct RoutePlan
     // What the history records as the decision: the rule's id, "fallback" or
     // "paused"; none while undecided or without a route.
     std::optional<QString> decidedBy() const;
-    bool cleanedSomething() const { return !(cleaned == received); }
+    bool unwrappedSomething() const { return !(unwrapped == received); }
+    bool cleanedSomething() const { return !(cleaned == unwrapped); }
 };
 
 // The one place where the steps of a route are taken; every caller executes

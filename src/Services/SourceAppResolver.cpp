@@ -133,26 +133,48 @@ std::optional<qint64> SourceAppResolver::getParentPID(qint64 pid)
 
 std::optional<SourceApp> SourceAppResolver::resolveByParentChain(qint64 pid)
 {
+    const qint64 now = m_now();
+    m_chains.removeIf([now](const auto &entry) { return entry.value().until <= now; });
     QSet<qint64> visited;
+    // The ancestors looked up in this walk, which share what it finds.
+    QList<qint64> walked;
+    std::optional<SourceApp> found;
     qint64 current = pid;
     for (int depth = 0; depth < ParentChainDepth; ++depth) {
         const auto parent = getParentPID(current);
         if (!parent || *parent < 2) {
             debugLog(u"  parentChain[%1]: PID %2 has no valid parent"_s.arg(depth).arg(current));
-            return std::nullopt;
+            break;
         }
         if (visited.contains(*parent)) {
             debugLog(u"  parentChain[%1]: cycle detected at PID %2"_s.arg(depth).arg(*parent));
-            return std::nullopt;
+            break;
         }
         visited.insert(*parent);
+        if (const auto remembered = m_chains.constFind(*parent); remembered != m_chains.cend()) {
+            debugLog(u"  parentChain[%1]: PID %2 was walked a moment ago"_s.arg(depth).arg(*parent));
+            found = remembered->app;
+            break;
+        }
+        // Nothing above the session's top can have sent the link: a walk from
+        // a script would otherwise read every process up to init.
+        if (m_apps.isSessionBoundary(*parent)) {
+            debugLog(u"  parentChain[%1]: PID %2 is the session's boundary"_s.arg(depth).arg(
+                *parent));
+            break;
+        }
         debugLog(
             u"  parentChain[%1]: PID %2 → parent PID %3"_s.arg(depth).arg(current).arg(*parent));
-        if (auto app = resolveByPID(*parent))
-            return app;
+        walked.append(*parent);
+        if (auto app = resolveByPID(*parent)) {
+            found = std::move(app);
+            break;
+        }
         current = *parent;
     }
-    return std::nullopt;
+    for (const qint64 ancestor : std::as_const(walked))
+        m_chains.insert(ancestor, Remembered{found, now + ParentMemoryMs});
+    return found;
 }
 
 bool SourceAppResolver::descendsFrom(qint64 pid, qint64 ancestor)

@@ -4,6 +4,7 @@
 #include "Platform/ActiveApplication.h"
 #include "Platform/ProcessApps.h"
 
+#include <QHash>
 #include <QObject>
 
 #include <functional>
@@ -17,6 +18,9 @@ class SourceAppResolver final : public QObject
 {
 public:
     static constexpr qint64 BurstWindowMs = 1500;
+    // What an ancestor's chain resolved to is remembered this long: a script
+    // that opens many links starts a process for each under one parent.
+    static constexpr qint64 ParentMemoryMs = BurstWindowMs;
     static constexpr int ParentChainDepth = 10;
 
     // now: a monotonic clock in milliseconds (tests set their own).
@@ -48,4 +52,11 @@ private:
     std::optional<SourceApp> m_lastActiveApp;
     std::optional<SourceApp> m_burstSource;
     qint64 m_burstDeadline = std::numeric_limits<qint64>::min();
+    // What the chain above an ancestor resolved to lately, by its process id.
+    struct Remembered
+    {
+        std::optional<SourceApp> app;
+        qint64 until = 0;
+    };
+    QHash<qint64, Remembered> m_chains;
 };

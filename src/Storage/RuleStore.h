@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Models/BrowserPreference.h"
 #include "Models/RoutingRule.h"
 
 #include <QList>
@@ -31,6 +32,10 @@ public:
 
     bool loadRulesEnabled() const;
     void saveRulesEnabled(bool enabled);
+
+    // What the user set per browser; the readable entries of a damaged list.
+    QList<BrowserPreference> loadBrowserPreferences() const;
+    void saveBrowserPreferences(const QList<BrowserPreference> &preferences);
 
     QString loadDefaultBrowserBundleID() const;
     void saveDefaultBrowserBundleID(const QString &bundleID);

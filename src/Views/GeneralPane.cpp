@@ -89,8 +89,15 @@ GeneralPane::GeneralPane(AppState &state, DesktopEntries &entries,
     addSwitch(processing, u"urlExpansionSwitch"_s, u"Expand short URLs before routing"_s,
               &AppState::urlExpansionEnabled, &AppState::toggleURLExpansion,
               &AppState::urlExpansionEnabledChanged);
+    QLabel *expansionCaption = ViewKit::caption(
+        u"Resolves bit.ly, t.co, etc. to their destination before matching rules."_s);
+    expansionCaption->setContentsMargins(0, 0, 0, 4);
+    processing->addWidget(expansionCaption);
+    addSwitch(processing, u"urlUnwrappingSwitch"_s, u"Unwrap redirect links"_s,
+              &AppState::urlUnwrappingEnabled, &AppState::toggleURLUnwrapping,
+              &AppState::urlUnwrappingEnabledChanged);
     processing->addWidget(ViewKit::caption(
-        u"Resolves bit.ly, t.co, etc. to their destination before matching rules."_s));
+        u"Takes the real link out of mail and chat redirectors (Outlook safe links, Google /url, Facebook, Slack…) before matching rules, without asking the network."_s));
 
     // Startup.
     QVBoxLayout *startup = ViewKit::addSection(page, u"system-shutdown"_s, u"Startup"_s);
@@ -115,12 +122,18 @@ GeneralPane::GeneralPane(AppState &state, DesktopEntries &entries,
                   &AppState::automaticUpdateChecksChanged);
     // Kept, so that a build with a feed reads the same setting, but greyed where
     // nothing would be checked.
-    if (QStringView(BuildInfo::UpdateFeed).isEmpty()) {
+    // What this build does: a build without a feed leaves updates to the
+    // package manager, and says so as "Check for Updates..." does.
+    const bool hasFeed = !QStringView(BuildInfo::UpdateFeed).isEmpty();
+    if (!hasFeed) {
         automatic->setEnabled(false);
         automatic->setToolTip(QString::fromUtf16(BuildInfo::UpdatesByPackageManager));
     }
-    updates->addWidget(ViewKit::caption(
-        u"Updates are distributed via GitHub Releases with EdDSA signature verification."_s));
+    QLabel *updatesCaption = ViewKit::caption(
+        hasFeed ? u"Updates are distributed via GitHub Releases with EdDSA signature verification."_s
+                : QString::fromUtf16(BuildInfo::UpdatesByPackageManager));
+    updatesCaption->setObjectName(u"updatesCaption"_s);
+    updates->addWidget(updatesCaption);
 
     // About.
     QVBoxLayout *about = ViewKit::addSection(page, u"help-about"_s, u"About"_s, false, 6);
@@ -173,7 +186,6 @@ QCheckBox *GeneralPane::addSwitch(QVBoxLayout *section, const QString &objectNam
 
 void GeneralPane::showEvent(QShowEvent *event)
 {
-    m_state.refreshBrowsers();
     m_state.refreshDefaultBrowserStatus();
     QWidget::showEvent(event);
 }

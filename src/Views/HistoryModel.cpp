@@ -41,7 +41,9 @@ QVariant HistoryModel::data(const QModelIndex &index, int role) const
     case BrowserNameRole:
         return record.targetBrowserName;
     case RuleRole:
-        return record.ruleMatched.value_or(QString());
+        return record.decisionText();
+    case PausedRole:
+        return record.decidedByPause();
     case RelativeTimeRole:
         return relativeTime(record.timestamp,
                             m_now.isValid() ? m_now : QDateTime::currentDateTimeUtc());

@@ -16,7 +16,8 @@ public:
     {
         SourceNameRole = Qt::UserRole + 1, // "Unknown" without a source application
         BrowserNameRole,
-        RuleRole, // empty without a rule
+        RuleRole,   // what decided: a rule, the fallback, the pause; empty without one
+        PausedRole, // the rules were paused
         RelativeTimeRole,
         UrlRole
     };

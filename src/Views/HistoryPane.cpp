@@ -67,11 +67,15 @@ public:
 
         const QString rule = index.data(HistoryModel::RuleRole).toString();
         if (!rule.isEmpty()) {
-            const QString shown =
-                QFontMetrics(timeFont).elidedText(rule, Qt::ElideRight, area.width() / 3);
-            const int width = QFontMetrics(timeFont).horizontalAdvance(shown) + 10;
+            // The pause as a symbol drawn from icons: fonts may not have it.
+            const bool paused = index.data(HistoryModel::PausedRole).toBool();
+            const int symbol = paused ? small.height() - 4 : 0;
+            const QString shown = QFontMetrics(timeFont).elidedText(rule, Qt::ElideRight,
+                                                                    area.width() / 3 - symbol);
+            const int width = QFontMetrics(timeFont).horizontalAdvance(shown) + 10 + symbol;
             const QRect badge(right - width, area.top(), width, small.height());
-            ViewKit::paintBadge(*painter, badge, shown, text);
+            ViewKit::paintBadge(*painter, badge, shown, text,
+                                paused ? ViewKit::pauseIcon() : QIcon());
             right -= width + 8;
         }
 

@@ -73,6 +73,8 @@ QString LinkTester::verdict(const AppState &state, const QString &typed)
     // Testing is not routing: no source, and the trail is not kept.
     RoutePlan plan = RoutePlanner::prepare(*parsed, std::nullopt, settings, policy);
     QStringList lines;
+    if (plan.unwrappedSomething())
+        lines.append(u"Unwrapped from its redirect link: %1"_s.arg(plan.unwrapped.toString()));
     if (plan.cleanedSomething())
         lines.append(
             u"Checked as %1 (tracking parameters removed)."_s.arg(plan.cleaned.toString()));

@@ -52,9 +52,6 @@ RuleEditView::RuleEditView(AppState &state, RuleEditServices services,
 
 void RuleEditView::finishForm()
 {
-    // Browsers installed since the window opened are offered too.
-    m_state.refreshBrowsers();
-
     QVBoxLayout *target =
         ViewKit::addSection(m_form, u"web-browser"_s, u"Target Browser"_s, false, 6);
     m_browser = new QComboBox;

@@ -1,6 +1,7 @@
 #include "Views/SettingsWindow.h"
 
 #include "App/AppState.h"
+#include "Views/BrowsersPane.h"
 #include "Views/GeneralPane.h"
 #include "Views/HistoryPane.h"
 #include "Views/RuleListView.h"
@@ -20,6 +21,7 @@ SettingsWindow::SettingsWindow(AppState &state, RuleEditServices services,
     , m_appRules(new AppRuleListView(state, services))
     , m_urlRules(new URLRuleListView(state, services))
     , m_history(new HistoryPane(state))
+    , m_browsers(new BrowsersPane(state, services.entries))
 {
     setObjectName(u"settingsWindow"_s);
     setWindowTitle(u"Quillvane Settings"_s);
@@ -31,6 +33,7 @@ SettingsWindow::SettingsWindow(AppState &state, RuleEditServices services,
     m_tabs->addTab(new GeneralPane(state, services.entries, std::move(checkForUpdates)),
                    QIcon::fromTheme(u"preferences-system"_s), u"General"_s);
     m_tabs->addTab(m_history, QIcon::fromTheme(u"document-open-recent"_s), u"History"_s);
+    m_tabs->addTab(m_browsers, QIcon::fromTheme(u"web-browser"_s), u"Browsers"_s);
 
     auto *layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);

@@ -8,11 +8,13 @@
 
 class AppState;
 class AppRuleListView;
+class BrowsersPane;
 class HistoryPane;
 class URLRuleListView;
 class QTabWidget;
 
-// Quillvane's one window: the App Rules, URL Rules, General and History tabs.
+// Quillvane's one window: the App Rules, URL Rules, General and History tabs,
+// then Browsers.
 // It is made on first use and kept, so it reopens on the tab last shown.
 class SettingsWindow final : public QWidget
 {
@@ -24,7 +26,8 @@ public:
         AppRulesTab = 0,
         UrlRulesTab = 1,
         GeneralTab = 2,
-        HistoryTab = 3
+        HistoryTab = 3,
+        BrowsersTab = 4
     };
 
     SettingsWindow(AppState &state, RuleEditServices services,
@@ -36,10 +39,12 @@ public:
     HistoryPane &historyPane() const { return *m_history; }
     AppRuleListView &appRules() const { return *m_appRules; }
     URLRuleListView &urlRules() const { return *m_urlRules; }
+    BrowsersPane &browsersPane() const { return *m_browsers; }
 
 private:
     QTabWidget *m_tabs;
     AppRuleListView *m_appRules;
     URLRuleListView *m_urlRules;
     HistoryPane *m_history;
+    BrowsersPane *m_browsers;
 };

@@ -4,6 +4,7 @@
 #include "App/BuildInfo.h"
 #include "Models/DisplayText.h"
 #include "Views/BrowserIcons.h"
+#include "Views/ViewKit.h"
 
 #include <QMenu>
 #include <QSettings>
@@ -38,6 +39,8 @@ StatusItem::StatusItem(AppState &state, DesktopEntries &entries, Commands comman
     , m_menu(std::make_unique<QMenu>())
 {
     m_menu->setObjectName(u"statusMenu"_s);
+    // "⏸ Pause Rules": the default Debian fonts have no pause sign.
+    ViewKit::installSymbolFont();
     connect(m_menu.get(), &QMenu::aboutToShow, this, [this] { rebuild(*m_menu); });
     // Paused from the menu, the settings window, a script or the command line alike.
     connect(&m_state, &AppState::rulesEnabledChanged, this, &StatusItem::updateIcon);

@@ -1,6 +1,7 @@
 #include "Views/ViewKit.h"
 
 #include <QApplication>
+#include <QFontDatabase>
 #include <QFrame>
 #include <QHBoxLayout>
 #include <QIcon>
@@ -9,7 +10,21 @@
 #include <QPainterPath>
 #include <QVBoxLayout>
 
+using namespace Qt::Literals::StringLiterals;
+
 namespace ViewKit {
+
+void installSymbolFont()
+{
+    static const int installed =
+        QFontDatabase::addApplicationFont(u":/fonts/QuillvaneSymbols.ttf"_s);
+    Q_UNUSED(installed);
+}
+
+QIcon pauseIcon()
+{
+    return QIcon::fromTheme(u"media-playback-pause"_s, QIcon(u":/icons/pause.svg"_s));
+}
 
 QFont scaled(QFont font, qreal factor, QFont::Weight weight)
 {
@@ -60,15 +75,22 @@ QVBoxLayout *addSection(QVBoxLayout *page, const QString &iconName, const QStrin
     return section;
 }
 
-void paintBadge(QPainter &painter, const QRect &area, const QString &text, const QColor &colour)
+void paintBadge(QPainter &painter, const QRect &area, const QString &text, const QColor &colour,
+                const QIcon &symbol)
 {
     QColor fill = colour;
     fill.setAlphaF(0.12f);
     QPainterPath path;
     path.addRoundedRect(area, 3, 3);
     painter.fillPath(path, fill);
+    QRect textArea = area;
+    if (!symbol.isNull()) {
+        const int size = area.height() - 4;
+        symbol.paint(&painter, QRect(area.left() + 4, area.top() + 2, size, size));
+        textArea.setLeft(area.left() + 4 + size);
+    }
     painter.setPen(colour);
-    painter.drawText(area, Qt::AlignCenter, text);
+    painter.drawText(textArea, Qt::AlignCenter, text);
 }
 
 void RowDelegate::paintBackground(QPainter *painter, const QStyleOptionViewItem &option,

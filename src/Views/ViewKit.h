@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QColor>
+#include <QIcon>
 #include <QFont>
 #include <QString>
 #include <QStyledItemDelegate>
@@ -15,6 +16,11 @@ class QVBoxLayout;
 namespace ViewKit {
 
 QFont scaled(QFont font, qreal factor, QFont::Weight weight = QFont::Normal);
+// Makes the symbols Quillvane's texts use (the pause sign) available to Qt's
+// font fallback, where the desktop's fonts lack them. Once per process.
+void installSymbolFont();
+// The pause sign, from the icon theme or Quillvane's own.
+QIcon pauseIcon();
 // A dimmed, smaller explanation that wraps.
 QLabel *caption(const QString &text);
 QFrame *divider();
@@ -22,8 +28,10 @@ QFrame *divider();
 // semibold) above a column, which is returned; a divider follows when asked.
 QVBoxLayout *addSection(QVBoxLayout *page, const QString &iconName, const QString &title,
                         bool withDivider = true, int spacing = 10);
-// A rounded label, its fill the text's colour faintly.
-void paintBadge(QPainter &painter, const QRect &area, const QString &text, const QColor &colour);
+// A rounded label, its fill the text's colour faintly; with a symbol before
+// the text when one is given (its height is the badge's, less a margin).
+void paintBadge(QPainter &painter, const QRect &area, const QString &text, const QColor &colour,
+                const QIcon &symbol = {});
 
 // A list row painted by hand over the style's own row background (selection,
 // hover, alternating colours).
