@@ -143,6 +143,12 @@ RecordingLauncher::spawn(const QStringList &argv, const QString &, const QString
                 });
     if (fails)
         return failure.error();
+    if (holdVerdicts) {
+        auto held = std::make_shared<QPromise<Result>>();
+        held->start();
+        heldVerdicts.append(held);
+        return held->future();
+    }
     return QtFuture::makeReadyFuture(verdict);
 }
 

@@ -6,6 +6,10 @@
 #include "Platform/Autostart.h"
 #include "Platform/DesktopEntries.h"
 #include "Platform/ProcessLauncher.h"
+
+#include <QPromise>
+
+#include <memory>
 #include "Services/URLExpander.h"
 #include "Storage/HistoryDatabase.h"
 #include "Storage/RuleStore.h"
@@ -64,8 +68,11 @@ public:
     QList<QStringList> activated;
     Result failure;
     QString failWhenArgumentStartsWith;
-    // What the started programs did in their first moments.
+    // What the started programs did in their first moments; with
+    // holdVerdicts, each verdict waits in heldVerdicts for the test to give it.
     Result verdict;
+    bool holdVerdicts = false;
+    QList<std::shared_ptr<QPromise<Result>>> heldVerdicts;
 };
 
 // A desktop registry held in memory: its applications are entries (the

@@ -6,6 +6,7 @@
 #include "TestSupport.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFutureWatcher>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -13,6 +14,8 @@
 #include <QLoggingCategory>
 #include <QProcess>
 #include <QTest>
+
+#include <csignal>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -50,6 +53,8 @@ private Q_SLOTS:
     void flatpakEntryGetsTheLinkBetweenItsMarkers();
     void systemLookupForUnlistedBrowsers();
     void launchFailures();
+    void aBrowserThatEndsAtOnceHasNotOpened();
+    void privateWindowsAndExtraArguments();
     void dbusActivatableEntriesAreActivated();
     void profileLaunches();
     void profileLaunchFailures();
@@ -303,6 +308,91 @@ void TestBrowsers::launchFailures()
     QVERIFY2(shell.error().description().contains(u"Quillvane does not start "_s + shelly),
              qPrintable(shell.error().description()));
     QVERIFY(!QFile::exists(marker));
+}
+
+namespace {
+// A browser entry whose program is the given shell script.
+BrowserInfo scripted(FakeDesktop &desktop, const QString &id, const QByteArray &body)
+{
+    const QString program = desktop.root() + u"/bin/"_s + id + u"-script"_s;
+    writeFile(program, "#!/bin/sh\n" + body);
+    QFile::setPermissions(program, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    const QString entry = desktop.addBrowser(id, id, {}, program + u" %u"_s);
+    return BrowserInfo{id, id, QUrl::fromLocalFile(entry)};
+}
+} // namespace
+
+// Chromium run as root without --no-sandbox says why on its error output and
+// ends at once: that launch opened nothing, whatever the start said.
+void TestBrowsers::aBrowserThatEndsAtOnceHasNotOpened()
+{
+    int started = 0;
+    LaunchOptions options;
+    options.started = [&started] { ++started; };
+    const BrowserInfo root = scripted(
+        *m_desktop, u"root-only"_s,
+        "echo 'Running as root without --no-sandbox is not supported. See https://crbug.com/638180.' "
+        ">&2\necho 'second line' >&2\nexit 1\n");
+    const auto refused = waitFor(BrowserLauncher::open(link(u"https://e.com/"_s), root,
+                                                       m_platform, options));
+    QVERIFY(!refused);
+    QCOMPARE(refused.error().description(),
+             u"Failed to open URL: root-only ended right after it started (status 1): Running as "
+             "root without --no-sandbox is not supported. See https://crbug.com/638180."_s);
+    // It did start: the caller hands the link over then.
+    QCOMPARE(started, 1);
+
+    const BrowserInfo killed = scripted(*m_desktop, u"killed"_s, "kill -9 $$\n");
+    const auto signalled =
+        waitFor(BrowserLauncher::open(link(u"https://e.com/"_s), killed, m_platform));
+    QCOMPARE(signalled.error().description(),
+             u"Failed to open URL: killed ended right after it started (signal 9)."_s);
+
+    // A browser that hands the link to its running window ends at once, content.
+    const BrowserInfo handsOver = scripted(*m_desktop, u"hands-over"_s, "exit 0\n");
+    QVERIFY(waitFor(BrowserLauncher::open(link(u"https://e.com/"_s), handsOver, m_platform)));
+
+    // One that keeps running is fine once it ran for the verdict's time, and
+    // is not waited for beyond it.
+    const QString pidFile = m_desktop->root() + u"/stays.pid"_s;
+    const BrowserInfo stays =
+        scripted(*m_desktop, u"stays"_s, "echo $$ > '" + pidFile.toUtf8() + "'\nexec sleep 60\n");
+    QElapsedTimer clock;
+    clock.start();
+    QVERIFY(waitFor(BrowserLauncher::open(link(u"https://e.com/"_s), stays, m_platform)));
+    QVERIFY(clock.elapsed() >= ProcessLauncher::EarlyExitMs - 50);
+    QFile pid(pidFile);
+    QVERIFY(pid.open(QIODevice::ReadOnly));
+    ::kill(pid.readAll().trimmed().toInt(), SIGKILL);
+}
+
+void TestBrowsers::privateWindowsAndExtraArguments()
+{
+    LaunchOptions options;
+    options.extraArguments = {u"--class=work"_s, u"two words"_s};
+    options.privateWindow = true;
+    m_desktop->forget(u"chromium"_s);
+    QVERIFY(waitFor(
+        BrowserLauncher::open(link(u"https://e.com/"_s), browser(u"chromium"_s), m_platform, options)));
+    QVERIFY(m_desktop->waitForRun(u"chromium"_s));
+    QCOMPARE(m_desktop->arguments(u"chromium"_s),
+             (QStringList{u"--class=work"_s, u"two words"_s, u"--incognito"_s, u"https://e.com/"_s}));
+
+    // With a profile, Firefox's own options come first.
+    options.extraArguments.clear();
+    m_desktop->forget(u"firefox-esr"_s);
+    QVERIFY(waitFor(ProfileLauncher::open(link(u"https://e.com/"_s), browser(u"firefox-esr"_s),
+                                          u"work"_s, m_profilePlatform, options)));
+    QVERIFY(m_desktop->waitForRun(u"firefox-esr"_s));
+    QCOMPARE(m_desktop->arguments(u"firefox-esr"_s),
+             (QStringList{u"-P"_s, u"work"_s, u"--private-window"_s, u"https://e.com/"_s}));
+
+    // A browser whose private window Quillvane does not know gets no guess.
+    m_desktop->forget(u"arc"_s);
+    QVERIFY(waitFor(
+        BrowserLauncher::open(link(u"https://e.com/"_s), browser(u"arc"_s), m_platform, options)));
+    QVERIFY(m_desktop->waitForRun(u"arc"_s));
+    QCOMPARE(m_desktop->arguments(u"arc"_s), QStringList{u"https://e.com/"_s});
 }
 
 void TestBrowsers::dbusActivatableEntriesAreActivated()

@@ -12,6 +12,9 @@ private Q_SLOTS:
     void split_data();
     void split();
     void fieldCodes();
+    void optionsBeforeTheLink();
+    void extraArguments_data();
+    void extraArguments();
     void linksNeverRunAsCode_data();
     void linksNeverRunAsCode();
 };
@@ -81,6 +84,57 @@ void TestExecLine::fieldCodes()
         (QStringList{u"flatpak"_s, u"run"_s, u"app"_s}));
     QCOMPARE(ExecLine::withoutFieldCodes({u"web"_s, u"--class=%c"_s, u"100%%"_s, u"%i"_s}),
              (QStringList{u"web"_s, u"--class="_s, u"100%"_s}));
+}
+
+// Quillvane's own options (the user's extra arguments, a private window) go
+// just before the link, wherever the entry puts it, and never between the
+// markers of a Flatpak entry, which forwards what stands there as files.
+void TestExecLine::optionsBeforeTheLink()
+{
+    DesktopEntry entry;
+    const QString link = u"https://e.com/"_s;
+    const QStringList options{u"--incognito"_s, u"--class=work"_s};
+    QCOMPARE(ExecLine::forLink({u"web"_s, u"--new"_s, u"%U"_s, u"--last"_s}, entry, link, options),
+             (QStringList{u"web"_s, u"--new"_s, u"--incognito"_s, u"--class=work"_s, link,
+                          u"--last"_s}));
+    QCOMPARE(ExecLine::forLink({u"web"_s}, entry, link, options),
+             (QStringList{u"web"_s, u"--incognito"_s, u"--class=work"_s, link}));
+    QCOMPARE(ExecLine::forLink({u"web"_s, u"--url=%u"_s}, entry, link, options),
+             (QStringList{u"web"_s, u"--incognito"_s, u"--class=work"_s, u"--url="_s + link}));
+    QCOMPARE(ExecLine::forLink({u"flatpak"_s, u"run"_s, u"org.mozilla.firefox"_s, u"@@u"_s,
+                                u"%u"_s, u"@@"_s},
+                               entry, link, {u"--private-window"_s}),
+             (QStringList{u"flatpak"_s, u"run"_s, u"org.mozilla.firefox"_s,
+                          u"--private-window"_s, u"@@u"_s, link, u"@@"_s}));
+}
+
+void TestExecLine::extraArguments_data()
+{
+    QTest::addColumn<QString>("typed");
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QString>("error");
+    QTest::newRow("nothing") << u"  "_s << QStringList() << QString();
+    QTest::newRow("quoted") << u"--user-agent=\"A B\" --x 'c d'"_s
+                            << QStringList{u"--user-agent=A B"_s, u"--x"_s, u"c d"_s} << QString();
+    QTest::newRow("percent sign") << u"--zoom=150%%"_s << QStringList{u"--zoom=150%"_s}
+                                  << QString();
+    QTest::newRow("link code") << u"--app=%u"_s << QStringList()
+                               << u"“--app=%u” holds the field code %u: extra arguments cannot place the link or a file. Write %% for a percent sign."_s;
+    QTest::newRow("file code") << u"%F"_s << QStringList()
+                               << u"“%F” holds the field code %F: extra arguments cannot place the link or a file. Write %% for a percent sign."_s;
+    QTest::newRow("unterminated") << u"--x \"a"_s << QStringList()
+                                  << u"The extra arguments have an unterminated quote."_s;
+}
+
+void TestExecLine::extraArguments()
+{
+    QFETCH(QString, typed);
+    QFETCH(QStringList, arguments);
+    QFETCH(QString, error);
+    const auto split = ExecLine::splitExtraArguments(typed);
+    QCOMPARE(split ? QString() : split.error().description, error);
+    if (split)
+        QCOMPARE(*split, arguments);
 }
 
 void TestExecLine::linksNeverRunAsCode_data()

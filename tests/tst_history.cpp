@@ -6,6 +6,7 @@
 #include "Storage/HistoryStore.h"
 #include "Storage/LinkJournal.h"
 #include "Storage/SettingsKeys.h"
+#include "Storage/Sqlite.h"
 #include "TestSupport.h"
 
 #include <QDir>
@@ -70,6 +71,8 @@ private Q_SLOTS:
     void init();
     void cleanup();
     void recordsNewestFirstAndTrimmed();
+    void decisionsAndWithdrawnRecords();
+    void aFileOfTheFirstVersionIsUpgraded();
     void filterAndTodayCount();
     void forwardCountPerDay();
     void journal();
@@ -144,6 +147,75 @@ void TestHistory::recordsNewestFirstAndTrimmed()
     QVERIFY(linksOnDisk(m_path).isEmpty());
     QTest::ignoreMessage(QtInfoMsg, "Forwarding history cleared");
     HistoryStore::clearHistory(*m_database);
+}
+
+void TestHistory::decisionsAndWithdrawnRecords()
+{
+    ForwardingRecord decided = makeRecord(u"https://a.example/"_s, u"Mail"_s, u"Web"_s,
+                                          u"Mail → Web"_s);
+    decided.decidedBy = u"3F2504E0-4F89-41D3-9A0C-0305E82C3301"_s;
+    decided.decisionDescription = u"a.example → Web"_s;
+    decided.targetProfileID = u"Profile 1"_s;
+    ForwardingRecord fallback = someRecord(u"https://b.example/"_s);
+    fallback.decidedBy = u"fallback"_s;
+    HistoryStore::record(*m_database, decided);
+    HistoryStore::record(*m_database, fallback);
+    const QList<ForwardingRecord> read = HistoryStore::loadHistory(*m_database);
+    QCOMPARE(read.value(1).decidedBy, decided.decidedBy);
+    QCOMPARE(read.value(1).decisionDescription, decided.decisionDescription);
+    QCOMPARE(read.value(1).targetProfileID, u"Profile 1"_s);
+    // The history names what decided; the credit stays beside it.
+    QCOMPARE(read.value(1).decisionText(), u"a.example → Web"_s);
+    QCOMPARE(read.value(1).ruleMatched, u"Mail → Web"_s);
+    QCOMPARE(read.value(0).decisionText(), u"Fallback"_s);
+
+    // A browser that failed right after its start: its record is taken back,
+    // on disk or still waiting in memory.
+    HistoryStore::withdraw(*m_database, decided.id);
+    QCOMPARE(links(HistoryStore::loadHistory(*m_database)), QStringList{u"https://b.example/"_s});
+    m_database->unwritten().records.prepend(someRecord(u"https://waiting.example/"_s));
+    HistoryStore::withdraw(*m_database, m_database->unwritten().records.first().id);
+    QVERIFY(m_database->unwritten().records.isEmpty());
+}
+
+// A history written by the first version keeps its records, which name no
+// decision; new ones do.
+void TestHistory::aFileOfTheFirstVersionIsUpgraded()
+{
+    m_database.reset();
+    QVERIFY(QDir().mkpath(QFileInfo(m_path).path()));
+    {
+        Sqlite::Error error;
+        const auto old =
+            Sqlite::Database::open(m_path, Sqlite::Database::Mode::ReadWriteCreate, &error);
+        QVERIFY2(old, qPrintable(error.message));
+        old->exec("CREATE TABLE history (seq INTEGER PRIMARY KEY, id TEXT NOT NULL, timestamp "
+                  "REAL NOT NULL, originalURL TEXT NOT NULL, sourceAppBundleID TEXT, "
+                  "sourceAppName TEXT, targetBrowserBundleID TEXT NOT NULL, targetBrowserName "
+                  "TEXT NOT NULL, ruleMatched TEXT);"
+                  "CREATE TABLE forwardCount (day TEXT PRIMARY KEY, count INTEGER NOT NULL);"
+                  "CREATE TABLE intakeJournal (id INTEGER PRIMARY KEY, kind INTEGER NOT NULL, "
+                  "receivedAt REAL NOT NULL, url TEXT NOT NULL, sourceAppBundleID TEXT, "
+                  "sourceAppName TEXT, activationToken TEXT, browser TEXT, counted INTEGER NOT "
+                  "NULL DEFAULT 0);"
+                  "CREATE TABLE meta (key TEXT PRIMARY KEY, value TEXT);"
+                  "INSERT INTO history (id, timestamp, originalURL, targetBrowserBundleID, "
+                  "targetBrowserName, ruleMatched) VALUES "
+                  "('3F2504E0-4F89-41D3-9A0C-0305E82C3301', 700000000, 'https://old.example/', "
+                  "'firefox', 'Firefox', '⏸ Rules paused');"
+                  "PRAGMA user_version = 1;");
+        QVERIFY2(!old->error(), old->error() ? qPrintable(old->error()->message) : "");
+    }
+    m_database = m_environment->history();
+    ForwardingRecord paused = someRecord(u"https://new.example/"_s);
+    paused.decidedBy = u"paused"_s;
+    HistoryStore::record(*m_database, paused);
+    const QList<ForwardingRecord> read = HistoryStore::loadHistory(*m_database);
+    QCOMPARE(links(read), (QStringList{u"https://new.example/"_s, u"https://old.example/"_s}));
+    QCOMPARE(read.value(0).decidedBy, u"paused"_s);
+    QVERIFY(!read.value(1).decidedBy);
+    QVERIFY(read.value(1).decidedByPause());
+    QCOMPARE(read.value(1).decisionText(), u"Rules paused"_s);
 }
 
 void TestHistory::filterAndTodayCount()

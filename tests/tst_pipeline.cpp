@@ -1,5 +1,6 @@
 #include "App/AppState.h"
 #include "FakeDesktop.h"
+#include "Models/JsonFields.h"
 #include "Platform/DiagnosticLog.h"
 #include "Services/BrowserDiscovery.h"
 #include "Storage/HistoryStore.h"
@@ -48,6 +49,8 @@ private Q_SLOTS:
     void pausedPath();
     void failuresAreCountedNotRecorded();
     void profileLaunchFailsAndFallsBack();
+    void aLaunchThatFailsAtOnceIsNoOpening();
+    void aVanishedFallbackIsToldOnce();
     void expansionChangesTheLink();
     void manyLinksInFlightWhileRulesChange();
     void aBurstLeavesRoomForTheNextCaller();
@@ -195,6 +198,10 @@ void TestPipeline::workedTrace()
     QCOMPARE(records[0].targetBrowserBundleID, u"google-chrome"_s);
     QCOMPARE(records[0].targetBrowserName, u"Google Chrome"_s);
     QCOMPARE(records[0].ruleMatched, std::nullopt);
+    // What decided is named: the URL rule, as it read, and the profile.
+    QCOMPARE(records[0].decidedBy, JsonFields::uuidText(m_state->rules().first().id));
+    QCOMPARE(records[0].decisionDescription, u"docs.example.com → google-chrome"_s);
+    QCOMPARE(records[0].targetProfileID, u"Profile 1"_s);
     // A link never writes the settings file.
     QVERIFY(settingsFile.open(QIODevice::ReadOnly));
     QCOMPARE(settingsFile.readAll(), settingsBefore);
@@ -218,6 +225,67 @@ void TestPipeline::pausedPath()
     QCOMPARE(m_desktop->arguments(u"epiphany"_s), QStringList{u"https://bit.ly/abc"_s});
     QVERIFY(!m_desktop->ran(u"google-chrome"_s));
     QCOMPARE(history().first().ruleMatched, u"⏸ Rules paused"_s);
+    QCOMPARE(history().first().decidedBy, u"paused"_s);
+}
+
+// A browser that ends at once with an error (Chromium as root without
+// --no-sandbox) opened nothing: no record, the user told with its words, and a
+// link from an application whose rule failed does not go elsewhere.
+void TestPipeline::aLaunchThatFailsAtOnceIsNoOpening()
+{
+    RecordingLauncher launcher;
+    launcher.verdict = u"ended right after it started (status 1): Running as root without "
+                       "--no-sandbox is not supported."_s;
+    m_store->saveRules({makeRule(u"com.example.mail"_s, std::nullopt, u"google-chrome"_s)});
+    m_store->saveDefaultBrowserBundleID(u"firefox-esr"_s);
+    makeState(launcher);
+    m_state->routeURL(*Link::parse(u"https://e.com/a"_s), Mail);
+    QVERIFY(waitForRoutes(1));
+    QCOMPARE(launcher.spawned.size(), 1);
+    QVERIFY(history().isEmpty());
+    QCOMPARE(m_state->lastRouteLog(),
+             u"FAILED: Failed to open URL: Google Chrome ended right after it started (status "
+             "1): Running as root without --no-sandbox is not supported."_s);
+    QCOMPARE(m_notifications,
+             (QList<QStringList>{{u"Quillvane could not open a link"_s,
+                                  u"e.com\nFailed to open URL: Google Chrome ended right after "
+                                  "it started (status 1): Running as root without --no-sandbox "
+                                  "is not supported."_s}}));
+
+    // The fallback decides: its id, not a rule's.
+    launcher.verdict = {};
+    m_state->routeURL(*Link::parse(u"https://e.com/b"_s), std::nullopt);
+    QVERIFY(waitForRoutes(2));
+    QCOMPARE(history().size(), 1);
+    QCOMPARE(history().first().decidedBy, u"fallback"_s);
+    QCOMPARE(history().first().decisionText(), u"Fallback"_s);
+}
+
+// The fallback browser uninstalled while Quillvane runs: the user hears of it
+// once, when it goes, and not again for each link that cannot open.
+void TestPipeline::aVanishedFallbackIsToldOnce()
+{
+    const QString entry =
+        m_desktop->addBrowser(u"short-lived-fallback"_s, u"Short Lived"_s);
+    m_store->saveDefaultBrowserBundleID(u"short-lived-fallback"_s);
+    makeState(GioProcessLauncher::instance());
+    m_state->refreshBrowsers();
+    QVERIFY(m_notifications.isEmpty());
+    QVERIFY(QFile::remove(entry));
+    m_desktop->refreshDatabase();
+    m_state->refreshBrowsers();
+    QCOMPARE(m_notifications.size(), 1);
+    QCOMPARE(m_notifications.first().first(), u"Quillvane's fallback browser is gone"_s);
+    QVERIFY(m_notifications.first().last().contains(u"short-lived-fallback"_s));
+    m_state->refreshBrowsers();
+    for (int i = 0; i < 3; ++i)
+        m_state->routeURL(*Link::parse(u"https://e.com/%1"_s.arg(i)), std::nullopt);
+    QVERIFY(waitForRoutes(3));
+    QCOMPARE(m_notifications.size(), 1);
+    // Chosen again, and gone again: told again.
+    m_state->setDefaultBrowser(u"short-lived-fallback"_s);
+    m_state->refreshBrowsers();
+    QCOMPARE(m_notifications.size(), 2);
 }
 
 // Nothing to open: paused without a fallback, no route, a rule's browser not
@@ -392,6 +460,25 @@ void TestPipeline::journalledLinksLeaveTheJournal()
     QCOMPARE(m_notifications.size(), 2);
     QCOMPARE(m_notifications[1].value(1),
              u"nowhere.example\nNo rule matches it and no fallback browser is set."_s);
+
+    // The browser runs: the link is its own and leaves the journal at once, in
+    // the history already, while its verdict is pending. The verdict takes the
+    // record back when the browser failed after all.
+    m_state->setDefaultBrowser(u"epiphany"_s);
+    launcher.failure = {};
+    launcher.holdVerdicts = true;
+    entries = {{0, LinkJournal::Kind::Open, QDateTime::currentDateTime(),
+                u"https://pending.example/"_s, std::nullopt, QString(), QString(), false}};
+    LinkJournal::accept(*m_history, entries);
+    m_state->routeURL(link(entries[0].url), std::nullopt, {}, {entries[0].id, false});
+    QTRY_COMPARE(launcher.heldVerdicts.size(), 1);
+    QCOMPARE(journalEntries(), 0);
+    QCOMPARE(history().first().originalURL, u"https://pending.example/"_s);
+    QCOMPARE(m_finished->size(), 4);
+    launcher.heldVerdicts.first()->addResult(ProcessLauncher::Result(u"ended at once"_s));
+    launcher.heldVerdicts.first()->finish();
+    QVERIFY(waitForRoutes(5));
+    QCOMPARE(history().first().originalURL, u"https://opens.example/"_s);
 }
 
 QTEST_GUILESS_MAIN(TestPipeline)

@@ -1,4 +1,5 @@
 #include "Services/URLCleaner.h"
+#include "Services/URLUnwrapper.h"
 #include "TestSupport.h"
 
 #include <QLoggingCategory>
@@ -17,6 +18,8 @@ private Q_SLOTS:
     void logLines();
     void theParameterSet();
     void switchDefaultsOn();
+    void unwrap_data();
+    void unwrap();
 };
 
 void TestURLCleaner::initTestCase()
@@ -82,6 +85,63 @@ void TestURLCleaner::switchDefaultsOn()
     QVERIFY(URLCleaner::isEnabled(*settings));
     settings->setValue(u"url_cleaning_enabled"_s, false);
     QVERIFY(!URLCleaner::isEnabled(*settings));
+}
+
+void TestURLCleaner::unwrap_data()
+{
+    QTest::addColumn<QString>("wrapped");
+    QTest::addColumn<QString>("expected");
+    const QString real = u"https://docs.example.com/a?b=1&c=2#top"_s;
+    const QString encoded = QString::fromLatin1(QUrl::toPercentEncoding(real));
+    QTest::newRow("outlook safe link")
+        << u"https://eur01.safelinks.protection.outlook.com/?url=%1&data=05%7C01&reserved=0"_s.arg(
+               encoded)
+        << real;
+    QTest::newRow("google /url, q") << u"https://www.google.com/url?sa=t&q=%1&usg=x"_s.arg(encoded)
+                                    << real;
+    QTest::newRow("google.co.uk /url, url")
+        << u"https://www.google.co.uk/url?url=%1"_s.arg(encoded) << real;
+    QTest::newRow("facebook") << u"https://l.facebook.com/l.php?u=%1&h=AT0"_s.arg(encoded)
+                              << real;
+    QTest::newRow("instagram") << u"https://l.instagram.com/?u=%1&e=AT"_s.arg(encoded) << real;
+    QTest::newRow("linkedin") << u"https://www.linkedin.com/redir/redirect?url=%1&urlhash=x"_s.arg(
+                                     encoded)
+                              << real;
+    QTest::newRow("slack") << u"https://slack-redir.net/link?url=%1"_s.arg(encoded) << real;
+    QTest::newRow("youtube") << u"https://www.youtube.com/redirect?event=v&q=%1"_s.arg(encoded)
+                             << real;
+    QTest::newRow("steam") << u"https://steamcommunity.com/linkfilter/?url=%1"_s.arg(encoded)
+                           << real;
+    // Nested: Google inside a safe link, opened twice.
+    const QString google = u"https://www.google.com/url?q=%1"_s.arg(encoded);
+    QTest::newRow("nested")
+        << u"https://nam12.safelinks.protection.outlook.com/?url=%1"_s.arg(
+               QString::fromLatin1(QUrl::toPercentEncoding(google)))
+        << real;
+
+    // Kept as they are: no http(s) destination, look-alike hosts, other paths.
+    QTest::newRow("javascript inside")
+        << u"https://www.google.com/url?q=javascript%3Aalert(1)"_s
+        << u"https://www.google.com/url?q=javascript%3Aalert(1)"_s;
+    QTest::newRow("relative inside") << u"https://l.facebook.com/l.php?u=%2Fnext"_s
+                                     << u"https://l.facebook.com/l.php?u=%2Fnext"_s;
+    QTest::newRow("look-alike google")
+        << u"https://google.evil.com/url?q=%1"_s.arg(encoded)
+        << u"https://google.evil.com/url?q=%1"_s.arg(encoded);
+    QTest::newRow("look-alike outlook")
+        << u"https://safelinks.protection.outlook.com.evil.com/?url=%1"_s.arg(encoded)
+        << u"https://safelinks.protection.outlook.com.evil.com/?url=%1"_s.arg(encoded);
+    QTest::newRow("other path") << u"https://www.google.com/search?q=%1"_s.arg(encoded)
+                                << u"https://www.google.com/search?q=%1"_s.arg(encoded);
+    QTest::newRow("no member") << u"https://l.facebook.com/l.php?h=AT0"_s
+                               << u"https://l.facebook.com/l.php?h=AT0"_s;
+}
+
+void TestURLCleaner::unwrap()
+{
+    QFETCH(QString, wrapped);
+    QFETCH(QString, expected);
+    QCOMPARE(URLUnwrapper::unwrap(link(wrapped)).toString(), expected);
 }
 
 QTEST_GUILESS_MAIN(TestURLCleaner)

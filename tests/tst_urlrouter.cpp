@@ -1,4 +1,5 @@
 #include "Services/RoutePlanner.h"
+#include "Models/JsonFields.h"
 #include "Services/URLRouter.h"
 #include "TestSupport.h"
 
@@ -401,6 +402,8 @@ void TestURLRouter::plannerCleansExpandsAndCredits()
     QCOMPARE(plan.decision, RoutePlan::Decision::SourceOnly);
     QCOMPARE(plan.ruleID, settings.rules[0].id);
     QCOMPARE(plan.ruleMatched, u"com.example.chat → com.google.Chrome"_s);
+    QCOMPARE(plan.decidedBy(), JsonFields::uuidText(settings.rules[0].id));
+    QCOMPARE(plan.ruleDescription, u"com.example.chat → com.google.Chrome"_s);
     // A URL rule decides; the history still credits the app's first rule.
     settings.rules.append(makeRule(u"com.example.mail"_s, u"never.example"_s, u"firefox"_s));
     plan = RoutePlanner::prepare(link(u"https://docs.example.com/"_s),
@@ -408,6 +411,10 @@ void TestURLRouter::plannerCleansExpandsAndCredits()
     RoutePlanner::decide(plan, settings, policy);
     QCOMPARE(plan.decision, RoutePlan::Decision::UrlOnly);
     QCOMPARE(plan.ruleMatched, u"com.example.mail → firefox"_s);
+    // ... while the record names the rule that decided, as it read then.
+    QCOMPARE(plan.ruleDescription, u"docs.example.com → com.google.Chrome"_s);
+    settings.rules[3].urlPattern = u"renamed.example.com"_s;
+    QCOMPARE(plan.ruleDescription, u"docs.example.com → com.google.Chrome"_s);
 
     // No source: nothing to credit, even when a rule decides.
     plan = RoutePlanner::prepare(link(u"https://example.com/"_s), std::nullopt, settings, policy);
@@ -425,6 +432,21 @@ void TestURLRouter::plannerCleansExpandsAndCredits()
     RoutePlanner::decide(plan, settings, policy);
     QCOMPARE(plan.decision, RoutePlan::Decision::Fallback);
     QVERIFY(!plan.ruleID);
+    QCOMPARE(plan.decidedBy(), u"fallback"_s);
+
+    // A redirect wrapper is opened before anything else, so that cleaning and
+    // the rules see the link inside it.
+    settings.urlCleaningEnabled = true;
+    const Link wrapped =
+        link(u"https://www.google.com/url?q=https%3A%2F%2Fdocs.example.com%2F%3Futm_source%3Dx"_s);
+    plan = RoutePlanner::prepare(wrapped, std::nullopt, settings, policy);
+    QCOMPARE(plan.unwrapped, link(u"https://docs.example.com/?utm_source=x"_s));
+    QCOMPARE(plan.cleaned, link(u"https://docs.example.com/"_s));
+    RoutePlanner::decide(plan, settings, policy);
+    QCOMPARE(plan.decision, RoutePlan::Decision::UrlOnly);
+    settings.urlUnwrappingEnabled = false;
+    plan = RoutePlanner::prepare(wrapped, std::nullopt, settings, policy);
+    QCOMPARE(plan.unwrapped, wrapped);
 }
 
 QTEST_GUILESS_MAIN(TestURLRouter)

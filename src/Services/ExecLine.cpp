@@ -207,7 +207,7 @@ Expected<QStringList, Error> splitExtraArguments(QStringView text)
     const auto arguments = split(QString(u"x "_s + text));
     if (!arguments)
         return Error{QString(arguments.error().description)
-                         .replace(u"The Exec line"_s, u"The extra arguments"_s)};
+                         .replace(u"The Exec line has"_s, u"The extra arguments have"_s)};
     QStringList result;
     for (const QString &argument : arguments->mid(1)) {
         QString unescaped;
