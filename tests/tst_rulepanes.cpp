@@ -21,6 +21,7 @@
 #include <QLineEdit>
 #include <QListView>
 #include <QPushButton>
+#include <QSignalSpy>
 #include <QStackedWidget>
 #include <QTest>
 
@@ -72,6 +73,8 @@ private Q_SLOTS:
     void appSheetFromRunningAndManual();
     void appSheetEditing();
     void profilesFollowTheBrowser();
+    void privateWindowsAndHiddenBrowsers();
+    void profileNamesAreReadOncePerChange();
     void ruleDeletedWhileItsSheetIsOpen();
     void linkTester();
 
@@ -441,6 +444,62 @@ void TestRulePanes::profilesFollowTheBrowser()
     appSheet->selectBrowser(u"google-chrome"_s);
     QVERIFY(child<QComboBox>(appSheet, u"profilePicker"_s)->isVisibleTo(appSheet));
     appSheet->reject();
+}
+
+// The private window is offered where Quillvane knows the browser's option,
+// kept in the rule, and shown on its row; a hidden browser is offered only to
+// the rule that names it already.
+void TestRulePanes::privateWindowsAndHiddenBrowsers()
+{
+    URLRuleListView pane(*m_app->state, services());
+    pane.showAddSheet();
+    auto *sheet = sheetOf<URLRuleEditView>(pane);
+    child<QLineEdit>(sheet, u"patternField"_s)->setText(u"bank.example"_s);
+    auto *privateWindow = child<QCheckBox>(sheet, u"privateWindowCheck"_s);
+    sheet->selectBrowser(u"safari"_s);
+    QVERIFY(!privateWindow->isVisibleTo(sheet));
+    sheet->selectBrowser(u"firefox"_s);
+    QVERIFY(privateWindow->isVisibleTo(sheet));
+    privateWindow->setChecked(true);
+    // Ticked, then a browser without a private window: not saved as private.
+    sheet->selectBrowser(u"safari"_s);
+    QVERIFY(!sheet->privateWindowChosen());
+    sheet->selectBrowser(u"google-chrome"_s);
+    QVERIFY(save(sheet));
+    QVERIFY(stored().first().openInPrivateWindow);
+
+    pane.showEditSheet(stored().first());
+    sheet = sheetOf<URLRuleEditView>(pane);
+    QVERIFY(child<QCheckBox>(sheet, u"privateWindowCheck"_s)->isChecked());
+    sheet->reject();
+
+    m_app->state->setBrowserPreference({u"google-chrome"_s, true, {}});
+    pane.showAddSheet();
+    sheet = sheetOf<URLRuleEditView>(pane);
+    QVERIFY(child<QComboBox>(sheet, u"browserPicker"_s)->findData(u"google-chrome"_s) < 0);
+    sheet->reject();
+    pane.showEditSheet(stored().first());
+    sheet = sheetOf<URLRuleEditView>(pane);
+    QCOMPARE(sheet->selectedBrowserBundleID(), u"google-chrome"_s);
+    sheet->reject();
+}
+
+// Rows show a profile by the name its browser gives it; the file is read once,
+// and again only after it changed.
+void TestRulePanes::profileNamesAreReadOncePerChange()
+{
+    AppState &state = *m_app->state;
+    QCOMPARE(state.profileName(u"google-chrome"_s, u"Profile 1"_s), u"Work"_s);
+    QCOMPARE(state.profileName(u"GOOGLE-CHROME"_s, u"Profile 1"_s), u"Work"_s);
+    QVERIFY(!state.profileName(u"google-chrome"_s, u"Profile 9"_s));
+    writeFile(m_app->environment.path() + u"/config/google-chrome/Local State"_s,
+              R"({"profile":{"info_cache":{"Profile 1":{"name":"Office"}}}})");
+    QCOMPARE(state.profileName(u"google-chrome"_s, u"Profile 1"_s), u"Work"_s);
+    QSignalSpy changed(&state, &AppState::profilesChanged);
+    state.refreshProfiles();
+    QCOMPARE(changed.size(), 1);
+    QCOMPARE(state.profileName(u"google-chrome"_s, u"Profile 1"_s), u"Office"_s);
+    QVERIFY(!state.profileName(u"google-chrome"_s, u"Default"_s));
 }
 
 void TestRulePanes::ruleDeletedWhileItsSheetIsOpen()

@@ -6,6 +6,7 @@
 #include "Storage/HistoryStore.h"
 #include "Storage/SettingsKeys.h"
 #include "TestSupport.h"
+#include "Views/BrowsersPane.h"
 #include "Views/ConfigPane.h"
 #include "Views/GeneralPane.h"
 #include "Views/HistoryModel.h"
@@ -14,18 +15,22 @@
 #include "Views/RuleListView.h"
 #include "Views/SettingsWindow.h"
 #include "Views/StatusItem.h"
+#include "Views/ViewKit.h"
 
 #include <QAbstractItemView>
 #include <QApplication>
 #include <QCheckBox>
+#include <QGlyphRun>
 #include <QComboBox>
 #include <QLabel>
 #include <QLineEdit>
+#include <QListWidget>
 #include <QMenu>
 #include <QSignalSpy>
 #include <QStackedWidget>
 #include <QTabWidget>
 #include <QTest>
+#include <QTextLayout>
 #include <QToolButton>
 
 using namespace Qt::Literals::StringLiterals;
@@ -66,6 +71,8 @@ private Q_SLOTS:
     void historyPane();
     void relativeTimes();
     void generalPane();
+    void browsersPane();
+    void thePauseSignHasAGlyph();
     void importAndExport();
 
 private:
@@ -301,6 +308,19 @@ void TestSettingsWindow::historyPane()
     QCOMPARE(model.index(0).data(HistoryModel::UrlRole).toString(), u"https://three.example/a b"_s);
     QCOMPARE(model.index(1).data(HistoryModel::SourceNameRole).toString(), u"Unknown"_s);
     QCOMPARE(model.index(2).data(HistoryModel::RuleRole).toString(), u"Mail → Safari"_s);
+    // Records name what decided, where they know it: the rule as it read, the
+    // fallback, the pause (drawn as a symbol, the words without it).
+    ForwardingRecord decided = makeRecord(u"https://d.example/"_s, u"Mail"_s, u"Safari"_s,
+                                          u"Mail → Safari"_s);
+    decided.decidedBy = u"3F2504E0-4F89-41D3-9A0C-0305E82C3301"_s;
+    decided.decisionDescription = u"d.example → Safari"_s;
+    ForwardingRecord paused = makeRecord(u"https://p.example/"_s, u"Mail"_s, u"Safari"_s,
+                                         u"⏸ Rules paused"_s);
+    HistoryModel decisions;
+    decisions.setRecords({decided, paused});
+    QCOMPARE(decisions.index(0).data(HistoryModel::RuleRole).toString(), u"d.example → Safari"_s);
+    QCOMPARE(decisions.index(1).data(HistoryModel::RuleRole).toString(), u"Rules paused"_s);
+    QVERIFY(decisions.index(1).data(HistoryModel::PausedRole).toBool());
     QCOMPARE(model.index(0).data(Qt::ToolTipRole).toString(), u"https://three.example/a b"_s);
 
     const auto typeFilter = [&](const QString &text) {
@@ -403,6 +423,79 @@ void TestSettingsWindow::generalPane()
     m_app->state->toggleAutomaticUpdateChecks();
     QVERIFY(!automatic->isChecked());
     QVERIFY(!SettingsKeys::read(*m_app->settings, SettingsKeys::AutomaticUpdateChecks));
+    // And the caption says what "Check for Updates..." answers, not a download site.
+    QCOMPARE(pane.findChild<QLabel *>(u"updatesCaption"_s)->text(),
+             u"Updates for this build are provided by your package manager."_s);
+
+    auto *unwrapping = pane.findChild<QCheckBox *>(u"urlUnwrappingSwitch"_s);
+    QVERIFY(unwrapping->isChecked());
+    QTest::mouseClick(unwrapping, Qt::LeftButton, {}, QPoint(8, unwrapping->height() / 2));
+    QVERIFY(!m_app->state->urlUnwrappingEnabled());
+    QVERIFY(!SettingsKeys::read(*m_app->settings, SettingsKeys::UrlUnwrappingEnabled));
+}
+
+void TestSettingsWindow::browsersPane()
+{
+    BrowsersPane pane(*m_app->state, m_app->entries);
+    pane.show();
+    auto *list = pane.findChild<QListWidget *>(u"browsersList"_s);
+    QCOMPARE(list->count(), 2);
+    pane.selectBrowser(u"firefox"_s);
+    QCOMPARE(pane.findChild<QLabel *>(u"browserId"_s)->text(), u"firefox"_s);
+    QCOMPARE(pane.findChild<QLabel *>(u"browserPrivateWindow"_s)->text(),
+             u"Rules that ask for a private window start it with --private-window."_s);
+
+    // Hidden: out of the lists that offer browsers, still in this one.
+    auto *shown = pane.findChild<QCheckBox *>(u"browserShownCheck"_s);
+    QVERIFY(shown->isChecked());
+    QTest::mouseClick(shown, Qt::LeftButton, {}, QPoint(8, shown->height() / 2));
+    QVERIFY(m_app->state->browserPreference(u"firefox"_s).hidden);
+    QCOMPARE(m_app->state->shownBrowsers().size(), 1);
+    QCOMPARE(m_app->state->shownBrowsers(u"firefox"_s).size(), 2);
+    QCOMPARE(list->count(), 2);
+    QCOMPARE(pane.selectedBrowser(), u"firefox"_s);
+
+    // Arguments that would place the link are refused with the reason, and
+    // what was stored stays.
+    auto *arguments = pane.findChild<QLineEdit *>(u"browserArgumentsField"_s);
+    auto *error = pane.findChild<QLabel *>(u"browserArgumentsError"_s);
+    arguments->setText(u"--new-window \"--class=Work Mail\""_s);
+    Q_EMIT arguments->editingFinished();
+    QVERIFY(error->isHidden());
+    QCOMPARE(m_app->state->launchOptions(u"firefox"_s).extraArguments,
+             (QStringList{u"--new-window"_s, u"--class=Work Mail"_s}));
+    arguments->setText(u"--app=%u"_s);
+    Q_EMIT arguments->editingFinished();
+    QVERIFY(!error->isHidden());
+    QVERIFY(error->text().contains(u"%u"_s));
+    QCOMPARE(m_app->state->browserPreference(u"firefox"_s).extraArguments,
+             u"--new-window \"--class=Work Mail\""_s);
+    // Kept in the settings file, beside the rules.
+    QCOMPARE(m_app->store->loadBrowserPreferences(),
+             (QList<BrowserPreference>{
+                 {u"firefox"_s, true, u"--new-window \"--class=Work Mail\""_s}}));
+    QTest::mouseClick(shown, Qt::LeftButton, {}, QPoint(8, shown->height() / 2));
+    arguments->clear();
+    Q_EMIT arguments->editingFinished();
+    // Nothing set is nothing stored.
+    QVERIFY(m_app->store->loadBrowserPreferences().isEmpty());
+}
+
+// The pause sign of "⏸ Pause Rules" is missing from the default Debian fonts;
+// Quillvane's own font supplies it, where a box would be drawn instead.
+void TestSettingsWindow::thePauseSignHasAGlyph()
+{
+    ViewKit::installSymbolFont();
+    QTextLayout layout(u"⏸ Pause Rules"_s, QApplication::font());
+    layout.beginLayout();
+    layout.createLine();
+    layout.endLayout();
+    bool found = false;
+    for (const QGlyphRun &run : layout.glyphRuns(0, 1)) {
+        const QList<quint32> indexes = run.glyphIndexes();
+        found = found || (!indexes.isEmpty() && indexes.first() != 0);
+    }
+    QVERIFY2(found, "U+23F8 has no glyph in any font Qt falls back to");
 }
 
 void TestSettingsWindow::importAndExport()
