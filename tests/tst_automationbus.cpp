@@ -6,9 +6,11 @@
 #include "Automation/AutomationAdaptor.h"
 #include "FakeDesktop.h"
 #include "InstalledQuillvane.h"
+#include "Models/JsonFields.h"
 #include "Storage/HistoryStore.h"
 #include "Storage/RuleStore.h"
 #include "Storage/UserSettings.h"
+#include "TestSupport.h"
 
 #include <QClipboard>
 #include <QDBusConnection>
@@ -83,6 +85,7 @@ private Q_SLOTS:
     void aBrowserThatHandsLinksBack();
     void desktopActions();
     void shellCompletion();
+    void browsersThatChangeWhileRunning();
 
 private:
     Result quillvane(const QStringList &arguments, const QByteArray &input = {})
@@ -648,6 +651,97 @@ void TestAutomationBus::hostileLinks()
                                                          + u" route $'https://a.example/\\xff'"_s});
     QCOMPARE(result.exitCode, 2);
     QVERIFY2(result.err.contains(u"not valid UTF-8"_s), qPrintable(result.err));
+}
+
+namespace {
+QDBusMessage openLinks(const QStringList &links)
+{
+    QDBusMessage call = QDBusMessage::createMethodCall(
+        AppId, ObjectPath, u"org.freedesktop.Application"_s, u"Open"_s);
+    call << links << QVariantMap();
+    return QDBusConnection::sessionBus().call(call, QDBus::Block, 30000);
+}
+} // namespace
+
+// Browsers installed, changed and removed while Quillvane runs; rules with a
+// profile and a private window made from the command line; a browser that
+// cannot run.
+void TestAutomationBus::browsersThatChangeWhileRunning()
+{
+    const QString localState = m_desktop->configHome() + u"/chromium/Local State"_s;
+    writeFile(localState, R"({"profile":{"info_cache":{"Default":{"name":"Personal"},)"
+                          R"("Profile 1":{"name":"Work"}}}})");
+    const QString chromium = m_desktop->addBrowser(u"chromium"_s, u"Chromium"_s);
+    const auto listed = [this](const QString &id) {
+        return quillvane({u"browsers"_s}).out.contains(id);
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(listed(u"chromium"_s), 10000);
+
+    Result result = quillvane({u"rule"_s, u"add"_s, u"--browser"_s, u"chromium"_s,
+                               u"--pattern"_s, u"bank.example"_s, u"--profile"_s,
+                               u"Profile 1"_s, u"--private"_s});
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, u"Created rule: bank.example → Chromium\n"_s);
+    const RoutingRule bank = storedRules().last();
+    QCOMPARE(bank.targetProfileID, u"Profile 1"_s);
+    QVERIFY(bank.openInPrivateWindow);
+    result = quillvane({u"rule"_s, u"add"_s, u"--browser"_s, u"chromium"_s, u"--pattern"_s,
+                        u"x.example"_s, u"--profile"_s, u"Profile 7"_s});
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.err, u"quillvane: Chromium has no profile \"Profile 7\"; its profiles are: "
+                         "Default (Personal), Profile 1 (Work).\n"_s);
+    result = quillvane({u"rule"_s, u"add"_s, u"--browser"_s, u"alpha-browser"_s, u"--pattern"_s,
+                        u"x.example"_s, u"--private"_s});
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.err,
+             u"quillvane: Quillvane does not know how to open a private window of Alpha.\n"_s);
+    const QString id = JsonFields::uuidText(bank.id);
+    QVERIFY2(quillvane({u"rules"_s}).out.contains(
+                 id + u"  bank.example → Chromium  [profile: Work]  [private window]"_s),
+             qPrintable(quillvane({u"rules"_s}).out));
+
+    // Renamed in the browser: shown by its new name within moments.
+    writeFile(localState, R"({"profile":{"info_cache":{"Profile 1":{"name":"Office"}}}})");
+    QTRY_VERIFY_WITH_TIMEOUT(quillvane({u"rules"_s}).out.contains(u"[profile: Office]"_s), 10000);
+
+    // An application's link opens privately in the profile.
+    m_desktop->forget(u"chromium"_s);
+    QCOMPARE(openLinks({u"https://bank.example/login"_s}).type(), QDBusMessage::ReplyMessage);
+    QVERIFY(m_desktop->waitForRun(u"chromium"_s));
+    QCOMPARE(m_desktop->arguments(u"chromium"_s),
+             (QStringList{u"--profile-directory=Profile 1"_s, u"--incognito"_s,
+                          u"https://bank.example/login"_s}));
+
+    // A browser that cannot run says so at once; nothing is recorded.
+    const QString failing = m_desktop->root() + u"/bin/refusing-browser"_s;
+    writeFile(failing, "#!/bin/sh\necho 'Running as root without --no-sandbox is not "
+                       "supported.' >&2\nexit 1\n");
+    QFile::setPermissions(failing, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    const QString refusing =
+        m_desktop->addBrowser(u"refusing"_s, u"Refusing"_s, {}, failing + u" %u"_s);
+    QTRY_VERIFY_WITH_TIMEOUT(listed(u"refusing"_s), 10000);
+    const qsizetype history = InstalledQuillvane::storedHistory(*m_desktop).size();
+    result = quillvane(
+        {u"route"_s, u"https://bank.example/"_s, u"--browser"_s, u"refusing"_s});
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.err, u"quillvane: Failed to open URL: Refusing ended right after it started "
+                         "(status 1): Running as root without --no-sandbox is not supported.\n"_s);
+    m_notifications.shown.clear();
+    result = quillvane({u"rule"_s, u"add"_s, u"--browser"_s, u"refusing"_s, u"--pattern"_s,
+                        u"refused.example"_s});
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(openLinks({u"https://refused.example/"_s}).type(), QDBusMessage::ReplyMessage);
+    QTRY_COMPARE(m_notifications.shown.size(), 1);
+    QCOMPARE(m_notifications.shown.first().second,
+             u"refused.example\nFailed to open URL: Refusing ended right after it started (status "
+             "1): Running as root without --no-sandbox is not supported."_s);
+    QCOMPARE(InstalledQuillvane::storedHistory(*m_desktop).size(), history);
+
+    // Removed while running: gone from the list.
+    QVERIFY(QFile::remove(chromium));
+    QVERIFY(QFile::remove(refusing));
+    m_desktop->refreshDatabase();
+    QTRY_VERIFY_WITH_TIMEOUT(!listed(u"chromium"_s) && !listed(u"refusing"_s), 10000);
 }
 
 void TestAutomationBus::desktopActions()

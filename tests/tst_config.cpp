@@ -85,15 +85,26 @@ void TestConfig::exportedDocument()
 void TestConfig::roundTripIsByteForByte()
 {
     RuleStore store(*m_settings);
+    RoutingRule privateRule = makeRule(QString(), u"bank.example"_s, u"chromium"_s);
+    privateRule.openInPrivateWindow = true;
     store.saveRules({makeRule(u"app"_s, u"https://example.com/a"_s, u"b"_s, u"Profile 1"_s),
-                     makeRule(QString(), u"ünïcode \"quoted\" \\ back"_s, u"c"_s)});
+                     makeRule(QString(), u"ünïcode \"quoted\" \\ back"_s, u"c"_s),
+                     privateRule});
     store.saveDefaultBrowserBundleID(u"firefox-esr"_s);
+    const QByteArray plain = *ConfigManager::exportToJSON(store, ExportTime);
+    QVERIFY(!plain.contains("browserPreferences"));
+    store.saveBrowserPreferences({{u"chromium"_s, false, u"--class=\"Work Mail\""_s},
+                                  {u"epiphany"_s, true, {}}});
     const QByteArray json = *ConfigManager::exportToJSON(store, ExportTime);
     const auto imported = ConfigManager::importFromJSON(json);
     QVERIFY(imported);
     QCOMPARE(imported->rules, store.loadRules());
+    QVERIFY(imported->rules.last().openInPrivateWindow);
+    QCOMPARE(imported->browserPreferences, store.loadBrowserPreferences());
     QCOMPARE(imported->exportDate, QDateTime(QDate(2025, 3, 1), QTime(9, 30), Qt::UTC));
     QCOMPARE(ConfigManager::encode(*imported), json);
+    // A document without browser settings leaves them out when it is read.
+    QVERIFY(!ConfigManager::importFromJSON(plain)->browserPreferences);
 }
 
 void TestConfig::importChecks_data()
@@ -120,6 +131,19 @@ void TestConfig::importChecks_data()
     QTest::newRow("bad rule")
         << QByteArray(document("").replace("\"rules\":[]", "\"rules\":[{\"id\":\"x\"}]"))
         << u"Failed to decode configuration: Rule 1 has a member \"id\" that is not a valid UUID."_s;
+    QTest::newRow("browser settings not an array")
+        << document(",\"browserPreferences\":{}")
+        << u"Failed to decode configuration: the member \"browserPreferences\" is not an array."_s;
+    QTest::newRow("browser arguments placing the link")
+        << document(",\"browserPreferences\":[{\"browserBundleID\":\"x\",\"extraArguments\":\"%u\"}]")
+        << u"Failed to decode configuration: the extra arguments for x: “%u” holds the field code %u"_s;
+    QTest::newRow("private window not a boolean")
+        << QByteArray(document("").replace(
+               "\"rules\":[]",
+               "\"rules\":[{\"id\":\"E621E1F8-C36C-495A-93FC-0C247A3E6E5F\",\"sourceAppBundleID\":\"\","
+               "\"sourceAppName\":\"\",\"targetBrowserBundleID\":\"a\",\"targetBrowserName\":\"A\","
+               "\"urlPattern\":\"x\",\"openInPrivateWindow\":\"yes\"}]"))
+        << u"Failed to decode configuration: Rule 1 has a member \"openInPrivateWindow\" that is not true or false"_s;
     QTest::newRow("not JSON") << QByteArray("{\"version\"")
                               << u"Failed to decode configuration: the file is not valid JSON"_s;
     QTest::newRow("array") << QByteArray(
