@@ -4,10 +4,16 @@
 #include "App/AppState.h"
 #include "FakeDesktop.h"
 #include "Platform/DesktopEntries.h"
+#include "Platform/DesktopSettings.h"
+#include "Services/DefaultBrowserRegistration.h"
+#include "TestSupport.h"
 #include "Views/MessageBox.h"
 
 #include <QApplication>
+#include <QProcess>
 #include <QRegularExpression>
+#include <QScopeGuard>
+#include <QStandardPaths>
 #include <QSignalSpy>
 #include <QTest>
 
@@ -22,6 +28,7 @@ private Q_SLOTS:
     void promptLaterChangesNothing();
     void promptSetAsDefault();
     void requestFromTheSettingsRechecksASecondLater();
+    void xfceKeepsABrowserOfItsOwn();
     void failureIsLoggedAndChangesNothing();
 
 private:
@@ -114,6 +121,42 @@ void TestRegistration::requestFromTheSettingsRechecksASecondLater()
     waits.first().second();
     QCOMPARE(changed.size(), 1);
     QVERIFY(state.isSystemDefaultBrowser());
+    forgetDefaults();
+}
+
+// On XFCE, xdg-settings and exo-open ask XFCE's own preferred browser: the
+// registration sets it too, keeping the file's other lines, and xdg-settings
+// then agrees that Quillvane is the web browser.
+void TestRegistration::xfceKeepsABrowserOfItsOwn()
+{
+    const QString rc = m_desktop->configHome() + u"/xfce4/helpers.rc"_s;
+    writeFile(rc, "TerminalEmulator=xfce4-terminal\nWebBrowser=firefox\n");
+    qputenv("XDG_CURRENT_DESKTOP", "XFCE");
+    const auto restore = qScopeGuard([] { qunsetenv("XDG_CURRENT_DESKTOP"); });
+    const auto requested =
+        DefaultBrowserRegistration::request(GioDesktopEntries::instance(), u"work.vorpa.Quillvane"_s);
+    QVERIFY2(requested, requested ? "" : qPrintable(requested.error()));
+    QFile file(rc);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    QCOMPARE(file.readAll(),
+             QByteArray("TerminalEmulator=xfce4-terminal\nWebBrowser=work.vorpa.Quillvane\n"));
+    QCOMPARE(DesktopSettings::xfceWebBrowser(), u"work.vorpa.Quillvane"_s);
+    QFile helper(m_desktop->root() + u"/data/xfce4/helpers/work.vorpa.Quillvane.desktop"_s);
+    QVERIFY(helper.open(QIODevice::ReadOnly));
+    const QByteArray helperText = helper.readAll();
+    QVERIFY(helperText.contains("Type=X-XFCE-Helper\nX-XFCE-Category=WebBrowser\n"));
+    const QByteArray command = "X-XFCE-CommandsWithParameter="
+                               + QFile::encodeName(m_desktop->root() + u"/bin/work.vorpa.Quillvane"_s)
+                               + " \"%s\"";
+    QVERIFY2(helperText.contains(command), helperText.constData());
+
+    const QString xdgSettings = QStandardPaths::findExecutable(u"xdg-settings"_s);
+    if (xdgSettings.isEmpty())
+        QSKIP("xdg-settings (xdg-utils) is not installed");
+    QProcess asked;
+    asked.start(xdgSettings, {u"get"_s, u"default-web-browser"_s});
+    QVERIFY(asked.waitForFinished(20000));
+    QCOMPARE(asked.readAllStandardOutput().trimmed(), QByteArray("work.vorpa.Quillvane.desktop"));
     forgetDefaults();
 }
 

@@ -16,7 +16,11 @@ namespace {
 class FakeProcessApps final : public ProcessApps
 {
 public:
-    Lookup lookup(qint64 pid) override { return lookups.value(pid, Lookup{}); }
+    Lookup lookup(qint64 pid) override
+    {
+        looked.append(pid);
+        return lookups.value(pid, Lookup{});
+    }
     std::optional<qint64> parentPid(qint64 pid) override
     {
         ++parentQueries;
@@ -40,6 +44,7 @@ public:
     QHash<qint64, qint64> parents;
     QSet<qint64> boundaries;
     int parentQueries = 0;
+    QList<qint64> looked;
 };
 
 class FakeActive final : public ActiveApplication
@@ -72,6 +77,7 @@ private Q_SLOTS:
     void strategiesInOrder();
     void burstLock();
     void parentChainLimits();
+    void theWalkStopsAtTheSessionAndIsRemembered();
     void selfIsNeverTheSource();
     void tracking();
     void procParsing_data();
@@ -159,6 +165,34 @@ void TestResolver::parentChainLimits()
 
     m_apps.helper(30, 1);
     QVERIFY(!resolver.resolve(30));
+}
+
+// A link from a script: nothing above the session's top is read, and the next
+// links of the burst, from siblings, reuse what the walk found.
+void TestResolver::theWalkStopsAtTheSessionAndIsRemembered()
+{
+    SourceAppResolver resolver(m_apps, m_active, [this] { return m_now; });
+    m_apps.app(203, u"org.example.Login"_s, 1); // another user's: never the sender
+    m_apps.helper(202, 203);                    // the user's service manager
+    m_apps.boundaries.insert(202);
+    m_apps.helper(201, 202); // the script's shell
+    m_apps.helper(200, 201); // xdg-open
+    m_apps.helper(204, 201); // the next xdg-open of the script
+    QVERIFY(!resolver.resolve(200));
+    QCOMPARE(m_apps.looked, (QList<qint64>{200, 201}));
+
+    m_apps.looked.clear();
+    QVERIFY(!resolver.resolve(204));
+    QCOMPARE(m_apps.looked, QList<qint64>{204});
+    // The memory is for the burst only: the shell may have changed since.
+    m_now += SourceAppResolver::ParentMemoryMs + 1;
+    m_apps.app(201, u"org.example.Terminal"_s, 202);
+    m_apps.looked.clear();
+    QCOMPARE(resolver.resolve(204)->bundleID, u"org.example.Terminal"_s);
+    QCOMPARE(m_apps.looked, (QList<qint64>{204, 201}));
+    m_apps.looked.clear();
+    QCOMPARE(resolver.resolve(200)->bundleID, u"org.example.Terminal"_s);
+    QCOMPARE(m_apps.looked, QList<qint64>{200});
 }
 
 void TestResolver::selfIsNeverTheSource()
@@ -272,6 +306,18 @@ void TestResolver::linuxLookupFromProc()
     apps.recordLaunch(14, QString(), 10);
     QCOMPARE(apps.lookup(14).bundleID, u"org.example.Mail"_s);
     QCOMPARE(apps.parentPid(10), 1);
+
+    // The session's top: init, the user's service manager, a process gone.
+    writeFile(root + u"/15/stat"_s, "15 (systemd) S 1 15 15 0 -1 4194560 100\n");
+    QVERIFY(!apps.isSessionBoundary(10));
+    QVERIFY(apps.isSessionBoundary(15));
+    QVERIFY(apps.isSessionBoundary(1));
+    QVERIFY(apps.isSessionBoundary(99));
+    if (::geteuid() == 0) {
+        // Another user's (login, sshd, the display manager).
+        QCOMPARE(::chown(QFile::encodeName(root + u"/10"_s).constData(), 65534, 65534), 0);
+        QVERIFY(apps.isSessionBoundary(10));
+    }
 }
 
 QTEST_GUILESS_MAIN(TestResolver)
