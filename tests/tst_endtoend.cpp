@@ -414,6 +414,10 @@ void TestEndToEnd::historyCommand()
     QVERIFY2(records && records->size() == 2, qPrintable(result.out + result.err));
     QCOMPARE(records->first().originalURL, u"https://burst.example/for-the-command"_s);
     QCOMPARE(records->first().targetBrowserName, u"Burst"_s);
+    // What decided travels with the record, and the text names it.
+    QVERIFY(records->first().decidedBy);
+    const QString decision = records->first().decisionText();
+    QVERIFY(!decision.isEmpty());
 
     stopInstance();
     const auto text = InstalledQuillvane::run(program(u"quillvane"_s), {u"history"_s});
@@ -421,6 +425,7 @@ void TestEndToEnd::historyCommand()
     const QStringList lines = text.out.split(u'\n', Qt::SkipEmptyParts);
     QCOMPARE(lines.size(), storedHistory().size());
     QVERIFY2(lines.first().contains(u" › Burst  "_s)
+                 && lines.first().contains(u"  "_s + decision + u"  "_s)
                  && lines.first().endsWith(u"  https://burst.example/for-the-command"_s),
              qPrintable(lines.first()));
     QVERIFY(!InstalledQuillvane::isRunning());

@@ -142,6 +142,14 @@ void TestExplain::showsCleaningAndTrail()
     // The trail went to the output, not to the user's diagnostic file.
     QVERIFY(!QFile::exists(m_environment->diagnosticLogPath()));
 
+    // A redirect wrapper: the link inside it on a line of its own, then cleaned.
+    const Result wrapped = explain(
+        {u"https://www.google.com/url?q=https%3A%2F%2Fdocs.example.com%2Fguide%3Futm_source%3Dx"_s});
+    const QStringList wrappedLines = wrapped.out.split(u'\n');
+    QCOMPARE(wrappedLines.value(1), u"Unwrapped:  https://docs.example.com/guide?utm_source=x"_s);
+    QCOMPARE(wrappedLines.value(2), u"Cleaned:    https://docs.example.com/guide"_s);
+    QVERIFY(wrapped.out.contains(u"\nBrowser:    com.google.Chrome\n"_s));
+
     m_settings->setValue(u"url_cleaning_enabled"_s, false);
     const Result unclean = explain({u"https://docs.example.com/?utm_source=x"_s});
     QVERIFY(unclean.out.contains(u"Cleaning:   off"_s));

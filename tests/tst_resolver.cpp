@@ -179,7 +179,7 @@ void TestResolver::theWalkStopsAtTheSessionAndIsRemembered()
     m_apps.helper(200, 201); // xdg-open
     m_apps.helper(204, 201); // the next xdg-open of the script
     QVERIFY(!resolver.resolve(200));
-    QCOMPARE(m_apps.looked, (QList<qint64>{200, 201}));
+    QCOMPARE(m_apps.looked, (QList<qint64>{200, 201, 202}));
 
     m_apps.looked.clear();
     QVERIFY(!resolver.resolve(204));
@@ -309,8 +309,13 @@ void TestResolver::linuxLookupFromProc()
 
     // The session's top: init, the user's service manager, a process gone.
     writeFile(root + u"/15/stat"_s, "15 (systemd) S 1 15 15 0 -1 4194560 100\n");
+    // A login session's leader, and a shell leading the session of its terminal.
+    writeFile(root + u"/16/stat"_s, "16 (sshd: me) S 2 16 16 0 -1 4194560 100\n");
+    writeFile(root + u"/17/stat"_s, "17 (bash) S 2 17 17 34817 17 4194560 100\n");
     QVERIFY(!apps.isSessionBoundary(10));
     QVERIFY(apps.isSessionBoundary(15));
+    QVERIFY(apps.isSessionBoundary(16));
+    QVERIFY(!apps.isSessionBoundary(17));
     QVERIFY(apps.isSessionBoundary(1));
     QVERIFY(apps.isSessionBoundary(99));
     if (::geteuid() == 0) {

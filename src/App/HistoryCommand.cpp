@@ -45,8 +45,8 @@ void printText(const QList<ForwardingRecord> &records, QTextStream &out)
             cut(DisplayText::escapeControls(QString(record.sourceAppName.value_or(u"Unknown"_s)
                                                     + u" › "_s + record.targetBrowserName)),
                 MaxNamesWidth));
-        rules.append(
-            cut(DisplayText::escapeControls(record.ruleMatched.value_or(QString())), MaxRuleWidth));
+        // What decided: the rule as it read then, the fallback, the pause.
+        rules.append(cut(DisplayText::escapeControls(record.decisionText()), MaxRuleWidth));
         namesWidth = std::max(namesWidth, names.last().size());
         rulesWidth = std::max(rulesWidth, rules.last().size());
     }

@@ -119,6 +119,14 @@ QByteArrayView commandName(QByteArrayView stat)
     return stat.sliced(open + 1, close - open - 1);
 }
 
+bool leadsSessionWithoutTerminal(QByteArrayView stat, qint64 pid)
+{
+    const QList<QByteArrayView> fields = fieldsAfterName(stat);
+    if (fields.size() < 5)
+        return false;
+    return fields[3].toByteArray().toLongLong() == pid && fields[4] == "0";
+}
+
 std::optional<quint64> startTime(QByteArrayView stat)
 {
     // Field 22 of the line is field 20 after the name (state is field 3).
@@ -312,7 +320,9 @@ bool LinuxProcessApps::isSessionBoundary(qint64 pid)
         return true;
     // systemd --user: what it starts, it starts in units of their own, which
     // the lookup of the process itself reads; above it is init.
-    return ProcStat::commandName(read(pid, "stat")) == "systemd";
+    const QByteArray stat = read(pid, "stat");
+    return ProcStat::commandName(stat) == "systemd"
+           || ProcStat::leadsSessionWithoutTerminal(stat, pid);
 }
 
 QList<qint64> LinuxProcessApps::processIds()

@@ -35,7 +35,10 @@ public:
     virtual QList<qint64> processIds() = 0;
     // Whether the process closes the user's session from above, so that no
     // process beyond it can have sent a link: init, a process of another user
-    // (login, sshd, the display manager), the user's own service manager.
+    // (login, sshd, the display manager), the user's own service manager, the
+    // leader of a session without a terminal (a login session, a service's
+    // session). A shell in a terminal leads a session too, but its terminal
+    // emulator above it may be the application.
     virtual bool isSessionBoundary(qint64 pid) = 0;
 };
 
@@ -46,6 +49,9 @@ namespace ProcStat {
 std::optional<qint64> parentPid(QByteArrayView stat);
 // The command name from the text of /proc/<pid>/stat (field 2, in parentheses).
 QByteArrayView commandName(QByteArrayView stat);
+// Whether the process leads its session (field 6 is its own id) and has no
+// controlling terminal (field 7 is 0).
+bool leadsSessionWithoutTerminal(QByteArrayView stat, qint64 pid);
 // Start time from the text of /proc/<pid>/stat (field 22).
 std::optional<quint64> startTime(QByteArrayView stat);
 // The application id named by a systemd unit of /proc/<pid>/cgroup, such as

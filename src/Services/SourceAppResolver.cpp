@@ -156,18 +156,19 @@ std::optional<SourceApp> SourceAppResolver::resolveByParentChain(qint64 pid)
             found = remembered->app;
             break;
         }
-        // Nothing above the session's top can have sent the link: a walk from
-        // a script would otherwise read every process up to init.
-        if (m_apps.isSessionBoundary(*parent)) {
-            debugLog(u"  parentChain[%1]: PID %2 is the session's boundary"_s.arg(depth).arg(
-                *parent));
-            break;
-        }
         debugLog(
             u"  parentChain[%1]: PID %2 → parent PID %3"_s.arg(depth).arg(current).arg(*parent));
         walked.append(*parent);
         if (auto app = resolveByPID(*parent)) {
             found = std::move(app);
+            break;
+        }
+        // Nothing above the session's top can have sent the link: a walk from
+        // a script would otherwise read every process up to init. (The top
+        // itself may be the application: launchers start some in a session
+        // of their own.)
+        if (m_apps.isSessionBoundary(*parent)) {
+            debugLog(u"  parentChain[%1]: PID %2 is the session's top"_s.arg(depth).arg(*parent));
             break;
         }
         current = *parent;
