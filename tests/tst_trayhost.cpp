@@ -282,7 +282,11 @@ void TestTrayHost::trayIcon()
 
 void TestTrayHost::pauseAndResume()
 {
-    QVERIFY(openMenu());
+    // The menu as a person sees it, with the desktop's default fonts only:
+    // "⏸ Pause Rules" must show its sign, not a box.
+    const auto menu = openMenu();
+    QVERIFY(menu);
+    save(grab(menu->geometry), u"tray-menu.png"_s);
     choose(1);
     QTRY_VERIFY(!SettingsKeys::read(*stored(), SettingsKeys::RulesEnabled));
     QTRY_VERIFY(difference(grab(m_icon.geometry), m_activeIcon) > 0.05);
@@ -302,7 +306,8 @@ void TestTrayHost::settingsWindowTabs()
     QVERIFY2(window, "\"Settings...\" showed no window");
     QCOMPARE(window->geometry.size(), QSize(520, 520));
     xdotool({u"windowfocus"_s, u"--sync"_s, window->id});
-    const QStringList names{u"app-rules"_s, u"url-rules"_s, u"general"_s, u"history"_s};
+    const QStringList names{u"app-rules"_s, u"url-rules"_s, u"general"_s, u"history"_s,
+                            u"browsers"_s};
     for (const QString &name : names) {
         QTest::qWait(300);
         m_tabs.insert(name, grab(window->geometry));
