@@ -813,7 +813,7 @@ void TestAutomationBus::shellCompletion()
     };
     QCOMPARE(complete(u"quillvane fallback ''"_s),
              (QStringList{u"alpha-browser"_s, u"bouncer"_s, u"docs-browser"_s,
-                          u"fallback-browser"_s, u"--help"_s}));
+                          u"fallback-browser"_s, u"--ask"_s, u"--help"_s}));
     QCOMPARE(complete(u"quillvane feature url"_s),
              (QStringList{u"urlCleaning"_s, u"urlExpansion"_s, u"urlUnwrapping"_s}));
     QCOMPARE(complete(u"quillvane rule delete ''"_s).size(), storedRules().size() + 2);

@@ -37,7 +37,7 @@ _quillvane()
             explain) words="--from --expand --help" ;;
             fallback)
                 [[ $position -eq 1 ]] && words=$(_quillvane_first_column browsers)
-                words+=" --help" ;;
+                words+=" --ask --help" ;;
             feature)
                 case $position in
                 1) words="urlCleaning urlExpansion launchAtLogin pauseRules urlUnwrapping --help" ;;
@@ -47,7 +47,7 @@ _quillvane()
                 if [[ $COMP_CWORD -eq 2 ]]; then
                     words="add delete --help"
                 elif [[ ${COMP_WORDS[2]} == add ]]; then
-                    words="--browser --app --app-name --pattern --help"
+                    words="--browser --app --app-name --pattern --profile --private --ask --help"
                 elif [[ ${COMP_WORDS[2]} == delete ]]; then
                     [[ $position -eq 1 ]] && words=$(_quillvane_first_column rules)
                     words+=" --yes --help"

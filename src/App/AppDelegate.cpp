@@ -24,6 +24,7 @@
 #include "Storage/HistoryMigration.h"
 #include "Storage/RuleStore.h"
 #include "Storage/UserSettings.h"
+#include "Views/LinkPicker.h"
 #include "Views/MessageBox.h"
 #include "Views/RuleListView.h"
 #include "Views/SettingsWindow.h"
@@ -80,6 +81,8 @@ AppDelegate::~AppDelegate()
 {
     m_settingsWindow.reset();
     m_statusItem.reset();
+    m_appState->setAskWhereToOpen({});
+    m_linkPicker.reset();
     AppState::setShared(nullptr);
 }
 
@@ -90,6 +93,16 @@ bool AppDelegate::applicationWillFinishLaunching()
     m_activeApplication = ActiveApplication::create();
     m_resolver = std::make_unique<SourceAppResolver>(*m_processApps, *m_activeApplication);
     m_intake = std::make_unique<LinkIntake>(*m_appState, *m_resolver);
+    // Made now and kept hidden, so that a link that asks shows it at once.
+    // Without a display, links that ask go to the fallback browser.
+    if (hasDisplay()) {
+        m_linkPicker = std::make_unique<LinkPicker>(*m_appState, GioDesktopEntries::instance());
+        m_appState->setAskWhereToOpen(
+            [picker = m_linkPicker.get()](const AskRequest &request,
+                                          std::function<void(const AskAnswer &)> answer) {
+                picker->ask(request, std::move(answer));
+            });
+    }
     m_intake->onActivate = [this] { openSettings(); };
     m_intake->onAction = [this](const QString &action) {
         DesktopActions::run(action, [this] { openRuleEditor(); });

@@ -15,6 +15,7 @@ class DesktopFollower;
 class AppState;
 class HistoryDatabase;
 class LinkIntake;
+class LinkPicker;
 class LinuxProcessApps;
 class QSettings;
 class RuleStore;
@@ -78,4 +79,5 @@ private:
     std::unique_ptr<LinkIntake> m_intake;
     std::unique_ptr<StatusItem> m_statusItem;
     std::unique_ptr<SettingsWindow> m_settingsWindow;
+    std::unique_ptr<LinkPicker> m_linkPicker;
 };

@@ -75,6 +75,7 @@ AppState::AppState(RuleStore &store, HistoryDatabase &history, AppServices servi
     if (const auto &damage = m_store.lastLoadDamage())
         reportDamagedRules(*damage);
     m_defaultBrowserBundleID = m_store.loadDefaultBrowserBundleID();
+    m_fallbackAsks = SettingsKeys::read(m_store.settings(), SettingsKeys::FallbackAsks);
     m_todayForwardCount =
         HistoryStore::loadForwardCount(m_history, HistoryStore::dayString(m_services.clock()));
     m_browsers = BrowserDiscovery::discoverBrowsers(m_services.entries);
@@ -168,6 +169,7 @@ RouteSettings AppState::routeSettings() const
                          m_urlCleaningEnabled,
                          m_urlExpansionEnabled,
                          m_urlUnwrappingEnabled,
+                         m_fallbackAsks,
                          m_services.isShortLink};
 }
 
@@ -365,7 +367,26 @@ void AppState::setDefaultBrowser(const QString &bundleID)
     m_reportedMissingFallback.clear();
     m_defaultBrowserBundleID = bundleID;
     m_store.saveDefaultBrowserBundleID(bundleID);
+    if (m_fallbackAsks)
+        saveFlag(SettingsKeys::FallbackAsks, &AppState::m_fallbackAsks, false,
+                 &AppState::fallbackAsksChanged);
     Q_EMIT defaultBrowserBundleIDChanged();
+}
+
+void AppState::askWhereToOpen(const AskRequest &request,
+                              std::function<void(const AskAnswer &)> answer)
+{
+    if (m_ask)
+        m_ask(request, std::move(answer));
+    else
+        answer(AskAnswer{});
+}
+
+void AppState::setFallbackAsks()
+{
+    if (!m_fallbackAsks)
+        saveFlag(SettingsKeys::FallbackAsks, &AppState::m_fallbackAsks, true,
+                 &AppState::fallbackAsksChanged);
 }
 
 void AppState::setFlag(bool AppState::*field, bool value, void (AppState::*changed)())
@@ -492,6 +513,8 @@ void AppState::applyImportedConfig(const ConfigManager::ExportData &config)
     }
     if (config.defaultBrowserBundleID)
         setDefaultBrowser(*config.defaultBrowserBundleID);
+    if (config.fallbackAsks)
+        setFallbackAsks();
     saveFlag(SettingsKeys::UrlCleaningEnabled, &AppState::m_urlCleaningEnabled,
              config.urlCleaningEnabled, &AppState::urlCleaningEnabledChanged);
     qCInfo(lcAppState).noquote()

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "App/AppServices.h"
+#include "App/AskWhereToOpen.h"
 #include "Models/BrowserInfo.h"
 #include "Models/BrowserPreference.h"
 #include "Models/ForwardingRecord.h"
@@ -35,6 +36,7 @@ class AppState final : public QObject
     Q_PROPERTY(QList<BrowserInfo> browsers READ browsers NOTIFY browsersChanged)
     Q_PROPERTY(QString defaultBrowserBundleID READ defaultBrowserBundleID NOTIFY
                    defaultBrowserBundleIDChanged)
+    Q_PROPERTY(bool fallbackAsks READ fallbackAsks NOTIFY fallbackAsksChanged)
     Q_PROPERTY(qint64 todayForwardCount READ todayForwardCount NOTIFY todayForwardCountChanged)
     Q_PROPERTY(bool isSystemDefaultBrowser READ isSystemDefaultBrowser NOTIFY
                    isSystemDefaultBrowserChanged)
@@ -74,6 +76,9 @@ public:
     // The name the browser shows a profile by; none when it has no such profile.
     std::optional<QString> profileName(const QString &bundleID, const QString &profileID) const;
     const QString &defaultBrowserBundleID() const { return m_defaultBrowserBundleID; }
+    // The fallback is "Ask": links no rule claims open where the user chooses
+    // (defaultBrowserBundleID, when set, offered first).
+    bool fallbackAsks() const { return m_fallbackAsks; }
     qint64 todayForwardCount() const { return m_todayForwardCount; }
     // Forwardings recorded in the history today (what the tray menu shows).
     qsizetype todayHistoryCount() const;
@@ -125,7 +130,10 @@ public:
     void addRule(const RoutingRule &rule);
     void updateRule(const RoutingRule &rule);
     void deleteRule(const RoutingRule &rule);
+    // A browser (or none) as the fallback: it no longer asks.
     void setDefaultBrowser(const QString &bundleID);
+    // "Ask" as the fallback; the fallback browser stays, offered first.
+    void setFallbackAsks();
     void toggleRulesEnabled();
     void toggleURLCleaning();
     void toggleURLExpansion();
@@ -141,6 +149,10 @@ public:
     bool checkIsDefaultBrowser() const;
     void refreshDefaultBrowserStatus();
     void applyImportedConfig(const ConfigManager::ExportData &config);
+    // How links are asked about (the window that asks, once there is one);
+    // without it, every link that asks goes to the fallback browser.
+    void setAskWhereToOpen(AskWhereToOpen ask) { m_ask = std::move(ask); }
+    void askWhereToOpen(const AskRequest &request, std::function<void(const AskAnswer &)> answer);
     // Asks the desktop to make Quillvane the default browser, then checks
     // again a second later. Returns at once.
     void requestSetAsDefaultBrowser();
@@ -164,6 +176,7 @@ Q_SIGNALS:
     void rulesChanged();
     void browsersChanged();
     void defaultBrowserBundleIDChanged();
+    void fallbackAsksChanged();
     void todayForwardCountChanged();
     void isSystemDefaultBrowserChanged();
     void lastRouteLogChanged();
@@ -220,6 +233,8 @@ private:
     QList<BrowserPreference> m_browserPreferences;
     mutable QHash<QString, QList<BrowserProfile>> m_profiles;
     QString m_defaultBrowserBundleID;
+    bool m_fallbackAsks = false;
+    AskWhereToOpen m_ask;
     qint64 m_todayForwardCount = 0;
     bool m_isSystemDefaultBrowser = false;
     QString m_lastRouteLog;

@@ -140,7 +140,7 @@ const QList<Command> &commands()
          {},
          ScriptCommands::listRules},
         {u"rule add"_s,
-         u"rule add --browser ID [--app ID] [--app-name NAME] [--pattern P] [--profile ID] [--private]"_s,
+         u"rule add (--browser ID | --ask) [--app ID] [--app-name NAME] [--pattern P] [--profile ID] [--private]"_s,
          u"Adds a rule at the end of the list: links from the application (--app), or\n"
          "links matching the pattern (--pattern), or both, open in the browser. The\n"
          "values are stored exactly as given.\n"
@@ -156,6 +156,7 @@ const QList<Command> &commands()
          "                   doctor\" lists each browser's profiles)\n"
          "  --private        open the links in a private window (Chromium-family\n"
          "                   browsers and Firefox)\n"
+         "  --ask            ask which browser opens the links, instead of --browser\n"
          "\n"
          "Also known as \"Create rule in Quillvane\" and \"Add rule to Quillvane\".\n"
          "\n"
@@ -164,7 +165,7 @@ const QList<Command> &commands()
          "  quillvane rule add --browser chromium --app org.gnome.Evolution --app-name Evolution\n"
          "  quillvane rule add --browser chromium --pattern bank.example --profile \"Profile 1\" --private\n"_s,
          {u"--browser"_s, u"--app"_s, u"--app-name"_s, u"--pattern"_s, u"--profile"_s},
-         {u"--private"_s},
+         {u"--private"_s, u"--ask"_s},
          0,
          0,
          {},
@@ -202,15 +203,21 @@ const QList<Command> &commands()
          {},
          ScriptCommands::listBrowsers},
         {u"fallback"_s,
-         u"fallback ID"_s,
+         u"fallback ID | fallback --ask"_s,
          u"Sets the fallback browser: the one that opens links no rule claims. The\n"
-         "desktop's own default browser stays Quillvane.\n"
+         "desktop's own default browser stays Quillvane. With --ask, a window asks\n"
+         "which browser opens each such link instead (the fallback browser is offered\n"
+         "first, and opens the link where no window can be shown).\n"
          "\n"
-         "Example:\n"
-         "  quillvane fallback org.mozilla.firefox\n"_s,
+         "Options:\n"
+         "  --ask          ask every time\n"
+         "\n"
+         "Examples:\n"
+         "  quillvane fallback org.mozilla.firefox\n"
+         "  quillvane fallback --ask\n"_s,
          {},
-         {},
-         1,
+         {u"--ask"_s},
+         0,
          1,
          u"a browser id"_s,
          ScriptCommands::setFallback},

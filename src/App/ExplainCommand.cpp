@@ -36,6 +36,8 @@ QString describe(const RoutePlan &plan, const QList<RoutingRule> &rules)
         return u"fallback (rules are paused)"_s;
     case Decision::Fallback:
         return u"fallback (no rule matched)"_s;
+    case Decision::Ask:
+        return u"ask (no rule matched, and the fallback asks)"_s;
     case Decision::NoRoute:
     case Decision::Pending:
         return u"no route (no rule matched and no fallback browser is set)"_s;
@@ -91,6 +93,8 @@ int run(const CommandArguments &arguments, const CommandOutput &output,
                                  true,
                                  SettingsKeys::read(environment.settings,
                                                     SettingsKeys::UrlUnwrappingEnabled),
+                                 SettingsKeys::read(environment.settings,
+                                                    SettingsKeys::FallbackAsks),
                                  environment.isShortLink};
     std::optional<SourceApp> source;
     if (from)
@@ -110,8 +114,9 @@ int run(const CommandArguments &arguments, const CommandOutput &output,
     if (plan.decision == RoutePlan::Decision::Paused) {
         printField(out, u"Rules", u"paused: every link opens in the fallback browser");
         printField(out, u"Browser",
-                   plan.result ? plan.result->browserBundleID
-                               : u"none (no fallback browser is set)"_s);
+                   plan.asks()     ? u"ask"_s
+                   : plan.result ? plan.result->browserBundleID
+                                 : u"none (no fallback browser is set)"_s);
         printField(out, u"Decided by", describe(plan, settings.rules));
         out.flush();
         return plan.result ? Success : Failed;
@@ -129,7 +134,13 @@ int run(const CommandArguments &arguments, const CommandOutput &output,
     // The host as the rules compare it.
     printField(out, u"Host", HostName::canonical(plan.working.hostView()));
     printField(out, u"Rules", u"%1 stored"_s.arg(settings.rules.size()));
-    if (plan.result) {
+    if (plan.asks()) {
+        // The window that asks would appear.
+        printField(out, u"Browser",
+                   plan.result->browserBundleID.isEmpty()
+                       ? u"ask"_s
+                       : u"ask (offered first: %1)"_s.arg(plan.result->browserBundleID));
+    } else if (plan.result) {
         printField(out, u"Browser", plan.result->browserBundleID);
         if (plan.result->profileID)
             printField(out, u"Profile", *plan.result->profileID);

@@ -9,6 +9,7 @@
 #include "Storage/HistoryStore.h"
 
 #include <QMetaObject>
+#include <QPointer>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -109,6 +110,11 @@ LaunchOptions RouteTask::launchOptions(const QString &browserID, const QString &
 
 void RouteTask::runPaused(const QString &fallbackID, const QString &fallbackName)
 {
+    // Paused, with "Ask" as the fallback: the user is asked, as for any link.
+    if (m_plan.asks()) {
+        ask();
+        return;
+    }
     const LaunchPlatform platform = m_state.launchPlatform();
     BrowserLauncher::open(m_plan.working, fallbackID, m_state.browsers(), platform,
                           launchOptions(fallbackID, fallbackName, std::nullopt, false))
@@ -159,7 +165,70 @@ void RouteTask::route()
                u"No rule matches it and no fallback browser is set."_s);
         return;
     }
+    if (m_plan.asks()) {
+        ask();
+        return;
+    }
+    launch();
+}
 
+void RouteTask::ask()
+{
+    const QString host = hostOrText(m_plan.working);
+    m_reports.status(u"Asking where to open %1 from %2"_s.arg(host, sourceName()));
+    debugLog(u"routeURL() — asking where to open it"_s);
+    AskRequest request{m_plan.working, m_plan.source, m_activationToken,
+                       m_plan.result ? m_plan.result->browserBundleID : QString()};
+    if (request.offeredFirst.isEmpty())
+        request.offeredFirst = m_state.defaultBrowserBundleID();
+    m_state.askWhereToOpen(request, [task = QPointer<RouteTask>(this)](const AskAnswer &answer) {
+        if (task)
+            task->answered(answer);
+    });
+}
+
+void RouteTask::answered(const AskAnswer &answer)
+{
+    const QString host = hostOrText(m_plan.working);
+    switch (answer.kind) {
+    case AskAnswer::Kind::Cancelled:
+        // The user's choice: nothing opens, nothing is recorded.
+        debugLog(u"routeURL() — not opened: the user closed the window that asked"_s);
+        m_reports.status(u"Not opened: %1 (closed without a choice)"_s.arg(host));
+        LinkJournal::finish(m_state.history(), m_ticket.entry);
+        m_ticket.entry = 0;
+        finish();
+        return;
+    case AskAnswer::Kind::CannotAsk: {
+        const QString fallback = m_state.defaultBrowserBundleID();
+        if (fallback.isEmpty()) {
+            failed(u"FAILED: could not ask where to open %1"_s.arg(host),
+                   u"routeURL() — FAILED: no window can ask, and no fallback browser is set"_s,
+                   u"Could not ask where to open %1: no window can be shown"_s.arg(
+                       SystemLog::priv(m_plan.working.toString())),
+                   u"No window could ask where to open it, and no fallback browser is set."_s);
+            return;
+        }
+        debugLog(u"routeURL() — no window can ask: the fallback browser opens it"_s);
+        m_plan.decision = RoutePlan::Decision::Fallback;
+        m_plan.result = RouteResult{fallback, std::nullopt};
+        break;
+    }
+    case AskAnswer::Kind::Chosen:
+        debugLog(DisplayText::escapeControls(
+            u"routeURL() — the user chose %1 profile=%2 private=%3"_s.arg(
+                answer.browserID, answer.profileID.value_or(u"default"_s),
+                boolText(answer.privateWindow))));
+        m_plan.result =
+            RouteResult{answer.browserID, answer.profileID, answer.privateWindow, false};
+        break;
+    }
+    launch();
+}
+
+void RouteTask::launch()
+{
+    const std::optional<RouteResult> &result = m_plan.result;
     const QString targetName = m_state.browserName(result->browserBundleID);
     const QString profilePart = result->profileID ? u" [%1]"_s.arg(*result->profileID) : QString();
     m_reports.status(

@@ -2,6 +2,7 @@
 
 #include "Models/Link.h"
 #include "Models/RoutingRule.h"
+#include "App/AskWhereToOpen.h"
 #include "Services/LaunchOptions.h"
 #include "Services/RoutePlanner.h"
 #include "Storage/LinkJournal.h"
@@ -42,6 +43,11 @@ private:
     void runPaused(const QString &fallbackID, const QString &fallbackName);
     void runRouting();
     void route();
+    // The link asks where to open it: the user chooses, or cancels.
+    void ask();
+    void answered(const AskAnswer &answer);
+    // Opens the link where the plan's result says.
+    void launch();
     // The user's arguments for the browser, the link's token, and the record
     // the history gets once the browser runs.
     LaunchOptions launchOptions(const QString &browserID, const QString &browserName,

@@ -183,17 +183,15 @@ QString AutomationAdaptor::CreateRule(const BrowserEntity &target_browser,
         {u"sourceAppName"_s, &RuleRequest::sourceAppName},
         {u"urlPattern"_s, &RuleRequest::urlPattern},
         {u"profile"_s, &RuleRequest::profile}};
-    if (const auto bad = notInstalled(target_browser)) {
-        refuse(message, InvalidArgs, *bad);
-        return {};
-    }
     for (auto it = options.cbegin(); it != options.cend(); ++it) {
-        if (it.key() == u"privateWindow") {
+        if (it.key() == u"privateWindow" || it.key() == u"askWhereToOpen") {
             if (it.value().metaType() != QMetaType::fromType<bool>()) {
-                refuse(message, InvalidArgs, u"The option privateWindow must be a boolean."_s);
+                refuse(message, InvalidArgs,
+                       u"The option %1 must be a boolean."_s.arg(it.key()));
                 return {};
             }
-            request.privateWindow = it.value().toBool();
+            (it.key() == u"privateWindow" ? request.privateWindow : request.askWhereToOpen) =
+                it.value().toBool();
             continue;
         }
         const auto text = std::find_if(std::cbegin(texts), std::cend(texts),
@@ -201,7 +199,7 @@ QString AutomationAdaptor::CreateRule(const BrowserEntity &target_browser,
         if (text == std::cend(texts)) {
             refuse(
                 message, InvalidArgs,
-                u"Unknown option \"%1\": a rule takes sourceAppBundleID, sourceAppName, urlPattern, profile and privateWindow."_s
+                u"Unknown option \"%1\": a rule takes sourceAppBundleID, sourceAppName, urlPattern, profile, privateWindow and askWhereToOpen."_s
                     .arg(it.key().left(80)));
             return {};
         }
@@ -215,6 +213,13 @@ QString AutomationAdaptor::CreateRule(const BrowserEntity &target_browser,
             return {};
         }
         request.*(text->second) = value;
+    }
+    // A rule that asks names no browser; any other names an installed one.
+    if (!request.askWhereToOpen) {
+        if (const auto bad = notInstalled(target_browser)) {
+            refuse(message, InvalidArgs, *bad);
+            return {};
+        }
     }
     return answer(createRule(request, target_browser), message);
 }
@@ -291,6 +296,11 @@ QString AutomationAdaptor::ToggleFeature(const QString &feature, bool enabled,
         return {};
     }
     return answer(toggleFeature(*known, enabled), message);
+}
+
+QString AutomationAdaptor::SetFallbackToAsk(const QDBusMessage &message)
+{
+    return answer(setFallbackToAsk(), message);
 }
 
 QMap<QString, QVariantMap> AutomationAdaptor::RuleOptions(const QDBusMessage &message)

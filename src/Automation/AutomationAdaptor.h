@@ -67,6 +67,7 @@ public Q_SLOTS:
     QString SetDefaultBrowser(const Automation::BrowserEntity &browser,
                               const QDBusMessage &message);
     QString ToggleFeature(const QString &feature, bool enabled, const QDBusMessage &message);
+    QString SetFallbackToAsk(const QDBusMessage &message);
     QList<Automation::FeatureEntity> ListFeatures();
     QMap<QString, QVariantMap> RuleOptions(const QDBusMessage &message);
 

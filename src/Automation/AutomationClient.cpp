@@ -114,6 +114,11 @@ AutomationClient::Result<QString> AutomationClient::setDefaultBrowser(const Brow
     return call<QString>(u"SetDefaultBrowser"_s, {QVariant::fromValue(browser)});
 }
 
+AutomationClient::Result<QString> AutomationClient::setFallbackToAsk()
+{
+    return call<QString>(u"SetFallbackToAsk"_s, {});
+}
+
 AutomationClient::Result<QString> AutomationClient::toggleFeature(const QString &feature,
                                                                   bool enabled)
 {

@@ -32,6 +32,7 @@ public:
     Result<QString> routeURL(const QString &url);
     Result<QString> routeURL(const QString &url, const Automation::BrowserEntity &browser);
     Result<QString> setDefaultBrowser(const Automation::BrowserEntity &browser);
+    Result<QString> setFallbackToAsk();
     Result<QString> toggleFeature(const QString &feature, bool enabled);
 
 private:

@@ -46,6 +46,9 @@ Expected<QString, IntentError> createRule(const RuleRequest &request,
     const bool hasPattern = request.urlPattern && !request.urlPattern->isEmpty();
     if (!hasSource && !hasPattern)
         return invalid(u"Provide a source app bundle ID, a URL pattern, or both."_s);
+    if (request.askWhereToOpen && (request.profile || request.privateWindow))
+        return invalid(
+            u"A rule that asks where to open links has no browser, so neither a profile nor a private window."_s);
     if (request.profile) {
         if (const auto why = unknownProfile(**state, targetBrowser, *request.profile))
             return invalid(*why);
@@ -58,11 +61,12 @@ Expected<QString, IntentError> createRule(const RuleRequest &request,
     RoutingRule rule{QUuid::createUuid(),
                      request.sourceAppBundleID.value_or(QString()),
                      request.sourceAppName.value_or(QString()),
-                     targetBrowser.id,
-                     targetBrowser.name,
+                     request.askWhereToOpen ? QString() : targetBrowser.id,
+                     request.askWhereToOpen ? RoutingRule::AskName.toString() : targetBrowser.name,
                      request.urlPattern,
                      request.profile};
     rule.openInPrivateWindow = request.privateWindow;
+    rule.askWhereToOpen = request.askWhereToOpen;
     (*state)->addRule(rule);
     return QString(u"Created rule: "_s + RuleEntity::from(rule).summary);
 }

@@ -21,6 +21,8 @@ struct RuleRequest
     std::optional<QString> profile;
     // Only for a browser whose private window Quillvane knows how to open.
     bool privateWindow = false;
+    // Asks which browser opens the link; the target browser is then ignored.
+    bool askWhereToOpen = false;
 };
 
 // "Created rule: {summary}".

@@ -156,14 +156,20 @@ int route(const CommandArguments &arguments, const CommandOutput &output)
 int addRule(const CommandArguments &arguments, const CommandOutput &output)
 {
     AutomationClient client;
-    if (!arguments.values.contains(u"--browser"_s))
+    const bool ask = arguments.flags.contains(u"--ask"_s);
+    if (ask == arguments.values.contains(u"--browser"_s))
         return output.fail(
-            u"which browser? Give it with --browser ID (\"quillvane browsers\" lists them)."_s,
+            u"which browser? Give it with --browser ID (\"quillvane browsers\" lists them), or --ask to be asked every time."_s,
             BadUsage);
-    const auto browser = resolveBrowser(client, arguments.values.value(u"--browser"_s));
+    // A rule that asks names no browser.
+    Expected<BrowserEntity, QString> browser = BrowserEntity{};
+    if (!ask)
+        browser = resolveBrowser(client, arguments.values.value(u"--browser"_s));
     if (!browser)
         return output.fail(browser.error());
     QVariantMap options;
+    if (ask)
+        options.insert(u"askWhereToOpen"_s, true);
     const std::pair<QString, QString> names[] = {{u"--app"_s, u"sourceAppBundleID"_s},
                                                  {u"--app-name"_s, u"sourceAppName"_s},
                                                  {u"--pattern"_s, u"urlPattern"_s}};
@@ -210,6 +216,17 @@ int deleteRule(const CommandArguments &arguments, const CommandOutput &output)
 int setFallback(const CommandArguments &arguments, const CommandOutput &output)
 {
     AutomationClient client;
+    const bool ask = arguments.flags.contains(u"--ask"_s);
+    if (ask == !arguments.positional.isEmpty())
+        return output.fail(
+            u"give a browser id or --ask (\"quillvane browsers\" lists the browsers)."_s,
+            BadUsage);
+    if (ask) {
+        const auto answer = client.setFallbackToAsk();
+        if (!answer)
+            return failure(output, answer);
+        return output.succeed(*answer);
+    }
     const auto browser = resolveBrowser(client, arguments.positional.first());
     if (!browser)
         return output.fail(browser.error());

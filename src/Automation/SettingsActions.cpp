@@ -69,7 +69,17 @@ QFuture<Answer> routeURL(const Link &url, const std::optional<BrowserEntity> &br
         return QtFuture::makeReadyFuture<Answer>(
             u"No routing rule matched and no default browser is set."_s);
     }
-    const QString browserID = plan.result->browserBundleID;
+    // A rule that asks where to open the link cannot ask a script: the
+    // fallback browser opens it, as when no window can ask.
+    QString browserID = plan.result->browserBundleID;
+    if (plan.asks())
+        browserID = state.defaultBrowserBundleID();
+    if (browserID.isEmpty()) {
+        LinkJournal::finish(state.history(), journalEntry);
+        return QtFuture::makeReadyFuture<Answer>(IntentError{
+            IntentError::Kind::ValidationFailed,
+            u"The rule for this link asks where to open it, and no fallback browser is set: give the browser with --browser."_s});
+    }
     // A rule that asks for a private window gets one here too: a script must
     // not open where the user asked for privacy.
     return open(state, plan.working, browserID, plan.result->privateWindow,
@@ -83,6 +93,15 @@ Answer setDefaultBrowser(const BrowserEntity &browser)
         return state.error();
     (*state)->setDefaultBrowser(browser.id);
     return u"Default browser set to %1."_s.arg(browser.name);
+}
+
+Answer setFallbackToAsk()
+{
+    const auto state = sharedState();
+    if (!state)
+        return state.error();
+    (*state)->setFallbackAsks();
+    return u"Fallback set to Ask Every Time."_s;
 }
 
 Answer toggleFeature(Feature feature, bool enabled)

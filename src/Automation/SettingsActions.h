@@ -21,6 +21,8 @@ using Answer = Expected<QString, IntentError>;
 QFuture<Answer> routeURL(const Link &url, const std::optional<BrowserEntity> &browser,
                          qint64 journalEntry = 0);
 Answer setDefaultBrowser(const BrowserEntity &browser);
+// "Ask" as the fallback.
+Answer setFallbackToAsk();
 // Switches only when needed; answers "{title} is now enabled/disabled.".
 Answer toggleFeature(Feature feature, bool enabled);
 Expected<QList<BrowserEntity>, IntentError> listBrowsers();

@@ -70,6 +70,8 @@ QString ForwardingRecord::decisionText() const
         return ruleMatched.value_or(QString());
     if (*decidedBy == DecidedByFallback)
         return u"Fallback"_s;
+    if (*decidedBy == DecidedByAsking)
+        return u"Asked"_s;
     return decisionDescription.value_or(*decidedBy);
 }
 

@@ -34,10 +34,12 @@ struct ForwardingRecord
 
     static constexpr QStringView DecidedByFallback = u"fallback";
     static constexpr QStringView DecidedByPause = u"paused";
+    // No rule decided; the user chose in the window that asks.
+    static constexpr QStringView DecidedByAsking = u"asked";
 
     // What the history shows as the decision: the deciding rule's
-    // description, "Fallback", "Rules paused", or for older records the
-    // credited rule. Empty when there is nothing to show.
+    // description, "Fallback", "Asked", "Rules paused", or for older records
+    // the credited rule. Empty when there is nothing to show.
     QString decisionText() const;
     bool decidedByPause() const;
 

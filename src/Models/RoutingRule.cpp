@@ -15,6 +15,7 @@ constexpr QLatin1StringView KeyTargetBrowserName("targetBrowserName");
 constexpr QLatin1StringView KeyUrlPattern("urlPattern");
 constexpr QLatin1StringView KeyTargetProfileID("targetProfileID");
 constexpr QLatin1StringView KeyOpenInPrivateWindow("openInPrivateWindow");
+constexpr QLatin1StringView KeyAskWhereToOpen("askWhereToOpen");
 } // namespace
 
 RoutingRule::Kind RoutingRule::kind() const
@@ -52,6 +53,7 @@ Expected<RoutingRule, DecodeError> RoutingRule::fromJson(const QJsonValue &value
     rule.urlPattern = reader.optionalString(KeyUrlPattern);
     rule.targetProfileID = reader.optionalString(KeyTargetProfileID);
     rule.openInPrivateWindow = reader.optionalBool(KeyOpenInPrivateWindow);
+    rule.askWhereToOpen = reader.optionalBool(KeyAskWhereToOpen);
     if (reader.hasError())
         return reader.error();
     return rule;
@@ -68,6 +70,7 @@ void RoutingRule::writeJson(JsonWriter &writer) const
     writer.optionalMember(KeyUrlPattern, urlPattern);
     writer.optionalMember(KeyTargetProfileID, targetProfileID);
     writer.trueMember(KeyOpenInPrivateWindow, openInPrivateWindow);
+    writer.trueMember(KeyAskWhereToOpen, askWhereToOpen);
     writer.endObject();
 }
 
@@ -88,5 +91,5 @@ size_t qHash(const RoutingRule &rule, size_t seed)
                       rule.targetBrowserBundleID, rule.targetBrowserName,
                       rule.urlPattern.value_or(QString()), rule.urlPattern.has_value(),
                       rule.targetProfileID.value_or(QString()), rule.targetProfileID.has_value(),
-                      rule.openInPrivateWindow);
+                      rule.openInPrivateWindow, rule.askWhereToOpen);
 }

@@ -32,6 +32,12 @@ struct RoutingRule
     std::optional<QString> targetProfileID;
     // Opens the browser's private window (where the browser family has one).
     bool openInPrivateWindow = false;
+    // Asks which browser opens the link instead of naming one (the target
+    // browser is then empty).
+    bool askWhereToOpen = false;
+
+    // The target browser's name in a rule that asks.
+    static constexpr QStringView AskName = u"Ask Every Time";
 
     Kind kind() const;
     // How lists and the history name the rule: "Mail + *.example.org → Firefox",
@@ -69,6 +75,9 @@ struct RouteResult
     std::optional<QString> profileID;
     // The rule asks for the browser's private window.
     bool privateWindow = false;
+    // Nothing opens before the user chose where: the browser, when set, is
+    // only the one offered first.
+    bool ask = false;
 
     friend bool operator==(const RouteResult &, const RouteResult &) = default;
 };

@@ -4,6 +4,7 @@
 #include "Services/ExecLine.h"
 #include "Services/URLCleaner.h"
 #include "Storage/RuleStore.h"
+#include "Storage/SettingsKeys.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -131,6 +132,7 @@ ExportData exportConfig(RuleStore &store, const QDateTime &now)
     if (!fallback.isEmpty())
         data.defaultBrowserBundleID = fallback;
     data.urlCleaningEnabled = URLCleaner::isEnabled(store.settings());
+    data.fallbackAsks = SettingsKeys::read(store.settings(), SettingsKeys::FallbackAsks);
     if (QList<BrowserPreference> preferences = store.loadBrowserPreferences();
         !preferences.isEmpty())
         data.browserPreferences = std::move(preferences);
@@ -149,6 +151,8 @@ QByteArray encode(const ExportData &data)
     };
     if (data.defaultBrowserBundleID)
         document.insert(u"defaultBrowserBundleID"_s, *data.defaultBrowserBundleID);
+    if (data.fallbackAsks)
+        document.insert(u"fallbackAsks"_s, true);
     if (data.browserPreferences)
         document.insert(u"browserPreferences"_s,
                         QJsonDocument::fromJson(
@@ -206,6 +210,10 @@ Expected<ExportData, ConfigError> importFromJSON(QByteArrayView bytes)
             return decodingFailed(rule.error().description);
         data.rules.append(*rule);
     }
+    const QJsonValue asks = object.value(u"fallbackAsks"_s);
+    if (!asks.isUndefined() && !asks.isNull() && !asks.isBool())
+        return decodingFailed(u"the member \"fallbackAsks\" is not true or false."_s);
+    data.fallbackAsks = asks.toBool(false);
     const QJsonValue preferences = object.value(u"browserPreferences"_s);
     if (!preferences.isUndefined() && !preferences.isNull()) {
         if (!preferences.isArray())

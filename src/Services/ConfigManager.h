@@ -28,6 +28,8 @@ struct ExportData
     bool urlCleaningEnabled = true;
     // Absent from documents of earlier versions (and when nothing is set).
     std::optional<QList<BrowserPreference>> browserPreferences;
+    // The fallback is "Ask" (the member is written only then).
+    bool fallbackAsks = false;
 
     friend bool operator==(const ExportData &, const ExportData &) = default;
 };

@@ -16,6 +16,8 @@ std::optional<QString> RoutePlan::decidedBy() const
         return ForwardingRecord::DecidedByPause.toString();
     case Decision::Fallback:
         return ForwardingRecord::DecidedByFallback.toString();
+    case Decision::Ask:
+        return ForwardingRecord::DecidedByAsking.toString();
     case Decision::Combined:
     case Decision::SourceOnly:
     case Decision::UrlOnly:
@@ -76,8 +78,9 @@ RoutePlan prepare(const Link &received, const std::optional<SourceApp> &source,
     plan.source = source;
     if (policy.honourPause && !settings.rulesEnabled) {
         plan.decision = RoutePlan::Decision::Paused;
-        if (!settings.defaultBrowserBundleID.isEmpty())
-            plan.result = RouteResult{settings.defaultBrowserBundleID, std::nullopt};
+        if (!settings.defaultBrowserBundleID.isEmpty() || settings.fallbackAsks)
+            plan.result = RouteResult{settings.defaultBrowserBundleID, std::nullopt, false,
+                                      settings.fallbackAsks};
         plan.ruleMatched = u"⏸ Rules paused"_s;
         return plan;
     }
@@ -101,6 +104,13 @@ void decide(RoutePlan &plan, const RouteSettings &settings, const RoutePolicy &p
                           settings.defaultBrowserBundleID, policy.trail ? &plan.trail : nullptr);
     plan.decision = fromRouter(decision.kind);
     plan.result = decision.result;
+    // "Ask" as the fallback: the user chooses, the fallback browser offered first.
+    if (settings.fallbackAsks && policy.honourPause
+        && (plan.decision == RoutePlan::Decision::Fallback
+            || plan.decision == RoutePlan::Decision::NoRoute)) {
+        plan.decision = RoutePlan::Decision::Ask;
+        plan.result = RouteResult{settings.defaultBrowserBundleID, std::nullopt, false, true};
+    }
     if (plan.result && !policy.keepProfile)
         plan.result->profileID.reset();
     plan.ruleIndex = decision.ruleIndex;

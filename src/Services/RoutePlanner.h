@@ -20,6 +20,8 @@ struct RouteSettings
     bool urlCleaningEnabled = true;
     bool urlExpansionEnabled = true;
     bool urlUnwrappingEnabled = true;
+    // The fallback is "Ask"; defaultBrowserBundleID is then offered first.
+    bool fallbackAsks = false;
     std::function<bool(const Link &)> isShortLink;
 };
 
@@ -50,6 +52,8 @@ struct RoutePlan
         SourceOnly,
         UrlOnly,
         Fallback,
+        // No rule decided and the fallback asks where to open the link.
+        Ask,
         NoRoute,
     };
 
@@ -78,6 +82,9 @@ struct RoutePlan
     QStringList trail;
 
     bool decided() const { return decision != Decision::Pending; }
+    // The user is asked where to open the link (the fallback asks, or the
+    // deciding rule does).
+    bool asks() const { return result && result->ask; }
     // What the history records as the decision: the rule's id, "fallback" or
     // "paused"; none while undecided or without a route.
     std::optional<QString> decidedBy() const;

@@ -216,7 +216,7 @@ Decision matched(Decision::Kind kind, const RoutingRule &rule, qsizetype index)
 {
     return Decision{kind,
                     RouteResult{rule.targetBrowserBundleID, rule.targetProfileID,
-                                rule.openInPrivateWindow},
+                                rule.openInPrivateWindow, rule.askWhereToOpen},
                     index};
 }
 

@@ -22,6 +22,9 @@ struct DataKey
 inline constexpr DataKey RoutingRules{u"routing_rules"};
 inline constexpr Key<bool> RulesEnabled{u"rules_enabled", true};
 inline constexpr Key<QStringView> DefaultBrowserBundleID{u"default_browser_bundle_id", u""};
+// The fallback is "Ask": a window asks which browser opens a link no rule
+// claims. The fallback browser above stays, listed first there.
+inline constexpr Key<bool> FallbackAsks{u"fallback_asks", false};
 inline constexpr Key<bool> UrlCleaningEnabled{u"url_cleaning_enabled", true};
 inline constexpr Key<bool> UrlExpansionEnabled{u"url_expansion_enabled", false};
 // Links inside redirect wrappers (mail "safe links", /url?q=) are taken out first.

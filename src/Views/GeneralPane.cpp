@@ -64,8 +64,13 @@ GeneralPane::GeneralPane(AppState &state, DesktopEntries &entries,
     m_fallback->setSizeAdjustPolicy(QComboBox::AdjustToContents);
     fallback->addWidget(m_fallback, 0, Qt::AlignLeft);
     connect(m_fallback, &QComboBox::activated, this, [this](int index) {
-        m_state.setDefaultBrowser(m_fallback->itemData(index).toString());
+        const QVariant chosen = m_fallback->itemData(index);
+        if (chosen.typeId() == QMetaType::Bool)
+            m_state.setFallbackAsks();
+        else
+            m_state.setDefaultBrowser(chosen.toString());
     });
+    connect(&m_state, &AppState::fallbackAsksChanged, this, &GeneralPane::fillFallbackPicker);
     connect(&m_state, &AppState::browsersChanged, this, &GeneralPane::fillFallbackPicker);
     connect(&m_state, &AppState::defaultBrowserBundleIDChanged, this,
             &GeneralPane::fillFallbackPicker);
@@ -207,6 +212,12 @@ void GeneralPane::fillFallbackPicker()
     m_fallback->addItem(u"None"_s, QString());
     for (const BrowserInfo &browser : m_state.shownBrowsers(m_state.defaultBrowserBundleID()))
         m_fallback->addItem(BrowserIcons::icon(browser, m_entries), browser.name, browser.bundleID);
+    // "Ask" is no browser: its item carries no id.
+    m_fallback->insertSeparator(m_fallback->count());
+    m_fallback->addItem(QIcon::fromTheme(u"dialog-question"_s), RoutingRule::AskName.toString(),
+                        QVariant(true));
     // A fallback that is not installed matches no entry.
-    m_fallback->setCurrentIndex(m_fallback->findData(m_state.defaultBrowserBundleID()));
+    m_fallback->setCurrentIndex(m_state.fallbackAsks()
+                                    ? m_fallback->count() - 1
+                                    : m_fallback->findData(m_state.defaultBrowserBundleID()));
 }

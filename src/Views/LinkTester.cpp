@@ -94,9 +94,15 @@ QString LinkTester::verdict(const AppState &state, const QString &typed)
     QString answer;
     switch (plan.decision) {
     case Decision::UrlOnly:
-        answer = u"Opens in %1 — URL rule \"%2\"."_s.arg(
-            target(state, *plan.result),
-            settings.rules[plan.ruleIndex].urlPattern.value_or(QString()));
+        answer = plan.asks()
+                     ? u"Asks where to open it — URL rule \"%1\"."_s.arg(
+                           settings.rules[plan.ruleIndex].urlPattern.value_or(QString()))
+                     : u"Opens in %1 — URL rule \"%2\"."_s.arg(
+                           target(state, *plan.result),
+                           settings.rules[plan.ruleIndex].urlPattern.value_or(QString()));
+        break;
+    case Decision::Ask:
+        answer = u"Asks where to open it: no URL rule matches, and the fallback is Ask."_s;
         break;
     case Decision::Fallback:
         answer = u"Opens in %1 — the fallback browser: no URL rule matches."_s.arg(

@@ -62,6 +62,10 @@ void RuleEditView::finishForm()
          m_state.shownBrowsers(m_existing ? m_existing->targetBrowserBundleID : QString()))
         m_browser->addItem(BrowserIcons::icon(browser, m_services.entries), browser.name,
                            browser.bundleID);
+    // Or no browser: a window asks for each link (its item carries no id).
+    m_browser->insertSeparator(m_browser->count());
+    m_browser->addItem(QIcon::fromTheme(u"dialog-question"_s), RoutingRule::AskName.toString(),
+                       QVariant(true));
     target->addWidget(m_browser);
     // Offered for the browsers whose private window Quillvane knows how to ask for.
     m_privateWindow = new QCheckBox(u"Open in a private window"_s);
@@ -97,7 +101,9 @@ void RuleEditView::finishForm()
 
     // Filled from the rule being edited; the profile so restored stays chosen.
     m_filling = true;
-    if (m_existing) {
+    if (m_existing && m_existing->askWhereToOpen) {
+        m_browser->setCurrentIndex(m_browser->count() - 1);
+    } else if (m_existing) {
         if (m_browser->findData(m_existing->targetBrowserBundleID) < 0) {
             // Uninstalled since: kept, under the name the rule remembers.
             m_browser->addItem(QIcon::fromTheme(u"web-browser"_s),
@@ -115,7 +121,17 @@ void RuleEditView::finishForm()
 
 QString RuleEditView::selectedBrowserBundleID() const
 {
-    return m_browser->currentData().toString();
+    return asksWhereToOpen() ? QString() : m_browser->currentData().toString();
+}
+
+bool RuleEditView::asksWhereToOpen() const
+{
+    return m_browser->currentData().typeId() == QMetaType::Bool;
+}
+
+bool RuleEditView::hasTarget() const
+{
+    return asksWhereToOpen() || !selectedBrowserBundleID().isEmpty();
 }
 
 QString RuleEditView::selectedProfileID() const
@@ -173,17 +189,19 @@ void RuleEditView::loadProfiles(const QString &keepProfile)
 void RuleEditView::updateSaveButton()
 {
     if (m_save)
-        m_save->setEnabled(canSaveOwnFields() && !selectedBrowserBundleID().isEmpty());
+        m_save->setEnabled(canSaveOwnFields() && hasTarget());
 }
 
 void RuleEditView::save()
 {
-    if (!canSaveOwnFields() || selectedBrowserBundleID().isEmpty())
+    if (!canSaveOwnFields() || !hasTarget())
         return;
     RoutingRule rule = ownFields();
     const QString browser = selectedBrowserBundleID();
+    rule.askWhereToOpen = asksWhereToOpen();
     rule.targetBrowserBundleID = browser;
-    rule.targetBrowserName = m_state.browserName(browser);
+    rule.targetBrowserName =
+        rule.askWhereToOpen ? RoutingRule::AskName.toString() : m_state.browserName(browser);
     const QString profile = selectedProfileID();
     rule.targetProfileID = profile.isEmpty() ? std::nullopt : std::optional(profile);
     rule.openInPrivateWindow = privateWindowChosen();

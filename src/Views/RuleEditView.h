@@ -38,6 +38,8 @@ public:
 
     // "Select a browser...", then the browsers; the profiles of the chosen one.
     QString selectedBrowserBundleID() const;
+    // "Ask Every Time" is chosen instead of a browser.
+    bool asksWhereToOpen() const;
     QString selectedProfileID() const;
     // Offered and ticked.
     bool privateWindowChosen() const;
@@ -71,6 +73,7 @@ protected:
 
 private:
     void browserChanged();
+    bool hasTarget() const;
     void loadProfiles(const QString &keepProfile);
     void updatePrivateWindow();
     void save();

@@ -107,8 +107,10 @@ void StatusItem::rebuild(QMenu &menu)
                    this, &StatusItem::togglePauseRules)
         ->setObjectName(u"pauseRulesAction"_s);
 
+    const bool asks = m_state.fallbackAsks();
     const QString fallbackName =
-        m_state.installedBrowserName(m_state.defaultBrowserBundleID()).value_or(u"None"_s);
+        asks ? RoutingRule::AskName.toString()
+             : m_state.installedBrowserName(m_state.defaultBrowserBundleID()).value_or(u"None"_s);
     QMenu *fallback = menu.addMenu(u"Fallback: "_s + DisplayText::forMenu(fallbackName));
     fallback->menuAction()->setObjectName(u"fallbackAction"_s);
     for (const BrowserInfo &browser : m_state.shownBrowsers(m_state.defaultBrowserBundleID())) {
@@ -116,13 +118,21 @@ void StatusItem::rebuild(QMenu &menu)
                                             DisplayText::forMenu(browser.name));
         item->setData(browser.bundleID);
         item->setCheckable(true);
-        item->setChecked(browser.bundleID == m_state.defaultBrowserBundleID());
+        item->setChecked(!asks && browser.bundleID == m_state.defaultBrowserBundleID());
         connect(item, &QAction::triggered, this, [this, item] {
             const QVariant bundleID = item->data();
             if (bundleID.typeId() == QMetaType::QString)
                 later(this, [this, id = bundleID.toString()] { m_state.setDefaultBrowser(id); });
         });
     }
+    // Beyond the browsers: a window asks for each link that no rule claims.
+    fallback->addSeparator();
+    QAction *askEveryTime = fallback->addAction(RoutingRule::AskName.toString(), this, [this] {
+        later(this, [this] { m_state.setFallbackAsks(); });
+    });
+    askEveryTime->setObjectName(u"fallbackAskAction"_s);
+    askEveryTime->setCheckable(true);
+    askEveryTime->setChecked(asks);
     menu.addSeparator();
 
     QAction *launchAtLogin = menu.addAction(u"Launch at Login"_s, this, [this] {
