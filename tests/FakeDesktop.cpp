@@ -45,9 +45,9 @@ QString FakeDesktop::recorder(const QString &name)
                   + ".token'\n"
                     "printf '%s\\0' \"$@\" > '"
                   + record.toUtf8()
-                  + ".$$.tmp'\n"
+                  + "'.$$.tmp\n"
                     "mv '"
-                  + record.toUtf8() + ".$$.tmp' '" + record.toUtf8() + ".args'\n"));
+                  + record.toUtf8() + "'.$$.tmp '" + record.toUtf8() + ".args'\n"));
     script.close();
     script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     return path;

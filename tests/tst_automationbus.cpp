@@ -213,7 +213,7 @@ void TestAutomationBus::interfaceMatchesItsDescription()
                     + u"/share/dbus-1/interfaces/work.vorpa.Quillvane.Automation.xml"_s);
     QVERIFY(installed.open(QIODevice::ReadOnly));
     const QStringList described = methods(QString::fromUtf8(installed.readAll()));
-    QCOMPARE(described.size(), 12);
+    QCOMPARE(described.size(), 13);
 
     QDBusMessage introspect = QDBusMessage::createMethodCall(
         AppId, ObjectPath, u"org.freedesktop.DBus.Introspectable"_s, u"Introspect"_s);

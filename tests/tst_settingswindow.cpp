@@ -126,7 +126,8 @@ void TestSettingsWindow::statusMenu()
     // The fallback submenu: every browser, the fallback checked.
     QMenu *fallback = action(menu, "fallbackAction")->menu();
     QVERIFY(fallback);
-    QCOMPARE(texts(*fallback), (QStringList{u"Firefox"_s, u"Safari"_s}));
+    QCOMPARE(texts(*fallback),
+             (QStringList{u"Firefox"_s, u"Safari"_s, u"--"_s, u"Ask Every Time"_s}));
     QVERIFY(fallback->actions()[0]->isChecked());
     QVERIFY(!fallback->actions()[1]->isChecked());
     QCOMPARE(fallback->actions()[1]->data().toString(), u"safari"_s);
@@ -145,6 +146,22 @@ void TestSettingsWindow::statusMenu()
     QCOMPARE(action(menu, "fallbackAction")->text(), u"Fallback: None"_s);
     for (const QAction *browser : action(menu, "fallbackAction")->menu()->actions())
         QVERIFY(!browser->isChecked());
+
+    // "Ask Every Time": checked alone, named in the title; a browser ends it.
+    action(menu, "fallbackAction")->menu()->findChild<QAction *>(u"fallbackAskAction"_s)->trigger();
+    processLater();
+    QVERIFY(m_app->state->fallbackAsks());
+    QVERIFY(SettingsKeys::read(*m_app->settings, SettingsKeys::FallbackAsks));
+    item.rebuild(menu);
+    QCOMPARE(action(menu, "fallbackAction")->text(), u"Fallback: Ask Every Time"_s);
+    QVERIFY(action(menu, "fallbackAction")->menu()->findChild<QAction *>(u"fallbackAskAction"_s)
+                ->isChecked());
+    action(menu, "fallbackAction")->menu()->actions()[0]->trigger();
+    processLater();
+    QVERIFY(!m_app->state->fallbackAsks());
+    QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"firefox"_s);
+    m_app->state->setDefaultBrowser(u"gone"_s);
+    item.rebuild(menu);
 
     // Opening twice without a change shows the same.
     const QStringList before = texts(menu);
@@ -381,8 +398,10 @@ void TestSettingsWindow::generalPane()
     QVERIFY(pane.findChild<QWidget *>(u"setAsDefaultButton"_s)->isVisible());
 
     auto *picker = pane.findChild<QComboBox *>(u"fallbackPicker"_s);
-    QCOMPARE(picker->count(), 3);
+    // None, the browsers, and "Ask Every Time" after a separator.
+    QCOMPARE(picker->count(), 5);
     QCOMPARE(picker->itemText(0), u"None"_s);
+    QCOMPARE(picker->itemText(4), u"Ask Every Time"_s);
     QCOMPARE(picker->currentText(), u"Firefox"_s);
     picker->setFocus();
     QTest::keyClick(picker, Qt::Key_Down);
@@ -394,6 +413,16 @@ void TestSettingsWindow::generalPane()
     QCOMPARE(picker->currentText(), u"Firefox"_s);
     m_app->state->setDefaultBrowser(u"not-installed"_s);
     QCOMPARE(picker->currentIndex(), -1);
+    // Ask: chosen here, or elsewhere, shown here; the fallback browser stays.
+    m_app->state->setDefaultBrowser(u"firefox"_s);
+    QTest::keyClick(picker, Qt::Key_End);
+    QVERIFY(m_app->state->fallbackAsks());
+    QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"firefox"_s);
+    m_app->state->setDefaultBrowser(u"safari"_s);
+    QCOMPARE(picker->currentText(), u"Safari"_s);
+    m_app->state->setFallbackAsks();
+    QCOMPARE(picker->currentText(), u"Ask Every Time"_s);
+    m_app->state->setDefaultBrowser(u"not-installed"_s);
 
     auto *rules = pane.findChild<QCheckBox *>(u"rulesEnabledSwitch"_s);
     QVERIFY(rules->isChecked());

@@ -204,7 +204,7 @@ void TestStatusNotifier::menuAsAPanelShowsIt()
         browsers.append(
             browser.label()
             + (browser.properties.value(u"toggle-state"_s).toInt() == 1 ? u" ✓"_s : u""_s));
-    QCOMPARE(browsers, (QStringList{u"Alpha"_s, u"Beta ✓"_s}));
+    QCOMPARE(browsers, (QStringList{u"Alpha"_s, u"Beta ✓"_s, QString(), u"Ask Every Time"_s}));
 }
 
 void TestStatusNotifier::clickingPauseInThePanel()
