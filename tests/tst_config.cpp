@@ -87,20 +87,27 @@ void TestConfig::roundTripIsByteForByte()
     RuleStore store(*m_settings);
     RoutingRule privateRule = makeRule(QString(), u"bank.example"_s, u"chromium"_s);
     privateRule.openInPrivateWindow = true;
+    RoutingRule askingRule = makeRule(u"org.gnome.Evolution"_s, std::nullopt, QString());
+    askingRule.askWhereToOpen = true;
     store.saveRules({makeRule(u"app"_s, u"https://example.com/a"_s, u"b"_s, u"Profile 1"_s),
                      makeRule(QString(), u"ünïcode \"quoted\" \\ back"_s, u"c"_s),
-                     privateRule});
+                     privateRule, askingRule});
     store.saveDefaultBrowserBundleID(u"firefox-esr"_s);
     const QByteArray plain = *ConfigManager::exportToJSON(store, ExportTime);
     QVERIFY(!plain.contains("browserPreferences"));
+    QVERIFY(!plain.contains("fallbackAsks"));
+    m_settings->setValue(u"fallback_asks"_s, true);
     store.saveBrowserPreferences({{u"chromium"_s, false, u"--class=\"Work Mail\""_s},
                                   {u"epiphany"_s, true, {}}});
     const QByteArray json = *ConfigManager::exportToJSON(store, ExportTime);
     const auto imported = ConfigManager::importFromJSON(json);
     QVERIFY(imported);
     QCOMPARE(imported->rules, store.loadRules());
-    QVERIFY(imported->rules.last().openInPrivateWindow);
+    QVERIFY(imported->rules[2].openInPrivateWindow);
+    QVERIFY(imported->rules.last().askWhereToOpen);
     QCOMPARE(imported->browserPreferences, store.loadBrowserPreferences());
+    QVERIFY(imported->fallbackAsks);
+    QVERIFY(!ConfigManager::importFromJSON(plain)->fallbackAsks);
     QCOMPARE(imported->exportDate, QDateTime(QDate(2025, 3, 1), QTime(9, 30), Qt::UTC));
     QCOMPARE(ConfigManager::encode(*imported), json);
     // A document without browser settings leaves them out when it is read.

@@ -150,6 +150,15 @@ void TestExplain::showsCleaningAndTrail()
     QCOMPARE(wrappedLines.value(2), u"Cleaned:    https://docs.example.com/guide"_s);
     QVERIFY(wrapped.out.contains(u"\nBrowser:    com.google.Chrome\n"_s));
 
+    // The fallback asks: explain says the window would appear.
+    m_settings->setValue(u"fallback_asks"_s, true);
+    const Result asked = explain({u"https://notexample.com/"_s});
+    QCOMPARE(asked.exitCode, 0);
+    QVERIFY2(asked.out.contains(u"\nBrowser:    ask (offered first: com.apple.Safari)\n"_s),
+             qPrintable(asked.out));
+    QVERIFY(asked.out.contains(u"\nDecided by: ask (no rule matched, and the fallback asks)"_s));
+    m_settings->remove(u"fallback_asks"_s);
+
     m_settings->setValue(u"url_cleaning_enabled"_s, false);
     const Result unclean = explain({u"https://docs.example.com/?utm_source=x"_s});
     QVERIFY(unclean.out.contains(u"Cleaning:   off"_s));

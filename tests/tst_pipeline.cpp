@@ -51,6 +51,7 @@ private Q_SLOTS:
     void profileLaunchFailsAndFallsBack();
     void aLaunchThatFailsAtOnceIsNoOpening();
     void aVanishedFallbackIsToldOnce();
+    void askingWhereToOpen();
     void expansionChangesTheLink();
     void manyLinksInFlightWhileRulesChange();
     void aBurstLeavesRoomForTheNextCaller();
@@ -259,6 +260,82 @@ void TestPipeline::aLaunchThatFailsAtOnceIsNoOpening()
     QCOMPARE(history().size(), 1);
     QCOMPARE(history().first().decidedBy, u"fallback"_s);
     QCOMPARE(history().first().decisionText(), u"Fallback"_s);
+}
+
+// "Ask" as the fallback, and a rule that asks: nothing opens before the answer,
+// the answer opens, closing the window opens nothing, and without a window the
+// fallback browser decides.
+void TestPipeline::askingWhereToOpen()
+{
+    RoutingRule asking = makeRule(u"com.example.mail"_s, std::nullopt, QString());
+    asking.askWhereToOpen = true;
+    asking.targetBrowserName = u"Ask Every Time"_s;
+    m_store->saveRules({asking, makeRule(QString(), u"chrome.example"_s, u"google-chrome"_s)});
+    m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
+    makeState(GioProcessLauncher::instance());
+    QList<AskRequest> asked;
+    std::function<void(const AskAnswer &)> pending;
+    m_state->setAskWhereToOpen([&](const AskRequest &request, auto answer) {
+        asked.append(request);
+        pending = std::move(answer);
+    });
+
+    // The rule asks; the fallback browser is offered first.
+    m_state->routeURL(*Link::parse(u"https://mail.example/a"_s), Mail, u"tok"_s);
+    QTRY_COMPARE(asked.size(), 1);
+    QCOMPARE(asked[0].link.toString(), u"https://mail.example/a"_s);
+    QCOMPARE(asked[0].source, Mail);
+    QCOMPARE(asked[0].offeredFirst, u"epiphany"_s);
+    QCOMPARE(asked[0].activationToken, u"tok"_s);
+    QCOMPARE(m_finished->size(), 0);
+    pending(AskAnswer{AskAnswer::Kind::Chosen, u"firefox-esr"_s, std::nullopt, true});
+    QVERIFY(waitForRoutes(1));
+    QVERIFY(m_desktop->waitForRun(u"firefox-esr"_s));
+    QCOMPARE(m_desktop->arguments(u"firefox-esr"_s),
+             (QStringList{u"--private-window"_s, u"https://mail.example/a"_s}));
+    QCOMPARE(history().first().decidedBy, JsonFields::uuidText(asking.id));
+    QCOMPARE(history().first().targetBrowserBundleID, u"firefox-esr"_s);
+
+    // Not a rule's: the fallback asks; closing the window opens nothing.
+    m_state->setFallbackAsks();
+    m_state->routeURL(*Link::parse(u"https://nowhere.example/"_s), std::nullopt);
+    QTRY_COMPARE(asked.size(), 2);
+    pending(AskAnswer{AskAnswer::Kind::Cancelled, {}, std::nullopt, false});
+    QVERIFY(waitForRoutes(2));
+    QCOMPARE(history().size(), 1);
+    QCOMPARE(m_state->lastRouteLog(), u"Not opened: nowhere.example (closed without a choice)"_s);
+    QVERIFY(m_notifications.isEmpty());
+    m_state->routeURL(*Link::parse(u"https://nowhere.example/b"_s), std::nullopt);
+    QTRY_COMPARE(asked.size(), 3);
+    pending(AskAnswer{AskAnswer::Kind::Chosen, u"google-chrome"_s, u"Profile 2"_s, false});
+    QVERIFY(waitForRoutes(3));
+    QVERIFY(m_desktop->waitForRun(u"google-chrome"_s));
+    QCOMPARE(m_desktop->arguments(u"google-chrome"_s),
+             (QStringList{u"--profile-directory=Profile 2"_s, u"https://nowhere.example/b"_s}));
+    QCOMPARE(history().first().decidedBy, u"asked"_s);
+    QCOMPARE(history().first().decisionText(), u"Asked"_s);
+    QCOMPARE(history().first().targetProfileID, u"Profile 2"_s);
+    // A URL rule still decides without asking.
+    m_state->routeURL(*Link::parse(u"https://chrome.example/"_s), std::nullopt);
+    QVERIFY(waitForRoutes(4));
+    QCOMPARE(asked.size(), 3);
+
+    // No window can ask: the fallback browser opens the link; without one it
+    // does not open, and the user hears why.
+    m_state->setAskWhereToOpen({});
+    m_desktop->forget(u"epiphany"_s);
+    m_state->routeURL(*Link::parse(u"https://nowhere.example/c"_s), std::nullopt);
+    QVERIFY(waitForRoutes(5));
+    QVERIFY(m_desktop->waitForRun(u"epiphany"_s));
+    QCOMPARE(history().first().decidedBy, u"fallback"_s);
+    m_state->setDefaultBrowser(QString());
+    m_state->setFallbackAsks();
+    m_state->routeURL(*Link::parse(u"https://nowhere.example/d"_s), std::nullopt);
+    QVERIFY(waitForRoutes(6));
+    QCOMPARE(m_notifications.size(), 1);
+    QCOMPARE(m_notifications.first().last(),
+             u"nowhere.example\nNo window could ask where to open it, and no fallback browser is "
+             "set."_s);
 }
 
 // The fallback browser uninstalled while Quillvane runs: the user hears of it

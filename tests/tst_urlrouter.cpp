@@ -38,6 +38,7 @@ private Q_SLOTS:
     void trail();
     void plannerPauseAndPolicies();
     void plannerCleansExpandsAndCredits();
+    void plannerAsks();
 };
 
 void TestURLRouter::workedExamples_data()
@@ -447,6 +448,55 @@ void TestURLRouter::plannerCleansExpandsAndCredits()
     settings.urlUnwrappingEnabled = false;
     plan = RoutePlanner::prepare(wrapped, std::nullopt, settings, policy);
     QCOMPARE(plan.unwrapped, wrapped);
+}
+
+// "Ask" as the fallback: the plan asks where no rule decides, with the fallback
+// browser offered first, even without one, and while paused; a script's route
+// never asks.
+void TestURLRouter::plannerAsks()
+{
+    RouteSettings settings = plannerSettings();
+    settings.fallbackAsks = true;
+    const RoutePolicy policy = RoutePolicy::routing(false);
+    RoutePlan plan = RoutePlanner::prepare(link(u"https://other.example/"_s), std::nullopt,
+                                           settings, policy);
+    RoutePlanner::decide(plan, settings, policy);
+    QCOMPARE(plan.decision, RoutePlan::Decision::Ask);
+    QVERIFY(plan.asks());
+    QCOMPARE(plan.result->browserBundleID, u"com.apple.Safari"_s);
+    QCOMPARE(plan.decidedBy(), u"asked"_s);
+    settings.defaultBrowserBundleID.clear();
+    plan = RoutePlanner::prepare(link(u"https://other.example/"_s), std::nullopt, settings, policy);
+    RoutePlanner::decide(plan, settings, policy);
+    QCOMPARE(plan.decision, RoutePlan::Decision::Ask);
+    // A rule decides first.
+    plan = RoutePlanner::prepare(link(u"https://docs.example.com/"_s), std::nullopt, settings,
+                                 policy);
+    RoutePlanner::decide(plan, settings, policy);
+    QCOMPARE(plan.decision, RoutePlan::Decision::UrlOnly);
+    QVERIFY(!plan.asks());
+    settings.rulesEnabled = false;
+    plan = RoutePlanner::prepare(link(u"https://docs.example.com/"_s), std::nullopt, settings,
+                                 policy);
+    QCOMPARE(plan.decision, RoutePlan::Decision::Paused);
+    QVERIFY(plan.asks());
+    plan = RoutePlanner::prepare(link(u"https://other.example/"_s), std::nullopt, settings,
+                                 RoutePolicy::automation());
+    RoutePlanner::decide(plan, settings, RoutePolicy::automation());
+    QVERIFY(!plan.asks());
+
+    // A rule that asks, whatever the fallback is.
+    RoutingRule asking = makeRule(u"com.example.mail"_s, std::nullopt, QString());
+    asking.askWhereToOpen = true;
+    settings.rules = {asking};
+    settings.rulesEnabled = true;
+    settings.fallbackAsks = false;
+    plan = RoutePlanner::prepare(link(u"https://x.example/"_s), source(u"com.example.mail"_s),
+                                 settings, policy);
+    RoutePlanner::decide(plan, settings, policy);
+    QCOMPARE(plan.decision, RoutePlan::Decision::SourceOnly);
+    QVERIFY(plan.asks());
+    QCOMPARE(plan.decidedBy(), JsonFields::uuidText(asking.id));
 }
 
 QTEST_GUILESS_MAIN(TestURLRouter)

@@ -33,7 +33,10 @@ constexpr int LinkWidth = 400;
 // key is "!" or "\"" (whatever the layout puts there), the code stays.
 constexpr quint32 FirstDigitKeyCode = 10;
 
-// The host as a person reads it: Unicode where the link has its ASCII form.
+// The host as a person reads it: Unicode where the link has its ASCII form and
+// the top-level domain allows only unambiguous names (Qt's IDN list, as
+// browsers do); the ASCII form elsewhere, so that a look-alike name cannot
+// pass for another.
 QString readableHost(const Link &link)
 {
     return QUrl::fromAce(link.host().toLatin1()).toLower();
@@ -111,10 +114,12 @@ LinkPicker::LinkPicker(AppState &state, DesktopEntries &entries, QWidget *parent
 void LinkPicker::ask(const AskRequest &request, std::function<void(const AskAnswer &)> answer)
 {
     m_queue.append({request, std::move(answer)});
-    if (m_queue.size() == 1)
+    if (m_queue.size() == 1) {
         showCurrent();
-    else
-        m_waiting->setText(u"%1 links waiting"_s.arg(m_queue.size()));
+        return;
+    }
+    m_waiting->setText(u"%1 links waiting"_s.arg(m_queue.size()));
+    m_waiting->show();
 }
 
 void LinkPicker::showCurrent()
