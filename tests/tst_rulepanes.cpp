@@ -482,6 +482,26 @@ void TestRulePanes::privateWindowsAndHiddenBrowsers()
     sheet = sheetOf<URLRuleEditView>(pane);
     QCOMPARE(sheet->selectedBrowserBundleID(), u"google-chrome"_s);
     sheet->reject();
+
+    // "Ask Every Time" instead of a browser: no profile, no private window.
+    AppRuleListView apps(*m_app->state, services());
+    apps.showAddSheet();
+    auto *appSheet = sheetOf<AppRuleEditView>(apps);
+    child<QComboBox>(appSheet, u"sourcePicker"_s)->setCurrentIndex(1);
+    auto *browsers = child<QComboBox>(appSheet, u"browserPicker"_s);
+    QCOMPARE(browsers->itemText(browsers->count() - 1), u"Ask Every Time"_s);
+    browsers->setCurrentIndex(browsers->count() - 1);
+    QVERIFY(appSheet->asksWhereToOpen());
+    QVERIFY(!child<QCheckBox>(appSheet, u"privateWindowCheck"_s)->isVisibleTo(appSheet));
+    QVERIFY(save(appSheet));
+    const RoutingRule asking = stored().last();
+    QVERIFY(asking.askWhereToOpen);
+    QVERIFY(asking.targetBrowserBundleID.isEmpty());
+    QCOMPARE(asking.targetBrowserName, u"Ask Every Time"_s);
+    apps.showEditSheet(asking);
+    appSheet = sheetOf<AppRuleEditView>(apps);
+    QVERIFY(appSheet->asksWhereToOpen());
+    appSheet->reject();
 }
 
 // Rows show a profile by the name its browser gives it; the file is read once,

@@ -17,6 +17,7 @@
 #include <QGuiApplication>
 #include <QProcess>
 #include <QScreen>
+#include <QStandardPaths>
 #include <QSystemTrayIcon>
 #include <QTest>
 
@@ -152,6 +153,7 @@ private Q_SLOTS:
     void pauseAndResume();
     void settingsWindowTabs();
     void ruleSheets();
+    void askingWhereALinkOpens();
 
 private:
     QStringList quillvaneWindows() const
@@ -368,6 +370,73 @@ void TestTrayHost::ruleSheets()
     QVERIFY(closeWith(*urlSheet, u"Escape"_s));
     QCOMPARE(RuleStore(*stored()).loadRules().size(), 3); // Escape saved nothing
     QVERIFY(closeWith(*window, u"ctrl+w"_s));
+}
+
+// "Ask Every Time": a link that no rule claims brings up the window that asks;
+// a digit opens a row; a ticked box makes the rule that decides the next link.
+void TestTrayHost::askingWhereALinkOpens()
+{
+    if (QStandardPaths::findExecutable(u"gio"_s).isEmpty())
+        QSKIP("gio (libglib2.0-bin) is not installed");
+    writeFile(m_desktop->configHome() + u"/chromium/Local State"_s,
+              R"({"profile":{"info_cache":{"Default":{"name":"Personal"},)"
+              R"("Profile 1":{"name":"Work"}}}})");
+    m_desktop->addBrowser(u"chromium"_s, u"Chromium"_s);
+    // An application that sends links, as a person's mail client does.
+    const QString mail = m_desktop->root() + u"/bin/mail-client"_s;
+    QFile::copy(u"/bin/sh"_s, mail);
+    QFile::setPermissions(mail, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    m_desktop->writeEntry(u"mail-client"_s,
+                          u"[Desktop Entry]\nType=Application\nName=Mail\nExec=%1\n"_s.arg(mail));
+    writeFile(m_desktop->configHome() + u"/mimeapps.list"_s,
+              "[Default Applications]\nx-scheme-handler/https=work.vorpa.Quillvane.desktop\n");
+    const QString quillvane = g_installed.program(u"quillvane"_s);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        InstalledQuillvane::run(quillvane, {u"browsers"_s}).out.contains(u"chromium"_s), 10000);
+    QCOMPARE(InstalledQuillvane::run(quillvane, {u"fallback"_s, u"--ask"_s}).out,
+             u"Fallback set to Ask Every Time.\n"_s);
+    const QStringList picker{u"--name"_s, u"^Open Link — Quillvane$"_s};
+    const auto anyArea = [](const QRect &) { return true; };
+
+    // From no application: the fallback's browser first, then the others and
+    // their profiles; "2" opens the second.
+    m_desktop->forget(u"alpha-browser"_s);
+    QProcess::startDetached(u"gio"_s, {u"open"_s, u"https://ask.example/first"_s});
+    auto window = waitForWindow(picker, anyArea);
+    QVERIFY2(window, "no window asked where the link opens");
+    save(grab(window->geometry), u"picker-unknown-source.png"_s);
+    xdotool({u"windowfocus"_s, u"--sync"_s, window->id});
+    press({u"2"_s});
+    QVERIFY(waitUntilHidden(window->id));
+    QVERIFY(m_desktop->waitForRun(u"alpha-browser"_s));
+    QCOMPARE(m_desktop->arguments(u"alpha-browser"_s),
+             QStringList{u"https://ask.example/first"_s});
+    QTRY_COMPARE(InstalledQuillvane::storedHistory(*m_desktop).value(0).decidedBy, u"asked"_s);
+
+    // From Mail: "Always open links from ask.example here", then Chromium's Work profile.
+    m_desktop->forget(u"chromium"_s);
+    QProcess::startDetached(mail, {u"-c"_s, u"gio open https://ask.example/second"_s});
+    window = waitForWindow(picker, anyArea);
+    QVERIFY2(window, "no window asked where the link opens");
+    save(grab(window->geometry), u"picker-known-source.png"_s);
+    xdotool({u"windowfocus"_s, u"--sync"_s, window->id});
+    press({u"Tab"_s, u"space"_s, u"5"_s});
+    QVERIFY(waitUntilHidden(window->id));
+    QVERIFY(m_desktop->waitForRun(u"chromium"_s));
+    QCOMPARE(m_desktop->arguments(u"chromium"_s),
+             (QStringList{u"--profile-directory=Profile 1"_s, u"https://ask.example/second"_s}));
+    const RoutingRule learnt = RuleStore(*stored()).loadRules().last();
+    QCOMPARE(learnt.urlPattern, u"ask.example"_s);
+    QCOMPARE(learnt.targetBrowserBundleID, u"chromium"_s);
+    QCOMPARE(learnt.targetProfileID, u"Profile 1"_s);
+
+    // The next link from there is the rule's: nothing asks.
+    m_desktop->forget(u"chromium"_s);
+    QProcess::startDetached(u"gio"_s, {u"open"_s, u"https://ask.example/third"_s});
+    QVERIFY(m_desktop->waitForRun(u"chromium"_s));
+    QCOMPARE(m_desktop->arguments(u"chromium"_s).last(), u"https://ask.example/third"_s);
+    QVERIFY(visibleWindows(picker).isEmpty());
+    InstalledQuillvane::run(quillvane, {u"fallback"_s, u"beta-browser"_s});
 }
 
 QTEST_MAIN(TestTrayHost)

@@ -8,6 +8,8 @@
 #include "Views/ViewKit.h"
 
 #include <QApplication>
+
+#include <algorithm>
 #include <QCheckBox>
 #include <QClipboard>
 #include <QCloseEvent>
@@ -50,6 +52,7 @@ LinkPicker::LinkPicker(AppState &state, DesktopEntries &entries, QWidget *parent
     , m_entries(entries)
     , m_host(new QLabel)
     , m_link(new QLabel)
+    , m_sourceIcon(new QLabel)
     , m_source(new QLabel)
     , m_waiting(new QLabel)
     , m_filter(new QLineEdit)
@@ -69,6 +72,7 @@ LinkPicker::LinkPicker(AppState &state, DesktopEntries &entries, QWidget *parent
     m_link->setForegroundRole(QPalette::PlaceholderText);
     m_link->setFixedWidth(LinkWidth);
     m_source->setObjectName(u"pickerSource"_s);
+    m_sourceIcon->setObjectName(u"pickerSourceIcon"_s);
     m_waiting->setObjectName(u"pickerWaiting"_s);
     m_waiting->setFont(ViewKit::scaled(font(), 0.9, QFont::Medium));
     m_filter->setObjectName(u"pickerFilter"_s);
@@ -90,22 +94,27 @@ LinkPicker::LinkPicker(AppState &state, DesktopEntries &entries, QWidget *parent
     layout->addWidget(m_host);
     layout->addWidget(m_link);
     auto *sourceRow = new QHBoxLayout;
+    sourceRow->setSpacing(6);
+    sourceRow->addWidget(m_sourceIcon);
     sourceRow->addWidget(m_source);
     sourceRow->addStretch();
     sourceRow->addWidget(m_waiting);
     layout->addLayout(sourceRow);
     layout->addWidget(m_filter);
-    layout->addWidget(m_rows, 1);
+    layout->addWidget(m_rows);
     layout->addWidget(m_rememberHost);
     layout->addWidget(m_rememberApp);
     layout->addWidget(hint);
-    resize(LinkWidth + 36, 420);
+    layout->addStretch();
+    setMinimumWidth(LinkWidth + 36);
 
     connect(m_filter, &QLineEdit::textChanged, this, &LinkPicker::filterRows);
     connect(m_rows, &QListWidget::itemClicked, this, [this](QListWidgetItem *item) {
         choose(item, QGuiApplication::keyboardModifiers().testFlag(Qt::ShiftModifier));
     });
-    for (QObject *watched : {static_cast<QObject *>(m_rows), static_cast<QObject *>(m_filter)})
+    // The keys work wherever the focus is in the window.
+    for (QWidget *watched : std::initializer_list<QWidget *>{m_rows, m_filter, m_rememberHost,
+                                                             m_rememberApp})
         watched->installEventFilter(this);
     // Made now, so that a link's window appears at once.
     winId();
@@ -133,10 +142,13 @@ void LinkPicker::showCurrent()
     if (request.source) {
         m_source->setText(u"From %1"_s.arg(DisplayText::escapeControls(request.source->name)));
         m_source->setToolTip(request.source->bundleID);
+        m_sourceIcon->setPixmap(
+            BrowserIcons::appIcon(request.source->bundleID, m_entries).pixmap(16, 16));
     } else {
         m_source->setText(u"From an unknown application"_s);
         m_source->setToolTip({});
     }
+    m_sourceIcon->setVisible(request.source.has_value());
     m_waiting->setText(u"%1 links waiting"_s.arg(m_queue.size()));
     m_waiting->setVisible(m_queue.size() > 1);
     m_rememberHost->setText(u"Always open links from %1 here"_s.arg(host));
@@ -188,6 +200,11 @@ void LinkPicker::fillRows()
             add(u"%1 — %2"_s.arg(browser.name, profile.name), profile.id);
     }
     numberRows();
+    // As tall as its rows, up to nine of them (what the digits reach).
+    const int shown = std::clamp(m_rows->count(), 1, 9);
+    m_rows->setFixedHeight(shown * std::max(m_rows->sizeHintForRow(0), 20)
+                           + 2 * m_rows->frameWidth() + 2);
+    adjustSize();
 }
 
 void LinkPicker::filterRows(const QString &text)

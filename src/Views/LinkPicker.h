@@ -72,6 +72,7 @@ private:
     QList<Pending> m_queue;
     QLabel *m_host;
     QLabel *m_link;
+    QLabel *m_sourceIcon;
     QLabel *m_source;
     QLabel *m_waiting;
     QLineEdit *m_filter;
