@@ -1,0 +1,196 @@
+// How soon the window that asks where a link opens is on screen: from the Open
+// call of a link that no rule claims (the fallback is "Ask") to the window
+// being mapped on the X server, on a running Quillvane. Run it by hand under a
+// virtual X server:
+//     xvfb-run -a ./build/rel/bench/picker_latency 30
+// Quillvane is installed from the build tree and started on a session bus of
+// the harness's own; each round presses Escape to close the window, and the
+// next link comes a moment later, as links come from a person's clicks.
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QThread>
+
+#include <xcb/xcb.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+
+void writeFile(const QString &path, const QByteArray &contents)
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    file.open(QIODevice::WriteOnly);
+    file.write(contents);
+}
+
+double median(QList<double> values)
+{
+    std::sort(values.begin(), values.end());
+    return values.isEmpty() ? -1 : values[values.size() / 2];
+}
+
+xcb_atom_t atom(xcb_connection_t *connection, const char *name)
+{
+    xcb_intern_atom_reply_t *reply = xcb_intern_atom_reply(
+        connection, xcb_intern_atom(connection, 0, uint16_t(std::strlen(name)), name), nullptr);
+    const xcb_atom_t found = reply ? reply->atom : xcb_atom_t(XCB_ATOM_NONE);
+    free(reply);
+    return found;
+}
+
+// The window's title as UTF-8 (_NET_WM_NAME).
+QString windowName(xcb_connection_t *connection, xcb_window_t window)
+{
+    static const xcb_atom_t netWmName = atom(connection, "_NET_WM_NAME");
+    xcb_get_property_reply_t *reply = xcb_get_property_reply(
+        connection, xcb_get_property(connection, 0, window, netWmName, XCB_ATOM_ANY, 0, 256),
+        nullptr);
+    QString name;
+    if (reply)
+        name = QString::fromUtf8(static_cast<const char *>(xcb_get_property_value(reply)),
+                                 xcb_get_property_value_length(reply));
+    free(reply);
+    return name;
+}
+
+// Waits for the next map (or unmap) of a top-level window with that name;
+// returns the window, 0 when none came.
+xcb_window_t waitFor(xcb_connection_t *connection, uint8_t kind, const QString &name,
+                     int timeoutMs)
+{
+    QElapsedTimer clock;
+    clock.start();
+    while (clock.elapsed() < timeoutMs) {
+        xcb_generic_event_t *event = xcb_poll_for_event(connection);
+        if (!event) {
+            QThread::usleep(100);
+            continue;
+        }
+        const uint8_t type = event->response_type & 0x7f;
+        xcb_window_t window = 0;
+        if (type == XCB_MAP_NOTIFY)
+            window = reinterpret_cast<xcb_map_notify_event_t *>(event)->window;
+        else if (type == XCB_UNMAP_NOTIFY)
+            window = reinterpret_cast<xcb_unmap_notify_event_t *>(event)->window;
+        free(event);
+        if (type == kind && windowName(connection, window) == name)
+            return window;
+    }
+    return 0;
+}
+
+// What a window manager sends when the user closes a window.
+void closeWindow(xcb_connection_t *connection, xcb_window_t window)
+{
+    xcb_client_message_event_t message = {};
+    message.response_type = XCB_CLIENT_MESSAGE;
+    message.format = 32;
+    message.window = window;
+    message.type = atom(connection, "WM_PROTOCOLS");
+    message.data.data32[0] = atom(connection, "WM_DELETE_WINDOW");
+    message.data.data32[1] = XCB_CURRENT_TIME;
+    xcb_send_event(connection, 0, window, XCB_EVENT_MASK_NO_EVENT,
+                   reinterpret_cast<const char *>(&message));
+    xcb_flush(connection);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    const int rounds = argc > 1 ? std::max(5, atoi(argv[1])) : 30;
+    xcb_connection_t *connection = xcb_connect(nullptr, nullptr);
+    if (xcb_connection_has_error(connection)) {
+        std::fprintf(stderr, "needs an X server: run it under xvfb-run -a\n");
+        return 1;
+    }
+    const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(connection)).data->root;
+    const uint32_t mask = XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY;
+    xcb_change_window_attributes(connection, root, XCB_CW_EVENT_MASK, &mask);
+    xcb_flush(connection);
+
+    QTemporaryDir root_;
+    const QString base = root_.path();
+    const QString prefix = base + u"/prefix"_s;
+    QProcess::execute(u"cmake"_s,
+                      {u"--install"_s, QStringLiteral(QUILLVANE_BUILD_DIR), u"--prefix"_s, prefix});
+    writeFile(base + u"/data/applications/fake-browser.desktop"_s,
+              "[Desktop Entry]\nType=Application\nName=Fake\nExec=true %u\n"
+              "MimeType=x-scheme-handler/https;\n");
+    writeFile(base + u"/config/Quillvane/Quillvane.conf"_s,
+              "[General]\ndefault_browser_bundle_id=fake-browser\nfallback_asks=true\n");
+    QDir().mkpath(base + u"/run"_s);
+    QFile::setPermissions(base + u"/run"_s, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    qputenv("XDG_DATA_HOME", QFile::encodeName(base + u"/data"_s));
+    qputenv("XDG_DATA_DIRS", QFile::encodeName(prefix + u"/share"_s));
+    qputenv("XDG_CONFIG_HOME", QFile::encodeName(base + u"/config"_s));
+    qputenv("XDG_RUNTIME_DIR", QFile::encodeName(base + u"/run"_s));
+    qputenv("XDG_STATE_HOME", QFile::encodeName(base + u"/state"_s));
+    qputenv("QT_QPA_PLATFORM", "xcb");
+
+    writeFile(base + u"/bus.conf"_s,
+              "<busconfig><type>session</type><keep_umask/><listen>unix:tmpdir=/tmp</listen>"
+              "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
+              "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n");
+    QProcess bus;
+    bus.start(u"dbus-daemon"_s, {u"--config-file="_s + base + u"/bus.conf"_s,
+                                 u"--print-address=1"_s, u"--nofork"_s});
+    bus.waitForReadyRead(5000);
+    qputenv("DBUS_SESSION_BUS_ADDRESS", bus.readLine().trimmed());
+
+    QProcess instance;
+    instance.setStandardOutputFile(QProcess::nullDevice());
+    instance.setStandardErrorFile(QProcess::nullDevice());
+    instance.start(prefix + u"/bin/quillvane"_s);
+    while (
+        !QDBusConnection::sessionBus().interface()->isServiceRegistered(u"work.vorpa.Quillvane"_s))
+        QThread::usleep(200);
+
+    const QString title = u"Open Link — Quillvane"_s;
+    QList<double> shown;
+    for (int i = 0; i < rounds; ++i) {
+        QThread::msleep(200);
+        QElapsedTimer clock;
+        clock.start();
+        QDBusMessage open = QDBusMessage::createMethodCall(
+            u"work.vorpa.Quillvane"_s, u"/work/vorpa/Quillvane"_s,
+            u"org.freedesktop.Application"_s, u"Open"_s);
+        open << QStringList{u"https://ask.example/%1"_s.arg(i)} << QVariantMap();
+        QDBusConnection::sessionBus().asyncCall(open);
+        const xcb_window_t window = waitFor(connection, XCB_MAP_NOTIFY, title, 10000);
+        if (!window) {
+            std::fprintf(stderr, "round %d: the window did not appear\n", i);
+            return 1;
+        }
+        shown.append(double(clock.nsecsElapsed()) / 1e6);
+        closeWindow(connection, window);
+        if (!waitFor(connection, XCB_UNMAP_NOTIFY, title, 10000)) {
+            std::fprintf(stderr, "round %d: the window did not close\n", i);
+            return 1;
+        }
+    }
+    std::sort(shown.begin(), shown.end());
+    std::printf("rounds: %d; from the Open call to the window mapped, in milliseconds\n", rounds);
+    std::printf("median %.1f, fastest %.1f, slowest %.1f\n", median(shown), shown.first(),
+                shown.last());
+    instance.terminate();
+    instance.waitForFinished(5000);
+    bus.terminate();
+    bus.waitForFinished(5000);
+    xcb_disconnect(connection);
+    return 0;
+}
