@@ -9,6 +9,7 @@
 #include "Models/JsonFields.h"
 #include "Storage/HistoryStore.h"
 #include "Storage/RuleStore.h"
+#include "Storage/SettingsKeys.h"
 #include "Storage/UserSettings.h"
 #include "TestSupport.h"
 
@@ -449,6 +450,31 @@ void TestAutomationBus::fallbackAndFeatures()
     QCOMPARE(result.out, u"Default browser set to Alpha.\n"_s);
     auto settings = storedSettings();
     QCOMPARE(RuleStore(*settings).loadDefaultBrowserBundleID(), u"alpha-browser"_s);
+
+    // "Ask" as the fallback keeps the browser; naming a browser ends it.
+    result = quillvane({u"fallback"_s, u"--ask"_s});
+    QCOMPARE(result.out, u"Fallback set to Ask Every Time.\n"_s);
+    QVERIFY(SettingsKeys::read(*storedSettings(), SettingsKeys::FallbackAsks));
+    QCOMPARE(RuleStore(*storedSettings()).loadDefaultBrowserBundleID(), u"alpha-browser"_s);
+    // A script is never asked: the fallback browser opens its links.
+    result = quillvane({u"route"_s, u"https://nowhere.example/"_s});
+    QCOMPARE(result.out, u"Routed to Alpha.\n"_s);
+    result = quillvane({u"fallback"_s, u"alpha-browser"_s, u"--ask"_s});
+    QCOMPARE(result.exitCode, 2);
+    // A rule can ask too, and names no browser then.
+    result = quillvane({u"rule"_s, u"add"_s, u"--ask"_s, u"--pattern"_s, u"ask.example"_s});
+    QCOMPARE(result.out, u"Created rule: ask.example → Ask Every Time\n"_s);
+    const RoutingRule asking = storedRules().last();
+    QVERIFY(asking.askWhereToOpen);
+    QVERIFY(asking.targetBrowserBundleID.isEmpty());
+    result = quillvane({u"rule"_s, u"add"_s, u"--ask"_s, u"--browser"_s, u"alpha-browser"_s,
+                        u"--pattern"_s, u"x.example"_s});
+    QCOMPARE(result.exitCode, 2);
+    QCOMPARE(quillvane({u"rule"_s, u"delete"_s, JsonFields::uuidText(asking.id), u"--yes"_s})
+                 .exitCode,
+             0);
+    result = quillvane({u"fallback"_s, u"alpha-browser"_s});
+    QVERIFY(!SettingsKeys::read(*storedSettings(), SettingsKeys::FallbackAsks));
 
     // Pausing twice: one change, the same answer.
     for (int i = 0; i < 2; ++i) {
