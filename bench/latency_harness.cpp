@@ -4,6 +4,8 @@
 // how long a burst of 1,000 links takes to reach the browser.
 // Runs against Quillvane installed from the build tree, on a session bus of its
 // own. Usage: latency_harness [rounds]
+#include "HarnessSupport.h"
+
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
@@ -23,6 +25,7 @@
 #include <functional>
 
 using namespace Qt::Literals::StringLiterals;
+using namespace HarnessSupport;
 
 namespace {
 
@@ -34,14 +37,6 @@ qint64 nowNs()
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return qint64(now.tv_sec) * 1000000000LL + now.tv_nsec;
-}
-
-void writeFile(const QString &path, const QByteArray &contents)
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    file.open(QIODevice::WriteOnly);
-    file.write(contents);
 }
 
 // Starts command and returns the milliseconds until the fake browser's main().
@@ -64,12 +59,6 @@ double clickToBrowser(const QString &program, const QStringList &arguments)
     // browser started) before the next click: clicks come seconds apart.
     QThread::msleep(30);
     return stamp < 0 ? -1 : double(stamp - start) / 1e6;
-}
-
-double median(QList<double> values)
-{
-    std::sort(values.begin(), values.end());
-    return values.isEmpty() ? -1 : values[values.size() / 2];
 }
 
 void setDefault(const QString &desktopId)
@@ -105,9 +94,7 @@ int main(int argc, char **argv)
     root.setAutoRemove(!qEnvironmentVariableIsSet("QUILLVANE_KEEP_TEST_FILES"));
     g_root = root.path();
     g_stamp = g_root + u"/stamp"_s;
-    const QString prefix = g_root + u"/prefix"_s;
-    QProcess::execute(u"cmake"_s,
-                      {u"--install"_s, QStringLiteral(QUILLVANE_BUILD_DIR), u"--prefix"_s, prefix});
+    const QString prefix = installInto(g_root);
 
     const QString browser = QStringLiteral(FAKE_BROWSER);
     // The application the user clicks in: a copy of the shell with a desktop
@@ -125,29 +112,11 @@ int main(int argc, char **argv)
     QProcess::execute(u"update-desktop-database"_s, {u"-q"_s, g_root + u"/data/applications"_s});
     writeFile(g_root + u"/config/Quillvane/Quillvane.conf"_s,
               "[General]\ndefault_browser_bundle_id=fake-browser\n");
-    QDir().mkpath(g_root + u"/run"_s);
-    QFile::setPermissions(g_root + u"/run"_s,
-                          QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    qputenv("XDG_DATA_HOME", QFile::encodeName(g_root + u"/data"_s));
-    qputenv("XDG_DATA_DIRS", QFile::encodeName(prefix + u"/share"_s));
-    qputenv("XDG_CONFIG_HOME", QFile::encodeName(g_root + u"/config"_s));
-    qputenv("XDG_RUNTIME_DIR", QFile::encodeName(g_root + u"/run"_s));
-    qputenv("XDG_STATE_HOME", QFile::encodeName(g_root + u"/state"_s));
     qputenv("FAKE_BROWSER_STAMP", QFile::encodeName(g_stamp));
     qputenv("QT_QPA_PLATFORM", "offscreen");
 
-    writeFile(
-        g_root + u"/bus.conf"_s,
-        "<busconfig><type>session</type><keep_umask/><listen>unix:tmpdir=/tmp</listen><servicedir>"
-            + QFile::encodeName(prefix)
-            + "/share/dbus-1/services</servicedir><policy context=\"default\">"
-              "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>"
-              "<allow own=\"*\"/></policy></busconfig>\n");
     QProcess bus;
-    bus.start(u"dbus-daemon"_s, {u"--config-file="_s + g_root + u"/bus.conf"_s,
-                                 u"--print-address=1"_s, u"--nofork"_s});
-    bus.waitForReadyRead(5000);
-    qputenv("DBUS_SESSION_BUS_ADDRESS", bus.readLine().trimmed());
+    startSessionBus(bus, g_root, prefix);
 
     const QString open = prefix + u"/bin/quillvane-open"_s;
     const QString url = u"https://example.com/article?id=1"_s;
@@ -161,9 +130,7 @@ int main(int argc, char **argv)
     instance.setStandardOutputFile(QProcess::nullDevice());
     instance.setStandardErrorFile(QProcess::nullDevice());
     instance.start(prefix + u"/bin/quillvane"_s);
-    while (
-        !QDBusConnection::sessionBus().interface()->isServiceRegistered(u"work.vorpa.Quillvane"_s))
-        QThread::usleep(200);
+    waitForInstance();
     const double nameOwned = double(nowNs() - startedAt) / 1e6;
 
     // Each command runs as a child of the clicking application.
@@ -193,9 +160,7 @@ int main(int argc, char **argv)
     stopInstance();
     instance.waitForFinished(5000);
     instance.start(prefix + u"/bin/quillvane"_s);
-    while (
-        !QDBusConnection::sessionBus().interface()->isServiceRegistered(u"work.vorpa.Quillvane"_s))
-        QThread::usleep(200);
+    waitForInstance();
     const auto linesIn = [](const QString &path) {
         QFile file(path);
         return file.open(QIODevice::ReadOnly) ? file.readAll().count('\n') : 0;

@@ -6,6 +6,8 @@
 // Quillvane is installed from the build tree and started on a session bus of
 // the harness's own; each round presses Escape to close the window, and the
 // next link comes a moment later, as links come from a person's clicks.
+#include "HarnessSupport.h"
+
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
@@ -25,22 +27,9 @@
 #include <cstring>
 
 using namespace Qt::Literals::StringLiterals;
+using namespace HarnessSupport;
 
 namespace {
-
-void writeFile(const QString &path, const QByteArray &contents)
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    file.open(QIODevice::WriteOnly);
-    file.write(contents);
-}
-
-double median(QList<double> values)
-{
-    std::sort(values.begin(), values.end());
-    return values.isEmpty() ? -1 : values[values.size() / 2];
-}
 
 xcb_atom_t atom(xcb_connection_t *connection, const char *name)
 {
@@ -125,40 +114,22 @@ int main(int argc, char **argv)
 
     QTemporaryDir root_;
     const QString base = root_.path();
-    const QString prefix = base + u"/prefix"_s;
-    QProcess::execute(u"cmake"_s,
-                      {u"--install"_s, QStringLiteral(QUILLVANE_BUILD_DIR), u"--prefix"_s, prefix});
+    const QString prefix = installInto(base);
     writeFile(base + u"/data/applications/fake-browser.desktop"_s,
               "[Desktop Entry]\nType=Application\nName=Fake\nExec=true %u\n"
               "MimeType=x-scheme-handler/https;\n");
     writeFile(base + u"/config/Quillvane/Quillvane.conf"_s,
               "[General]\ndefault_browser_bundle_id=fake-browser\nfallback_asks=true\n");
-    QDir().mkpath(base + u"/run"_s);
-    QFile::setPermissions(base + u"/run"_s, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    qputenv("XDG_DATA_HOME", QFile::encodeName(base + u"/data"_s));
-    qputenv("XDG_DATA_DIRS", QFile::encodeName(prefix + u"/share"_s));
-    qputenv("XDG_CONFIG_HOME", QFile::encodeName(base + u"/config"_s));
-    qputenv("XDG_RUNTIME_DIR", QFile::encodeName(base + u"/run"_s));
-    qputenv("XDG_STATE_HOME", QFile::encodeName(base + u"/state"_s));
     qputenv("QT_QPA_PLATFORM", "xcb");
 
-    writeFile(base + u"/bus.conf"_s,
-              "<busconfig><type>session</type><keep_umask/><listen>unix:tmpdir=/tmp</listen>"
-              "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
-              "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n");
     QProcess bus;
-    bus.start(u"dbus-daemon"_s, {u"--config-file="_s + base + u"/bus.conf"_s,
-                                 u"--print-address=1"_s, u"--nofork"_s});
-    bus.waitForReadyRead(5000);
-    qputenv("DBUS_SESSION_BUS_ADDRESS", bus.readLine().trimmed());
+    startSessionBus(bus, base, prefix);
 
     QProcess instance;
     instance.setStandardOutputFile(QProcess::nullDevice());
     instance.setStandardErrorFile(QProcess::nullDevice());
     instance.start(prefix + u"/bin/quillvane"_s);
-    while (
-        !QDBusConnection::sessionBus().interface()->isServiceRegistered(u"work.vorpa.Quillvane"_s))
-        QThread::usleep(200);
+    waitForInstance();
 
     const QString title = u"Open Link — Quillvane"_s;
     QList<double> shown;

@@ -64,13 +64,14 @@ Expected<AppState *, IntentError> sharedState()
     return state;
 }
 
-Expected<QList<BrowserEntity>, IntentError> allBrowsers()
+Expected<QList<BrowserEntity>, IntentError> allBrowsers(bool shownOnly)
 {
     const auto state = sharedState();
     if (!state)
         return state.error();
     QList<BrowserEntity> result;
-    for (const BrowserInfo &browser : (*state)->browsers())
+    for (const BrowserInfo &browser :
+         shownOnly ? (*state)->shownBrowsers() : (*state)->browsers())
         result.append(BrowserEntity::from(browser));
     return result;
 }

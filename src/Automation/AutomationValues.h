@@ -80,7 +80,8 @@ struct IntentError
 // or appNotReady. Main thread only.
 Expected<AppState *, IntentError> sharedState();
 
-Expected<QList<BrowserEntity>, IntentError> allBrowsers();
+// Every installed browser; with shownOnly, those the user did not hide.
+Expected<QList<BrowserEntity>, IntentError> allBrowsers(bool shownOnly = false);
 // What a caller is told when an id names no installed browser (Quillvane
 // itself is none: it never hands a link to itself).
 QString unknownBrowser(const QString &id);

@@ -145,13 +145,7 @@ Answer toggleFeature(Feature feature, bool enabled)
 Expected<QList<BrowserEntity>, IntentError> listBrowsers()
 {
     // A browser the user hid is left out of lists; its id still resolves.
-    const auto state = sharedState();
-    if (!state)
-        return state.error();
-    QList<BrowserEntity> shown;
-    for (const BrowserInfo &browser : (*state)->shownBrowsers())
-        shown.append(BrowserEntity::from(browser));
-    return shown;
+    return allBrowsers(true);
 }
 
 } // namespace Automation
