@@ -210,7 +210,9 @@ void RouteTask::answered(const AskAnswer &answer)
             return;
         }
         debugLog(u"routeURL() — no window can ask: the fallback browser opens it"_s);
-        m_plan.decision = RoutePlan::Decision::Fallback;
+        // The fallback browser decided (the pause, when rules are paused).
+        if (m_plan.decision != RoutePlan::Decision::Paused)
+            m_plan.decision = RoutePlan::Decision::Fallback;
         m_plan.result = RouteResult{fallback, std::nullopt};
         break;
     }

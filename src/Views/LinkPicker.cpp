@@ -109,6 +109,15 @@ LinkPicker::LinkPicker(AppState &state, DesktopEntries &entries, QWidget *parent
     setMinimumWidth(LinkWidth + 36);
 
     connect(m_filter, &QLineEdit::textChanged, this, &LinkPicker::filterRows);
+    // A browser installed or a profile renamed while the window asks.
+    for (const auto changed : {&AppState::browsersChanged, &AppState::profilesChanged}) {
+        connect(&m_state, changed, this, [this] {
+            if (!m_queue.isEmpty()) {
+                fillRows();
+                filterRows(m_filter->text());
+            }
+        });
+    }
     connect(m_rows, &QListWidget::itemClicked, this, [this](QListWidgetItem *item) {
         choose(item, QGuiApplication::keyboardModifiers().testFlag(Qt::ShiftModifier));
     });
