@@ -42,6 +42,26 @@ ensure_packages() {
     "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" </dev/null
 }
 
+# One clang build serves the sanitized test suite and the fuzzers (AddressSanitizer,
+# UndefinedBehaviorSanitizer, and libFuzzer's coverage in every target), so that the
+# library is compiled once for both. -O1 keeps the fuzzers' pace and the stack traces honest.
+#   configure_sanitized [ON|OFF]     (warnings as errors; left as configured when not given)
+SANITIZED_BUILD=build/sanitize
+configure_sanitized() {
+    # An older tree of that name was configured with GCC; CMake cannot change a cache's compiler.
+    if [ -f "$SANITIZED_BUILD/CMakeCache.txt" ] \
+        && ! grep -q '^CMAKE_CXX_COMPILER:[A-Z]*=.*clang++' "$SANITIZED_BUILD/CMakeCache.txt"; then
+        rm -rf "$SANITIZED_BUILD"
+    fi
+    cmake -S . -B "$SANITIZED_BUILD" -G Ninja \
+        -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+        -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_FLAGS_DEBUG="-g -O1" -DCMAKE_CXX_FLAGS_DEBUG="-g -O1" \
+        -DQUILLVANE_FUZZ=ON \
+        -DQUILLVANE_BUILD_TESTS=ON \
+        -DQUILLVANE_BUILD_BENCHMARKS=OFF \
+        ${1:+-DQUILLVANE_WERROR="$1"} >/dev/null
+}
+
 build_jobs() {
     nproc 2>/dev/null || echo 2
 }

@@ -176,7 +176,7 @@ void TestRulePanes::listsFollowTheRules()
     URLRuleListView urls(*m_app->state, services());
     auto *appCount = child<QLabel>(&apps, u"appRulesCount"_s);
     auto *urlCount = child<QLabel>(&urls, u"urlRulesCount"_s);
-    const auto pageOf = [this](RuleListView &pane) {
+    const auto pageOf = [](RuleListView &pane) {
         return pane.findChild<QStackedWidget *>()->currentIndex();
     };
     QCOMPARE(appCount->text(), u"0 rules"_s);
