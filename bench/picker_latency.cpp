@@ -7,6 +7,7 @@
 // the harness's own; each round presses Escape to close the window, and the
 // next link comes a moment later, as links come from a person's clicks.
 #include "HarnessSupport.h"
+#include "Platform/X11Atoms.h"
 
 #include <QCoreApplication>
 #include <QDBusConnection>
@@ -24,26 +25,16 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 using namespace Qt::Literals::StringLiterals;
 using namespace HarnessSupport;
 
 namespace {
 
-xcb_atom_t atom(xcb_connection_t *connection, const char *name)
-{
-    xcb_intern_atom_reply_t *reply = xcb_intern_atom_reply(
-        connection, xcb_intern_atom(connection, 0, uint16_t(std::strlen(name)), name), nullptr);
-    const xcb_atom_t found = reply ? reply->atom : xcb_atom_t(XCB_ATOM_NONE);
-    free(reply);
-    return found;
-}
-
 // The window's title as UTF-8 (_NET_WM_NAME).
 QString windowName(xcb_connection_t *connection, xcb_window_t window)
 {
-    static const xcb_atom_t netWmName = atom(connection, "_NET_WM_NAME");
+    static const xcb_atom_t netWmName = internAtom(connection, "_NET_WM_NAME");
     xcb_get_property_reply_t *reply = xcb_get_property_reply(
         connection, xcb_get_property(connection, 0, window, netWmName, XCB_ATOM_ANY, 0, 256),
         nullptr);
@@ -88,8 +79,8 @@ void closeWindow(xcb_connection_t *connection, xcb_window_t window)
     message.response_type = XCB_CLIENT_MESSAGE;
     message.format = 32;
     message.window = window;
-    message.type = atom(connection, "WM_PROTOCOLS");
-    message.data.data32[0] = atom(connection, "WM_DELETE_WINDOW");
+    message.type = internAtom(connection, "WM_PROTOCOLS");
+    message.data.data32[0] = internAtom(connection, "WM_DELETE_WINDOW");
     message.data.data32[1] = XCB_CURRENT_TIME;
     xcb_send_event(connection, 0, window, XCB_EVENT_MASK_NO_EVENT,
                    reinterpret_cast<const char *>(&message));

@@ -1,14 +1,13 @@
 // The X11 side of source resolution against a real (virtual) X server: the
 // test plays the window manager, announcing the active window and its process.
 #include "Platform/ActiveApplication.h"
+#include "Platform/X11Atoms.h"
 
 #include <QSignalSpy>
 #include <QTest>
 
 #include <xcb/xcb.h>
 
-#include <cstdlib>
-#include <cstring>
 
 class TestActiveWindow final : public QObject
 {
@@ -45,11 +44,7 @@ void TestActiveWindow::cleanupTestCase()
 
 xcb_atom_t TestActiveWindow::atom(const char *name)
 {
-    auto *reply = xcb_intern_atom_reply(
-        m_connection, xcb_intern_atom(m_connection, 0, uint16_t(std::strlen(name)), name), nullptr);
-    const xcb_atom_t result = reply->atom;
-    std::free(reply);
-    return result;
+    return internAtom(m_connection, name);
 }
 
 xcb_window_t TestActiveWindow::window(quint32 pid, bool hidden)

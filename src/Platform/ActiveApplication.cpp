@@ -1,11 +1,12 @@
 #include "Platform/ActiveApplication.h"
 
+#include "Platform/X11Atoms.h"
+
 #include <QSocketNotifier>
 
 #include <xcb/xcb.h>
 
 #include <cstdlib>
-#include <cstring>
 
 namespace {
 
@@ -66,15 +67,7 @@ public:
     }
 
 private:
-    xcb_atom_t atom(const char *name)
-    {
-        xcb_intern_atom_reply_t *reply = xcb_intern_atom_reply(
-            m_connection, xcb_intern_atom(m_connection, 0, uint16_t(std::strlen(name)), name),
-            nullptr);
-        const xcb_atom_t result = reply ? reply->atom : xcb_atom_t(XCB_ATOM_NONE);
-        std::free(reply);
-        return result;
-    }
+    xcb_atom_t atom(const char *name) { return internAtom(m_connection, name); }
 
     QList<quint32> windowProperty(xcb_window_t window, xcb_atom_t property)
     {
