@@ -186,16 +186,20 @@ void TestURLExpander::hostileServers_data()
 {
     QTest::addColumn<QString>("path");
     QTest::addColumn<bool>("https");
-    QTest::newRow("never answers") << u"/hang"_s << false;
-    QTest::newRow("trickles bytes") << u"/drip"_s << false;
-    QTest::newRow("10 MB header") << u"/huge"_s << false;
-    QTest::newRow("TLS to a plain server") << u"/tls"_s << true;
+    // Whether the walk can only end at its deadline: a fast machine reads the
+    // whole 10 MB header before then, a slow one does not.
+    QTest::addColumn<bool>("timesOut");
+    QTest::newRow("never answers") << u"/hang"_s << false << true;
+    QTest::newRow("trickles bytes") << u"/drip"_s << false << true;
+    QTest::newRow("10 MB header") << u"/huge"_s << false << false;
+    QTest::newRow("TLS to a plain server") << u"/tls"_s << true << true;
 }
 
 void TestURLExpander::hostileServers()
 {
     QFETCH(QString, path);
     QFETCH(bool, https);
+    QFETCH(bool, timesOut);
     serveHostilePaths();
     QString start = m_server->baseUrl() + path;
     if (https)
@@ -206,15 +210,16 @@ void TestURLExpander::hostileServers()
     ticker.start(50);
     QElapsedTimer clock;
     clock.start();
-    // Each ends by its deadline, and says so.
-    QTest::ignoreMessage(QtCriticalMsg, "Expansion failed at step 0: The request timed out.");
+    // Each ends by its deadline, and says so when it is what ended it.
+    if (timesOut)
+        QTest::ignoreMessage(QtCriticalMsg, "Expansion failed at step 0: The request timed out.");
     QFuture<Link> future = URLExpander::expand(link(start), testNetwork());
     QVERIFY(QTest::qWaitFor([&] { return future.isFinished(); },
                             URLExpander::MaxRequests * URLExpander::RequestTimeoutMs));
     QCOMPARE(future.result().toString(), start);
     qInfo("%s: ended after %lld ms", QTest::currentDataTag(),
           static_cast<long long>(clock.elapsed()));
-    QVERIFY(clock.elapsed() >= URLExpander::RequestTimeoutMs - 100);
+    QVERIFY(!timesOut || clock.elapsed() >= URLExpander::RequestTimeoutMs - 100);
     QVERIFY2(clock.elapsed() <= URLExpander::RequestTimeoutMs + 1500,
              qPrintable(QString::number(clock.elapsed())));
     QVERIFY(ticks >= clock.elapsed() / 50 / 2);
