@@ -1,5 +1,6 @@
 #include "App/CommandLine.h"
 #include "App/QuillvaneApp.h"
+#include "Platform/DesktopEntries.h"
 #include "Platform/SystemLog.h"
 
 #include <QCoreApplication>
@@ -11,6 +12,7 @@
 int main(int argc, char *argv[])
 {
     SystemLog::install();
+    GioDesktopEntries::includeSandboxExports();
     QByteArrayList arguments;
     for (int i = 1; i < argc; ++i)
         arguments.append(QByteArray(argv[i]));

@@ -1,5 +1,6 @@
 #include "Platform/DesktopEntries.h"
 #include "Platform/ProcessApps.h"
+#include "Services/OpenRequestSources.h"
 #include "Services/SourceAppResolver.h"
 #include "TestSupport.h"
 
@@ -20,6 +21,11 @@ public:
     {
         looked.append(pid);
         return lookups.value(pid, Lookup{});
+    }
+    Lookup application(const QString &id) override
+    {
+        return installed.contains(id) ? Lookup{Lookup::Kind::Application, id, id.toUpper()}
+                                      : Lookup{Lookup::Kind::NoApplication, {}, {}};
     }
     std::optional<qint64> parentPid(qint64 pid) override
     {
@@ -43,6 +49,7 @@ public:
     QHash<qint64, Lookup> lookups;
     QHash<qint64, qint64> parents;
     QSet<qint64> boundaries;
+    QSet<QString> installed;
     int parentQueries = 0;
     QList<qint64> looked;
 };
@@ -56,6 +63,21 @@ public:
 
     std::optional<qint64> active;
     QList<qint64> visible;
+};
+
+// Open requests as the test says the bus carried them.
+class FakeOpenRequests final : public OpenRequestMonitor
+{
+public:
+    QList<OpenRequest> takeRequests() override { return std::exchange(requests, {}); }
+    std::optional<qint64> ownerPid(const QString &busName) override
+    {
+        return owners.contains(busName) ? std::optional<qint64>(owners.value(busName))
+                                        : std::nullopt;
+    }
+
+    QList<OpenRequest> requests;
+    QHash<QString, qint64> owners;
 };
 
 QByteArray stat(qint64 pid, qint64 parent, quint64 start = 1234)
@@ -80,6 +102,7 @@ private Q_SLOTS:
     void theWalkStopsAtTheSessionAndIsRemembered();
     void selfIsNeverTheSource();
     void tracking();
+    void linksHandedOnByBrokers();
     void procParsing_data();
     void procParsing();
     void linuxLookupFromProc();
@@ -222,29 +245,91 @@ void TestResolver::tracking()
     QCOMPARE(resolver.lastActiveApp()->bundleID, u"org.example.Chat"_s);
 }
 
+void TestResolver::linksHandedOnByBrokers()
+{
+    SourceAppResolver resolver(m_apps, m_active, [this] { return m_now; });
+    FakeOpenRequests bus;
+    OpenRequestSources sources(bus, m_apps, resolver, [this] { return m_now; });
+    const QString portal = u"org.freedesktop.portal.Desktop"_s;
+    const QString snapd = u"io.snapcraft.Launcher"_s;
+    bus.owners = {{portal, 50}, {snapd, 60}};
+    m_apps.helper(50, 1);
+    m_apps.helper(60, 1);
+    // snapd's xdg-open, and what it runs.
+    m_apps.helper(61, 60);
+    m_apps.helper(62, 61);
+    m_apps.app(70, u"org.example.Unsandboxed"_s);
+    m_apps.installed = {u"com.example.Chat"_s, u"tunes_tunes"_s};
+    const auto request = [this](const QString &link, qint64 pid, std::optional<QString> app,
+                                const QString &broker) {
+        return OpenRequest{link, pid, std::move(app), broker, m_now};
+    };
+    const auto source = [&](const QString &link, qint64 sender) {
+        return sources.sourceOf({link}, sender).value_or(SourceApp{}).bundleID;
+    };
+
+    // The sandbox read when the request was seen names the app, though the
+    // process is gone; the same request answers once.
+    bus.requests = {request(u"https://a.example/x"_s, 90, u"com.example.Chat"_s, portal)};
+    QCOMPARE(source(u"https://a.example/x"_s, 50), u"com.example.Chat"_s);
+    QCOMPARE(source(u"https://a.example/x"_s, 50), QString());
+
+    // Only the broker the request went to, or what runs under it, hands it on;
+    // another link, or another sender, leaves the request waiting.
+    bus.requests = {request(u"https://b.example/"_s, 91, u"tunes_tunes"_s, snapd)};
+    QCOMPARE(source(u"https://b.example/"_s, 50), QString());
+    QCOMPARE(source(u"https://other.example/"_s, 62), QString());
+    QCOMPARE(source(u"https://b.example/"_s, 62), u"tunes_tunes"_s);
+
+    // Newest first; re-encoded by the broker still the same link; a sender
+    // outside a sandbox is looked up as a process; one of no installed
+    // application credits nobody.
+    bus.requests = {request(u"https://c.example/a b"_s, 92, u"com.example.Chat"_s, portal),
+                    request(u"https://c.example/a b"_s, 70, std::nullopt, portal),
+                    request(u"https://d.example/"_s, 93, u"org.example.Removed"_s, portal)};
+    QCOMPARE(source(u"https://c.example/a%20b"_s, 50), u"org.example.Unsandboxed"_s);
+    QCOMPARE(source(u"https://c.example/a b"_s, 50), u"com.example.Chat"_s);
+    QCOMPARE(source(u"https://d.example/"_s, 50), QString());
+
+    // A request waits only so long for its link, and none waits for a broker that has gone.
+    bus.requests = {request(u"https://e.example/"_s, 94, u"com.example.Chat"_s, portal),
+                    request(u"https://f.example/"_s, 94, u"com.example.Chat"_s, snapd)};
+    QCOMPARE(sources.sourceOf({}, 50), std::nullopt);
+    m_now += OpenRequestSources::RememberMs + 1;
+    QCOMPARE(source(u"https://e.example/"_s, 50), QString());
+    bus.requests = {request(u"https://f.example/"_s, 94, u"com.example.Chat"_s, snapd)};
+    bus.owners.remove(snapd);
+    QCOMPARE(source(u"https://f.example/"_s, 62), QString());
+}
+
 void TestResolver::procParsing_data()
 {
     QTest::addColumn<QByteArray>("cgroup");
     QTest::addColumn<QStringList>("unitIds");
     QTest::addColumn<QString>("snap");
+    // The AppArmor label that goes with it (a snap's names it too).
+    QTest::addColumn<QByteArray>("label");
     QTest::newRow("GNOME") << QByteArray("0::/user.slice/user-1000.slice/user@1000.service/"
                                          "app.slice/app-gnome-org.gnome.Evolution-4242.scope\n")
                            << QStringList{u"org.gnome.Evolution"_s, u"gnome-org.gnome.Evolution"_s}
-                           << QString();
+                           << QString() << QByteArray("unconfined\n");
     QTest::newRow("KDE, escaped dash")
         << QByteArray("0::/user.slice/app.slice/app-org.kde.dolphin\\x2dbeta-5c9e1a2b.scope\n")
-        << QStringList{u"org.kde.dolphin-beta"_s} << QString();
+        << QStringList{u"org.kde.dolphin-beta"_s} << QString() << QByteArray();
     QTest::newRow("service with instance")
         << QByteArray("0::/app.slice/app-gnome-firefox\\x2desr@autostart.service\n")
-        << QStringList{u"firefox-esr"_s, u"gnome-firefox-esr"_s} << QString();
+        << QStringList{u"firefox-esr"_s, u"gnome-firefox-esr"_s} << QString()
+        << QByteArray("snap.tunes.hook.configure (enforce)");
     QTest::newRow("snap") << QByteArray("0::/user.slice/snap.firefox.firefox-7a2d.scope\n")
-                          << QStringList() << u"firefox_firefox"_s;
+                          << QStringList() << u"firefox_firefox"_s
+                          << QByteArray("snap.firefox.firefox (enforce)\n");
     QTest::newRow("terminal session")
         << QByteArray("0::/user.slice/user-1000.slice/session-3.scope\n") << QStringList()
-        << QString();
-    QTest::newRow("garbage") << QByteArray("\xff\x00::app-") << QStringList() << QString();
+        << QString() << QByteArray("/usr/bin/man (enforce)");
+    QTest::newRow("garbage") << QByteArray("\xff\x00::app-") << QStringList() << QString()
+                             << QByteArray("snap..x");
     QTest::newRow("empty part") << QByteArray("0::/app.slice/app-gnome--123.scope\n")
-                                << QStringList{u"gnome-"_s} << QString();
+                                << QStringList{u"gnome-"_s} << QString() << QByteArray("snap.");
 }
 
 void TestResolver::procParsing()
@@ -252,8 +337,10 @@ void TestResolver::procParsing()
     QFETCH(QByteArray, cgroup);
     QFETCH(QStringList, unitIds);
     QFETCH(QString, snap);
+    QFETCH(QByteArray, label);
     QCOMPARE(ProcStat::unitAppIds(cgroup), unitIds);
     QCOMPARE(ProcStat::snapAppId(cgroup).value_or(QString()), snap);
+    QCOMPARE(ProcStat::snapAppIdFromLabel(label).value_or(QString()), snap);
 
     QCOMPARE(ProcStat::parentPid(stat(7, 42)), 42);
     QCOMPARE(ProcStat::startTime(stat(7, 42, 999)), 999u);
@@ -265,6 +352,14 @@ void TestResolver::procParsing()
 
 void TestResolver::linuxLookupFromProc()
 {
+    // Sandboxed applications are found where Flatpak and Snap export them,
+    // whether or not the session lists those folders.
+    QCOMPARE(GioDesktopEntries::withSandboxExports("/usr/share:/var/lib/snapd/desktop/", "/h/.d"),
+             "/usr/share:/var/lib/snapd/desktop/:/h/.d/flatpak/exports/share:"
+             "/var/lib/flatpak/exports/share");
+    QVERIFY(GioDesktopEntries::withSandboxExports({}, "/h").startsWith(
+        "/usr/local/share:/usr/share:/h/flatpak"));
+
     // A /proc of the test's own making, read by the real lookup.
     QTemporaryDir proc;
     const QString root = proc.path();
@@ -284,10 +379,13 @@ void TestResolver::linuxLookupFromProc()
               environment({"GIO_LAUNCHED_DESKTOP_FILE=/x/org.example.Chat.desktop",
                            "GIO_LAUNCHED_DESKTOP_FILE_PID=1"}));
     writeFile(root + u"/14/cgroup"_s, "0::/app.slice/app-work.vorpa.Quillvane-1.scope\n");
+    // A snap confined by AppArmor, in a cgroup that does not name it.
+    writeFile(root + u"/18/stat"_s, stat(18, 1));
+    writeFile(root + u"/18/attr/current"_s, "snap.tunes.tunes (enforce)\n");
 
     FakeDesktopEntries installed;
     for (const QString &id :
-         {u"org.example.Mail"_s, u"org.mozilla.firefox"_s, u"org.example.Chat"_s})
+         {u"org.example.Mail"_s, u"org.mozilla.firefox"_s, u"org.example.Chat"_s, u"tunes_tunes"_s})
         installed.add(id, id.section(u'.', -1), false);
 
     LinuxProcessApps apps(installed, root);
@@ -296,6 +394,9 @@ void TestResolver::linuxLookupFromProc()
     QCOMPARE(apps.lookup(10).name, u"Mail"_s);
     QCOMPARE(apps.lookup(11).bundleID, u"org.mozilla.firefox"_s);
     QCOMPARE(apps.lookup(12).bundleID, u"org.example.Chat"_s);
+    QCOMPARE(apps.lookup(18).bundleID, u"tunes_tunes"_s);
+    QCOMPARE(apps.application(u"tunes_tunes"_s).name, u"tunes_tunes"_s);
+    QCOMPARE(apps.application(u"org.example.Gone"_s).kind, Kind::NoApplication);
     // An inherited launch variable names the parent, not this process.
     QCOMPARE(apps.lookup(13).kind, Kind::NoApplication);
     QCOMPARE(apps.lookup(14).kind, Kind::Self);

@@ -48,6 +48,7 @@ class FakeProcesses final : public ProcessApps
 {
 public:
     Lookup lookup(qint64 pid) override { return apps.value(pid); }
+    Lookup application(const QString &) override { return {}; }
     std::optional<qint64> parentPid(qint64) override { return std::nullopt; }
     QList<qint64> processIds() override { return apps.keys(); }
     bool isSessionBoundary(qint64) override { return false; }

@@ -12,10 +12,12 @@
 #include "Platform/Autostart.h"
 #include "Platform/DesktopEntries.h"
 #include "Platform/DiagnosticLog.h"
+#include "Platform/OpenRequestMonitor.h"
 #include "Platform/ProcessApps.h"
 #include "Platform/ProcessLauncher.h"
 #include "Platform/SystemLog.h"
 #include "Services/DefaultBrowserRegistration.h"
+#include "Services/OpenRequestSources.h"
 #include "Services/ProfileDiscovery.h"
 #include "Services/RunningApps.h"
 #include "Services/SourceAppResolver.h"
@@ -116,6 +118,19 @@ bool AppDelegate::applicationWillFinishLaunching()
             << u"No D-Bus session bus: Quillvane cannot receive links. %1"_s.arg(
                    bus.lastError().message());
         return false;
+    }
+    // Before the name is taken: a link an application asks the portal or snapd
+    // to open from now on is credited to it.
+    QString refused;
+    m_openRequestMonitor = BusOpenRequestMonitor::start(&refused);
+    if (m_openRequestMonitor) {
+        m_openRequests = std::make_unique<OpenRequestSources>(*m_openRequestMonitor,
+                                                              *m_processApps, *m_resolver);
+        m_intake->setOpenRequests(m_openRequests.get());
+    } else {
+        qCWarning(lcAppDelegate).noquote()
+            << u"Links that sandboxed applications open through the desktop portal or snapd "
+               "cannot be credited to them: %1."_s.arg(refused);
     }
     // The object first, so that a call arriving with the name finds it.
     if (!bus.registerObject(BusNames::ObjectPath, m_intake.get())) {

@@ -17,6 +17,8 @@ class HistoryDatabase;
 class LinkIntake;
 class LinkPicker;
 class LinuxProcessApps;
+class OpenRequestMonitor;
+class OpenRequestSources;
 class QSettings;
 class RuleStore;
 class SettingsWindow;
@@ -74,6 +76,8 @@ private:
     std::unique_ptr<LinuxProcessApps> m_processApps;
     std::unique_ptr<ActiveApplication> m_activeApplication;
     std::unique_ptr<SourceAppResolver> m_resolver;
+    std::unique_ptr<OpenRequestMonitor> m_openRequestMonitor;
+    std::unique_ptr<OpenRequestSources> m_openRequests;
     std::unique_ptr<DesktopFollower> m_desktopFollower;
     std::unique_ptr<ApplicationsMonitor> m_applicationsMonitor;
     std::unique_ptr<LinkIntake> m_intake;

@@ -6,6 +6,7 @@
 #include "Automation/SettingsActions.h"
 #include "Models/DisplayText.h"
 #include "Platform/DiagnosticLog.h"
+#include "Services/OpenRequestSources.h"
 #include "Services/SourceAppResolver.h"
 #include "Storage/LinkJournal.h"
 
@@ -165,7 +166,10 @@ QStringList LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
     if (senderPid < 1) {
         debugLog(u"No valid sender PID"_s);
     } else {
-        source = m_resolver.resolve(senderPid);
+        if (m_openRequests)
+            source = m_openRequests->sourceOf(uris, senderPid);
+        if (!source)
+            source = m_resolver.resolve(senderPid);
         debugLog(DisplayText::escapeControls(u"Resolved source app: %1 (%2)"_s.arg(
             source ? source->name : u"nil"_s, source ? source->bundleID : u"nil"_s)));
     }

@@ -8,6 +8,7 @@
 #include <functional>
 
 class AppState;
+class OpenRequestSources;
 class SourceAppResolver;
 
 // Quillvane's door for links: the org.freedesktop.Application interface on the
@@ -32,6 +33,10 @@ public:
     QStringList handleURLs(const QStringList &uris, qint64 senderPid,
                            const QString &activationToken);
 
+    // Links that brokers of the desktop hand on are credited to the
+    // application that asked them (none: only the sender is resolved).
+    void setOpenRequests(OpenRequestSources *requests) { m_openRequests = requests; }
+
     // Routes again what an earlier Quillvane accepted and did not open (only
     // recent links: see LinkJournal).
     void resumeUnfinished();
@@ -50,4 +55,5 @@ public Q_SLOTS:
 private:
     AppState &m_state;
     SourceAppResolver &m_resolver;
+    OpenRequestSources *m_openRequests = nullptr;
 };

@@ -2,7 +2,10 @@
 
 #include "Models/DisplayText.h"
 
+#include <QDir>
 #include <QFile>
+
+#include <algorithm>
 
 #include <gio/gdesktopappinfo.h>
 #include <gio/gio.h>
@@ -59,6 +62,31 @@ std::optional<DesktopEntry> takeEntry(GDesktopAppInfo *info)
 }
 
 } // namespace
+
+QByteArray GioDesktopEntries::withSandboxExports(const QByteArray &dataDirs,
+                                                 const QByteArray &dataHome)
+{
+    QByteArrayList dirs = (dataDirs.isEmpty() ? QByteArray("/usr/local/share:/usr/share")
+                                              : dataDirs)
+                              .split(':');
+    const QByteArray home =
+        dataHome.isEmpty() ? QFile::encodeName(QDir::homePath()) + "/.local/share" : dataHome;
+    for (const QByteArray &exports : {QByteArray(home + "/flatpak/exports/share"),
+                                      QByteArray("/var/lib/flatpak/exports/share"),
+                                      QByteArray("/var/lib/snapd/desktop")}) {
+        const auto same = [&exports](const QByteArray &dir) {
+            return dir == exports || dir == exports + '/';
+        };
+        if (std::none_of(dirs.cbegin(), dirs.cend(), same))
+            dirs.append(exports);
+    }
+    return dirs.join(':');
+}
+
+void GioDesktopEntries::includeSandboxExports()
+{
+    qputenv("XDG_DATA_DIRS", withSandboxExports(qgetenv("XDG_DATA_DIRS"), qgetenv("XDG_DATA_HOME")));
+}
 
 QList<DesktopEntry> GioDesktopEntries::handlersForScheme(const QString &scheme)
 {

@@ -64,4 +64,12 @@ public:
 
     // The process's one instance.
     static GioDesktopEntries &instance();
+
+    // XDG_DATA_DIRS (as dataDirs holds it; empty is the standard default) with
+    // the folders Flatpak and Snap export their applications to added when
+    // missing: a session started without their profile scripts lacks them, and
+    // then no sandboxed application would be known by its name.
+    static QByteArray withSandboxExports(const QByteArray &dataDirs, const QByteArray &dataHome);
+    // Does so for this process and what it starts; before anything asks GIO.
+    static void includeSandboxExports();
 };

@@ -190,6 +190,18 @@ std::optional<QString> snapAppId(QByteArrayView cgroup)
     return QString::fromUtf8(parts[0]) + u'_' + QString::fromUtf8(app);
 }
 
+std::optional<QString> snapAppIdFromLabel(QByteArrayView label)
+{
+    const qsizetype blank = label.indexOf(' ');
+    label = label.first(blank < 0 ? label.size() : blank).trimmed();
+    if (!label.startsWith("snap."))
+        return std::nullopt;
+    const QList<QByteArrayView> parts = split(label.sliced(5), '.');
+    if (parts.size() != 2 || parts[0].isEmpty() || parts[1].isEmpty())
+        return std::nullopt;
+    return QString::fromUtf8(parts[0]) + u'_' + QString::fromUtf8(parts[1]);
+}
+
 std::optional<QByteArray> environmentValue(QByteArrayView environment, QByteArrayView name)
 {
     for (QByteArrayView entry : split(environment, '\0')) {
@@ -286,9 +298,10 @@ void LinuxProcessApps::recordLaunch(qint64 pid, const QString &originDesktopFile
                      originPid, now});
 }
 
-QByteArray LinuxProcessApps::read(qint64 pid, const char *file) const
+namespace {
+QByteArray readProc(const QString &proc, qint64 pid, const char *file)
 {
-    QFile handle(m_proc + u'/' + QString::number(pid) + u'/' + QLatin1StringView(file));
+    QFile handle(proc + u'/' + QString::number(pid) + u'/' + QLatin1StringView(file));
     if (!handle.open(QIODevice::ReadOnly))
         return {};
     // Grown as the text arrives: read(limit) would allocate the whole limit for
@@ -303,6 +316,26 @@ QByteArray LinuxProcessApps::read(qint64 pid, const char *file) const
         text.append(chunk, got);
     }
     return text;
+}
+} // namespace
+
+QByteArray LinuxProcessApps::read(qint64 pid, const char *file) const
+{
+    return readProc(m_proc, pid, file);
+}
+
+std::optional<QString> LinuxProcessApps::sandboxAppId(const QString &proc, qint64 pid)
+{
+    const QByteArray flatpakInfo = readProc(proc, pid, "root/.flatpak-info");
+    for (QByteArrayView line : ProcStat::split(flatpakInfo, '\n')) {
+        if (line.startsWith("name=")) {
+            const QString id = QString::fromUtf8(line.sliced(5)).trimmed();
+            return id.isEmpty() ? std::nullopt : std::optional<QString>(id);
+        }
+    }
+    if (auto snap = ProcStat::snapAppId(readProc(proc, pid, "cgroup")))
+        return snap;
+    return ProcStat::snapAppIdFromLabel(readProc(proc, pid, "attr/current"));
 }
 
 std::optional<qint64> LinuxProcessApps::parentPid(qint64 pid)
@@ -352,6 +385,13 @@ std::optional<QString> LinuxProcessApps::installedId(const QString &candidate)
     if (m_entries.entry(candidate))
         return candidate;
     return std::nullopt;
+}
+
+ProcessApps::Lookup LinuxProcessApps::application(const QString &id)
+{
+    if (const auto installed = installedId(id))
+        return named(*installed);
+    return Lookup{Lookup::Kind::NoApplication, {}, {}};
 }
 
 ProcessApps::Lookup LinuxProcessApps::named(const QString &id)
@@ -417,22 +457,12 @@ ProcessApps::Lookup LinuxProcessApps::lookup(qint64 pid)
                     return origin;
             }
         }
-        // A Flatpak sandbox names its application.
-        const QByteArray flatpakInfo = read(pid, "root/.flatpak-info");
-        if (!flatpakInfo.isEmpty()) {
-            for (QByteArrayView line : ProcStat::split(flatpakInfo, '\n')) {
-                if (line.startsWith("name=")) {
-                    if (const auto id = installedId(QString::fromUtf8(line.sliced(5)).trimmed()))
-                        return named(*id);
-                    break;
-                }
-            }
-        }
-        const QByteArray cgroup = read(pid, "cgroup");
-        if (const auto snap = ProcStat::snapAppId(cgroup)) {
-            if (const auto id = installedId(*snap))
+        // A Flatpak or Snap sandbox names its application.
+        if (const auto sandboxed = sandboxAppId(m_proc, pid)) {
+            if (const auto id = installedId(*sandboxed))
                 return named(*id);
         }
+        const QByteArray cgroup = read(pid, "cgroup");
         for (const QString &candidate : ProcStat::unitAppIds(cgroup)) {
             if (const auto id = installedId(candidate))
                 return named(*id);

@@ -29,6 +29,9 @@ public:
 
     virtual ~ProcessApps() = default;
     virtual Lookup lookup(qint64 pid) = 0;
+    // The installed application with this id (a Flatpak app id, a snap's
+    // "<snap>_<app>"), named as its desktop entry names it.
+    virtual Lookup application(const QString &id) = 0;
     // The parent's process id, or none when the process cannot be read.
     virtual std::optional<qint64> parentPid(qint64 pid) = 0;
     // Every process of this user, at this moment.
@@ -59,6 +62,9 @@ std::optional<quint64> startTime(QByteArrayView stat);
 QStringList unitAppIds(QByteArrayView cgroup);
 // The snap of a snap.<name>.<app>-….scope or .service unit, as "<name>_<app>".
 std::optional<QString> snapAppId(QByteArrayView cgroup);
+// The snap of an AppArmor label of /proc/<pid>/attr/current, such as
+// "snap.chatapp.chatapp (enforce)", as "<name>_<app>" (hooks name no app).
+std::optional<QString> snapAppIdFromLabel(QByteArrayView label);
 // A variable of a NUL-separated environment block.
 std::optional<QByteArray> environmentValue(QByteArrayView environment, QByteArrayView name);
 QList<QByteArrayView> split(QByteArrayView text, char separator);
@@ -75,6 +81,7 @@ public:
     ~LinuxProcessApps() override;
 
     Lookup lookup(qint64 pid) override;
+    Lookup application(const QString &id) override;
     std::optional<qint64> parentPid(qint64 pid) override;
     QList<qint64> processIds() override;
     bool isSessionBoundary(qint64 pid) override;
@@ -82,6 +89,10 @@ public:
     // Follows GIO's org.gtk.gio.DesktopAppInfo.Launched broadcasts on the
     // session bus, so that a process started by an application is credited to it.
     void listenForLaunches();
+    // The sandbox's application id of a process (Flatpak or Snap), read from
+    // /proc alone, so that any thread may ask while the process still exists.
+    static std::optional<QString> sandboxAppId(const QString &proc, qint64 pid);
+
     // A launch as GIO reports it (also for tests).
     void recordLaunch(qint64 pid, const QString &originDesktopFile, qint64 originPid);
 

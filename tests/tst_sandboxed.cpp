@@ -1,0 +1,263 @@
+// Links from sandboxed applications, which reach Quillvane only through a
+// broker of the desktop: the real xdg-desktop-portal (started by the test's own
+// session bus, under a virtual X server) for a Flatpak app made with bwrap, and
+// a stand-in for snapd's session agent (which runs xdg-open, as snapd does) for
+// a process in a snap's cgroup. Quillvane must credit the application, not the
+// broker.
+#include "FakeDesktop.h"
+#include "InstalledQuillvane.h"
+#include "TestSupport.h"
+
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDir>
+#include <QProcess>
+#include <QScopeGuard>
+#include <QStandardPaths>
+#include <QTest>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+InstalledQuillvane g_installed(QStringLiteral(QUILLVANE_E2E_PREFIX));
+const QString FakeSandbox = QStringLiteral(QUILLVANE_FAKE_SANDBOX);
+const QString Portal = u"org.freedesktop.portal.Desktop"_s;
+
+// The cgroup v2 folder this process is in, from /proc and the mount table.
+QString ownCgroup()
+{
+    QFile cgroup(u"/proc/self/cgroup"_s);
+    QFile mounts(u"/proc/self/mounts"_s);
+    if (!cgroup.open(QIODevice::ReadOnly) || !mounts.open(QIODevice::ReadOnly))
+        return {};
+    QString path;
+    for (const QByteArray &line : cgroup.readAll().split('\n')) {
+        if (line.startsWith("0::"))
+            path = QString::fromUtf8(line.mid(3));
+    }
+    for (const QByteArray &line : mounts.readAll().split('\n')) {
+        const QList<QByteArray> fields = line.split(' ');
+        if (fields.size() > 2 && fields[2] == "cgroup2" && !path.isEmpty())
+            return QString::fromUtf8(fields[1]) + (path == u"/" ? QString() : path);
+    }
+    return {};
+}
+
+} // namespace
+
+class TestSandboxed final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void cleanupTestCase();
+    void flatpakAppThroughThePortal();
+    void snapAppThroughSnapd();
+    void otherTrafficLeavesTheMonitorAsleep();
+
+private:
+    // bwrap's arguments for a sandbox that shares the host's folders and holds
+    // a /.flatpak-info naming the application (binding the host's root whole
+    // would create that file on the host).
+    QStringList flatpakSandbox(const QString &appId);
+    bool waitForStart(QProcess &process, const QByteArray &line);
+    ForwardingRecord latestRecord() const
+    {
+        return InstalledQuillvane::storedHistory(*m_desktop).value(0);
+    }
+    QString historyLine();
+
+    std::unique_ptr<FakeDesktop> m_desktop;
+};
+
+void TestSandboxed::initTestCase()
+{
+    if (!QDBusConnection::sessionBus().isConnected())
+        QSKIP("needs a session bus: run under dbus-run-session");
+    m_desktop = std::make_unique<FakeDesktop>();
+    // The portal serves a GNOME desktop through its GTK backend; without a
+    // system bus it does not wait on one (for its memory monitor) when it starts.
+    qputenv("XDG_CURRENT_DESKTOP", "GNOME");
+    qputenv("DBUS_SYSTEM_BUS_ADDRESS",
+            QFile::encodeName(u"unix:path="_s + m_desktop->root() + u"/no-system-bus"_s));
+    // Its backend needs the system's settings schemas, which the test's own
+    // data folders do not hold, and no accessibility bus.
+    qputenv("GSETTINGS_SCHEMA_DIR", "/usr/share/glib-2.0/schemas");
+    qputenv("NO_AT_BRIDGE", "1");
+    QVERIFY(g_installed.setUp(QStringLiteral(QUILLVANE_BUILD_DIR), *m_desktop));
+    writeFile(m_desktop->configHome() + u"/mimeapps.list"_s,
+              "[Default Applications]\nx-scheme-handler/https=work.vorpa.Quillvane.desktop\n"
+              "x-scheme-handler/http=work.vorpa.Quillvane.desktop\n");
+
+    m_desktop->addBrowser(u"fallback-browser"_s, u"Fallback"_s);
+    m_desktop->addBrowser(u"chat-browser"_s, u"Chat Browser"_s);
+    m_desktop->addBrowser(u"music-browser"_s, u"Music Browser"_s);
+    // Where Flatpak exports an application's entry, which Quillvane reads
+    // whether or not the session lists the folder; a snap's as snapd names it.
+    // (GIO ignores an entry whose program is missing.)
+    writeFile(m_desktop->root() + u"/data/flatpak/exports/share/applications/"
+                                  "com.example.SandboxedChat.desktop"_s,
+              "[Desktop Entry]\nType=Application\nName=Sandboxed Chat\nIcon=chat\n"
+              "Exec=/bin/true com.example.SandboxedChat\n");
+    m_desktop->writeEntry(u"tunes_tunes"_s,
+                          u"[Desktop Entry]\nType=Application\nName=Tunes\n"
+                          "Exec=/bin/true tunes\n"_s);
+    auto settings = InstalledQuillvane::settingsToSeed(*m_desktop);
+    RuleStore store(*settings);
+    store.saveRules({makeRule(u"com.example.SandboxedChat"_s, std::nullopt, u"chat-browser"_s),
+                     makeRule(u"tunes_tunes"_s, std::nullopt, u"music-browser"_s)});
+    store.saveDefaultBrowserBundleID(u"fallback-browser"_s);
+    settings->sync();
+
+    // Quillvane runs, as it does from login on: it watches from its start.
+    QCOMPARE(InstalledQuillvane::run(g_installed.program(u"quillvane-open"_s),
+                                     {u"https://example.com/first"_s})
+                 .exitCode,
+             0);
+    QVERIFY(m_desktop->waitForRun(u"fallback-browser"_s));
+    m_desktop->forget(u"fallback-browser"_s);
+}
+
+void TestSandboxed::cleanupTestCase()
+{
+    if (m_desktop)
+        QVERIFY(InstalledQuillvane::stop());
+}
+
+QStringList TestSandboxed::flatpakSandbox(const QString &appId)
+{
+    const QString info = m_desktop->root() + u"/flatpak-info-"_s + appId;
+    writeFile(info, "[Application]\nname=" + appId.toUtf8()
+                        + "\nruntime=runtime/org.freedesktop.Platform/x86_64/23.08\n\n"
+                          "[Instance]\ninstance-id=1\n");
+    QStringList arguments;
+    const QFileInfoList entries =
+        QDir(u"/"_s).entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System);
+    for (const QFileInfo &entry : entries) {
+        if (entry.isSymLink())
+            arguments << u"--symlink"_s << entry.symLinkTarget() << entry.absoluteFilePath();
+        else if (entry.isDir())
+            arguments << u"--dev-bind"_s << entry.absoluteFilePath() << entry.absoluteFilePath();
+    }
+    return arguments << u"--ro-bind"_s << info << u"/.flatpak-info"_s;
+}
+
+bool TestSandboxed::waitForStart(QProcess &process, const QByteArray &line)
+{
+    return QTest::qWaitFor(
+        [&] {
+            return process.state() == QProcess::NotRunning
+                   || process.peek(line.size()).startsWith(line);
+        },
+        60000)
+           && process.readLine().startsWith(line);
+}
+
+QString TestSandboxed::historyLine()
+{
+    const auto result =
+        InstalledQuillvane::run(g_installed.program(u"quillvane"_s), {u"history"_s});
+    return result.out.section(u'\n', 0, 0);
+}
+
+void TestSandboxed::flatpakAppThroughThePortal()
+{
+    if (QStandardPaths::findExecutable(u"bwrap"_s).isEmpty()
+        || !QFile::exists(u"/usr/libexec/xdg-desktop-portal"_s))
+        QSKIP("needs bubblewrap and xdg-desktop-portal (the test command installs them)");
+    if (QProcess::execute(u"bwrap"_s, {u"--dev-bind"_s, u"/"_s, u"/"_s, u"true"_s}) != 0)
+        QSKIP("bwrap cannot make a sandbox on this machine (no namespaces for it)");
+    // Up and answering before the app asks: the first start may take a while.
+    QDBusMessage start = QDBusMessage::createMethodCall(
+        u"org.freedesktop.DBus"_s, u"/org/freedesktop/DBus"_s, u"org.freedesktop.DBus"_s,
+        u"StartServiceByName"_s);
+    start << Portal << 0u;
+    const QDBusMessage started = QDBusConnection::sessionBus().call(start, QDBus::Block, 120000);
+    QVERIFY2(started.type() == QDBusMessage::ReplyMessage, qPrintable(started.errorMessage()));
+
+    const QString link = u"https://chat-link.example.net/room?utm_source=chat"_s;
+    QProcess app;
+    app.start(u"bwrap"_s, flatpakSandbox(u"com.example.SandboxedChat"_s)
+                              << u"--"_s << FakeSandbox << u"portal"_s << link);
+    const auto close = qScopeGuard([&app] {
+        app.closeWriteChannel();
+        app.waitForFinished();
+    });
+    QVERIFY2(waitForStart(app, "asked"), app.readAllStandardError().constData());
+    // The app rule applied, with the link cleaned on the way.
+    QVERIFY(m_desktop->waitForRun(u"chat-browser"_s, 30000));
+    QCOMPARE(m_desktop->arguments(u"chat-browser"_s),
+             QStringList{u"https://chat-link.example.net/room"_s});
+    QVERIFY(!m_desktop->ran(u"fallback-browser"_s));
+
+    QTRY_COMPARE(latestRecord().originalURL, link);
+    QCOMPARE(latestRecord().sourceAppBundleID, u"com.example.SandboxedChat"_s);
+    QCOMPARE(latestRecord().sourceAppName, u"Sandboxed Chat"_s);
+    QVERIFY2(historyLine().contains(u"Sandboxed Chat › Chat Browser"_s), qPrintable(historyLine()));
+
+}
+
+void TestSandboxed::snapAppThroughSnapd()
+{
+    // A snap's processes live in a cgroup that names it.
+    const QString parent = ownCgroup();
+    const QString scope = parent + u"/snap.tunes.tunes-%1.scope"_s.arg(QCoreApplication::applicationPid());
+    if (parent.isEmpty() || !QDir().mkpath(scope))
+        QSKIP("cannot make a cgroup here, so no process can look like a snap's");
+    const auto removeScope = qScopeGuard([&scope] { QDir().rmdir(scope); });
+    if (QStandardPaths::findExecutable(u"xdg-open"_s).isEmpty())
+        QSKIP("xdg-open (xdg-utils) is not installed");
+
+    QProcess snapd;
+    snapd.start(FakeSandbox, {u"snapd"_s});
+    const auto stopSnapd = qScopeGuard([&snapd] {
+        snapd.kill();
+        snapd.waitForFinished();
+    });
+    QVERIFY2(waitForStart(snapd, "ready"), snapd.readAllStandardError().constData());
+
+    const QString link = u"https://music.example.org/album/42"_s;
+    QProcess app;
+    app.start(u"/bin/sh"_s, {u"-c"_s, u"echo $$ > '%1/cgroup.procs' && exec '%2' snap '%3'"_s.arg(
+                                          scope, FakeSandbox, link)});
+    const auto close = qScopeGuard([&app] {
+        app.closeWriteChannel();
+        app.waitForFinished();
+    });
+    QVERIFY2(waitForStart(app, "asked"), app.readAllStandardError().constData());
+    QVERIFY(m_desktop->waitForRun(u"music-browser"_s, 30000));
+    QCOMPARE(m_desktop->arguments(u"music-browser"_s), QStringList{link});
+    QTRY_COMPARE(latestRecord().originalURL, link);
+    QCOMPARE(latestRecord().sourceAppName, u"Tunes"_s);
+}
+
+void TestSandboxed::otherTrafficLeavesTheMonitorAsleep()
+{
+    // The monitor's thread wakes only for open requests: calls of any other
+    // kind on the bus leave its count of context switches where it was.
+    const QString task = u"/proc/%1/task"_s.arg(InstalledQuillvane::instancePid());
+    QString status;
+    for (const QString &thread : QDir(task).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile comm(task + u'/' + thread + u"/comm"_s);
+        if (comm.open(QIODevice::ReadOnly) && comm.readAll().trimmed() == "qv-open-monitor")
+            status = task + u'/' + thread + u"/status"_s;
+    }
+    QVERIFY2(!status.isEmpty(), "the instance has no monitor thread");
+    const auto switches = [&status] {
+        QFile file(status);
+        if (!file.open(QIODevice::ReadOnly))
+            return QByteArray();
+        const QByteArray text = file.readAll();
+        const qsizetype at = text.indexOf("voluntary_ctxt_switches");
+        return text.mid(at, text.indexOf('\n', at) - at);
+    };
+    const QByteArray before = switches();
+    QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
+    for (int i = 0; i < 200; ++i)
+        QVERIFY(bus->isServiceRegistered(u"work.vorpa.Quillvane"_s).value());
+    QCOMPARE(switches(), before);
+}
+
+QTEST_MAIN(TestSandboxed)
+#include "tst_sandboxed.moc"
