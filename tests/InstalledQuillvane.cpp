@@ -29,13 +29,18 @@ bool InstalledQuillvane::setUp(const QString &buildDir, const FakeDesktop &deskt
     QDir(m_prefix).removeRecursively();
     if (QProcess::execute(u"cmake"_s, {u"--install"_s, buildDir, u"--prefix"_s, m_prefix}) != 0)
         return false;
+    return shareEnvironment();
+}
 
+bool InstalledQuillvane::shareEnvironment()
+{
     qDBusRegisterMetaType<QMap<QString, QString>>();
     QMap<QString, QString> variables;
-    for (const char *name : {"HOME", "XDG_DATA_HOME", "XDG_DATA_DIRS", "XDG_CONFIG_HOME",
-                             "XDG_CONFIG_DIRS", "XDG_STATE_HOME", "XDG_RUNTIME_DIR",
-                             "QT_QPA_PLATFORM", "PATH", "XDG_CURRENT_DESKTOP", "DBUS_SYSTEM_BUS_ADDRESS", "GSETTINGS_SCHEMA_DIR", "NO_AT_BRIDGE",
-                             "DISPLAY", "XAUTHORITY", "ASAN_OPTIONS", "UBSAN_OPTIONS"}) {
+    for (const char *name :
+         {"HOME", "XDG_DATA_HOME", "XDG_DATA_DIRS", "XDG_CONFIG_HOME", "XDG_CONFIG_DIRS",
+          "XDG_STATE_HOME", "XDG_RUNTIME_DIR", "QT_QPA_PLATFORM", "PATH", "DISPLAY",
+          "WAYLAND_DISPLAY", "XAUTHORITY", "XDG_CURRENT_DESKTOP", "DBUS_SYSTEM_BUS_ADDRESS",
+          "GSETTINGS_SCHEMA_DIR", "NO_AT_BRIDGE", "ASAN_OPTIONS", "UBSAN_OPTIONS"}) {
         if (qEnvironmentVariableIsSet(name))
             variables.insert(QString::fromLatin1(name), qEnvironmentVariable(name));
     }

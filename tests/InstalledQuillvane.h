@@ -24,6 +24,8 @@ public:
     // Installs afresh, points XDG_DATA_DIRS at the desktop and the
     // installation, and gives the bus the environment it starts Quillvane with.
     bool setUp(const QString &buildDir, const FakeDesktop &desktop);
+    // Gives the bus this process's environment again, for the next start.
+    static bool shareEnvironment();
 
     QString program(const QString &name) const { return m_prefix + u"/bin/" + name; }
     QString prefix() const { return m_prefix; }

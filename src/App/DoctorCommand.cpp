@@ -1,16 +1,22 @@
 #include "App/DoctorCommand.h"
 
 #include "App/BuildInfo.h"
+#include "Platform/ActiveApplication.h"
 #include "Platform/DesktopSettings.h"
+#include "Platform/OpenRequestMonitor.h"
 #include "Platform/DiagnosticLog.h"
 #include "Services/BrowserDiscovery.h"
 #include "Services/LaunchAtLoginManager.h"
 #include "Services/ProfileDiscovery.h"
 #include "Storage/UserSettings.h"
 
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
+
+#include <algorithm>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -45,6 +51,63 @@ QString yesNo(bool value)
     return value ? u"yes"_s : u"no"_s;
 }
 
+// The ways this desktop offers of telling which application a link came from,
+// beyond its sender process, each with whether it works now and why (not).
+QJsonObject sourceApps(const QString &session)
+{
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    const auto onBus = [&bus](const QString &name) {
+        if (!bus.isConnected())
+            return false;
+        return bus.interface()->isServiceRegistered(name).value()
+               || bus.interface()->activatableServiceNames().value().contains(name);
+    };
+    QString refused = u"no session bus"_s;
+    const bool canWatch = bus.isConnected() && BusOpenRequestMonitor::canWatch(&refused);
+    QJsonArray ways;
+    const auto add = [&ways](const QString &id, bool works, const QString &detail) {
+        ways.append(QJsonObject{{u"id"_s, id}, {u"works"_s, works}, {u"detail"_s, detail}});
+    };
+    const auto monitor = [&](const QString &id, const QString &service, const QString &what,
+                             const QString &missing) {
+        if (!canWatch)
+            add(id, false, refused);
+        else if (!onBus(service))
+            add(id, false, missing);
+        else
+            add(id, true, what);
+    };
+    monitor(u"portal-monitor"_s, u"org.freedesktop.portal.Desktop"_s,
+            u"links from Flatpak apps through the desktop portal"_s,
+            u"the desktop portal (xdg-desktop-portal) is not on the bus"_s);
+    monitor(u"snap-monitor"_s, u"io.snapcraft.Launcher"_s,
+            u"links from Snap apps through snapd's session agent"_s,
+            u"snapd's session agent (snap userd) is not on the bus"_s);
+    const bool x11 = ActiveApplication::isX11Session();
+    if (!x11)
+        add(u"x11-active-window"_s, false, u"not an X11 session"_s);
+    else if (!ActiveApplication::x11Reachable())
+        add(u"x11-active-window"_s, false, u"the X server does not answer"_s);
+    else
+        add(u"x11-active-window"_s, true, u"the focused window's process"_s);
+    const bool kwin = bus.isConnected()
+                      && bus.interface()->isServiceRegistered(u"org.kde.KWin"_s).value();
+    if (x11)
+        add(u"kwin-active-window"_s, false, u"an X11 session: X11 says which window is active"_s);
+    else if (!kwin)
+        add(u"kwin-active-window"_s, false, u"KWin is not running"_s);
+    else
+        add(u"kwin-active-window"_s, true, u"a KWin script reports the active window"_s);
+    const bool any = std::any_of(ways.cbegin(), ways.cend(), [](const QJsonValue &way) {
+        return way.toObject().value(u"works"_s).toBool();
+    });
+    QString note;
+    if (session == u"wayland" && qEnvironmentVariable("XDG_CURRENT_DESKTOP").contains(u"GNOME"))
+        note = u"GNOME on Wayland offers ordinary applications no way to learn which window is "
+               "active."_s;
+    return QJsonObject{{u"ways"_s, ways}, {u"none"_s, !any}, {u"note"_s, note}};
+}
+
 void printText(QTextStream &out, const QJsonObject &report)
 {
     const QJsonObject session = report.value(u"session"_s).toObject();
@@ -76,6 +139,19 @@ void printText(QTextStream &out, const QJsonObject &report)
     const QJsonObject log = report.value(u"diagnosticLog"_s).toObject();
     out << "Diagnostic log:   " << log.value(u"path"_s).toString()
         << (log.value(u"exists"_s).toBool() ? "" : " (not created yet)") << '\n';
+
+    const QJsonObject sources = report.value(u"sourceApps"_s).toObject();
+    out << "\nSource apps, beyond the process that sent a link:\n";
+    for (const QJsonValue &value : sources.value(u"ways"_s).toArray()) {
+        const QJsonObject way = value.toObject();
+        out << "  " << QString(way.value(u"id"_s).toString() + u':').leftJustified(20)
+            << (way.value(u"works"_s).toBool() ? "works: " : "no: ")
+            << way.value(u"detail"_s).toString() << '\n';
+    }
+    if (sources.value(u"none"_s).toBool())
+        out << "  none works here: links are credited by their sender process alone\n";
+    if (!sources.value(u"note"_s).toString().isEmpty())
+        out << "  " << sources.value(u"note"_s).toString() << '\n';
 
     const QJsonArray browsers = report.value(u"browsers"_s).toArray();
     out << "\nBrowsers (" << browsers.size() << "):\n";
@@ -121,9 +197,10 @@ QJsonObject report(DesktopEntries &entries, const Autostart &autostart)
         browsers.append(object);
     }
     const std::optional<QString> https = entries.defaultHandler(u"https"_s);
+    const QString session = sessionType();
     return QJsonObject{
         {u"version"_s, QString::fromUtf16(BuildInfo::Version)},
-        {u"session"_s, QJsonObject{{u"type"_s, sessionType()},
+        {u"session"_s, QJsonObject{{u"type"_s, session},
                                    {u"desktop"_s, qEnvironmentVariable("XDG_CURRENT_DESKTOP")},
                                    {u"display"_s, qEnvironmentVariable("DISPLAY")},
                                    {u"waylandDisplay"_s, qEnvironmentVariable("WAYLAND_DISPLAY")}}},
@@ -135,6 +212,7 @@ QJsonObject report(DesktopEntries &entries, const Autostart &autostart)
                       QJsonObject{{u"kde"_s, orNull(DesktopSettings::kdeBrowserApplication())},
                                   {u"xfce"_s, orNull(DesktopSettings::xfceWebBrowser())}}}}},
         {u"browsers"_s, browsers},
+        {u"sourceApps"_s, sourceApps(session)},
         {u"launchAtLogin"_s, QJsonObject{{u"enabled"_s, LaunchAtLoginManager::isEnabled(autostart)},
                                          {u"autostartFile"_s, XdgAutostart::entryPath()}}},
         {u"settingsFile"_s, file(UserSettings::filePath())},

@@ -1,12 +1,27 @@
 #include "Platform/ActiveApplication.h"
 
+#include "App/BuildInfo.h"
+#include "Platform/SystemLog.h"
 #include "Platform/X11Atoms.h"
 
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusContext>
+#include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
+#include <QDBusServiceWatcher>
+#include <QSaveFile>
 #include <QSocketNotifier>
+#include <QStandardPaths>
 
 #include <xcb/xcb.h>
 
 #include <cstdlib>
+
+using namespace Qt::Literals::StringLiterals;
+
+QUILLVANE_LOGGING_CATEGORY(lcActiveApplication, "ActiveApplication")
 
 namespace {
 
@@ -119,13 +134,152 @@ private:
     QSocketNotifier *m_notifier = nullptr;
 };
 
+const QString KWinService = u"org.kde.KWin"_s;
+
+// Loads a script into KWin whenever KWin is on the bus (again after it restarts),
+// which reports each window activated to Quillvane. Only KWin's reports count.
+class KWinActiveApplication final : public ActiveApplication, protected QDBusContext
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "work.vorpa.Quillvane.ActiveWindow")
+
+public:
+    std::optional<qint64> activePid() override
+    {
+        return m_pid > 0 ? std::optional<qint64>(m_pid) : std::nullopt;
+    }
+    std::optional<QString> activeAppId() override
+    {
+        return m_appId.isEmpty() ? std::nullopt : std::optional<QString>(m_appId);
+    }
+    QList<qint64> visibleWindowPids() override { return {}; }
+
+    void startWatching() override
+    {
+        m_bus.registerObject(QString::fromLatin1(ReportPath), this,
+                             QDBusConnection::ExportScriptableSlots);
+        auto *watcher = new QDBusServiceWatcher(
+            KWinService, m_bus, QDBusServiceWatcher::WatchForOwnerChange, this);
+        connect(watcher, &QDBusServiceWatcher::serviceOwnerChanged, this,
+                [this](const QString &, const QString &, const QString &owner) {
+                    kwinChanged(owner);
+                });
+        QDBusMessage owner = QDBusMessage::createMethodCall(
+            u"org.freedesktop.DBus"_s, u"/org/freedesktop/DBus"_s, u"org.freedesktop.DBus"_s,
+            u"GetNameOwner"_s);
+        owner << KWinService;
+        call(owner, [this](const QDBusMessage &reply) {
+            if (reply.type() == QDBusMessage::ReplyMessage && m_kwin.isEmpty())
+                kwinChanged(reply.arguments().value(0).toString());
+        });
+    }
+
+public Q_SLOTS:
+    Q_SCRIPTABLE void WindowActivated(const QString &desktopFileName, const QString &pid)
+    {
+        if (!calledFromDBus() || m_kwin.isEmpty() || message().service() != m_kwin)
+            return;
+        m_pid = pid.toLongLong();
+        m_appId = desktopFileName.left(255);
+        if (m_appId.endsWith(u".desktop"))
+            m_appId.chop(8);
+        Q_EMIT activated(m_pid, m_appId);
+    }
+
+private:
+    void call(const QDBusMessage &message, std::function<void(const QDBusMessage &)> then)
+    {
+        auto *watcher = new QDBusPendingCallWatcher(m_bus.asyncCall(message), this);
+        connect(watcher, &QDBusPendingCallWatcher::finished, this,
+                [then = std::move(then)](QDBusPendingCallWatcher *done) {
+                    done->deleteLater();
+                    then(done->reply());
+                });
+    }
+
+    QDBusMessage scripting(const QString &method, const QVariantList &arguments)
+    {
+        QDBusMessage message = QDBusMessage::createMethodCall(
+            KWinService, u"/Scripting"_s, u"org.kde.kwin.Scripting"_s, method);
+        message.setArguments(arguments);
+        return message;
+    }
+
+    void kwinChanged(const QString &owner)
+    {
+        m_kwin = owner;
+        m_pid = 0;
+        m_appId.clear();
+        if (owner.isEmpty())
+            return;
+        const QString path = QStandardPaths::writableLocation(QStandardPaths::RuntimeLocation)
+                             + u"/quillvane-kwin-active-window.js"_s;
+        QSaveFile file(path);
+        if (!file.open(QIODevice::WriteOnly) || file.write(kwinScript()) < 0 || !file.commit()) {
+            qCWarning(lcActiveApplication).noquote()
+                << u"Cannot write KWin's script to %1: %2"_s.arg(path, file.errorString());
+            return;
+        }
+        const QString name = QString::fromLatin1(KWinScriptName);
+        // One copy only: an earlier Quillvane's script may still be loaded.
+        call(scripting(u"unloadScript"_s, {name}), [this, path, name](const QDBusMessage &) {
+            call(scripting(u"loadScript"_s, {path, name}), [this](const QDBusMessage &loaded) {
+                if (loaded.type() != QDBusMessage::ReplyMessage) {
+                    qCWarning(lcActiveApplication).noquote()
+                        << u"KWin did not load Quillvane's active-window script: %1"_s.arg(
+                               loaded.errorMessage());
+                    return;
+                }
+                call(scripting(u"start"_s, {}), [](const QDBusMessage &) {});
+            });
+        });
+    }
+
+    QDBusConnection m_bus = QDBusConnection::sessionBus();
+    QString m_kwin;
+    qint64 m_pid = 0;
+    QString m_appId;
+};
+
 } // namespace
+
+QByteArray ActiveApplication::kwinScript()
+{
+    // KWin 6 names them windowActivated and activeWindow, KWin 5 clientActivated
+    // and activeClient. The process id goes as text: a script's numbers are doubles.
+    return QByteArray(R"(function report(window) {
+    if (!window)
+        return;
+    callDBus("@SERVICE@", "@PATH@", "@INTERFACE@", "WindowActivated",
+             String(window.desktopFileName || ""), String(window.pid || 0));
+}
+(workspace.windowActivated || workspace.clientActivated).connect(report);
+report(workspace.activeWindow || workspace.activeClient);
+)")
+        .replace("@SERVICE@", QString::fromUtf16(BuildInfo::AppId).toUtf8())
+        .replace("@PATH@", ReportPath)
+        .replace("@INTERFACE@", ReportInterface);
+}
+
+bool ActiveApplication::isX11Session()
+{
+    // Under Wayland a DISPLAY may lead to Xwayland, which knows only X clients.
+    return !qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
+}
+
+bool ActiveApplication::x11Reachable()
+{
+    xcb_connection_t *connection = xcb_connect(nullptr, nullptr);
+    const bool reached = connection && !xcb_connection_has_error(connection);
+    if (connection)
+        xcb_disconnect(connection);
+    return reached;
+}
 
 std::unique_ptr<ActiveApplication> ActiveApplication::create()
 {
-    // Under Wayland a DISPLAY may lead to Xwayland, which knows only X clients.
-    if (qEnvironmentVariableIsEmpty("DISPLAY") || !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY"))
-        return std::make_unique<NoActiveApplication>();
+    if (!isX11Session())
+        return std::make_unique<KWinActiveApplication>();
     xcb_connection_t *connection = xcb_connect(nullptr, nullptr);
     if (!connection || xcb_connection_has_error(connection)) {
         if (connection)
@@ -134,3 +288,5 @@ std::unique_ptr<ActiveApplication> ActiveApplication::create()
     }
     return std::make_unique<X11ActiveApplication>(connection);
 }
+
+#include "ActiveApplication.moc"

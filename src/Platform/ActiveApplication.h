@@ -1,15 +1,18 @@
 #pragma once
 
 #include <QList>
+#include <QString>
 #include <QObject>
 
 #include <memory>
 #include <optional>
 
 // Which window the user works in, by the process that owns it. On X11 this is
-// the root window's _NET_ACTIVE_WINDOW and each window's _NET_WM_PID; Wayland
-// tells ordinary applications nothing of the kind, so there the answers are
-// empty and no activation is ever announced.
+// the root window's _NET_ACTIVE_WINDOW and each window's _NET_WM_PID. Wayland
+// tells ordinary applications nothing of the kind; KWin, though, runs scripts
+// that may tell, and names the window's desktop entry too. Elsewhere (GNOME on
+// Wayland, wlroots compositors) the answers are empty and no activation is
+// ever announced.
 class ActiveApplication : public QObject
 {
     Q_OBJECT
@@ -19,14 +22,28 @@ public:
 
     // The process of the focused window.
     virtual std::optional<qint64> activePid() = 0;
+    // The desktop entry id of the focused window's application, where the
+    // desktop says so.
+    virtual std::optional<QString> activeAppId() { return std::nullopt; }
     // Processes of the windows that are not minimised, topmost first.
     virtual QList<qint64> visibleWindowPids() = 0;
     // Starts announcing changes of the focused window.
     virtual void startWatching() = 0;
 
-    // The X11 implementation when an X server is reachable, else one that knows nothing.
+    // The X11 implementation in an X11 session with a reachable server; else
+    // one that asks KWin whenever KWin runs, and knows nothing otherwise.
     static std::unique_ptr<ActiveApplication> create();
+    // Whether this is an X11 session, and whether its server answers.
+    static bool isX11Session();
+    static bool x11Reachable();
+
+    // KWin's part: the script it runs, and where the script reports.
+    static constexpr const char *KWinScriptName = "quillvane-active-window";
+    static constexpr const char *ReportPath = "/work/vorpa/Quillvane/ActiveWindow";
+    static constexpr const char *ReportInterface = "work.vorpa.Quillvane.ActiveWindow";
+    static QByteArray kwinScript();
 
 Q_SIGNALS:
-    void activated(qint64 pid);
+    // appId: the desktop entry id, when known.
+    void activated(qint64 pid, const QString &appId = QString());
 };

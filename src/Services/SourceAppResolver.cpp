@@ -203,8 +203,15 @@ void SourceAppResolver::lockBurstSource(const SourceApp &app, qint64 now)
     m_burstDeadline = now + BurstWindowMs;
 }
 
-std::optional<SourceApp> SourceAppResolver::applicationOf(qint64 pid)
+std::optional<SourceApp> SourceAppResolver::applicationOf(qint64 pid, const QString &appId)
 {
+    if (!appId.isEmpty()) {
+        const ProcessApps::Lookup named = m_apps.application(appId);
+        if (named.kind == ProcessApps::Lookup::Kind::Application)
+            return SourceApp{named.bundleID, named.name.isEmpty() ? named.bundleID : named.name};
+    }
+    if (pid < 1)
+        return std::nullopt;
     const ProcessApps::Lookup found = m_apps.lookup(pid);
     if (found.kind != ProcessApps::Lookup::Kind::Application)
         return std::nullopt;
@@ -213,10 +220,9 @@ std::optional<SourceApp> SourceAppResolver::applicationOf(qint64 pid)
 
 std::optional<SourceApp> SourceAppResolver::fallbackToFrontmostApp()
 {
-    if (const auto pid = m_active.activePid()) {
-        if (auto app = applicationOf(*pid))
-            return app;
-    }
+    if (auto app = applicationOf(m_active.activePid().value_or(0),
+                                 m_active.activeAppId().value_or(QString())))
+        return app;
     for (const qint64 pid : m_active.visibleWindowPids()) {
         if (auto app = applicationOf(pid))
             return app;
@@ -224,9 +230,9 @@ std::optional<SourceApp> SourceAppResolver::fallbackToFrontmostApp()
     return std::nullopt;
 }
 
-void SourceAppResolver::activated(qint64 pid)
+void SourceAppResolver::activated(qint64 pid, const QString &appId)
 {
-    const auto app = applicationOf(pid);
+    const auto app = applicationOf(pid, appId);
     if (!app)
         return;
     m_lastActiveApp = app;
@@ -237,10 +243,9 @@ void SourceAppResolver::startTracking()
 {
     connect(&m_active, &ActiveApplication::activated, this, &SourceAppResolver::activated);
     m_active.startWatching();
-    if (const auto pid = m_active.activePid()) {
-        if (const auto app = applicationOf(*pid)) {
-            m_lastActiveApp = app;
-            debugLog(u"Tracking: seeded with frontmost → "_s + describe(*app));
-        }
+    if (const auto app = applicationOf(m_active.activePid().value_or(0),
+                                       m_active.activeAppId().value_or(QString()))) {
+        m_lastActiveApp = app;
+        debugLog(u"Tracking: seeded with frontmost → "_s + describe(*app));
     }
 }

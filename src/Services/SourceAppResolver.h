@@ -43,8 +43,9 @@ private:
     std::optional<SourceApp> burstLockedResult(qint64 now);
     void lockBurstSource(const SourceApp &app, qint64 now);
     std::optional<SourceApp> fallbackToFrontmostApp();
-    std::optional<SourceApp> applicationOf(qint64 pid);
-    void activated(qint64 pid);
+    // appId: the desktop entry the desktop named, tried first.
+    std::optional<SourceApp> applicationOf(qint64 pid, const QString &appId = {});
+    void activated(qint64 pid, const QString &appId);
 
     ProcessApps &m_apps;
     ActiveApplication &m_active;

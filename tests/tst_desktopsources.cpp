@@ -1,9 +1,10 @@
-// Links from sandboxed applications, which reach Quillvane only through a
-// broker of the desktop: the real xdg-desktop-portal (started by the test's own
-// session bus, under a virtual X server) for a Flatpak app made with bwrap, and
-// a stand-in for snapd's session agent (which runs xdg-open, as snapd does) for
-// a process in a snap's cgroup. Quillvane must credit the application, not the
-// broker.
+// What today's desktops tell of a link's source application. Links from
+// sandboxed applications reach Quillvane only through a broker: the real
+// xdg-desktop-portal (started by the test's own session bus, under a virtual X
+// server) for a Flatpak app made with bwrap, and a stand-in for snapd's session
+// agent (which runs xdg-open, as snapd does) for a process in a snap's cgroup.
+// Quillvane must credit the application, not the broker. On Wayland, KWin
+// reports the active window through the script Quillvane gives it.
 #include "FakeDesktop.h"
 #include "InstalledQuillvane.h"
 #include "TestSupport.h"
@@ -11,6 +12,9 @@
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDir>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QProcess>
 #include <QScopeGuard>
 #include <QStandardPaths>
@@ -43,9 +47,30 @@ QString ownCgroup()
     return {};
 }
 
+// KWin's scripting interface, as far as Quillvane uses it.
+class FakeKWinScripting final : public QObject
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.kde.kwin.Scripting")
+
+public Q_SLOTS:
+    int loadScript(const QString &path, const QString &name)
+    {
+        QFile file(path);
+        scripts.insert(name, file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray());
+        return int(scripts.size());
+    }
+    bool unloadScript(const QString &name) { return scripts.remove(name) > 0; }
+    void start() { started = !scripts.isEmpty(); }
+
+public:
+    QHash<QString, QByteArray> scripts;
+    bool started = false;
+};
+
 } // namespace
 
-class TestSandboxed final : public QObject
+class TestDesktopSources final : public QObject
 {
     Q_OBJECT
 
@@ -55,6 +80,7 @@ private Q_SLOTS:
     void flatpakAppThroughThePortal();
     void snapAppThroughSnapd();
     void otherTrafficLeavesTheMonitorAsleep();
+    void kwinReportsTheActiveWindow();
 
 private:
     // bwrap's arguments for a sandbox that shares the host's folders and holds
@@ -67,11 +93,12 @@ private:
         return InstalledQuillvane::storedHistory(*m_desktop).value(0);
     }
     QString historyLine();
+    QJsonObject doctorWays();
 
     std::unique_ptr<FakeDesktop> m_desktop;
 };
 
-void TestSandboxed::initTestCase()
+void TestDesktopSources::initTestCase()
 {
     if (!QDBusConnection::sessionBus().isConnected())
         QSKIP("needs a session bus: run under dbus-run-session");
@@ -119,13 +146,13 @@ void TestSandboxed::initTestCase()
     m_desktop->forget(u"fallback-browser"_s);
 }
 
-void TestSandboxed::cleanupTestCase()
+void TestDesktopSources::cleanupTestCase()
 {
     if (m_desktop)
         QVERIFY(InstalledQuillvane::stop());
 }
 
-QStringList TestSandboxed::flatpakSandbox(const QString &appId)
+QStringList TestDesktopSources::flatpakSandbox(const QString &appId)
 {
     const QString info = m_desktop->root() + u"/flatpak-info-"_s + appId;
     writeFile(info, "[Application]\nname=" + appId.toUtf8()
@@ -143,7 +170,7 @@ QStringList TestSandboxed::flatpakSandbox(const QString &appId)
     return arguments << u"--ro-bind"_s << info << u"/.flatpak-info"_s;
 }
 
-bool TestSandboxed::waitForStart(QProcess &process, const QByteArray &line)
+bool TestDesktopSources::waitForStart(QProcess &process, const QByteArray &line)
 {
     return QTest::qWaitFor(
         [&] {
@@ -154,14 +181,27 @@ bool TestSandboxed::waitForStart(QProcess &process, const QByteArray &line)
            && process.readLine().startsWith(line);
 }
 
-QString TestSandboxed::historyLine()
+QString TestDesktopSources::historyLine()
 {
     const auto result =
         InstalledQuillvane::run(g_installed.program(u"quillvane"_s), {u"history"_s});
     return result.out.section(u'\n', 0, 0);
 }
 
-void TestSandboxed::flatpakAppThroughThePortal()
+// What `quillvane doctor` says of each way of finding the source, by its id.
+QJsonObject TestDesktopSources::doctorWays()
+{
+    const auto result = InstalledQuillvane::run(g_installed.program(u"quillvane"_s),
+                                                {u"doctor"_s, u"--json"_s});
+    QJsonObject ways;
+    const QJsonObject sources =
+        QJsonDocument::fromJson(result.out.toUtf8()).object().value(u"sourceApps"_s).toObject();
+    for (const QJsonValue &way : sources.value(u"ways"_s).toArray())
+        ways.insert(way[u"id"_s].toString(), way[u"works"_s]);
+    return ways;
+}
+
+void TestDesktopSources::flatpakAppThroughThePortal()
 {
     if (QStandardPaths::findExecutable(u"bwrap"_s).isEmpty()
         || !QFile::exists(u"/usr/libexec/xdg-desktop-portal"_s))
@@ -195,10 +235,14 @@ void TestSandboxed::flatpakAppThroughThePortal()
     QCOMPARE(latestRecord().sourceAppBundleID, u"com.example.SandboxedChat"_s);
     QCOMPARE(latestRecord().sourceAppName, u"Sandboxed Chat"_s);
     QVERIFY2(historyLine().contains(u"Sandboxed Chat › Chat Browser"_s), qPrintable(historyLine()));
+    const QJsonObject ways = doctorWays();
+    QCOMPARE(ways.value(u"portal-monitor"_s), true);
+    QCOMPARE(ways.value(u"snap-monitor"_s), false);
+    QCOMPARE(ways.value(u"x11-active-window"_s), true);
 
 }
 
-void TestSandboxed::snapAppThroughSnapd()
+void TestDesktopSources::snapAppThroughSnapd()
 {
     // A snap's processes live in a cgroup that names it.
     const QString parent = ownCgroup();
@@ -230,9 +274,10 @@ void TestSandboxed::snapAppThroughSnapd()
     QCOMPARE(m_desktop->arguments(u"music-browser"_s), QStringList{link});
     QTRY_COMPARE(latestRecord().originalURL, link);
     QCOMPARE(latestRecord().sourceAppName, u"Tunes"_s);
+    QCOMPARE(doctorWays().value(u"snap-monitor"_s), true);
 }
 
-void TestSandboxed::otherTrafficLeavesTheMonitorAsleep()
+void TestDesktopSources::otherTrafficLeavesTheMonitorAsleep()
 {
     // The monitor's thread wakes only for open requests: calls of any other
     // kind on the bus leave its count of context switches where it was.
@@ -259,5 +304,53 @@ void TestSandboxed::otherTrafficLeavesTheMonitorAsleep()
     QCOMPARE(switches(), before);
 }
 
-QTEST_MAIN(TestSandboxed)
-#include "tst_sandboxed.moc"
+void TestDesktopSources::kwinReportsTheActiveWindow()
+{
+    // Quillvane again, now in a Wayland session with KWin on the bus.
+    QVERIFY(InstalledQuillvane::stop());
+    qputenv("DISPLAY", "");
+    qputenv("WAYLAND_DISPLAY", "wayland-quillvane-test");
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+    QVERIFY(InstalledQuillvane::shareEnvironment());
+    FakeKWinScripting kwin;
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    QVERIFY(bus.registerObject(u"/Scripting"_s, &kwin, QDBusConnection::ExportAllSlots));
+    QVERIFY(bus.registerService(u"org.kde.KWin"_s));
+    QCOMPARE(InstalledQuillvane::run(g_installed.program(u"quillvane-open"_s),
+                                     {u"https://example.com/wayland"_s})
+                 .exitCode,
+             0);
+    QVERIFY(m_desktop->waitForRun(u"fallback-browser"_s));
+    for (const QString &browser : {u"fallback-browser"_s, u"chat-browser"_s, u"music-browser"_s})
+        m_desktop->forget(browser);
+    QTRY_VERIFY(kwin.started);
+    QCOMPARE(kwin.scripts.keys(), QStringList{u"quillvane-active-window"_s});
+    QVERIFY(kwin.scripts.begin().value().contains("clientActivated"));
+
+    // A link nothing else tells the source of comes from the application KWin
+    // named last; what others claim does not count.
+    const auto report = [](const QString &appId) {
+        return u"gdbus call --session --dest work.vorpa.Quillvane --object-path "
+               "/work/vorpa/Quillvane/ActiveWindow --method "
+               "work.vorpa.Quillvane.ActiveWindow.WindowActivated %1 0"_s.arg(appId);
+    };
+    QDBusMessage activated = QDBusMessage::createMethodCall(
+        u"work.vorpa.Quillvane"_s, u"/work/vorpa/Quillvane/ActiveWindow"_s,
+        u"work.vorpa.Quillvane.ActiveWindow"_s, u"WindowActivated"_s);
+    activated << u"com.example.SandboxedChat"_s << u"0"_s;
+    QCOMPARE(bus.call(activated).type(), QDBusMessage::ReplyMessage);
+    QCOMPARE(InstalledQuillvane::run(u"/bin/sh"_s, {u"-c"_s, report(u"tunes_tunes"_s)}).exitCode,
+             0);
+    QCOMPARE(InstalledQuillvane::run(g_installed.program(u"quillvane-open"_s),
+                                     {u"https://example.com/after-kwin"_s})
+                 .exitCode,
+             0);
+    QVERIFY(m_desktop->waitForRun(u"chat-browser"_s));
+    QVERIFY(!m_desktop->ran(u"music-browser"_s));
+    const QJsonObject ways = doctorWays();
+    QCOMPARE(ways.value(u"kwin-active-window"_s), true);
+    QCOMPARE(ways.value(u"x11-active-window"_s), false);
+}
+
+QTEST_MAIN(TestDesktopSources)
+#include "tst_desktopsources.moc"
