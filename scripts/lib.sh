@@ -11,6 +11,9 @@ BUILD_PACKAGES=(
 TEST_PACKAGES=(
     libbenchmark-dev dbus libglib2.0-bin xdg-utils xvfb xauth zsh bsdutils trayer xdotool openssl
     sqlite3
+    # Sandboxed apps' links through the real portal, and the window on a tiling Wayland desktop.
+    xdg-desktop-portal xdg-desktop-portal-gtk gsettings-desktop-schemas bubblewrap
+    sway wtype qt6-wayland
 )
 
 # To build and run the fuzzers (libFuzzer comes with clang's runtime libraries).

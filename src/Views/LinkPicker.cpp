@@ -106,7 +106,10 @@ LinkPicker::LinkPicker(AppState &state, DesktopEntries &entries, QWidget *parent
     layout->addWidget(m_rememberApp);
     layout->addWidget(hint);
     layout->addStretch();
-    setMinimumWidth(LinkWidth + 36);
+    // Always its natural size: tiling compositors (sway, Hyprland) float a
+    // window whose size cannot change, where they would tile any other over
+    // the whole screen.
+    layout->setSizeConstraint(QLayout::SetFixedSize);
 
     connect(m_filter, &QLineEdit::textChanged, this, &LinkPicker::filterRows);
     // A browser installed or a profile renamed while the window asks.

@@ -1,0 +1,198 @@
+// The window that asks, on a tiling Wayland compositor: a real sway (headless,
+// as an unprivileged user when the test runs as root, since sway refuses root)
+// must float it at its natural size instead of tiling it over the screen, and
+// keys typed on the compositor's virtual keyboard (wtype) must reach it.
+#include "App/AppState.h"
+#include "TestSupport.h"
+#include "Views/LinkPicker.h"
+
+#include <QApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QThread>
+
+#include <unistd.h>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+
+// sway in a runtime folder of its own, with one headless output.
+class Sway final
+{
+public:
+    ~Sway()
+    {
+        m_process.terminate();
+        m_process.waitForFinished(10000);
+    }
+
+    bool start()
+    {
+        for (const char *program : {"sway", "swaymsg", "wtype", "setpriv"}) {
+            if (QStandardPaths::findExecutable(QString::fromLatin1(program)).isEmpty()) {
+                error = u"%1 is not installed"_s.arg(QString::fromLatin1(program));
+                return false;
+            }
+        }
+        const QString config = m_dir.path() + u"/config"_s;
+        writeFile(config, "output HEADLESS-1 resolution 1280x800\n");
+        QFile::setPermissions(m_dir.path(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner
+                                                | QFile::ReadOther | QFile::ExeOther);
+        QFile::setPermissions(config, QFile::ReadOwner | QFile::ReadOther);
+        const QString runtime = m_dir.path() + u"/run"_s;
+        QDir().mkpath(runtime);
+        QStringList command{u"sway"_s, u"-c"_s, config};
+        if (::geteuid() == 0) {
+            if (::chown(QFile::encodeName(runtime).constData(), 65534, 65534) != 0) {
+                error = u"cannot hand the runtime folder to nobody"_s;
+                return false;
+            }
+            command = QStringList{u"setpriv"_s, u"--reuid=65534"_s, u"--regid=65534"_s,
+                                  u"--clear-groups"_s}
+                      + command;
+        }
+        QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        QProcessEnvironment environment;
+        environment.insert(u"PATH"_s, qEnvironmentVariable("PATH"));
+        environment.insert(u"HOME"_s, runtime);
+        environment.insert(u"XDG_RUNTIME_DIR"_s, runtime);
+        environment.insert(u"WLR_BACKENDS"_s, u"headless"_s);
+        environment.insert(u"WLR_RENDERER"_s, u"pixman"_s);
+        environment.insert(u"WLR_LIBINPUT_NO_DEVICES"_s, u"1"_s);
+        m_process.setProcessEnvironment(environment);
+        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_process.setStandardOutputFile(QProcess::nullDevice());
+        m_process.start(command.takeFirst(), command);
+        // Up once both its sockets are there.
+        QElapsedTimer clock;
+        clock.start();
+        while (clock.elapsed() < 60000 && m_process.state() != QProcess::NotRunning) {
+            const QStringList ipc = QDir(runtime).entryList({u"sway-ipc.*.sock"_s}, QDir::System);
+            if (QFile::exists(runtime + u"/wayland-1"_s) && !ipc.isEmpty()) {
+                socket = runtime + u"/wayland-1"_s;
+                ipcSocket = runtime + u'/' + ipc.first();
+                return true;
+            }
+            QThread::msleep(20);
+        }
+        error = u"sway did not start"_s;
+        return false;
+    }
+
+    // The windows sway floats, by title, with their size.
+    QHash<QString, QSize> floatingWindows() const
+    {
+        QProcess swaymsg;
+        swaymsg.start(u"swaymsg"_s, {u"-s"_s, ipcSocket, u"-r"_s, u"-t"_s, u"get_tree"_s});
+        swaymsg.waitForFinished(10000);
+        QHash<QString, QSize> windows;
+        std::function<void(const QJsonObject &)> walk = [&](const QJsonObject &node) {
+            for (const QJsonValue &floating : node.value(u"floating_nodes"_s).toArray()) {
+                // The window itself, without the border and title sway gives it.
+                const QJsonObject rect = floating[u"window_rect"_s].toObject();
+                windows.insert(floating[u"name"_s].toString(),
+                               QSize(rect.value(u"width"_s).toInt(), rect.value(u"height"_s).toInt()));
+            }
+            for (const QJsonValue &child : node.value(u"nodes"_s).toArray())
+                walk(child.toObject());
+        };
+        walk(QJsonDocument::fromJson(swaymsg.readAllStandardOutput()).object());
+        return windows;
+    }
+
+    // Types on a virtual keyboard of sway's, while the events go on: the
+    // window binds a keyboard only once one is there, so keys typed before
+    // that are lost (a key that means nothing goes first).
+    bool type(const QString &text) const
+    {
+        QProcess wtype;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(u"WAYLAND_DISPLAY"_s, socket);
+        wtype.setProcessEnvironment(environment);
+        wtype.start(u"wtype"_s, {u"-k"_s, u"Shift_L"_s, text});
+        return QTest::qWaitFor([&wtype] { return wtype.state() == QProcess::NotRunning; }, 10000)
+               && wtype.exitCode() == 0;
+    }
+
+    QString error;
+    QString socket;
+    QString ipcSocket;
+
+private:
+    QTemporaryDir m_dir;
+    QProcess m_process;
+};
+
+Sway *g_sway = nullptr;
+
+} // namespace
+
+class TestPickerWayland final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void floatsAndTakesKeys();
+};
+
+void TestPickerWayland::floatsAndTakesKeys()
+{
+    if (!g_sway->error.isEmpty())
+        QSKIP(qPrintable(g_sway->error));
+    QCOMPARE(QGuiApplication::platformName(), u"wayland"_s);
+    AppFixture app;
+    // Safari and Firefox, without the profiles of a Firefox of the real user's.
+    qputenv("HOME", QFile::encodeName(app.environment.path()));
+    app.start().refreshBrowsers();
+    LinkPicker picker(*app.state, app.entries);
+    QList<AskAnswer> answers;
+    picker.ask(AskRequest{link(u"https://example.com/tiling"_s), std::nullopt, {}, u"safari"_s},
+               [&answers](const AskAnswer &answer) { answers.append(answer); });
+
+    // Floating, at about the size it asks for, not tiled over the 1280×800 output.
+    QSize floated;
+    QVERIFY(QTest::qWaitFor([&] {
+        floated = g_sway->floatingWindows().value(picker.windowTitle());
+        return floated.isValid() && !floated.isEmpty();
+    }, 30000));
+    QVERIFY2(std::abs(floated.width() - picker.width()) <= 4
+                 && std::abs(floated.height() - picker.height()) <= 4,
+             qPrintable(u"%1×%2, asked for %3×%4"_s.arg(floated.width()).arg(floated.height())
+                            .arg(picker.width()).arg(picker.height())));
+    QVERIFY(floated.width() < 1280 && floated.height() < 800);
+
+    // It has the keyboard: the digit 2 opens the second row.
+    QTRY_VERIFY_WITH_TIMEOUT(picker.isActiveWindow(), 30000);
+    for (int attempt = 0; attempt < 30 && answers.isEmpty(); ++attempt) {
+        QVERIFY(g_sway->type(u"2"_s));
+        if (QTest::qWaitFor([&answers] { return !answers.isEmpty(); }, 1000))
+            break;
+    }
+    QCOMPARE(answers.size(), 1);
+    QCOMPARE(answers[0].kind, AskAnswer::Kind::Chosen);
+    QCOMPARE(answers[0].browserID, u"firefox"_s);
+}
+
+int main(int argc, char **argv)
+{
+    Sway sway;
+    g_sway = &sway;
+    if (sway.start()) {
+        qputenv("WAYLAND_DISPLAY", QFile::encodeName(sway.socket));
+        qputenv("QT_QPA_PLATFORM", "wayland");
+        qunsetenv("DISPLAY");
+    }
+    QApplication application(argc, argv);
+    TestPickerWayland test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_pickerwayland.moc"
