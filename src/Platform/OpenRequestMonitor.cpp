@@ -107,7 +107,7 @@ bool becomeMonitor(sd_bus *bus, QString *error)
         result = sd_bus_message_close_container(call);
     if (result >= 0)
         result = sd_bus_message_append(call, "u", 0u);
-    sd_bus_error busError = SD_BUS_ERROR_NULL;
+    sd_bus_error busError{}; // SD_BUS_ERROR_NULL, which C++ cannot spell
     if (result >= 0)
         result = sd_bus_call(bus, call, 0, &busError, nullptr);
     sd_bus_message_unref(call);
@@ -242,7 +242,7 @@ void BusOpenRequestMonitor::State::record(sd_bus_message *message)
 std::optional<qint64> BusOpenRequestMonitor::State::senderPid(const char *sender)
 {
     sd_bus_message *reply = nullptr;
-    sd_bus_error busError = SD_BUS_ERROR_NULL;
+    sd_bus_error busError{}; // SD_BUS_ERROR_NULL, which C++ cannot spell
     int result = sd_bus_call_method(lookup.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
                                     "org.freedesktop.DBus", "GetConnectionUnixProcessID",
                                     &busError, &reply, "s", sender);
