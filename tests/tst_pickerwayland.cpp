@@ -16,8 +16,9 @@
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTest>
-#include <QThread>
 
+#include <poll.h>
+#include <sys/inotify.h>
 #include <unistd.h>
 
 using namespace Qt::Literals::StringLiterals;
@@ -70,19 +71,27 @@ public:
         m_process.setProcessEnvironment(environment);
         m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         m_process.setStandardOutputFile(QProcess::nullDevice());
+        // Up once both its sockets are there: told by inotify, as there is no
+        // event loop yet (the application is made once sway is up).
+        const int watch = ::inotify_init1(IN_CLOEXEC);
+        ::inotify_add_watch(watch, QFile::encodeName(runtime).constData(), IN_CREATE);
         m_process.start(command.takeFirst(), command);
-        // Up once both its sockets are there.
         QElapsedTimer clock;
         clock.start();
-        while (clock.elapsed() < 60000 && m_process.state() != QProcess::NotRunning) {
+        while (clock.elapsed() < 60000 && !m_process.waitForFinished(0)) {
             const QStringList ipc = QDir(runtime).entryList({u"sway-ipc.*.sock"_s}, QDir::System);
             if (QFile::exists(runtime + u"/wayland-1"_s) && !ipc.isEmpty()) {
                 socket = runtime + u"/wayland-1"_s;
                 ipcSocket = runtime + u'/' + ipc.first();
+                ::close(watch);
                 return true;
             }
-            QThread::msleep(20);
+            pollfd created{watch, POLLIN, 0};
+            char events[4096];
+            if (::poll(&created, 1, 1000) > 0 && ::read(watch, events, sizeof events) < 0)
+                break;
         }
+        ::close(watch);
         error = u"sway did not start"_s;
         return false;
     }
