@@ -1,13 +1,13 @@
 #include "App/CommandLine.h"
 #include "App/QuillvaneApp.h"
 #include "Platform/DesktopEntries.h"
+#include "Platform/ProcessEnd.h"
 #include "Platform/SystemLog.h"
 
 #include <QCoreApplication>
 #include <QTextStream>
 
 #include <cstdio>
-#include <unistd.h>
 
 int main(int argc, char *argv[])
 {
@@ -31,5 +31,5 @@ int main(int argc, char *argv[])
     // A command has nothing left to tear down, and Qt 6.4's bus thread may still
     // be handling the bus's last words while static destructors dismantle the
     // type registry, which it then reports as warnings on the way out.
-    ::_exit(status);
+    ProcessEnd::immediately(status);
 }

@@ -40,7 +40,8 @@ bool InstalledQuillvane::shareEnvironment()
          {"HOME", "XDG_DATA_HOME", "XDG_DATA_DIRS", "XDG_CONFIG_HOME", "XDG_CONFIG_DIRS",
           "XDG_STATE_HOME", "XDG_RUNTIME_DIR", "QT_QPA_PLATFORM", "PATH", "DISPLAY",
           "WAYLAND_DISPLAY", "XAUTHORITY", "XDG_CURRENT_DESKTOP", "DBUS_SYSTEM_BUS_ADDRESS",
-          "GSETTINGS_SCHEMA_DIR", "NO_AT_BRIDGE", "ASAN_OPTIONS", "UBSAN_OPTIONS"}) {
+          "GSETTINGS_SCHEMA_DIR", "NO_AT_BRIDGE", "ASAN_OPTIONS", "UBSAN_OPTIONS",
+          "LLVM_PROFILE_FILE"}) {
         if (qEnvironmentVariableIsSet(name))
             variables.insert(QString::fromLatin1(name), qEnvironmentVariable(name));
     }

@@ -482,13 +482,16 @@ void TestEndToEnd::settingsDeletedWhileRunning()
 void TestEndToEnd::historyThatCannotBeWritten_data()
 {
     QTest::addColumn<QString>("fault");
-    QTest::newRow("full disk") << u"full disk"_s;
-    QTest::newRow("read-only disk") << u"read-only disk"_s;
+    // Written by the next link, or by quitting on SIGTERM (as at logout).
+    QTest::addColumn<bool>("thenQuits");
+    QTest::newRow("full disk") << u"full disk"_s << false;
+    QTest::newRow("read-only disk, then quit") << u"read-only disk"_s << true;
 }
 
 void TestEndToEnd::historyThatCannotBeWritten()
 {
     QFETCH(QString, fault);
+    QFETCH(bool, thenQuits);
     const QString folder = m_desktop->stateHome() + u"/Quillvane"_s;
     const QString path = folder + u"/history.sqlite3"_s;
     QDBusConnection::sessionBus().call(openCall({u"https://other.example/before-the-fault"_s}));
@@ -565,6 +568,17 @@ void TestEndToEnd::historyThatCannotBeWritten()
     QCOMPARE(said.count("Could not write the history database"), 1);
 
     QVERIFY(lift());
+    if (thenQuits) {
+        QCOMPARE(::kill(pid_t(instance.processId()), SIGTERM), 0);
+        QVERIFY(instance.waitForFinished(10000));
+        QCOMPARE(instance.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(instance.exitCode(), 0);
+        const QList<ForwardingRecord> history = storedHistory();
+        for (int i = 0; i < 3; ++i)
+            QCOMPARE(history.value(2 - i).originalURL,
+                     u"https://other.example/cannot-write/%1"_s.arg(i));
+        return;
+    }
     QDBusConnection::sessionBus().call(openCall({u"https://other.example/can-write"_s}));
     const bool written = QTest::qWaitFor(
         [&] {

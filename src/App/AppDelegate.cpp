@@ -24,6 +24,7 @@
 #include "Services/UpdateChecker.h"
 #include "Storage/HistoryDatabase.h"
 #include "Storage/HistoryMigration.h"
+#include "Storage/HistoryStore.h"
 #include "Storage/RuleStore.h"
 #include "Storage/UserSettings.h"
 #include "Views/LinkPicker.h"
@@ -171,6 +172,19 @@ void AppDelegate::applicationDidFinishLaunching()
     setupStatusItem();
     m_updates->startAutomaticChecks();
     promptSetAsDefaultBrowserIfNeeded();
+}
+
+void AppDelegate::applicationWillTerminate()
+{
+    // Links routed while the disk refused them wait in memory for the next retry,
+    // which will not come: this is their last chance. Links accepted and not yet
+    // opened stay in the journal, and the next start opens them.
+    HistoryDatabase::Unwritten &unwritten = m_history->unwritten();
+    if (unwritten.isEmpty() || HistoryStore::flush(*m_history))
+        return;
+    qCCritical(lcAppDelegate).noquote()
+        << u"Quitting with %1 forwarded links not yet written to the history: %2"_s.arg(
+               QString::number(unwritten.records.size()), m_history->lastFailure());
 }
 
 void AppDelegate::promptSetAsDefaultBrowserIfNeeded()

@@ -42,6 +42,8 @@ public:
     // bus; false when another instance owns it (or there is no bus).
     bool applicationWillFinishLaunching();
     void applicationDidFinishLaunching();
+    // After the event loop ended: writes what the history still holds in memory.
+    void applicationWillTerminate();
     void promptSetAsDefaultBrowserIfNeeded();
     // Where the desktop entry's "Create Rule" leads.
     void openRuleEditor();

@@ -6,6 +6,7 @@
 #include "App/LinkIntake.h"
 #include "Automation/BusNames.h"
 #include "Models/Link.h"
+#include "Platform/ProcessEnd.h"
 
 #include <QApplication>
 #include <QDBusConnection>
@@ -127,6 +128,7 @@ int run(int &argc, char **argv, const QByteArrayList &arguments)
     QApplication::setApplicationName(u"Quillvane"_s);
     QApplication::setDesktopFileName(QString::fromUtf16(BuildInfo::AppId));
     QApplication::setQuitOnLastWindowClosed(false);
+    ProcessEnd::quitOnTerminationSignals(application);
 
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected()) {
@@ -152,7 +154,9 @@ int run(int &argc, char **argv, const QByteArrayList &arguments)
         delegate.intake().onAction(request.action);
     if (request.settings)
         delegate.openSettings();
-    return QApplication::exec();
+    const int status = QApplication::exec();
+    delegate.applicationWillTerminate();
+    return status;
 }
 
 } // namespace QuillvaneApp
