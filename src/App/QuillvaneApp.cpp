@@ -9,6 +9,7 @@
 #include "Platform/ProcessEnd.h"
 
 #include <QApplication>
+#include <QWidget>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
@@ -128,7 +129,18 @@ int run(int &argc, char **argv, const QByteArrayList &arguments)
     QApplication::setApplicationName(u"Quillvane"_s);
     QApplication::setDesktopFileName(QString::fromUtf16(BuildInfo::AppId));
     QApplication::setQuitOnLastWindowClosed(false);
-    ProcessEnd::quitOnTerminationSignals(application);
+    // A dialog's loop (the prompt at start-up) runs before the application's
+    // own, which a quit that comes then would not end: the dialog ends with the
+    // careful answer, and the application's loop does not start.
+    bool quitting = false;
+    ProcessEnd::onTerminationSignal(&application, [&quitting] {
+        quitting = true;
+        while (QWidget *modal = QApplication::activeModalWidget()) {
+            if (!modal->close())
+                break;
+        }
+        QCoreApplication::quit();
+    });
 
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected()) {
@@ -154,7 +166,7 @@ int run(int &argc, char **argv, const QByteArrayList &arguments)
         delegate.intake().onAction(request.action);
     if (request.settings)
         delegate.openSettings();
-    const int status = QApplication::exec();
+    const int status = quitting ? 0 : QApplication::exec();
     delegate.applicationWillTerminate();
     return status;
 }

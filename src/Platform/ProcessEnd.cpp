@@ -2,7 +2,7 @@
 
 #include "Platform/SystemLog.h"
 
-#include <QCoreApplication>
+#include <QObject>
 #include <QSocketNotifier>
 
 #include <cerrno>
@@ -31,25 +31,23 @@ void onSignal(int number)
 
 } // namespace
 
-void quitOnTerminationSignals(QCoreApplication &application)
+void onTerminationSignal(QObject *context, std::function<void()> quit)
 {
     int fds[2];
     if (g_wakeFd >= 0 || ::pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0)
         return;
     g_wakeFd = fds[1];
-    auto *notifier = new QSocketNotifier(fds[0], QSocketNotifier::Read, &application);
-    QObject::connect(notifier, &QSocketNotifier::activated, &application, [fd = fds[0]] {
-        unsigned char byte = 0;
-        while (::read(fd, &byte, 1) == 1) {
-            qCInfo(lcProcessEnd).noquote()
-                << QStringLiteral("Quitting on signal %1").arg(QString::fromLatin1(::sigabbrev_np(byte)));
-        }
-        // Ends every running loop, a dialog's too; the queued second quit ends
-        // the main loop should it only start after this (a prompt at start-up).
-        QCoreApplication::quit();
-        QMetaObject::invokeMethod(QCoreApplication::instance(), &QCoreApplication::quit,
-                                  Qt::QueuedConnection);
-    });
+    auto *notifier = new QSocketNotifier(fds[0], QSocketNotifier::Read, context);
+    QObject::connect(notifier, &QSocketNotifier::activated, context,
+                     [fd = fds[0], quit = std::move(quit)] {
+                         unsigned char byte = 0;
+                         while (::read(fd, &byte, 1) == 1) {
+                             qCInfo(lcProcessEnd).noquote()
+                                 << QStringLiteral("Quitting on signal %1")
+                                        .arg(QString::fromLatin1(::sigabbrev_np(byte)));
+                         }
+                         quit();
+                     });
 
     struct sigaction action = {};
     action.sa_handler = onSignal;

@@ -1,16 +1,17 @@
 #pragma once
 
-class QCoreApplication;
+#include <functional>
+
+class QObject;
 
 // How the process ends, on Linux's terms.
 namespace ProcessEnd {
 
-// SIGTERM (systemd at logout, `kill`) and SIGINT (Ctrl+C in a terminal) end the
-// main event loop like "Quit Quillvane" does, so whatever runs after it (the
-// history written, the database closed) still runs. A second signal while
-// quitting ends the process at once, as if nothing were handled. Call once,
-// after the application object exists.
-void quitOnTerminationSignals(QCoreApplication &application);
+// SIGTERM (systemd at logout, `kill`) and SIGINT (Ctrl+C in a terminal) run
+// quit in the event loop of context's thread instead of ending the process on
+// the spot, so that it can end like "Quit Quillvane" does. A second signal
+// ends the process at once, should quitting hang. Call once.
+void onTerminationSignal(QObject *context, std::function<void()> quit);
 
 // Ends the process now with status, without static destructors; an
 // instrumented build writes its coverage profile first, which it would
