@@ -37,10 +37,7 @@ private Q_SLOTS:
     void cleanup();
     void startupChoosesAFallback_data();
     void startupChoosesAFallback();
-    void startupKeepsAStoredFallback();
     void damagedRulesAreKept();
-    void ruleOperationsSaveAtOnce();
-    void switchesAndFallbackSaveAtOnce();
     void importReplacesRulesOnly();
     void launchAtLogin();
     void defaultBrowserCheckIsExact();
@@ -121,24 +118,6 @@ void TestAppState::startupChoosesAFallback()
     QCOMPARE(RuleStore(*reopened()).loadDefaultBrowserBundleID(), fallback);
 }
 
-void TestAppState::startupKeepsAStoredFallback()
-{
-    m_store->saveDefaultBrowserBundleID(u"uninstalled-browser"_s);
-    m_store->saveRules({makeRule(u"app"_s, std::nullopt, u"b"_s)});
-    m_store->saveRulesEnabled(false);
-    m_autostart.enabled = true;
-    QTest::ignoreMessage(QtInfoMsg,
-                         "AppState initialized with 1 rule(s), 3 browser(s), default: <private>");
-    const auto state = makeState();
-    QCOMPARE(state->defaultBrowserBundleID(), u"uninstalled-browser"_s);
-    QCOMPARE(state->rules().size(), 1);
-    QVERIFY(!state->rulesEnabled());
-    QVERIFY(state->launchAtLogin());
-    QVERIFY(state->urlCleaningEnabled());
-    QVERIFY(!state->urlExpansionEnabled());
-    QCOMPARE(state->browsers().size(), 3);
-}
-
 // Six rules, one of them with an id that is no UUID: five are used, the user is
 // told once, and the file as it was survives the next save.
 void TestAppState::damagedRulesAreKept()
@@ -177,58 +156,6 @@ void TestAppState::damagedRulesAreKept()
     QFile copy(QFileInfo(file).dir().filePath(copies.first()));
     QVERIFY(copy.open(QIODevice::ReadOnly));
     QCOMPARE(copy.readAll(), original);
-}
-
-void TestAppState::ruleOperationsSaveAtOnce()
-{
-    const auto state = makeState();
-    QSignalSpy changed(state.get(), &AppState::rulesChanged);
-    const RoutingRule first = makeRule(u"a"_s, std::nullopt, u"x"_s);
-    const RoutingRule second = makeRule(QString(), u"example.com"_s, u"y"_s);
-    state->addRule(first);
-    state->addRule(second);
-    QCOMPARE(RuleStore(*reopened()).loadRules(), (QList<RoutingRule>{first, second}));
-
-    RoutingRule edited = first;
-    edited.urlPattern = u"*.org"_s;
-    state->updateRule(edited);
-    QCOMPARE(RuleStore(*reopened()).loadRules(), (QList<RoutingRule>{edited, second}));
-    state->updateRule(makeRule(u"unknown"_s, std::nullopt, u"z"_s));
-    QCOMPARE(changed.size(), 3);
-
-    // Two rules sharing an id (an imported document can hold such) go together.
-    RoutingRule twin = second;
-    twin.targetBrowserBundleID = u"twin"_s;
-    state->addRule(twin);
-    state->deleteRule(second);
-    QCOMPARE(RuleStore(*reopened()).loadRules(), QList<RoutingRule>{edited});
-    state->deleteRule(second);
-    QCOMPARE(changed.size(), 6);
-}
-
-void TestAppState::switchesAndFallbackSaveAtOnce()
-{
-    const auto state = makeState();
-    QSignalSpy rules(state.get(), &AppState::rulesEnabledChanged);
-    QSignalSpy cleaning(state.get(), &AppState::urlCleaningEnabledChanged);
-    QSignalSpy expansion(state.get(), &AppState::urlExpansionEnabledChanged);
-    QSignalSpy fallback(state.get(), &AppState::defaultBrowserBundleIDChanged);
-    state->toggleRulesEnabled();
-    state->toggleURLCleaning();
-    state->toggleURLExpansion();
-    state->setDefaultBrowser(u"not-checked"_s);
-    QCOMPARE(rules.size() + cleaning.size() + expansion.size() + fallback.size(), 4);
-
-    auto disk = reopened();
-    QCOMPARE(disk->value(u"rules_enabled"_s).toString(), u"false"_s);
-    QCOMPARE(disk->value(u"url_cleaning_enabled"_s).toString(), u"false"_s);
-    QCOMPARE(disk->value(u"url_expansion_enabled"_s).toString(), u"true"_s);
-    QCOMPARE(disk->value(u"default_browser_bundle_id"_s).toString(), u"not-checked"_s);
-    QVERIFY(!state->rulesEnabled() && !state->urlCleaningEnabled() && state->urlExpansionEnabled());
-
-    // A second application state reads what the first one saved.
-    const auto again = makeState();
-    QVERIFY(!again->rulesEnabled() && !again->urlCleaningEnabled() && again->urlExpansionEnabled());
 }
 
 void TestAppState::importReplacesRulesOnly()

@@ -46,17 +46,12 @@ class TestBrowsers final : public QObject
 private Q_SLOTS:
     void initTestCase();
     void discovery();
-    void discoveryIsCachedUntilRefreshed();
     void launchByIdIgnoringCase();
-    void linksStayOneArgument_data();
-    void linksStayOneArgument();
     void flatpakEntryGetsTheLinkBetweenItsMarkers();
     void systemLookupForUnlistedBrowsers();
     void launchFailures();
-    void aBrowserThatEndsAtOnceHasNotOpened();
     void privateWindowsAndExtraArguments();
     void dbusActivatableEntriesAreActivated();
-    void profileLaunches();
     void profileLaunchFailures();
     void doctorShowsTheDesktop();
     void theLedgerForgetsAfterItsWindow();
@@ -159,21 +154,6 @@ void TestBrowsers::discovery()
              u"Forger\\x0A[2026-01-01T00:00:00Z] \\x1B[2Jforged"_s);
 }
 
-void TestBrowsers::discoveryIsCachedUntilRefreshed()
-{
-    const qsizetype before =
-        BrowserDiscovery::refreshBrowsers(GioDesktopEntries::instance()).size();
-    m_desktop->addBrowser(u"new-browser"_s, u"New Browser"_s);
-    // GIO notices the new file from the main loop.
-    QTest::qWait(300);
-    QCOMPARE(BrowserDiscovery::discoverBrowsers(GioDesktopEntries::instance()).size(), before);
-    QTRY_COMPARE(BrowserDiscovery::refreshBrowsers(GioDesktopEntries::instance()).size(),
-                 before + 1);
-    QFile::remove(m_desktop->userApplications() + u"/new-browser.desktop"_s);
-    m_desktop->refreshDatabase();
-    QTRY_COMPARE(BrowserDiscovery::refreshBrowsers(GioDesktopEntries::instance()).size(), before);
-}
-
 void TestBrowsers::launchByIdIgnoringCase()
 {
     const QList<BrowserInfo> browsers =
@@ -197,33 +177,6 @@ void TestBrowsers::launchByIdIgnoringCase()
                      u"--from="_s + m_desktop->userApplications() + u"/chrome-with-icon.desktop"_s,
                      u"https://e.com/"_s}));
     QCOMPARE(m_desktop->activationToken(u"chrome-with-icon"_s), QString());
-}
-
-void TestBrowsers::linksStayOneArgument_data()
-{
-    QTest::addColumn<QString>("text");
-    QTest::newRow("blanks and quotes") << u"https://e.com/a b?q=\"x' y\""_s;
-    QTest::newRow("command substitution") << u"https://e.com/$(touch /tmp/quillvane-pwned);`id`"_s;
-    QTest::newRow("shell operators") << u"https://e.com/?a=1&b=2|cat>/tmp/x;ls"_s;
-    QTest::newRow("option-like") << u"https://--help.e.com/ --incognito"_s;
-}
-
-void TestBrowsers::linksStayOneArgument()
-{
-    QFETCH(QString, text);
-    const Link url = link(text);
-    m_desktop->forget(u"firefox-esr"_s);
-    QVERIFY(waitFor(BrowserLauncher::open(url, browser(u"firefox-esr"_s), m_platform)));
-    QVERIFY(m_desktop->waitForRun(u"firefox-esr"_s));
-    QCOMPARE(m_desktop->arguments(u"firefox-esr"_s), QStringList{url.toString()});
-    QVERIFY(!QFile::exists(u"/tmp/quillvane-pwned"_s));
-
-    m_desktop->forget(u"firefox-esr"_s);
-    QVERIFY(waitFor(ProfileLauncher::open(url, browser(u"firefox-esr"_s), u"-P work; rm -rf ~"_s,
-                                          m_profilePlatform)));
-    QVERIFY(m_desktop->waitForRun(u"firefox-esr"_s));
-    QCOMPARE(m_desktop->arguments(u"firefox-esr"_s),
-             (QStringList{u"-P"_s, u"-P work; rm -rf ~"_s, url.toString()}));
 }
 
 void TestBrowsers::flatpakEntryGetsTheLinkBetweenItsMarkers()
@@ -310,62 +263,6 @@ void TestBrowsers::launchFailures()
     QVERIFY(!QFile::exists(marker));
 }
 
-namespace {
-// A browser entry whose program is the given shell script.
-BrowserInfo scripted(FakeDesktop &desktop, const QString &id, const QByteArray &body)
-{
-    const QString program = desktop.root() + u"/bin/"_s + id + u"-script"_s;
-    writeFile(program, "#!/bin/sh\n" + body);
-    QFile::setPermissions(program, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    const QString entry = desktop.addBrowser(id, id, {}, program + u" %u"_s);
-    return BrowserInfo{id, id, QUrl::fromLocalFile(entry)};
-}
-} // namespace
-
-// Chromium run as root without --no-sandbox says why on its error output and
-// ends at once: that launch opened nothing, whatever the start said.
-void TestBrowsers::aBrowserThatEndsAtOnceHasNotOpened()
-{
-    int started = 0;
-    LaunchOptions options;
-    options.started = [&started] { ++started; };
-    const BrowserInfo root = scripted(
-        *m_desktop, u"root-only"_s,
-        "echo 'Running as root without --no-sandbox is not supported. See https://crbug.com/638180.' "
-        ">&2\necho 'second line' >&2\nexit 1\n");
-    const auto refused = waitFor(BrowserLauncher::open(link(u"https://e.com/"_s), root,
-                                                       m_platform, options));
-    QVERIFY(!refused);
-    QCOMPARE(refused.error().description(),
-             u"Failed to open URL: root-only ended right after it started (status 1): Running as "
-             "root without --no-sandbox is not supported. See https://crbug.com/638180."_s);
-    // It did start: the caller hands the link over then.
-    QCOMPARE(started, 1);
-
-    const BrowserInfo killed = scripted(*m_desktop, u"killed"_s, "kill -9 $$\n");
-    const auto signalled =
-        waitFor(BrowserLauncher::open(link(u"https://e.com/"_s), killed, m_platform));
-    QCOMPARE(signalled.error().description(),
-             u"Failed to open URL: killed ended right after it started (signal 9)."_s);
-
-    // A browser that hands the link to its running window ends at once, content.
-    const BrowserInfo handsOver = scripted(*m_desktop, u"hands-over"_s, "exit 0\n");
-    QVERIFY(waitFor(BrowserLauncher::open(link(u"https://e.com/"_s), handsOver, m_platform)));
-
-    // One that keeps running is fine once it ran for the verdict's time, and
-    // is not waited for beyond it.
-    const QString pidFile = m_desktop->root() + u"/stays.pid"_s;
-    const BrowserInfo stays =
-        scripted(*m_desktop, u"stays"_s, "echo $$ > '" + pidFile.toUtf8() + "'\nexec sleep 60\n");
-    QElapsedTimer clock;
-    clock.start();
-    QVERIFY(waitFor(BrowserLauncher::open(link(u"https://e.com/"_s), stays, m_platform)));
-    QVERIFY(clock.elapsed() >= ProcessLauncher::EarlyExitMs - 50);
-    QFile pid(pidFile);
-    QVERIFY(pid.open(QIODevice::ReadOnly));
-    ::kill(pid.readAll().trimmed().toInt(), SIGKILL);
-}
-
 void TestBrowsers::privateWindowsAndExtraArguments()
 {
     LaunchOptions options;
@@ -411,31 +308,6 @@ void TestBrowsers::dbusActivatableEntriesAreActivated()
         BrowserLauncher::open(link(u"https://e.com/"_s), browser(u"activatable"_s), platform));
     QVERIFY(!failed);
     QCOMPARE(failed.error().description(), u"Failed to open URL: The name is not activatable"_s);
-}
-
-void TestBrowsers::profileLaunches()
-{
-    const QString chromeEntry =
-        m_desktop->addBrowser(u"microsoft-edge"_s, u"Microsoft Edge"_s, {},
-                              m_desktop->recorder(u"microsoft-edge"_s) + u" %U"_s);
-    const BrowserInfo edge{u"MICROSOFT-EDGE"_s, u"Microsoft Edge"_s,
-                           QUrl::fromLocalFile(chromeEntry)};
-    QTest::ignoreMessage(QtInfoMsg,
-                         "Launching Chromium at <private> with profile <private> for <private>");
-    QTest::ignoreMessage(QtInfoMsg, "Successfully launched Chromium with profile <private>");
-    QVERIFY(waitFor(ProfileLauncher::open(link(u"https://e.com/"_s), edge, u"Profile 2"_s,
-                                          m_profilePlatform, withToken(u"tk"_s))));
-    QVERIFY(m_desktop->waitForRun(u"microsoft-edge"_s));
-    QCOMPARE(m_desktop->arguments(u"microsoft-edge"_s),
-             (QStringList{u"--profile-directory=Profile 2"_s, u"https://e.com/"_s}));
-    QCOMPARE(m_desktop->activationToken(u"microsoft-edge"_s), u"tk"_s);
-
-    m_desktop->forget(u"firefox-esr"_s);
-    QVERIFY(waitFor(ProfileLauncher::open(link(u"https://e.com/"_s), browser(u"firefox-esr"_s),
-                                          u"default-release"_s, m_profilePlatform)));
-    QVERIFY(m_desktop->waitForRun(u"firefox-esr"_s));
-    QCOMPARE(m_desktop->arguments(u"firefox-esr"_s),
-             (QStringList{u"-P"_s, u"default-release"_s, u"https://e.com/"_s}));
 }
 
 void TestBrowsers::profileLaunchFailures()

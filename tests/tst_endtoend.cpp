@@ -56,12 +56,8 @@ private Q_SLOTS:
     void initTestCase();
     void cleanupTestCase();
     void firstLinkStartsQuillvane();
-    void sourceByParentChain();
-    void sourceByGioLaunchEnvironment();
-    void gioOpenWithQuillvaneAsDefault();
-    void xdgOpenFromAChildProcess();
-    void dbusOpenDirectly();
-    void typedQuillvaneUrlIsForwarded();
+    void linksFromApplications_data();
+    void linksFromApplications();
     void otherSchemesAreRefused();
     void thousandLinksFromSeveralSources();
     void historyCommand();
@@ -115,6 +111,9 @@ void TestEndToEnd::initTestCase()
     // Sources without rules of their own, whose links the URL rules route.
     sourceApp(u"fake-news"_s);
     sourceApp(u"fake-docs"_s);
+    writeFile(m_desktop->configHome() + u"/mimeapps.list"_s,
+              "[Default Applications]\nx-scheme-handler/https=work.vorpa.Quillvane.desktop\n"
+              "x-scheme-handler/http=work.vorpa.Quillvane.desktop\n");
 
     auto settings = InstalledQuillvane::settingsToSeed(*m_desktop);
     RuleStore store(*settings);
@@ -174,12 +173,16 @@ void TestEndToEnd::finishAll(const QList<QProcess *> &senders, int timeout)
     }
 }
 
-// The links the burst browser received once `count` have arrived, or by the
-// timeout, with a moment more for any that would arrive twice.
+// The links the burst browser received once `count` have arrived and Quillvane
+// has none left to open (a link opened twice would be there too), or by the timeout.
 QStringList TestEndToEnd::arrivedLinks(int count, int timeout) const
 {
-    if (QTest::qWaitFor([&] { return burstLog().size() >= count; }, timeout))
-        QTest::qWait(500);
+    (void)QTest::qWaitFor(
+        [&] {
+            return burstLog().size() >= count
+                   && InstalledQuillvane::journalEntries(*m_desktop) == 0;
+        },
+        timeout);
     return burstLog();
 }
 
@@ -214,92 +217,59 @@ void TestEndToEnd::firstLinkStartsQuillvane()
     QCOMPARE(InstalledQuillvane::journalEntries(*m_desktop), 0);
     QFile trail(m_desktop->root() + u"/run/Quillvane.log"_s);
     QVERIFY(trail.open(QIODevice::ReadOnly));
-    const QByteArray lines = trail.readAll();
-    QVERIFY(lines.contains("] Routing URL: https://example.com/first?utm_source=x\n"));
-    QVERIFY(lines.contains("[AppState] routeURL() — SUCCESS opened in Fallback\n"));
+    QVERIFY(trail.readAll().contains("] Routing URL: https://example.com/first?utm_source=x\n"));
 }
 
-void TestEndToEnd::sourceByParentChain()
+// The ways applications hand over links; each reaches the running instance,
+// and the source's rule decides.
+void TestEndToEnd::linksFromApplications_data()
 {
-    // Like an application that runs xdg-open: the forwarder is its child.
-    m_desktop->forget(u"mail-browser"_s);
-    const QString command =
-        program(u"quillvane-open"_s) + u" https://example.com/from-mail; true"_s;
-    QCOMPARE(run(m_desktop->root() + u"/bin/fake-mail"_s, {u"-c"_s, command}), 0);
-    QVERIFY(m_desktop->waitForRun(u"mail-browser"_s));
-    QCOMPARE(m_desktop->arguments(u"mail-browser"_s),
-             QStringList{u"https://example.com/from-mail"_s});
+    QTest::addColumn<QString>("app"); // runs the command; none: the shell
+    QTest::addColumn<QString>("command"); // %1: the installation's programs, %2: the entries
+    QTest::addColumn<QString>("browser");
+    QTest::addColumn<QString>("token");
+    QTest::newRow("forwarder as a child")
+        << u"fake-mail"_s << u"%1/quillvane-open https://example.com/from-mail; true"_s
+        << u"mail-browser"_s << QString();
+    QTest::newRow("GIO launch environment")
+        << QString()
+        << u"export GIO_LAUNCHED_DESKTOP_FILE='%2/fake-chat.desktop' "
+           "GIO_LAUNCHED_DESKTOP_FILE_PID=$$; exec %1/quillvane-open https://example.com/gio-env"_s
+        << u"chat-browser"_s << QString();
+    QTest::newRow("gio open") << u"fake-mail"_s << u"gio open https://example.com/via-gio; true"_s
+                              << u"mail-browser"_s << QString();
+    // Outside a known desktop xdg-open runs the handler's Exec line itself
+    // (only when it believes a display is there).
+    QTest::newRow("xdg-open")
+        << u"fake-chat"_s << u"DISPLAY=:0 xdg-open https://example.com/via-xdg; true"_s
+        << u"chat-browser"_s << QString();
+    QTest::newRow("bus, with a token")
+        << u"fake-mail"_s
+        << u"gdbus call --session --dest work.vorpa.Quillvane --object-path /work/vorpa/Quillvane "
+           "--method org.freedesktop.Application.Open \"['https://example.com/by-dbus']\" "
+           "\"{'activation-token': <'token-42'>}\"; true"_s
+        << u"mail-browser"_s << u"token-42"_s;
+    QTest::newRow("quillvane typed") << u"fake-mail"_s
+                                     << u"%1/quillvane https://example.com/typed; true"_s
+                                     << u"mail-browser"_s << QString();
 }
 
-void TestEndToEnd::sourceByGioLaunchEnvironment()
+void TestEndToEnd::linksFromApplications()
 {
-    // A process that GIO started from fake-chat's entry, opening a link itself.
-    m_desktop->forget(u"chat-browser"_s);
-    const QString command = u"export GIO_LAUNCHED_DESKTOP_FILE='%1/fake-chat.desktop' "
-                            u"GIO_LAUNCHED_DESKTOP_FILE_PID=$$; "
-                            "exec %2 https://example.com/from-chat"_s.arg(
-                                m_desktop->userApplications(), program(u"quillvane-open"_s));
-    QCOMPARE(run(u"/bin/sh"_s, {u"-c"_s, command}), 0);
-    QVERIFY(m_desktop->waitForRun(u"chat-browser"_s));
-    QCOMPARE(m_desktop->arguments(u"chat-browser"_s),
-             QStringList{u"https://example.com/from-chat"_s});
-}
-
-void TestEndToEnd::gioOpenWithQuillvaneAsDefault()
-{
-    if (QStandardPaths::findExecutable(u"gio"_s).isEmpty())
-        QSKIP("gio (libglib2.0-bin) is not installed");
-    QFile mimeapps(m_desktop->configHome() + u"/mimeapps.list"_s);
-    QVERIFY(mimeapps.open(QIODevice::WriteOnly));
-    mimeapps.write("[Default Applications]\nx-scheme-handler/https=work.vorpa.Quillvane.desktop\n"
-                   "x-scheme-handler/http=work.vorpa.Quillvane.desktop\n");
-    mimeapps.close();
-    m_desktop->forget(u"mail-browser"_s);
-    QCOMPARE(run(m_desktop->root() + u"/bin/fake-mail"_s,
-                 {u"-c"_s, u"gio open https://example.com/via-gio; true"_s}),
-             0);
-    QVERIFY(m_desktop->waitForRun(u"mail-browser"_s));
-    QCOMPARE(m_desktop->arguments(u"mail-browser"_s),
-             QStringList{u"https://example.com/via-gio"_s});
-}
-
-void TestEndToEnd::xdgOpenFromAChildProcess()
-{
-    if (QStandardPaths::findExecutable(u"xdg-open"_s).isEmpty())
-        QSKIP("xdg-open (xdg-utils) is not installed");
-    // xdg-open outside a known desktop runs the handler's Exec line itself (only when it
-    // believes a display is there).
-    m_desktop->forget(u"chat-browser"_s);
-    QCOMPARE(run(m_desktop->root() + u"/bin/fake-chat"_s,
-                 {u"-c"_s, u"DISPLAY=:0 xdg-open https://example.com/via-xdg; true"_s}),
-             0);
-    QVERIFY(m_desktop->waitForRun(u"chat-browser"_s));
-    QCOMPARE(m_desktop->arguments(u"chat-browser"_s),
-             QStringList{u"https://example.com/via-xdg"_s});
-}
-
-void TestEndToEnd::dbusOpenDirectly()
-{
-    m_desktop->forget(u"mail-browser"_s);
-    const QString call =
-        u"gdbus call --session --dest work.vorpa.Quillvane --object-path /work/vorpa/Quillvane "
-        "--method org.freedesktop.Application.Open \"['https://example.com/by-dbus']\" "
-        "\"{'activation-token': <'token-42'>}\"; true"_s;
-    QCOMPARE(run(m_desktop->root() + u"/bin/fake-mail"_s, {u"-c"_s, call}), 0);
-    QVERIFY(m_desktop->waitForRun(u"mail-browser"_s));
-    QCOMPARE(m_desktop->arguments(u"mail-browser"_s),
-             QStringList{u"https://example.com/by-dbus"_s});
-    QCOMPARE(m_desktop->activationToken(u"mail-browser"_s), u"token-42"_s);
-}
-
-void TestEndToEnd::typedQuillvaneUrlIsForwarded()
-{
+    QFETCH(QString, app);
+    QFETCH(QString, command);
+    QFETCH(QString, browser);
+    QFETCH(QString, token);
     const qint64 instance = instancePid();
-    m_desktop->forget(u"mail-browser"_s);
-    const QString command = program(u"quillvane"_s) + u" https://example.com/typed; true"_s;
-    QCOMPARE(run(m_desktop->root() + u"/bin/fake-mail"_s, {u"-c"_s, command}), 0);
-    QVERIFY(m_desktop->waitForRun(u"mail-browser"_s));
-    QCOMPARE(m_desktop->arguments(u"mail-browser"_s), QStringList{u"https://example.com/typed"_s});
+    m_desktop->forget(browser);
+    command = command.arg(g_installed.prefix() + u"/bin"_s, m_desktop->userApplications());
+    const QString shell = app.isEmpty() ? u"/bin/sh"_s : m_desktop->root() + u"/bin/"_s + app;
+    QCOMPARE(run(shell, {u"-c"_s, command}), 0);
+    QVERIFY(m_desktop->waitForRun(browser));
+    static const QRegularExpression sent(u"https://example.com/[a-z-]+"_s);
+    QCOMPARE(m_desktop->arguments(browser), QStringList{sent.match(command).captured()});
+    if (!token.isEmpty())
+        QCOMPARE(m_desktop->activationToken(browser), token);
     QCOMPARE(instancePid(), instance);
 }
 
@@ -307,9 +277,8 @@ void TestEndToEnd::otherSchemesAreRefused()
 {
     QString errors;
     QCOMPARE(run(program(u"quillvane-open"_s), {u"file:///etc/passwd"_s}, &errors), 1);
-    QVERIFY2(errors.contains(u"Quillvane refused these links: "_s), qPrintable(errors));
+    QVERIFY2(errors.contains(u"file:///etc/passwd"_s), qPrintable(errors));
     QCOMPARE(run(program(u"quillvane"_s), {u"javascript:alert(1)"_s}, &errors), 2);
-    QVERIFY2(errors.contains(u"Only http and https links can be routed"_s), qPrintable(errors));
 }
 
 namespace {
@@ -379,8 +348,11 @@ void TestEndToEnd::thousandLinksFromSeveralSources()
                 batch.append(u"https://burst.example/bus/%1"_s.arg(j));
             QDBusConnection::sessionBus().asyncCall(openCall(batch));
         }
-        if (i % 25 == 0)
-            QTest::qWait(40);
+        // Some room for the machine: no more than 25 forwarders at a time.
+        if (i >= 25)
+            QVERIFY(QTest::qWaitFor(
+                [&] { return sources.at(sources.size() - 25)->state() == QProcess::NotRunning; },
+                30000));
     }
     finishAll(sources, 60000);
     if (QTest::currentTestFailed())

@@ -73,7 +73,6 @@ private Q_SLOTS:
     void recordsNewestFirstAndTrimmed();
     void decisionsAndWithdrawnRecords();
     void aFileOfTheFirstVersionIsUpgraded();
-    void filterAndTodayCount();
     void forwardCountPerDay();
     void journal();
     void migrationFromTheSettingsFile();
@@ -216,38 +215,6 @@ void TestHistory::aFileOfTheFirstVersionIsUpgraded()
     QVERIFY(!read.value(1).decidedBy);
     QVERIFY(read.value(1).decidedByPause());
     QCOMPARE(read.value(1).decisionText(), u"Rules paused"_s);
-}
-
-void TestHistory::filterAndTodayCount()
-{
-    HistoryStore::record(*m_database,
-                         makeRecord(u"https://straße.example/Ärger"_s, u"Mail"_s, u"Safari"_s));
-    HistoryStore::record(*m_database,
-                         makeRecord(u"https://two.example/"_s, std::nullopt, u"Firefox"_s));
-    HistoryStore::record(*m_database,
-                         makeRecord(u"https://three.example/a b"_s, u"Chat"_s, u"SAFARI"_s));
-    const auto found = [this](const QString &filter) {
-        return links(HistoryStore::loadHistory(*m_database, filter));
-    };
-    // Case is ignored beyond ASCII; link, source name and browser name are searched.
-    QCOMPARE(found(u"äRGER"_s), QStringList{u"https://straße.example/Ärger"_s});
-    QCOMPARE(found(u"safari"_s).size(), 2);
-    QCOMPARE(found(u"chat"_s), QStringList{u"https://three.example/a b"_s});
-    QCOMPARE(found(u"a "_s), QStringList{u"https://three.example/a b"_s});
-    // Not searched: bundle ids and the "Unknown" stand-in; LIKE's wildcards mean themselves.
-    QVERIFY(found(u"com."_s).isEmpty());
-    QVERIFY(found(u"Unknown"_s).isEmpty());
-    QVERIFY(found(u"%"_s).isEmpty());
-    QVERIFY(found(u"_"_s).isEmpty());
-
-    const QDate today = QDate::currentDate();
-    HistoryStore::clearHistory(*m_database);
-    HistoryStore::record(*m_database,
-                         someRecord(u"a"_s, QDateTime(today.addDays(-1), QTime(23, 59, 59))));
-    HistoryStore::record(*m_database, someRecord(u"b"_s, QDateTime(today, QTime(0, 0, 1))));
-    HistoryStore::record(*m_database, someRecord(u"c"_s, QDateTime(today, QTime(23, 59, 59))));
-    QCOMPARE(HistoryStore::todayCount(*m_database, today), 2);
-    QCOMPARE(HistoryStore::todayCount(*m_database, today.addDays(-1)), 1);
 }
 
 void TestHistory::forwardCountPerDay()

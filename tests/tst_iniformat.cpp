@@ -51,7 +51,6 @@ class TestIniFormat final : public QObject
 
 private Q_SLOTS:
     void ourFileReadsBackAndQtAgrees();
-    void qtFileReadsBack();
     void handWrittenFile();
     void writeThatDoesNotFit();
 };
@@ -81,24 +80,6 @@ void TestIniFormat::ourFileReadsBackAndQtAgrees()
     QCOMPARE(qt.value(u"General/named"_s).toInt(), 8);
     QCOMPARE(ours->value(u"General/named"_s).toInt(), 8);
     QVERIFY(!ours->contains(u"named"_s));
-}
-
-void TestIniFormat::qtFileReadsBack()
-{
-    QTemporaryDir dir;
-    const QString path = dir.filePath(u"Quillvane.conf"_s);
-    const QVariantMap values = sampleValues();
-    {
-        QSettings qt(path, QSettings::IniFormat);
-        for (auto it = values.cbegin(); it != values.cend(); ++it)
-            qt.setValue(it.key(), it.value());
-        qt.setValue(u"list"_s, QStringList{u"a"_s, u"b"_s});
-    }
-    auto ours = UserSettings::open(path);
-    for (auto it = values.cbegin(); it != values.cend(); ++it) {
-        compareValue(ours->value(it.key()), it.value());
-    }
-    QCOMPARE(ours->value(u"list"_s).toStringList(), (QStringList{u"a"_s, u"b"_s}));
 }
 
 void TestIniFormat::handWrittenFile()

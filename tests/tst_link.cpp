@@ -21,8 +21,6 @@ private Q_SLOTS:
     void hugeLinks();
     void webLinks_data();
     void webLinks();
-    void queryItems();
-    void withQuery();
     void resolution_data();
     void resolution();
 };
@@ -214,29 +212,6 @@ void TestLink::webLinks()
     QCOMPARE(parsed ? QString() : parsed.error().description, error);
     if (parsed)
         QVERIFY(parsed->isWebLink());
-}
-
-void TestLink::queryItems()
-{
-    const auto items = Link::parse(u"https://e.com/?a=1&B%20c=x%3Dy&flag&=v&"_s)->queryItems();
-    QCOMPARE(items.size(), 5);
-    QCOMPARE(items[0].name, u"a"_s);
-    QCOMPARE(items[0].value, u"1"_s);
-    QCOMPARE(items[1].name, u"B c"_s);
-    QCOMPARE(items[1].value, u"x=y"_s);
-    QCOMPARE(items[1].raw, u"B%20c=x%3Dy"_s);
-    QCOMPARE(items[2].value, std::nullopt);
-    QCOMPARE(items[3].name, QString());
-    QCOMPARE(items[4].raw, QString());
-}
-
-void TestLink::withQuery()
-{
-    const Link base = *Link::parse(u"https://e.com/p?a=1#top"_s);
-    QCOMPARE(base.withQuery(u"b=2"_s)->toString(), u"https://e.com/p?b=2#top"_s);
-    QCOMPARE(base.withQuery(std::nullopt)->toString(), u"https://e.com/p#top"_s);
-    QCOMPARE(Link::parse(u"https://e.com#f"_s)->withQuery(u"q"_s)->toString(),
-             u"https://e.com?q#f"_s);
 }
 
 void TestLink::resolution_data()

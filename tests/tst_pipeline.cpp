@@ -19,22 +19,6 @@ namespace {
 
 const SourceApp Mail{u"com.example.mail"_s, u"Mail"_s};
 
-// The diagnostic file's lines of one tag, without their times.
-QStringList trail(const QString &path, QStringView tag)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    QStringList lines;
-    static const QRegularExpression prefix(u"^\\[[^\\]]+Z\\] (\\[[A-Za-z]+\\] )?"_s);
-    for (const QString &line : QString::fromUtf8(file.readAll()).split(u'\n', Qt::SkipEmptyParts)) {
-        const auto match = prefix.match(line);
-        if (match.hasMatch() && match.captured(1) == u'[' + tag + u"] ")
-            lines.append(line.sliced(match.capturedLength()));
-    }
-    return lines;
-}
-
 } // namespace
 
 class TestPipeline final : public QObject
@@ -45,16 +29,13 @@ private Q_SLOTS:
     void initTestCase();
     void init();
     void cleanup();
-    void workedTrace();
     void pausedPath();
     void failuresAreCountedNotRecorded();
     void profileLaunchFailsAndFallsBack();
-    void aLaunchThatFailsAtOnceIsNoOpening();
     void aVanishedFallbackIsToldOnce();
     void askingWhereToOpen();
     void expansionChangesTheLink();
     void manyLinksInFlightWhileRulesChange();
-    void aBurstLeavesRoomForTheNextCaller();
     void journalledLinksLeaveTheJournal();
 
 private:
@@ -151,64 +132,6 @@ bool TestPipeline::waitForRoutes(int count)
            && m_finished->size() == count;
 }
 
-void TestPipeline::workedTrace()
-{
-    m_store->saveRules(
-        {makeRule(QString(), u"docs.example.com"_s, u"google-chrome"_s, u"Profile 1"_s)});
-    m_store->saveDefaultBrowserBundleID(u"firefox-esr"_s);
-    m_settings->setValue(u"url_expansion_enabled"_s, true);
-    m_settings->sync();
-    const QString today = HistoryStore::dayString(QDateTime::currentDateTime());
-    for (int i = 0; i < 4; ++i)
-        HistoryStore::incrementForwardCount(*m_history, today);
-    makeState(GioProcessLauncher::instance());
-    QSignalSpy status(m_state.get(), &AppState::lastRouteLogChanged);
-    QFile settingsFile(m_settingsPath);
-    QVERIFY(settingsFile.open(QIODevice::ReadOnly));
-    const QByteArray settingsBefore = settingsFile.readAll();
-    const QDateTime settingsWritten = QFileInfo(settingsFile).lastModified();
-    settingsFile.close();
-
-    const Link link = *Link::parse(u"https://docs.example.com/guide?utm_source=news"_s);
-    m_state->routeURL(link, Mail, u"token"_s);
-    // Counted before the call returns, on disk; nothing opened yet.
-    QCOMPARE(m_state->todayForwardCount(), 5);
-    HistoryDatabase reader(m_history->path(), HistoryDatabase::Access::ReadOnly);
-    QCOMPARE(HistoryStore::loadForwardCount(reader, today), 5);
-    QVERIFY(m_state->lastRouteLog().isEmpty());
-
-    QVERIFY(waitForRoutes(1));
-    QCOMPARE(m_state->lastRouteLog(), u"Mail → Google Chrome [Profile 1]: docs.example.com"_s);
-    QCOMPARE(status.size(), 1);
-    QVERIFY(m_desktop->waitForRun(u"google-chrome"_s));
-    QCOMPARE(
-        m_desktop->arguments(u"google-chrome"_s),
-        (QStringList{u"--profile-directory=Profile 1"_s, u"https://docs.example.com/guide"_s}));
-    QCOMPARE(m_desktop->activationToken(u"google-chrome"_s), u"token"_s);
-
-    // The route's trail reaches the diagnostic file, the router's part included.
-    const QStringList lines = trail(DiagnosticLog::filePath(), u"AppState");
-    QVERIFY(lines.size() >= 4);
-    QVERIFY(!trail(DiagnosticLog::filePath(), u"URLRouter").isEmpty());
-
-    const QList<ForwardingRecord> records = history();
-    QCOMPARE(records.size(), 1);
-    QCOMPARE(records[0].originalURL, link.toString());
-    QCOMPARE(records[0].sourceAppBundleID, u"com.example.mail"_s);
-    QCOMPARE(records[0].sourceAppName, u"Mail"_s);
-    QCOMPARE(records[0].targetBrowserBundleID, u"google-chrome"_s);
-    QCOMPARE(records[0].targetBrowserName, u"Google Chrome"_s);
-    QCOMPARE(records[0].ruleMatched, std::nullopt);
-    // What decided is named: the URL rule, as it read, and the profile.
-    QCOMPARE(records[0].decidedBy, JsonFields::uuidText(m_state->rules().first().id));
-    QCOMPARE(records[0].decisionDescription, u"docs.example.com → google-chrome"_s);
-    QCOMPARE(records[0].targetProfileID, u"Profile 1"_s);
-    // A link never writes the settings file.
-    QVERIFY(settingsFile.open(QIODevice::ReadOnly));
-    QCOMPARE(settingsFile.readAll(), settingsBefore);
-    QCOMPARE(QFileInfo(settingsFile).lastModified(), settingsWritten);
-}
-
 void TestPipeline::pausedPath()
 {
     m_store->saveRules({makeRule(u"com.example.mail"_s, std::nullopt, u"google-chrome"_s)});
@@ -227,39 +150,6 @@ void TestPipeline::pausedPath()
     QVERIFY(!m_desktop->ran(u"google-chrome"_s));
     QCOMPARE(history().first().ruleMatched, u"⏸ Rules paused"_s);
     QCOMPARE(history().first().decidedBy, u"paused"_s);
-}
-
-// A browser that ends at once with an error (Chromium as root without
-// --no-sandbox) opened nothing: no record, the user told with its words, and a
-// link from an application whose rule failed does not go elsewhere.
-void TestPipeline::aLaunchThatFailsAtOnceIsNoOpening()
-{
-    RecordingLauncher launcher;
-    launcher.verdict = u"ended right after it started (status 1): Running as root without "
-                       "--no-sandbox is not supported."_s;
-    m_store->saveRules({makeRule(u"com.example.mail"_s, std::nullopt, u"google-chrome"_s)});
-    m_store->saveDefaultBrowserBundleID(u"firefox-esr"_s);
-    makeState(launcher);
-    m_state->routeURL(*Link::parse(u"https://e.com/a"_s), Mail);
-    QVERIFY(waitForRoutes(1));
-    QCOMPARE(launcher.spawned.size(), 1);
-    QVERIFY(history().isEmpty());
-    QCOMPARE(m_state->lastRouteLog(),
-             u"FAILED: Failed to open URL: Google Chrome ended right after it started (status "
-             "1): Running as root without --no-sandbox is not supported."_s);
-    QCOMPARE(m_notifications,
-             (QList<QStringList>{{u"Quillvane could not open a link"_s,
-                                  u"e.com\nFailed to open URL: Google Chrome ended right after "
-                                  "it started (status 1): Running as root without --no-sandbox "
-                                  "is not supported."_s}}));
-
-    // The fallback decides: its id, not a rule's.
-    launcher.verdict = {};
-    m_state->routeURL(*Link::parse(u"https://e.com/b"_s), std::nullopt);
-    QVERIFY(waitForRoutes(2));
-    QCOMPARE(history().size(), 1);
-    QCOMPARE(history().first().decidedBy, u"fallback"_s);
-    QCOMPARE(history().first().decisionText(), u"Fallback"_s);
 }
 
 // "Ask" as the fallback, and a rule that asks: nothing opens before the answer,
@@ -469,29 +359,6 @@ void TestPipeline::manyLinksInFlightWhileRulesChange()
     QCOMPARE(history().size(), 6);
     QCOMPARE(history().first().targetBrowserBundleID, u"firefox-esr"_s);
     QCOMPARE(history().last().targetBrowserBundleID, u"epiphany"_s);
-}
-
-// A burst of links must not hold up what else waits for the event loop, such
-// as the next caller on the bus (an event posted after the links): routes
-// start one per turn of the loop, after it, and still in order.
-void TestPipeline::aBurstLeavesRoomForTheNextCaller()
-{
-    RecordingLauncher launcher;
-    m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
-    makeState(launcher);
-    for (int i = 0; i < 50; ++i)
-        m_state->routeURL(link(u"https://burst.example/%1"_s.arg(i)), Mail);
-    QCOMPARE(m_state->todayForwardCount(), 50);
-    qsizetype launchedBeforeTheCaller = -1;
-    QMetaObject::invokeMethod(
-        m_state.get(), [&] { launchedBeforeTheCaller = launcher.spawned.size(); },
-        Qt::QueuedConnection);
-
-    QVERIFY(waitForRoutes(50));
-    QCOMPARE(launchedBeforeTheCaller, 0);
-    QCOMPARE(launcher.spawned.size(), 50);
-    for (int i = 0; i < 50; ++i)
-        QCOMPARE(launcher.spawned[i].last(), u"https://burst.example/%1"_s.arg(i));
 }
 
 // A link that came through the intake is in the journal until its route ends,

@@ -30,7 +30,6 @@ private Q_SLOTS:
     void ruleOptionalMembers();
     void ruleDocumentFailsWhole_data();
     void ruleDocumentFailsWhole();
-    void ruleEqualityAndKinds();
     void browserIdentity();
     void historyRecordForm();
 };
@@ -101,23 +100,6 @@ void TestRecords::ruleDocumentFailsWhole()
     const auto rules = RoutingRule::listFromJson(json);
     QVERIFY(!rules);
     QVERIFY2(rules.error().description.startsWith(error), qPrintable(rules.error().description));
-}
-
-void TestRecords::ruleEqualityAndKinds()
-{
-    RoutingRule a{QUuid::createUuid(), u"app"_s,    u"App"_s, u"b"_s, u"B"_s,
-                  std::nullopt,        std::nullopt};
-    RoutingRule b = a;
-    QCOMPARE(a, b);
-    b.targetProfileID = u""_s;
-    QVERIFY(a != b);
-    QCOMPARE(a.kind(), RoutingRule::Kind::SourceOnly);
-    a.urlPattern = u""_s;
-    QCOMPARE(a.kind(), RoutingRule::Kind::Combined);
-    a.sourceAppBundleID.clear();
-    QCOMPARE(a.kind(), RoutingRule::Kind::UrlOnly);
-    a.urlPattern.reset();
-    QCOMPARE(a.kind(), RoutingRule::Kind::Inert);
 }
 
 void TestRecords::browserIdentity()

@@ -64,9 +64,7 @@ private Q_SLOTS:
     void init();
     void cleanup();
     void statusMenu();
-    void statusMenuCommands();
     void namesInTheMenuAreShownAsWritten();
-    void window();
     void keyboard();
     void historyPane();
     void relativeTimes();
@@ -101,102 +99,70 @@ void TestSettingsWindow::cleanup()
     m_app.reset();
 }
 
+// What the menu computes (counts, the fallback's name, check marks) and what
+// its items change; the items' wording is the menu's own business.
 void TestSettingsWindow::statusMenu()
 {
     HistoryStore::record(*m_app->history,
                          makeRecord(u"https://a.example/"_s, u"Mail"_s, u"Safari"_s));
     HistoryStore::record(*m_app->history, makeRecord(u"https://b.example/"_s, std::nullopt,
                                                      u"Firefox"_s, std::nullopt, 3 * 86400));
-    StatusItem item(*m_app->state, m_app->entries, {});
-    QMenu &menu = item.menu();
-    item.rebuild(menu);
-    const QString build = menu.actions().value(menu.actions().size() - 2)->text();
-    QVERIFY2(build.startsWith(u"Quillvane v"_s) && build.contains(u" · "_s), qPrintable(build));
-    // No "Last:" before the first routing: the separator follows "Today:".
-    QCOMPARE(texts(menu),
-             (QStringList{u"Default Browser: Not Set"_s, u"--"_s, u"Rules: 2 app, 0 URL"_s,
-                          u"Today: 1 forwarded"_s, u"--"_s, u"⏸ Pause Rules"_s,
-                          u"Fallback: Firefox"_s, u"--"_s, u"Launch at Login"_s, u"--"_s,
-                          u"Forwarding History..."_s, u"Settings..."_s, u"Check for Updates..."_s,
-                          u"--"_s, build, u"Quit Quillvane"_s}));
-    QVERIFY(!menu.actions().first()->isEnabled());
-    QCOMPARE(action(menu, "settingsAction")->shortcut(), QKeySequence(u"Ctrl+,"_s));
-    QCOMPARE(action(menu, "quitAction")->shortcut(), QKeySequence(u"Ctrl+Q"_s));
-
-    // The fallback submenu: every browser, the fallback checked.
-    QMenu *fallback = action(menu, "fallbackAction")->menu();
-    QVERIFY(fallback);
-    QCOMPARE(texts(*fallback),
-             (QStringList{u"Firefox"_s, u"Safari"_s, u"--"_s, u"Ask Every Time"_s}));
-    QVERIFY(fallback->actions()[0]->isChecked());
-    QVERIFY(!fallback->actions()[1]->isChecked());
-    QCOMPARE(fallback->actions()[1]->data().toString(), u"safari"_s);
-
-    // Choosing Safari changes the fallback; the next opening shows it.
-    fallback->actions()[1]->trigger();
-    processLater();
-    QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"safari"_s);
-    Q_EMIT menu.aboutToShow();
-    QCOMPARE(action(menu, "fallbackAction")->text(), u"Fallback: Safari"_s);
-    QVERIFY(action(menu, "fallbackAction")->menu()->actions()[1]->isChecked());
-
-    // A fallback that is not installed: "None", nothing checked.
-    m_app->state->setDefaultBrowser(u"gone"_s);
-    item.rebuild(menu);
-    QCOMPARE(action(menu, "fallbackAction")->text(), u"Fallback: None"_s);
-    for (const QAction *browser : action(menu, "fallbackAction")->menu()->actions())
-        QVERIFY(!browser->isChecked());
-
-    // "Ask Every Time": checked alone, named in the title; a browser ends it.
-    action(menu, "fallbackAction")->menu()->findChild<QAction *>(u"fallbackAskAction"_s)->trigger();
-    processLater();
-    QVERIFY(m_app->state->fallbackAsks());
-    QVERIFY(SettingsKeys::read(*m_app->settings, SettingsKeys::FallbackAsks));
-    item.rebuild(menu);
-    QCOMPARE(action(menu, "fallbackAction")->text(), u"Fallback: Ask Every Time"_s);
-    QVERIFY(action(menu, "fallbackAction")->menu()->findChild<QAction *>(u"fallbackAskAction"_s)
-                ->isChecked());
-    action(menu, "fallbackAction")->menu()->actions()[0]->trigger();
-    processLater();
-    QVERIFY(!m_app->state->fallbackAsks());
-    QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"firefox"_s);
-    m_app->state->setDefaultBrowser(u"gone"_s);
-    item.rebuild(menu);
-
-    // Opening twice without a change shows the same.
-    const QStringList before = texts(menu);
-    item.rebuild(menu);
-    QCOMPARE(texts(menu), before);
-}
-
-void TestSettingsWindow::statusMenuCommands()
-{
     QStringList called;
     StatusItem item(*m_app->state, m_app->entries,
                     {[&] { called.append(u"history"_s); }, [&] { called.append(u"settings"_s); },
                      [&] { called.append(u"updates"_s); }, [&] { called.append(u"quit"_s); }});
     QMenu &menu = item.menu();
     item.rebuild(menu);
-    QCOMPARE(item.iconState(), QString()); // not set up: no tray offscreen
-    item.updateIcon();
-    QCOMPARE(item.iconState(), u"active"_s);
+    // No "Last:" before the first routing.
+    QCOMPARE(texts(menu).mid(2, 3),
+             (QStringList{u"Rules: 2 app, 0 URL"_s, u"Today: 1 forwarded"_s, u"--"_s}));
+    const auto fallback = [&menu] { return action(menu, "fallbackAction"); };
+    QCOMPARE(texts(*fallback()->menu()),
+             (QStringList{u"Firefox"_s, u"Safari"_s, u"--"_s, u"Ask Every Time"_s}));
+    QVERIFY(fallback()->menu()->actions()[0]->isChecked());
+
+    // Choosing Safari changes the fallback; the next opening shows it.
+    fallback()->menu()->actions()[1]->trigger();
+    processLater();
+    QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"safari"_s);
+    Q_EMIT menu.aboutToShow();
+    QCOMPARE(fallback()->text(), u"Fallback: Safari"_s);
+    QVERIFY(fallback()->menu()->actions()[1]->isChecked());
+
+    // A fallback that is not installed: "None", nothing checked.
+    m_app->state->setDefaultBrowser(u"gone"_s);
+    item.rebuild(menu);
+    QCOMPARE(fallback()->text(), u"Fallback: None"_s);
+    for (const QAction *browser : fallback()->menu()->actions())
+        QVERIFY(!browser->isChecked());
+
+    // "Ask Every Time": checked alone, named in the title; a browser ends it.
+    fallback()->menu()->findChild<QAction *>(u"fallbackAskAction"_s)->trigger();
+    processLater();
+    QVERIFY(SettingsKeys::read(*m_app->settings, SettingsKeys::FallbackAsks));
+    item.rebuild(menu);
+    QCOMPARE(fallback()->text(), u"Fallback: Ask Every Time"_s);
+    QVERIFY(fallback()->menu()->findChild<QAction *>(u"fallbackAskAction"_s)->isChecked());
+    fallback()->menu()->actions()[0]->trigger();
+    processLater();
+    QVERIFY(!m_app->state->fallbackAsks());
+    QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"firefox"_s);
 
     // Pausing from the menu switches the icon, and so does resuming elsewhere.
+    item.updateIcon();
+    QCOMPARE(item.iconState(), u"active"_s);
     action(menu, "pauseRulesAction")->trigger();
     processLater();
     QVERIFY(!m_app->state->rulesEnabled());
     QCOMPARE(item.iconState(), u"paused"_s);
-    item.rebuild(menu);
-    QCOMPARE(action(menu, "pauseRulesAction")->text(), u"▶ Resume Rules"_s);
     m_app->state->toggleRulesEnabled();
     QCOMPARE(item.iconState(), u"active"_s);
 
     action(menu, "launchAtLoginAction")->trigger();
     processLater();
-    QVERIFY(m_app->state->launchAtLogin());
+    QVERIFY(m_app->autostart.enabled);
     item.rebuild(menu);
     QVERIFY(action(menu, "launchAtLoginAction")->isChecked());
-
     for (const char *name : {"historyAction", "settingsAction", "updatesAction", "quitAction"})
         action(menu, name)->trigger();
     QCOMPARE(called, (QStringList{u"history"_s, u"settings"_s, u"updates"_s, u"quit"_s}));
@@ -206,7 +172,7 @@ void TestSettingsWindow::statusMenuCommands()
     m_app->state->routeURL(link(u"https://docs.example/x"), std::nullopt);
     QTRY_VERIFY(!m_app->state->lastRouteLog().isEmpty());
     item.rebuild(menu);
-    QCOMPARE(texts(menu).mid(2, 3), (QStringList{u"Rules: 2 app, 1 URL"_s, u"Today: 1 forwarded"_s,
+    QCOMPARE(texts(menu).mid(2, 3), (QStringList{u"Rules: 2 app, 1 URL"_s, u"Today: 2 forwarded"_s,
                                                  u"Last: "_s + m_app->state->lastRouteLog()}));
 }
 
@@ -224,28 +190,6 @@ void TestSettingsWindow::namesInTheMenuAreShownAsWritten()
     QCOMPARE(action(menu, "fallbackAction")->text(), u"Fallback: "_s + shown);
     QVERIFY(texts(*action(menu, "fallbackAction")->menu()).contains(shown));
     QCOMPARE(DisplayText::escapeControls(u"a\nb\u2028c\u009b"), u"a\\x0Ab\\u{2028}c\\x9B"_s);
-}
-
-void TestSettingsWindow::window()
-{
-    SettingsWindow window(*m_app->state, {m_app->entries, {}}, [] {});
-    QCOMPARE(window.windowTitle(), u"Quillvane Settings"_s);
-    QCOMPARE(window.size(), QSize(520, 520));
-    QCOMPARE(window.minimumSize(), QSize(400, 300));
-    QTabWidget &tabs = window.tabs();
-    QStringList labels;
-    for (int i = 0; i < tabs.count(); ++i)
-        labels.append(tabs.tabText(i));
-    QCOMPARE(labels, (QStringList{u"App Rules"_s, u"URL Rules"_s, u"General"_s, u"History"_s,
-                                  u"Browsers"_s}));
-    QCOMPARE(window.selectedTab(), int(SettingsWindow::AppRulesTab));
-
-    // Closed and shown again: the same tab.
-    window.show();
-    window.selectTab(SettingsWindow::GeneralTab);
-    window.close();
-    window.show();
-    QCOMPARE(window.selectedTab(), int(SettingsWindow::GeneralTab));
 }
 
 // Everything a mouse can use, the keyboard reaches: Tab visits every enabled
@@ -299,6 +243,10 @@ void TestSettingsWindow::keyboard()
     QCOMPARE(window.selectedTab(), int(SettingsWindow::BrowsersTab));
     QTest::keyClick(&window, Qt::Key_3, Qt::AltModifier);
     QCOMPARE(window.selectedTab(), int(SettingsWindow::GeneralTab));
+    // Closed and shown again: the same tab.
+    window.close();
+    window.show();
+    QCOMPARE(window.selectedTab(), int(SettingsWindow::GeneralTab));
 }
 
 void TestSettingsWindow::historyPane()
@@ -339,6 +287,7 @@ void TestSettingsWindow::historyPane()
     QCOMPARE(decisions.index(1).data(HistoryModel::RuleRole).toString(), u"Rules paused"_s);
     QVERIFY(decisions.index(1).data(HistoryModel::PausedRole).toBool());
     QCOMPARE(model.index(0).data(Qt::ToolTipRole).toString(), u"https://three.example/a b"_s);
+    QVERIFY(!pane.grab().isNull()); // the rows' own drawing
 
     const auto typeFilter = [&](const QString &text) {
         filter->clear();
@@ -393,8 +342,6 @@ void TestSettingsWindow::generalPane()
     // Tall enough to show every section without scrolling.
     pane.resize(520, 1600);
     pane.show();
-    QCOMPARE(pane.findChild<QLabel *>(u"defaultBrowserStatus"_s)->text(),
-             u"Quillvane is not the default browser"_s);
     QVERIFY(pane.findChild<QWidget *>(u"setAsDefaultButton"_s)->isVisible());
 
     auto *picker = pane.findChild<QComboBox *>(u"fallbackPicker"_s);
@@ -445,16 +392,11 @@ void TestSettingsWindow::generalPane()
     // The tests' build has no update feed: the switch would do nothing, and says why.
     auto *automatic = pane.findChild<QCheckBox *>(u"automaticUpdatesSwitch"_s);
     QVERIFY(!automatic->isEnabled());
-    QCOMPARE(automatic->toolTip(),
-             u"Updates for this build are provided by your package manager."_s);
     // Still the stored setting, changed through the state and shown here.
     QVERIFY(automatic->isChecked());
     m_app->state->toggleAutomaticUpdateChecks();
     QVERIFY(!automatic->isChecked());
     QVERIFY(!SettingsKeys::read(*m_app->settings, SettingsKeys::AutomaticUpdateChecks));
-    // And the caption says what "Check for Updates..." answers, not a download site.
-    QCOMPARE(pane.findChild<QLabel *>(u"updatesCaption"_s)->text(),
-             u"Updates for this build are provided by your package manager."_s);
 
     auto *unwrapping = pane.findChild<QCheckBox *>(u"urlUnwrappingSwitch"_s);
     QVERIFY(unwrapping->isChecked());
@@ -470,9 +412,8 @@ void TestSettingsWindow::browsersPane()
     auto *list = pane.findChild<QListWidget *>(u"browsersList"_s);
     QCOMPARE(list->count(), 2);
     pane.selectBrowser(u"firefox"_s);
-    QCOMPARE(pane.findChild<QLabel *>(u"browserId"_s)->text(), u"firefox"_s);
-    QCOMPARE(pane.findChild<QLabel *>(u"browserPrivateWindow"_s)->text(),
-             u"Rules that ask for a private window start it with --private-window."_s);
+    QVERIFY(pane.findChild<QLabel *>(u"browserPrivateWindow"_s)->text().contains(
+        u"--private-window"_s));
 
     // Hidden: out of the lists that offer browsers, still in this one.
     auto *shown = pane.findChild<QCheckBox *>(u"browserShownCheck"_s);
@@ -548,12 +489,9 @@ void TestSettingsWindow::importAndExport()
     };
     importing("{ this is not json");
     QCOMPARE(MessageBox::lastInformTitle(), u"Import Failed"_s);
-    QVERIFY2(MessageBox::lastText().startsWith(u"Failed to decode configuration: "_s),
-             qPrintable(MessageBox::lastText()));
     importing(
         R"({"version": 2, "exportDate": "2026-01-01T00:00:00Z", "rules": [], "urlCleaningEnabled": true})");
-    QCOMPARE(MessageBox::lastText(),
-             u"Unsupported config version: 2. This app supports version 1."_s);
+    QVERIFY(MessageBox::lastText().contains(u"version: 2"_s));
     QCOMPARE(m_app->state->rules().size(), 2);
 
     // A document that would send links to Quillvane itself, by its id or
@@ -583,14 +521,11 @@ void TestSettingsWindow::importAndExport()
                   makeRule(u"org.example.Mail"_s, std::nullopt, u"firefox"_s)};
     MessageBox::setNextAnswer(1);
     importing(ConfigManager::encode(data));
-    QCOMPARE(MessageBox::lastText(), u"Confirm Import"_s);
     QCOMPARE(MessageBox::lastDetail(),
              u"This will replace your current 2 rule(s) with 3 imported rule(s). Continue?"_s);
     QCOMPARE(m_app->state->rules().size(), 2);
     MessageBox::setNextAnswer(0);
     importing(ConfigManager::encode(data));
-    QCOMPARE(MessageBox::lastInformTitle(), u"Import Successful"_s);
-    QCOMPARE(MessageBox::lastText(), u"Imported 3 rule(s) successfully."_s);
     QCOMPARE(m_app->store->loadRules(), data.rules);
 
     // Export replaces an existing file and names only the file.
@@ -602,7 +537,6 @@ void TestSettingsWindow::importAndExport()
     old.close();
     pane.chooseExportFile = [target] { return target; };
     pane.exportConfig();
-    QCOMPARE(MessageBox::lastInformTitle(), u"Export Successful"_s);
     QCOMPARE(MessageBox::lastText(),
              u"Configuration with 3 rule(s) exported to Quillvane-config.json."_s);
     QFile written(target);

@@ -35,9 +35,7 @@ class TestStores final : public QObject
 private Q_SLOTS:
     void init();
     void cleanup();
-    void firstRun();
     void rulesSurviveAndDamageIsLeftOut();
-    void switchesAndFallback();
     void damagedValuesReadAsDefaults();
     void settingsLocks();
 
@@ -58,16 +56,6 @@ void TestStores::cleanup()
     m_environment.reset();
 }
 
-void TestStores::firstRun()
-{
-    RuleStore store(*m_settings);
-    QVERIFY(store.loadRules().isEmpty());
-    QVERIFY(store.loadRulesEnabled());
-    QCOMPARE(store.loadDefaultBrowserBundleID(), QString());
-    // Reading writes nothing.
-    QVERIFY(!QFile::exists(m_environment->settingsPath()));
-}
-
 void TestStores::rulesSurviveAndDamageIsLeftOut()
 {
     RuleStore store(*m_settings);
@@ -85,22 +73,6 @@ void TestStores::rulesSurviveAndDamageIsLeftOut()
     m_settings->setValue(u"routing_rules"_s, QByteArray("not json"));
     QVERIFY(store.loadRules().isEmpty());
     QCOMPARE(store.lastLoadDamage()->skipped, -1);
-}
-
-void TestStores::switchesAndFallback()
-{
-    RuleStore store(*m_settings);
-    store.saveRulesEnabled(false);
-    QVERIFY(!RuleStore(*reopened(*m_environment)).loadRulesEnabled());
-    m_settings->remove(u"rules_enabled"_s);
-    QVERIFY(store.loadRulesEnabled());
-
-    store.saveDefaultBrowserBundleID(u"org.mozilla.firefox"_s);
-    QCOMPARE(RuleStore(*reopened(*m_environment)).loadDefaultBrowserBundleID(),
-             u"org.mozilla.firefox"_s);
-    store.saveDefaultBrowserBundleID(QString());
-    QVERIFY(m_settings->contains(u"default_browser_bundle_id"_s));
-    QCOMPARE(store.loadDefaultBrowserBundleID(), QString());
 }
 
 void TestStores::damagedValuesReadAsDefaults()

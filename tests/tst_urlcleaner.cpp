@@ -15,9 +15,6 @@ private Q_SLOTS:
     void initTestCase();
     void clean_data();
     void clean();
-    void logLines();
-    void theParameterSet();
-    void switchDefaultsOn();
     void unwrap_data();
     void unwrap();
 };
@@ -54,37 +51,6 @@ void TestURLCleaner::clean()
     QFETCH(QString, expected);
     const Link cleaned = URLCleaner::clean(link(QString(u"https://Example.com"_s + pathAndQuery)));
     QCOMPARE(cleaned.toString(), QString(u"https://Example.com"_s + expected));
-}
-
-void TestURLCleaner::logLines()
-{
-    QTest::ignoreMessage(QtDebugMsg, "No query params to clean for https://e.com/p?");
-    URLCleaner::clean(link(u"https://e.com/p?"_s));
-    QTest::ignoreMessage(QtDebugMsg, "No tracking params found in https://e.com/p?a=1");
-    URLCleaner::clean(link(u"https://e.com/p?a=1"_s));
-    QTest::ignoreMessage(
-        QtInfoMsg,
-        "Removed 2 tracking param(s): https://e.com/p?utm_source=x&fbclid=y → https://e.com/p");
-    URLCleaner::clean(link(u"https://e.com/p?utm_source=x&fbclid=y"_s));
-}
-
-void TestURLCleaner::theParameterSet()
-{
-    const QSet<QString> &set = URLCleaner::trackingParameters();
-    QCOMPARE(set.size(), 24);
-    for (const QString &name : set)
-        QCOMPARE(name, name.toLower());
-    QVERIFY(set.contains(u"__hssc"_s));
-    QVERIFY(!set.contains(u"utm_"_s));
-}
-
-void TestURLCleaner::switchDefaultsOn()
-{
-    TestEnvironment environment;
-    auto settings = environment.settings();
-    QVERIFY(URLCleaner::isEnabled(*settings));
-    settings->setValue(u"url_cleaning_enabled"_s, false);
-    QVERIFY(!URLCleaner::isEnabled(*settings));
 }
 
 void TestURLCleaner::unwrap_data()

@@ -35,7 +35,6 @@ private Q_SLOTS:
     void hostsWrittenAnotherWay();
     void domainSpecificity_data();
     void domainSpecificity();
-    void trail();
     void plannerPauseAndPolicies();
     void plannerCleansExpandsAndCredits();
     void plannerAsks();
@@ -271,59 +270,6 @@ void TestURLRouter::domainSpecificity()
     QFETCH(QString, pattern);
     QFETCH(int, rank);
     QCOMPARE(URLRouter::domainSpecificity(pattern), rank);
-}
-
-void TestURLRouter::trail()
-{
-    QStringList lines;
-    const auto route = [&lines](const Link &url, const std::optional<SourceApp> &from,
-                                const QList<RoutingRule> &rules, const QString &fallback) {
-        URLRouter::decide(url, from, rules, fallback, &lines);
-    };
-
-    route(link(u"https://docs.example.com/guide"_s), source(u"com.example.mail"_s),
-          workedExampleRules(), u"com.apple.Safari"_s);
-    QCOMPARE(
-        lines.value(0),
-        u"route() called — url=https://docs.example.com/guide, source=com.example.mail, rules=6, fallback=com.apple.Safari"_s);
-    QCOMPARE(lines.value(1), u"  rule[0]: src=com.example.chat pattern=nil → com.google.Chrome"_s);
-    QCOMPARE(lines.value(3), u"  rule[2]: src= pattern=example.com → org.mozilla.firefox"_s);
-    QCOMPARE(lines.value(7),
-             u"MATCHED url-only rule: pattern=docs.example.com → com.google.Chrome"_s);
-    QCOMPARE(lines.size(), 8);
-
-    lines.clear();
-    route(link(u"https://e.com/"_s), std::nullopt, {}, QString());
-    QCOMPARE(lines,
-             (QStringList{u"route() called — url=https://e.com/, source=nil, rules=0, fallback="_s,
-                          u"No rule matched"_s,
-                          u"No route available (no rules matched, no fallback)"_s}));
-
-    lines.clear();
-    route(link(u"https://meet.example.org/"_s), source(u"com.example.chat"_s), workedExampleRules(),
-          QString());
-    QCOMPARE(
-        lines.last(),
-        u"MATCHED combined rule: src=com.example.chat pattern=*meet.example.org* → com.apple.Safari"_s);
-    lines.clear();
-    route(link(u"https://x.org/"_s), source(u"com.example.chat"_s), workedExampleRules(), u"fb"_s);
-    QCOMPARE(lines.last(), u"MATCHED source-only rule: com.example.chat → com.google.Chrome"_s);
-    lines.clear();
-    route(link(u"https://x.org/"_s), std::nullopt, workedExampleRules(), u"fb"_s);
-    QCOMPARE(lines.mid(7), (QStringList{u"No rule matched"_s, u"Using fallback browser: fb"_s}));
-    // A rule made by a script carries a line break and a terminal escape: the
-    // trail shows them written out, one line per message still.
-    lines.clear();
-    const QString forged = u"app\n[2026-01-01T00:00:00Z] forged"_s;
-    route(link(u"https://x.org/"_s), source(forged),
-          {makeRule(forged, u"x.org\n\x1b]0;t\x07"_s, u"b"_s), makeRule(forged, {}, u"b\rx"_s)},
-          u"fb"_s);
-    QCOMPARE(lines.value(1), u"  rule[0]: src=app\\x0A[2026-01-01T00:00:00Z] forged "
-                             "pattern=x.org\\x0A\\x1B]0;t\\x07 → b"_s);
-    QCOMPARE(lines.last(),
-             u"MATCHED source-only rule: app\\x0A[2026-01-01T00:00:00Z] forged → b\\x0Dx"_s);
-    for (const QString &line : std::as_const(lines))
-        QVERIFY2(!line.contains(u'\n') && !line.contains(u'\x1b'), qPrintable(line));
 }
 
 namespace {
