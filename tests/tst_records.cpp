@@ -1,3 +1,4 @@
+#include "Automation/AutomationValues.h"
 #include "Models/BrowserInfo.h"
 #include "Models/ForwardingRecord.h"
 #include "Models/RoutingRule.h"
@@ -26,6 +27,7 @@ class TestRecords final : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void ruleSummaries();
     void ruleRoundTrip();
     void ruleOptionalMembers();
     void ruleDocumentFailsWhole_data();
@@ -142,6 +144,23 @@ void TestRecords::historyRecordForm()
 
     QVERIFY(!ForwardingRecord::listFromJson(QByteArray(json).replace("10.5", "\"10.5\"")));
     QVERIFY(!ForwardingRecord::listFromJson(QByteArray(json).replace("10.5", "1e300")));
+}
+
+// How scripts see a rule: the source's name, the pattern, the browser.
+void TestRecords::ruleSummaries()
+{
+    const auto summary = [](const QString &id, const QString &name,
+                            std::optional<QString> pattern) {
+        return Automation::RuleEntity::from(RoutingRule{QUuid::createUuid(), id, name, u"chrome"_s,
+                                                        u"Chrome"_s, pattern, std::nullopt})
+            .summary;
+    };
+    QCOMPARE(summary(u"slack"_s, u"Slack"_s, u"example.com"_s), u"Slack + example.com → Chrome"_s);
+    QCOMPARE(summary(u"slack"_s, u"Slack"_s, std::nullopt), u"Slack → Chrome"_s);
+    QCOMPARE(summary({}, u"Slack"_s, u"example.com"_s), u"example.com → Chrome"_s);
+    QCOMPARE(summary({}, {}, std::nullopt), u"→ Chrome"_s);
+    QCOMPARE(summary(u"slack"_s, {}, std::nullopt), u" → Chrome"_s);
+    QCOMPARE(summary({}, {}, u""_s), u" → Chrome"_s);
 }
 
 QTEST_GUILESS_MAIN(TestRecords)

