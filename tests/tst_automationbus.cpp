@@ -236,6 +236,12 @@ void TestAutomationBus::listsAndQueries()
              (QJsonArray{QJsonObject{{u"id"_s, m_docsRuleId},
                                      {u"summary"_s, u"docs.example → Docs Browser"_s}}}));
 
+    result = quillvane({u"browsers"_s, u"--json"_s});
+    QCOMPARE(QJsonDocument::fromJson(result.out.toUtf8()).array().at(2).toObject(),
+             (QJsonObject{{u"id"_s, u"docs-browser"_s}, {u"name"_s, u"Docs Browser"_s}}));
+    QCOMPARE(qdbus_cast<QList<FeatureEntity>>(automationCall(u"ListFeatures"_s).arguments().value(0))
+                 .size(),
+             5);
     // In list order, each once, unknown and lower-case ids left out.
     QDBusMessage reply = automationCall(
         u"Browsers"_s, {QStringList{u"fallback-browser"_s, u"nope"_s, u"alpha-browser"_s,
@@ -450,7 +456,11 @@ void TestAutomationBus::fallbackAndFeatures()
     // Rules still apply to scripts while paused.
     result = quillvane({u"route"_s, u"https://docs.example/paused"_s});
     QCOMPARE(result.out, u"Routed to Docs Browser.\n"_s);
-    quillvane({u"feature"_s, u"pauseRules"_s, u"off"_s});
+    for (const QString &feature : {u"pauseRules"_s, u"urlCleaning"_s, u"urlUnwrapping"_s})
+        QCOMPARE(quillvane({u"feature"_s, feature, u"off"_s}).exitCode, 0);
+    QVERIFY(!SettingsKeys::read(*storedSettings(), SettingsKeys::UrlUnwrappingEnabled));
+    for (const QString &feature : {u"urlCleaning"_s, u"urlUnwrapping"_s})
+        quillvane({u"feature"_s, feature, u"on"_s});
 
     for (const QStringList &bad :
          {QStringList{u"feature"_s, u"URLCleaning"_s, u"on"_s},

@@ -45,7 +45,6 @@ class TestBrowsers final : public QObject
 
 private Q_SLOTS:
     void initTestCase();
-    void discovery();
     void launchByIdIgnoringCase();
     void flatpakEntryGetsTheLinkBetweenItsMarkers();
     void systemLookupForUnlistedBrowsers();
@@ -121,37 +120,6 @@ BrowserInfo TestBrowsers::browser(const QString &id) const
             return info;
     }
     qFatal("no browser %s", qPrintable(id));
-}
-
-void TestBrowsers::discovery()
-{
-    for (int i = 0; i < 3; ++i)
-        QTest::ignoreMessage(QtDebugMsg, "Excluding self from browser list");
-    QTest::ignoreMessage(QtDebugMsg, "Excluding non-browser app: <private>");
-    QTest::ignoreMessage(QtDebugMsg, "Skipping duplicate browser: <private>");
-    QTest::ignoreMessage(QtInfoMsg, QRegularExpression(u"^HTTPS handlers: \\d+$"_s));
-    QTest::ignoreMessage(QtInfoMsg, "Discovered 13 browser(s)");
-    const QList<BrowserInfo> browsers =
-        BrowserDiscovery::refreshBrowsers(GioDesktopEntries::instance());
-
-    QStringList ids;
-    for (const BrowserInfo &info : browsers)
-        ids.append(info.bundleID);
-    // Sorted by name ignoring case; Quillvane (by id, or running it under
-    // another name), terminals (by category and by id), com.parallels. apps,
-    // hidden entries and case-duplicates are gone.
-    QCOMPARE(ids, (QStringList{u"activatable"_s, u"arc"_s, u"brave-browser"_s, u"broken-exec"_s,
-                               u"chromium"_s, u"org.mozilla.firefox"_s, u"firefox-esr"_s,
-                               u"forger"_s, u"google-chrome"_s, u"chrome-with-icon"_s,
-                               u"nameless"_s, u"com.parallelsx"_s, u"WORK.VORPA.QUILLVANE.old"_s}));
-    const BrowserInfo chrome = browsers[ids.indexOf(u"google-chrome"_s)];
-    QCOMPARE(chrome.name, u"Google Chrome"_s);
-    QCOMPARE(chrome.path.toLocalFile(),
-             m_desktop->userApplications() + u"/google-chrome.desktop"_s);
-    QCOMPARE(browsers[ids.indexOf(u"nameless"_s)].name, u"nameless"_s);
-    // A name is shown in menus, logs and terminals: its control characters are written out.
-    QCOMPARE(browsers[ids.indexOf(u"forger"_s)].name,
-             u"Forger\\x0A[2026-01-01T00:00:00Z] \\x1B[2Jforged"_s);
 }
 
 void TestBrowsers::launchByIdIgnoringCase()

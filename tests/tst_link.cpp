@@ -14,8 +14,6 @@ private Q_SLOTS:
     void textIsKeptAsReceived();
     void invalidCharactersAreEncoded_data();
     void invalidCharactersAreEncoded();
-    void hostsBecomeWhatBrowsersConnectTo_data();
-    void hostsBecomeWhatBrowsersConnectTo();
     void badInputIsRefused_data();
     void badInputIsRefused();
     void hugeLinks();
@@ -100,26 +98,6 @@ void TestLink::invalidCharactersAreEncoded()
     const auto parsed = Link::parse(text);
     QVERIFY2(parsed, qPrintable(parsed ? QString() : parsed.error().description));
     QCOMPARE(parsed->toString(), expected);
-}
-
-void TestLink::hostsBecomeWhatBrowsersConnectTo_data()
-{
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<QString>("host");
-    QTest::newRow("IDN") << u"https://bücher.de/x"_s << u"xn--bcher-kva.de"_s;
-    QTest::newRow("full-width letters") << u"https://ｅｘａｍｐｌｅ.com/"_s << u"example.com"_s;
-    QTest::newRow("percent-encoded") << u"https://ex%61mple.COM/"_s << u"example.com"_s;
-    QTest::newRow("plain kept as written") << u"https://Example.COM/"_s << u"Example.COM"_s;
-}
-
-void TestLink::hostsBecomeWhatBrowsersConnectTo()
-{
-    QFETCH(QString, text);
-    QFETCH(QString, host);
-    const auto parsed = Link::parse(text);
-    QVERIFY2(parsed, qPrintable(parsed ? QString() : parsed.error().description));
-    QCOMPARE(parsed->host(), host);
-    QVERIFY(parsed->toString().contains(host));
 }
 
 void TestLink::badInputIsRefused_data()

@@ -252,6 +252,7 @@ void TestSettingsWindow::keyboard()
 void TestSettingsWindow::historyPane()
 {
     HistoryPane pane(*m_app->state);
+    pane.resize(520, 600);
     pane.show();
     auto *pages = pane.findChild<QStackedWidget *>();
     QCOMPARE(pages->currentWidget()->objectName(), u"historyEmptyState"_s);

@@ -26,9 +26,7 @@ private Q_SLOTS:
     void workedExamples_data();
     void workedExamples();
     void sourceRulesNeedASource();
-    void emptyRulesAndFallback();
     void storedOrderBreaksTies();
-    void followsRulesChangedInPlace();
     void matchesPattern_data();
     void matchesPattern();
     void hostsWrittenAnotherWay_data();
@@ -104,15 +102,6 @@ void TestURLRouter::sourceRulesNeedASource()
              std::nullopt);
 }
 
-void TestURLRouter::emptyRulesAndFallback()
-{
-    QCOMPARE(URLRouter::route(link(u"https://e.com/"_s), std::nullopt, {}, QString()),
-             std::nullopt);
-    QCOMPARE(
-        URLRouter::route(link(u"https://e.com/"_s), std::nullopt, {}, u"org.mozilla.firefox"_s),
-        (RouteResult{u"org.mozilla.firefox"_s, std::nullopt}));
-}
-
 void TestURLRouter::storedOrderBreaksTies()
 {
     const QList<RoutingRule> urlRules{makeRule(QString(), u"*.com/*"_s, u"first"_s),
@@ -128,24 +117,6 @@ void TestURLRouter::storedOrderBreaksTies()
                               QString())
                  ->browserBundleID,
              u"catch-all"_s);
-}
-
-void TestURLRouter::followsRulesChangedInPlace()
-{
-    // The same list object, edited between two links, as the application state does.
-    QList<RoutingRule> rules{makeRule(QString(), u"example.com"_s, u"first"_s)};
-    const Link url = link(u"https://example.com/"_s);
-    QCOMPARE(URLRouter::route(url, std::nullopt, rules, QString())->browserBundleID, u"first"_s);
-    rules[0].targetBrowserBundleID = u"edited"_s;
-    QCOMPARE(URLRouter::route(url, std::nullopt, rules, QString())->browserBundleID, u"edited"_s);
-    rules.prepend(makeRule(QString(), u"*"_s, u"catch-all"_s));
-    rules.append(makeRule(QString(), u"www.example.com"_s, u"more specific"_s));
-    QCOMPARE(URLRouter::route(url, std::nullopt, rules, QString())->browserBundleID, u"edited"_s);
-    rules[1].urlPattern = u"other.org"_s;
-    QCOMPARE(URLRouter::route(url, std::nullopt, rules, QString())->browserBundleID,
-             u"catch-all"_s);
-    rules.removeFirst();
-    QCOMPARE(URLRouter::route(url, std::nullopt, rules, u"fb"_s)->browserBundleID, u"fb"_s);
 }
 
 void TestURLRouter::matchesPattern_data()
