@@ -275,8 +275,9 @@ void TestTrayHost::pauseAndResume()
     QTRY_COMPARE(difference(grab(m_icon.geometry), m_activeIcon), 0.0);
 }
 
-// The desktop entry's "Create Rule": the settings window, and a new app rule's
-// sheet on it, which Escape closes without saving.
+// The ways to the settings window: the desktop entry's "Create Rule" (with a
+// new app rule's sheet on it, which Escape closes without saving), the tray
+// menu's history and the command line.
 void TestTrayHost::createRuleAction()
 {
     QDBusMessage action =
@@ -289,8 +290,20 @@ void TestTrayHost::createRuleAction()
     QVERIFY2(sheet, "\"Create Rule\" showed no sheet");
     QVERIFY(closeWith(*sheet, u"Escape"_s));
     QCOMPARE(RuleStore(*stored()).loadRules().size(), 3);
-    const auto window = waitForWindow({u"--name"_s, u"^Quillvane Settings$"_s}, anyArea);
+    const QStringList settings{u"--name"_s, u"^Quillvane Settings$"_s};
+    auto window = waitForWindow(settings, anyArea);
     QVERIFY(window);
+    QVERIFY(closeWith(*window, u"ctrl+w"_s));
+
+    // "Forwarding History..." in the tray menu, and --settings from a terminal.
+    QVERIFY(openMenu());
+    choose(4);
+    QVERIFY((window = waitForWindow(settings, anyArea)));
+    QVERIFY(closeWith(*window, u"ctrl+w"_s));
+    const QString quillvane = g_installed.program(u"quillvane"_s);
+    QCOMPARE(InstalledQuillvane::run(quillvane, {u"--settings"_s, u"x"_s}).exitCode, 2);
+    QCOMPARE(InstalledQuillvane::run(quillvane, {u"--settings"_s}).exitCode, 0);
+    QVERIFY((window = waitForWindow(settings, anyArea)));
     QVERIFY(closeWith(*window, u"ctrl+w"_s));
 }
 
