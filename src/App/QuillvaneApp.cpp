@@ -9,11 +9,11 @@
 #include "Platform/ProcessEnd.h"
 
 #include <QApplication>
-#include <QWidget>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
 #include <QStringDecoder>
+#include <QWidget>
 
 #include <cstdio>
 
