@@ -13,6 +13,12 @@
 #include <stdio.h>
 #include <string.h>
 
+static int fail(const GError *error)
+{
+    fprintf(stderr, "fake_sandbox: %s\n", error->message);
+    return 1;
+}
+
 static const char *const LauncherXml =
     "<node><interface name='io.snapcraft.Launcher'>"
     "<method name='OpenURL'><arg type='s' name='url' direction='in'/></method>"
@@ -56,16 +62,14 @@ static int run_snapd(GDBusConnection *bus)
     GError *error = NULL;
     if (!g_dbus_connection_register_object(bus, "/io/snapcraft/Launcher", node->interfaces[0],
                                            &vtable, NULL, NULL, &error)) {
-        fprintf(stderr, "fake_sandbox: %s\n", error->message);
-        return 1;
+        return fail(error);
     }
     GVariant *owned = g_dbus_connection_call_sync(
         bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
         "RequestName", g_variant_new("(su)", "io.snapcraft.Launcher", 4u), G_VARIANT_TYPE("(u)"),
         G_DBUS_CALL_FLAGS_NONE, -1, NULL, &error);
     if (!owned) {
-        fprintf(stderr, "fake_sandbox: %s\n", error->message);
-        return 1;
+        return fail(error);
     }
     g_variant_unref(owned);
     printf("ready\n");
@@ -81,8 +85,7 @@ int main(int argc, char **argv)
     GError *error = NULL;
     GDBusConnection *bus = g_bus_get_sync(G_BUS_TYPE_SESSION, NULL, &error);
     if (!bus) {
-        fprintf(stderr, "fake_sandbox: %s\n", error->message);
-        return 1;
+        return fail(error);
     }
     if (strcmp(argv[1], "snapd") == 0)
         return run_snapd(bus);
@@ -100,8 +103,7 @@ int main(int argc, char **argv)
                                              g_variant_new("(s)", argv[2]), NULL,
                                              G_DBUS_CALL_FLAGS_NONE, -1, NULL, &error);
     if (!reply) {
-        fprintf(stderr, "fake_sandbox: %s\n", error->message);
-        return 1;
+        return fail(error);
     }
     g_variant_unref(reply);
     printf("asked\n");
