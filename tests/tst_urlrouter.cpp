@@ -25,17 +25,12 @@ class TestURLRouter final : public QObject
 private Q_SLOTS:
     void workedExamples_data();
     void workedExamples();
-    void sourceRulesNeedASource();
-    void storedOrderBreaksTies();
+    void sourcesAndStoredOrder();
     void matchesPattern_data();
     void matchesPattern();
-    void hostsWrittenAnotherWay_data();
-    void hostsWrittenAnotherWay();
-    void domainSpecificity_data();
-    void domainSpecificity();
-    void plannerPauseAndPolicies();
-    void plannerCleansExpandsAndCredits();
-    void plannerAsks();
+    void planner_data();
+    void planner();
+    void plannerFollowsTheLink();
 };
 
 void TestURLRouter::workedExamples_data()
@@ -45,28 +40,25 @@ void TestURLRouter::workedExamples_data()
     QTest::addColumn<QString>("browser");
     QTest::addColumn<QString>("profile");
     QTest::addColumn<qsizetype>("ruleIndex");
-
-    QTest::newRow("combined R2") << u"meet.example.org/abc"_s << u"com.example.chat"_s
-                                 << u"com.apple.Safari"_s << QString() << qsizetype(1);
-    QTest::newRow("source-only beats URL rules")
-        << u"docs.example.com/x"_s << u"com.example.chat"_s << u"com.google.Chrome"_s << QString()
-        << qsizetype(0);
-    QTest::newRow("URL-only R4 with profile")
-        << u"docs.example.com/guide"_s << u"com.example.mail"_s << u"com.google.Chrome"_s
-        << u"Profile 1"_s << qsizetype(3);
-    QTest::newRow("rank 2 before rank 0")
-        << u"shop.example.com/admin/users"_s << u"com.example.mail"_s << u"org.mozilla.firefox"_s
-        << QString() << qsizetype(2);
-    QTest::newRow("substring anywhere") << u"api.test.org/example.com/api"_s << QString()
-                                        << u"com.microsoft.edgemac"_s << QString() << qsizetype(5);
-    QTest::newRow("case folded") << u"EXAMPLE.COM/"_s << QString() << u"org.mozilla.firefox"_s
-                                 << QString() << qsizetype(2);
-    QTest::newRow("not a subdomain")
-        << u"notexample.com/"_s << QString() << u"com.apple.Safari"_s << QString() << qsizetype(-1);
-    QTest::newRow("suffix is not the host") << u"example.com.test.org/"_s << QString()
-                                            << u"com.apple.Safari"_s << QString() << qsizetype(-1);
-    QTest::newRow("bundle ids ignore case") << u"docs.example.com/"_s << u"COM.EXAMPLE.CHAT"_s
-                                            << u"com.google.Chrome"_s << QString() << qsizetype(0);
+    const QList<std::tuple<const char *, QString, QString, QString, QString, qsizetype>> rows{
+        {"combined R2", u"meet.example.org/abc"_s, u"com.example.chat"_s, u"com.apple.Safari"_s,
+         {}, 1},
+        {"source-only beats URL rules", u"docs.example.com/x"_s, u"com.example.chat"_s,
+         u"com.google.Chrome"_s, {}, 0},
+        {"URL-only R4 with profile", u"docs.example.com/guide"_s, u"com.example.mail"_s,
+         u"com.google.Chrome"_s, u"Profile 1"_s, 3},
+        {"rank 2 before rank 0", u"shop.example.com/admin/users"_s, u"com.example.mail"_s,
+         u"org.mozilla.firefox"_s, {}, 2},
+        {"substring anywhere", u"api.test.org/example.com/api"_s, {}, u"com.microsoft.edgemac"_s,
+         {}, 5},
+        {"case folded", u"EXAMPLE.COM/"_s, {}, u"org.mozilla.firefox"_s, {}, 2},
+        {"not a subdomain", u"notexample.com/"_s, {}, u"com.apple.Safari"_s, {}, -1},
+        {"suffix is not the host", u"example.com.test.org/"_s, {}, u"com.apple.Safari"_s, {}, -1},
+        {"bundle ids ignore case", u"docs.example.com/"_s, u"COM.EXAMPLE.CHAT"_s,
+         u"com.google.Chrome"_s, {}, 0},
+    };
+    for (const auto &[name, hostAndPath, sourceID, browser, profile, index] : rows)
+        QTest::newRow(name) << hostAndPath << sourceID << browser << profile << index;
 }
 
 void TestURLRouter::workedExamples()
@@ -86,7 +78,7 @@ void TestURLRouter::workedExamples()
     QCOMPARE(decision.ruleIndex, ruleIndex);
 }
 
-void TestURLRouter::sourceRulesNeedASource()
+void TestURLRouter::sourcesAndStoredOrder()
 {
     // Without a source, even a combined rule whose pattern matches is not considered.
     const QList<RoutingRule> rules{makeRule(u"com.example.chat"_s, u"*meet*"_s, u"a"_s),
@@ -100,81 +92,51 @@ void TestURLRouter::sourceRulesNeedASource()
     const QList<RoutingRule> inert{makeRule(QString(), std::nullopt, u"x"_s)};
     QCOMPARE(URLRouter::route(link(u"https://e.com/"_s), source(u"a"_s), inert, QString()),
              std::nullopt);
-}
 
-void TestURLRouter::storedOrderBreaksTies()
-{
-    const QList<RoutingRule> urlRules{makeRule(QString(), u"*.com/*"_s, u"first"_s),
-                                      makeRule(QString(), u"*e.com*"_s, u"second"_s)};
-    QCOMPARE(URLRouter::route(link(u"https://e.com/"_s), std::nullopt, urlRules, QString())
-                 ->browserBundleID,
+    // Equally specific URL rules, and an app's combined rules however specific:
+    // the first stored wins.
+    const auto first = [](const QList<RoutingRule> &ordered, const QString &url,
+                          const QString &app) {
+        return URLRouter::route(link(url), source(app), ordered, QString())->browserBundleID;
+    };
+    QCOMPARE(first({makeRule(QString(), u"*.com/*"_s, u"first"_s),
+                    makeRule(QString(), u"*e.com*"_s, u"second"_s)},
+                   u"https://e.com/"_s, QString()),
              u"first"_s);
-
-    // Among an app's combined rules the first stored wins, however specific the others are.
-    const QList<RoutingRule> combined{makeRule(u"app"_s, u"*"_s, u"catch-all"_s),
-                                      makeRule(u"app"_s, u"docs.example.com"_s, u"specific"_s)};
-    QCOMPARE(URLRouter::route(link(u"https://docs.example.com/"_s), source(u"app"_s), combined,
-                              QString())
-                 ->browserBundleID,
+    QCOMPARE(first({makeRule(u"app"_s, u"*"_s, u"catch-all"_s),
+                    makeRule(u"app"_s, u"docs.example.com"_s, u"specific"_s)},
+                   u"https://docs.example.com/"_s, u"app"_s),
              u"catch-all"_s);
 }
 
+// Patterns as the user writes them, and the same host spelt two ways, one in
+// the link and one in the rule: the rule holds, whichever way each is
+// written; nothing else starts to match.
 void TestURLRouter::matchesPattern_data()
 {
     QTest::addColumn<QString>("url");
     QTest::addColumn<QString>("pattern");
     QTest::addColumn<bool>("matches");
-
-    QTest::newRow("glob anchored at the scheme")
-        << u"https://example.com/x"_s << u"example.com/*"_s << false;
-    QTest::newRow("glob with leading star")
-        << u"https://example.com/x"_s << u"*example.com/*"_s << true;
-    QTest::newRow("glob spelling out the scheme")
-        << u"https://example.com/x"_s << u"https://example.com/*"_s << true;
-    QTest::newRow("star alone") << u"https://e.com/"_s << u"*"_s << true;
-    QTest::newRow("only stars") << u"https://e.com/"_s << u"***"_s << true;
-    QTest::newRow("star matches nothing") << u"https://ab"_s << u"https://a*b"_s << true;
-    QTest::newRow("last part at the very end")
-        << u"https://x.example.com"_s << u"*example.com"_s << true;
-    QTest::newRow("last part not at the end")
-        << u"https://x.example.com/"_s << u"*example.com"_s << false;
-    QTest::newRow("last part found twice") << u"https://a.com/a.com"_s << u"*a.com"_s << true;
-    QTest::newRow("glob question mark is literal") << u"https://e.com/a?b"_s << u"*/a?b"_s << true;
-    QTest::newRow("glob dot is literal") << u"https://e.com/axb"_s << u"*/a.b"_s << false;
-    QTest::newRow("glob needs two parts") << u"https://e.com/a"_s << u"*/a*a"_s << false;
-    QTest::newRow("domain with port never matches")
-        << u"https://example.com:8080/"_s << u"example.com:8080"_s << false;
-    QTest::newRow("domain ignores port")
-        << u"https://example.com:8080/"_s << u"example.com"_s << true;
-    QTest::newRow("deep subdomain") << u"https://a.b.example.com/"_s << u"example.com"_s << true;
-    QTest::newRow("domain pattern upper case")
-        << u"https://docs.example.com/"_s << u"Example.COM"_s << true;
-    QTest::newRow("scheme prefix is a substring test")
-        << u"https://other.org/?next=https://example.com/x"_s << u"https://example.com"_s << true;
-    QTest::newRow("empty pattern") << u"https://example.com/"_s << QString() << false;
-    QTest::newRow("empty pattern, host ending in dot")
-        << u"https://example.com./"_s << QString() << true;
-    QTest::newRow("no host") << u"mailto:a@example.com"_s << u"example.com"_s << false;
-    QTest::newRow("IDN host against its ASCII form")
-        << u"https://bücher.de/"_s << u"xn--bcher-kva.de"_s << true;
-}
-
-void TestURLRouter::matchesPattern()
-{
-    QFETCH(QString, url);
-    QFETCH(QString, pattern);
-    QFETCH(bool, matches);
-    QCOMPARE(URLRouter::matchesPattern(link(url), pattern), matches);
-}
-
-// The same host spelt two ways, one in the link and one in the rule: the rule
-// holds, whichever way each is written; nothing else starts to match.
-void TestURLRouter::hostsWrittenAnotherWay_data()
-{
-    QTest::addColumn<QString>("url");
-    QTest::addColumn<QString>("pattern");
-    QTest::addColumn<bool>("matches");
     const QList<std::tuple<const char *, QString, QString, bool>> rows{
+        {"glob anchored at the scheme", u"https://example.com/x"_s, u"example.com/*"_s, false},
+        {"glob with leading star", u"https://example.com/x"_s, u"*example.com/*"_s, true},
+        {"glob spelling out the scheme", u"https://example.com/x"_s, u"https://example.com/*"_s,
+         true},
+        {"star alone", u"https://e.com/"_s, u"*"_s, true},
+        {"only stars", u"https://e.com/"_s, u"***"_s, true},
+        {"star matches nothing", u"https://ab"_s, u"https://a*b"_s, true},
+        {"last part at the very end", u"https://x.example.com"_s, u"*example.com"_s, true},
+        {"last part not at the end", u"https://x.example.com/"_s, u"*example.com"_s, false},
+        {"last part found twice", u"https://a.com/a.com"_s, u"*a.com"_s, true},
+        {"glob question mark is literal", u"https://e.com/a?b"_s, u"*/a?b"_s, true},
+        {"glob dot is literal", u"https://e.com/axb"_s, u"*/a.b"_s, false},
+        {"glob needs two parts", u"https://e.com/a"_s, u"*/a*a"_s, false},
+        {"domain ignores port", u"https://example.com:8080/"_s, u"example.com"_s, true},
+        {"deep subdomain", u"https://a.b.example.com/"_s, u"example.com"_s, true},
+        {"domain pattern upper case", u"https://docs.example.com/"_s, u"Example.COM"_s, true},
+        {"scheme prefix is a substring test", u"https://other.org/?next=https://example.com/x"_s,
+         u"https://example.com"_s, true},
+        {"no host", u"mailto:a@example.com"_s, u"example.com"_s, false},
         {"Unicode rule", u"https://bücher.de/"_s, u"bücher.de"_s, true},
         {"Unicode rule, subdomain", u"https://www.xn--bcher-kva.de/x"_s, u"bücher.de"_s, true},
         {"capital Unicode rule", u"https://bücher.de/"_s, u"BÜCHER.DE"_s, true},
@@ -193,7 +155,6 @@ void TestURLRouter::hostsWrittenAnotherWay_data()
         {"Unicode rule with scheme", u"https://bücher.de/shop"_s, u"https://bücher.de/"_s, true},
         {"Unicode wildcard rule", u"https://a.bücher.de/shop"_s, u"*.bücher.de/*"_s, true},
         {"final dot, path rule", u"https://example.com./api"_s, u"example.com/api"_s, true},
-        // What must not change.
         {"another host", u"https://xn--bcher-kva.de.evil.example/"_s, u"bücher.de"_s, false},
         {"a longer name", u"https://notbücher.de/"_s, u"bücher.de"_s, false},
         {"rule with a port", u"https://example.com:8080/"_s, u"example.com:8080"_s, false},
@@ -206,7 +167,7 @@ void TestURLRouter::hostsWrittenAnotherWay_data()
         QTest::newRow(name) << url << pattern << matches;
 }
 
-void TestURLRouter::hostsWrittenAnotherWay()
+void TestURLRouter::matchesPattern()
 {
     QFETCH(QString, url);
     QFETCH(QString, pattern);
@@ -222,27 +183,6 @@ void TestURLRouter::hostsWrittenAnotherWay()
     QCOMPARE(routed(SourceApp{u"app"_s, u"App"_s}), matches ? u"app-rule"_s : u"fallback"_s);
 }
 
-void TestURLRouter::domainSpecificity_data()
-{
-    QTest::addColumn<QString>("pattern");
-    QTest::addColumn<int>("rank");
-    QTest::newRow("com") << u"com"_s << 1;
-    QTest::newRow("example.com") << u"example.com"_s << 2;
-    QTest::newRow("docs.example.com") << u"docs.example.com"_s << 3;
-    QTest::newRow("empty") << QString() << 1;
-    QTest::newRow(".com") << u".com"_s << 2;
-    QTest::newRow("star") << u"*.example.com"_s << 0;
-    QTest::newRow("path") << u"example.com/api"_s << 0;
-    QTest::newRow("scheme") << u"https://example.com"_s << 0;
-}
-
-void TestURLRouter::domainSpecificity()
-{
-    QFETCH(QString, pattern);
-    QFETCH(int, rank);
-    QCOMPARE(URLRouter::domainSpecificity(pattern), rank);
-}
-
 namespace {
 
 RouteSettings plannerSettings()
@@ -256,54 +196,138 @@ RouteSettings plannerSettings()
 
 } // namespace
 
-void TestURLRouter::plannerPauseAndPolicies()
+// What the plan decides and whom the history credits, for each setting that
+// changes the way: pause, "Ask" as the fallback, a rule that asks, a script's
+// route, the explanation.
+void TestURLRouter::planner_data()
 {
-    RouteSettings settings = plannerSettings();
-    settings.rulesEnabled = false;
-    const Link guide = link(u"https://docs.example.com/guide"_s);
-
-    // Paused: decided at once, by the fallback, credited to the pause, never expanded.
-    RoutePlan plan =
-        RoutePlanner::prepare(link(u"https://sho.rt/x"_s), source(u"com.example.chat"_s), settings,
-                              RoutePolicy::routing(true));
-    QCOMPARE(plan.decision, RoutePlan::Decision::Paused);
-    QCOMPARE(plan.result, (RouteResult{u"com.apple.Safari"_s, std::nullopt}));
-    QCOMPARE(plan.ruleMatched, u"⏸ Rules paused"_s);
-    QVERIFY(!plan.shortLink);
-    RoutePlanner::decide(plan, settings, RoutePolicy::routing(true));
-    QCOMPARE(plan.decision, RoutePlan::Decision::Paused);
-    QVERIFY(plan.trail.isEmpty());
-
-    settings.defaultBrowserBundleID.clear();
-    plan = RoutePlanner::prepare(guide, std::nullopt, settings, RoutePolicy::explanation());
-    QCOMPARE(plan.decision, RoutePlan::Decision::Paused);
-    QVERIFY(!plan.result);
-
-    // A script's action: pause does not hold it, and the profile is left out.
-    plan = RoutePlanner::prepare(guide, std::nullopt, settings, RoutePolicy::automation());
-    RoutePlanner::decide(plan, settings, RoutePolicy::automation());
-    QCOMPARE(plan.decision, RoutePlan::Decision::UrlOnly);
-    QCOMPARE(plan.result, (RouteResult{u"com.google.Chrome"_s, std::nullopt}));
-    QVERIFY(plan.trail.isEmpty());
-
-    // The same link routed for real keeps the profile and, when asked, the trail.
-    settings.rulesEnabled = true;
-    plan = RoutePlanner::prepare(guide, std::nullopt, settings, RoutePolicy::routing(true));
-    RoutePlanner::decide(plan, settings, RoutePolicy::routing(true));
-    QCOMPARE(plan.result, (RouteResult{u"com.google.Chrome"_s, u"Profile 1"_s}));
-    QCOMPARE(plan.ruleID, settings.rules[3].id);
-    QCOMPARE(plan.trail.size(), 8);
-    plan = RoutePlanner::prepare(guide, std::nullopt, settings, RoutePolicy::routing(false));
-    RoutePlanner::decide(plan, settings, RoutePolicy::routing(false));
-    QVERIFY(plan.trail.isEmpty());
+    QTest::addColumn<QString>("url");
+    QTest::addColumn<QString>("sourceID");
+    // paused, no fallback, fallback asks, rule asks, mail rule, no cleaning, no expansion
+    QTest::addColumn<QStringList>("settings");
+    QTest::addColumn<QString>("policy"); // routing, trail, explanation, automation
+    QTest::addColumn<RoutePlan::Decision>("decision");
+    QTest::addColumn<QString>("browser"); // "ask:" in front: the user is asked, this offered first
+    QTest::addColumn<QString>("profile");
+    QTest::addColumn<QString>("decidedBy"); // "rule N": rule N's id
+    QTest::addColumn<QString>("credit");
+    using D = RoutePlan::Decision;
+    const QString chrome = u"com.google.Chrome"_s;
+    const QString safari = u"com.apple.Safari"_s;
+    const QString docs = u"https://docs.example.com/guide"_s;
+    const QString other = u"https://other.example/"_s;
+    const QString chat = u"com.example.chat"_s;
+    const QString tracked = u"https://sho.rt/x?utm_source=mail&id=1"_s;
+    const QStringList none;
+    const QList<std::tuple<const char *, QString, QString, QStringList, QString, D, QString,
+                           QString, QString, QString>>
+        rows{
+            // Decided at once, by the fallback, credited to the pause, never expanded.
+            {"paused", u"https://sho.rt/x"_s, chat, {u"paused"_s}, u"trail"_s, D::Paused, safari,
+             {}, u"paused"_s, u"⏸ Rules paused"_s},
+            {"paused, no fallback", docs, {}, {u"paused"_s, u"no fallback"_s}, u"explanation"_s,
+             D::Paused, {}, {}, u"paused"_s, u"⏸ Rules paused"_s},
+            // A script's action: pause does not hold it, and the profile is left out.
+            {"script while paused", docs, {}, {u"paused"_s}, u"automation"_s, D::UrlOnly, chrome,
+             {}, u"rule 3"_s, {}},
+            {"with the trail", docs, {}, none, u"trail"_s, D::UrlOnly, chrome, u"Profile 1"_s,
+             u"rule 3"_s, {}},
+            {"without the trail", docs, {}, none, u"routing"_s, D::UrlOnly, chrome, u"Profile 1"_s,
+             u"rule 3"_s, {}},
+            // A URL rule decides; the history credits the app's first rule.
+            {"credit to the app's first rule", docs, u"com.example.mail"_s, {u"mail rule"_s},
+             u"routing"_s, D::UrlOnly, chrome, u"Profile 1"_s, u"rule 3"_s,
+             u"com.example.mail → firefox"_s},
+            {"source rule", u"https://x.example/"_s, chat, none, u"routing"_s, D::SourceOnly,
+             chrome, {}, u"rule 0"_s, u"com.example.chat → com.google.Chrome"_s},
+            {"cleaning and expansion off", tracked, {}, {u"no cleaning"_s, u"no expansion"_s},
+             u"routing"_s, D::Fallback, safari, {}, u"fallback"_s, {}},
+            // "Ask" as the fallback: the fallback browser offered first, even
+            // without one, and while paused; a rule decides first; a script never asks.
+            {"fallback asks", other, {}, {u"fallback asks"_s}, u"routing"_s, D::Ask,
+             u"ask:"_s + safari, {}, u"asked"_s, {}},
+            {"fallback asks, none set", other, {}, {u"fallback asks"_s, u"no fallback"_s},
+             u"routing"_s, D::Ask, u"ask:"_s, {}, u"asked"_s, {}},
+            {"a rule before asking", docs, {}, {u"fallback asks"_s}, u"routing"_s, D::UrlOnly,
+             chrome, u"Profile 1"_s, u"rule 3"_s, {}},
+            {"asks while paused", docs, {}, {u"fallback asks"_s, u"paused"_s}, u"routing"_s,
+             D::Paused, u"ask:"_s + safari, {}, u"paused"_s, u"⏸ Rules paused"_s},
+            {"a script is never asked", other, {}, {u"fallback asks"_s}, u"automation"_s,
+             D::Fallback, safari, {}, u"fallback"_s, {}},
+            {"a rule that asks", u"https://x.example/"_s, u"com.example.mail"_s,
+             {u"rule asks"_s}, u"routing"_s, D::SourceOnly, u"ask:"_s, {}, u"rule 6"_s,
+             u"com.example.mail → Ask Every Time"_s},
+        };
+    for (const auto &[name, url, sourceID, changes, policy, decision, browser, profile, by,
+                      credit] : rows)
+        QTest::newRow(name) << url << sourceID << changes << policy << decision << browser
+                            << profile << by << credit;
 }
 
-void TestURLRouter::plannerCleansExpandsAndCredits()
+void TestURLRouter::planner()
+{
+    QFETCH(QString, url);
+    QFETCH(QString, sourceID);
+    QFETCH(QStringList, settings);
+    QFETCH(QString, policy);
+    QFETCH(RoutePlan::Decision, decision);
+    QFETCH(QString, browser);
+    QFETCH(QString, profile);
+    QFETCH(QString, decidedBy);
+    QFETCH(QString, credit);
+    RouteSettings routeSettings = plannerSettings();
+    routeSettings.rulesEnabled = !settings.contains(u"paused"_s);
+    routeSettings.fallbackAsks = settings.contains(u"fallback asks"_s);
+    routeSettings.urlCleaningEnabled = !settings.contains(u"no cleaning"_s);
+    routeSettings.urlExpansionEnabled = !settings.contains(u"no expansion"_s);
+    if (settings.contains(u"no fallback"_s))
+        routeSettings.defaultBrowserBundleID.clear();
+    if (settings.contains(u"mail rule"_s))
+        routeSettings.rules.append(
+            makeRule(u"com.example.mail"_s, u"never.example"_s, u"firefox"_s));
+    if (settings.contains(u"rule asks"_s)) {
+        RoutingRule asking = makeRule(u"com.example.mail"_s, std::nullopt, QString());
+        asking.askWhereToOpen = true;
+        asking.targetBrowserName = RoutingRule::AskName.toString();
+        routeSettings.rules.append(asking);
+    }
+    const RoutePolicy chosen = policy == u"automation" ? RoutePolicy::automation()
+                               : policy == u"explanation" ? RoutePolicy::explanation()
+                                                          : RoutePolicy::routing(policy == u"trail");
+
+    RoutePlan plan = RoutePlanner::prepare(link(url), source(sourceID), routeSettings, chosen);
+    QCOMPARE(plan.decided(), decision == RoutePlan::Decision::Paused);
+    QVERIFY(!plan.shortLink);
+    RoutePlanner::decide(plan, routeSettings, chosen);
+    QCOMPARE(plan.decision, decision);
+    const bool asks = browser.startsWith(u"ask:"_s);
+    QCOMPARE(plan.asks(), asks);
+    browser.remove(0, asks ? 4 : 0);
+    QCOMPARE(plan.result.has_value(), !browser.isEmpty() || asks);
+    if (plan.result) {
+        QCOMPARE(plan.result->browserBundleID, browser);
+        QCOMPARE(plan.result->profileID.value_or(QString()), profile);
+    }
+    if (decidedBy.startsWith(u"rule "_s)) {
+        const RoutingRule &rule = routeSettings.rules.at(decidedBy.mid(5).toInt());
+        decidedBy = JsonFields::uuidText(rule.id);
+        QCOMPARE(plan.ruleDescription, rule.description());
+    }
+    QCOMPARE(plan.decidedBy().value_or(QString()), decidedBy);
+    QCOMPARE(plan.ruleMatched.value_or(QString()), credit);
+    // A line per rule and the outcome, only when asked for, and none when paused.
+    const bool traced = policy == u"trail" || policy == u"explanation";
+    QCOMPARE(plan.trail.size(), traced && decision != RoutePlan::Decision::Paused ? 8 : 0);
+}
+
+// Unwrapping before cleaning before expansion before the rules, each seeing
+// what the one before made of the link; the rules as they are once the short
+// link is expanded, and the deciding rule as it read then.
+void TestURLRouter::plannerFollowsTheLink()
 {
     RouteSettings settings = plannerSettings();
     const RoutePolicy policy = RoutePolicy::routing(false);
     const Link tracked = link(u"https://sho.rt/x?utm_source=mail&id=1"_s);
-
     RoutePlan plan =
         RoutePlanner::prepare(tracked, source(u"com.example.chat"_s), settings, policy);
     QCOMPARE(plan.received, tracked);
@@ -311,49 +335,22 @@ void TestURLRouter::plannerCleansExpandsAndCredits()
     QCOMPARE(plan.working, plan.cleaned);
     QVERIFY(plan.shortLink);
     QVERIFY(!plan.decided());
-
-    // The rules see where the short link leads, as they are after the wait: the
-    // chat's meeting rule is gone, so its rule for every link decides.
+    // The chat's meeting rule is gone while the link expands: its rule for
+    // every link decides.
     RoutePlanner::expanded(plan, link(u"https://meet.example.org/room"_s));
     settings.rules.removeAt(1);
     RoutePlanner::decide(plan, settings, policy);
     QCOMPARE(plan.decision, RoutePlan::Decision::SourceOnly);
     QCOMPARE(plan.ruleID, settings.rules[0].id);
-    QCOMPARE(plan.ruleMatched, u"com.example.chat → com.google.Chrome"_s);
-    QCOMPARE(plan.decidedBy(), JsonFields::uuidText(settings.rules[0].id));
-    QCOMPARE(plan.ruleDescription, u"com.example.chat → com.google.Chrome"_s);
-    // A URL rule decides; the history still credits the app's first rule.
-    settings.rules.append(makeRule(u"com.example.mail"_s, u"never.example"_s, u"firefox"_s));
-    plan = RoutePlanner::prepare(link(u"https://docs.example.com/"_s),
-                                 source(u"com.example.mail"_s), settings, policy);
-    RoutePlanner::decide(plan, settings, policy);
-    QCOMPARE(plan.decision, RoutePlan::Decision::UrlOnly);
-    QCOMPARE(plan.ruleMatched, u"com.example.mail → firefox"_s);
-    // ... while the record names the rule that decided, as it read then.
-    QCOMPARE(plan.ruleDescription, u"docs.example.com → com.google.Chrome"_s);
-    settings.rules[3].urlPattern = u"renamed.example.com"_s;
-    QCOMPARE(plan.ruleDescription, u"docs.example.com → com.google.Chrome"_s);
+    const QString description = *plan.ruleDescription;
+    settings.rules[0].targetBrowserName = u"Renamed"_s;
+    QCOMPARE(plan.ruleDescription, description);
 
-    // No source: nothing to credit, even when a rule decides.
-    plan = RoutePlanner::prepare(link(u"https://example.com/"_s), std::nullopt, settings, policy);
-    RoutePlanner::decide(plan, settings, policy);
-    QCOMPARE(plan.decision, RoutePlan::Decision::UrlOnly);
-    QVERIFY(!plan.ruleMatched);
-
-    // Cleaning and expansion off: the link as received, and not a short link.
     settings.urlCleaningEnabled = false;
-    settings.urlExpansionEnabled = false;
     plan = RoutePlanner::prepare(tracked, std::nullopt, settings, policy);
     QCOMPARE(plan.cleaned, tracked);
     QVERIFY(!plan.cleanedSomething());
-    QVERIFY(!plan.shortLink);
-    RoutePlanner::decide(plan, settings, policy);
-    QCOMPARE(plan.decision, RoutePlan::Decision::Fallback);
-    QVERIFY(!plan.ruleID);
-    QCOMPARE(plan.decidedBy(), u"fallback"_s);
 
-    // A redirect wrapper is opened before anything else, so that cleaning and
-    // the rules see the link inside it.
     settings.urlCleaningEnabled = true;
     const Link wrapped =
         link(u"https://www.google.com/url?q=https%3A%2F%2Fdocs.example.com%2F%3Futm_source%3Dx"_s);
@@ -365,55 +362,6 @@ void TestURLRouter::plannerCleansExpandsAndCredits()
     settings.urlUnwrappingEnabled = false;
     plan = RoutePlanner::prepare(wrapped, std::nullopt, settings, policy);
     QCOMPARE(plan.unwrapped, wrapped);
-}
-
-// "Ask" as the fallback: the plan asks where no rule decides, with the fallback
-// browser offered first, even without one, and while paused; a script's route
-// never asks.
-void TestURLRouter::plannerAsks()
-{
-    RouteSettings settings = plannerSettings();
-    settings.fallbackAsks = true;
-    const RoutePolicy policy = RoutePolicy::routing(false);
-    RoutePlan plan = RoutePlanner::prepare(link(u"https://other.example/"_s), std::nullopt,
-                                           settings, policy);
-    RoutePlanner::decide(plan, settings, policy);
-    QCOMPARE(plan.decision, RoutePlan::Decision::Ask);
-    QVERIFY(plan.asks());
-    QCOMPARE(plan.result->browserBundleID, u"com.apple.Safari"_s);
-    QCOMPARE(plan.decidedBy(), u"asked"_s);
-    settings.defaultBrowserBundleID.clear();
-    plan = RoutePlanner::prepare(link(u"https://other.example/"_s), std::nullopt, settings, policy);
-    RoutePlanner::decide(plan, settings, policy);
-    QCOMPARE(plan.decision, RoutePlan::Decision::Ask);
-    // A rule decides first.
-    plan = RoutePlanner::prepare(link(u"https://docs.example.com/"_s), std::nullopt, settings,
-                                 policy);
-    RoutePlanner::decide(plan, settings, policy);
-    QCOMPARE(plan.decision, RoutePlan::Decision::UrlOnly);
-    QVERIFY(!plan.asks());
-    settings.rulesEnabled = false;
-    plan = RoutePlanner::prepare(link(u"https://docs.example.com/"_s), std::nullopt, settings,
-                                 policy);
-    QCOMPARE(plan.decision, RoutePlan::Decision::Paused);
-    QVERIFY(plan.asks());
-    plan = RoutePlanner::prepare(link(u"https://other.example/"_s), std::nullopt, settings,
-                                 RoutePolicy::automation());
-    RoutePlanner::decide(plan, settings, RoutePolicy::automation());
-    QVERIFY(!plan.asks());
-
-    // A rule that asks, whatever the fallback is.
-    RoutingRule asking = makeRule(u"com.example.mail"_s, std::nullopt, QString());
-    asking.askWhereToOpen = true;
-    settings.rules = {asking};
-    settings.rulesEnabled = true;
-    settings.fallbackAsks = false;
-    plan = RoutePlanner::prepare(link(u"https://x.example/"_s), source(u"com.example.mail"_s),
-                                 settings, policy);
-    RoutePlanner::decide(plan, settings, policy);
-    QCOMPARE(plan.decision, RoutePlan::Decision::SourceOnly);
-    QVERIFY(plan.asks());
-    QCOMPARE(plan.decidedBy(), JsonFields::uuidText(asking.id));
 }
 
 QTEST_GUILESS_MAIN(TestURLRouter)
