@@ -51,4 +51,6 @@ struct ForwardingRecord
     // skipped: as JsonFields::decodeArray (keep the readable records).
     static Expected<QList<ForwardingRecord>, DecodeError>
     listFromJson(QByteArrayView utf8, QList<DecodeError> *skipped = nullptr);
+
+    friend bool operator==(const ForwardingRecord &, const ForwardingRecord &) = default;
 };
