@@ -202,13 +202,12 @@ private Q_SLOTS:
         const auto run = [&](const QString &path) -> UpdateCheckResult {
             UpdateChecker checker(QUrl(server.baseUrl() + path), m_keys.publicKey, u"1.0"_s);
             QSignalSpy finished(&checker, &UpdateChecker::finished);
+            const int requests = server.totalRequests();
             checker.check();
-            checker.check(); // joins the running one
-            if (!finished.wait(10000) || checker.isChecking())
-                qFatal("update check did not finish");
-            QTest::qWait(20);
-            if (finished.size() != 1)
-                qFatal("one check, one answer");
+            checker.check(); // joins the running one: one request, one answer
+            if (!finished.wait(10000) || checker.isChecking() || finished.size() != 1
+                || server.totalRequests() != requests + 1)
+                qFatal("one check, one request, one answer");
             return finished.first().first().value<UpdateCheckResult>();
         };
         UpdateCheckResult result = run(u"/feed"_s);
@@ -259,7 +258,6 @@ private Q_SLOTS:
 
         MessageBox::setNextAnswer(0); // "Release Notes"
         QVERIFY(check(u"/newer"_s));
-        QCOMPARE(MessageBox::lastText(), u"A new version of Quillvane is available!"_s);
         QCOMPARE(
             MessageBox::lastDetail(),
             u"Quillvane 7.0 is now available (you have %1). Install it with your package manager."_s
@@ -271,7 +269,6 @@ private Q_SLOTS:
 
         QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"^Update check failed: "_s));
         QVERIFY(check(u"/forged"_s));
-        QCOMPARE(MessageBox::lastInformTitle(), u"Update Error!"_s);
         QCOMPARE(MessageBox::lastText(),
                  u"The update feed's signature is not valid, so nothing in it is trusted."_s);
         QCOMPARE(opened.size(), 1);
