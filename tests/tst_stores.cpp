@@ -10,6 +10,9 @@
 #include <QThread>
 #include <QTimeZone>
 
+#include <sys/inotify.h>
+#include <unistd.h>
+
 using namespace Qt::Literals::StringLiterals;
 
 namespace {
@@ -140,10 +143,24 @@ void TestStores::settingsLocks()
     QCOMPARE(RuleStore(*reopened(*m_environment)).loadDefaultBrowserBundleID(),
              u"after-the-crash"_s);
 
+    // Held: the writer looks at the lock (once to see whether it was abandoned,
+    // then again each time it tries to take it) and writes nothing until it is free.
     QLockFile held(path + u".lock"_s);
     QVERIFY(held.tryLock(0));
+    const int watch = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    const auto closeWatch = qScopeGuard([watch] { ::close(watch); });
+    QVERIFY(::inotify_add_watch(watch, QFile::encodeName(path + u".lock"_s).constData(), IN_OPEN)
+            >= 0);
+    int opened = 0;
     startWriting(u"after-the-writer"_s);
-    QTest::qWait(300);
+    QVERIFY(QTest::qWaitFor(
+        [&] {
+            alignas(inotify_event) char events[4096];
+            for (ssize_t size; (size = ::read(watch, events, sizeof events)) > 0;)
+                opened += int(size / sizeof(inotify_event));
+            return opened >= 3;
+        },
+        10000));
     QVERIFY(!written);
     held.unlock();
     QVERIFY(finished());
