@@ -66,6 +66,16 @@ QString FakeDesktop::writeEntry(const QString &id, const QString &contents, bool
     return path;
 }
 
+QString FakeDesktop::addApplication(const QString &id, const QString &name)
+{
+    const QString binary = root() + u"/bin/"_s + id;
+    QFile::remove(binary);
+    QFile::copy(u"/bin/sh"_s, binary);
+    QFile::setPermissions(binary, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    writeEntry(id, u"[Desktop Entry]\nType=Application\nName=%1\nExec=%2\n"_s.arg(name, binary));
+    return binary;
+}
+
 void FakeDesktop::refreshDatabase(bool systemWide) const
 {
     // GIO finds the handlers of a link type through mimeinfo.cache, as on every
@@ -118,4 +128,9 @@ void FakeDesktop::forget(const QString &program) const
 bool FakeDesktop::waitForRun(const QString &program, int timeoutMs) const
 {
     return QTest::qWaitFor([&] { return ran(program); }, timeoutMs);
+}
+
+QStringList FakeDesktop::opened(const QString &program, int timeoutMs) const
+{
+    return waitForRun(program, timeoutMs) ? arguments(program) : QStringList();
 }

@@ -27,6 +27,9 @@ public:
     QString addBrowser(const QString &id, const QString &name, const QString &extraKeys = {},
                        const QString &exec = {}, bool systemWide = false);
     QString writeEntry(const QString &id, const QString &contents, bool systemWide = false);
+    // An application that sends links: a copy of the shell named after the id,
+    // with an entry that names it, so that its processes map to it.
+    QString addApplication(const QString &id, const QString &name);
     // After entries were removed by hand.
     void refreshDatabase(bool systemWide = false) const;
     // A program that records its arguments (for Exec lines written by hand).
@@ -39,6 +42,8 @@ public:
     void forget(const QString &program) const;
     // Waits until the program has recorded its start.
     bool waitForRun(const QString &program, int timeoutMs = 5000) const;
+    // What the program was started with, once it has run (nothing if it never does).
+    QStringList opened(const QString &program, int timeoutMs = 10000) const;
 
 private:
     QTemporaryDir m_dir;

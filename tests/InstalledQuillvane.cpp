@@ -129,6 +129,25 @@ bool InstalledQuillvane::stop()
     return QTest::qWaitFor([] { return !isRunning(); }, 10000);
 }
 
+QDBusMessage InstalledQuillvane::open(const QStringList &links, const QVariantMap &platformData,
+                                      bool autoStart)
+{
+    QDBusMessage call = QDBusMessage::createMethodCall(
+        AppId, u"/work/vorpa/Quillvane"_s, u"org.freedesktop.Application"_s, u"Open"_s);
+    call << links << platformData;
+    call.setAutoStartService(autoStart);
+    return QDBusConnection::sessionBus().call(call, QDBus::Block, 30000);
+}
+
+QDBusMessage InstalledQuillvane::automation(const QString &method, const QVariantList &arguments)
+{
+    QDBusMessage call = QDBusMessage::createMethodCall(
+        AppId, u"/work/vorpa/Quillvane"_s, u"work.vorpa.Quillvane.Automation"_s, method);
+    call.setArguments(arguments);
+    call.setAutoStartService(false);
+    return QDBusConnection::sessionBus().call(call);
+}
+
 InstalledQuillvane::Result InstalledQuillvane::run(const QString &program,
                                                    const QStringList &arguments,
                                                    const QByteArray &input)

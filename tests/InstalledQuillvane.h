@@ -3,6 +3,7 @@
 #include "Models/ForwardingRecord.h"
 #include "Models/RoutingRule.h"
 
+#include <QDBusMessage>
 #include <QSettings>
 #include <QString>
 #include <QStringList>
@@ -54,6 +55,13 @@ public:
     // Stops the running instance and waits until its name is free.
     static bool stop();
 
+    // Links handed over as applications do (org.freedesktop.Application.Open),
+    // which the bus starts Quillvane for unless told not to.
+    static QDBusMessage open(const QStringList &links, const QVariantMap &platformData = {},
+                             bool autoStart = true);
+    // A method of the scripts' interface, which never starts Quillvane.
+    static QDBusMessage automation(const QString &method, const QVariantList &arguments = {});
+
     struct Result
     {
         int exitCode = -1;
@@ -63,6 +71,11 @@ public:
     // Runs a program to its end (30 s at most), with input on standard input.
     static Result run(const QString &program, const QStringList &arguments,
                       const QByteArray &input = {});
+    // The installed quillvane with these arguments.
+    Result quillvane(const QStringList &arguments, const QByteArray &input = {}) const
+    {
+        return run(program(QStringLiteral("quillvane")), arguments, input);
+    }
 
 private:
     QString m_prefix;

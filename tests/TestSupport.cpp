@@ -111,6 +111,25 @@ void writeFile(const QString &path, const QByteArray &contents)
         qFatal("cannot write %s", qPrintable(path));
 }
 
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+void clickBox(QAbstractButton *box)
+{
+    QTest::mouseClick(box, Qt::LeftButton, {}, QPoint(8, box->height() / 2));
+}
+
+QStringList links(const QList<ForwardingRecord> &records)
+{
+    QStringList result;
+    for (const ForwardingRecord &record : records)
+        result.append(record.originalURL);
+    return result;
+}
+
 AppFixture::AppFixture()
     : settings(environment.settings())
     , store(std::make_unique<RuleStore>(*settings))

@@ -6,29 +6,24 @@
 #include "Platform/Autostart.h"
 #include "Platform/DesktopEntries.h"
 #include "Platform/ProcessLauncher.h"
-
-#include <QPromise>
-
-#include <memory>
 #include "Services/URLExpander.h"
 #include "Storage/HistoryDatabase.h"
 #include "Storage/RuleStore.h"
 
-#include <QByteArray>
+#include <QAbstractButton>
 #include <QHash>
-#include <QList>
+#include <QPromise>
 #include <QSettings>
 #include <QSslConfiguration>
-#include <QString>
 #include <QTcpServer>
 #include <QTemporaryDir>
 
 #include <memory>
 
-// Points every per-user location (settings, state, runtime directory) at a
-// fresh temporary directory for the life of the object.
 class AppState;
 
+// Points every per-user location (settings, state, runtime directory) at a
+// fresh temporary directory for the life of the object.
 class TestEnvironment final
 {
 public:
@@ -50,9 +45,22 @@ private:
 
 // Writes a file, making its folders; the test stops when it cannot.
 void writeFile(const QString &path, const QByteArray &contents);
+// What the file holds; nothing when it cannot be read.
+QByteArray readFile(const QString &path);
 
 // Parses a link that the test knows to be valid.
 Link link(QStringView text);
+
+// The widget of that name under parent; the test stops when there is none.
+template<typename T> T *child(const QObject *parent, const QString &name)
+{
+    T *found = parent->findChild<T *>(name);
+    if (!found)
+        qFatal("no %s", qPrintable(name));
+    return found;
+}
+// Clicks a check box on its box (its row is wider than box and text).
+void clickBox(QAbstractButton *box);
 
 // Records what would have been started, and fails when told to (all starts,
 // or only those whose arguments contain failWhenArgument).
@@ -133,6 +141,8 @@ RoutingRule makeRule(const QString &source, std::optional<QString> pattern, cons
 ForwardingRecord makeRecord(const QString &url, std::optional<QString> source,
                             const QString &browser, std::optional<QString> rule = std::nullopt,
                             qint64 secondsAgo = 0);
+// The links of records, in their order.
+QStringList links(const QList<ForwardingRecord> &records);
 
 // An application state over a settings file of its own, with Safari and Firefox
 // installed and nothing started for real: what the view and automation tests

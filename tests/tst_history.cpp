@@ -31,14 +31,6 @@ ForwardingRecord someRecord(const QString &url,
     return record;
 }
 
-QStringList links(const QList<ForwardingRecord> &records)
-{
-    QStringList result;
-    for (const ForwardingRecord &record : records)
-        result.append(record.originalURL);
-    return result;
-}
-
 LinkJournal::Entry entry(const QString &url, const QDateTime &received)
 {
     return {0,

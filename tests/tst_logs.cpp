@@ -15,14 +15,6 @@
 
 using namespace Qt::Literals::StringLiterals;
 
-namespace {
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-} // namespace
-
 class TestLogs final : public QObject
 {
     Q_OBJECT

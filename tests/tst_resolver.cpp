@@ -1,10 +1,10 @@
-#include "Platform/DesktopEntries.h"
+#include "App/BuildInfo.h"
 #include "Platform/ProcessApps.h"
 #include "Services/OpenRequestSources.h"
+#include "Services/RunningApps.h"
 #include "Services/SourceAppResolver.h"
 #include "TestSupport.h"
 
-#include <QDir>
 #include <QTest>
 
 #include <unistd.h>
@@ -12,6 +12,8 @@
 using namespace Qt::Literals::StringLiterals;
 
 namespace {
+
+using Kind = ProcessApps::Lookup::Kind;
 
 // Processes and their applications as the test declares them.
 class FakeProcessApps final : public ProcessApps
@@ -24,8 +26,8 @@ public:
     }
     Lookup application(const QString &id) override
     {
-        return installed.contains(id) ? Lookup{Lookup::Kind::Application, id, id.toUpper()}
-                                      : Lookup{Lookup::Kind::NoApplication, {}, {}};
+        return installed.contains(id) ? Lookup{Kind::Application, id, id.toUpper()}
+                                      : Lookup{Kind::NoApplication, {}, {}};
     }
     std::optional<qint64> parentPid(qint64 pid) override
     {
@@ -37,10 +39,10 @@ public:
 
     void app(qint64 pid, const QString &id, qint64 parent = 1)
     {
-        lookups.insert(pid, Lookup{Lookup::Kind::Application, id, id.toUpper()});
+        lookups.insert(pid, Lookup{Kind::Application, id, id.toUpper()});
         parents.insert(pid, parent);
     }
-    void helper(qint64 pid, qint64 parent, Lookup::Kind kind = Lookup::Kind::NoApplication)
+    void helper(qint64 pid, qint64 parent, Kind kind = Kind::NoApplication)
     {
         lookups.insert(pid, Lookup{kind, {}, {}});
         parents.insert(pid, parent);
@@ -95,42 +97,40 @@ class TestResolver final : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
+    void init()
+    {
+        m_apps = FakeProcessApps();
+        m_active.active.reset();
+        m_active.visible.clear();
+        m_now = 10000;
+        m_resolver = std::make_unique<SourceAppResolver>(m_apps, m_active, [this] { return m_now; });
+    }
     void strategiesInOrder();
     void burstLock();
-    void parentChainLimits();
-    void theWalkStopsAtTheSessionAndIsRemembered();
+    void theParentChain();
     void selfIsNeverTheSource();
-    void tracking();
     void linksHandedOnByBrokers();
     void procParsing_data();
     void procParsing();
     void linuxLookupFromProc();
+    void runningApplications();
 
 private:
+    QString resolved(qint64 pid) { return m_resolver->resolve(pid).value_or(SourceApp{}).bundleID; }
+
     FakeProcessApps m_apps;
     FakeActive m_active;
     qint64 m_now = 0;
+    std::unique_ptr<SourceAppResolver> m_resolver;
 };
-
-void TestResolver::init()
-{
-    m_apps = FakeProcessApps();
-    m_active.active.reset();
-    m_active.visible.clear();
-    m_now = 10000;
-}
 
 void TestResolver::strategiesInOrder()
 {
-    SourceAppResolver resolver(m_apps, m_active, [this] { return m_now; });
     m_apps.app(100, u"org.example.Mail"_s);
-    QCOMPARE(resolver.resolve(100)->bundleID, u"org.example.Mail"_s);
-
+    QCOMPARE(resolved(100), u"org.example.Mail"_s);
     // A helper without an application of its own is credited to its parent.
     m_apps.helper(101, 100);
-    QCOMPARE(resolver.resolve(101)->bundleID, u"org.example.Mail"_s);
-
+    QCOMPARE(resolved(101), u"org.example.Mail"_s);
     // Nothing known: the frontmost window's application, then none.
     m_apps.helper(200, 1);
     m_active.visible = {300, 301};
@@ -138,118 +138,90 @@ void TestResolver::strategiesInOrder()
     m_apps.app(301, u"org.example.Editor"_s);
     QTest::ignoreMessage(QtInfoMsg,
                          "PID 200 unresolvable, falling back to frontmost app: <private>");
-    QCOMPARE(resolver.resolve(200)->bundleID, u"org.example.Editor"_s);
-
+    QCOMPARE(resolved(200), u"org.example.Editor"_s);
     m_now += SourceAppResolver::BurstWindowMs;
     m_active.visible.clear();
-    QVERIFY(!resolver.resolve(0));
+    QVERIFY(!m_resolver->resolve(0));
 }
 
+// The last active application is tracked from the one in front at the start,
+// but Quillvane's own windows are not. Links within 1.5 s of one it was
+// credited with go to it too, whatever is in front; reuse does not extend the lock.
 void TestResolver::burstLock()
 {
-    SourceAppResolver resolver(m_apps, m_active, [this] { return m_now; });
     m_apps.app(10, u"org.example.Chat"_s);
     m_apps.app(11, u"org.example.Other"_s);
+    m_apps.helper(12, 1, Kind::Self);
     m_apps.helper(50, 1);
     m_active.active = 10;
-    resolver.startTracking();
-    QCOMPARE(resolver.lastActiveApp()->bundleID, u"org.example.Chat"_s);
-
-    QCOMPARE(resolver.resolve(50)->bundleID, u"org.example.Chat"_s);
-    // The user switches applications; links within 1.5 s still go to the locked one.
+    m_resolver->startTracking();
+    Q_EMIT m_active.activated(12);
+    QCOMPARE(m_resolver->lastActiveApp()->bundleID, u"org.example.Chat"_s);
+    QCOMPARE(resolved(50), u"org.example.Chat"_s);
     Q_EMIT m_active.activated(11);
-    m_now += 700;
-    QCOMPARE(resolver.resolve(50)->bundleID, u"org.example.Chat"_s);
-    m_now += 799;
-    QCOMPARE(resolver.resolve(50)->bundleID, u"org.example.Chat"_s);
-    // Reuse does not extend the lock.
-    m_now += 1;
-    QCOMPARE(resolver.resolve(50)->bundleID, u"org.example.Other"_s);
+    for (const auto &[later, expected] :
+         {std::pair{700, u"org.example.Chat"_s}, {799, u"org.example.Chat"_s},
+          {1, u"org.example.Other"_s}}) {
+        m_now += later;
+        QCOMPARE(resolved(50), expected);
+    }
     // An identifiable process is credited to itself even inside the window.
-    QCOMPARE(resolver.resolve(10)->bundleID, u"org.example.Chat"_s);
+    QCOMPARE(resolved(10), u"org.example.Chat"_s);
 }
 
-void TestResolver::parentChainLimits()
+// Ten ancestors at most, a cycle seen rather than walked, nothing above the
+// session's top; the next links of a script's burst, from siblings, reuse
+// what the walk found, for the burst only (the shell may have changed since).
+void TestResolver::theParentChain()
 {
-    SourceAppResolver resolver(m_apps, m_active, [this] { return m_now; });
-    m_apps.helper(1, 0);
     m_apps.helper(20, 21);
     m_apps.helper(21, 20);
-    m_apps.parentQueries = 0;
-    QVERIFY(!resolver.resolve(20));
-    // The cycle is seen, not walked until the limit.
+    QVERIFY(!m_resolver->resolve(20));
     QVERIFY2(m_apps.parentQueries <= 3, qPrintable(QString::number(m_apps.parentQueries)));
-
-    // Ten ancestors are looked at, no more.
     for (qint64 pid = 100; pid < 120; ++pid)
         m_apps.helper(pid, pid + 1);
     m_apps.app(111, u"too.far.away"_s);
-    QVERIFY(!resolver.resolve(100));
+    QVERIFY(!m_resolver->resolve(100));
 
-    m_apps.helper(30, 1);
-    QVERIFY(!resolver.resolve(30));
-}
-
-// A link from a script: nothing above the session's top is read, and the next
-// links of the burst, from siblings, reuse what the walk found.
-void TestResolver::theWalkStopsAtTheSessionAndIsRemembered()
-{
-    SourceAppResolver resolver(m_apps, m_active, [this] { return m_now; });
+    m_now += SourceAppResolver::ParentMemoryMs + 1;
     m_apps.app(203, u"org.example.Login"_s, 1); // another user's: never the sender
     m_apps.helper(202, 203);                    // the user's service manager
     m_apps.boundaries.insert(202);
     m_apps.helper(201, 202); // the script's shell
     m_apps.helper(200, 201); // xdg-open
     m_apps.helper(204, 201); // the next xdg-open of the script
-    QVERIFY(!resolver.resolve(200));
-    QCOMPARE(m_apps.looked, (QList<qint64>{200, 201, 202}));
-
     m_apps.looked.clear();
-    QVERIFY(!resolver.resolve(204));
+    QVERIFY(!m_resolver->resolve(200));
+    QCOMPARE(m_apps.looked, (QList<qint64>{200, 201, 202}));
+    m_apps.looked.clear();
+    QVERIFY(!m_resolver->resolve(204));
     QCOMPARE(m_apps.looked, QList<qint64>{204});
-    // The memory is for the burst only: the shell may have changed since.
     m_now += SourceAppResolver::ParentMemoryMs + 1;
     m_apps.app(201, u"org.example.Terminal"_s, 202);
     m_apps.looked.clear();
-    QCOMPARE(resolver.resolve(204)->bundleID, u"org.example.Terminal"_s);
+    QCOMPARE(resolved(204), u"org.example.Terminal"_s);
     QCOMPARE(m_apps.looked, (QList<qint64>{204, 201}));
     m_apps.looked.clear();
-    QCOMPARE(resolver.resolve(200)->bundleID, u"org.example.Terminal"_s);
+    QCOMPARE(resolved(200), u"org.example.Terminal"_s);
     QCOMPARE(m_apps.looked, QList<qint64>{200});
 }
 
 void TestResolver::selfIsNeverTheSource()
 {
-    SourceAppResolver resolver(m_apps, m_active, [this] { return m_now; });
     m_apps.app(40, u"org.example.Terminal"_s);
-    m_apps.helper(41, 40, ProcessApps::Lookup::Kind::Self);
-    QCOMPARE(resolver.resolve(41)->bundleID, u"org.example.Terminal"_s);
-
-    m_apps.helper(42, 1, ProcessApps::Lookup::Kind::Terminated);
-    m_apps.helper(43, 1, ProcessApps::Lookup::Kind::NoProcess);
+    m_apps.helper(41, 40, Kind::Self);
+    QCOMPARE(resolved(41), u"org.example.Terminal"_s);
+    m_apps.helper(42, 1, Kind::Terminated);
+    m_apps.helper(43, 1, Kind::NoProcess);
     m_active.active = 41;
-    QVERIFY(!resolver.resolve(42));
-    QVERIFY(!resolver.resolve(43));
-}
-
-void TestResolver::tracking()
-{
-    SourceAppResolver resolver(m_apps, m_active, [this] { return m_now; });
-    m_apps.app(10, u"org.example.Chat"_s);
-    m_apps.helper(11, 1, ProcessApps::Lookup::Kind::Self);
-    resolver.startTracking();
-    QVERIFY(!resolver.lastActiveApp());
-    Q_EMIT m_active.activated(10);
-    // Quillvane's own settings window coming to the front changes nothing.
-    Q_EMIT m_active.activated(11);
-    QCOMPARE(resolver.lastActiveApp()->bundleID, u"org.example.Chat"_s);
+    QVERIFY(!m_resolver->resolve(42));
+    QVERIFY(!m_resolver->resolve(43));
 }
 
 void TestResolver::linksHandedOnByBrokers()
 {
-    SourceAppResolver resolver(m_apps, m_active, [this] { return m_now; });
     FakeOpenRequests bus;
-    OpenRequestSources sources(bus, m_apps, resolver, [this] { return m_now; });
+    OpenRequestSources sources(bus, m_apps, *m_resolver, [this] { return m_now; });
     const QString portal = u"org.freedesktop.portal.Desktop"_s;
     const QString snapd = u"io.snapcraft.Launcher"_s;
     bus.owners = {{portal, 50}, {snapd, 60}};
@@ -273,14 +245,12 @@ void TestResolver::linksHandedOnByBrokers()
     bus.requests = {request(u"https://a.example/x"_s, 90, u"com.example.Chat"_s, portal)};
     QCOMPARE(source(u"https://a.example/x"_s, 50), u"com.example.Chat"_s);
     QCOMPARE(source(u"https://a.example/x"_s, 50), QString());
-
     // Only the broker the request went to, or what runs under it, hands it on;
     // another link, or another sender, leaves the request waiting.
     bus.requests = {request(u"https://b.example/"_s, 91, u"tunes_tunes"_s, snapd)};
     QCOMPARE(source(u"https://b.example/"_s, 50), QString());
     QCOMPARE(source(u"https://other.example/"_s, 62), QString());
     QCOMPARE(source(u"https://b.example/"_s, 62), u"tunes_tunes"_s);
-
     // Newest first; re-encoded by the broker still the same link; a sender
     // outside a sandbox is looked up as a process; one of no installed
     // application credits nobody.
@@ -290,7 +260,6 @@ void TestResolver::linksHandedOnByBrokers()
     QCOMPARE(source(u"https://c.example/a%20b"_s, 50), u"org.example.Unsandboxed"_s);
     QCOMPARE(source(u"https://c.example/a b"_s, 50), u"com.example.Chat"_s);
     QCOMPARE(source(u"https://d.example/"_s, 50), QString());
-
     // A request waits only so long for its link, and none waits for a broker that has gone.
     bus.requests = {request(u"https://e.example/"_s, 94, u"com.example.Chat"_s, portal),
                     request(u"https://f.example/"_s, 94, u"com.example.Chat"_s, snapd)};
@@ -341,7 +310,6 @@ void TestResolver::procParsing()
     QCOMPARE(ProcStat::unitAppIds(cgroup), unitIds);
     QCOMPARE(ProcStat::snapAppId(cgroup).value_or(QString()), snap);
     QCOMPARE(ProcStat::snapAppIdFromLabel(label).value_or(QString()), snap);
-
     QCOMPARE(ProcStat::parentPid(stat(7, 42)), 42);
     QCOMPARE(ProcStat::startTime(stat(7, 42, 999)), 999u);
     QCOMPARE(ProcStat::parentPid("7 (broken"), std::nullopt);
@@ -363,33 +331,26 @@ void TestResolver::linuxLookupFromProc()
     // A /proc of the test's own making, read by the real lookup.
     QTemporaryDir proc;
     const QString root = proc.path();
-    for (qint64 pid : {10, 11, 12, 13, 14})
+    for (qint64 pid : {10, 11, 12, 13, 14, 18})
         writeFile(u"%1/%2/stat"_s.arg(root).arg(pid), stat(pid, 1));
     writeFile(root + u"/10/cgroup"_s, "0::/app.slice/app-gnome-org.example.Mail-99.scope\n");
     writeFile(root + u"/11/root/.flatpak-info"_s,
               "[Application]\nname=org.mozilla.firefox\nruntime=x\n");
-    const auto environment = [](const QByteArrayList &variables) -> QByteArray {
-        return variables.join('\0') + '\0';
-    };
-    writeFile(
-        root + u"/12/environ"_s,
-        environment({"GIO_LAUNCHED_DESKTOP_FILE=/usr/share/applications/org.example.Chat.desktop",
-                     "GIO_LAUNCHED_DESKTOP_FILE_PID=12"}));
+    writeFile(root + u"/12/environ"_s,
+              QByteArrayLiteral("GIO_LAUNCHED_DESKTOP_FILE=/usr/share/applications/"
+                                "org.example.Chat.desktop\0GIO_LAUNCHED_DESKTOP_FILE_PID=12\0"));
     writeFile(root + u"/13/environ"_s,
-              environment({"GIO_LAUNCHED_DESKTOP_FILE=/x/org.example.Chat.desktop",
-                           "GIO_LAUNCHED_DESKTOP_FILE_PID=1"}));
+              QByteArrayLiteral("GIO_LAUNCHED_DESKTOP_FILE=/x/org.example.Chat.desktop\0"
+                                "GIO_LAUNCHED_DESKTOP_FILE_PID=1\0"));
     writeFile(root + u"/14/cgroup"_s, "0::/app.slice/app-work.vorpa.Quillvane-1.scope\n");
     // A snap confined by AppArmor, in a cgroup that does not name it.
-    writeFile(root + u"/18/stat"_s, stat(18, 1));
     writeFile(root + u"/18/attr/current"_s, "snap.tunes.tunes (enforce)\n");
-
     FakeDesktopEntries installed;
     for (const QString &id :
          {u"org.example.Mail"_s, u"org.mozilla.firefox"_s, u"org.example.Chat"_s, u"tunes_tunes"_s})
         installed.add(id, id.section(u'.', -1), false);
 
     LinuxProcessApps apps(installed, root);
-    using Kind = ProcessApps::Lookup::Kind;
     QCOMPARE(apps.lookup(10).bundleID, u"org.example.Mail"_s);
     QCOMPARE(apps.lookup(10).name, u"Mail"_s);
     QCOMPARE(apps.lookup(11).bundleID, u"org.mozilla.firefox"_s);
@@ -408,22 +369,45 @@ void TestResolver::linuxLookupFromProc()
     QCOMPARE(apps.lookup(14).bundleID, u"org.example.Mail"_s);
     QCOMPARE(apps.parentPid(10), 1);
 
-    // The session's top: init, the user's service manager, a process gone.
+    // The session's top: init, the user's service manager, a login session's
+    // leader and a process gone are; a shell leading its terminal's session is not.
     writeFile(root + u"/15/stat"_s, "15 (systemd) S 1 15 15 0 -1 4194560 100\n");
-    // A login session's leader, and a shell leading the session of its terminal.
     writeFile(root + u"/16/stat"_s, "16 (sshd: me) S 2 16 16 0 -1 4194560 100\n");
     writeFile(root + u"/17/stat"_s, "17 (bash) S 2 17 17 34817 17 4194560 100\n");
-    QVERIFY(!apps.isSessionBoundary(10));
-    QVERIFY(apps.isSessionBoundary(15));
-    QVERIFY(apps.isSessionBoundary(16));
-    QVERIFY(!apps.isSessionBoundary(17));
-    QVERIFY(apps.isSessionBoundary(1));
-    QVERIFY(apps.isSessionBoundary(99));
+    for (const auto &[pid, boundary] : {std::pair{10, false}, {15, true}, {16, true}, {17, false},
+                                        {1, true}, {99, true}})
+        QCOMPARE(apps.isSessionBoundary(pid), boundary);
     if (::geteuid() == 0) {
         // Another user's (login, sshd, the display manager).
         QCOMPARE(::chown(QFile::encodeName(root + u"/10"_s).constData(), 65534, 65534), 0);
         QVERIFY(apps.isSessionBoundary(10));
     }
+}
+
+// Once per application, by name whatever the case, without helpers,
+// uninstalled ones or Quillvane.
+void TestResolver::runningApplications()
+{
+    FakeDesktopEntries entries;
+    for (const auto &[id, name] : {std::pair{u"org.gnome.Evolution"_s, u"Evolution"_s},
+                                   {u"org.example.zed"_s, u"zed"_s},
+                                   {u"org.example.Alpha"_s, u"alpha"_s},
+                                   {QString::fromUtf16(BuildInfo::AppId), u"Quillvane"_s}})
+        entries.add(id, name, false);
+    entries.add(u"org.example.Helper"_s, u"Helper"_s, false).noDisplay = true;
+    m_apps.lookups = {{10, {Kind::Application, u"org.gnome.Evolution"_s, u"Evolution"_s}},
+                      {11, {Kind::Application, u"org.gnome.Evolution"_s, u"Evolution"_s}},
+                      {12, {Kind::Application, u"org.example.zed"_s, u"zed"_s}},
+                      {13, {Kind::Application, u"org.example.Alpha"_s, u"alpha"_s}},
+                      {14, {Kind::Application, u"org.example.Helper"_s, u"Helper"_s}},
+                      {15, {Kind::Self, QString::fromUtf16(BuildInfo::AppId), u"Quillvane"_s}},
+                      {16, {Kind::NoApplication, {}, {}}},
+                      {17, {Kind::Application, u"org.example.Gone"_s, u"Gone"_s}}};
+    const QList<RunningAppInfo> expected{{u"org.example.Alpha"_s, u"alpha"_s},
+                                         {u"org.gnome.Evolution"_s, u"Evolution"_s},
+                                         {u"org.example.zed"_s, u"zed"_s}};
+    QCOMPARE(RunningApps::running(m_apps, entries), expected);
+    QCOMPARE(RunningApps::installed(entries), expected);
 }
 
 QTEST_GUILESS_MAIN(TestResolver)
