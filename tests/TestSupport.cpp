@@ -11,6 +11,8 @@
 #include <QTest>
 #include <QTimer>
 
+#include <deque>
+
 using namespace Qt::Literals::StringLiterals;
 
 namespace {
@@ -69,6 +71,23 @@ std::unique_ptr<HistoryDatabase> TestEnvironment::history() const
 QString TestEnvironment::diagnosticLogPath() const
 {
     return m_dir.path() + u"/run/Quillvane.log"_s;
+}
+
+void addRows(const QStringList &columns, QStringView rows)
+{
+    // QtTest keeps the column's name as given, so it has to outlive the test.
+    static std::deque<QByteArray> names;
+    for (const QString &column : columns)
+        QTest::addColumn<QString>(names.emplace_back(column.toLatin1()).constData());
+    for (const QStringView line : rows.split(u'\n', Qt::SkipEmptyParts)) {
+        const QList<QStringView> cells = line.split(u'|');
+        if (cells.size() != columns.size() + 1)
+            qFatal("the row \"%s\" has not %d cells", qPrintable(line.toString()),
+                   int(columns.size() + 1));
+        QTestData &row = QTest::newRow(qPrintable(cells.first().trimmed().toString()));
+        for (const QStringView cell : cells.mid(1))
+            row << cell.trimmed().toString();
+    }
 }
 
 Link link(QStringView text)

@@ -48,6 +48,11 @@ void writeFile(const QString &path, const QByteArray &contents);
 // What the file holds; nothing when it cannot be read.
 QByteArray readFile(const QString &path);
 
+// Declares the columns (all text) of the current _data function and adds a
+// row per line of rows: the row's name, then a cell per column, separated by
+// "|" and trimmed.
+void addRows(const QStringList &columns, QStringView rows);
+
 // Parses a link that the test knows to be valid.
 Link link(QStringView text);
 
