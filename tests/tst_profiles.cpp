@@ -21,10 +21,6 @@ QStringList ids(const QList<BrowserProfile> &profiles)
     return result;
 }
 
-const QByteArray LocalState = R"({"browser":{"x":1},"profile":{"info_cache":{
-    "Profile 2":{"name":"Work"},"Default":{"name":"Person 1"},"Profile 10":{"name":"Ten"},
-    "Empty":{},"Numbered":{"name":7}}}})";
-
 } // namespace
 
 class TestProfiles final : public QObject
@@ -32,14 +28,17 @@ class TestProfiles final : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
+    void initTestCase()
+    {
+        m_desktop = std::make_unique<FakeDesktop>();
+        QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*.debug=true"_s);
+    }
     void chromiumLocalState();
     void brokenLocalStateFiles_data();
     void brokenLocalStateFiles();
     void localStateReaderAgreesWithQtJson_data();
     void localStateReaderAgreesWithQtJson();
     void firefoxProfilesIni();
-    void firefoxDamagedFiles();
     void whereEachBuildKeepsItsProfiles_data();
     void whereEachBuildKeepsItsProfiles();
 
@@ -47,15 +46,12 @@ private:
     std::unique_ptr<FakeDesktop> m_desktop;
 };
 
-void TestProfiles::initTestCase()
-{
-    m_desktop = std::make_unique<FakeDesktop>();
-    QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*.debug=true"_s);
-}
-
 void TestProfiles::chromiumLocalState()
 {
-    writeFile(m_desktop->configHome() + u"/google-chrome/Local State"_s, LocalState);
+    writeFile(m_desktop->configHome() + u"/google-chrome/Local State"_s,
+              R"({"browser":{"x":1},"profile":{"info_cache":{"Profile 2":{"name":"Work"},
+                 "Default":{"name":"Person 1"},"Profile 10":{"name":"Ten"},"Empty":{},
+                 "Numbered":{"name":7}}}})");
     QTest::ignoreMessage(QtDebugMsg, "Skipping malformed profile entry: <private>");
     QTest::ignoreMessage(QtDebugMsg, "Skipping malformed profile entry: <private>");
     QTest::ignoreMessage(QtInfoMsg, "Discovered 3 profile(s) for google-chrome");
@@ -64,7 +60,6 @@ void TestProfiles::chromiumLocalState()
     QCOMPARE(ids(profiles), (QStringList{u"Default"_s, u"Profile 10"_s, u"Profile 2"_s}));
     QCOMPARE(profiles.first(), (BrowserProfile{u"Default"_s, u"Person 1"_s, u"google-chrome"_s}));
     QCOMPARE(profiles.last().name, u"Work"_s);
-
     QTest::ignoreMessage(QtDebugMsg, "Unsupported browser for profile discovery: <private>");
     QVERIFY(ProfileDiscovery::discoverProfiles(u"epiphany"_s).isEmpty());
 }
@@ -73,16 +68,15 @@ void TestProfiles::brokenLocalStateFiles_data()
 {
     QTest::addColumn<QByteArray>("contents");
     QTest::addColumn<QString>("line");
+    const QString structure = u"^Local State file has unexpected structure"_s;
     QTest::newRow("not JSON") << QByteArray("{\"profile\":")
                               << u"^Failed to parse Local State JSON at <private>: "_s;
     QTest::newRow("binary") << QByteArray("\x00\x01\xff\xfe", 4)
                             << u"^Failed to parse Local State JSON"_s;
-    QTest::newRow("top-level array")
-        << QByteArray("[1,2]") << u"^Local State file has unexpected structure"_s;
-    QTest::newRow("no profile member")
-        << QByteArray("{\"browser\":{}}") << u"^Local State file has unexpected structure"_s;
-    QTest::newRow("info_cache not an object") << QByteArray("{\"profile\":{\"info_cache\":[]}}")
-                                              << u"^Local State file has unexpected structure"_s;
+    QTest::newRow("top-level array") << QByteArray("[1,2]") << structure;
+    QTest::newRow("no profile member") << QByteArray("{\"browser\":{}}") << structure;
+    QTest::newRow("info_cache not an object")
+        << QByteArray("{\"profile\":{\"info_cache\":[]}}") << structure;
     QTest::newRow("too large") << QByteArray(ProfileDiscovery::MaxFileSize + 1, ' ')
                                << u"^Could not read Local State file at"_s;
 }
@@ -104,29 +98,22 @@ void TestProfiles::localStateReaderAgreesWithQtJson_data()
 {
     QTest::addColumn<QByteArray>("json");
     QTest::addColumn<bool>("isJson");
-    QTest::newRow("escapes") << QByteArray(
-        R"({"profile" : {"info_cache":{"D\u0065fault":{"name":"A \"quoted\" \u00fc\/"}}}})")
-                             << true;
-    QTest::newRow("escaped key is still the key")
-        << QByteArray(R"({"pro\u0066ile":{"info_cache":{"Default":{"name":"Me"}}}})") << true;
-    QTest::newRow("numbers") << QByteArray(
-        R"({"a":[-0,1.5e+3,2E-2,0.0],"profile":{"info_cache":{}}})")
-                             << true;
-    QTest::newRow("leading zero") << QByteArray(R"({"a":01})") << false;
-    QTest::newRow("bare minus") << QByteArray(R"({"a":-})") << false;
-    QTest::newRow("trailing comma") << QByteArray(R"({"a":1,})") << false;
-    QTest::newRow("text after the document")
-        << QByteArray(R"({"profile":{"info_cache":{}}} x)") << false;
-    // Qt's parser lets these two through; JSON does not.
-    QTest::newRow("control character in a string") << QByteArray("{\"a\":\"x\ty\"}") << false;
-    QTest::newRow("bad escape") << QByteArray(R"({"a":"\x"})") << false;
-    QTest::newRow("short unicode escape") << QByteArray(R"({"a":"\u12"})") << false;
-    QTest::newRow("unterminated") << QByteArray(R"({"profile":{"info_cache":{"Default":{"name":"x)")
-                                  << false;
-    QTest::newRow("literal typo") << QByteArray(R"({"a":tru})") << false;
+    for (const char *valid :
+         {R"({"profile" : {"info_cache":{"D\u0065fault":{"name":"A \"quoted\" \u00fc\/"}}}})",
+          // An escaped key is still the key.
+          R"({"pro\u0066ile":{"info_cache":{"Default":{"name":"Me"}}}})",
+          R"({"a":[-0,1.5e+3,2E-2,0.0],"profile":{"info_cache":{}}})"})
+        QTest::newRow(valid) << QByteArray(valid) << true;
+    // Qt's parser lets a control character in a string and a bad escape
+    // through; JSON does not.
+    for (const char *invalid :
+         {R"({"a":01})", R"({"a":-})", R"({"a":1,})", R"({"profile":{"info_cache":{}}} x)",
+          "{\"a\":\"x\ty\"}", R"({"a":"\x"})", R"({"a":"\u12"})",
+          R"({"profile":{"info_cache":{"Default":{"name":"x)", R"({"a":tru})"})
+        QTest::newRow(invalid) << QByteArray(invalid) << false;
+    QTest::newRow("empty") << QByteArray() << false;
     QTest::newRow("deep nesting") << QByteArray(QByteArray(5000, '[') + QByteArray(5000, ']'))
                                   << false;
-    QTest::newRow("empty") << QByteArray() << false;
 }
 
 void TestProfiles::localStateReaderAgreesWithQtJson()
@@ -140,14 +127,19 @@ void TestProfiles::localStateReaderAgreesWithQtJson()
     if (!read)
         return;
     // The profiles found are those a full JSON parser sees.
-    const QJsonDocument document = QJsonDocument::fromJson(json);
-    const QJsonObject cache =
-        document.object().value(u"profile"_s).toObject().value(u"info_cache"_s).toObject();
+    const QJsonObject cache = QJsonDocument::fromJson(json)
+                                  .object()
+                                  .value(u"profile"_s)
+                                  .toObject()
+                                  .value(u"info_cache"_s)
+                                  .toObject();
     QCOMPARE(read->size(), cache.size());
     for (const LocalStateReader::Entry &entry : *read)
         QCOMPARE(entry.name, cache.value(entry.directory).toObject().value(u"name"_s).toString());
 }
 
+// Only [ProfileN] sections, their first Name, whatever the line ends, the case
+// of the key or the blanks around it; files that are not text are refused.
 void TestProfiles::firefoxProfilesIni()
 {
     const QString text = u"[General]\nName=not-a-profile\nStartWithLastProfile=1\n\n"
@@ -165,48 +157,34 @@ void TestProfiles::firefoxProfilesIni()
              (QStringList{u"default-release"_s, u"Work"_s, u"default-release"_s, u"Last"_s}));
     QCOMPARE(profiles.first(),
              (BrowserProfile{u"default-release"_s, u"default-release"_s, u"firefox"_s}));
-
     writeFile(m_desktop->home() + u"/.mozilla/firefox/profiles.ini"_s, text.toUtf8());
     QTest::ignoreMessage(QtInfoMsg, "Discovered 4 Firefox profile(s)");
     QCOMPARE(ProfileDiscovery::discoverProfiles(u"FIREFOX-ESR"_s).first().browserBundleID,
              u"firefox-esr"_s);
-}
 
-void TestProfiles::firefoxDamagedFiles()
-{
-    const QString path =
-        m_desktop->home() + u"/snap/firefox/common/.mozilla/firefox/profiles.ini"_s;
-    writeFile(path, "[Profile0]\nName=\xff\xfe broken\n");
-    QTest::ignoreMessage(QtCriticalMsg, "Could not read Firefox profiles.ini at <private>");
-    QVERIFY(ProfileDiscovery::discoverProfiles(u"firefox_firefox"_s).isEmpty());
-    writeFile(path, QByteArray("[Profile0]\nName=a\0b\n", 19));
-    QTest::ignoreMessage(QtCriticalMsg, "Could not read Firefox profiles.ini at <private>");
-    QVERIFY(ProfileDiscovery::discoverProfiles(u"firefox_firefox"_s).isEmpty());
-    QFile::remove(path);
+    const QString snap = m_desktop->home() + u"/snap/firefox/common/.mozilla/firefox/profiles.ini"_s;
+    for (const QByteArray &damaged :
+         {QByteArray("[Profile0]\nName=\xff\xfe broken\n"), QByteArray("[Profile0]\nName=a\0b\n", 19)}) {
+        writeFile(snap, damaged);
+        QTest::ignoreMessage(QtCriticalMsg, "Could not read Firefox profiles.ini at <private>");
+        QVERIFY(ProfileDiscovery::discoverProfiles(u"firefox_firefox"_s).isEmpty());
+    }
+    QFile::remove(snap);
     QTest::ignoreMessage(QtInfoMsg, "Firefox profiles.ini not found at <private>");
     QVERIFY(ProfileDiscovery::discoverProfiles(u"firefox_firefox"_s).isEmpty());
 }
 
 void TestProfiles::whereEachBuildKeepsItsProfiles_data()
 {
-    QTest::addColumn<QString>("id");
-    QTest::addColumn<QString>("file");
-    QTest::newRow("Chrome") << u"google-chrome"_s << u"$CONFIG/google-chrome/Local State"_s;
-    QTest::newRow("Chrome Flatpak")
-        << u"com.google.chrome"_s
-        << u"$HOME/.var/app/com.google.Chrome/config/google-chrome/Local State"_s;
-    QTest::newRow("Edge dev") << u"microsoft-edge-dev"_s
-                              << u"$CONFIG/microsoft-edge-dev/Local State"_s;
-    QTest::newRow("Chromium Snap")
-        << u"chromium_chromium"_s << u"$HOME/snap/chromium/common/chromium/Local State"_s;
-    QTest::newRow("Brave Flatpak")
-        << u"com.brave.Browser"_s
-        << u"$HOME/.var/app/com.brave.Browser/config/BraveSoftware/Brave-Browser/Local State"_s;
-    QTest::newRow("Firefox without ~/.mozilla")
-        << u"firefox"_s << u"$CONFIG/mozilla/firefox/profiles.ini"_s;
-    QTest::newRow("Firefox Flatpak, recent")
-        << u"org.mozilla.firefox"_s
-        << u"$HOME/.var/app/org.mozilla.firefox/config/mozilla/firefox/profiles.ini"_s;
+    addRows({u"id"_s, u"file"_s}, uR"(
+Chrome                     | google-chrome       | $CONFIG/google-chrome/Local State
+Chrome Flatpak             | com.google.chrome   | $HOME/.var/app/com.google.Chrome/config/google-chrome/Local State
+Edge dev                   | microsoft-edge-dev  | $CONFIG/microsoft-edge-dev/Local State
+Chromium Snap              | chromium_chromium   | $HOME/snap/chromium/common/chromium/Local State
+Brave Flatpak              | com.brave.Browser   | $HOME/.var/app/com.brave.Browser/config/BraveSoftware/Brave-Browser/Local State
+Firefox without ~/.mozilla | firefox             | $CONFIG/mozilla/firefox/profiles.ini
+Firefox Flatpak, recent    | org.mozilla.firefox | $HOME/.var/app/org.mozilla.firefox/config/mozilla/firefox/profiles.ini
+)");
 }
 
 void TestProfiles::whereEachBuildKeepsItsProfiles()
@@ -216,7 +194,6 @@ void TestProfiles::whereEachBuildKeepsItsProfiles()
     QDir(m_desktop->home() + u"/.mozilla"_s).removeRecursively();
     file.replace(u"$CONFIG"_s, m_desktop->configHome()).replace(u"$HOME"_s, m_desktop->home());
     QCOMPARE(ProfileDiscovery::supportedBrowser(id)->profileFile, file);
-
     qputenv("CHROME_CONFIG_HOME", QFile::encodeName(m_desktop->root() + u"/chrome-home"_s));
     QCOMPARE(ProfileDiscovery::supportedBrowser(u"google-chrome"_s)->profileFile,
              m_desktop->root() + u"/chrome-home/google-chrome/Local State"_s);
