@@ -1,91 +1,76 @@
 #include "App/AppState.h"
 #include "Services/BrowserDiscovery.h"
-#include "Storage/UserSettings.h"
 #include "TestSupport.h"
 
 #include <QDir>
-#include <QFileInfo>
 #include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTest>
 
 using namespace Qt::Literals::StringLiterals;
 
-namespace {
-
-RoutingRule urlRule(const QString &pattern)
-{
-    return makeRule(QString(), pattern, u"b"_s);
-}
-
-QStringList patterns(const QList<RoutingRule> &rules)
-{
-    QStringList result;
-    for (const RoutingRule &rule : rules)
-        result.append(rule.urlPattern.value_or(u"(none)"_s) + u'@' + rule.sourceAppName);
-    return result;
-}
-
-} // namespace
-
 class TestAppState final : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
-    void cleanup();
+    void init()
+    {
+        m_environment = std::make_unique<TestEnvironment>();
+        m_settings = m_environment->settings();
+        m_store = std::make_unique<RuleStore>(*m_settings);
+        m_history = m_environment->history();
+        setBrowsers({u"epiphany"_s, u"firefox-esr"_s, u"chromium"_s});
+        m_autostart = FakeAutostart();
+        m_told.clear();
+    }
+    void cleanup()
+    {
+        m_store.reset();
+        m_history.reset();
+        m_settings.reset();
+        m_environment.reset();
+    }
     void startupChoosesAFallback_data();
     void startupChoosesAFallback();
     void damagedRulesAreKept();
     void importReplacesRulesOnly();
-    void launchAtLogin();
-    void defaultBrowserCheckIsExact();
+    void launchAtLoginAndTheDefaultBrowser();
     void displayOrders();
 
 private:
-    std::unique_ptr<AppState> makeState();
+    std::unique_ptr<AppState> makeState()
+    {
+        BrowserDiscovery::refreshBrowsers(m_entries);
+        AppServices services{m_entries, m_launcher, m_autostart};
+        services.notify = [this](const QString &summary, const QString &body) {
+            m_told.append({summary, body});
+        };
+        return std::make_unique<AppState>(*m_store, *m_history, services);
+    }
     void setBrowsers(const QStringList &ids)
     {
         m_entries = FakeDesktopEntries();
         for (const QString &id : ids)
             m_entries.add(id);
     }
-    std::unique_ptr<QSettings> reopened() const { return m_environment->settings(); }
+    // What another process reading the settings file now would see.
+    RuleStore reopened()
+    {
+        m_reopened = m_environment->settings();
+        return RuleStore(*m_reopened);
+    }
 
     std::unique_ptr<TestEnvironment> m_environment;
     std::unique_ptr<QSettings> m_settings;
+    std::unique_ptr<QSettings> m_reopened;
     std::unique_ptr<RuleStore> m_store;
     std::unique_ptr<HistoryDatabase> m_history;
     FakeDesktopEntries m_entries;
     FakeAutostart m_autostart;
     RecordingLauncher m_launcher;
+    QList<QStringList> m_told;
 };
-
-void TestAppState::init()
-{
-    m_environment = std::make_unique<TestEnvironment>();
-    m_settings = m_environment->settings();
-    m_store = std::make_unique<RuleStore>(*m_settings);
-    m_history = m_environment->history();
-    setBrowsers({u"epiphany"_s, u"firefox-esr"_s, u"chromium"_s});
-    m_autostart = FakeAutostart();
-}
-
-void TestAppState::cleanup()
-{
-    m_store.reset();
-    m_history.reset();
-    m_settings.reset();
-    m_environment.reset();
-}
-
-std::unique_ptr<AppState> TestAppState::makeState()
-{
-    BrowserDiscovery::refreshBrowsers(m_entries);
-    return std::make_unique<AppState>(*m_store, *m_history,
-                                      AppServices{m_entries, m_launcher, m_autostart});
-}
 
 void TestAppState::startupChoosesAFallback_data()
 {
@@ -112,10 +97,10 @@ void TestAppState::startupChoosesAFallback()
     setBrowsers(installed);
     if (!httpsHandler.isEmpty())
         m_entries.httpsHandler = httpsHandler;
-    const auto state = makeState();
-    QCOMPARE(state->defaultBrowserBundleID(), fallback);
-    QCOMPARE(reopened()->contains(u"default_browser_bundle_id"_s), !fallback.isEmpty());
-    QCOMPARE(RuleStore(*reopened()).loadDefaultBrowserBundleID(), fallback);
+    QCOMPARE(makeState()->defaultBrowserBundleID(), fallback);
+    QCOMPARE(m_environment->settings()->contains(u"default_browser_bundle_id"_s),
+             !fallback.isEmpty());
+    QCOMPARE(reopened().loadDefaultBrowserBundleID(), fallback);
 }
 
 // Six rules, one of them with an id that is no UUID: five are used, the user is
@@ -125,46 +110,37 @@ void TestAppState::damagedRulesAreKept()
     QList<RoutingRule> six;
     for (int i = 0; i < 6; ++i)
         six.append(makeRule(u"app%1"_s.arg(i), std::nullopt, u"epiphany"_s));
-    QByteArray stored = RoutingRule::listToJson(six);
-    stored.replace(six[3].id.toString(QUuid::WithoutBraces).toUpper().toUtf8(), "not-a-uuid");
-    m_settings->setValue(u"routing_rules"_s, stored);
+    m_settings->setValue(u"routing_rules"_s,
+                         RoutingRule::listToJson(six).replace(
+                             six[3].id.toString(QUuid::WithoutBraces).toUpper().toUtf8(),
+                             "not-a-uuid"));
     m_settings->sync();
-    QFile file(m_settings->fileName());
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    const QByteArray original = file.readAll();
-    file.close();
-
-    BrowserDiscovery::refreshBrowsers(m_entries);
-    QList<QStringList> told;
-    AppServices services{m_entries, m_launcher, m_autostart};
-    services.notify = [&told](const QString &summary, const QString &body) {
-        told.append({summary, body});
-    };
+    const QByteArray original = readFile(m_settings->fileName());
     QTest::ignoreMessage(QtCriticalMsg,
                          QRegularExpression(u"^1 stored rule\\(s\\) could not be read"_s));
-    AppState state(*m_store, *m_history, services);
-    QCOMPARE(state.rules().size(), 5);
-    QVERIFY(!state.rules().contains(six[3]));
-    QCOMPARE(told.size(), 1);
-    QCOMPARE(told[0].value(0), u"Quillvane skipped damaged rules"_s);
+    const auto state = makeState();
+    QCOMPARE(state->rules().size(), 5);
+    QVERIFY(!state->rules().contains(six[3]));
+    QCOMPARE(m_told.size(), 1);
+    QCOMPARE(m_told[0].value(0), u"Quillvane skipped damaged rules"_s);
 
-    state.addRule(makeRule(u"new"_s, std::nullopt, u"epiphany"_s));
-    QCOMPARE(RuleStore(*reopened()).loadRules().size(), 6);
-    const QStringList copies = QFileInfo(file).dir().entryList({u"*.damaged-*"_s}, QDir::Files);
+    state->addRule(makeRule(u"new"_s, std::nullopt, u"epiphany"_s));
+    QCOMPARE(reopened().loadRules().size(), 6);
+    const QDir folder = QFileInfo(m_settings->fileName()).dir();
+    const QStringList copies = folder.entryList({u"*.damaged-*"_s}, QDir::Files);
     QCOMPARE(copies.size(), 1);
-    QVERIFY2(told[0].value(1).contains(copies.first()), qPrintable(told[0].value(1)));
-    QFile copy(QFileInfo(file).dir().filePath(copies.first()));
-    QVERIFY(copy.open(QIODevice::ReadOnly));
-    QCOMPARE(copy.readAll(), original);
+    QVERIFY2(m_told[0].value(1).contains(copies.first()), qPrintable(m_told[0].value(1)));
+    QCOMPARE(readFile(folder.filePath(copies.first())), original);
 }
 
+// The rules and the cleaning switch are replaced; the fallback only when the
+// document names one; other switches stay.
 void TestAppState::importReplacesRulesOnly()
 {
     const auto state = makeState();
     state->addRule(makeRule(u"a"_s, std::nullopt, u"x"_s));
     state->toggleURLExpansion();
     const QString fallback = state->defaultBrowserBundleID();
-
     ConfigManager::ExportData config;
     config.rules = {makeRule(QString(), u"b.org"_s, u"y"_s)};
     config.urlCleaningEnabled = false;
@@ -173,64 +149,60 @@ void TestAppState::importReplacesRulesOnly()
     state->applyImportedConfig(config);
     QCOMPARE(state->rules(), config.rules);
     QCOMPARE(state->defaultBrowserBundleID(), fallback);
-    QVERIFY(!state->urlCleaningEnabled());
-    QVERIFY(state->urlExpansionEnabled());
-    QCOMPARE(RuleStore(*reopened()).loadRules(), config.rules);
-
+    QVERIFY(!state->urlCleaningEnabled() && state->urlExpansionEnabled());
+    QCOMPARE(reopened().loadRules(), config.rules);
     config.rules.clear();
     config.defaultBrowserBundleID = u"chromium"_s;
     state->applyImportedConfig(config);
     QVERIFY(state->rules().isEmpty());
-    QCOMPARE(RuleStore(*reopened()).loadDefaultBrowserBundleID(), u"chromium"_s);
+    QCOMPARE(reopened().loadDefaultBrowserBundleID(), u"chromium"_s);
 }
 
-void TestAppState::launchAtLogin()
+// The switch asks the system, not a copy of its own, and a failure changes
+// nothing. The default-browser check compares ids exactly.
+void TestAppState::launchAtLoginAndTheDefaultBrowser()
 {
+    m_entries.httpHandler = u"work.vorpa.Quillvane"_s;
+    m_entries.httpsHandler = u"firefox-esr"_s;
     const auto state = makeState();
     QSignalSpy changed(state.get(), &AppState::launchAtLoginChanged);
     state->toggleLaunchAtLogin();
-    QVERIFY(state->launchAtLogin());
-    QVERIFY(m_autostart.enabled);
-
+    QVERIFY(state->launchAtLogin() && m_autostart.enabled);
     m_autostart.failure = u"Read-only file system"_s;
     QTest::ignoreMessage(QtCriticalMsg, "Failed to toggle launch at login: <private>");
     state->toggleLaunchAtLogin();
     QVERIFY(state->launchAtLogin());
     QCOMPARE(changed.size(), 1);
-
-    // The switch asks the system, not its own copy.
     m_autostart.failure = {};
     m_autostart.enabled = false;
     state->toggleLaunchAtLogin();
-    QVERIFY(m_autostart.enabled);
-    QVERIFY(state->launchAtLogin());
-}
+    QVERIFY(m_autostart.enabled && state->launchAtLogin());
 
-void TestAppState::defaultBrowserCheckIsExact()
-{
-    m_entries.httpHandler = u"work.vorpa.Quillvane"_s;
-    m_entries.httpsHandler = u"firefox-esr"_s;
-    const auto state = makeState();
     QVERIFY(!state->isSystemDefaultBrowser());
     m_entries.httpsHandler = u"WORK.VORPA.QUILLVANE"_s;
     QVERIFY(!state->checkIsDefaultBrowser());
     m_entries.httpsHandler = u"work.vorpa.Quillvane"_s;
-    QSignalSpy changed(state.get(), &AppState::isSystemDefaultBrowserChanged);
+    QSignalSpy isDefault(state.get(), &AppState::isSystemDefaultBrowserChanged);
     state->refreshDefaultBrowserStatus();
     QVERIFY(state->isSystemDefaultBrowser());
-    QCOMPARE(changed.size(), 1);
+    QCOMPARE(isDefault.size(), 1);
 }
 
 void TestAppState::displayOrders()
 {
     const auto state = makeState();
+    const auto patterns = [](const QList<RoutingRule> &rules) {
+        QStringList result;
+        for (const RoutingRule &rule : rules)
+            result.append(rule.urlPattern.value_or(u"(none)"_s) + u'@' + rule.sourceAppName);
+        return result;
+    };
     for (const QString &pattern :
          {u"example.org"_s, u"*example.com/admin*"_s, u"example.com"_s, u"docs.example.com"_s})
-        state->addRule(urlRule(pattern));
+        state->addRule(makeRule(QString(), pattern, u"b"_s));
     QCOMPARE(patterns(state->sortedUrlRules()),
              (QStringList{u"docs.example.com@"_s, u"example.com@"_s, u"*example.com/admin*@"_s,
                           u"example.org@"_s}));
-
     state->addRule(makeRule(u"b.app"_s, u"*x*"_s, u"t"_s));
     state->addRule(makeRule(u"a.app"_s, std::nullopt, u"t"_s));
     state->addRule(makeRule(u"B.APP"_s, std::nullopt, u"t"_s));
@@ -240,11 +212,10 @@ void TestAppState::displayOrders()
              (QStringList{u"(none)@a.app"_s, u"(none)@B.APP"_s, u"*x*@b.app"_s, u"(none)@c"_s}));
     QCOMPARE(state->appRules().size(), 4);
     QCOMPARE(state->urlRules().size(), 4);
-
-    QCOMPARE(AppState::rootDomain(u"*docs.example.com/api*"_s), u"example.com"_s);
-    QCOMPARE(AppState::rootDomain(u"example.co.uk"_s), u"co.uk"_s);
-    QCOMPARE(AppState::rootDomain(u"https://localhost/x"_s), u"localhost"_s);
-    QCOMPARE(AppState::rootDomain(QString()), QString());
+    for (const auto &[pattern, root] :
+         {std::pair{u"*docs.example.com/api*"_s, u"example.com"_s}, {u"example.co.uk"_s, u"co.uk"_s},
+          {u"https://localhost/x"_s, u"localhost"_s}, {QString(), QString()}})
+        QCOMPARE(AppState::rootDomain(pattern), root);
 }
 
 QTEST_GUILESS_MAIN(TestAppState)
