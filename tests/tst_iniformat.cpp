@@ -1,5 +1,6 @@
 #include "Storage/IniFormat.h"
 #include "Storage/UserSettings.h"
+#include "TestSupport.h"
 
 #include <QTemporaryDir>
 #include <QTest>
@@ -53,12 +54,17 @@ private Q_SLOTS:
     void ourFileReadsBackAndQtAgrees();
     void handWrittenFile();
     void writeThatDoesNotFit();
+
+private:
+    // A file of the test function's own: Qt keeps a parsed copy of each file it read.
+    QString path() const { return m_dir.filePath(QLatin1StringView(QTest::currentTestFunction())); }
+
+    QTemporaryDir m_dir;
 };
 
 void TestIniFormat::ourFileReadsBackAndQtAgrees()
 {
-    QTemporaryDir dir;
-    const QString path = dir.filePath(u"Quillvane.conf"_s);
+    const QString path = this->path();
     const QVariantMap values = sampleValues();
     {
         auto settings = UserSettings::open(path);
@@ -75,26 +81,21 @@ void TestIniFormat::ourFileReadsBackAndQtAgrees()
         compareValue(ours->value(it.key()), it.value());
         compareValue(qt.value(it.key()), it.value());
     }
-    QCOMPARE(qt.value(u"group/inner key"_s).toInt(), 7);
-    QCOMPARE(ours->value(u"group/inner key"_s).toInt(), 7);
-    QCOMPARE(qt.value(u"General/named"_s).toInt(), 8);
-    QCOMPARE(ours->value(u"General/named"_s).toInt(), 8);
+    for (QSettings *settings : {static_cast<QSettings *>(&qt), ours.get()})
+        QCOMPARE((QList<int>{settings->value(u"group/inner key"_s).toInt(),
+                             settings->value(u"General/named"_s).toInt()}),
+                 (QList<int>{7, 8}));
     QVERIFY(!ours->contains(u"named"_s));
 }
 
 void TestIniFormat::handWrittenFile()
 {
-    QTemporaryDir dir;
-    const QString path = dir.filePath(u"Quillvane.conf"_s);
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write(
+    writeFile(path(),
         "; a comment\r\n[General]\r\n  rules_enabled = false ; trailing comment\r\nname=two "
         "words  \n"
         "broken line without equals\n=no key\n[Other%20Section]\nk=\"quoted "
         "\\\"x\\\"\"\n\xff\xfe binary\n/leading=1\ntrailing/=2\n[a//b]\nc=3\n[%General]\nsub=5\n");
-    file.close();
-    auto settings = UserSettings::open(path);
+    auto settings = UserSettings::open(path());
     QCOMPARE(settings->value(u"rules_enabled"_s).toString(), u"false"_s);
     QCOMPARE(settings->value(u"name"_s).toString(), u"two words"_s);
     QCOMPARE(settings->value(u"Other Section/k"_s).toString(), u"quoted \"x\""_s);
@@ -110,15 +111,10 @@ void TestIniFormat::handWrittenFile()
 // the write fails, and the file on disk stays as it was.
 void TestIniFormat::writeThatDoesNotFit()
 {
-    QTemporaryDir dir;
-    const QString path = dir.filePath(u"Quillvane.conf"_s);
-    auto settings = UserSettings::open(path);
+    auto settings = UserSettings::open(path());
     settings->setValue(u"routing_rules"_s, QByteArray(900, 'r'));
     settings->sync();
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    const QByteArray before = file.readAll();
-    file.close();
+    const QByteArray before = readFile(path());
 
     rlimit saved{};
     QCOMPARE(::getrlimit(RLIMIT_FSIZE, &saved), 0);
@@ -134,8 +130,7 @@ void TestIniFormat::writeThatDoesNotFit()
     std::signal(SIGXFSZ, previousHandler);
 
     QCOMPARE(status, QSettings::AccessError);
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QCOMPARE(file.readAll(), before);
+    QCOMPARE(readFile(path()), before);
 }
 
 QTEST_GUILESS_MAIN(TestIniFormat)

@@ -1,76 +1,62 @@
-#include "Storage/RuleStore.h"
 #include "Storage/SettingsKeys.h"
 #include "Storage/UserSettings.h"
 #include "TestSupport.h"
 
-#include <QLocale>
 #include <QLockFile>
 #include <QScopeGuard>
 #include <QTest>
 #include <QThread>
-#include <QTimeZone>
 
 #include <sys/inotify.h>
 #include <unistd.h>
 
 using namespace Qt::Literals::StringLiterals;
 
-namespace {
-
-RoutingRule someRule(const QString &target)
-{
-    return RoutingRule{QUuid::createUuid(), u"app"_s,    u"App"_s, target, target,
-                       std::nullopt,        std::nullopt};
-}
-
-// What another process reading the settings file now would see.
-std::unique_ptr<QSettings> reopened(const TestEnvironment &environment)
-{
-    return environment.settings();
-}
-
-} // namespace
-
 class TestStores final : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
-    void cleanup();
+    void init()
+    {
+        m_environment = std::make_unique<TestEnvironment>();
+        m_settings = m_environment->settings();
+    }
+    void cleanup()
+    {
+        m_settings.reset();
+        m_environment.reset();
+    }
     void rulesSurviveAndDamageIsLeftOut();
     void damagedValuesReadAsDefaults();
     void settingsLocks();
 
 private:
+    // What another process reading the settings file now would see.
+    RuleStore reopened()
+    {
+        m_reopened = m_environment->settings();
+        return RuleStore(*m_reopened);
+    }
+
     std::unique_ptr<TestEnvironment> m_environment;
     std::unique_ptr<QSettings> m_settings;
+    std::unique_ptr<QSettings> m_reopened;
 };
-
-void TestStores::init()
-{
-    m_environment = std::make_unique<TestEnvironment>();
-    m_settings = m_environment->settings();
-}
-
-void TestStores::cleanup()
-{
-    m_settings.reset();
-    m_environment.reset();
-}
 
 void TestStores::rulesSurviveAndDamageIsLeftOut()
 {
     RuleStore store(*m_settings);
-    const QList<RoutingRule> rules{someRule(u"a"_s), someRule(u"b"_s), someRule(u"c"_s)};
+    const QList<RoutingRule> rules{makeRule(u"app"_s, std::nullopt, u"a"_s),
+                                   makeRule(u"app"_s, std::nullopt, u"b"_s),
+                                   makeRule(u"app"_s, std::nullopt, u"c"_s)};
     store.saveRules(rules);
-    QCOMPARE(RuleStore(*reopened(*m_environment)).loadRules(), rules);
+    QCOMPARE(reopened().loadRules(), rules);
     QVERIFY(!store.lastLoadDamage());
-
     // One invalid rule is left out, not the list, and the store says so.
-    QByteArray damaged = RoutingRule::listToJson(rules);
-    damaged.replace("\"targetBrowserName\":\"b\"", "\"targetBrowserName\":7");
-    m_settings->setValue(u"routing_rules"_s, damaged);
+    m_settings->setValue(u"routing_rules"_s, RoutingRule::listToJson(rules).replace(
+                                                 "\"targetBrowserName\":\"b\"",
+                                                 "\"targetBrowserName\":7"));
     QCOMPARE(store.loadRules(), (QList<RoutingRule>{rules[0], rules[2]}));
     QCOMPARE(store.lastLoadDamage()->skipped, 1);
     m_settings->setValue(u"routing_rules"_s, QByteArray("not json"));
@@ -78,29 +64,23 @@ void TestStores::rulesSurviveAndDamageIsLeftOut()
     QCOMPARE(store.lastLoadDamage()->skipped, -1);
 }
 
+// A settings file edited by hand or damaged on disk: nothing stops the program.
 void TestStores::damagedValuesReadAsDefaults()
 {
-    // A settings file edited by hand or damaged on disk: nothing stops the program.
-    {
-        QFile file(m_environment->settingsPath());
-        QDir().mkpath(QFileInfo(file).path());
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(
-            "[General]\nrules_enabled=perhaps\ntoday_forward_count=lots\nurl_cleaning_enabled=0\n"
-            "url_expansion_enabled=yes\nrouting_rules=\"not "
-            "json\"\nforwarding_history=@ByteArray(\\xff\\0\\x1)\n"
-            "default_browser_bundle_id=a, b\n\x01\x02\xff garbage line without equals\n");
-        file.write("huge=" + QByteArray(2 * 1024 * 1024, 'x') + '\n');
-    }
-    auto opened = m_environment->settings();
-    QSettings &settings = *opened;
-    RuleStore store(settings);
+    writeFile(m_environment->settingsPath(),
+              "[General]\nrules_enabled=perhaps\ntoday_forward_count=lots\nurl_cleaning_enabled=0\n"
+              "url_expansion_enabled=yes\nrouting_rules=\"not json\"\n"
+              "forwarding_history=@ByteArray(\\xff\\0\\x1)\ndefault_browser_bundle_id=a, b\n"
+              "\x01\x02\xff garbage line without equals\nhuge="
+                  + QByteArray(2 * 1024 * 1024, 'x') + '\n');
+    auto settings = m_environment->settings();
+    RuleStore store(*settings);
     QVERIFY(store.loadRulesEnabled());
     QVERIFY(store.loadRules().isEmpty());
     QCOMPARE(store.loadDefaultBrowserBundleID(), QString());
-    QVERIFY(!SettingsKeys::read(settings, SettingsKeys::UrlCleaningEnabled));
-    QVERIFY(SettingsKeys::read(settings, SettingsKeys::UrlExpansionEnabled));
-    QCOMPARE(SettingsKeys::read(settings, SettingsKeys::TodayForwardCount), 0);
+    QVERIFY(!SettingsKeys::read(*settings, SettingsKeys::UrlCleaningEnabled));
+    QVERIFY(SettingsKeys::read(*settings, SettingsKeys::UrlExpansionEnabled));
+    QCOMPARE(SettingsKeys::read(*settings, SettingsKeys::TodayForwardCount), 0);
 }
 
 // A writer killed between creating its lock file and filling it in leaves a lock
@@ -140,8 +120,7 @@ void TestStores::settingsLocks()
     startWriting(u"after-the-crash"_s);
     QVERIFY(finished());
     QVERIFY(!QFile::exists(path + u".lock"_s));
-    QCOMPARE(RuleStore(*reopened(*m_environment)).loadDefaultBrowserBundleID(),
-             u"after-the-crash"_s);
+    QCOMPARE(reopened().loadDefaultBrowserBundleID(), u"after-the-crash"_s);
 
     // Held: the writer looks at the lock (once to see whether it was abandoned,
     // then again each time it tries to take it) and writes nothing until it is free.
@@ -164,8 +143,7 @@ void TestStores::settingsLocks()
     QVERIFY(!written);
     held.unlock();
     QVERIFY(finished());
-    QCOMPARE(RuleStore(*reopened(*m_environment)).loadDefaultBrowserBundleID(),
-             u"after-the-writer"_s);
+    QCOMPARE(reopened().loadDefaultBrowserBundleID(), u"after-the-writer"_s);
 }
 
 QTEST_GUILESS_MAIN(TestStores)
