@@ -25,26 +25,33 @@ using namespace Qt::Literals::StringLiterals;
 namespace {
 InstalledQuillvane g_installed(QStringLiteral(QUILLVANE_E2E_PREFIX));
 const QString FakeSandbox = QStringLiteral(QUILLVANE_FAKE_SANDBOX);
-const QString Portal = u"org.freedesktop.portal.Desktop"_s;
 
 // The cgroup v2 folder this process is in, from /proc and the mount table.
 QString ownCgroup()
 {
-    QFile cgroup(u"/proc/self/cgroup"_s);
-    QFile mounts(u"/proc/self/mounts"_s);
-    if (!cgroup.open(QIODevice::ReadOnly) || !mounts.open(QIODevice::ReadOnly))
-        return {};
     QString path;
-    for (const QByteArray &line : cgroup.readAll().split('\n')) {
+    for (const QByteArray &line : readFile(u"/proc/self/cgroup"_s).split('\n')) {
         if (line.startsWith("0::"))
             path = QString::fromUtf8(line.mid(3));
     }
-    for (const QByteArray &line : mounts.readAll().split('\n')) {
+    for (const QByteArray &line : readFile(u"/proc/self/mounts"_s).split('\n')) {
         const QList<QByteArray> fields = line.split(' ');
         if (fields.size() > 2 && fields[2] == "cgroup2" && !path.isEmpty())
             return QString::fromUtf8(fields[1]) + (path == u"/" ? QString() : path);
     }
     return {};
+}
+
+// Waits for the program's first line of output (or its end) and says whether it was line.
+bool waitForLine(QProcess &process, const QByteArray &line)
+{
+    return QTest::qWaitFor(
+               [&] {
+                   return process.state() == QProcess::NotRunning
+                          || process.peek(line.size()).startsWith(line);
+               },
+               60000)
+           && process.readLine().startsWith(line);
 }
 
 // KWin's scripting interface, as far as Quillvane uses it.
@@ -56,8 +63,7 @@ class FakeKWinScripting final : public QObject
 public Q_SLOTS:
     int loadScript(const QString &path, const QString &name)
     {
-        QFile file(path);
-        scripts.insert(name, file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray());
+        scripts.insert(name, readFile(path));
         return int(scripts.size());
     }
     bool unloadScript(const QString &name) { return scripts.remove(name) > 0; }
@@ -76,24 +82,33 @@ class TestDesktopSources final : public QObject
 
 private Q_SLOTS:
     void initTestCase();
-    void cleanupTestCase();
+    void cleanupTestCase()
+    {
+        if (m_desktop)
+            QVERIFY(InstalledQuillvane::stop());
+    }
     void flatpakAppThroughThePortal();
     void snapAppThroughSnapd();
     void otherTrafficLeavesTheMonitorAsleep();
     void kwinReportsTheActiveWindow();
 
 private:
-    // bwrap's arguments for a sandbox that shares the host's folders and holds
-    // a /.flatpak-info naming the application (binding the host's root whole
-    // would create that file on the host).
-    QStringList flatpakSandbox(const QString &appId);
-    bool waitForStart(QProcess &process, const QByteArray &line);
     ForwardingRecord latestRecord() const
     {
         return InstalledQuillvane::storedHistory(*m_desktop).value(0);
     }
-    QString historyLine();
-    QJsonObject doctorWays();
+    // What `quillvane doctor` says of each way of finding the source, by its id.
+    QJsonObject doctorWays() const
+    {
+        QJsonObject ways;
+        const QJsonObject sources = QJsonDocument::fromJson(
+                                        g_installed.quillvane({u"doctor"_s, u"--json"_s}).out.toUtf8())
+                                        .object()[u"sourceApps"_s]
+                                        .toObject();
+        for (const QJsonValue &way : sources[u"ways"_s].toArray())
+            ways.insert(way[u"id"_s].toString(), way[u"works"_s]);
+        return ways;
+    }
 
     std::unique_ptr<FakeDesktop> m_desktop;
 };
@@ -116,10 +131,10 @@ void TestDesktopSources::initTestCase()
     writeFile(m_desktop->configHome() + u"/mimeapps.list"_s,
               "[Default Applications]\nx-scheme-handler/https=work.vorpa.Quillvane.desktop\n"
               "x-scheme-handler/http=work.vorpa.Quillvane.desktop\n");
-
-    m_desktop->addBrowser(u"fallback-browser"_s, u"Fallback"_s);
-    m_desktop->addBrowser(u"chat-browser"_s, u"Chat Browser"_s);
-    m_desktop->addBrowser(u"music-browser"_s, u"Music Browser"_s);
+    for (const auto &[id, name] : {std::pair{u"fallback-browser"_s, u"Fallback"_s},
+                                   {u"chat-browser"_s, u"Chat Browser"_s},
+                                   {u"music-browser"_s, u"Music Browser"_s}})
+        m_desktop->addBrowser(id, name);
     // Where Flatpak exports an application's entry, which Quillvane reads
     // whether or not the session lists the folder; a snap's as snapd names it.
     // (GIO ignores an entry whose program is missing.)
@@ -128,15 +143,13 @@ void TestDesktopSources::initTestCase()
               "[Desktop Entry]\nType=Application\nName=Sandboxed Chat\nIcon=chat\n"
               "Exec=/bin/true com.example.SandboxedChat\n");
     m_desktop->writeEntry(u"tunes_tunes"_s,
-                          u"[Desktop Entry]\nType=Application\nName=Tunes\n"
-                          "Exec=/bin/true tunes\n"_s);
+                          u"[Desktop Entry]\nType=Application\nName=Tunes\nExec=/bin/true tunes\n"_s);
     auto settings = InstalledQuillvane::settingsToSeed(*m_desktop);
     RuleStore store(*settings);
     store.saveRules({makeRule(u"com.example.SandboxedChat"_s, std::nullopt, u"chat-browser"_s),
                      makeRule(u"tunes_tunes"_s, std::nullopt, u"music-browser"_s)});
     store.saveDefaultBrowserBundleID(u"fallback-browser"_s);
     settings->sync();
-
     // Quillvane runs, as it does from login on: it watches from its start.
     QCOMPARE(InstalledQuillvane::run(g_installed.program(u"quillvane-open"_s),
                                      {u"https://example.com/first"_s})
@@ -144,61 +157,6 @@ void TestDesktopSources::initTestCase()
              0);
     QVERIFY(m_desktop->waitForRun(u"fallback-browser"_s));
     m_desktop->forget(u"fallback-browser"_s);
-}
-
-void TestDesktopSources::cleanupTestCase()
-{
-    if (m_desktop)
-        QVERIFY(InstalledQuillvane::stop());
-}
-
-QStringList TestDesktopSources::flatpakSandbox(const QString &appId)
-{
-    const QString info = m_desktop->root() + u"/flatpak-info-"_s + appId;
-    writeFile(info, "[Application]\nname=" + appId.toUtf8()
-                        + "\nruntime=runtime/org.freedesktop.Platform/x86_64/23.08\n\n"
-                          "[Instance]\ninstance-id=1\n");
-    QStringList arguments;
-    const QFileInfoList entries =
-        QDir(u"/"_s).entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System);
-    for (const QFileInfo &entry : entries) {
-        if (entry.isSymLink())
-            arguments << u"--symlink"_s << entry.symLinkTarget() << entry.absoluteFilePath();
-        else if (entry.isDir())
-            arguments << u"--dev-bind"_s << entry.absoluteFilePath() << entry.absoluteFilePath();
-    }
-    return arguments << u"--ro-bind"_s << info << u"/.flatpak-info"_s;
-}
-
-bool TestDesktopSources::waitForStart(QProcess &process, const QByteArray &line)
-{
-    return QTest::qWaitFor(
-        [&] {
-            return process.state() == QProcess::NotRunning
-                   || process.peek(line.size()).startsWith(line);
-        },
-        60000)
-           && process.readLine().startsWith(line);
-}
-
-QString TestDesktopSources::historyLine()
-{
-    const auto result =
-        InstalledQuillvane::run(g_installed.program(u"quillvane"_s), {u"history"_s});
-    return result.out.section(u'\n', 0, 0);
-}
-
-// What `quillvane doctor` says of each way of finding the source, by its id.
-QJsonObject TestDesktopSources::doctorWays()
-{
-    const auto result = InstalledQuillvane::run(g_installed.program(u"quillvane"_s),
-                                                {u"doctor"_s, u"--json"_s});
-    QJsonObject ways;
-    const QJsonObject sources =
-        QJsonDocument::fromJson(result.out.toUtf8()).object().value(u"sourceApps"_s).toObject();
-    for (const QJsonValue &way : sources.value(u"ways"_s).toArray())
-        ways.insert(way[u"id"_s].toString(), way[u"works"_s]);
-    return ways;
 }
 
 void TestDesktopSources::flatpakAppThroughThePortal()
@@ -212,54 +170,67 @@ void TestDesktopSources::flatpakAppThroughThePortal()
     QDBusMessage start = QDBusMessage::createMethodCall(
         u"org.freedesktop.DBus"_s, u"/org/freedesktop/DBus"_s, u"org.freedesktop.DBus"_s,
         u"StartServiceByName"_s);
-    start << Portal << 0u;
+    start << u"org.freedesktop.portal.Desktop"_s << 0u;
     const QDBusMessage started = QDBusConnection::sessionBus().call(start, QDBus::Block, 120000);
     QVERIFY2(started.type() == QDBusMessage::ReplyMessage, qPrintable(started.errorMessage()));
 
+    // A sandbox that shares the host's folders and holds a /.flatpak-info
+    // naming the application (binding the host's root whole would create that
+    // file on the host).
+    const QString info = m_desktop->root() + u"/flatpak-info"_s;
+    writeFile(info, "[Application]\nname=com.example.SandboxedChat\n"
+                    "runtime=runtime/org.freedesktop.Platform/x86_64/23.08\n\n"
+                    "[Instance]\ninstance-id=1\n");
+    QStringList sandbox;
+    for (const QFileInfo &entry :
+         QDir(u"/"_s).entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System)) {
+        if (entry.isSymLink())
+            sandbox << u"--symlink"_s << entry.symLinkTarget() << entry.absoluteFilePath();
+        else if (entry.isDir())
+            sandbox << u"--dev-bind"_s << entry.absoluteFilePath() << entry.absoluteFilePath();
+    }
     const QString link = u"https://chat-link.example.net/room?utm_source=chat"_s;
     QProcess app;
-    app.start(u"bwrap"_s, flatpakSandbox(u"com.example.SandboxedChat"_s)
-                              << u"--"_s << FakeSandbox << u"portal"_s << link);
+    app.start(u"bwrap"_s, sandbox << u"--ro-bind"_s << info << u"/.flatpak-info"_s << u"--"_s
+                                  << FakeSandbox << u"portal"_s << link);
     const auto close = qScopeGuard([&app] {
         app.closeWriteChannel();
         app.waitForFinished();
     });
-    QVERIFY2(waitForStart(app, "asked"), app.readAllStandardError().constData());
+    QVERIFY2(waitForLine(app, "asked"), app.readAllStandardError().constData());
     // The app rule applied, with the link cleaned on the way.
-    QVERIFY(m_desktop->waitForRun(u"chat-browser"_s, 30000));
-    QCOMPARE(m_desktop->arguments(u"chat-browser"_s),
+    QCOMPARE(m_desktop->opened(u"chat-browser"_s, 30000),
              QStringList{u"https://chat-link.example.net/room"_s});
     QVERIFY(!m_desktop->ran(u"fallback-browser"_s));
-
     QTRY_COMPARE(latestRecord().originalURL, link);
     QCOMPARE(latestRecord().sourceAppBundleID, u"com.example.SandboxedChat"_s);
-    QCOMPARE(latestRecord().sourceAppName, u"Sandboxed Chat"_s);
-    QVERIFY2(historyLine().contains(u"Sandboxed Chat › Chat Browser"_s), qPrintable(historyLine()));
+    QVERIFY2(g_installed.quillvane({u"history"_s}).out.section(u'\n', 0, 0).contains(
+                 u"Sandboxed Chat › Chat Browser"_s),
+             "the history names the app as its entry does");
     const QJsonObject ways = doctorWays();
     QCOMPARE(ways.value(u"portal-monitor"_s), true);
     QCOMPARE(ways.value(u"snap-monitor"_s), false);
     QCOMPARE(ways.value(u"x11-active-window"_s), true);
-
 }
 
 void TestDesktopSources::snapAppThroughSnapd()
 {
     // A snap's processes live in a cgroup that names it.
     const QString parent = ownCgroup();
-    const QString scope = parent + u"/snap.tunes.tunes-%1.scope"_s.arg(QCoreApplication::applicationPid());
+    const QString scope =
+        parent + u"/snap.tunes.tunes-%1.scope"_s.arg(QCoreApplication::applicationPid());
     if (parent.isEmpty() || !QDir().mkpath(scope))
         QSKIP("cannot make a cgroup here, so no process can look like a snap's");
     const auto removeScope = qScopeGuard([&scope] { QDir().rmdir(scope); });
     if (QStandardPaths::findExecutable(u"xdg-open"_s).isEmpty())
         QSKIP("xdg-open (xdg-utils) is not installed");
-
     QProcess snapd;
     snapd.start(FakeSandbox, {u"snapd"_s});
     const auto stopSnapd = qScopeGuard([&snapd] {
         snapd.kill();
         snapd.waitForFinished();
     });
-    QVERIFY2(waitForStart(snapd, "ready"), snapd.readAllStandardError().constData());
+    QVERIFY2(waitForLine(snapd, "ready"), snapd.readAllStandardError().constData());
 
     const QString link = u"https://music.example.org/album/42"_s;
     QProcess app;
@@ -269,38 +240,32 @@ void TestDesktopSources::snapAppThroughSnapd()
         app.closeWriteChannel();
         app.waitForFinished();
     });
-    QVERIFY2(waitForStart(app, "asked"), app.readAllStandardError().constData());
-    QVERIFY(m_desktop->waitForRun(u"music-browser"_s, 30000));
-    QCOMPARE(m_desktop->arguments(u"music-browser"_s), QStringList{link});
+    QVERIFY2(waitForLine(app, "asked"), app.readAllStandardError().constData());
+    QCOMPARE(m_desktop->opened(u"music-browser"_s, 30000), QStringList{link});
     QTRY_COMPARE(latestRecord().originalURL, link);
     QCOMPARE(latestRecord().sourceAppName, u"Tunes"_s);
     QCOMPARE(doctorWays().value(u"snap-monitor"_s), true);
 }
 
+// The monitor's thread wakes only for open requests: calls of any other kind
+// on the bus leave its count of context switches where it was.
 void TestDesktopSources::otherTrafficLeavesTheMonitorAsleep()
 {
-    // The monitor's thread wakes only for open requests: calls of any other
-    // kind on the bus leave its count of context switches where it was.
     const QString task = u"/proc/%1/task"_s.arg(InstalledQuillvane::instancePid());
     QString status;
     for (const QString &thread : QDir(task).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
-        QFile comm(task + u'/' + thread + u"/comm"_s);
-        if (comm.open(QIODevice::ReadOnly) && comm.readAll().trimmed() == "qv-open-monitor")
+        if (readFile(task + u'/' + thread + u"/comm"_s).trimmed() == "qv-open-monitor")
             status = task + u'/' + thread + u"/status"_s;
     }
     QVERIFY2(!status.isEmpty(), "the instance has no monitor thread");
     const auto switches = [&status] {
-        QFile file(status);
-        if (!file.open(QIODevice::ReadOnly))
-            return QByteArray();
-        const QByteArray text = file.readAll();
+        const QByteArray text = readFile(status);
         const qsizetype at = text.indexOf("voluntary_ctxt_switches");
         return text.mid(at, text.indexOf('\n', at) - at);
     };
     const QByteArray before = switches();
-    QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
     for (int i = 0; i < 200; ++i)
-        QVERIFY(bus->isServiceRegistered(u"work.vorpa.Quillvane"_s).value());
+        QVERIFY(InstalledQuillvane::isRunning());
     QCOMPARE(switches(), before);
 }
 
@@ -316,10 +281,8 @@ void TestDesktopSources::kwinReportsTheActiveWindow()
     QDBusConnection bus = QDBusConnection::sessionBus();
     QVERIFY(bus.registerObject(u"/Scripting"_s, &kwin, QDBusConnection::ExportAllSlots));
     QVERIFY(bus.registerService(u"org.kde.KWin"_s));
-    QCOMPARE(InstalledQuillvane::run(g_installed.program(u"quillvane-open"_s),
-                                     {u"https://example.com/wayland"_s})
-                 .exitCode,
-             0);
+    const QString forwarder = g_installed.program(u"quillvane-open"_s);
+    QCOMPARE(InstalledQuillvane::run(forwarder, {u"https://example.com/wayland"_s}).exitCode, 0);
     QVERIFY(m_desktop->waitForRun(u"fallback-browser"_s));
     for (const QString &browser : {u"fallback-browser"_s, u"chat-browser"_s, u"music-browser"_s})
         m_desktop->forget(browser);
@@ -328,23 +291,20 @@ void TestDesktopSources::kwinReportsTheActiveWindow()
     QVERIFY(kwin.scripts.begin().value().contains("clientActivated"));
 
     // A link nothing else tells the source of comes from the application KWin
-    // named last; what others claim does not count.
-    const auto report = [](const QString &appId) {
-        return u"gdbus call --session --dest work.vorpa.Quillvane --object-path "
-               "/work/vorpa/Quillvane/ActiveWindow --method "
-               "work.vorpa.Quillvane.ActiveWindow.WindowActivated %1 0"_s.arg(appId);
-    };
+    // named last; what others claim (here a process of its own, with gdbus) does not count.
     QDBusMessage activated = QDBusMessage::createMethodCall(
         u"work.vorpa.Quillvane"_s, u"/work/vorpa/Quillvane/ActiveWindow"_s,
         u"work.vorpa.Quillvane.ActiveWindow"_s, u"WindowActivated"_s);
     activated << u"com.example.SandboxedChat"_s << u"0"_s;
     QCOMPARE(bus.call(activated).type(), QDBusMessage::ReplyMessage);
-    QCOMPARE(InstalledQuillvane::run(u"/bin/sh"_s, {u"-c"_s, report(u"tunes_tunes"_s)}).exitCode,
-             0);
-    QCOMPARE(InstalledQuillvane::run(g_installed.program(u"quillvane-open"_s),
-                                     {u"https://example.com/after-kwin"_s})
+    QCOMPARE(InstalledQuillvane::run(
+                 u"gdbus"_s, {u"call"_s, u"--session"_s, u"--dest"_s, u"work.vorpa.Quillvane"_s,
+                              u"--object-path"_s, u"/work/vorpa/Quillvane/ActiveWindow"_s,
+                              u"--method"_s, u"work.vorpa.Quillvane.ActiveWindow.WindowActivated"_s,
+                              u"tunes_tunes"_s, u"0"_s})
                  .exitCode,
              0);
+    QCOMPARE(InstalledQuillvane::run(forwarder, {u"https://example.com/after-kwin"_s}).exitCode, 0);
     QVERIFY(m_desktop->waitForRun(u"chat-browser"_s));
     QVERIFY(!m_desktop->ran(u"music-browser"_s));
     const QJsonObject ways = doctorWays();

@@ -135,9 +135,6 @@ void TestEndToEnd::initTestCase()
     // The last two have no rules of their own: the URL rules route their links.
     for (const QString &id : {u"fake-mail"_s, u"fake-chat"_s, u"fake-news"_s, u"fake-docs"_s})
         m_desktop->addApplication(id, id.toUpper());
-    writeFile(m_desktop->configHome() + u"/mimeapps.list"_s,
-              "[Default Applications]\nx-scheme-handler/https=work.vorpa.Quillvane.desktop\n"
-              "x-scheme-handler/http=work.vorpa.Quillvane.desktop\n");
 
     auto settings = InstalledQuillvane::settingsToSeed(*m_desktop);
     RuleStore store(*settings);
@@ -182,6 +179,12 @@ void TestEndToEnd::firstLinkStartsQuillvane()
     QCOMPARE(RuleStore(*stored()).loadRules().size(), 3);
     QCOMPARE(InstalledQuillvane::journalEntries(*m_desktop), 0);
     QVERIFY(trail().contains("] Routing URL: https://example.com/first?utm_source=x\n"));
+    // Not the default browser, and no display to ask on: nothing waits for an answer.
+    QVERIFY(trail().contains("] No display — skipping default browser prompt\n"));
+    // From now on the desktop hands links to Quillvane.
+    writeFile(m_desktop->configHome() + u"/mimeapps.list"_s,
+              "[Default Applications]\nx-scheme-handler/https=work.vorpa.Quillvane.desktop\n"
+              "x-scheme-handler/http=work.vorpa.Quillvane.desktop\n");
 }
 
 // The ways applications hand over links; each reaches the running instance,

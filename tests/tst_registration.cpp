@@ -3,7 +3,6 @@
 #include "App/AppDelegate.h"
 #include "App/AppState.h"
 #include "FakeDesktop.h"
-#include "Platform/DesktopEntries.h"
 #include "Platform/DesktopSettings.h"
 #include "Services/DefaultBrowserRegistration.h"
 #include "TestSupport.h"
@@ -13,8 +12,8 @@
 #include <QProcess>
 #include <QRegularExpression>
 #include <QScopeGuard>
-#include <QStandardPaths>
 #include <QSignalSpy>
+#include <QStandardPaths>
 #include <QTest>
 
 using namespace Qt::Literals::StringLiterals;
@@ -24,49 +23,43 @@ class TestRegistration final : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
-    void promptLaterChangesNothing();
-    void promptSetAsDefault();
+    void initTestCase()
+    {
+        m_desktop = std::make_unique<FakeDesktop>();
+        m_desktop->addBrowser(u"firefox-esr"_s, u"Firefox ESR"_s);
+        m_entry = m_desktop->addBrowser(u"work.vorpa.Quillvane"_s, u"Quillvane"_s);
+    }
+    // Removes the associations, and waits until GIO has noticed.
+    void cleanup()
+    {
+        QFile::remove(m_desktop->configHome() + u"/mimeapps.list"_s);
+        QTRY_VERIFY(GioDesktopEntries::instance().defaultHandler(u"https"_s)
+                    != u"work.vorpa.Quillvane"_s);
+    }
+    void thePromptAtStart();
     void requestFromTheSettingsRechecksASecondLater();
     void xfceKeepsABrowserOfItsOwn();
     void failureIsLoggedAndChangesNothing();
 
 private:
-    QStringList trail() const;
-    // Removes the associations, and waits until GIO has noticed.
-    void forgetDefaults();
+    // The trail's lines without their times.
+    QStringList trail() const
+    {
+        static const QRegularExpression time(u"^\\[[^\\]]+\\] "_s);
+        QStringList lines = QString::fromUtf8(readFile(m_desktop->root() + u"/run/Quillvane.log"_s))
+                                .split(u'\n', Qt::SkipEmptyParts);
+        for (QString &line : lines)
+            line.remove(time);
+        return lines;
+    }
 
     std::unique_ptr<FakeDesktop> m_desktop;
     QString m_entry;
 };
 
-void TestRegistration::initTestCase()
-{
-    m_desktop = std::make_unique<FakeDesktop>();
-    m_desktop->addBrowser(u"firefox-esr"_s, u"Firefox ESR"_s);
-    m_entry = m_desktop->addBrowser(u"work.vorpa.Quillvane"_s, u"Quillvane"_s);
-}
-
-QStringList TestRegistration::trail() const
-{
-    QFile file(m_desktop->root() + u"/run/Quillvane.log"_s);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    static const QRegularExpression time(u"^\\[[^\\]]+\\] "_s);
-    QStringList lines = QString::fromUtf8(file.readAll()).split(u'\n', Qt::SkipEmptyParts);
-    for (QString &line : lines)
-        line.remove(time);
-    return lines;
-}
-
-void TestRegistration::forgetDefaults()
-{
-    QFile::remove(m_desktop->configHome() + u"/mimeapps.list"_s);
-    QTRY_VERIFY(GioDesktopEntries::instance().defaultHandler(u"https"_s)
-                != u"work.vorpa.Quillvane"_s);
-}
-
-void TestRegistration::promptLaterChangesNothing()
+// "Later" changes nothing; "Set as Default" registers for http and https (and
+// the types browsers open), and once that is so nothing asks again.
+void TestRegistration::thePromptAtStart()
 {
     AppDelegate delegate;
     QVERIFY(!delegate.appState().isSystemDefaultBrowser());
@@ -77,28 +70,19 @@ void TestRegistration::promptLaterChangesNothing()
              (QStringList{u"Not the default browser — showing prompt"_s,
                           u"User chose 'Later' — skipping default browser registration"_s}));
     QVERIFY(!delegate.appState().checkIsDefaultBrowser());
-}
 
-void TestRegistration::promptSetAsDefault()
-{
-    AppDelegate delegate;
     MessageBox::setNextAnswer(0);
     delegate.promptSetAsDefaultBrowserIfNeeded();
     QCOMPARE(trail().last(),
              u"Successfully requested default browser registration for http + https"_s);
     QVERIFY(delegate.appState().checkIsDefaultBrowser());
     QCOMPARE(GioDesktopEntries::instance().defaultHandler(u"http"_s), u"work.vorpa.Quillvane"_s);
-    QFile mimeapps(m_desktop->configHome() + u"/mimeapps.list"_s);
-    QVERIFY(mimeapps.open(QIODevice::ReadOnly));
-    const QByteArray associations = mimeapps.readAll();
-    QVERIFY(associations.contains("text/html=work.vorpa.Quillvane.desktop"));
-
-    // Already the default: no prompt.
+    QVERIFY(readFile(m_desktop->configHome() + u"/mimeapps.list"_s)
+                .contains("text/html=work.vorpa.Quillvane.desktop"));
     MessageBox::setNextAnswer(1);
     delegate.promptSetAsDefaultBrowserIfNeeded();
     QCOMPARE(trail().last(), u"Already the default browser — skipping prompt"_s);
     MessageBox::setNextAnswer(std::nullopt);
-    forgetDefaults();
 }
 
 void TestRegistration::requestFromTheSettingsRechecksASecondLater()
@@ -108,7 +92,6 @@ void TestRegistration::requestFromTheSettingsRechecksASecondLater()
         waits.append({delay, std::move(work)});
     });
     AppState &state = delegate.appState();
-    QVERIFY(!state.isSystemDefaultBrowser());
     QSignalSpy changed(&state, &AppState::isSystemDefaultBrowserChanged);
     state.requestSetAsDefaultBrowser();
     QTRY_COMPARE(waits.size(), 1);
@@ -121,7 +104,6 @@ void TestRegistration::requestFromTheSettingsRechecksASecondLater()
     waits.first().second();
     QCOMPARE(changed.size(), 1);
     QVERIFY(state.isSystemDefaultBrowser());
-    forgetDefaults();
 }
 
 // On XFCE, xdg-settings and exo-open ask XFCE's own preferred browser: the
@@ -133,23 +115,19 @@ void TestRegistration::xfceKeepsABrowserOfItsOwn()
     writeFile(rc, "TerminalEmulator=xfce4-terminal\nWebBrowser=firefox\n");
     qputenv("XDG_CURRENT_DESKTOP", "XFCE");
     const auto restore = qScopeGuard([] { qunsetenv("XDG_CURRENT_DESKTOP"); });
-    const auto requested =
-        DefaultBrowserRegistration::request(GioDesktopEntries::instance(), u"work.vorpa.Quillvane"_s);
+    const auto requested = DefaultBrowserRegistration::request(GioDesktopEntries::instance(),
+                                                               u"work.vorpa.Quillvane"_s);
     QVERIFY2(requested, requested ? "" : qPrintable(requested.error()));
-    QFile file(rc);
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QCOMPARE(file.readAll(),
+    QCOMPARE(readFile(rc),
              QByteArray("TerminalEmulator=xfce4-terminal\nWebBrowser=work.vorpa.Quillvane\n"));
     QCOMPARE(DesktopSettings::xfceWebBrowser(), u"work.vorpa.Quillvane"_s);
-    QFile helper(m_desktop->root() + u"/data/xfce4/helpers/work.vorpa.Quillvane.desktop"_s);
-    QVERIFY(helper.open(QIODevice::ReadOnly));
-    const QByteArray helperText = helper.readAll();
-    QVERIFY(helperText.contains("Type=X-XFCE-Helper\nX-XFCE-Category=WebBrowser\n"));
+    const QByteArray helper =
+        readFile(m_desktop->root() + u"/data/xfce4/helpers/work.vorpa.Quillvane.desktop"_s);
+    QVERIFY(helper.contains("Type=X-XFCE-Helper\nX-XFCE-Category=WebBrowser\n"));
     const QByteArray command = "X-XFCE-CommandsWithParameter="
                                + QFile::encodeName(m_desktop->root() + u"/bin/work.vorpa.Quillvane"_s)
                                + " \"%s\"";
-    QVERIFY2(helperText.contains(command), helperText.constData());
-
+    QVERIFY2(helper.contains(command), helper.constData());
     const QString xdgSettings = QStandardPaths::findExecutable(u"xdg-settings"_s);
     if (xdgSettings.isEmpty())
         QSKIP("xdg-settings (xdg-utils) is not installed");
@@ -157,7 +135,6 @@ void TestRegistration::xfceKeepsABrowserOfItsOwn()
     asked.start(xdgSettings, {u"get"_s, u"default-web-browser"_s});
     QVERIFY(asked.waitForFinished(20000));
     QCOMPARE(asked.readAllStandardOutput().trimmed(), QByteArray("work.vorpa.Quillvane.desktop"));
-    forgetDefaults();
 }
 
 void TestRegistration::failureIsLoggedAndChangesNothing()
