@@ -132,8 +132,8 @@ bool InstalledQuillvane::stop()
 QDBusMessage InstalledQuillvane::open(const QStringList &links, const QVariantMap &platformData,
                                       bool autoStart)
 {
-    QDBusMessage call = QDBusMessage::createMethodCall(
-        AppId, u"/work/vorpa/Quillvane"_s, u"org.freedesktop.Application"_s, u"Open"_s);
+    QDBusMessage call = QDBusMessage::createMethodCall(AppId, u"/work/vorpa/Quillvane"_s,
+                                                       u"org.freedesktop.Application"_s, u"Open"_s);
     call << links << platformData;
     call.setAutoStartService(autoStart);
     return QDBusConnection::sessionBus().call(call, QDBus::Block, 30000);

@@ -8,15 +8,43 @@
 
 #include <xcb/xcb.h>
 
-
 class TestActiveWindow final : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
-    void cleanupTestCase();
-    void followsTheActiveWindow();
+    void initTestCase()
+    {
+        if (qEnvironmentVariableIsEmpty("DISPLAY"))
+            QSKIP("needs an X server: run under xvfb-run");
+        m_connection = xcb_connect(nullptr, nullptr);
+        QVERIFY(m_connection && !xcb_connection_has_error(m_connection));
+        m_root = xcb_setup_roots_iterator(xcb_get_setup(m_connection)).data->root;
+    }
+    void cleanupTestCase()
+    {
+        if (m_connection)
+            xcb_disconnect(m_connection);
+    }
+    void followsTheActiveWindow()
+    {
+        const xcb_window_t mail = window(4001);
+        const xcb_window_t chat = window(4002);
+        const xcb_window_t minimised = window(4003, true);
+        setRootWindows("_NET_ACTIVE_WINDOW", {mail});
+        // Bottom to top, as window managers list them.
+        setRootWindows("_NET_CLIENT_LIST_STACKING", {chat, minimised, mail});
+
+        const auto active = ActiveApplication::create();
+        QCOMPARE(active->activePid(), 4001);
+        QCOMPARE(active->visibleWindowPids(), (QList<qint64>{4001, 4002}));
+
+        QSignalSpy activated(active.get(), &ActiveApplication::activated);
+        active->startWatching();
+        setRootWindows("_NET_ACTIVE_WINDOW", {chat});
+        QVERIFY(activated.wait(5000));
+        QCOMPARE(activated.first().first().toLongLong(), 4002);
+    }
 
 private:
     xcb_atom_t atom(const char *name);
@@ -26,21 +54,6 @@ private:
     xcb_connection_t *m_connection = nullptr;
     xcb_window_t m_root = 0;
 };
-
-void TestActiveWindow::initTestCase()
-{
-    if (qEnvironmentVariableIsEmpty("DISPLAY"))
-        QSKIP("needs an X server: run under xvfb-run");
-    m_connection = xcb_connect(nullptr, nullptr);
-    QVERIFY(m_connection && !xcb_connection_has_error(m_connection));
-    m_root = xcb_setup_roots_iterator(xcb_get_setup(m_connection)).data->root;
-}
-
-void TestActiveWindow::cleanupTestCase()
-{
-    if (m_connection)
-        xcb_disconnect(m_connection);
-}
 
 xcb_atom_t TestActiveWindow::atom(const char *name)
 {
@@ -68,26 +81,6 @@ void TestActiveWindow::setRootWindows(const char *property, const QList<xcb_wind
     xcb_change_property(m_connection, XCB_PROP_MODE_REPLACE, m_root, atom(property),
                         XCB_ATOM_WINDOW, 32, uint32_t(windows.size()), windows.constData());
     xcb_flush(m_connection);
-}
-
-void TestActiveWindow::followsTheActiveWindow()
-{
-    const xcb_window_t mail = window(4001);
-    const xcb_window_t chat = window(4002);
-    const xcb_window_t minimised = window(4003, true);
-    setRootWindows("_NET_ACTIVE_WINDOW", {mail});
-    // Bottom to top, as window managers list them.
-    setRootWindows("_NET_CLIENT_LIST_STACKING", {chat, minimised, mail});
-
-    const auto active = ActiveApplication::create();
-    QCOMPARE(active->activePid(), 4001);
-    QCOMPARE(active->visibleWindowPids(), (QList<qint64>{4001, 4002}));
-
-    QSignalSpy activated(active.get(), &ActiveApplication::activated);
-    active->startWatching();
-    setRootWindows("_NET_ACTIVE_WINDOW", {chat});
-    QVERIFY(activated.wait(5000));
-    QCOMPARE(activated.first().first().toLongLong(), 4002);
 }
 
 QTEST_GUILESS_MAIN(TestActiveWindow)

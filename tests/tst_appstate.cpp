@@ -31,12 +31,149 @@ private Q_SLOTS:
         m_settings.reset();
         m_environment.reset();
     }
-    void startupChoosesAFallback_data();
-    void startupChoosesAFallback();
-    void damagedRulesAreKept();
-    void importReplacesRulesOnly();
-    void launchAtLoginAndTheDefaultBrowser();
-    void displayOrders();
+    void startupChoosesAFallback_data()
+    {
+        QTest::addColumn<QStringList>("installed");
+        QTest::addColumn<QString>("httpsHandler");
+        QTest::addColumn<QString>("fallback");
+        QTest::newRow("the desktop's handler")
+            << QStringList{u"epiphany"_s, u"firefox-esr"_s} << u"epiphany"_s << u"epiphany"_s;
+        QTest::newRow("Quillvane handles links")
+            << QStringList{u"epiphany"_s, u"chromium"_s, u"firefox-esr"_s}
+            << u"work.vorpa.Quillvane"_s << u"firefox-esr"_s;
+        QTest::newRow("handler not a browser")
+            << QStringList{u"epiphany"_s, u"chromium"_s} << u"org.gnome.Evince"_s << u"chromium"_s;
+        QTest::newRow("no known browser")
+            << QStringList{u"zen"_s, u"epiphany"_s} << QString() << u"epiphany"_s;
+        QTest::newRow("no browser at all") << QStringList() << QString() << QString();
+    }
+    void startupChoosesAFallback()
+    {
+        QFETCH(QStringList, installed);
+        QFETCH(QString, httpsHandler);
+        QFETCH(QString, fallback);
+        setBrowsers(installed);
+        if (!httpsHandler.isEmpty())
+            m_entries.httpsHandler = httpsHandler;
+        QCOMPARE(makeState()->defaultBrowserBundleID(), fallback);
+        QCOMPARE(m_environment->settings()->contains(u"default_browser_bundle_id"_s),
+                 !fallback.isEmpty());
+        QCOMPARE(reopened().loadDefaultBrowserBundleID(), fallback);
+    }
+    // Six rules, one of them with an id that is no UUID: five are used, the user is
+    // told once, and the file as it was survives the next save.
+    void damagedRulesAreKept()
+    {
+        QList<RoutingRule> six;
+        for (int i = 0; i < 6; ++i)
+            six.append(makeRule(u"app%1"_s.arg(i), std::nullopt, u"epiphany"_s));
+        m_settings->setValue(
+            u"routing_rules"_s,
+            RoutingRule::listToJson(six).replace(
+                six[3].id.toString(QUuid::WithoutBraces).toUpper().toUtf8(), "not-a-uuid"));
+        m_settings->sync();
+        const QByteArray original = readFile(m_settings->fileName());
+        QTest::ignoreMessage(QtCriticalMsg,
+                             QRegularExpression(u"^1 stored rule\\(s\\) could not be read"_s));
+        const auto state = makeState();
+        QCOMPARE(state->rules().size(), 5);
+        QVERIFY(!state->rules().contains(six[3]));
+        QCOMPARE(m_told.size(), 1);
+        QCOMPARE(m_told[0].value(0), u"Quillvane skipped damaged rules"_s);
+
+        state->addRule(makeRule(u"new"_s, std::nullopt, u"epiphany"_s));
+        QCOMPARE(reopened().loadRules().size(), 6);
+        const QDir folder = QFileInfo(m_settings->fileName()).dir();
+        const QStringList copies = folder.entryList({u"*.damaged-*"_s}, QDir::Files);
+        QCOMPARE(copies.size(), 1);
+        QVERIFY2(m_told[0].value(1).contains(copies.first()), qPrintable(m_told[0].value(1)));
+        QCOMPARE(readFile(folder.filePath(copies.first())), original);
+    }
+    // The rules and the cleaning switch are replaced; the fallback only when the
+    // document names one; other switches stay.
+    void importReplacesRulesOnly()
+    {
+        const auto state = makeState();
+        state->addRule(makeRule(u"a"_s, std::nullopt, u"x"_s));
+        state->toggleURLExpansion();
+        const QString fallback = state->defaultBrowserBundleID();
+        ConfigManager::ExportData config;
+        config.rules = {makeRule(QString(), u"b.org"_s, u"y"_s)};
+        config.urlCleaningEnabled = false;
+        QTest::ignoreMessage(
+            QtInfoMsg, "Applied imported config: 1 rule(s), default=<private>, urlCleaning=false");
+        state->applyImportedConfig(config);
+        QCOMPARE(state->rules(), config.rules);
+        QCOMPARE(state->defaultBrowserBundleID(), fallback);
+        QVERIFY(!state->urlCleaningEnabled() && state->urlExpansionEnabled());
+        QCOMPARE(reopened().loadRules(), config.rules);
+        config.rules.clear();
+        config.defaultBrowserBundleID = u"chromium"_s;
+        state->applyImportedConfig(config);
+        QVERIFY(state->rules().isEmpty());
+        QCOMPARE(reopened().loadDefaultBrowserBundleID(), u"chromium"_s);
+    }
+    // The switch asks the system, not a copy of its own, and a failure changes
+    // nothing. The default-browser check compares ids exactly.
+    void launchAtLoginAndTheDefaultBrowser()
+    {
+        m_entries.httpHandler = u"work.vorpa.Quillvane"_s;
+        m_entries.httpsHandler = u"firefox-esr"_s;
+        const auto state = makeState();
+        QSignalSpy changed(state.get(), &AppState::launchAtLoginChanged);
+        state->toggleLaunchAtLogin();
+        QVERIFY(state->launchAtLogin() && m_autostart.enabled);
+        m_autostart.failure = u"Read-only file system"_s;
+        QTest::ignoreMessage(QtCriticalMsg, "Failed to toggle launch at login: <private>");
+        state->toggleLaunchAtLogin();
+        QVERIFY(state->launchAtLogin());
+        QCOMPARE(changed.size(), 1);
+        m_autostart.failure = {};
+        m_autostart.enabled = false;
+        state->toggleLaunchAtLogin();
+        QVERIFY(m_autostart.enabled && state->launchAtLogin());
+
+        QVERIFY(!state->isSystemDefaultBrowser());
+        m_entries.httpsHandler = u"WORK.VORPA.QUILLVANE"_s;
+        QVERIFY(!state->checkIsDefaultBrowser());
+        m_entries.httpsHandler = u"work.vorpa.Quillvane"_s;
+        QSignalSpy isDefault(state.get(), &AppState::isSystemDefaultBrowserChanged);
+        state->refreshDefaultBrowserStatus();
+        QVERIFY(state->isSystemDefaultBrowser());
+        QCOMPARE(isDefault.size(), 1);
+    }
+    void displayOrders()
+    {
+        const auto state = makeState();
+        const auto patterns = [](const QList<RoutingRule> &rules) {
+            QStringList result;
+            for (const RoutingRule &rule : rules)
+                result.append(rule.urlPattern.value_or(u"(none)"_s) + u'@' + rule.sourceAppName);
+            return result;
+        };
+        for (const QString &pattern :
+             {u"example.org"_s, u"*example.com/admin*"_s, u"example.com"_s, u"docs.example.com"_s})
+            state->addRule(makeRule(QString(), pattern, u"b"_s));
+        QCOMPARE(patterns(state->sortedUrlRules()),
+                 (QStringList{u"docs.example.com@"_s, u"example.com@"_s, u"*example.com/admin*@"_s,
+                              u"example.org@"_s}));
+        state->addRule(makeRule(u"b.app"_s, u"*x*"_s, u"t"_s));
+        state->addRule(makeRule(u"a.app"_s, std::nullopt, u"t"_s));
+        state->addRule(makeRule(u"B.APP"_s, std::nullopt, u"t"_s));
+        state->addRule(makeRule(u"c"_s, std::nullopt, u"t"_s));
+        // Names compare ignoring case; an app's catch-all rule before its patterns.
+        QCOMPARE(
+            patterns(state->sortedAppRules()),
+            (QStringList{u"(none)@a.app"_s, u"(none)@B.APP"_s, u"*x*@b.app"_s, u"(none)@c"_s}));
+        QCOMPARE(state->appRules().size(), 4);
+        QCOMPARE(state->urlRules().size(), 4);
+        for (const auto &[pattern, root] :
+             {std::pair{u"*docs.example.com/api*"_s, u"example.com"_s},
+              {u"example.co.uk"_s, u"co.uk"_s},
+              {u"https://localhost/x"_s, u"localhost"_s},
+              {QString(), QString()}})
+            QCOMPARE(AppState::rootDomain(pattern), root);
+    }
 
 private:
     std::unique_ptr<AppState> makeState()
@@ -71,152 +208,6 @@ private:
     RecordingLauncher m_launcher;
     QList<QStringList> m_told;
 };
-
-void TestAppState::startupChoosesAFallback_data()
-{
-    QTest::addColumn<QStringList>("installed");
-    QTest::addColumn<QString>("httpsHandler");
-    QTest::addColumn<QString>("fallback");
-    QTest::newRow("the desktop's handler")
-        << QStringList{u"epiphany"_s, u"firefox-esr"_s} << u"epiphany"_s << u"epiphany"_s;
-    QTest::newRow("Quillvane handles links")
-        << QStringList{u"epiphany"_s, u"chromium"_s, u"firefox-esr"_s} << u"work.vorpa.Quillvane"_s
-        << u"firefox-esr"_s;
-    QTest::newRow("handler not a browser")
-        << QStringList{u"epiphany"_s, u"chromium"_s} << u"org.gnome.Evince"_s << u"chromium"_s;
-    QTest::newRow("no known browser")
-        << QStringList{u"zen"_s, u"epiphany"_s} << QString() << u"epiphany"_s;
-    QTest::newRow("no browser at all") << QStringList() << QString() << QString();
-}
-
-void TestAppState::startupChoosesAFallback()
-{
-    QFETCH(QStringList, installed);
-    QFETCH(QString, httpsHandler);
-    QFETCH(QString, fallback);
-    setBrowsers(installed);
-    if (!httpsHandler.isEmpty())
-        m_entries.httpsHandler = httpsHandler;
-    QCOMPARE(makeState()->defaultBrowserBundleID(), fallback);
-    QCOMPARE(m_environment->settings()->contains(u"default_browser_bundle_id"_s),
-             !fallback.isEmpty());
-    QCOMPARE(reopened().loadDefaultBrowserBundleID(), fallback);
-}
-
-// Six rules, one of them with an id that is no UUID: five are used, the user is
-// told once, and the file as it was survives the next save.
-void TestAppState::damagedRulesAreKept()
-{
-    QList<RoutingRule> six;
-    for (int i = 0; i < 6; ++i)
-        six.append(makeRule(u"app%1"_s.arg(i), std::nullopt, u"epiphany"_s));
-    m_settings->setValue(u"routing_rules"_s,
-                         RoutingRule::listToJson(six).replace(
-                             six[3].id.toString(QUuid::WithoutBraces).toUpper().toUtf8(),
-                             "not-a-uuid"));
-    m_settings->sync();
-    const QByteArray original = readFile(m_settings->fileName());
-    QTest::ignoreMessage(QtCriticalMsg,
-                         QRegularExpression(u"^1 stored rule\\(s\\) could not be read"_s));
-    const auto state = makeState();
-    QCOMPARE(state->rules().size(), 5);
-    QVERIFY(!state->rules().contains(six[3]));
-    QCOMPARE(m_told.size(), 1);
-    QCOMPARE(m_told[0].value(0), u"Quillvane skipped damaged rules"_s);
-
-    state->addRule(makeRule(u"new"_s, std::nullopt, u"epiphany"_s));
-    QCOMPARE(reopened().loadRules().size(), 6);
-    const QDir folder = QFileInfo(m_settings->fileName()).dir();
-    const QStringList copies = folder.entryList({u"*.damaged-*"_s}, QDir::Files);
-    QCOMPARE(copies.size(), 1);
-    QVERIFY2(m_told[0].value(1).contains(copies.first()), qPrintable(m_told[0].value(1)));
-    QCOMPARE(readFile(folder.filePath(copies.first())), original);
-}
-
-// The rules and the cleaning switch are replaced; the fallback only when the
-// document names one; other switches stay.
-void TestAppState::importReplacesRulesOnly()
-{
-    const auto state = makeState();
-    state->addRule(makeRule(u"a"_s, std::nullopt, u"x"_s));
-    state->toggleURLExpansion();
-    const QString fallback = state->defaultBrowserBundleID();
-    ConfigManager::ExportData config;
-    config.rules = {makeRule(QString(), u"b.org"_s, u"y"_s)};
-    config.urlCleaningEnabled = false;
-    QTest::ignoreMessage(
-        QtInfoMsg, "Applied imported config: 1 rule(s), default=<private>, urlCleaning=false");
-    state->applyImportedConfig(config);
-    QCOMPARE(state->rules(), config.rules);
-    QCOMPARE(state->defaultBrowserBundleID(), fallback);
-    QVERIFY(!state->urlCleaningEnabled() && state->urlExpansionEnabled());
-    QCOMPARE(reopened().loadRules(), config.rules);
-    config.rules.clear();
-    config.defaultBrowserBundleID = u"chromium"_s;
-    state->applyImportedConfig(config);
-    QVERIFY(state->rules().isEmpty());
-    QCOMPARE(reopened().loadDefaultBrowserBundleID(), u"chromium"_s);
-}
-
-// The switch asks the system, not a copy of its own, and a failure changes
-// nothing. The default-browser check compares ids exactly.
-void TestAppState::launchAtLoginAndTheDefaultBrowser()
-{
-    m_entries.httpHandler = u"work.vorpa.Quillvane"_s;
-    m_entries.httpsHandler = u"firefox-esr"_s;
-    const auto state = makeState();
-    QSignalSpy changed(state.get(), &AppState::launchAtLoginChanged);
-    state->toggleLaunchAtLogin();
-    QVERIFY(state->launchAtLogin() && m_autostart.enabled);
-    m_autostart.failure = u"Read-only file system"_s;
-    QTest::ignoreMessage(QtCriticalMsg, "Failed to toggle launch at login: <private>");
-    state->toggleLaunchAtLogin();
-    QVERIFY(state->launchAtLogin());
-    QCOMPARE(changed.size(), 1);
-    m_autostart.failure = {};
-    m_autostart.enabled = false;
-    state->toggleLaunchAtLogin();
-    QVERIFY(m_autostart.enabled && state->launchAtLogin());
-
-    QVERIFY(!state->isSystemDefaultBrowser());
-    m_entries.httpsHandler = u"WORK.VORPA.QUILLVANE"_s;
-    QVERIFY(!state->checkIsDefaultBrowser());
-    m_entries.httpsHandler = u"work.vorpa.Quillvane"_s;
-    QSignalSpy isDefault(state.get(), &AppState::isSystemDefaultBrowserChanged);
-    state->refreshDefaultBrowserStatus();
-    QVERIFY(state->isSystemDefaultBrowser());
-    QCOMPARE(isDefault.size(), 1);
-}
-
-void TestAppState::displayOrders()
-{
-    const auto state = makeState();
-    const auto patterns = [](const QList<RoutingRule> &rules) {
-        QStringList result;
-        for (const RoutingRule &rule : rules)
-            result.append(rule.urlPattern.value_or(u"(none)"_s) + u'@' + rule.sourceAppName);
-        return result;
-    };
-    for (const QString &pattern :
-         {u"example.org"_s, u"*example.com/admin*"_s, u"example.com"_s, u"docs.example.com"_s})
-        state->addRule(makeRule(QString(), pattern, u"b"_s));
-    QCOMPARE(patterns(state->sortedUrlRules()),
-             (QStringList{u"docs.example.com@"_s, u"example.com@"_s, u"*example.com/admin*@"_s,
-                          u"example.org@"_s}));
-    state->addRule(makeRule(u"b.app"_s, u"*x*"_s, u"t"_s));
-    state->addRule(makeRule(u"a.app"_s, std::nullopt, u"t"_s));
-    state->addRule(makeRule(u"B.APP"_s, std::nullopt, u"t"_s));
-    state->addRule(makeRule(u"c"_s, std::nullopt, u"t"_s));
-    // Names compare ignoring case; an app's catch-all rule before its patterns.
-    QCOMPARE(patterns(state->sortedAppRules()),
-             (QStringList{u"(none)@a.app"_s, u"(none)@B.APP"_s, u"*x*@b.app"_s, u"(none)@c"_s}));
-    QCOMPARE(state->appRules().size(), 4);
-    QCOMPARE(state->urlRules().size(), 4);
-    for (const auto &[pattern, root] :
-         {std::pair{u"*docs.example.com/api*"_s, u"example.com"_s}, {u"example.co.uk"_s, u"co.uk"_s},
-          {u"https://localhost/x"_s, u"localhost"_s}, {QString(), QString()}})
-        QCOMPARE(AppState::rootDomain(pattern), root);
-}
 
 QTEST_GUILESS_MAIN(TestAppState)
 #include "tst_appstate.moc"

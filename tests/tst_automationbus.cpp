@@ -43,6 +43,25 @@ QString outcome(const QString &commandLine)
     const Result result = qv(commandLine);
     return QString::number(result.exitCode) + u' ' + result.out;
 }
+// Runs quillvane once per line, "arguments | exit status | text": what it
+// printed (on either stream) holds the text. "(empty)" is an empty argument.
+void script(QStringView lines)
+{
+    for (const QStringView line : lines.split(u'\n', Qt::SkipEmptyParts)) {
+        const QList<QStringView> cells = line.split(u'|');
+        QStringList arguments = QProcess::splitCommand(cells.value(0));
+        for (QString &argument : arguments) {
+            if (argument == u"(empty)")
+                argument.clear();
+        }
+        const Result result = g_installed.quillvane(arguments);
+        const QString said = result.out + result.err;
+        QVERIFY2(result.exitCode == cells.value(1).trimmed().toInt()
+                     && said.contains(cells.value(2).trimmed()),
+                 qPrintable(line.trimmed() + u"\n→ "_s + QString::number(result.exitCode) + u' '
+                            + said));
+    }
+}
 QDBusMessage call(const QString &method, const QVariantList &arguments = {})
 {
     return InstalledQuillvane::automation(method, arguments);
@@ -53,8 +72,8 @@ QVariant browser(const QString &id, const QString &name = u"X"_s)
 }
 QDBusMessage application(const QString &method, const QVariantList &arguments)
 {
-    QDBusMessage message = QDBusMessage::createMethodCall(
-        AppId, u"/work/vorpa/Quillvane"_s, u"org.freedesktop.Application"_s, method);
+    QDBusMessage message = QDBusMessage::createMethodCall(AppId, u"/work/vorpa/Quillvane"_s,
+                                                          u"org.freedesktop.Application"_s, method);
     message.setArguments(arguments);
     return message;
 }
@@ -84,18 +103,299 @@ class TestAutomationBus final : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
-    void cleanupTestCase();
-    void nothingAnswersWhileNotRunning();
-    void listsAndQueries();
+    void initTestCase()
+    {
+        if (!QDBusConnection::sessionBus().isConnected())
+            QSKIP("needs a session bus: run under dbus-run-session");
+        registerDBusTypes();
+        m_desktop = std::make_unique<FakeDesktop>();
+        QVERIFY(g_installed.setUp(QStringLiteral(QUILLVANE_BUILD_DIR), *m_desktop));
+        m_desktop->addBrowser(u"fallback-browser"_s, u"Fallback"_s);
+        m_desktop->addBrowser(u"docs-browser"_s, u"Docs Browser"_s);
+        m_desktop->addBrowser(u"alpha-browser"_s, u"Alpha"_s);
+        // Passes every link back to Quillvane through a script, which discovery
+        // cannot see into, and says how that ended.
+        const QString bouncer = m_desktop->root() + u"/bin/bounce-back"_s;
+        writeFile(bouncer,
+                  u"#!/bin/sh\n%1 \"$1\" 2>\"%2/bounce.err\"\n"
+                  "echo $? >\"%2/bounce.new\" && mv \"%2/bounce.new\" \"%2/bounce.status\"\n"_s
+                      .arg(g_installed.program(u"quillvane-open"_s), m_desktop->root())
+                      .toUtf8());
+        QFile::setPermissions(bouncer, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        m_desktop->addBrowser(u"bouncer"_s, u"Bouncer"_s, {}, bouncer + u" %u"_s);
+
+        const RoutingRule docs = makeRule({}, u"docs.example"_s, u"docs-browser"_s);
+        m_docsRuleId = JsonFields::uuidText(docs.id);
+        auto settings = InstalledQuillvane::settingsToSeed(*m_desktop);
+        RuleStore store(*settings);
+        store.saveRules({RoutingRule{docs.id,
+                                     {},
+                                     {},
+                                     u"docs-browser"_s,
+                                     u"Docs Browser"_s,
+                                     u"docs.example"_s,
+                                     std::nullopt}});
+        store.saveDefaultBrowserBundleID(u"fallback-browser"_s);
+
+        QDBusConnection bus = QDBusConnection::sessionBus();
+        QVERIFY(bus.registerObject(u"/org/freedesktop/Notifications"_s, &m_notifications,
+                                   QDBusConnection::ExportAllSlots));
+        QVERIFY(bus.registerService(u"org.freedesktop.Notifications"_s));
+    }
+    void cleanupTestCase()
+    {
+        if (m_desktop)
+            QVERIFY(InstalledQuillvane::stop());
+    }
+    void nothingAnswersWhileNotRunning()
+    {
+        for (const QString &command :
+             {u"route https://docs.example/"_s, u"rule delete %1 --yes"_s.arg(m_docsRuleId)}) {
+            const Result result = qv(command);
+            QCOMPARE(result.exitCode, 1);
+            QCOMPARE(result.err,
+                     u"quillvane: Quillvane is not running. Please launch the app first.\n"_s);
+        }
+        // Even though the bus could start it.
+        QVERIFY(!InstalledQuillvane::isRunning());
+        const QString error = call(u"ListRules"_s).errorName();
+        QVERIFY2(error == u"org.freedesktop.DBus.Error.ServiceUnknown"
+                     || error == u"org.freedesktop.DBus.Error.NameHasNoOwner",
+                 qPrintable(error));
+        QCOMPARE(storedRules().size(), 1);
+
+        // Started the way a desktop starts it.
+        QCOMPARE(QDBusConnection::sessionBus()
+                     .call(application(u"Activate"_s, {QVariantMap()}), QDBus::Block, 20000)
+                     .type(),
+                 QDBusMessage::ReplyMessage);
+        QVERIFY(InstalledQuillvane::isRunning());
+    }
+    void listsAndQueries()
+    {
+        QCOMPARE(outcome(u"browsers"_s), u"0 alpha-browser     Alpha\n"
+                                         "bouncer           Bouncer\n"
+                                         "docs-browser      Docs Browser\n"
+                                         "fallback-browser  Fallback\n"_s);
+        QCOMPARE(QJsonDocument::fromJson(qv(u"rules --json"_s).out.toUtf8()).array(),
+                 (QJsonArray{QJsonObject{{u"id"_s, m_docsRuleId},
+                                         {u"summary"_s, u"docs.example → Docs Browser"_s}}}));
+        QCOMPARE(QJsonDocument::fromJson(qv(u"browsers --json"_s).out.toUtf8()).array().at(2),
+                 (QJsonObject{{u"id"_s, u"docs-browser"_s}, {u"name"_s, u"Docs Browser"_s}}));
+        QCOMPARE(
+            qdbus_cast<QList<FeatureEntity>>(call(u"ListFeatures"_s).arguments().value(0)).size(),
+            5);
+        // In list order, each once, unknown and lower-case ids left out.
+        const QDBusMessage reply =
+            call(u"Browsers"_s, {QStringList{u"fallback-browser"_s, u"nope"_s, u"alpha-browser"_s,
+                                             u"fallback-browser"_s, u"ALPHA-BROWSER"_s}});
+        QCOMPARE(qdbus_cast<QList<BrowserEntity>>(reply.arguments().value(0)),
+                 (QList<BrowserEntity>{{u"alpha-browser"_s, u"Alpha"_s},
+                                       {u"fallback-browser"_s, u"Fallback"_s}}));
+        const auto rules = [](const QString &id) {
+            return qdbus_cast<QList<RuleEntity>>(
+                       call(u"Rules"_s, {QStringList{id}}).arguments().value(0))
+                .size();
+        };
+        QCOMPARE(rules(m_docsRuleId.toLower()), 0);
+        QCOMPARE(rules(m_docsRuleId), 1);
+    }
     void createAndDeleteRules();
     void routeURL();
     void fallbackAndFeatures();
-    void malformedCallsAreRefused();
-    void hostileLinks();
-    void aBrowserThatHandsLinksBack();
-    void desktopActions();
-    void shellCompletion();
+    void malformedCallsAreRefused()
+    {
+        const qint64 instance = InstalledQuillvane::instancePid();
+        QCOMPARE(call(u"ToggleFeature"_s, {u"URLCleaning"_s, true}).errorName(), InvalidArgs);
+        // Wrong types and wrong counts.
+        QCOMPARE(call(u"ToggleFeature"_s, {42, u"on"_s}).errorName(),
+                 u"org.freedesktop.DBus.Error.UnknownMethod"_s);
+        QCOMPARE(call(u"SetDefaultBrowser"_s, {browser({})}).errorName(), InvalidArgs);
+        QCOMPARE(call(u"RouteURL"_s, {u"file:///etc/passwd"_s}).errorName(), InvalidArgs);
+        QCOMPARE(call(u"Browsers"_s, {QStringList(100000, u"x"_s)}).type(),
+                 QDBusMessage::ReplyMessage);
+        QCOMPARE(InstalledQuillvane::instancePid(), instance);
+
+        // Ids that name no installed browser, Quillvane's own among them (a link
+        // handed to it would come straight back): refused, nothing stored.
+        const QString fallback = storedFallback();
+        const qsizetype ruleCount = storedRules().size();
+        for (const QString &id : {u"no-such-browser"_s, AppId}) {
+            const QString expected =
+                u"no installed browser has the id \"%1\"; \"quillvane browsers\" lists them."_s.arg(
+                    id);
+            const QDBusMessage reply = call(u"SetDefaultBrowser"_s, {browser(id)});
+            QCOMPARE(reply.errorName(), InvalidArgs);
+            QCOMPARE(reply.errorMessage(), expected);
+            QCOMPARE(call(u"CreateRule"_s,
+                          {browser(id), QVariantMap{{u"urlPattern"_s, u"loop.example"_s}}})
+                         .errorMessage(),
+                     expected);
+            QCOMPARE(qv(u"fallback "_s + id).err, u"quillvane: "_s + expected + u'\n');
+        }
+        QCOMPARE(storedFallback(), fallback);
+        QCOMPARE(storedRules().size(), ruleCount);
+
+        // A pattern made over the bus with a terminal's title sequence and a line
+        // break: listed as text, on its own line, and never obeyed.
+        const QString evil = u"evil.example\x1b]0;pwned\x07\nforged"_s;
+        QCOMPARE(call(u"CreateRule"_s, {browser(u"alpha-browser"_s, u"Alpha"_s),
+                                        QVariantMap{{u"urlPattern"_s, evil}}})
+                     .type(),
+                 QDBusMessage::ReplyMessage);
+        const QString listedRules = qv(u"rules"_s).out;
+        QVERIFY2(
+            !listedRules.contains(u'\x1b') && !listedRules.contains(u'\x07')
+                && listedRules.contains(u"evil.example\\x1B]0;pwned\\x07\\x0Aforged → Alpha\n"_s),
+            qPrintable(listedRules));
+        const RoutingRule made = storedRules().last();
+        QCOMPARE(made.urlPattern, evil);
+        call(u"DeleteRule"_s, {QVariant::fromValue(RuleEntity{JsonFields::uuidText(made.id), {}})});
+        QVERIFY(!storedRules().contains(made));
+    }
+    // Links made to hurt: each is refused with a clear error or opened as one
+    // argument of the browser the rules name, never read by a shell, never as an
+    // option, never many times over.
+    void hostileLinks()
+    {
+        const QString huge = u"https://big.example/"_s + QString(2 * 1024 * 1024, u'a');
+        m_desktop->forget(u"fallback-browser"_s);
+        QCOMPARE(InstalledQuillvane::open({huge}).errorName(),
+                 u"work.vorpa.Quillvane.Error.InvalidLink"_s);
+        QCOMPARE(call(u"RouteURL"_s, {huge}).errorName(), InvalidArgs);
+        // Within the parser's limit, but no browser could be given it: refused, not accepted and
+        // lost.
+        const QDBusMessage unlaunchable =
+            InstalledQuillvane::open({u"https://big.example/"_s + QString(200000, u'a')});
+        QCOMPARE(unlaunchable.errorName(), u"work.vorpa.Quillvane.Error.InvalidLink"_s);
+        QVERIFY(unlaunchable.errorMessage().contains(u"too long to hand to a browser"_s));
+        QCOMPARE(
+            InstalledQuillvane::open(QStringList(101, u"https://other.example/"_s)).errorName(),
+            u"work.vorpa.Quillvane.Error.TooManyLinks"_s);
+        QCOMPARE(g_installed.quillvane(QStringList(101, u"https://other.example/"_s)).exitCode, 2);
+        QVERIFY(!m_desktop->ran(u"fallback-browser"_s));
+
+        // Shell and option syntax stays inside the one argument, percent-encoded where a link must
+        // be.
+        const QString marker = m_desktop->root() + u"/pwned"_s;
+        m_desktop->forget(u"docs-browser"_s);
+        QCOMPARE(InstalledQuillvane::open({u"https://docs.example/$(touch "_s + marker
+                                           + u");rm -rf ~;'`id`'/ --incognito?q=a b&-x=--remote"_s})
+                     .type(),
+                 QDBusMessage::ReplyMessage);
+        const QStringList received = m_desktop->opened(u"docs-browser"_s);
+        QCOMPARE(received.size(), 1);
+        QVERIFY2(received.first().startsWith(u"https://docs.example/$(touch%20"_s)
+                     && !received.first().contains(u' '),
+                 qPrintable(received.first()));
+        QVERIFY(!QFile::exists(marker));
+
+        // A token of a megabyte would make the browser's environment too big to start
+        // it: the token is left out and the link opens.
+        m_desktop->forget(u"docs-browser"_s);
+        QCOMPARE(InstalledQuillvane::open({u"https://docs.example/token"_s},
+                                          {{u"activation-token"_s, QString(1024 * 1024, u't')}})
+                     .type(),
+                 QDBusMessage::ReplyMessage);
+        QCOMPARE(m_desktop->opened(u"docs-browser"_s),
+                 QStringList{u"https://docs.example/token"_s});
+        QVERIFY(m_desktop->activationToken(u"docs-browser"_s).size() < 1024);
+
+        // The command line: what looks like an option, and bytes that are not text.
+        const Result option = qv(u"route -https://docs.example/"_s);
+        QCOMPARE(option.exitCode, 2);
+        QVERIFY2(option.err.contains(u"-https://docs.example/"_s), qPrintable(option.err));
+        const Result bytes = InstalledQuillvane::run(
+            u"bash"_s, {u"-c"_s, g_installed.program(u"quillvane"_s)
+                                     + u" route $'https://a.example/\\xff'"_s});
+        QCOMPARE(bytes.exitCode, 2);
+        QVERIFY2(bytes.err.contains(u"not valid UTF-8"_s), qPrintable(bytes.err));
+    }
+    // The link goes to the bouncer once, comes back, and stops there: the
+    // bouncer's forwarder hears why, the user is told, and nothing is recorded.
+    void aBrowserThatHandsLinksBack()
+    {
+        m_notifications.shown.clear();
+        const QString link = u"https://bounce.example/loop"_s;
+        QCOMPARE(qv(u"route %1 --browser bouncer"_s.arg(link)).exitCode, 0);
+        const QString status = m_desktop->root() + u"/bounce.status"_s;
+        QVERIFY(QTest::qWaitFor([&] { return QFile::exists(status); }, 10000));
+        QCOMPARE(readFile(status).trimmed(), "1");
+        const QString said = QString::fromUtf8(readFile(m_desktop->root() + u"/bounce.err"_s));
+        QVERIFY2(said.contains(u"a routing loop"_s) && said.contains(u"/bin/bounce-back"_s),
+                 qPrintable(said));
+        QTRY_VERIFY_WITH_TIMEOUT(!m_notifications.shown.isEmpty(), 10000);
+        QCOMPARE(m_notifications.shown.first().first, u"Quillvane stopped a routing loop"_s);
+        QVERIFY(m_notifications.shown.first().second.startsWith(u"bounce.example\n"_s));
+        QVERIFY(!links(InstalledQuillvane::storedHistory(*m_desktop)).contains(link));
+
+        // The same link from an application, in the same seconds, opens as ever.
+        QCOMPARE(InstalledQuillvane::run(g_installed.program(u"quillvane-open"_s), {link}).exitCode,
+                 0);
+        QTRY_VERIFY_WITH_TIMEOUT(
+            links(InstalledQuillvane::storedHistory(*m_desktop)).contains(link), 10000);
+    }
+    void desktopActions()
+    {
+        // The clipboard belongs to this process, which must keep answering while
+        // Quillvane reads it: nothing here waits without its event loop.
+        QGuiApplication::clipboard()->setText(u"  https://docs.example/copied?utm_medium=mail  "_s);
+        m_desktop->forget(u"docs-browser"_s);
+        m_notifications.shown.clear();
+        QProcess action;
+        action.start(g_installed.program(u"quillvane"_s), {u"--action"_s, u"route-clipboard"_s});
+        QTRY_COMPARE_WITH_TIMEOUT(m_notifications.shown.size(), 1, 15000);
+        QCOMPARE(m_notifications.shown.first(),
+                 (std::pair{u"Route URL"_s, u"Routed to Docs Browser."_s}));
+        QCOMPARE(m_desktop->opened(u"docs-browser"_s),
+                 QStringList{u"https://docs.example/copied"_s});
+        QTRY_COMPARE(action.state(), QProcess::NotRunning);
+        QCOMPARE(action.exitCode(), 0);
+
+        QGuiApplication::clipboard()->setText(u"ftp://files.example/"_s);
+        action.start(g_installed.program(u"quillvane"_s), {u"--action"_s, u"route-clipboard"_s});
+        QTRY_COMPARE_WITH_TIMEOUT(m_notifications.shown.size(), 2, 15000);
+        QVERIFY(m_notifications.shown.last().second.startsWith(
+            u"The clipboard holds no link to route: "_s));
+        QTRY_COMPARE(action.state(), QProcess::NotRunning);
+
+        // Straight over the bus, as launchers do.
+        QDBusConnection::sessionBus().asyncCall(
+            application(u"ActivateAction"_s, {u"list-browsers"_s, QVariantList(), QVariantMap()}));
+        QTRY_COMPARE_WITH_TIMEOUT(m_notifications.shown.size(), 3, 15000);
+        QCOMPARE(
+            m_notifications.shown.last(),
+            (std::pair{u"List Browsers"_s,
+                       u"Alpha (alpha-browser)\nBouncer (bouncer)\nDocs Browser (docs-browser)\n"
+                       "Fallback (fallback-browser)"_s}));
+        const Result unknown = qv(u"--action format-disk"_s);
+        QCOMPARE(unknown.exitCode, 2);
+        QVERIFY(unknown.err.contains(u"route-clipboard, list-browsers, create-rule"_s));
+    }
+    void shellCompletion()
+    {
+        const auto complete = [&](const QString &line) {
+            // The words of the line, the last one being completed.
+            const QString command =
+                u"PATH='%1/bin':$PATH; source '%1/share/bash-completion/completions/quillvane'; "
+                "COMP_WORDS=(%2); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); "
+                "_quillvane; printf '%s\\n' \"${COMPREPLY[@]}\""_s.arg(g_installed.prefix(), line);
+            return InstalledQuillvane::run(u"bash"_s, {u"-c"_s, command})
+                .out.split(u'\n', Qt::SkipEmptyParts);
+        };
+        QCOMPARE(complete(u"quillvane fallback ''"_s),
+                 (QStringList{u"alpha-browser"_s, u"bouncer"_s, u"docs-browser"_s,
+                              u"fallback-browser"_s, u"--ask"_s, u"--help"_s}));
+        QCOMPARE(complete(u"quillvane rule delete ''"_s).size(), storedRules().size() + 2);
+        QCOMPARE(complete(u"quillvane r"_s), (QStringList{u"route"_s, u"rules"_s, u"rule"_s}));
+        if (QStandardPaths::findExecutable(u"zsh"_s).isEmpty())
+            QSKIP("zsh is not installed");
+        QCOMPARE(InstalledQuillvane::run(
+                     u"zsh"_s,
+                     {u"-n"_s, g_installed.prefix() + u"/share/zsh/site-functions/_quillvane"_s})
+                     .exitCode,
+                 0);
+    }
     void browsersThatChangeWhileRunning();
 
 private:
@@ -119,120 +419,22 @@ private:
     QString m_docsRuleId;
 };
 
-void TestAutomationBus::initTestCase()
-{
-    if (!QDBusConnection::sessionBus().isConnected())
-        QSKIP("needs a session bus: run under dbus-run-session");
-    registerDBusTypes();
-    m_desktop = std::make_unique<FakeDesktop>();
-    QVERIFY(g_installed.setUp(QStringLiteral(QUILLVANE_BUILD_DIR), *m_desktop));
-    m_desktop->addBrowser(u"fallback-browser"_s, u"Fallback"_s);
-    m_desktop->addBrowser(u"docs-browser"_s, u"Docs Browser"_s);
-    m_desktop->addBrowser(u"alpha-browser"_s, u"Alpha"_s);
-    // Passes every link back to Quillvane through a script, which discovery
-    // cannot see into, and says how that ended.
-    const QString bouncer = m_desktop->root() + u"/bin/bounce-back"_s;
-    writeFile(bouncer, u"#!/bin/sh\n%1 \"$1\" 2>\"%2/bounce.err\"\n"
-                       "echo $? >\"%2/bounce.new\" && mv \"%2/bounce.new\" \"%2/bounce.status\"\n"_s
-                           .arg(g_installed.program(u"quillvane-open"_s), m_desktop->root())
-                           .toUtf8());
-    QFile::setPermissions(bouncer, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    m_desktop->addBrowser(u"bouncer"_s, u"Bouncer"_s, {}, bouncer + u" %u"_s);
-
-    const RoutingRule docs = makeRule({}, u"docs.example"_s, u"docs-browser"_s);
-    m_docsRuleId = JsonFields::uuidText(docs.id);
-    auto settings = InstalledQuillvane::settingsToSeed(*m_desktop);
-    RuleStore store(*settings);
-    store.saveRules({RoutingRule{docs.id, {}, {}, u"docs-browser"_s, u"Docs Browser"_s,
-                                 u"docs.example"_s, std::nullopt}});
-    store.saveDefaultBrowserBundleID(u"fallback-browser"_s);
-
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    QVERIFY(bus.registerObject(u"/org/freedesktop/Notifications"_s, &m_notifications,
-                               QDBusConnection::ExportAllSlots));
-    QVERIFY(bus.registerService(u"org.freedesktop.Notifications"_s));
-}
-
-void TestAutomationBus::cleanupTestCase()
-{
-    if (m_desktop)
-        QVERIFY(InstalledQuillvane::stop());
-}
-
-void TestAutomationBus::nothingAnswersWhileNotRunning()
-{
-    for (const QString &command : {u"route https://docs.example/"_s,
-                                   u"rule delete %1 --yes"_s.arg(m_docsRuleId)}) {
-        const Result result = qv(command);
-        QCOMPARE(result.exitCode, 1);
-        QCOMPARE(result.err,
-                 u"quillvane: Quillvane is not running. Please launch the app first.\n"_s);
-    }
-    // Even though the bus could start it.
-    QVERIFY(!InstalledQuillvane::isRunning());
-    const QString error = call(u"ListRules"_s).errorName();
-    QVERIFY2(error == u"org.freedesktop.DBus.Error.ServiceUnknown"
-                 || error == u"org.freedesktop.DBus.Error.NameHasNoOwner",
-             qPrintable(error));
-    QCOMPARE(storedRules().size(), 1);
-
-    // Started the way a desktop starts it.
-    QCOMPARE(QDBusConnection::sessionBus()
-                 .call(application(u"Activate"_s, {QVariantMap()}), QDBus::Block, 20000)
-                 .type(),
-             QDBusMessage::ReplyMessage);
-    QVERIFY(InstalledQuillvane::isRunning());
-}
-
-void TestAutomationBus::listsAndQueries()
-{
-    QCOMPARE(outcome(u"browsers"_s), u"0 alpha-browser     Alpha\n"
-                                     "bouncer           Bouncer\n"
-                                     "docs-browser      Docs Browser\n"
-                                     "fallback-browser  Fallback\n"_s);
-    QCOMPARE(QJsonDocument::fromJson(qv(u"rules --json"_s).out.toUtf8()).array(),
-             (QJsonArray{QJsonObject{{u"id"_s, m_docsRuleId},
-                                     {u"summary"_s, u"docs.example → Docs Browser"_s}}}));
-    QCOMPARE(QJsonDocument::fromJson(qv(u"browsers --json"_s).out.toUtf8()).array().at(2),
-             (QJsonObject{{u"id"_s, u"docs-browser"_s}, {u"name"_s, u"Docs Browser"_s}}));
-    QCOMPARE(qdbus_cast<QList<FeatureEntity>>(call(u"ListFeatures"_s).arguments().value(0)).size(),
-             5);
-    // In list order, each once, unknown and lower-case ids left out.
-    const QDBusMessage reply = call(
-        u"Browsers"_s, {QStringList{u"fallback-browser"_s, u"nope"_s, u"alpha-browser"_s,
-                                    u"fallback-browser"_s, u"ALPHA-BROWSER"_s}});
-    QCOMPARE(qdbus_cast<QList<BrowserEntity>>(reply.arguments().value(0)),
-             (QList<BrowserEntity>{{u"alpha-browser"_s, u"Alpha"_s},
-                                   {u"fallback-browser"_s, u"Fallback"_s}}));
-    const auto rules = [](const QString &id) {
-        return qdbus_cast<QList<RuleEntity>>(call(u"Rules"_s, {QStringList{id}}).arguments().value(0))
-            .size();
-    };
-    QCOMPARE(rules(m_docsRuleId.toLower()), 0);
-    QCOMPARE(rules(m_docsRuleId), 1);
-}
-
 void TestAutomationBus::createAndDeleteRules()
 {
-    // Stored exactly as given: scheme, case and slash kept.
-    QCOMPARE(outcome(u"rule add --browser alpha-browser --pattern=HTTPS://Git.Example/"_s),
-             u"0 Created rule: HTTPS://Git.Example/ → Alpha\n"_s);
-    QCOMPARE(storedRules().last().urlPattern, u"HTTPS://Git.Example/"_s);
-    // An app with an empty pattern: the pattern is present.
-    QCOMPARE(g_installed
-                 .quillvane({u"rule"_s, u"add"_s, u"--browser"_s, u"docs-browser"_s, u"--app"_s,
-                             u"org.example.Mail"_s, u"--app-name"_s, u"Mail"_s, u"--pattern"_s,
-                             u""_s})
-                 .out,
-             u"Created rule: Mail +  → Docs Browser\n"_s);
-    QCOMPARE(storedRules().last().sourceAppBundleID, u"org.example.Mail"_s);
-    QCOMPARE(storedRules().last().urlPattern, u""_s);
-    // Neither a source nor a pattern; an unknown browser; no browser at all.
-    QCOMPARE(qv(u"rule add --browser docs-browser --app="_s).exitCode, 1);
-    QCOMPARE(qv(u"rule add --browser Docs-Browser --pattern x.example"_s).exitCode, 1);
-    QCOMPARE(qv(u"rule add --pattern x.example"_s).exitCode, 2);
-    QCOMPARE(storedRules().size(), 3);
-
+    // Stored exactly as given: scheme, case and slash kept; an app with an
+    // empty pattern has the pattern. Neither a source nor a pattern; an
+    // unknown browser; no browser at all: refused.
+    script(uR"(
+rule add --browser alpha-browser --pattern=HTTPS://Git.Example/ | 0 | Created rule: HTTPS://Git.Example/ → Alpha
+rule add --browser docs-browser --app org.example.Mail --app-name Mail --pattern (empty) | 0 | Created rule: Mail +  → Docs Browser
+rule add --browser docs-browser --app=                 | 1 |
+rule add --browser Docs-Browser --pattern x.example    | 1 |
+rule add --pattern x.example                           | 2 |
+)");
+    const QList<RoutingRule> rules = storedRules();
+    QCOMPARE(rules.size(), 3);
+    QCOMPARE(rules[1].urlPattern, u"HTTPS://Git.Example/"_s);
+    QVERIFY(rules[2].sourceAppBundleID == u"org.example.Mail" && rules[2].urlPattern == u"");
     // Over the bus, options are checked by name and type.
     const QVariant alpha = browser(u"alpha-browser"_s, u"Alpha"_s);
     const auto create = [&](const QVariantMap &options) {
@@ -253,14 +455,12 @@ void TestAutomationBus::createAndDeleteRules()
     // No terminal and no --yes: nothing deleted. Ids are exact: lower case finds
     // nothing, which is no error and needs no --yes.
     const QString id = JsonFields::uuidText(storedRules().last().id);
-    const Result asked = qv(u"rule delete "_s + id);
-    QCOMPARE(asked.exitCode, 1);
-    QVERIFY2(asked.err.contains(u"Delete rule \"*.example.org → Alpha\"?"_s), qPrintable(asked.err));
-    QCOMPARE(outcome(u"rule delete "_s + id.toLower()),
-             u"0 Rule not found. It may have already been deleted.\n"_s);
-    QCOMPARE(storedRules().size(), 4);
-    QCOMPARE(outcome(u"rule delete %1 --yes"_s.arg(id)),
-             u"0 Deleted rule: *.example.org → Alpha\n"_s);
+    script(uR"(
+rule delete $ID         | 1 | Delete rule "*.example.org → Alpha"?
+rule delete $id         | 0 | Rule not found. It may have already been deleted.
+rule delete $ID --yes   | 0 | Deleted rule: *.example.org → Alpha
+)"_s.replace(u"$ID"_s, id)
+               .replace(u"$id"_s, id.toLower()));
     QCOMPARE(storedRules().size(), 3);
     // A rule that is gone meanwhile is not an error.
     QCOMPARE(call(u"DeleteRule"_s, {QVariant::fromValue(RuleEntity{id, {}})}).type(),
@@ -272,13 +472,12 @@ void TestAutomationBus::createAndDeleteRules()
     if (script.isEmpty())
         QSKIP("script (bsdutils) is not installed");
     const auto onTerminal = [&](const QByteArray &answer) {
-        return InstalledQuillvane::run(
-                   script,
-                   {u"-qec"_s,
-                    g_installed.program(u"quillvane"_s) + u" rule delete "_s
-                        + JsonFields::uuidText(storedRules().last().id),
-                    u"/dev/null"_s},
-                   answer)
+        return InstalledQuillvane::run(script,
+                                       {u"-qec"_s,
+                                        g_installed.program(u"quillvane"_s) + u" rule delete "_s
+                                            + JsonFields::uuidText(storedRules().last().id),
+                                        u"/dev/null"_s},
+                                       answer)
             .out;
     };
     QVERIFY(onTerminal("n\n").contains(u"Delete rule \"Mail +  → Docs Browser\"? [y/N]"_s));
@@ -291,13 +490,16 @@ void TestAutomationBus::routeURL()
 {
     const qsizetype history = InstalledQuillvane::storedHistory(*m_desktop).size();
     const qint64 count = InstalledQuillvane::storedForwardCount(*m_desktop);
-    // Through the rules: cleaned (cleaning is on by default), no source app.
-    QCOMPARE(outcome(u"route https://docs.example/page?utm_source=news&id=7"_s),
-             u"0 Routed to Docs Browser.\n"_s);
-    QCOMPARE(m_desktop->opened(u"docs-browser"_s), QStringList{u"https://docs.example/page?id=7"_s});
-    // Straight to a browser: exactly as given.
-    QCOMPARE(outcome(u"route https://docs.example/page?utm_source=news --browser alpha-browser"_s),
-             u"0 Opened in Alpha.\n"_s);
+    // Through the rules: cleaned (cleaning is on by default), no source app;
+    // straight to a browser: exactly as given. Bad links never reach the instance.
+    script(uR"(
+route https://docs.example/page?utm_source=news&id=7                       | 0 | Routed to Docs Browser.
+route https://docs.example/page?utm_source=news --browser alpha-browser    | 0 | Opened in Alpha.
+route javascript:alert(1)                                                  | 2 |
+route (empty)                                                              | 2 |
+)");
+    QCOMPARE(m_desktop->opened(u"docs-browser"_s),
+             QStringList{u"https://docs.example/page?id=7"_s});
     QCOMPARE(m_desktop->opened(u"alpha-browser"_s),
              QStringList{u"https://docs.example/page?utm_source=news"_s});
     // No rule: the fallback browser; over the bus as well.
@@ -308,9 +510,6 @@ void TestAutomationBus::routeURL()
     QCOMPARE(InstalledQuillvane::storedHistory(*m_desktop).size(), history);
     QCOMPARE(InstalledQuillvane::storedForwardCount(*m_desktop), count);
     QCOMPARE(InstalledQuillvane::journalEntries(*m_desktop), 0);
-    // Bad links never reach the instance.
-    for (const QString &link : {u"javascript:alert(1)"_s, QString()})
-        QCOMPARE(g_installed.quillvane({u"route"_s, link}).exitCode, 2);
 
     // A browser whose entry went away after Quillvane listed it (or just
     // before it asked again: Quillvane follows the desktop, a moment later).
@@ -328,176 +527,50 @@ void TestAutomationBus::routeURL()
 
 void TestAutomationBus::fallbackAndFeatures()
 {
-    QCOMPARE(qv(u"fallback alpha-browser"_s).exitCode, 0);
-    QCOMPARE(storedFallback(), u"alpha-browser"_s);
     // "Ask" as the fallback keeps the browser; a script is never asked: the
-    // fallback browser opens its links. Naming a browser ends it.
-    qv(u"fallback --ask"_s);
+    // fallback browser opens its links. Naming a browser ends it. A rule can
+    // ask too, and names no browser then.
+    script(uR"(
+fallback alpha-browser                                           | 0 |
+fallback --ask                                                   | 0 |
+route https://nowhere.example/                                   | 0 | Routed to Alpha.
+fallback alpha-browser --ask                                     | 2 |
+rule add --ask --pattern ask.example                             | 0 | Created rule: ask.example → Ask Every Time
+rule add --ask --browser alpha-browser --pattern x.example       | 2 |
+)");
     QVERIFY(stored(SettingsKeys::FallbackAsks));
     QCOMPARE(storedFallback(), u"alpha-browser"_s);
-    QCOMPARE(qv(u"route https://nowhere.example/"_s).out, u"Routed to Alpha.\n"_s);
-    QCOMPARE(qv(u"fallback alpha-browser --ask"_s).exitCode, 2);
-    // A rule can ask too, and names no browser then.
-    QCOMPARE(qv(u"rule add --ask --pattern ask.example"_s).out,
-             u"Created rule: ask.example → Ask Every Time\n"_s);
     const RoutingRule asking = storedRules().last();
     QVERIFY(asking.askWhereToOpen && asking.targetBrowserBundleID.isEmpty());
-    QCOMPARE(qv(u"rule add --ask --browser alpha-browser --pattern x.example"_s).exitCode, 2);
     QCOMPARE(qv(u"rule delete %1 --yes"_s.arg(JsonFields::uuidText(asking.id))).exitCode, 0);
     qv(u"fallback alpha-browser"_s);
     QVERIFY(!stored(SettingsKeys::FallbackAsks));
 
     // Pausing twice: one change, the same answer; rules still apply to scripts.
-    for (int i = 0; i < 2; ++i) {
-        QCOMPARE(qv(u"feature pauseRules on"_s).out, u"Pause Rules is now enabled.\n"_s);
-        QVERIFY(!stored(SettingsKeys::RulesEnabled));
-    }
-    QCOMPARE(qv(u"route https://docs.example/paused"_s).out, u"Routed to Docs Browser.\n"_s);
-    for (const QString &feature : {u"pauseRules"_s, u"urlCleaning"_s, u"urlUnwrapping"_s})
-        QCOMPARE(qv(u"feature %1 off"_s.arg(feature)).exitCode, 0);
-    QVERIFY(!stored(SettingsKeys::UrlUnwrappingEnabled));
-    QVERIFY(!stored(SettingsKeys::UrlCleaningEnabled));
+    // Usage errors say so on standard error.
+    script(uR"(
+feature pauseRules on                 | 0 | Pause Rules is now enabled.
+feature pauseRules on                 | 0 | Pause Rules is now enabled.
+route https://docs.example/paused     | 0 | Routed to Docs Browser.
+)");
+    QVERIFY(!stored(SettingsKeys::RulesEnabled));
+    script(uR"(
+feature pauseRules off                | 0 |
+feature urlCleaning off               | 0 |
+feature urlUnwrapping off             | 0 |
+feature URLCleaning on                | 2 | quillvane: 
+feature urlCleaning yes               | 2 | quillvane: 
+rule                                  | 2 | quillvane: 
+route https://a.example --browser     | 2 | quillvane: 
+fallback (empty)                      | 1 |
+rule add -h                           | 0 | Usage: quillvane rule add
+)");
+    QVERIFY(stored(SettingsKeys::RulesEnabled));
+    QVERIFY(!stored(SettingsKeys::UrlUnwrappingEnabled)
+            && !stored(SettingsKeys::UrlCleaningEnabled));
+    QCOMPARE(storedFallback(), u"alpha-browser"_s);
     for (const QString &feature : {u"urlCleaning"_s, u"urlUnwrapping"_s})
         qv(u"feature %1 on"_s.arg(feature));
-
-    for (const QString &bad :
-         {u"feature URLCleaning on"_s, u"feature urlCleaning yes"_s, u"rule"_s,
-          u"route https://a.example --browser"_s}) {
-        const Result result = qv(bad);
-        QCOMPARE(result.exitCode, 2);
-        QVERIFY2(result.err.startsWith(u"quillvane: "_s), qPrintable(result.err));
-    }
-    QCOMPARE(g_installed.quillvane({u"fallback"_s, u""_s}).exitCode, 1);
-    QCOMPARE(storedFallback(), u"alpha-browser"_s);
-    QVERIFY(outcome(u"rule add -h"_s).startsWith(u"0 Usage: quillvane rule add"_s));
-}
-
-void TestAutomationBus::malformedCallsAreRefused()
-{
-    const qint64 instance = InstalledQuillvane::instancePid();
-    QCOMPARE(call(u"ToggleFeature"_s, {u"URLCleaning"_s, true}).errorName(), InvalidArgs);
-    // Wrong types and wrong counts.
-    QCOMPARE(call(u"ToggleFeature"_s, {42, u"on"_s}).errorName(),
-             u"org.freedesktop.DBus.Error.UnknownMethod"_s);
-    QCOMPARE(call(u"SetDefaultBrowser"_s, {browser({})}).errorName(), InvalidArgs);
-    QCOMPARE(call(u"RouteURL"_s, {u"file:///etc/passwd"_s}).errorName(), InvalidArgs);
-    QCOMPARE(call(u"Browsers"_s, {QStringList(100000, u"x"_s)}).type(),
-             QDBusMessage::ReplyMessage);
-    QCOMPARE(InstalledQuillvane::instancePid(), instance);
-
-    // Ids that name no installed browser, Quillvane's own among them (a link
-    // handed to it would come straight back): refused, nothing stored.
-    const QString fallback = storedFallback();
-    const qsizetype ruleCount = storedRules().size();
-    for (const QString &id : {u"no-such-browser"_s, AppId}) {
-        const QString expected =
-            u"no installed browser has the id \"%1\"; \"quillvane browsers\" lists them."_s.arg(id);
-        const QDBusMessage reply = call(u"SetDefaultBrowser"_s, {browser(id)});
-        QCOMPARE(reply.errorName(), InvalidArgs);
-        QCOMPARE(reply.errorMessage(), expected);
-        QCOMPARE(
-            call(u"CreateRule"_s, {browser(id), QVariantMap{{u"urlPattern"_s, u"loop.example"_s}}})
-                .errorMessage(),
-            expected);
-        QCOMPARE(qv(u"fallback "_s + id).err, u"quillvane: "_s + expected + u'\n');
-    }
-    QCOMPARE(storedFallback(), fallback);
-    QCOMPARE(storedRules().size(), ruleCount);
-
-    // A pattern made over the bus with a terminal's title sequence and a line
-    // break: listed as text, on its own line, and never obeyed.
-    const QString evil = u"evil.example\x1b]0;pwned\x07\nforged"_s;
-    QCOMPARE(call(u"CreateRule"_s,
-                  {browser(u"alpha-browser"_s, u"Alpha"_s), QVariantMap{{u"urlPattern"_s, evil}}})
-                 .type(),
-             QDBusMessage::ReplyMessage);
-    const QString listedRules = qv(u"rules"_s).out;
-    QVERIFY2(!listedRules.contains(u'\x1b') && !listedRules.contains(u'\x07')
-                 && listedRules.contains(u"evil.example\\x1B]0;pwned\\x07\\x0Aforged → Alpha\n"_s),
-             qPrintable(listedRules));
-    const RoutingRule made = storedRules().last();
-    QCOMPARE(made.urlPattern, evil);
-    call(u"DeleteRule"_s, {QVariant::fromValue(RuleEntity{JsonFields::uuidText(made.id), {}})});
-    QVERIFY(!storedRules().contains(made));
-}
-
-// The link goes to the bouncer once, comes back, and stops there: the
-// bouncer's forwarder hears why, the user is told, and nothing is recorded.
-void TestAutomationBus::aBrowserThatHandsLinksBack()
-{
-    m_notifications.shown.clear();
-    const QString link = u"https://bounce.example/loop"_s;
-    QCOMPARE(qv(u"route %1 --browser bouncer"_s.arg(link)).exitCode, 0);
-    const QString status = m_desktop->root() + u"/bounce.status"_s;
-    QVERIFY(QTest::qWaitFor([&] { return QFile::exists(status); }, 10000));
-    QCOMPARE(readFile(status).trimmed(), "1");
-    const QString said = QString::fromUtf8(readFile(m_desktop->root() + u"/bounce.err"_s));
-    QVERIFY2(said.contains(u"a routing loop"_s) && said.contains(u"/bin/bounce-back"_s),
-             qPrintable(said));
-    QTRY_VERIFY_WITH_TIMEOUT(!m_notifications.shown.isEmpty(), 10000);
-    QCOMPARE(m_notifications.shown.first().first, u"Quillvane stopped a routing loop"_s);
-    QVERIFY(m_notifications.shown.first().second.startsWith(u"bounce.example\n"_s));
-    QVERIFY(!links(InstalledQuillvane::storedHistory(*m_desktop)).contains(link));
-
-    // The same link from an application, in the same seconds, opens as ever.
-    QCOMPARE(InstalledQuillvane::run(g_installed.program(u"quillvane-open"_s), {link}).exitCode, 0);
-    QTRY_VERIFY_WITH_TIMEOUT(links(InstalledQuillvane::storedHistory(*m_desktop)).contains(link),
-                             10000);
-}
-
-// Links made to hurt: each is refused with a clear error or opened as one
-// argument of the browser the rules name, never read by a shell, never as an
-// option, never many times over.
-void TestAutomationBus::hostileLinks()
-{
-    const QString huge = u"https://big.example/"_s + QString(2 * 1024 * 1024, u'a');
-    m_desktop->forget(u"fallback-browser"_s);
-    QCOMPARE(InstalledQuillvane::open({huge}).errorName(),
-             u"work.vorpa.Quillvane.Error.InvalidLink"_s);
-    QCOMPARE(call(u"RouteURL"_s, {huge}).errorName(), InvalidArgs);
-    // Within the parser's limit, but no browser could be given it: refused, not accepted and lost.
-    const QDBusMessage unlaunchable =
-        InstalledQuillvane::open({u"https://big.example/"_s + QString(200000, u'a')});
-    QCOMPARE(unlaunchable.errorName(), u"work.vorpa.Quillvane.Error.InvalidLink"_s);
-    QVERIFY(unlaunchable.errorMessage().contains(u"too long to hand to a browser"_s));
-    QCOMPARE(InstalledQuillvane::open(QStringList(101, u"https://other.example/"_s)).errorName(),
-             u"work.vorpa.Quillvane.Error.TooManyLinks"_s);
-    QCOMPARE(g_installed.quillvane(QStringList(101, u"https://other.example/"_s)).exitCode, 2);
-    QVERIFY(!m_desktop->ran(u"fallback-browser"_s));
-
-    // Shell and option syntax stays inside the one argument, percent-encoded where a link must be.
-    const QString marker = m_desktop->root() + u"/pwned"_s;
-    m_desktop->forget(u"docs-browser"_s);
-    QCOMPARE(InstalledQuillvane::open({u"https://docs.example/$(touch "_s + marker
-                                       + u");rm -rf ~;'`id`'/ --incognito?q=a b&-x=--remote"_s})
-                 .type(),
-             QDBusMessage::ReplyMessage);
-    const QStringList received = m_desktop->opened(u"docs-browser"_s);
-    QCOMPARE(received.size(), 1);
-    QVERIFY2(received.first().startsWith(u"https://docs.example/$(touch%20"_s)
-                 && !received.first().contains(u' '),
-             qPrintable(received.first()));
-    QVERIFY(!QFile::exists(marker));
-
-    // A token of a megabyte would make the browser's environment too big to start
-    // it: the token is left out and the link opens.
-    m_desktop->forget(u"docs-browser"_s);
-    QCOMPARE(InstalledQuillvane::open({u"https://docs.example/token"_s},
-                                      {{u"activation-token"_s, QString(1024 * 1024, u't')}})
-                 .type(),
-             QDBusMessage::ReplyMessage);
-    QCOMPARE(m_desktop->opened(u"docs-browser"_s), QStringList{u"https://docs.example/token"_s});
-    QVERIFY(m_desktop->activationToken(u"docs-browser"_s).size() < 1024);
-
-    // The command line: what looks like an option, and bytes that are not text.
-    const Result option = qv(u"route -https://docs.example/"_s);
-    QCOMPARE(option.exitCode, 2);
-    QVERIFY2(option.err.contains(u"-https://docs.example/"_s), qPrintable(option.err));
-    const Result bytes = InstalledQuillvane::run(
-        u"bash"_s, {u"-c"_s, g_installed.program(u"quillvane"_s)
-                                 + u" route $'https://a.example/\\xff'"_s});
-    QCOMPARE(bytes.exitCode, 2);
-    QVERIFY2(bytes.err.contains(u"not valid UTF-8"_s), qPrintable(bytes.err));
 }
 
 // Browsers installed, changed and removed while Quillvane runs; rules with a
@@ -521,8 +594,9 @@ void TestAutomationBus::browsersThatChangeWhileRunning()
              u"quillvane: Chromium has no profile \"Profile 7\"; its profiles are: "
              "Default (Personal), Profile 1 (Work).\n"_s);
     QCOMPARE(qv(u"rule add --browser alpha-browser --pattern x.example --private"_s).exitCode, 1);
-    QVERIFY2(qv(u"rules"_s).out.contains(JsonFields::uuidText(bank.id)
-                                         + u"  bank.example → Chromium  [profile: Work]  [private window]"_s),
+    QVERIFY2(qv(u"rules"_s)
+                 .out.contains(JsonFields::uuidText(bank.id)
+                               + u"  bank.example → Chromium  [profile: Work]  [private window]"_s),
              qPrintable(qv(u"rules"_s).out));
     // Renamed in the browser: shown by its new name within moments.
     writeFile(localState, R"({"profile":{"info_cache":{"Profile 1":{"name":"Office"}}}})");
@@ -561,66 +635,6 @@ void TestAutomationBus::browsersThatChangeWhileRunning()
     QVERIFY(QFile::remove(chromium) && QFile::remove(refusing));
     m_desktop->refreshDatabase();
     QTRY_VERIFY_WITH_TIMEOUT(!listed(u"chromium"_s) && !listed(u"refusing"_s), 10000);
-}
-
-void TestAutomationBus::desktopActions()
-{
-    // The clipboard belongs to this process, which must keep answering while
-    // Quillvane reads it: nothing here waits without its event loop.
-    QGuiApplication::clipboard()->setText(u"  https://docs.example/copied?utm_medium=mail  "_s);
-    m_desktop->forget(u"docs-browser"_s);
-    m_notifications.shown.clear();
-    QProcess action;
-    action.start(g_installed.program(u"quillvane"_s), {u"--action"_s, u"route-clipboard"_s});
-    QTRY_COMPARE_WITH_TIMEOUT(m_notifications.shown.size(), 1, 15000);
-    QCOMPARE(m_notifications.shown.first(),
-             (std::pair{u"Route URL"_s, u"Routed to Docs Browser."_s}));
-    QCOMPARE(m_desktop->opened(u"docs-browser"_s), QStringList{u"https://docs.example/copied"_s});
-    QTRY_COMPARE(action.state(), QProcess::NotRunning);
-    QCOMPARE(action.exitCode(), 0);
-
-    QGuiApplication::clipboard()->setText(u"ftp://files.example/"_s);
-    action.start(g_installed.program(u"quillvane"_s), {u"--action"_s, u"route-clipboard"_s});
-    QTRY_COMPARE_WITH_TIMEOUT(m_notifications.shown.size(), 2, 15000);
-    QVERIFY(m_notifications.shown.last().second.startsWith(
-        u"The clipboard holds no link to route: "_s));
-    QTRY_COMPARE(action.state(), QProcess::NotRunning);
-
-    // Straight over the bus, as launchers do.
-    QDBusConnection::sessionBus().asyncCall(
-        application(u"ActivateAction"_s, {u"list-browsers"_s, QVariantList(), QVariantMap()}));
-    QTRY_COMPARE_WITH_TIMEOUT(m_notifications.shown.size(), 3, 15000);
-    QCOMPARE(m_notifications.shown.last(),
-             (std::pair{u"List Browsers"_s,
-                        u"Alpha (alpha-browser)\nBouncer (bouncer)\nDocs Browser (docs-browser)\n"
-                        "Fallback (fallback-browser)"_s}));
-    const Result unknown = qv(u"--action format-disk"_s);
-    QCOMPARE(unknown.exitCode, 2);
-    QVERIFY(unknown.err.contains(u"route-clipboard, list-browsers, create-rule"_s));
-}
-
-void TestAutomationBus::shellCompletion()
-{
-    const auto complete = [&](const QString &line) {
-        // The words of the line, the last one being completed.
-        const QString command =
-            u"PATH='%1/bin':$PATH; source '%1/share/bash-completion/completions/quillvane'; "
-            "COMP_WORDS=(%2); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); "
-            "_quillvane; printf '%s\\n' \"${COMPREPLY[@]}\""_s.arg(g_installed.prefix(), line);
-        return InstalledQuillvane::run(u"bash"_s, {u"-c"_s, command})
-            .out.split(u'\n', Qt::SkipEmptyParts);
-    };
-    QCOMPARE(complete(u"quillvane fallback ''"_s),
-             (QStringList{u"alpha-browser"_s, u"bouncer"_s, u"docs-browser"_s,
-                          u"fallback-browser"_s, u"--ask"_s, u"--help"_s}));
-    QCOMPARE(complete(u"quillvane rule delete ''"_s).size(), storedRules().size() + 2);
-    QCOMPARE(complete(u"quillvane r"_s), (QStringList{u"route"_s, u"rules"_s, u"rule"_s}));
-    if (QStandardPaths::findExecutable(u"zsh"_s).isEmpty())
-        QSKIP("zsh is not installed");
-    QCOMPARE(InstalledQuillvane::run(u"zsh"_s, {u"-n"_s, g_installed.prefix()
-                                                            + u"/share/zsh/site-functions/_quillvane"_s})
-                 .exitCode,
-             0);
 }
 
 QTEST_MAIN(TestAutomationBus)

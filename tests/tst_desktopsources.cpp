@@ -81,16 +81,214 @@ class TestDesktopSources final : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
+    void initTestCase()
+    {
+        if (!QDBusConnection::sessionBus().isConnected())
+            QSKIP("needs a session bus: run under dbus-run-session");
+        m_desktop = std::make_unique<FakeDesktop>();
+        // The portal serves a GNOME desktop through its GTK backend; without a
+        // system bus it does not wait on one (for its memory monitor) when it starts.
+        qputenv("XDG_CURRENT_DESKTOP", "GNOME");
+        qputenv("DBUS_SYSTEM_BUS_ADDRESS",
+                QFile::encodeName(u"unix:path="_s + m_desktop->root() + u"/no-system-bus"_s));
+        // Its backend needs the system's settings schemas, which the test's own
+        // data folders do not hold, and no accessibility bus.
+        qputenv("GSETTINGS_SCHEMA_DIR", "/usr/share/glib-2.0/schemas");
+        qputenv("NO_AT_BRIDGE", "1");
+        QVERIFY(g_installed.setUp(QStringLiteral(QUILLVANE_BUILD_DIR), *m_desktop));
+        writeFile(m_desktop->configHome() + u"/mimeapps.list"_s,
+                  "[Default Applications]\nx-scheme-handler/https=work.vorpa.Quillvane.desktop\n"
+                  "x-scheme-handler/http=work.vorpa.Quillvane.desktop\n");
+        for (const auto &[id, name] : {std::pair{u"fallback-browser"_s, u"Fallback"_s},
+                                       {u"chat-browser"_s, u"Chat Browser"_s},
+                                       {u"music-browser"_s, u"Music Browser"_s}})
+            m_desktop->addBrowser(id, name);
+        // Where Flatpak exports an application's entry, which Quillvane reads
+        // whether or not the session lists the folder; a snap's as snapd names it.
+        // (GIO ignores an entry whose program is missing.)
+        writeFile(m_desktop->root()
+                      + u"/data/flatpak/exports/share/applications/"
+                        "com.example.SandboxedChat.desktop"_s,
+                  "[Desktop Entry]\nType=Application\nName=Sandboxed Chat\nIcon=chat\n"
+                  "Exec=/bin/true com.example.SandboxedChat\n");
+        m_desktop->writeEntry(
+            u"tunes_tunes"_s,
+            u"[Desktop Entry]\nType=Application\nName=Tunes\nExec=/bin/true tunes\n"_s);
+        auto settings = InstalledQuillvane::settingsToSeed(*m_desktop);
+        RuleStore store(*settings);
+        store.saveRules({makeRule(u"com.example.SandboxedChat"_s, std::nullopt, u"chat-browser"_s),
+                         makeRule(u"tunes_tunes"_s, std::nullopt, u"music-browser"_s)});
+        store.saveDefaultBrowserBundleID(u"fallback-browser"_s);
+        settings->sync();
+        // Quillvane runs, as it does from login on: it watches from its start.
+        QCOMPARE(InstalledQuillvane::run(g_installed.program(u"quillvane-open"_s),
+                                         {u"https://example.com/first"_s})
+                     .exitCode,
+                 0);
+        QVERIFY(m_desktop->waitForRun(u"fallback-browser"_s));
+        m_desktop->forget(u"fallback-browser"_s);
+    }
     void cleanupTestCase()
     {
         if (m_desktop)
             QVERIFY(InstalledQuillvane::stop());
     }
-    void flatpakAppThroughThePortal();
-    void snapAppThroughSnapd();
-    void otherTrafficLeavesTheMonitorAsleep();
-    void kwinReportsTheActiveWindow();
+    void flatpakAppThroughThePortal()
+    {
+        if (QStandardPaths::findExecutable(u"bwrap"_s).isEmpty()
+            || !QFile::exists(u"/usr/libexec/xdg-desktop-portal"_s))
+            QSKIP("needs bubblewrap and xdg-desktop-portal (the test command installs them)");
+        if (QProcess::execute(u"bwrap"_s, {u"--dev-bind"_s, u"/"_s, u"/"_s, u"true"_s}) != 0)
+            QSKIP("bwrap cannot make a sandbox on this machine (no namespaces for it)");
+        // Up and answering before the app asks: the first start may take a while.
+        QDBusMessage start =
+            QDBusMessage::createMethodCall(u"org.freedesktop.DBus"_s, u"/org/freedesktop/DBus"_s,
+                                           u"org.freedesktop.DBus"_s, u"StartServiceByName"_s);
+        start << u"org.freedesktop.portal.Desktop"_s << 0u;
+        const QDBusMessage started =
+            QDBusConnection::sessionBus().call(start, QDBus::Block, 120000);
+        QVERIFY2(started.type() == QDBusMessage::ReplyMessage, qPrintable(started.errorMessage()));
+
+        // A sandbox that shares the host's folders and holds a /.flatpak-info
+        // naming the application (binding the host's root whole would create that
+        // file on the host).
+        const QString info = m_desktop->root() + u"/flatpak-info"_s;
+        writeFile(info, "[Application]\nname=com.example.SandboxedChat\n"
+                        "runtime=runtime/org.freedesktop.Platform/x86_64/23.08\n\n"
+                        "[Instance]\ninstance-id=1\n");
+        QStringList sandbox;
+        for (const QFileInfo &entry :
+             QDir(u"/"_s).entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System)) {
+            if (entry.isSymLink())
+                sandbox << u"--symlink"_s << entry.symLinkTarget() << entry.absoluteFilePath();
+            else if (entry.isDir())
+                sandbox << u"--dev-bind"_s << entry.absoluteFilePath() << entry.absoluteFilePath();
+        }
+        const QString link = u"https://chat-link.example.net/room?utm_source=chat"_s;
+        QProcess app;
+        app.start(u"bwrap"_s, sandbox << u"--ro-bind"_s << info << u"/.flatpak-info"_s << u"--"_s
+                                      << FakeSandbox << u"portal"_s << link);
+        const auto close = qScopeGuard([&app] {
+            app.closeWriteChannel();
+            app.waitForFinished();
+        });
+        QVERIFY2(waitForLine(app, "asked"), app.readAllStandardError().constData());
+        // The app rule applied, with the link cleaned on the way.
+        QCOMPARE(m_desktop->opened(u"chat-browser"_s, 30000),
+                 QStringList{u"https://chat-link.example.net/room"_s});
+        QVERIFY(!m_desktop->ran(u"fallback-browser"_s));
+        QTRY_COMPARE(latestRecord().originalURL, link);
+        QCOMPARE(latestRecord().sourceAppBundleID, u"com.example.SandboxedChat"_s);
+        QVERIFY2(g_installed.quillvane({u"history"_s})
+                     .out.section(u'\n', 0, 0)
+                     .contains(u"Sandboxed Chat › Chat Browser"_s),
+                 "the history names the app as its entry does");
+        const QJsonObject ways = doctorWays();
+        QCOMPARE(ways.value(u"portal-monitor"_s), true);
+        QCOMPARE(ways.value(u"snap-monitor"_s), false);
+        QCOMPARE(ways.value(u"x11-active-window"_s), true);
+    }
+    void snapAppThroughSnapd()
+    {
+        // A snap's processes live in a cgroup that names it.
+        const QString parent = ownCgroup();
+        const QString scope =
+            parent + u"/snap.tunes.tunes-%1.scope"_s.arg(QCoreApplication::applicationPid());
+        if (parent.isEmpty() || !QDir().mkpath(scope))
+            QSKIP("cannot make a cgroup here, so no process can look like a snap's");
+        const auto removeScope = qScopeGuard([&scope] { QDir().rmdir(scope); });
+        if (QStandardPaths::findExecutable(u"xdg-open"_s).isEmpty())
+            QSKIP("xdg-open (xdg-utils) is not installed");
+        QProcess snapd;
+        snapd.start(FakeSandbox, {u"snapd"_s});
+        const auto stopSnapd = qScopeGuard([&snapd] {
+            snapd.kill();
+            snapd.waitForFinished();
+        });
+        QVERIFY2(waitForLine(snapd, "ready"), snapd.readAllStandardError().constData());
+
+        const QString link = u"https://music.example.org/album/42"_s;
+        QProcess app;
+        app.start(u"/bin/sh"_s,
+                  {u"-c"_s, u"echo $$ > '%1/cgroup.procs' && exec '%2' snap '%3'"_s.arg(
+                                scope, FakeSandbox, link)});
+        const auto close = qScopeGuard([&app] {
+            app.closeWriteChannel();
+            app.waitForFinished();
+        });
+        QVERIFY2(waitForLine(app, "asked"), app.readAllStandardError().constData());
+        QCOMPARE(m_desktop->opened(u"music-browser"_s, 30000), QStringList{link});
+        QTRY_COMPARE(latestRecord().originalURL, link);
+        QCOMPARE(latestRecord().sourceAppName, u"Tunes"_s);
+        QCOMPARE(doctorWays().value(u"snap-monitor"_s), true);
+    }
+    // The monitor's thread wakes only for open requests: calls of any other kind
+    // on the bus leave its count of context switches where it was.
+    void otherTrafficLeavesTheMonitorAsleep()
+    {
+        const QString task = u"/proc/%1/task"_s.arg(InstalledQuillvane::instancePid());
+        QString status;
+        for (const QString &thread : QDir(task).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+            if (readFile(task + u'/' + thread + u"/comm"_s).trimmed() == "qv-open-monitor")
+                status = task + u'/' + thread + u"/status"_s;
+        }
+        QVERIFY2(!status.isEmpty(), "the instance has no monitor thread");
+        const auto switches = [&status] {
+            const QByteArray text = readFile(status);
+            const qsizetype at = text.indexOf("voluntary_ctxt_switches");
+            return text.mid(at, text.indexOf('\n', at) - at);
+        };
+        const QByteArray before = switches();
+        for (int i = 0; i < 200; ++i)
+            QVERIFY(InstalledQuillvane::isRunning());
+        QCOMPARE(switches(), before);
+    }
+    void kwinReportsTheActiveWindow()
+    {
+        // Quillvane again, now in a Wayland session with KWin on the bus.
+        QVERIFY(InstalledQuillvane::stop());
+        qputenv("DISPLAY", "");
+        qputenv("WAYLAND_DISPLAY", "wayland-quillvane-test");
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+        QVERIFY(InstalledQuillvane::shareEnvironment());
+        FakeKWinScripting kwin;
+        QDBusConnection bus = QDBusConnection::sessionBus();
+        QVERIFY(bus.registerObject(u"/Scripting"_s, &kwin, QDBusConnection::ExportAllSlots));
+        QVERIFY(bus.registerService(u"org.kde.KWin"_s));
+        const QString forwarder = g_installed.program(u"quillvane-open"_s);
+        QCOMPARE(InstalledQuillvane::run(forwarder, {u"https://example.com/wayland"_s}).exitCode,
+                 0);
+        QVERIFY(m_desktop->waitForRun(u"fallback-browser"_s));
+        for (const QString &browser :
+             {u"fallback-browser"_s, u"chat-browser"_s, u"music-browser"_s})
+            m_desktop->forget(browser);
+        QTRY_VERIFY(kwin.started);
+        QCOMPARE(kwin.scripts.keys(), QStringList{u"quillvane-active-window"_s});
+        QVERIFY(kwin.scripts.begin().value().contains("clientActivated"));
+
+        // A link nothing else tells the source of comes from the application KWin
+        // named last; what others claim (here a process of its own, with gdbus) does not count.
+        QDBusMessage activated = QDBusMessage::createMethodCall(
+            u"work.vorpa.Quillvane"_s, u"/work/vorpa/Quillvane/ActiveWindow"_s,
+            u"work.vorpa.Quillvane.ActiveWindow"_s, u"WindowActivated"_s);
+        activated << u"com.example.SandboxedChat"_s << u"0"_s;
+        QCOMPARE(bus.call(activated).type(), QDBusMessage::ReplyMessage);
+        QCOMPARE(InstalledQuillvane::run(u"gdbus"_s,
+                                         {u"call"_s, u"--session"_s, u"--dest"_s,
+                                          u"work.vorpa.Quillvane"_s, u"--object-path"_s,
+                                          u"/work/vorpa/Quillvane/ActiveWindow"_s, u"--method"_s,
+                                          u"work.vorpa.Quillvane.ActiveWindow.WindowActivated"_s,
+                                          u"tunes_tunes"_s, u"0"_s})
+                     .exitCode,
+                 0);
+        QCOMPARE(InstalledQuillvane::run(forwarder, {u"https://example.com/after-kwin"_s}).exitCode,
+                 0);
+        QVERIFY(m_desktop->waitForRun(u"chat-browser"_s));
+        QVERIFY(!m_desktop->ran(u"music-browser"_s));
+        const QJsonObject ways = doctorWays();
+        QCOMPARE(ways.value(u"kwin-active-window"_s), true);
+        QCOMPARE(ways.value(u"x11-active-window"_s), false);
+    }
 
 private:
     ForwardingRecord latestRecord() const
@@ -101,10 +299,10 @@ private:
     QJsonObject doctorWays() const
     {
         QJsonObject ways;
-        const QJsonObject sources = QJsonDocument::fromJson(
-                                        g_installed.quillvane({u"doctor"_s, u"--json"_s}).out.toUtf8())
-                                        .object()[u"sourceApps"_s]
-                                        .toObject();
+        const QJsonObject sources =
+            QJsonDocument::fromJson(g_installed.quillvane({u"doctor"_s, u"--json"_s}).out.toUtf8())
+                .object()[u"sourceApps"_s]
+                .toObject();
         for (const QJsonValue &way : sources[u"ways"_s].toArray())
             ways.insert(way[u"id"_s].toString(), way[u"works"_s]);
         return ways;
@@ -112,205 +310,6 @@ private:
 
     std::unique_ptr<FakeDesktop> m_desktop;
 };
-
-void TestDesktopSources::initTestCase()
-{
-    if (!QDBusConnection::sessionBus().isConnected())
-        QSKIP("needs a session bus: run under dbus-run-session");
-    m_desktop = std::make_unique<FakeDesktop>();
-    // The portal serves a GNOME desktop through its GTK backend; without a
-    // system bus it does not wait on one (for its memory monitor) when it starts.
-    qputenv("XDG_CURRENT_DESKTOP", "GNOME");
-    qputenv("DBUS_SYSTEM_BUS_ADDRESS",
-            QFile::encodeName(u"unix:path="_s + m_desktop->root() + u"/no-system-bus"_s));
-    // Its backend needs the system's settings schemas, which the test's own
-    // data folders do not hold, and no accessibility bus.
-    qputenv("GSETTINGS_SCHEMA_DIR", "/usr/share/glib-2.0/schemas");
-    qputenv("NO_AT_BRIDGE", "1");
-    QVERIFY(g_installed.setUp(QStringLiteral(QUILLVANE_BUILD_DIR), *m_desktop));
-    writeFile(m_desktop->configHome() + u"/mimeapps.list"_s,
-              "[Default Applications]\nx-scheme-handler/https=work.vorpa.Quillvane.desktop\n"
-              "x-scheme-handler/http=work.vorpa.Quillvane.desktop\n");
-    for (const auto &[id, name] : {std::pair{u"fallback-browser"_s, u"Fallback"_s},
-                                   {u"chat-browser"_s, u"Chat Browser"_s},
-                                   {u"music-browser"_s, u"Music Browser"_s}})
-        m_desktop->addBrowser(id, name);
-    // Where Flatpak exports an application's entry, which Quillvane reads
-    // whether or not the session lists the folder; a snap's as snapd names it.
-    // (GIO ignores an entry whose program is missing.)
-    writeFile(m_desktop->root() + u"/data/flatpak/exports/share/applications/"
-                                  "com.example.SandboxedChat.desktop"_s,
-              "[Desktop Entry]\nType=Application\nName=Sandboxed Chat\nIcon=chat\n"
-              "Exec=/bin/true com.example.SandboxedChat\n");
-    m_desktop->writeEntry(u"tunes_tunes"_s,
-                          u"[Desktop Entry]\nType=Application\nName=Tunes\nExec=/bin/true tunes\n"_s);
-    auto settings = InstalledQuillvane::settingsToSeed(*m_desktop);
-    RuleStore store(*settings);
-    store.saveRules({makeRule(u"com.example.SandboxedChat"_s, std::nullopt, u"chat-browser"_s),
-                     makeRule(u"tunes_tunes"_s, std::nullopt, u"music-browser"_s)});
-    store.saveDefaultBrowserBundleID(u"fallback-browser"_s);
-    settings->sync();
-    // Quillvane runs, as it does from login on: it watches from its start.
-    QCOMPARE(InstalledQuillvane::run(g_installed.program(u"quillvane-open"_s),
-                                     {u"https://example.com/first"_s})
-                 .exitCode,
-             0);
-    QVERIFY(m_desktop->waitForRun(u"fallback-browser"_s));
-    m_desktop->forget(u"fallback-browser"_s);
-}
-
-void TestDesktopSources::flatpakAppThroughThePortal()
-{
-    if (QStandardPaths::findExecutable(u"bwrap"_s).isEmpty()
-        || !QFile::exists(u"/usr/libexec/xdg-desktop-portal"_s))
-        QSKIP("needs bubblewrap and xdg-desktop-portal (the test command installs them)");
-    if (QProcess::execute(u"bwrap"_s, {u"--dev-bind"_s, u"/"_s, u"/"_s, u"true"_s}) != 0)
-        QSKIP("bwrap cannot make a sandbox on this machine (no namespaces for it)");
-    // Up and answering before the app asks: the first start may take a while.
-    QDBusMessage start = QDBusMessage::createMethodCall(
-        u"org.freedesktop.DBus"_s, u"/org/freedesktop/DBus"_s, u"org.freedesktop.DBus"_s,
-        u"StartServiceByName"_s);
-    start << u"org.freedesktop.portal.Desktop"_s << 0u;
-    const QDBusMessage started = QDBusConnection::sessionBus().call(start, QDBus::Block, 120000);
-    QVERIFY2(started.type() == QDBusMessage::ReplyMessage, qPrintable(started.errorMessage()));
-
-    // A sandbox that shares the host's folders and holds a /.flatpak-info
-    // naming the application (binding the host's root whole would create that
-    // file on the host).
-    const QString info = m_desktop->root() + u"/flatpak-info"_s;
-    writeFile(info, "[Application]\nname=com.example.SandboxedChat\n"
-                    "runtime=runtime/org.freedesktop.Platform/x86_64/23.08\n\n"
-                    "[Instance]\ninstance-id=1\n");
-    QStringList sandbox;
-    for (const QFileInfo &entry :
-         QDir(u"/"_s).entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System)) {
-        if (entry.isSymLink())
-            sandbox << u"--symlink"_s << entry.symLinkTarget() << entry.absoluteFilePath();
-        else if (entry.isDir())
-            sandbox << u"--dev-bind"_s << entry.absoluteFilePath() << entry.absoluteFilePath();
-    }
-    const QString link = u"https://chat-link.example.net/room?utm_source=chat"_s;
-    QProcess app;
-    app.start(u"bwrap"_s, sandbox << u"--ro-bind"_s << info << u"/.flatpak-info"_s << u"--"_s
-                                  << FakeSandbox << u"portal"_s << link);
-    const auto close = qScopeGuard([&app] {
-        app.closeWriteChannel();
-        app.waitForFinished();
-    });
-    QVERIFY2(waitForLine(app, "asked"), app.readAllStandardError().constData());
-    // The app rule applied, with the link cleaned on the way.
-    QCOMPARE(m_desktop->opened(u"chat-browser"_s, 30000),
-             QStringList{u"https://chat-link.example.net/room"_s});
-    QVERIFY(!m_desktop->ran(u"fallback-browser"_s));
-    QTRY_COMPARE(latestRecord().originalURL, link);
-    QCOMPARE(latestRecord().sourceAppBundleID, u"com.example.SandboxedChat"_s);
-    QVERIFY2(g_installed.quillvane({u"history"_s}).out.section(u'\n', 0, 0).contains(
-                 u"Sandboxed Chat › Chat Browser"_s),
-             "the history names the app as its entry does");
-    const QJsonObject ways = doctorWays();
-    QCOMPARE(ways.value(u"portal-monitor"_s), true);
-    QCOMPARE(ways.value(u"snap-monitor"_s), false);
-    QCOMPARE(ways.value(u"x11-active-window"_s), true);
-}
-
-void TestDesktopSources::snapAppThroughSnapd()
-{
-    // A snap's processes live in a cgroup that names it.
-    const QString parent = ownCgroup();
-    const QString scope =
-        parent + u"/snap.tunes.tunes-%1.scope"_s.arg(QCoreApplication::applicationPid());
-    if (parent.isEmpty() || !QDir().mkpath(scope))
-        QSKIP("cannot make a cgroup here, so no process can look like a snap's");
-    const auto removeScope = qScopeGuard([&scope] { QDir().rmdir(scope); });
-    if (QStandardPaths::findExecutable(u"xdg-open"_s).isEmpty())
-        QSKIP("xdg-open (xdg-utils) is not installed");
-    QProcess snapd;
-    snapd.start(FakeSandbox, {u"snapd"_s});
-    const auto stopSnapd = qScopeGuard([&snapd] {
-        snapd.kill();
-        snapd.waitForFinished();
-    });
-    QVERIFY2(waitForLine(snapd, "ready"), snapd.readAllStandardError().constData());
-
-    const QString link = u"https://music.example.org/album/42"_s;
-    QProcess app;
-    app.start(u"/bin/sh"_s, {u"-c"_s, u"echo $$ > '%1/cgroup.procs' && exec '%2' snap '%3'"_s.arg(
-                                          scope, FakeSandbox, link)});
-    const auto close = qScopeGuard([&app] {
-        app.closeWriteChannel();
-        app.waitForFinished();
-    });
-    QVERIFY2(waitForLine(app, "asked"), app.readAllStandardError().constData());
-    QCOMPARE(m_desktop->opened(u"music-browser"_s, 30000), QStringList{link});
-    QTRY_COMPARE(latestRecord().originalURL, link);
-    QCOMPARE(latestRecord().sourceAppName, u"Tunes"_s);
-    QCOMPARE(doctorWays().value(u"snap-monitor"_s), true);
-}
-
-// The monitor's thread wakes only for open requests: calls of any other kind
-// on the bus leave its count of context switches where it was.
-void TestDesktopSources::otherTrafficLeavesTheMonitorAsleep()
-{
-    const QString task = u"/proc/%1/task"_s.arg(InstalledQuillvane::instancePid());
-    QString status;
-    for (const QString &thread : QDir(task).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
-        if (readFile(task + u'/' + thread + u"/comm"_s).trimmed() == "qv-open-monitor")
-            status = task + u'/' + thread + u"/status"_s;
-    }
-    QVERIFY2(!status.isEmpty(), "the instance has no monitor thread");
-    const auto switches = [&status] {
-        const QByteArray text = readFile(status);
-        const qsizetype at = text.indexOf("voluntary_ctxt_switches");
-        return text.mid(at, text.indexOf('\n', at) - at);
-    };
-    const QByteArray before = switches();
-    for (int i = 0; i < 200; ++i)
-        QVERIFY(InstalledQuillvane::isRunning());
-    QCOMPARE(switches(), before);
-}
-
-void TestDesktopSources::kwinReportsTheActiveWindow()
-{
-    // Quillvane again, now in a Wayland session with KWin on the bus.
-    QVERIFY(InstalledQuillvane::stop());
-    qputenv("DISPLAY", "");
-    qputenv("WAYLAND_DISPLAY", "wayland-quillvane-test");
-    qputenv("QT_QPA_PLATFORM", "offscreen");
-    QVERIFY(InstalledQuillvane::shareEnvironment());
-    FakeKWinScripting kwin;
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    QVERIFY(bus.registerObject(u"/Scripting"_s, &kwin, QDBusConnection::ExportAllSlots));
-    QVERIFY(bus.registerService(u"org.kde.KWin"_s));
-    const QString forwarder = g_installed.program(u"quillvane-open"_s);
-    QCOMPARE(InstalledQuillvane::run(forwarder, {u"https://example.com/wayland"_s}).exitCode, 0);
-    QVERIFY(m_desktop->waitForRun(u"fallback-browser"_s));
-    for (const QString &browser : {u"fallback-browser"_s, u"chat-browser"_s, u"music-browser"_s})
-        m_desktop->forget(browser);
-    QTRY_VERIFY(kwin.started);
-    QCOMPARE(kwin.scripts.keys(), QStringList{u"quillvane-active-window"_s});
-    QVERIFY(kwin.scripts.begin().value().contains("clientActivated"));
-
-    // A link nothing else tells the source of comes from the application KWin
-    // named last; what others claim (here a process of its own, with gdbus) does not count.
-    QDBusMessage activated = QDBusMessage::createMethodCall(
-        u"work.vorpa.Quillvane"_s, u"/work/vorpa/Quillvane/ActiveWindow"_s,
-        u"work.vorpa.Quillvane.ActiveWindow"_s, u"WindowActivated"_s);
-    activated << u"com.example.SandboxedChat"_s << u"0"_s;
-    QCOMPARE(bus.call(activated).type(), QDBusMessage::ReplyMessage);
-    QCOMPARE(InstalledQuillvane::run(
-                 u"gdbus"_s, {u"call"_s, u"--session"_s, u"--dest"_s, u"work.vorpa.Quillvane"_s,
-                              u"--object-path"_s, u"/work/vorpa/Quillvane/ActiveWindow"_s,
-                              u"--method"_s, u"work.vorpa.Quillvane.ActiveWindow.WindowActivated"_s,
-                              u"tunes_tunes"_s, u"0"_s})
-                 .exitCode,
-             0);
-    QCOMPARE(InstalledQuillvane::run(forwarder, {u"https://example.com/after-kwin"_s}).exitCode, 0);
-    QVERIFY(m_desktop->waitForRun(u"chat-browser"_s));
-    QVERIFY(!m_desktop->ran(u"music-browser"_s));
-    const QJsonObject ways = doctorWays();
-    QCOMPARE(ways.value(u"kwin-active-window"_s), true);
-    QCOMPARE(ways.value(u"x11-active-window"_s), false);
-}
 
 QTEST_MAIN(TestDesktopSources)
 #include "tst_desktopsources.moc"

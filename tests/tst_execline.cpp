@@ -131,7 +131,7 @@ link code    | --app=%u                      | “--app=%u” $U
 file code    | %F                            | “%F” $F
 unterminated | --x "a                        | The extra arguments have an unterminated quote.
 )"_s.replace(u"$U"_s, fieldCode.arg(u"%u"_s))
-                .replace(u"$F"_s, fieldCode.arg(u"%F"_s)));
+                                              .replace(u"$F"_s, fieldCode.arg(u"%F"_s)));
 }
 
 // The link given to an interpreter as code to run is refused, however the

@@ -30,13 +30,156 @@ private Q_SLOTS:
         m_settings.reset();
         m_environment.reset();
     }
-    void decisions_data();
-    void decisions();
-    void showsEachStepAndTheTrail();
-    void badInput_data();
-    void badInput();
-    void expandsOnlyShortLinksWhenAsked();
-    void endToEnd();
+    // One link per kind of answer (the router's own tests cover every case); each
+    // row's text is what the answer's lines hold. Hosts are shown as compared.
+    void decisions_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QString>("setting"); // changed before: paused, no rules, a Unicode rule
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QStringList>("lines");
+        QTest::newRow("combined") << QStringList{u"https://meet.example.org/abc"_s, u"--from"_s,
+                                                 u"com.example.chat"_s}
+                                  << QString() << 0
+                                  << QStringList{
+                                         u"Browser:    com.apple.Safari\n"_s,
+                                         u"Decided by: app rule for com.example.chat with pattern "
+                                         "\"*meet.example.org*\", rule 2 of 6"_s};
+        QTest::newRow("source-only")
+            << QStringList{u"https://docs.example.com/x"_s, u"--from=com.example.chat"_s}
+            << QString() << 0
+            << QStringList{
+                   u"Browser:    com.google.Chrome\n"_s,
+                   u"Decided by: app rule for every link from com.example.chat, rule 1 of 6"_s};
+        QTest::newRow("URL rule with profile")
+            << QStringList{u"https://docs.example.com/guide"_s} << QString() << 0
+            << QStringList{
+                   u"Browser:    com.google.Chrome\nProfile:    Profile 1\n"_s,
+                   u"Decided by: URL rule with pattern \"docs.example.com\", rule 4 of 6"_s};
+        QTest::newRow("fallback") << QStringList{u"https://notexample.com/"_s} << QString() << 0
+                                  << QStringList{u"Browser:    com.apple.Safari\n"_s,
+                                                 u"Decided by: fallback (no rule matched)"_s};
+        QTest::newRow("fallback asks")
+            << QStringList{u"https://notexample.com/"_s} << u"fallback asks"_s << 0
+            << QStringList{u"Browser:    ask (offered first: com.apple.Safari)\n"_s,
+                           u"Decided by: ask (no rule matched, and the fallback asks)"_s};
+        QTest::newRow("paused") << QStringList{u"https://e.com/"_s} << u"paused"_s << 0
+                                << QStringList{u"Browser:    com.apple.Safari\n"_s,
+                                               u"Decided by: fallback (rules are paused)"_s};
+        QTest::newRow("no route") << QStringList{u"https://e.com/"_s} << u"nothing"_s << 1
+                                  << QStringList{u"Decided by: no route"_s};
+        QTest::newRow("hosts as compared")
+            << QStringList{u"https://www.BÜCHER.de./x"_s} << u"Unicode rule"_s << 0
+            << QStringList{u"\nHost:       www.xn--bcher-kva.de\n"_s,
+                           u"Decided by: URL rule with pattern \"bücher.de\" (compared as "
+                           "\"xn--bcher-kva.de\"), rule 1 of 1"_s};
+    }
+    void decisions()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QString, setting);
+        QFETCH(int, exitCode);
+        QFETCH(QStringList, lines);
+        RuleStore store(*m_settings);
+        m_settings->setValue(u"fallback_asks"_s, setting == u"fallback asks");
+        store.saveRulesEnabled(setting != u"paused");
+        if (setting == u"nothing") {
+            store.saveRules({});
+            store.saveDefaultBrowserBundleID(QString());
+        }
+        if (setting == u"Unicode rule")
+            store.saveRules({makeRule(QString(), u"bücher.de"_s, u"firefox"_s)});
+        const auto [code, out] = explain(arguments);
+        QCOMPARE(code, exitCode);
+        for (const QString &line : lines)
+            QVERIFY2(out.contains(line), qPrintable(out));
+        // A profile only where the rule names one.
+        QCOMPARE(out.contains(u"Profile:"_s), arguments.first().endsWith(u"/guide"_s));
+    }
+    // The link as received, unwrapped and cleaned, each on a line of its own
+    // (cleaning can be off), and the router's trail, which goes to the output, not
+    // to the user's diagnostic file.
+    void showsEachStepAndTheTrail()
+    {
+        QStringList lines = explain({u"https://docs.example.com/guide?utm_source=x&id=1"_s,
+                                     u"--from=com.example.mail"_s})
+                                .second.split(u'\n');
+        QCOMPARE(lines.mid(0, 3),
+                 (QStringList{u"Link:       https://docs.example.com/guide?utm_source=x&id=1"_s,
+                              u"Cleaned:    https://docs.example.com/guide?id=1"_s,
+                              u"Source:     com.example.mail"_s}));
+        QVERIFY(lines.contains(u"Router trail:"_s));
+        QVERIFY(lines.contains(u"  route() called — url=https://docs.example.com/guide?id=1, "
+                               "source=com.example.mail, rules=6, fallback=com.apple.Safari"_s));
+        QCOMPARE(lines.value(lines.size() - 2),
+                 u"  MATCHED url-only rule: pattern=docs.example.com → com.google.Chrome"_s);
+        QVERIFY(!QFile::exists(m_environment->diagnosticLogPath()));
+
+        lines =
+            explain({u"https://www.google.com/url?q=https%3A%2F%2Fdocs.example.com%2Fguide%3Futm_"
+                     "source%3Dx"_s})
+                .second.split(u'\n');
+        QCOMPARE(lines.mid(1, 2),
+                 (QStringList{u"Unwrapped:  https://docs.example.com/guide?utm_source=x"_s,
+                              u"Cleaned:    https://docs.example.com/guide"_s}));
+
+        m_settings->setValue(u"url_cleaning_enabled"_s, false);
+        const QString unclean = explain({u"https://docs.example.com/?utm_source=x"_s}).second;
+        QVERIFY(unclean.contains(u"Cleaning:   off"_s));
+        QVERIFY(unclean.contains(u"url=https://docs.example.com/?utm_source=x,"_s));
+    }
+    void badInput_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QString>("error");
+        QTest::newRow("no link") << QStringList() << u"\"quillvane explain\" needs a link."_s;
+        QTest::newRow("two links") << QStringList{u"https://a.com"_s, u"https://b.com"_s}
+                                   << u"takes a link, not \"https://b.com\""_s;
+        QTest::newRow("unknown option")
+            << QStringList{u"--frm"_s, u"x"_s}
+            << u"\"--frm\" is not an option of \"quillvane explain\"."_s;
+        QTest::newRow("empty source") << QStringList{u"https://a.com"_s, u"--from"_s, u" "_s}
+                                      << u"--from needs an application id"_s;
+        QTest::newRow("missing source")
+            << QStringList{u"https://a.com"_s, u"--from"_s} << u"--from needs a value."_s;
+        QTest::newRow("not a web link")
+            << QStringList{u"ftp://a.com/x"_s}
+            << u"Only http and https links can be routed; this link's scheme is \"ftp\"."_s;
+    }
+    void badInput()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QString, error);
+        const auto [code, err] = explain(arguments);
+        QCOMPARE(code, 2);
+        QVERIFY2(err.startsWith(u"quillvane: "_s) && err.contains(error), qPrintable(err));
+    }
+    void expandsOnlyShortLinksWhenAsked()
+    {
+        QVERIFY(
+            explain({u"https://bit.ly/x"_s}).second.contains(u"Browser:    com.apple.Safari"_s));
+        explain({u"https://e.com/x"_s, u"--expand"_s});
+        QVERIFY(m_expandCalls.isEmpty());
+        const QString out = explain({u"https://bit.ly/x?utm_source=y"_s, u"--expand"_s}).second;
+        QCOMPARE(m_expandCalls, QList<Link>{link(u"https://bit.ly/x"_s)});
+        QVERIFY(out.contains(u"Expanded:   https://docs.example.com/from-short-link\n"_s));
+        QVERIFY(out.contains(u"Browser:    com.google.Chrome"_s));
+    }
+    void endToEnd()
+    {
+        QProcess process;
+        process.start(QStringLiteral(QUILLVANE_EXECUTABLE),
+                      {u"explain"_s, u"https://docs.example.com/guide?utm_source=x"_s, u"--from"_s,
+                       u"com.example.mail"_s});
+        QVERIFY(process.waitForFinished(10000));
+        QCOMPARE(process.exitCode(), 0);
+        QVERIFY(process.readAllStandardOutput().contains(
+            "Browser:    com.google.Chrome\nProfile:    Profile 1\n"));
+        QVERIFY(process.readAllStandardError().isEmpty());
+        process.start(QStringLiteral(QUILLVANE_EXECUTABLE), {u"frobnicate"_s});
+        QVERIFY(process.waitForFinished(10000));
+        QCOMPARE(process.exitCode(), 2);
+    }
 
 private:
     // Exit status, then standard output, or standard error where it said something.
@@ -66,157 +209,6 @@ std::pair<int, QString> TestExplain::explain(const QStringList &arguments)
     };
     const int exitCode = command(arguments, {outStream, errStream, {}});
     return {exitCode, err.isEmpty() ? out : err};
-}
-
-// One link per kind of answer (the router's own tests cover every case); each
-// row's text is what the answer's lines hold. Hosts are shown as compared.
-void TestExplain::decisions_data()
-{
-    QTest::addColumn<QStringList>("arguments");
-    QTest::addColumn<QString>("setting"); // changed before: paused, no rules, a Unicode rule
-    QTest::addColumn<int>("exitCode");
-    QTest::addColumn<QStringList>("lines");
-    QTest::newRow("combined")
-        << QStringList{u"https://meet.example.org/abc"_s, u"--from"_s, u"com.example.chat"_s}
-        << QString() << 0
-        << QStringList{u"Browser:    com.apple.Safari\n"_s,
-                       u"Decided by: app rule for com.example.chat with pattern "
-                       "\"*meet.example.org*\", rule 2 of 6"_s};
-    QTest::newRow("source-only")
-        << QStringList{u"https://docs.example.com/x"_s, u"--from=com.example.chat"_s} << QString()
-        << 0
-        << QStringList{u"Browser:    com.google.Chrome\n"_s,
-                       u"Decided by: app rule for every link from com.example.chat, rule 1 of 6"_s};
-    QTest::newRow("URL rule with profile")
-        << QStringList{u"https://docs.example.com/guide"_s} << QString() << 0
-        << QStringList{u"Browser:    com.google.Chrome\nProfile:    Profile 1\n"_s,
-                       u"Decided by: URL rule with pattern \"docs.example.com\", rule 4 of 6"_s};
-    QTest::newRow("fallback") << QStringList{u"https://notexample.com/"_s} << QString() << 0
-                              << QStringList{u"Browser:    com.apple.Safari\n"_s,
-                                             u"Decided by: fallback (no rule matched)"_s};
-    QTest::newRow("fallback asks")
-        << QStringList{u"https://notexample.com/"_s} << u"fallback asks"_s << 0
-        << QStringList{u"Browser:    ask (offered first: com.apple.Safari)\n"_s,
-                       u"Decided by: ask (no rule matched, and the fallback asks)"_s};
-    QTest::newRow("paused") << QStringList{u"https://e.com/"_s} << u"paused"_s << 0
-                            << QStringList{u"Browser:    com.apple.Safari\n"_s,
-                                           u"Decided by: fallback (rules are paused)"_s};
-    QTest::newRow("no route") << QStringList{u"https://e.com/"_s} << u"nothing"_s << 1
-                              << QStringList{u"Decided by: no route"_s};
-    QTest::newRow("hosts as compared")
-        << QStringList{u"https://www.BÜCHER.de./x"_s} << u"Unicode rule"_s << 0
-        << QStringList{u"\nHost:       www.xn--bcher-kva.de\n"_s,
-                       u"Decided by: URL rule with pattern \"bücher.de\" (compared as "
-                       "\"xn--bcher-kva.de\"), rule 1 of 1"_s};
-}
-
-void TestExplain::decisions()
-{
-    QFETCH(QStringList, arguments);
-    QFETCH(QString, setting);
-    QFETCH(int, exitCode);
-    QFETCH(QStringList, lines);
-    RuleStore store(*m_settings);
-    m_settings->setValue(u"fallback_asks"_s, setting == u"fallback asks");
-    store.saveRulesEnabled(setting != u"paused");
-    if (setting == u"nothing") {
-        store.saveRules({});
-        store.saveDefaultBrowserBundleID(QString());
-    }
-    if (setting == u"Unicode rule")
-        store.saveRules({makeRule(QString(), u"bücher.de"_s, u"firefox"_s)});
-    const auto [code, out] = explain(arguments);
-    QCOMPARE(code, exitCode);
-    for (const QString &line : lines)
-        QVERIFY2(out.contains(line), qPrintable(out));
-    // A profile only where the rule names one.
-    QCOMPARE(out.contains(u"Profile:"_s), arguments.first().endsWith(u"/guide"_s));
-}
-
-// The link as received, unwrapped and cleaned, each on a line of its own
-// (cleaning can be off), and the router's trail, which goes to the output, not
-// to the user's diagnostic file.
-void TestExplain::showsEachStepAndTheTrail()
-{
-    QStringList lines =
-        explain({u"https://docs.example.com/guide?utm_source=x&id=1"_s, u"--from=com.example.mail"_s})
-            .second.split(u'\n');
-    QCOMPARE(lines.mid(0, 3),
-             (QStringList{u"Link:       https://docs.example.com/guide?utm_source=x&id=1"_s,
-                          u"Cleaned:    https://docs.example.com/guide?id=1"_s,
-                          u"Source:     com.example.mail"_s}));
-    QVERIFY(lines.contains(u"Router trail:"_s));
-    QVERIFY(lines.contains(u"  route() called — url=https://docs.example.com/guide?id=1, "
-                           "source=com.example.mail, rules=6, fallback=com.apple.Safari"_s));
-    QCOMPARE(lines.value(lines.size() - 2),
-             u"  MATCHED url-only rule: pattern=docs.example.com → com.google.Chrome"_s);
-    QVERIFY(!QFile::exists(m_environment->diagnosticLogPath()));
-
-    lines = explain({u"https://www.google.com/url?q=https%3A%2F%2Fdocs.example.com%2Fguide%3Futm_"
-                     "source%3Dx"_s})
-                .second.split(u'\n');
-    QCOMPARE(lines.mid(1, 2),
-             (QStringList{u"Unwrapped:  https://docs.example.com/guide?utm_source=x"_s,
-                          u"Cleaned:    https://docs.example.com/guide"_s}));
-
-    m_settings->setValue(u"url_cleaning_enabled"_s, false);
-    const QString unclean = explain({u"https://docs.example.com/?utm_source=x"_s}).second;
-    QVERIFY(unclean.contains(u"Cleaning:   off"_s));
-    QVERIFY(unclean.contains(u"url=https://docs.example.com/?utm_source=x,"_s));
-}
-
-void TestExplain::badInput_data()
-{
-    QTest::addColumn<QStringList>("arguments");
-    QTest::addColumn<QString>("error");
-    QTest::newRow("no link") << QStringList() << u"\"quillvane explain\" needs a link."_s;
-    QTest::newRow("two links") << QStringList{u"https://a.com"_s, u"https://b.com"_s}
-                               << u"takes a link, not \"https://b.com\""_s;
-    QTest::newRow("unknown option") << QStringList{u"--frm"_s, u"x"_s}
-                                    << u"\"--frm\" is not an option of \"quillvane explain\"."_s;
-    QTest::newRow("empty source") << QStringList{u"https://a.com"_s, u"--from"_s, u" "_s}
-                                  << u"--from needs an application id"_s;
-    QTest::newRow("missing source")
-        << QStringList{u"https://a.com"_s, u"--from"_s} << u"--from needs a value."_s;
-    QTest::newRow("not a web link")
-        << QStringList{u"ftp://a.com/x"_s}
-        << u"Only http and https links can be routed; this link's scheme is \"ftp\"."_s;
-}
-
-void TestExplain::badInput()
-{
-    QFETCH(QStringList, arguments);
-    QFETCH(QString, error);
-    const auto [code, err] = explain(arguments);
-    QCOMPARE(code, 2);
-    QVERIFY2(err.startsWith(u"quillvane: "_s) && err.contains(error), qPrintable(err));
-}
-
-void TestExplain::expandsOnlyShortLinksWhenAsked()
-{
-    QVERIFY(explain({u"https://bit.ly/x"_s}).second.contains(u"Browser:    com.apple.Safari"_s));
-    explain({u"https://e.com/x"_s, u"--expand"_s});
-    QVERIFY(m_expandCalls.isEmpty());
-    const QString out = explain({u"https://bit.ly/x?utm_source=y"_s, u"--expand"_s}).second;
-    QCOMPARE(m_expandCalls, QList<Link>{link(u"https://bit.ly/x"_s)});
-    QVERIFY(out.contains(u"Expanded:   https://docs.example.com/from-short-link\n"_s));
-    QVERIFY(out.contains(u"Browser:    com.google.Chrome"_s));
-}
-
-void TestExplain::endToEnd()
-{
-    QProcess process;
-    process.start(QStringLiteral(QUILLVANE_EXECUTABLE),
-                  {u"explain"_s, u"https://docs.example.com/guide?utm_source=x"_s, u"--from"_s,
-                   u"com.example.mail"_s});
-    QVERIFY(process.waitForFinished(10000));
-    QCOMPARE(process.exitCode(), 0);
-    QVERIFY(process.readAllStandardOutput().contains(
-        "Browser:    com.google.Chrome\nProfile:    Profile 1\n"));
-    QVERIFY(process.readAllStandardError().isEmpty());
-    process.start(QStringLiteral(QUILLVANE_EXECUTABLE), {u"frobnicate"_s});
-    QVERIFY(process.waitForFinished(10000));
-    QCOMPARE(process.exitCode(), 2);
 }
 
 QTEST_GUILESS_MAIN(TestExplain)

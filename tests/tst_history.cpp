@@ -28,8 +28,14 @@ ForwardingRecord someRecord(const QString &url)
 
 LinkJournal::Entry entry(const QString &url, const QDateTime &received)
 {
-    return {0, LinkJournal::Kind::Open, received, url, SourceApp{u"org.example.Mail"_s, u"Mail"_s},
-            u"token"_s, QString(), false};
+    return {0,
+            LinkJournal::Kind::Open,
+            received,
+            url,
+            SourceApp{u"org.example.Mail"_s, u"Mail"_s},
+            u"token"_s,
+            QString(),
+            false};
 }
 
 // What another process reading the file now would see.
@@ -63,16 +69,309 @@ private Q_SLOTS:
         m_database.reset();
         m_environment.reset();
     }
-    void recordsNewestFirstAndTrimmed();
-    void decisionsAndWithdrawnRecords();
-    void aFileOfTheFirstVersionIsUpgraded();
-    void forwardCountPerDay();
-    void journal();
-    void migrationFromTheSettingsFile();
-    void damagedFileIsMovedAside_data();
-    void damagedFileIsMovedAside();
-    void lockedByAnotherProcess();
-    void oneWriter();
+    void recordsNewestFirstAndTrimmed()
+    {
+        // Nothing is made by reading from outside.
+        QVERIFY(linksOnDisk(m_path).isEmpty());
+        QVERIFY(!QFile::exists(m_path));
+
+        record(u"https://first.example/\"quoted\""_s);
+        const ForwardingRecord full =
+            makeRecord(u"https://second.example/ü"_s, u"Mail"_s, u"Web"_s, u"Mail → Web"_s);
+        HistoryStore::record(*m_database, full);
+        QCOMPARE(linksOnDisk(m_path), (QStringList{u"https://second.example/ü"_s,
+                                                   u"https://first.example/\"quoted\""_s}));
+        QCOMPARE(HistoryStore::loadHistory(*m_database).first(), full);
+        QCOMPARE(QFileInfo(QFileInfo(m_path).path()).permissions(),
+                 QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadUser
+                     | QFile::WriteUser | QFile::ExeUser);
+
+        for (int i = 2; i < HistoryStore::MaxRecords; ++i)
+            record(u"https://e.com/%1"_s.arg(i));
+        QCOMPARE(HistoryStore::loadHistory(*m_database).size(), 500);
+        for (int i = 0; i < 3; ++i) {
+            QTest::ignoreMessage(QtInfoMsg, "History exceeds 500 records, trimming oldest entries");
+            record(u"https://more.example/%1"_s.arg(i));
+        }
+        const QStringList stored = linksOnDisk(m_path);
+        QCOMPARE(stored.size(), 500);
+        QCOMPARE(stored.mid(3, 1) + stored.mid(499),
+                 (QStringList{u"https://e.com/499"_s, u"https://e.com/3"_s}));
+        QCOMPARE(links(HistoryStore::loadHistory(*m_database, {}, 2)),
+                 (QStringList{u"https://more.example/2"_s, u"https://more.example/1"_s}));
+
+        QTest::ignoreMessage(QtInfoMsg, "Forwarding history cleared");
+        HistoryStore::clearHistory(*m_database);
+        QVERIFY(linksOnDisk(m_path).isEmpty());
+    }
+    void decisionsAndWithdrawnRecords()
+    {
+        ForwardingRecord decided =
+            makeRecord(u"https://a.example/"_s, u"Mail"_s, u"Web"_s, u"Mail → Web"_s);
+        decided.decidedBy = u"3F2504E0-4F89-41D3-9A0C-0305E82C3301"_s;
+        decided.decisionDescription = u"a.example → Web"_s;
+        decided.targetProfileID = u"Profile 1"_s;
+        ForwardingRecord fallback = someRecord(u"https://b.example/"_s);
+        fallback.decidedBy = u"fallback"_s;
+        HistoryStore::record(*m_database, decided);
+        HistoryStore::record(*m_database, fallback);
+        QCOMPARE(HistoryStore::loadHistory(*m_database), (QList{fallback, decided}));
+
+        // A browser that failed right after its start: its record is taken back,
+        // on disk or still waiting in memory.
+        HistoryStore::withdraw(*m_database, decided.id);
+        QCOMPARE(links(HistoryStore::loadHistory(*m_database)),
+                 QStringList{u"https://b.example/"_s});
+        m_database->unwritten().records.prepend(someRecord(u"https://waiting.example/"_s));
+        HistoryStore::withdraw(*m_database, m_database->unwritten().records.first().id);
+        QVERIFY(m_database->unwritten().records.isEmpty());
+    }
+    // A history written by the first version keeps its records, which name no
+    // decision; new ones do.
+    void aFileOfTheFirstVersionIsUpgraded()
+    {
+        m_database.reset();
+        QVERIFY(QDir().mkpath(QFileInfo(m_path).path()));
+        {
+            Sqlite::Error error;
+            const auto old =
+                Sqlite::Database::open(m_path, Sqlite::Database::Mode::ReadWriteCreate, &error);
+            QVERIFY2(old, qPrintable(error.message));
+            old->exec("CREATE TABLE history (seq INTEGER PRIMARY KEY, id TEXT NOT NULL, timestamp "
+                      "REAL NOT NULL, originalURL TEXT NOT NULL, sourceAppBundleID TEXT, "
+                      "sourceAppName TEXT, targetBrowserBundleID TEXT NOT NULL, targetBrowserName "
+                      "TEXT NOT NULL, ruleMatched TEXT);"
+                      "CREATE TABLE forwardCount (day TEXT PRIMARY KEY, count INTEGER NOT NULL);"
+                      "CREATE TABLE intakeJournal (id INTEGER PRIMARY KEY, kind INTEGER NOT NULL, "
+                      "receivedAt REAL NOT NULL, url TEXT NOT NULL, sourceAppBundleID TEXT, "
+                      "sourceAppName TEXT, activationToken TEXT, browser TEXT, counted INTEGER NOT "
+                      "NULL DEFAULT 0);"
+                      "CREATE TABLE meta (key TEXT PRIMARY KEY, value TEXT);"
+                      "INSERT INTO history (id, timestamp, originalURL, targetBrowserBundleID, "
+                      "targetBrowserName, ruleMatched) VALUES "
+                      "('3F2504E0-4F89-41D3-9A0C-0305E82C3301', 700000000, 'https://old.example/', "
+                      "'firefox', 'Firefox', '⏸ Rules paused');"
+                      "PRAGMA user_version = 1;");
+            QVERIFY(!old->error());
+        }
+        m_database = m_environment->history();
+        ForwardingRecord paused = someRecord(u"https://new.example/"_s);
+        paused.decidedBy = u"paused"_s;
+        HistoryStore::record(*m_database, paused);
+        const QList<ForwardingRecord> read = HistoryStore::loadHistory(*m_database);
+        QCOMPARE(links(read), (QStringList{u"https://new.example/"_s, u"https://old.example/"_s}));
+        QCOMPARE(read.value(0).decidedBy, u"paused"_s);
+        QVERIFY(!read.value(1).decidedBy && read.value(1).decidedByPause());
+        QCOMPARE(read.value(1).decisionText(), u"Rules paused"_s);
+    }
+    // A count per day: the first link of a new day is its first. Days are named
+    // in ASCII digits whatever the locale.
+    void forwardCountPerDay()
+    {
+        for (const auto &[day, count] :
+             {std::pair{u"2026-03-05"_s, 1}, {u"2026-03-05"_s, 2}, {u"2026-03-06"_s, 1}})
+            QCOMPARE(HistoryStore::incrementForwardCount(*m_database, day), count);
+        HistoryDatabase reader(m_path, HistoryDatabase::Access::ReadOnly);
+        QCOMPARE(HistoryStore::loadForwardCount(reader, u"2026-03-06"_s), 1);
+        QCOMPARE(HistoryStore::loadForwardCount(reader, u"2026-03-05"_s), 0);
+
+        const QLocale saved;
+        QLocale::setDefault(QLocale(QLocale::Arabic, QLocale::Egypt));
+        const QString day = HistoryStore::dayString(QDateTime(QDate(2026, 3, 5), QTime(12, 0)));
+        QLocale::setDefault(saved);
+        QCOMPARE(day, u"2026-03-05"_s);
+    }
+    void journal()
+    {
+        const QDateTime now = QDateTime::currentDateTime();
+        QList<LinkJournal::Entry> entries{entry(u"https://old.example/"_s, now.addSecs(-61)),
+                                          entry(u"https://a.example/"_s, now.addSecs(-30)),
+                                          entry(u"https://b.example/"_s, now.addSecs(-20)),
+                                          entry(u"https://c.example/"_s, now.addSecs(-10)),
+                                          entry(u"https://future.example/"_s, now.addSecs(3600))};
+        entries[3].kind = LinkJournal::Kind::Route;
+        entries[3].browser = u"firefox"_s;
+        entries[3].source.reset();
+        LinkJournal::accept(*m_database, entries);
+        for (const LinkJournal::Entry &accepted : std::as_const(entries))
+            QVERIFY(accepted.id > 0);
+
+        // Counting marks the entry; opening it removes it, in the same transaction.
+        HistoryStore::incrementForwardCount(*m_database, u"2026-03-05"_s, entries[2].id);
+        HistoryStore::record(*m_database, someRecord(u"https://a.example/"_s), entries[1].id);
+
+        QTest::ignoreMessage(QtWarningMsg,
+                             QRegularExpression(u"^Dropped 2 link\\(s\\) that an earlier Quillvane "
+                                                "accepted but did not open: they arrived more than "
+                                                "60 seconds ago\\."_s));
+        QTest::ignoreMessage(QtInfoMsg, QRegularExpression(u"^Opening 2 link\\(s\\)"_s));
+        const QList<LinkJournal::Entry> left = LinkJournal::unfinished(*m_database, now);
+        QCOMPARE(left.size(), 2);
+        entries[2].counted = true;
+        for (int i = 0; i < 2; ++i) {
+            const LinkJournal::Entry &read = left[i], &written = entries[i + 2];
+            QCOMPARE(std::tie(read.id, read.kind, read.url, read.source, read.activationToken,
+                              read.browser, read.counted),
+                     std::tie(written.id, written.kind, written.url, written.source,
+                              written.activationToken, written.browser, written.counted));
+            QVERIFY(qAbs(read.receivedAt.msecsTo(written.receivedAt)) < 5);
+        }
+
+        // They stay until their routes end; the old ones are gone.
+        LinkJournal::finish(*m_database, left[0].id);
+        QCOMPARE(LinkJournal::unfinished(*m_database, now.addSecs(1)).size(), 1);
+        LinkJournal::finish(*m_database, left[1].id);
+        QVERIFY(LinkJournal::unfinished(*m_database, now.addSecs(1)).isEmpty());
+    }
+    void migrationFromTheSettingsFile()
+    {
+        auto settings = m_environment->settings();
+        const QList<ForwardingRecord> old{someRecord(u"https://newest.example/"_s),
+                                          someRecord(u"https://older.example/"_s),
+                                          someRecord(u"https://oldest.example/"_s)};
+        const QString today = HistoryStore::dayString(QDateTime::currentDateTime());
+        const auto seed = [&](const QByteArray &history) {
+            settings->setValue(u"forwarding_history"_s, history);
+            settings->setValue(u"today_forward_count"_s, 7);
+            settings->setValue(u"today_date"_s, today);
+            settings->setValue(u"rules_enabled"_s, false);
+            settings->sync();
+        };
+        // Moved, and gone from the settings file, on disk; the preferences stay. A
+        // start that ended after the database took them and before the settings
+        // file let go of them: nothing is taken twice.
+        for (int start = 0; start < 2; ++start) {
+            seed(ForwardingRecord::listToJson(old));
+            QCOMPARE(links(HistoryMigration::pendingRecords(*settings)), links(old));
+            QVERIFY(HistoryMigration::run(*settings, *m_database));
+            QCOMPARE(linksOnDisk(m_path), links(old));
+            QCOMPARE(HistoryStore::loadForwardCount(*m_database, today), 7);
+            QCOMPARE(m_environment->settings()->allKeys(), QStringList{u"rules_enabled"_s});
+        }
+
+        // One record that cannot be read: the others move, and the file as it was
+        // is kept aside before the history leaves it.
+        QByteArray damaged = ForwardingRecord::listToJson(
+            {someRecord(u"https://kept.example/1"_s), someRecord(u"https://lost.example/"_s),
+             someRecord(u"https://kept.example/2"_s)});
+        seed(damaged.replace("\"originalURL\":\"https://lost.example/\",", ""));
+        QTest::ignoreMessage(
+            QtCriticalMsg,
+            QRegularExpression(u"^Some of the history in the settings file could not "
+                               "be read .* kept as "_s));
+        QVERIFY(HistoryMigration::run(*settings, *m_database));
+        QCOMPARE(linksOnDisk(m_path).mid(0, 2),
+                 (QStringList{u"https://kept.example/1"_s, u"https://kept.example/2"_s}));
+        QVERIFY(!m_environment->settings()->contains(u"forwarding_history"_s));
+        const QString folder = QFileInfo(settings->fileName()).path();
+        const QStringList copies = damagedCopies(folder, u"*.damaged-*"_s);
+        QCOMPARE(copies.size(), 1);
+        QVERIFY(readFile(folder + u'/' + copies.first()).contains("kept.example"));
+    }
+    void damagedFileIsMovedAside_data()
+    {
+        QTest::addColumn<QString>("damage");
+        for (const char *damage : {"random bytes", "cut in half", "pages overwritten"})
+            QTest::newRow(damage) << QString::fromLatin1(damage);
+    }
+    void damagedFileIsMovedAside()
+    {
+        QFETCH(QString, damage);
+        for (int i = 0; i < 300; ++i)
+            record(u"https://e.com/%1"_s.arg(i));
+        m_database.reset();
+        QFile file(m_path);
+        QVERIFY(file.open(QIODevice::ReadWrite));
+        const qint64 size = file.size();
+        QVERIFY(size > 16384);
+        if (damage == u"random bytes") {
+            QByteArray noise(size, Qt::Uninitialized);
+            for (char &byte : noise)
+                byte = char(QRandomGenerator::global()->bounded(256));
+            file.write(noise);
+        } else if (damage == u"cut in half") {
+            file.resize(size / 2);
+        } else {
+            file.seek(size / 2);
+            file.write(QByteArray(8192, '\x5a'));
+        }
+        file.close();
+
+        m_database = m_environment->history();
+        QTest::ignoreMessage(
+            QtWarningMsg,
+            QRegularExpression(u"^The history database .* is damaged \\(.*\\)\\. It was "
+                               "moved aside as .*history\\.sqlite3\\.damaged-"
+                               "\\d{8}T\\d{6}Z and a new one is started"_s));
+        record(u"https://after.example/"_s);
+        QCOMPARE(linksOnDisk(m_path), QStringList{u"https://after.example/"_s});
+        QVERIFY(!damagedCopies(QFileInfo(m_path).path(), u"history.sqlite3.damaged-*"_s).isEmpty());
+    }
+    // Another process holds the write lock (the sqlite3 shell in a transaction): a
+    // write gives up after a moment, later writes do not wait at all for a while,
+    // the failure is logged once, readers see what waits in memory, and it is
+    // written once the lock is gone. (A full disk is the end-to-end test's.)
+    void lockedByAnotherProcess()
+    {
+        if (QStandardPaths::findExecutable(u"sqlite3"_s).isEmpty())
+            QSKIP("the sqlite3 shell (Debian's sqlite3) is not installed");
+        record(u"https://before.example/"_s);
+        QProcess shell;
+        shell.setProcessChannelMode(QProcess::MergedChannels);
+        shell.start(u"sqlite3"_s, {m_path});
+        const auto end = qScopeGuard([&shell] {
+            shell.closeWriteChannel();
+            shell.waitForFinished(5000);
+        });
+        shell.write("BEGIN IMMEDIATE;\nDELETE FROM history;\nSELECT 'holding the lock';\n");
+        QByteArray said;
+        QTRY_VERIFY_WITH_TIMEOUT((said += shell.readAll()).contains("holding the lock"), 10000);
+
+        QTest::ignoreMessage(
+            QtCriticalMsg, QRegularExpression(u"^Could not write the history database .*locked"_s));
+        QElapsedTimer clock;
+        clock.start();
+        record(u"https://locked.example/1"_s);
+        record(u"https://locked.example/2"_s);
+        const QString day = HistoryStore::dayString(QDateTime::currentDateTime());
+        QCOMPARE(HistoryStore::incrementForwardCount(*m_database, day), 1);
+        QCOMPARE(HistoryStore::incrementForwardCount(*m_database, day), 2);
+        // SQLite's own wait would be unbounded (or 5 s in most wrappers); ours is 40 ms,
+        // and the second link does not wait at all. Generous for a slow build.
+        QVERIFY2(clock.elapsed() < 2000, qPrintable(QString::number(clock.elapsed())));
+        QCOMPARE(links(HistoryStore::loadHistory(*m_database)),
+                 (QStringList{u"https://locked.example/2"_s, u"https://locked.example/1"_s,
+                              u"https://before.example/"_s}));
+        QCOMPARE(links(HistoryStore::loadHistory(*m_database, u"LOCKED"_s, 1)),
+                 QStringList{u"https://locked.example/2"_s});
+
+        shell.write("ROLLBACK;\n.quit\n");
+        QVERIFY(shell.waitForFinished(10000));
+        QTest::ignoreMessage(QtInfoMsg, QRegularExpression(u"can be written again"_s));
+        QTRY_VERIFY_WITH_TIMEOUT(HistoryStore::flush(*m_database), 10000);
+        QCOMPARE(linksOnDisk(m_path).size(), 3);
+        HistoryDatabase reader(m_path, HistoryDatabase::Access::ReadOnly);
+        QCOMPARE(HistoryStore::loadForwardCount(reader, day), 2);
+    }
+    void oneWriter()
+    {
+        record(u"https://first.example/"_s);
+        auto second = std::make_unique<HistoryDatabase>(m_path);
+        QVERIFY(!second->claimWriter());
+        QTest::ignoreMessage(
+            QtWarningMsg, QRegularExpression(u"^Another Quillvane writes the history database"_s));
+        HistoryStore::record(*second, someRecord(u"https://second.example/"_s));
+        HistoryStore::record(*second, someRecord(u"https://second.example/again"_s));
+        QCOMPARE(linksOnDisk(m_path), QStringList{u"https://first.example/"_s});
+        // It reads the file, and its own records in front.
+        QCOMPARE(HistoryStore::loadHistory(*second).size(), 3);
+        // Once the first is gone, the second writes, what it held first.
+        m_database.reset();
+        QVERIFY(HistoryStore::flush(*second));
+        QCOMPARE(linksOnDisk(m_path),
+                 (QStringList{u"https://second.example/again"_s, u"https://second.example/"_s,
+                              u"https://first.example/"_s}));
+    }
 
 private:
     void record(const QString &url) { HistoryStore::record(*m_database, someRecord(url)); }
@@ -81,316 +380,6 @@ private:
     std::unique_ptr<HistoryDatabase> m_database;
     QString m_path;
 };
-
-void TestHistory::recordsNewestFirstAndTrimmed()
-{
-    // Nothing is made by reading from outside.
-    QVERIFY(linksOnDisk(m_path).isEmpty());
-    QVERIFY(!QFile::exists(m_path));
-
-    record(u"https://first.example/\"quoted\""_s);
-    const ForwardingRecord full =
-        makeRecord(u"https://second.example/ü"_s, u"Mail"_s, u"Web"_s, u"Mail → Web"_s);
-    HistoryStore::record(*m_database, full);
-    QCOMPARE(linksOnDisk(m_path),
-             (QStringList{u"https://second.example/ü"_s, u"https://first.example/\"quoted\""_s}));
-    QCOMPARE(HistoryStore::loadHistory(*m_database).first(), full);
-    QCOMPARE(QFileInfo(QFileInfo(m_path).path()).permissions(),
-             QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadUser
-                 | QFile::WriteUser | QFile::ExeUser);
-
-    for (int i = 2; i < HistoryStore::MaxRecords; ++i)
-        record(u"https://e.com/%1"_s.arg(i));
-    QCOMPARE(HistoryStore::loadHistory(*m_database).size(), 500);
-    for (int i = 0; i < 3; ++i) {
-        QTest::ignoreMessage(QtInfoMsg, "History exceeds 500 records, trimming oldest entries");
-        record(u"https://more.example/%1"_s.arg(i));
-    }
-    const QStringList stored = linksOnDisk(m_path);
-    QCOMPARE(stored.size(), 500);
-    QCOMPARE(stored.mid(3, 1) + stored.mid(499),
-             (QStringList{u"https://e.com/499"_s, u"https://e.com/3"_s}));
-    QCOMPARE(links(HistoryStore::loadHistory(*m_database, {}, 2)),
-             (QStringList{u"https://more.example/2"_s, u"https://more.example/1"_s}));
-
-    QTest::ignoreMessage(QtInfoMsg, "Forwarding history cleared");
-    HistoryStore::clearHistory(*m_database);
-    QVERIFY(linksOnDisk(m_path).isEmpty());
-}
-
-void TestHistory::decisionsAndWithdrawnRecords()
-{
-    ForwardingRecord decided =
-        makeRecord(u"https://a.example/"_s, u"Mail"_s, u"Web"_s, u"Mail → Web"_s);
-    decided.decidedBy = u"3F2504E0-4F89-41D3-9A0C-0305E82C3301"_s;
-    decided.decisionDescription = u"a.example → Web"_s;
-    decided.targetProfileID = u"Profile 1"_s;
-    ForwardingRecord fallback = someRecord(u"https://b.example/"_s);
-    fallback.decidedBy = u"fallback"_s;
-    HistoryStore::record(*m_database, decided);
-    HistoryStore::record(*m_database, fallback);
-    QCOMPARE(HistoryStore::loadHistory(*m_database), (QList{fallback, decided}));
-
-    // A browser that failed right after its start: its record is taken back,
-    // on disk or still waiting in memory.
-    HistoryStore::withdraw(*m_database, decided.id);
-    QCOMPARE(links(HistoryStore::loadHistory(*m_database)), QStringList{u"https://b.example/"_s});
-    m_database->unwritten().records.prepend(someRecord(u"https://waiting.example/"_s));
-    HistoryStore::withdraw(*m_database, m_database->unwritten().records.first().id);
-    QVERIFY(m_database->unwritten().records.isEmpty());
-}
-
-// A history written by the first version keeps its records, which name no
-// decision; new ones do.
-void TestHistory::aFileOfTheFirstVersionIsUpgraded()
-{
-    m_database.reset();
-    QVERIFY(QDir().mkpath(QFileInfo(m_path).path()));
-    {
-        Sqlite::Error error;
-        const auto old =
-            Sqlite::Database::open(m_path, Sqlite::Database::Mode::ReadWriteCreate, &error);
-        QVERIFY2(old, qPrintable(error.message));
-        old->exec("CREATE TABLE history (seq INTEGER PRIMARY KEY, id TEXT NOT NULL, timestamp "
-                  "REAL NOT NULL, originalURL TEXT NOT NULL, sourceAppBundleID TEXT, "
-                  "sourceAppName TEXT, targetBrowserBundleID TEXT NOT NULL, targetBrowserName "
-                  "TEXT NOT NULL, ruleMatched TEXT);"
-                  "CREATE TABLE forwardCount (day TEXT PRIMARY KEY, count INTEGER NOT NULL);"
-                  "CREATE TABLE intakeJournal (id INTEGER PRIMARY KEY, kind INTEGER NOT NULL, "
-                  "receivedAt REAL NOT NULL, url TEXT NOT NULL, sourceAppBundleID TEXT, "
-                  "sourceAppName TEXT, activationToken TEXT, browser TEXT, counted INTEGER NOT "
-                  "NULL DEFAULT 0);"
-                  "CREATE TABLE meta (key TEXT PRIMARY KEY, value TEXT);"
-                  "INSERT INTO history (id, timestamp, originalURL, targetBrowserBundleID, "
-                  "targetBrowserName, ruleMatched) VALUES "
-                  "('3F2504E0-4F89-41D3-9A0C-0305E82C3301', 700000000, 'https://old.example/', "
-                  "'firefox', 'Firefox', '⏸ Rules paused');"
-                  "PRAGMA user_version = 1;");
-        QVERIFY(!old->error());
-    }
-    m_database = m_environment->history();
-    ForwardingRecord paused = someRecord(u"https://new.example/"_s);
-    paused.decidedBy = u"paused"_s;
-    HistoryStore::record(*m_database, paused);
-    const QList<ForwardingRecord> read = HistoryStore::loadHistory(*m_database);
-    QCOMPARE(links(read), (QStringList{u"https://new.example/"_s, u"https://old.example/"_s}));
-    QCOMPARE(read.value(0).decidedBy, u"paused"_s);
-    QVERIFY(!read.value(1).decidedBy && read.value(1).decidedByPause());
-    QCOMPARE(read.value(1).decisionText(), u"Rules paused"_s);
-}
-
-// A count per day: the first link of a new day is its first. Days are named
-// in ASCII digits whatever the locale.
-void TestHistory::forwardCountPerDay()
-{
-    for (const auto &[day, count] : {std::pair{u"2026-03-05"_s, 1}, {u"2026-03-05"_s, 2},
-                                     {u"2026-03-06"_s, 1}})
-        QCOMPARE(HistoryStore::incrementForwardCount(*m_database, day), count);
-    HistoryDatabase reader(m_path, HistoryDatabase::Access::ReadOnly);
-    QCOMPARE(HistoryStore::loadForwardCount(reader, u"2026-03-06"_s), 1);
-    QCOMPARE(HistoryStore::loadForwardCount(reader, u"2026-03-05"_s), 0);
-
-    const QLocale saved;
-    QLocale::setDefault(QLocale(QLocale::Arabic, QLocale::Egypt));
-    const QString day = HistoryStore::dayString(QDateTime(QDate(2026, 3, 5), QTime(12, 0)));
-    QLocale::setDefault(saved);
-    QCOMPARE(day, u"2026-03-05"_s);
-}
-
-void TestHistory::journal()
-{
-    const QDateTime now = QDateTime::currentDateTime();
-    QList<LinkJournal::Entry> entries{entry(u"https://old.example/"_s, now.addSecs(-61)),
-                                      entry(u"https://a.example/"_s, now.addSecs(-30)),
-                                      entry(u"https://b.example/"_s, now.addSecs(-20)),
-                                      entry(u"https://c.example/"_s, now.addSecs(-10)),
-                                      entry(u"https://future.example/"_s, now.addSecs(3600))};
-    entries[3].kind = LinkJournal::Kind::Route;
-    entries[3].browser = u"firefox"_s;
-    entries[3].source.reset();
-    LinkJournal::accept(*m_database, entries);
-    for (const LinkJournal::Entry &accepted : std::as_const(entries))
-        QVERIFY(accepted.id > 0);
-
-    // Counting marks the entry; opening it removes it, in the same transaction.
-    HistoryStore::incrementForwardCount(*m_database, u"2026-03-05"_s, entries[2].id);
-    HistoryStore::record(*m_database, someRecord(u"https://a.example/"_s), entries[1].id);
-
-    QTest::ignoreMessage(QtWarningMsg,
-                         QRegularExpression(u"^Dropped 2 link\\(s\\) that an earlier Quillvane "
-                                            "accepted but did not open: they arrived more than "
-                                            "60 seconds ago\\."_s));
-    QTest::ignoreMessage(QtInfoMsg, QRegularExpression(u"^Opening 2 link\\(s\\)"_s));
-    const QList<LinkJournal::Entry> left = LinkJournal::unfinished(*m_database, now);
-    QCOMPARE(left.size(), 2);
-    entries[2].counted = true;
-    for (int i = 0; i < 2; ++i) {
-        const LinkJournal::Entry &read = left[i], &written = entries[i + 2];
-        QCOMPARE(std::tie(read.id, read.kind, read.url, read.source, read.activationToken,
-                          read.browser, read.counted),
-                 std::tie(written.id, written.kind, written.url, written.source,
-                          written.activationToken, written.browser, written.counted));
-        QVERIFY(qAbs(read.receivedAt.msecsTo(written.receivedAt)) < 5);
-    }
-
-    // They stay until their routes end; the old ones are gone.
-    LinkJournal::finish(*m_database, left[0].id);
-    QCOMPARE(LinkJournal::unfinished(*m_database, now.addSecs(1)).size(), 1);
-    LinkJournal::finish(*m_database, left[1].id);
-    QVERIFY(LinkJournal::unfinished(*m_database, now.addSecs(1)).isEmpty());
-}
-
-void TestHistory::migrationFromTheSettingsFile()
-{
-    auto settings = m_environment->settings();
-    const QList<ForwardingRecord> old{someRecord(u"https://newest.example/"_s),
-                                      someRecord(u"https://older.example/"_s),
-                                      someRecord(u"https://oldest.example/"_s)};
-    const QString today = HistoryStore::dayString(QDateTime::currentDateTime());
-    const auto seed = [&](const QByteArray &history) {
-        settings->setValue(u"forwarding_history"_s, history);
-        settings->setValue(u"today_forward_count"_s, 7);
-        settings->setValue(u"today_date"_s, today);
-        settings->setValue(u"rules_enabled"_s, false);
-        settings->sync();
-    };
-    // Moved, and gone from the settings file, on disk; the preferences stay. A
-    // start that ended after the database took them and before the settings
-    // file let go of them: nothing is taken twice.
-    for (int start = 0; start < 2; ++start) {
-        seed(ForwardingRecord::listToJson(old));
-        QCOMPARE(links(HistoryMigration::pendingRecords(*settings)), links(old));
-        QVERIFY(HistoryMigration::run(*settings, *m_database));
-        QCOMPARE(linksOnDisk(m_path), links(old));
-        QCOMPARE(HistoryStore::loadForwardCount(*m_database, today), 7);
-        QCOMPARE(m_environment->settings()->allKeys(), QStringList{u"rules_enabled"_s});
-    }
-
-    // One record that cannot be read: the others move, and the file as it was
-    // is kept aside before the history leaves it.
-    QByteArray damaged = ForwardingRecord::listToJson({someRecord(u"https://kept.example/1"_s),
-                                                       someRecord(u"https://lost.example/"_s),
-                                                       someRecord(u"https://kept.example/2"_s)});
-    seed(damaged.replace("\"originalURL\":\"https://lost.example/\",", ""));
-    QTest::ignoreMessage(QtCriticalMsg,
-                         QRegularExpression(u"^Some of the history in the settings file could not "
-                                            "be read .* kept as "_s));
-    QVERIFY(HistoryMigration::run(*settings, *m_database));
-    QCOMPARE(linksOnDisk(m_path).mid(0, 2),
-             (QStringList{u"https://kept.example/1"_s, u"https://kept.example/2"_s}));
-    QVERIFY(!m_environment->settings()->contains(u"forwarding_history"_s));
-    const QString folder = QFileInfo(settings->fileName()).path();
-    const QStringList copies = damagedCopies(folder, u"*.damaged-*"_s);
-    QCOMPARE(copies.size(), 1);
-    QVERIFY(readFile(folder + u'/' + copies.first()).contains("kept.example"));
-}
-
-void TestHistory::damagedFileIsMovedAside_data()
-{
-    QTest::addColumn<QString>("damage");
-    for (const char *damage : {"random bytes", "cut in half", "pages overwritten"})
-        QTest::newRow(damage) << QString::fromLatin1(damage);
-}
-
-void TestHistory::damagedFileIsMovedAside()
-{
-    QFETCH(QString, damage);
-    for (int i = 0; i < 300; ++i)
-        record(u"https://e.com/%1"_s.arg(i));
-    m_database.reset();
-    QFile file(m_path);
-    QVERIFY(file.open(QIODevice::ReadWrite));
-    const qint64 size = file.size();
-    QVERIFY(size > 16384);
-    if (damage == u"random bytes") {
-        QByteArray noise(size, Qt::Uninitialized);
-        for (char &byte : noise)
-            byte = char(QRandomGenerator::global()->bounded(256));
-        file.write(noise);
-    } else if (damage == u"cut in half") {
-        file.resize(size / 2);
-    } else {
-        file.seek(size / 2);
-        file.write(QByteArray(8192, '\x5a'));
-    }
-    file.close();
-
-    m_database = m_environment->history();
-    QTest::ignoreMessage(
-        QtWarningMsg, QRegularExpression(u"^The history database .* is damaged \\(.*\\)\\. It was "
-                                         "moved aside as .*history\\.sqlite3\\.damaged-"
-                                         "\\d{8}T\\d{6}Z and a new one is started"_s));
-    record(u"https://after.example/"_s);
-    QCOMPARE(linksOnDisk(m_path), QStringList{u"https://after.example/"_s});
-    QVERIFY(!damagedCopies(QFileInfo(m_path).path(), u"history.sqlite3.damaged-*"_s).isEmpty());
-}
-
-// Another process holds the write lock (the sqlite3 shell in a transaction): a
-// write gives up after a moment, later writes do not wait at all for a while,
-// the failure is logged once, readers see what waits in memory, and it is
-// written once the lock is gone. (A full disk is the end-to-end test's.)
-void TestHistory::lockedByAnotherProcess()
-{
-    if (QStandardPaths::findExecutable(u"sqlite3"_s).isEmpty())
-        QSKIP("the sqlite3 shell (Debian's sqlite3) is not installed");
-    record(u"https://before.example/"_s);
-    QProcess shell;
-    shell.setProcessChannelMode(QProcess::MergedChannels);
-    shell.start(u"sqlite3"_s, {m_path});
-    const auto end = qScopeGuard([&shell] {
-        shell.closeWriteChannel();
-        shell.waitForFinished(5000);
-    });
-    shell.write("BEGIN IMMEDIATE;\nDELETE FROM history;\nSELECT 'holding the lock';\n");
-    QByteArray said;
-    QTRY_VERIFY_WITH_TIMEOUT((said += shell.readAll()).contains("holding the lock"), 10000);
-
-    QTest::ignoreMessage(QtCriticalMsg,
-                         QRegularExpression(u"^Could not write the history database .*locked"_s));
-    QElapsedTimer clock;
-    clock.start();
-    record(u"https://locked.example/1"_s);
-    record(u"https://locked.example/2"_s);
-    const QString day = HistoryStore::dayString(QDateTime::currentDateTime());
-    QCOMPARE(HistoryStore::incrementForwardCount(*m_database, day), 1);
-    QCOMPARE(HistoryStore::incrementForwardCount(*m_database, day), 2);
-    // SQLite's own wait would be unbounded (or 5 s in most wrappers); ours is 40 ms,
-    // and the second link does not wait at all. Generous for a slow build.
-    QVERIFY2(clock.elapsed() < 2000, qPrintable(QString::number(clock.elapsed())));
-    QCOMPARE(links(HistoryStore::loadHistory(*m_database)),
-             (QStringList{u"https://locked.example/2"_s, u"https://locked.example/1"_s,
-                          u"https://before.example/"_s}));
-    QCOMPARE(links(HistoryStore::loadHistory(*m_database, u"LOCKED"_s, 1)),
-             QStringList{u"https://locked.example/2"_s});
-
-    shell.write("ROLLBACK;\n.quit\n");
-    QVERIFY(shell.waitForFinished(10000));
-    QTest::ignoreMessage(QtInfoMsg, QRegularExpression(u"can be written again"_s));
-    QTRY_VERIFY_WITH_TIMEOUT(HistoryStore::flush(*m_database), 10000);
-    QCOMPARE(linksOnDisk(m_path).size(), 3);
-    HistoryDatabase reader(m_path, HistoryDatabase::Access::ReadOnly);
-    QCOMPARE(HistoryStore::loadForwardCount(reader, day), 2);
-}
-
-void TestHistory::oneWriter()
-{
-    record(u"https://first.example/"_s);
-    auto second = std::make_unique<HistoryDatabase>(m_path);
-    QVERIFY(!second->claimWriter());
-    QTest::ignoreMessage(QtWarningMsg,
-                         QRegularExpression(u"^Another Quillvane writes the history database"_s));
-    HistoryStore::record(*second, someRecord(u"https://second.example/"_s));
-    HistoryStore::record(*second, someRecord(u"https://second.example/again"_s));
-    QCOMPARE(linksOnDisk(m_path), QStringList{u"https://first.example/"_s});
-    // It reads the file, and its own records in front.
-    QCOMPARE(HistoryStore::loadHistory(*second).size(), 3);
-    // Once the first is gone, the second writes, what it held first.
-    m_database.reset();
-    QVERIFY(HistoryStore::flush(*second));
-    QCOMPARE(linksOnDisk(m_path),
-             (QStringList{u"https://second.example/again"_s, u"https://second.example/"_s,
-                          u"https://first.example/"_s}));
-}
 
 QTEST_GUILESS_MAIN(TestHistory)
 #include "tst_history.moc"

@@ -46,7 +46,8 @@ private Q_SLOTS:
     {
         const QString longPath = u"https://e.com/"_s + QString(100 * 1024, u'a');
         QCOMPARE(link(longPath).toString(), longPath);
-        const auto tooLong = Link::parse(QString(u"https://e.com/"_s + QString(Link::MaxLength, u'a')));
+        const auto tooLong =
+            Link::parse(QString(u"https://e.com/"_s + QString(Link::MaxLength, u'a')));
         QVERIFY(!tooLong && tooLong.error().description.contains(u"longer than"_s));
         // Parsed, but too long to be one argument of a browser's command line.
         QString longest = u"https://e.com/"_s;

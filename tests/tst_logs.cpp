@@ -24,11 +24,96 @@ private Q_SLOTS:
     void init() { m_environment = std::make_unique<TestEnvironment>(); }
     void cleanup() { m_environment.reset(); }
     void lineFormatAndPlace();
-    void placesItNeverWrites();
-    void aFifoNeverBlocksNorReceives();
-    void sizeIsBounded();
-    void journalDetection();
-    void controlCharactersAreWrittenOut();
+    // A symlink or another user's file in the trail's place, or no runtime folder:
+    // nothing is written through them, and no folder is made.
+    void placesItNeverWrites()
+    {
+        const QString path = m_environment->diagnosticLogPath();
+        const QString target = m_environment->path() + u"/victim"_s;
+        writeFile(target, "untouched");
+        QVERIFY(QFile::link(target, path));
+        DiagnosticLog::write(u"T", u"secret link");
+        QCOMPARE(readFile(target), QByteArray("untouched"));
+        if (::geteuid() == 0) {
+            QVERIFY(QFile::remove(path));
+            writeFile(path, {});
+            QCOMPARE(::chmod(QFile::encodeName(path).constData(), 0666), 0);
+            QCOMPARE(::chown(QFile::encodeName(path).constData(), 65534, 65534), 0);
+            DiagnosticLog::write(u"T", u"secret link");
+            QCOMPARE(readFile(path), QByteArray());
+        }
+        qputenv("XDG_RUNTIME_DIR", QFile::encodeName(m_environment->path() + u"/gone/run"_s));
+        DiagnosticLog::write(u"T", u"nowhere to go");
+        QVERIFY(!QFileInfo::exists(m_environment->path() + u"/gone"_s));
+    }
+    // A FIFO in the trail's place: writing returns at once, with or without a
+    // reader, and the reader gets nothing.
+    void aFifoNeverBlocksNorReceives()
+    {
+        const QByteArray path = QFile::encodeName(m_environment->diagnosticLogPath());
+        QCOMPARE(::mkfifo(path.constData(), 0600), 0);
+        std::atomic<bool> returned = false;
+        std::unique_ptr<QThread> writer(QThread::create([&] {
+            DiagnosticLog::write(u"T", u"https://secret.example/");
+            returned = true;
+        }));
+        writer->start();
+        const bool withoutReader = QTest::qWaitFor([&] { return returned.load(); }, 5000);
+        // A reader frees a writer stuck in open(), so that the test can end.
+        const int reader = ::open(path.constData(), O_RDONLY | O_NONBLOCK);
+        writer->wait();
+        QVERIFY2(withoutReader, "writing the trail blocked on a FIFO");
+        DiagnosticLog::write(u"T", u"https://secret.example/");
+        char received[64];
+        QVERIFY(::read(reader, received, sizeof received) <= 0);
+        ::close(reader);
+    }
+    void sizeIsBounded()
+    {
+        const QString path = m_environment->diagnosticLogPath();
+        // A link of 1 MiB: one line, cut, saying how much is left out.
+        DiagnosticLog::write(u"T", QString(u"https://e.com/"_s + QString(1024 * 1024, u'a')));
+        QVERIFY(trail().size() < DiagnosticLog::MaxLineLength + 100);
+        QVERIFY2(trail().endsWith(" … [cut: 1040398 more characters]\n"),
+                 trail().right(60).constData());
+        // Written on and on: the file starts again beside one older file, neither over the limit.
+        const QString long_(DiagnosticLog::MaxLineLength, u'b');
+        for (int i = 0; i < int(DiagnosticLog::MaxFileBytes / DiagnosticLog::MaxLineLength) + 50;
+             ++i)
+            DiagnosticLog::write(u"T", long_);
+        DiagnosticLog::write(u"T", u"the newest line");
+        QVERIFY(QFileInfo(path).size() <= DiagnosticLog::MaxFileBytes);
+        const qint64 older = QFileInfo(path + u".old"_s).size();
+        QVERIFY(older <= DiagnosticLog::MaxFileBytes && older > DiagnosticLog::MaxFileBytes / 2);
+        QVERIFY(trail().endsWith("[T] the newest line\n"));
+    }
+    void journalDetection()
+    {
+        struct stat info = {};
+        QCOMPARE(::fstat(STDERR_FILENO, &info), 0);
+        const QByteArray matching = QByteArray::number(qulonglong(info.st_dev)) + ':'
+                                    + QByteArray::number(qulonglong(info.st_ino));
+        for (const auto &[value, isJournal] :
+             {std::pair{matching, true}, {matching + '1', false}, {QByteArray("garbage"), false}}) {
+            qputenv("JOURNAL_STREAM", value);
+            QCOMPARE(SystemLog::stderrIsJournal(), isJournal);
+        }
+        qunsetenv("JOURNAL_STREAM");
+        QVERIFY(!SystemLog::stderrIsJournal());
+    }
+    // Text from outside reaches log lines; it must neither steer the terminal that
+    // shows them nor, in the system log, start a record of its own.
+    void controlCharactersAreWrittenOut()
+    {
+        DiagnosticLog::write(u"T", u"title \x1b]0;owned\x07 bell\r\nnext");
+        QCOMPARE(trail().split(']').mid(2).join(']'),
+                 QByteArray(" title \\x1B]0;owned\\x07 bell\\x0D\nnext\n"));
+        QCOMPARE(SystemLog::formatForStderr(
+                     QtWarningMsg, "work.vorpa.Quillvane.URLRouter",
+                     u"Routed https://e.com/\nquillvane[AppState] error: forged \x1b[2J"_s),
+                 u"quillvane[URLRouter] warning: Routed https://e.com/\\x0Aquillvane[AppState] "
+                 "error: forged \\x1B[2J\n"_s);
+    }
 
 private:
     QByteArray trail() const { return readFile(m_environment->diagnosticLogPath()); }
@@ -66,99 +151,6 @@ void TestLogs::lineFormatAndPlace()
 
     qunsetenv("XDG_RUNTIME_DIR");
     QCOMPARE(DiagnosticLog::filePath(), u"/tmp/Quillvane-%1.log"_s.arg(::getuid()));
-}
-
-// A symlink or another user's file in the trail's place, or no runtime folder:
-// nothing is written through them, and no folder is made.
-void TestLogs::placesItNeverWrites()
-{
-    const QString path = m_environment->diagnosticLogPath();
-    const QString target = m_environment->path() + u"/victim"_s;
-    writeFile(target, "untouched");
-    QVERIFY(QFile::link(target, path));
-    DiagnosticLog::write(u"T", u"secret link");
-    QCOMPARE(readFile(target), QByteArray("untouched"));
-    if (::geteuid() == 0) {
-        QVERIFY(QFile::remove(path));
-        writeFile(path, {});
-        QCOMPARE(::chmod(QFile::encodeName(path).constData(), 0666), 0);
-        QCOMPARE(::chown(QFile::encodeName(path).constData(), 65534, 65534), 0);
-        DiagnosticLog::write(u"T", u"secret link");
-        QCOMPARE(readFile(path), QByteArray());
-    }
-    qputenv("XDG_RUNTIME_DIR", QFile::encodeName(m_environment->path() + u"/gone/run"_s));
-    DiagnosticLog::write(u"T", u"nowhere to go");
-    QVERIFY(!QFileInfo::exists(m_environment->path() + u"/gone"_s));
-}
-
-// A FIFO in the trail's place: writing returns at once, with or without a
-// reader, and the reader gets nothing.
-void TestLogs::aFifoNeverBlocksNorReceives()
-{
-    const QByteArray path = QFile::encodeName(m_environment->diagnosticLogPath());
-    QCOMPARE(::mkfifo(path.constData(), 0600), 0);
-    std::atomic<bool> returned = false;
-    std::unique_ptr<QThread> writer(QThread::create([&] {
-        DiagnosticLog::write(u"T", u"https://secret.example/");
-        returned = true;
-    }));
-    writer->start();
-    const bool withoutReader = QTest::qWaitFor([&] { return returned.load(); }, 5000);
-    // A reader frees a writer stuck in open(), so that the test can end.
-    const int reader = ::open(path.constData(), O_RDONLY | O_NONBLOCK);
-    writer->wait();
-    QVERIFY2(withoutReader, "writing the trail blocked on a FIFO");
-    DiagnosticLog::write(u"T", u"https://secret.example/");
-    char received[64];
-    QVERIFY(::read(reader, received, sizeof received) <= 0);
-    ::close(reader);
-}
-
-void TestLogs::sizeIsBounded()
-{
-    const QString path = m_environment->diagnosticLogPath();
-    // A link of 1 MiB: one line, cut, saying how much is left out.
-    DiagnosticLog::write(u"T", QString(u"https://e.com/"_s + QString(1024 * 1024, u'a')));
-    QVERIFY(trail().size() < DiagnosticLog::MaxLineLength + 100);
-    QVERIFY2(trail().endsWith(" … [cut: 1040398 more characters]\n"), trail().right(60).constData());
-    // Written on and on: the file starts again beside one older file, neither over the limit.
-    const QString long_(DiagnosticLog::MaxLineLength, u'b');
-    for (int i = 0; i < int(DiagnosticLog::MaxFileBytes / DiagnosticLog::MaxLineLength) + 50; ++i)
-        DiagnosticLog::write(u"T", long_);
-    DiagnosticLog::write(u"T", u"the newest line");
-    QVERIFY(QFileInfo(path).size() <= DiagnosticLog::MaxFileBytes);
-    const qint64 older = QFileInfo(path + u".old"_s).size();
-    QVERIFY(older <= DiagnosticLog::MaxFileBytes && older > DiagnosticLog::MaxFileBytes / 2);
-    QVERIFY(trail().endsWith("[T] the newest line\n"));
-}
-
-void TestLogs::journalDetection()
-{
-    struct stat info = {};
-    QCOMPARE(::fstat(STDERR_FILENO, &info), 0);
-    const QByteArray matching = QByteArray::number(qulonglong(info.st_dev)) + ':'
-                                + QByteArray::number(qulonglong(info.st_ino));
-    for (const auto &[value, isJournal] : {std::pair{matching, true}, {matching + '1', false},
-                                           {QByteArray("garbage"), false}}) {
-        qputenv("JOURNAL_STREAM", value);
-        QCOMPARE(SystemLog::stderrIsJournal(), isJournal);
-    }
-    qunsetenv("JOURNAL_STREAM");
-    QVERIFY(!SystemLog::stderrIsJournal());
-}
-
-// Text from outside reaches log lines; it must neither steer the terminal that
-// shows them nor, in the system log, start a record of its own.
-void TestLogs::controlCharactersAreWrittenOut()
-{
-    DiagnosticLog::write(u"T", u"title \x1b]0;owned\x07 bell\r\nnext");
-    QCOMPARE(trail().split(']').mid(2).join(']'),
-             QByteArray(" title \\x1B]0;owned\\x07 bell\\x0D\nnext\n"));
-    QCOMPARE(SystemLog::formatForStderr(
-                 QtWarningMsg, "work.vorpa.Quillvane.URLRouter",
-                 u"Routed https://e.com/\nquillvane[AppState] error: forged \x1b[2J"_s),
-             u"quillvane[URLRouter] warning: Routed https://e.com/\\x0Aquillvane[AppState] "
-             "error: forged \\x1B[2J\n"_s);
 }
 
 QTEST_GUILESS_MAIN(TestLogs)

@@ -58,10 +58,12 @@ public:
         }
         QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         QProcessEnvironment environment;
-        for (const auto &[name, value] :
-             {std::pair{u"PATH"_s, qEnvironmentVariable("PATH")}, {u"HOME"_s, runtime},
-              {u"XDG_RUNTIME_DIR"_s, runtime}, {u"WLR_BACKENDS"_s, u"headless"_s},
-              {u"WLR_RENDERER"_s, u"pixman"_s}, {u"WLR_LIBINPUT_NO_DEVICES"_s, u"1"_s}})
+        for (const auto &[name, value] : {std::pair{u"PATH"_s, qEnvironmentVariable("PATH")},
+                                          {u"HOME"_s, runtime},
+                                          {u"XDG_RUNTIME_DIR"_s, runtime},
+                                          {u"WLR_BACKENDS"_s, u"headless"_s},
+                                          {u"WLR_RENDERER"_s, u"pixman"_s},
+                                          {u"WLR_LIBINPUT_NO_DEVICES"_s, u"1"_s}})
             environment.insert(name, value);
         m_process.setProcessEnvironment(environment);
         m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
@@ -142,45 +144,43 @@ class TestPickerWayland final : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void floatsAndTakesKeys();
-};
+    void floatsAndTakesKeys()
+    {
+        if (!g_swayError.isEmpty())
+            QSKIP(qPrintable(g_swayError));
+        QCOMPARE(QGuiApplication::platformName(), u"wayland"_s);
+        AppFixture app;
+        // Safari and Firefox, without the profiles of a Firefox of the real user's.
+        qputenv("HOME", QFile::encodeName(app.environment.path()));
+        app.start().refreshBrowsers();
+        LinkPicker picker(*app.state, app.entries);
+        QList<AskAnswer> answers;
+        picker.ask(AskRequest{link(u"https://example.com/tiling"_s), std::nullopt, {}, u"safari"_s},
+                   [&answers](const AskAnswer &answer) { answers.append(answer); });
 
-void TestPickerWayland::floatsAndTakesKeys()
-{
-    if (!g_swayError.isEmpty())
-        QSKIP(qPrintable(g_swayError));
-    QCOMPARE(QGuiApplication::platformName(), u"wayland"_s);
-    AppFixture app;
-    // Safari and Firefox, without the profiles of a Firefox of the real user's.
-    qputenv("HOME", QFile::encodeName(app.environment.path()));
-    app.start().refreshBrowsers();
-    LinkPicker picker(*app.state, app.entries);
-    QList<AskAnswer> answers;
-    picker.ask(AskRequest{link(u"https://example.com/tiling"_s), std::nullopt, {}, u"safari"_s},
-               [&answers](const AskAnswer &answer) { answers.append(answer); });
+        // Floating, at about the size it asks for, not tiled over the 1280×800 output.
+        QSize floated;
+        QVERIFY(QTest::qWaitFor(
+            [&] { return !(floated = g_sway->floating(picker.windowTitle())).isEmpty(); }, 30000));
+        QVERIFY2(std::abs(floated.width() - picker.width()) <= 4
+                     && std::abs(floated.height() - picker.height()) <= 4,
+                 qPrintable(u"%1×%2, asked for %3×%4"_s.arg(floated.width())
+                                .arg(floated.height())
+                                .arg(picker.width())
+                                .arg(picker.height())));
+        QVERIFY(floated.width() < 1280 && floated.height() < 800);
 
-    // Floating, at about the size it asks for, not tiled over the 1280×800 output.
-    QSize floated;
-    QVERIFY(QTest::qWaitFor([&] { return !(floated = g_sway->floating(picker.windowTitle())).isEmpty(); },
-                            30000));
-    QVERIFY2(std::abs(floated.width() - picker.width()) <= 4
-                 && std::abs(floated.height() - picker.height()) <= 4,
-             qPrintable(u"%1×%2, asked for %3×%4"_s.arg(floated.width())
-                            .arg(floated.height())
-                            .arg(picker.width())
-                            .arg(picker.height())));
-    QVERIFY(floated.width() < 1280 && floated.height() < 800);
-
-    // It has the keyboard: the digit 2 opens the second row.
-    QTRY_VERIFY_WITH_TIMEOUT(picker.isActiveWindow(), 30000);
-    for (int attempt = 0; attempt < 30 && answers.isEmpty(); ++attempt) {
-        QVERIFY(g_sway->type(u"2"_s));
-        (void)QTest::qWaitFor([&answers] { return !answers.isEmpty(); }, 1000);
+        // It has the keyboard: the digit 2 opens the second row.
+        QTRY_VERIFY_WITH_TIMEOUT(picker.isActiveWindow(), 30000);
+        for (int attempt = 0; attempt < 30 && answers.isEmpty(); ++attempt) {
+            QVERIFY(g_sway->type(u"2"_s));
+            (void)QTest::qWaitFor([&answers] { return !answers.isEmpty(); }, 1000);
+        }
+        QCOMPARE(answers.size(), 1);
+        QCOMPARE(answers[0].kind, AskAnswer::Kind::Chosen);
+        QCOMPARE(answers[0].browserID, u"firefox"_s);
     }
-    QCOMPARE(answers.size(), 1);
-    QCOMPARE(answers[0].kind, AskAnswer::Kind::Chosen);
-    QCOMPARE(answers[0].browserID, u"firefox"_s);
-}
+};
 
 int main(int argc, char **argv)
 {

@@ -33,21 +33,294 @@ private Q_SLOTS:
         m_desktop->addBrowser(u"epiphany"_s, u"Web"_s);
         m_autostart = std::make_unique<XdgAutostart>(u"quillvane"_s);
     }
-    void init();
+    void init()
+    {
+        // Settings and history of the test function's own, in the one desktop that
+        // GIO reads for the whole program.
+        const QString own =
+            m_desktop->root() + u'/' + QLatin1StringView(QTest::currentTestFunction());
+        m_settings = UserSettings::open(own + u".conf"_s);
+        m_store = std::make_unique<RuleStore>(*m_settings);
+        m_history = std::make_unique<HistoryDatabase>(own + u".sqlite3"_s);
+        m_history->claimWriter();
+        m_notifications.clear();
+        m_isShortLink = &URLExpander::isShortLink;
+        m_expand = [](const Link &url) { return URLExpander::expand(url, testNetwork()); };
+        for (const QString &program : {u"google-chrome"_s, u"firefox-esr"_s, u"epiphany"_s})
+            m_desktop->forget(program);
+    }
     void cleanup()
     {
         m_finished.reset();
         m_state.reset();
         m_history.reset();
     }
-    void pausedPath();
-    void failuresAreCountedNotRecorded();
-    void profileLaunchFailsAndFallsBack();
-    void aVanishedFallbackIsToldOnce();
-    void askingWhereToOpen();
-    void expansionChangesTheLink();
-    void manyLinksInFlightWhileRulesChange();
-    void journalledLinksLeaveTheJournal();
+    // Paused: the fallback opens the cleaned link, never expanded, credited to the pause.
+    void pausedPath()
+    {
+        m_store->saveRules({makeRule(u"com.example.mail"_s, std::nullopt, u"google-chrome"_s)});
+        m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
+        m_store->saveRulesEnabled(false);
+        m_settings->setValue(u"url_expansion_enabled"_s, true);
+        makeState();
+        m_isShortLink = [](const Link &) { return true; };
+        m_expand = [](const Link &) -> QFuture<Link> { qFatal("a paused route must not expand"); };
+        route(u"https://bit.ly/abc?fbclid=1"_s, Mail);
+        QVERIFY(waitForRoutes(1));
+        QCOMPARE(m_state->lastRouteLog(), u"⏸ Mail → Web: bit.ly"_s);
+        QCOMPARE(m_desktop->opened(u"epiphany"_s), QStringList{u"https://bit.ly/abc"_s});
+        QVERIFY(!m_desktop->ran(u"google-chrome"_s));
+        QCOMPARE(history().first().ruleMatched, u"⏸ Rules paused"_s);
+        QCOMPARE(history().first().decidedBy, u"paused"_s);
+    }
+    // Nothing to open: paused without a fallback, no route, a rule's browser not
+    // installed, a profile rule's browser uninstalled (the profile is dropped, the
+    // plain launch fails). Counted, never recorded.
+    void failuresAreCountedNotRecorded()
+    {
+        m_store->saveRules(
+            {makeRule(u"com.example.mail"_s, std::nullopt, u"uninstalled"_s),
+             makeRule(QString(), u"work.example"_s, u"microsoft-edge"_s, u"Profile 2"_s)});
+        m_store->saveRulesEnabled(false);
+        makeState();
+        m_state->setDefaultBrowser(QString());
+        const QStringList expected{u"FAILED: No browser found with bundle ID: "_s,
+                                   u"No route: e.com from unknown"_s,
+                                   u"FAILED: No browser found with bundle ID: uninstalled"_s,
+                                   u"FAILED: No browser found with bundle ID: microsoft-edge"_s};
+        for (int i = 0; i < 4; ++i) {
+            if (i == 1) {
+                m_state->toggleRulesEnabled();
+                QTest::ignoreMessage(QtCriticalMsg, "No route found for <private> from <private>");
+            }
+            route(i == 3 ? u"https://work.example/"_s : u"https://e.com/x"_s,
+                  i == 2 ? std::optional(Mail) : std::nullopt);
+            QVERIFY(waitForRoutes(i + 1));
+            QCOMPARE(m_state->lastRouteLog(), expected[i]);
+        }
+        QCOMPARE(m_state->todayForwardCount(), 4);
+        QVERIFY(history().isEmpty());
+    }
+    void profileLaunchFailsAndFallsBack()
+    {
+        RecordingLauncher launcher;
+        launcher.failure = u"Permission denied"_s;
+        launcher.failWhenArgumentStartsWith = u"--profile-directory="_s;
+        m_store->saveRules(
+            {makeRule(u"com.example.mail"_s, std::nullopt, u"google-chrome"_s, u"Work"_s)});
+        makeState(launcher);
+        route(u"https://e.com/"_s, Mail);
+        QVERIFY(waitForRoutes(1));
+        QCOMPARE(launcher.spawned.size(), 2);
+        QCOMPARE(launcher.spawned.last().mid(1), QStringList{u"https://e.com/"_s});
+        QCOMPARE(m_state->lastRouteLog(), u"Mail → Google Chrome [Work]: e.com"_s);
+        QCOMPARE(history().first().ruleMatched, u"com.example.mail → google-chrome"_s);
+    }
+    // The fallback browser uninstalled while Quillvane runs: the user hears of it
+    // once, when it goes, and not again for each link that cannot open.
+    void aVanishedFallbackIsToldOnce()
+    {
+        const QString entry = m_desktop->addBrowser(u"short-lived-fallback"_s, u"Short Lived"_s);
+        // GIO hears of a new entry from its folder's monitor, through the event loop.
+        QTRY_VERIFY(GioDesktopEntries::instance().entry(u"short-lived-fallback"_s));
+        m_store->saveDefaultBrowserBundleID(u"short-lived-fallback"_s);
+        makeState();
+        m_state->refreshBrowsers();
+        QVERIFY(m_notifications.isEmpty());
+        QVERIFY(QFile::remove(entry));
+        m_desktop->refreshDatabase();
+        m_state->refreshBrowsers();
+        QCOMPARE(m_notifications.size(), 1);
+        QVERIFY(m_notifications.first().last().contains(u"short-lived-fallback"_s));
+        m_state->refreshBrowsers();
+        for (int i = 0; i < 3; ++i)
+            route(u"https://e.com/%1"_s.arg(i));
+        QVERIFY(waitForRoutes(3));
+        QCOMPARE(m_notifications.size(), 1);
+        // Chosen again, and gone again: told again.
+        m_state->setDefaultBrowser(u"short-lived-fallback"_s);
+        m_state->refreshBrowsers();
+        QCOMPARE(m_notifications.size(), 2);
+    }
+    // "Ask" as the fallback, and a rule that asks: nothing opens before the answer,
+    // the answer opens, closing the window opens nothing, and without a window the
+    // fallback browser decides.
+    void askingWhereToOpen()
+    {
+        RoutingRule asking = makeRule(u"com.example.mail"_s, std::nullopt, QString());
+        asking.askWhereToOpen = true;
+        asking.targetBrowserName = u"Ask Every Time"_s;
+        m_store->saveRules({asking, makeRule(QString(), u"chrome.example"_s, u"google-chrome"_s)});
+        m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
+        makeState();
+        QList<AskRequest> asked;
+        std::function<void(const AskAnswer &)> answer;
+        m_state->setAskWhereToOpen([&](const AskRequest &request, auto reply) {
+            asked.append(request);
+            answer = std::move(reply);
+        });
+
+        // The rule asks; the fallback browser is offered first.
+        m_state->routeURL(link(u"https://mail.example/a"_s), Mail, u"tok"_s);
+        QTRY_COMPARE(asked.size(), 1);
+        QVERIFY(std::tie(asked[0].source, asked[0].offeredFirst, asked[0].activationToken)
+                == std::make_tuple(Mail, u"epiphany"_s, u"tok"_s));
+        QCOMPARE(m_finished->size(), 0);
+        answer(AskAnswer{AskAnswer::Kind::Chosen, u"firefox-esr"_s, std::nullopt, true});
+        QVERIFY(waitForRoutes(1));
+        QCOMPARE(m_desktop->opened(u"firefox-esr"_s),
+                 (QStringList{u"--private-window"_s, u"https://mail.example/a"_s}));
+        QCOMPARE(history().first().decidedBy, JsonFields::uuidText(asking.id));
+
+        // Not a rule's: the fallback asks; closing the window opens nothing.
+        m_state->setFallbackAsks();
+        route(u"https://nowhere.example/"_s);
+        QTRY_COMPARE(asked.size(), 2);
+        answer(AskAnswer{AskAnswer::Kind::Cancelled, {}, std::nullopt, false});
+        QVERIFY(waitForRoutes(2));
+        QCOMPARE(history().size(), 1);
+        QCOMPARE(m_state->lastRouteLog(),
+                 u"Not opened: nowhere.example (closed without a choice)"_s);
+        QVERIFY(m_notifications.isEmpty());
+        route(u"https://nowhere.example/b"_s);
+        QTRY_COMPARE(asked.size(), 3);
+        answer(AskAnswer{AskAnswer::Kind::Chosen, u"google-chrome"_s, u"Profile 2"_s, false});
+        QVERIFY(waitForRoutes(3));
+        QCOMPARE(m_desktop->opened(u"google-chrome"_s),
+                 (QStringList{u"--profile-directory=Profile 2"_s, u"https://nowhere.example/b"_s}));
+        QCOMPARE(history().first().decidedBy, u"asked"_s);
+        QCOMPARE(history().first().targetProfileID, u"Profile 2"_s);
+        // A URL rule still decides without asking.
+        route(u"https://chrome.example/"_s);
+        QVERIFY(waitForRoutes(4));
+        QCOMPARE(asked.size(), 3);
+
+        // No window can ask: the fallback browser opens the link; without one it
+        // does not open, and the user hears why.
+        m_state->setAskWhereToOpen({});
+        m_desktop->forget(u"epiphany"_s);
+        route(u"https://nowhere.example/c"_s);
+        QVERIFY(waitForRoutes(5));
+        QVERIFY(m_desktop->waitForRun(u"epiphany"_s));
+        QCOMPARE(history().first().decidedBy, u"fallback"_s);
+        m_state->setDefaultBrowser(QString());
+        m_state->setFallbackAsks();
+        route(u"https://nowhere.example/d"_s);
+        QVERIFY(waitForRoutes(6));
+        QCOMPARE(
+            m_notifications.value(0).value(1),
+            u"nowhere.example\nNo window could ask where to open it, and no fallback browser is "
+            "set."_s);
+    }
+    // The local server stands in for a link shortener: the rules and the browser
+    // see where it leads, the history what arrived.
+    void expansionChangesTheLink()
+    {
+        TestHttpServer server;
+        server.redirect(u"/short"_s, 301, "https://docs.example.com/article?utm_medium=x");
+        m_store->saveRules({makeRule(QString(), u"docs.example.com"_s, u"firefox-esr"_s)});
+        m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
+        m_settings->setValue(u"url_expansion_enabled"_s, true);
+        makeState();
+        m_isShortLink = [](const Link &url) { return url.host() == u"127.0.0.1"; };
+        const QString shortLink = server.baseUrl() + u"/short?fbclid=2"_s;
+        route(shortLink);
+        QVERIFY(waitForRoutes(1));
+        QCOMPARE(m_desktop->opened(u"firefox-esr"_s),
+                 QStringList{u"https://docs.example.com/article?utm_medium=x"_s});
+        QCOMPARE(history().first().originalURL, shortLink);
+    }
+    // The rules change while five links wait for their expansion; each reads them
+    // when it routes, and the link that needed none does not wait for them.
+    void manyLinksInFlightWhileRulesChange()
+    {
+        RecordingLauncher launcher;
+        m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
+        m_settings->setValue(u"url_expansion_enabled"_s, true);
+        makeState(launcher);
+        QList<std::shared_ptr<QPromise<Link>>> pending;
+        m_isShortLink = [](const Link &url) { return url.host() == u"s.example"; };
+        m_expand = [&pending](const Link &) {
+            pending.append(std::make_shared<QPromise<Link>>());
+            pending.last()->start();
+            return pending.last()->future();
+        };
+        for (int i = 0; i < 5; ++i)
+            route(u"https://s.example/%1"_s.arg(i), Mail);
+        route(u"https://direct.example/"_s, Mail);
+        QCOMPARE(m_state->todayForwardCount(), 6);
+        QTRY_COMPARE(pending.size(), 5);
+        QVERIFY(waitForRoutes(1));
+        QCOMPARE(launcher.spawned.last().last(), u"https://direct.example/"_s);
+        m_state->addRule(makeRule(u"com.example.mail"_s, std::nullopt, u"firefox-esr"_s));
+        for (int i = 4; i >= 0; --i) {
+            pending[i]->addResult(link(u"https://target.example/%1"_s.arg(i)));
+            pending[i]->finish();
+        }
+        QVERIFY(waitForRoutes(6));
+        QCOMPARE(history().size(), 6);
+        QCOMPARE(history().first().targetBrowserBundleID, u"firefox-esr"_s);
+        QCOMPARE(history().last().targetBrowserBundleID, u"epiphany"_s);
+    }
+    // A link that came through the intake is in the journal until its route ends,
+    // however it ends; a failure nobody waits for reaches the user as a
+    // notification, once for a run of the same failure. A link routed again after a
+    // restart is not counted twice.
+    void journalledLinksLeaveTheJournal()
+    {
+        RecordingLauncher launcher;
+        m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
+        makeState(launcher);
+        QList<LinkJournal::Entry> entries;
+        for (const QString &url : {u"https://opens.example/"_s, u"https://fails.example/"_s,
+                                   u"https://fails.example/again"_s, u"https://nowhere.example/"_s,
+                                   u"https://pending.example/"_s})
+            entries.append({0, LinkJournal::Kind::Open, QDateTime::currentDateTime(), url,
+                            std::nullopt, QString(), QString(), false});
+        LinkJournal::accept(*m_history, entries);
+        const auto routeEntry = [&](int i, bool counted = false) {
+            m_state->routeURL(link(entries[i].url), std::nullopt, {}, {entries[i].id, counted});
+        };
+        routeEntry(0);
+        QVERIFY(waitForRoutes(1));
+        QCOMPARE(journalEntries(), 4);
+        QCOMPARE(history().first().originalURL, entries[0].url);
+
+        launcher.failure = u"Permission denied"_s;
+        routeEntry(1);
+        routeEntry(2);
+        QVERIFY(waitForRoutes(3));
+        QCOMPARE(journalEntries(), 2);
+        QCOMPARE(m_notifications.size(), 1);
+        QCOMPARE(m_notifications[0].value(1),
+                 u"fails.example\nFailed to open URL: Permission denied"_s);
+
+        m_state->setDefaultBrowser(QString());
+        QTest::ignoreMessage(QtCriticalMsg, "No route found for <private> from <private>");
+        const qint64 counted = m_state->todayForwardCount();
+        routeEntry(3, true);
+        QCOMPARE(m_state->todayForwardCount(), counted);
+        QVERIFY(waitForRoutes(4));
+        QCOMPARE(journalEntries(), 1);
+        QCOMPARE(m_notifications.value(1).value(1),
+                 u"nowhere.example\nNo rule matches it and no fallback browser is set."_s);
+
+        // The browser runs: the link is its own and leaves the journal at once, in
+        // the history already, while its verdict is pending. The verdict takes the
+        // record back when the browser failed after all.
+        m_state->setDefaultBrowser(u"epiphany"_s);
+        launcher.failure = {};
+        launcher.holdVerdicts = true;
+        routeEntry(4);
+        QTRY_COMPARE(launcher.heldVerdicts.size(), 1);
+        QCOMPARE(journalEntries(), 0);
+        QCOMPARE(history().first().originalURL, u"https://pending.example/"_s);
+        QCOMPARE(m_finished->size(), 4);
+        launcher.heldVerdicts.first()->addResult(ProcessLauncher::Result(u"ended at once"_s));
+        launcher.heldVerdicts.first()->finish();
+        QVERIFY(waitForRoutes(5));
+        QCOMPARE(history().first().originalURL, u"https://opens.example/"_s);
+    }
 
 private:
     void makeState(ProcessLauncher &launcher = GioProcessLauncher::instance());
@@ -80,22 +353,6 @@ private:
     std::function<QFuture<Link>(const Link &)> m_expand;
 };
 
-void TestPipeline::init()
-{
-    // Settings and history of the test function's own, in the one desktop that
-    // GIO reads for the whole program.
-    const QString own = m_desktop->root() + u'/' + QLatin1StringView(QTest::currentTestFunction());
-    m_settings = UserSettings::open(own + u".conf"_s);
-    m_store = std::make_unique<RuleStore>(*m_settings);
-    m_history = std::make_unique<HistoryDatabase>(own + u".sqlite3"_s);
-    m_history->claimWriter();
-    m_notifications.clear();
-    m_isShortLink = &URLExpander::isShortLink;
-    m_expand = [](const Link &url) { return URLExpander::expand(url, testNetwork()); };
-    for (const QString &program : {u"google-chrome"_s, u"firefox-esr"_s, u"epiphany"_s})
-        m_desktop->forget(program);
-}
-
 void TestPipeline::makeState(ProcessLauncher &launcher)
 {
     BrowserDiscovery::refreshBrowsers(GioDesktopEntries::instance());
@@ -119,277 +376,6 @@ qint64 TestPipeline::journalEntries() const
         count.run();
     });
     return entries;
-}
-
-// Paused: the fallback opens the cleaned link, never expanded, credited to the pause.
-void TestPipeline::pausedPath()
-{
-    m_store->saveRules({makeRule(u"com.example.mail"_s, std::nullopt, u"google-chrome"_s)});
-    m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
-    m_store->saveRulesEnabled(false);
-    m_settings->setValue(u"url_expansion_enabled"_s, true);
-    makeState();
-    m_isShortLink = [](const Link &) { return true; };
-    m_expand = [](const Link &) -> QFuture<Link> { qFatal("a paused route must not expand"); };
-    route(u"https://bit.ly/abc?fbclid=1"_s, Mail);
-    QVERIFY(waitForRoutes(1));
-    QCOMPARE(m_state->lastRouteLog(), u"⏸ Mail → Web: bit.ly"_s);
-    QCOMPARE(m_desktop->opened(u"epiphany"_s), QStringList{u"https://bit.ly/abc"_s});
-    QVERIFY(!m_desktop->ran(u"google-chrome"_s));
-    QCOMPARE(history().first().ruleMatched, u"⏸ Rules paused"_s);
-    QCOMPARE(history().first().decidedBy, u"paused"_s);
-}
-
-// Nothing to open: paused without a fallback, no route, a rule's browser not
-// installed, a profile rule's browser uninstalled (the profile is dropped, the
-// plain launch fails). Counted, never recorded.
-void TestPipeline::failuresAreCountedNotRecorded()
-{
-    m_store->saveRules(
-        {makeRule(u"com.example.mail"_s, std::nullopt, u"uninstalled"_s),
-         makeRule(QString(), u"work.example"_s, u"microsoft-edge"_s, u"Profile 2"_s)});
-    m_store->saveRulesEnabled(false);
-    makeState();
-    m_state->setDefaultBrowser(QString());
-    const QStringList expected{u"FAILED: No browser found with bundle ID: "_s,
-                               u"No route: e.com from unknown"_s,
-                               u"FAILED: No browser found with bundle ID: uninstalled"_s,
-                               u"FAILED: No browser found with bundle ID: microsoft-edge"_s};
-    for (int i = 0; i < 4; ++i) {
-        if (i == 1) {
-            m_state->toggleRulesEnabled();
-            QTest::ignoreMessage(QtCriticalMsg, "No route found for <private> from <private>");
-        }
-        route(i == 3 ? u"https://work.example/"_s : u"https://e.com/x"_s,
-              i == 2 ? std::optional(Mail) : std::nullopt);
-        QVERIFY(waitForRoutes(i + 1));
-        QCOMPARE(m_state->lastRouteLog(), expected[i]);
-    }
-    QCOMPARE(m_state->todayForwardCount(), 4);
-    QVERIFY(history().isEmpty());
-}
-
-void TestPipeline::profileLaunchFailsAndFallsBack()
-{
-    RecordingLauncher launcher;
-    launcher.failure = u"Permission denied"_s;
-    launcher.failWhenArgumentStartsWith = u"--profile-directory="_s;
-    m_store->saveRules(
-        {makeRule(u"com.example.mail"_s, std::nullopt, u"google-chrome"_s, u"Work"_s)});
-    makeState(launcher);
-    route(u"https://e.com/"_s, Mail);
-    QVERIFY(waitForRoutes(1));
-    QCOMPARE(launcher.spawned.size(), 2);
-    QCOMPARE(launcher.spawned.last().mid(1), QStringList{u"https://e.com/"_s});
-    QCOMPARE(m_state->lastRouteLog(), u"Mail → Google Chrome [Work]: e.com"_s);
-    QCOMPARE(history().first().ruleMatched, u"com.example.mail → google-chrome"_s);
-}
-
-// The fallback browser uninstalled while Quillvane runs: the user hears of it
-// once, when it goes, and not again for each link that cannot open.
-void TestPipeline::aVanishedFallbackIsToldOnce()
-{
-    const QString entry = m_desktop->addBrowser(u"short-lived-fallback"_s, u"Short Lived"_s);
-    // GIO hears of a new entry from its folder's monitor, through the event loop.
-    QTRY_VERIFY(GioDesktopEntries::instance().entry(u"short-lived-fallback"_s));
-    m_store->saveDefaultBrowserBundleID(u"short-lived-fallback"_s);
-    makeState();
-    m_state->refreshBrowsers();
-    QVERIFY(m_notifications.isEmpty());
-    QVERIFY(QFile::remove(entry));
-    m_desktop->refreshDatabase();
-    m_state->refreshBrowsers();
-    QCOMPARE(m_notifications.size(), 1);
-    QVERIFY(m_notifications.first().last().contains(u"short-lived-fallback"_s));
-    m_state->refreshBrowsers();
-    for (int i = 0; i < 3; ++i)
-        route(u"https://e.com/%1"_s.arg(i));
-    QVERIFY(waitForRoutes(3));
-    QCOMPARE(m_notifications.size(), 1);
-    // Chosen again, and gone again: told again.
-    m_state->setDefaultBrowser(u"short-lived-fallback"_s);
-    m_state->refreshBrowsers();
-    QCOMPARE(m_notifications.size(), 2);
-}
-
-// "Ask" as the fallback, and a rule that asks: nothing opens before the answer,
-// the answer opens, closing the window opens nothing, and without a window the
-// fallback browser decides.
-void TestPipeline::askingWhereToOpen()
-{
-    RoutingRule asking = makeRule(u"com.example.mail"_s, std::nullopt, QString());
-    asking.askWhereToOpen = true;
-    asking.targetBrowserName = u"Ask Every Time"_s;
-    m_store->saveRules({asking, makeRule(QString(), u"chrome.example"_s, u"google-chrome"_s)});
-    m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
-    makeState();
-    QList<AskRequest> asked;
-    std::function<void(const AskAnswer &)> answer;
-    m_state->setAskWhereToOpen([&](const AskRequest &request, auto reply) {
-        asked.append(request);
-        answer = std::move(reply);
-    });
-
-    // The rule asks; the fallback browser is offered first.
-    m_state->routeURL(link(u"https://mail.example/a"_s), Mail, u"tok"_s);
-    QTRY_COMPARE(asked.size(), 1);
-    QVERIFY(std::tie(asked[0].source, asked[0].offeredFirst, asked[0].activationToken)
-            == std::make_tuple(Mail, u"epiphany"_s, u"tok"_s));
-    QCOMPARE(m_finished->size(), 0);
-    answer(AskAnswer{AskAnswer::Kind::Chosen, u"firefox-esr"_s, std::nullopt, true});
-    QVERIFY(waitForRoutes(1));
-    QCOMPARE(m_desktop->opened(u"firefox-esr"_s),
-             (QStringList{u"--private-window"_s, u"https://mail.example/a"_s}));
-    QCOMPARE(history().first().decidedBy, JsonFields::uuidText(asking.id));
-
-    // Not a rule's: the fallback asks; closing the window opens nothing.
-    m_state->setFallbackAsks();
-    route(u"https://nowhere.example/"_s);
-    QTRY_COMPARE(asked.size(), 2);
-    answer(AskAnswer{AskAnswer::Kind::Cancelled, {}, std::nullopt, false});
-    QVERIFY(waitForRoutes(2));
-    QCOMPARE(history().size(), 1);
-    QCOMPARE(m_state->lastRouteLog(), u"Not opened: nowhere.example (closed without a choice)"_s);
-    QVERIFY(m_notifications.isEmpty());
-    route(u"https://nowhere.example/b"_s);
-    QTRY_COMPARE(asked.size(), 3);
-    answer(AskAnswer{AskAnswer::Kind::Chosen, u"google-chrome"_s, u"Profile 2"_s, false});
-    QVERIFY(waitForRoutes(3));
-    QCOMPARE(m_desktop->opened(u"google-chrome"_s),
-             (QStringList{u"--profile-directory=Profile 2"_s, u"https://nowhere.example/b"_s}));
-    QCOMPARE(history().first().decidedBy, u"asked"_s);
-    QCOMPARE(history().first().targetProfileID, u"Profile 2"_s);
-    // A URL rule still decides without asking.
-    route(u"https://chrome.example/"_s);
-    QVERIFY(waitForRoutes(4));
-    QCOMPARE(asked.size(), 3);
-
-    // No window can ask: the fallback browser opens the link; without one it
-    // does not open, and the user hears why.
-    m_state->setAskWhereToOpen({});
-    m_desktop->forget(u"epiphany"_s);
-    route(u"https://nowhere.example/c"_s);
-    QVERIFY(waitForRoutes(5));
-    QVERIFY(m_desktop->waitForRun(u"epiphany"_s));
-    QCOMPARE(history().first().decidedBy, u"fallback"_s);
-    m_state->setDefaultBrowser(QString());
-    m_state->setFallbackAsks();
-    route(u"https://nowhere.example/d"_s);
-    QVERIFY(waitForRoutes(6));
-    QCOMPARE(m_notifications.value(0).value(1),
-             u"nowhere.example\nNo window could ask where to open it, and no fallback browser is "
-             "set."_s);
-}
-
-// The local server stands in for a link shortener: the rules and the browser
-// see where it leads, the history what arrived.
-void TestPipeline::expansionChangesTheLink()
-{
-    TestHttpServer server;
-    server.redirect(u"/short"_s, 301, "https://docs.example.com/article?utm_medium=x");
-    m_store->saveRules({makeRule(QString(), u"docs.example.com"_s, u"firefox-esr"_s)});
-    m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
-    m_settings->setValue(u"url_expansion_enabled"_s, true);
-    makeState();
-    m_isShortLink = [](const Link &url) { return url.host() == u"127.0.0.1"; };
-    const QString shortLink = server.baseUrl() + u"/short?fbclid=2"_s;
-    route(shortLink);
-    QVERIFY(waitForRoutes(1));
-    QCOMPARE(m_desktop->opened(u"firefox-esr"_s),
-             QStringList{u"https://docs.example.com/article?utm_medium=x"_s});
-    QCOMPARE(history().first().originalURL, shortLink);
-}
-
-// The rules change while five links wait for their expansion; each reads them
-// when it routes, and the link that needed none does not wait for them.
-void TestPipeline::manyLinksInFlightWhileRulesChange()
-{
-    RecordingLauncher launcher;
-    m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
-    m_settings->setValue(u"url_expansion_enabled"_s, true);
-    makeState(launcher);
-    QList<std::shared_ptr<QPromise<Link>>> pending;
-    m_isShortLink = [](const Link &url) { return url.host() == u"s.example"; };
-    m_expand = [&pending](const Link &) {
-        pending.append(std::make_shared<QPromise<Link>>());
-        pending.last()->start();
-        return pending.last()->future();
-    };
-    for (int i = 0; i < 5; ++i)
-        route(u"https://s.example/%1"_s.arg(i), Mail);
-    route(u"https://direct.example/"_s, Mail);
-    QCOMPARE(m_state->todayForwardCount(), 6);
-    QTRY_COMPARE(pending.size(), 5);
-    QVERIFY(waitForRoutes(1));
-    QCOMPARE(launcher.spawned.last().last(), u"https://direct.example/"_s);
-    m_state->addRule(makeRule(u"com.example.mail"_s, std::nullopt, u"firefox-esr"_s));
-    for (int i = 4; i >= 0; --i) {
-        pending[i]->addResult(link(u"https://target.example/%1"_s.arg(i)));
-        pending[i]->finish();
-    }
-    QVERIFY(waitForRoutes(6));
-    QCOMPARE(history().size(), 6);
-    QCOMPARE(history().first().targetBrowserBundleID, u"firefox-esr"_s);
-    QCOMPARE(history().last().targetBrowserBundleID, u"epiphany"_s);
-}
-
-// A link that came through the intake is in the journal until its route ends,
-// however it ends; a failure nobody waits for reaches the user as a
-// notification, once for a run of the same failure. A link routed again after a
-// restart is not counted twice.
-void TestPipeline::journalledLinksLeaveTheJournal()
-{
-    RecordingLauncher launcher;
-    m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
-    makeState(launcher);
-    QList<LinkJournal::Entry> entries;
-    for (const QString &url : {u"https://opens.example/"_s, u"https://fails.example/"_s,
-                               u"https://fails.example/again"_s, u"https://nowhere.example/"_s,
-                               u"https://pending.example/"_s})
-        entries.append({0, LinkJournal::Kind::Open, QDateTime::currentDateTime(), url, std::nullopt,
-                        QString(), QString(), false});
-    LinkJournal::accept(*m_history, entries);
-    const auto routeEntry = [&](int i, bool counted = false) {
-        m_state->routeURL(link(entries[i].url), std::nullopt, {}, {entries[i].id, counted});
-    };
-    routeEntry(0);
-    QVERIFY(waitForRoutes(1));
-    QCOMPARE(journalEntries(), 4);
-    QCOMPARE(history().first().originalURL, entries[0].url);
-
-    launcher.failure = u"Permission denied"_s;
-    routeEntry(1);
-    routeEntry(2);
-    QVERIFY(waitForRoutes(3));
-    QCOMPARE(journalEntries(), 2);
-    QCOMPARE(m_notifications.size(), 1);
-    QCOMPARE(m_notifications[0].value(1), u"fails.example\nFailed to open URL: Permission denied"_s);
-
-    m_state->setDefaultBrowser(QString());
-    QTest::ignoreMessage(QtCriticalMsg, "No route found for <private> from <private>");
-    const qint64 counted = m_state->todayForwardCount();
-    routeEntry(3, true);
-    QCOMPARE(m_state->todayForwardCount(), counted);
-    QVERIFY(waitForRoutes(4));
-    QCOMPARE(journalEntries(), 1);
-    QCOMPARE(m_notifications.value(1).value(1),
-             u"nowhere.example\nNo rule matches it and no fallback browser is set."_s);
-
-    // The browser runs: the link is its own and leaves the journal at once, in
-    // the history already, while its verdict is pending. The verdict takes the
-    // record back when the browser failed after all.
-    m_state->setDefaultBrowser(u"epiphany"_s);
-    launcher.failure = {};
-    launcher.holdVerdicts = true;
-    routeEntry(4);
-    QTRY_COMPARE(launcher.heldVerdicts.size(), 1);
-    QCOMPARE(journalEntries(), 0);
-    QCOMPARE(history().first().originalURL, u"https://pending.example/"_s);
-    QCOMPARE(m_finished->size(), 4);
-    launcher.heldVerdicts.first()->addResult(ProcessLauncher::Result(u"ended at once"_s));
-    launcher.heldVerdicts.first()->finish();
-    QVERIFY(waitForRoutes(5));
-    QCOMPARE(history().first().originalURL, u"https://opens.example/"_s);
 }
 
 QTEST_GUILESS_MAIN(TestPipeline)

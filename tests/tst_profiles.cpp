@@ -34,13 +34,106 @@ private Q_SLOTS:
         QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*.debug=true"_s);
     }
     void chromiumLocalState();
-    void brokenLocalStateFiles_data();
-    void brokenLocalStateFiles();
+    void brokenLocalStateFiles_data()
+    {
+        QTest::addColumn<QByteArray>("contents");
+        QTest::addColumn<QString>("line");
+        const QString structure = u"^Local State file has unexpected structure"_s;
+        QTest::newRow("not JSON") << QByteArray("{\"profile\":")
+                                  << u"^Failed to parse Local State JSON at <private>: "_s;
+        QTest::newRow("binary") << QByteArray("\x00\x01\xff\xfe", 4)
+                                << u"^Failed to parse Local State JSON"_s;
+        QTest::newRow("top-level array") << QByteArray("[1,2]") << structure;
+        QTest::newRow("no profile member") << QByteArray("{\"browser\":{}}") << structure;
+        QTest::newRow("info_cache not an object")
+            << QByteArray("{\"profile\":{\"info_cache\":[]}}") << structure;
+        QTest::newRow("too large") << QByteArray(ProfileDiscovery::MaxFileSize + 1, ' ')
+                                   << u"^Could not read Local State file at"_s;
+    }
+    void brokenLocalStateFiles()
+    {
+        QFETCH(QByteArray, contents);
+        QFETCH(QString, line);
+        const QString path = m_desktop->configHome() + u"/microsoft-edge/Local State"_s;
+        writeFile(path, contents);
+        QTest::ignoreMessage(QtCriticalMsg, QRegularExpression(line));
+        QVERIFY(ProfileDiscovery::discoverProfiles(u"microsoft-edge"_s).isEmpty());
+        QFile::remove(path);
+        QTest::ignoreMessage(QtInfoMsg, "Local State file not found at <private>");
+        QVERIFY(ProfileDiscovery::discoverProfiles(u"microsoft-edge"_s).isEmpty());
+    }
     void localStateReaderAgreesWithQtJson_data();
-    void localStateReaderAgreesWithQtJson();
-    void firefoxProfilesIni();
+    void localStateReaderAgreesWithQtJson()
+    {
+        QFETCH(QByteArray, json);
+        QFETCH(bool, isJson);
+        const auto read = LocalStateReader::read(json);
+        QCOMPARE(read || read.error().kind != LocalStateReader::Error::Kind::NotJson, isJson);
+        // Every valid document here has the profile list.
+        QCOMPARE(bool(read), isJson);
+        if (!read)
+            return;
+        // The profiles found are those a full JSON parser sees.
+        const QJsonObject cache = QJsonDocument::fromJson(json)
+                                      .object()
+                                      .value(u"profile"_s)
+                                      .toObject()
+                                      .value(u"info_cache"_s)
+                                      .toObject();
+        QCOMPARE(read->size(), cache.size());
+        for (const LocalStateReader::Entry &entry : *read)
+            QCOMPARE(entry.name,
+                     cache.value(entry.directory).toObject().value(u"name"_s).toString());
+    }
+    // Only [ProfileN] sections, their first Name, whatever the line ends, the case
+    // of the key or the blanks around it; files that are not text are refused.
+    void firefoxProfilesIni()
+    {
+        const QString text = u"[General]\nName=not-a-profile\nStartWithLastProfile=1\n\n"
+                             "[Profile0]\r\nName=default-release\r\nIsRelative=1\r\nPath=Profiles/"
+                             "abc.default-release\r\n"
+                             "[Install4F96D1932A9F858E]\nName=install\n"
+                             "[Profile1]\n  NAME=Work  \nName = ignored\n"
+                             "[Profile1a]\nName=not a profile section\n"
+                             "[Profile2]\nPath=no-name\n"
+                             "[BackgroundTasksProfiles]\nName=background\n"
+                             "[Profile3]\nName=default-release\u2028[Profile]\nName=Last"_s;
+        const QList<BrowserProfile> profiles =
+            ProfileDiscovery::parseFirefoxProfilesIni(text, u"firefox"_s);
+        QCOMPARE(ids(profiles),
+                 (QStringList{u"default-release"_s, u"Work"_s, u"default-release"_s, u"Last"_s}));
+        QCOMPARE(profiles.first(),
+                 (BrowserProfile{u"default-release"_s, u"default-release"_s, u"firefox"_s}));
+        writeFile(m_desktop->home() + u"/.mozilla/firefox/profiles.ini"_s, text.toUtf8());
+        QTest::ignoreMessage(QtInfoMsg, "Discovered 4 Firefox profile(s)");
+        QCOMPARE(ProfileDiscovery::discoverProfiles(u"FIREFOX-ESR"_s).first().browserBundleID,
+                 u"firefox-esr"_s);
+
+        const QString snap =
+            m_desktop->home() + u"/snap/firefox/common/.mozilla/firefox/profiles.ini"_s;
+        for (const QByteArray &damaged : {QByteArray("[Profile0]\nName=\xff\xfe broken\n"),
+                                          QByteArray("[Profile0]\nName=a\0b\n", 19)}) {
+            writeFile(snap, damaged);
+            QTest::ignoreMessage(QtCriticalMsg, "Could not read Firefox profiles.ini at <private>");
+            QVERIFY(ProfileDiscovery::discoverProfiles(u"firefox_firefox"_s).isEmpty());
+        }
+        QFile::remove(snap);
+        QTest::ignoreMessage(QtInfoMsg, "Firefox profiles.ini not found at <private>");
+        QVERIFY(ProfileDiscovery::discoverProfiles(u"firefox_firefox"_s).isEmpty());
+    }
     void whereEachBuildKeepsItsProfiles_data();
-    void whereEachBuildKeepsItsProfiles();
+    void whereEachBuildKeepsItsProfiles()
+    {
+        QFETCH(QString, id);
+        QFETCH(QString, file);
+        QDir(m_desktop->home() + u"/.mozilla"_s).removeRecursively();
+        file.replace(u"$CONFIG"_s, m_desktop->configHome()).replace(u"$HOME"_s, m_desktop->home());
+        QCOMPARE(ProfileDiscovery::supportedBrowser(id)->profileFile, file);
+        qputenv("CHROME_CONFIG_HOME", QFile::encodeName(m_desktop->root() + u"/chrome-home"_s));
+        QCOMPARE(ProfileDiscovery::supportedBrowser(u"google-chrome"_s)->profileFile,
+                 m_desktop->root() + u"/chrome-home/google-chrome/Local State"_s);
+        qunsetenv("CHROME_CONFIG_HOME");
+    }
 
 private:
     std::unique_ptr<FakeDesktop> m_desktop;
@@ -62,36 +155,6 @@ void TestProfiles::chromiumLocalState()
     QCOMPARE(profiles.last().name, u"Work"_s);
     QTest::ignoreMessage(QtDebugMsg, "Unsupported browser for profile discovery: <private>");
     QVERIFY(ProfileDiscovery::discoverProfiles(u"epiphany"_s).isEmpty());
-}
-
-void TestProfiles::brokenLocalStateFiles_data()
-{
-    QTest::addColumn<QByteArray>("contents");
-    QTest::addColumn<QString>("line");
-    const QString structure = u"^Local State file has unexpected structure"_s;
-    QTest::newRow("not JSON") << QByteArray("{\"profile\":")
-                              << u"^Failed to parse Local State JSON at <private>: "_s;
-    QTest::newRow("binary") << QByteArray("\x00\x01\xff\xfe", 4)
-                            << u"^Failed to parse Local State JSON"_s;
-    QTest::newRow("top-level array") << QByteArray("[1,2]") << structure;
-    QTest::newRow("no profile member") << QByteArray("{\"browser\":{}}") << structure;
-    QTest::newRow("info_cache not an object")
-        << QByteArray("{\"profile\":{\"info_cache\":[]}}") << structure;
-    QTest::newRow("too large") << QByteArray(ProfileDiscovery::MaxFileSize + 1, ' ')
-                               << u"^Could not read Local State file at"_s;
-}
-
-void TestProfiles::brokenLocalStateFiles()
-{
-    QFETCH(QByteArray, contents);
-    QFETCH(QString, line);
-    const QString path = m_desktop->configHome() + u"/microsoft-edge/Local State"_s;
-    writeFile(path, contents);
-    QTest::ignoreMessage(QtCriticalMsg, QRegularExpression(line));
-    QVERIFY(ProfileDiscovery::discoverProfiles(u"microsoft-edge"_s).isEmpty());
-    QFile::remove(path);
-    QTest::ignoreMessage(QtInfoMsg, "Local State file not found at <private>");
-    QVERIFY(ProfileDiscovery::discoverProfiles(u"microsoft-edge"_s).isEmpty());
 }
 
 void TestProfiles::localStateReaderAgreesWithQtJson_data()
@@ -116,64 +179,6 @@ void TestProfiles::localStateReaderAgreesWithQtJson_data()
                                   << false;
 }
 
-void TestProfiles::localStateReaderAgreesWithQtJson()
-{
-    QFETCH(QByteArray, json);
-    QFETCH(bool, isJson);
-    const auto read = LocalStateReader::read(json);
-    QCOMPARE(read || read.error().kind != LocalStateReader::Error::Kind::NotJson, isJson);
-    // Every valid document here has the profile list.
-    QCOMPARE(bool(read), isJson);
-    if (!read)
-        return;
-    // The profiles found are those a full JSON parser sees.
-    const QJsonObject cache = QJsonDocument::fromJson(json)
-                                  .object()
-                                  .value(u"profile"_s)
-                                  .toObject()
-                                  .value(u"info_cache"_s)
-                                  .toObject();
-    QCOMPARE(read->size(), cache.size());
-    for (const LocalStateReader::Entry &entry : *read)
-        QCOMPARE(entry.name, cache.value(entry.directory).toObject().value(u"name"_s).toString());
-}
-
-// Only [ProfileN] sections, their first Name, whatever the line ends, the case
-// of the key or the blanks around it; files that are not text are refused.
-void TestProfiles::firefoxProfilesIni()
-{
-    const QString text = u"[General]\nName=not-a-profile\nStartWithLastProfile=1\n\n"
-                         "[Profile0]\r\nName=default-release\r\nIsRelative=1\r\nPath=Profiles/"
-                         "abc.default-release\r\n"
-                         "[Install4F96D1932A9F858E]\nName=install\n"
-                         "[Profile1]\n  NAME=Work  \nName = ignored\n"
-                         "[Profile1a]\nName=not a profile section\n"
-                         "[Profile2]\nPath=no-name\n"
-                         "[BackgroundTasksProfiles]\nName=background\n"
-                         "[Profile3]\nName=default-release\u2028[Profile]\nName=Last"_s;
-    const QList<BrowserProfile> profiles =
-        ProfileDiscovery::parseFirefoxProfilesIni(text, u"firefox"_s);
-    QCOMPARE(ids(profiles),
-             (QStringList{u"default-release"_s, u"Work"_s, u"default-release"_s, u"Last"_s}));
-    QCOMPARE(profiles.first(),
-             (BrowserProfile{u"default-release"_s, u"default-release"_s, u"firefox"_s}));
-    writeFile(m_desktop->home() + u"/.mozilla/firefox/profiles.ini"_s, text.toUtf8());
-    QTest::ignoreMessage(QtInfoMsg, "Discovered 4 Firefox profile(s)");
-    QCOMPARE(ProfileDiscovery::discoverProfiles(u"FIREFOX-ESR"_s).first().browserBundleID,
-             u"firefox-esr"_s);
-
-    const QString snap = m_desktop->home() + u"/snap/firefox/common/.mozilla/firefox/profiles.ini"_s;
-    for (const QByteArray &damaged :
-         {QByteArray("[Profile0]\nName=\xff\xfe broken\n"), QByteArray("[Profile0]\nName=a\0b\n", 19)}) {
-        writeFile(snap, damaged);
-        QTest::ignoreMessage(QtCriticalMsg, "Could not read Firefox profiles.ini at <private>");
-        QVERIFY(ProfileDiscovery::discoverProfiles(u"firefox_firefox"_s).isEmpty());
-    }
-    QFile::remove(snap);
-    QTest::ignoreMessage(QtInfoMsg, "Firefox profiles.ini not found at <private>");
-    QVERIFY(ProfileDiscovery::discoverProfiles(u"firefox_firefox"_s).isEmpty());
-}
-
 void TestProfiles::whereEachBuildKeepsItsProfiles_data()
 {
     addRows({u"id"_s, u"file"_s}, uR"(
@@ -185,19 +190,6 @@ Brave Flatpak              | com.brave.Browser   | $HOME/.var/app/com.brave.Brow
 Firefox without ~/.mozilla | firefox             | $CONFIG/mozilla/firefox/profiles.ini
 Firefox Flatpak, recent    | org.mozilla.firefox | $HOME/.var/app/org.mozilla.firefox/config/mozilla/firefox/profiles.ini
 )");
-}
-
-void TestProfiles::whereEachBuildKeepsItsProfiles()
-{
-    QFETCH(QString, id);
-    QFETCH(QString, file);
-    QDir(m_desktop->home() + u"/.mozilla"_s).removeRecursively();
-    file.replace(u"$CONFIG"_s, m_desktop->configHome()).replace(u"$HOME"_s, m_desktop->home());
-    QCOMPARE(ProfileDiscovery::supportedBrowser(id)->profileFile, file);
-    qputenv("CHROME_CONFIG_HOME", QFile::encodeName(m_desktop->root() + u"/chrome-home"_s));
-    QCOMPARE(ProfileDiscovery::supportedBrowser(u"google-chrome"_s)->profileFile,
-             m_desktop->root() + u"/chrome-home/google-chrome/Local State"_s);
-    qunsetenv("CHROME_CONFIG_HOME");
 }
 
 QTEST_GUILESS_MAIN(TestProfiles)

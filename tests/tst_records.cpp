@@ -40,7 +40,8 @@ private Q_SLOTS:
         const QByteArray json = RoutingRule::listToJson(rules);
         QCOMPARE(*RoutingRule::listFromJson(json), rules);
         const QJsonArray array = QJsonDocument::fromJson(json).array();
-        QCOMPARE(array[0][u"id"_s].toString(), rules[0].id.toString(QUuid::WithoutBraces).toUpper());
+        QCOMPARE(array[0][u"id"_s].toString(),
+                 rules[0].id.toString(QUuid::WithoutBraces).toUpper());
         QCOMPARE(array[1][u"urlPattern"_s], QJsonValue(u""_s));
         QCOMPARE(array[2].toObject().keys().size(), 5);
 
@@ -65,15 +66,16 @@ private Q_SLOTS:
         QTest::newRow("object") << QByteArray("{}") << u"The data is not a JSON array."_s;
         QTest::newRow("missing member") << QByteArray("[{\"id\":\"" + Id.toUtf8() + "\"}]")
                                         << u"Rule 1 has no member \"sourceAppBundleID\"."_s;
-        QTest::newRow("wrong type") << ruleJson(u",\"urlPattern\":42"_s)
-                                    << u"Rule 1 has a member \"urlPattern\" that is not a string."_s;
+        QTest::newRow("wrong type")
+            << ruleJson(u",\"urlPattern\":42"_s)
+            << u"Rule 1 has a member \"urlPattern\" that is not a string."_s;
         QTest::newRow("id with braces")
             << ruleJson({}).replace(Id.toUtf8(), QByteArray('{' + Id.toUtf8() + '}')) << notUuid;
         QTest::newRow("id not hex") << ruleJson({}).replace("E621", "G621") << notUuid;
         QTest::newRow("element not an object")
             << QByteArray("[1]") << u"Rule 1 is not a JSON object."_s;
-        QTest::newRow("second rule bad") << QByteArray(ruleJson({}).chopped(1) + ",{}]")
-                                         << u"Rule 2 has no member \"id\"."_s;
+        QTest::newRow("second rule bad")
+            << QByteArray(ruleJson({}).chopped(1) + ",{}]") << u"Rule 2 has no member \"id\"."_s;
     }
     void ruleDocumentFailsWhole()
     {
@@ -102,14 +104,13 @@ private Q_SLOTS:
     // Timestamps are seconds since 2001 as a number; absent members are left out.
     void historyRecordForm()
     {
-        ForwardingRecord record = makeRecord(u"https://e.com/?utm_source=x"_s, std::nullopt,
-                                             u"Firefox"_s);
+        ForwardingRecord record =
+            makeRecord(u"https://e.com/?utm_source=x"_s, std::nullopt, u"Firefox"_s);
         record.timestamp = QDateTime(QDate(2001, 1, 1), QTime(0, 0, 10, 500), Qt::UTC);
         const QByteArray json = ForwardingRecord::listToJson({record});
         const QJsonObject object = QJsonDocument::fromJson(json).array().first().toObject();
         QCOMPARE(object.value(u"timestamp"_s).toDouble(), 10.5);
-        for (const QString &member :
-             {u"sourceAppBundleID"_s, u"sourceAppName"_s, u"ruleMatched"_s})
+        for (const QString &member : {u"sourceAppBundleID"_s, u"sourceAppName"_s, u"ruleMatched"_s})
             QVERIFY(!object.contains(member));
         QCOMPARE(ForwardingRecord::listFromJson(json)->first(), record);
         QVERIFY(!ForwardingRecord::listFromJson(QByteArray(json).replace("10.5", "\"10.5\"")));

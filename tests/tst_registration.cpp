@@ -36,10 +36,100 @@ private Q_SLOTS:
         QTRY_VERIFY(GioDesktopEntries::instance().defaultHandler(u"https"_s)
                     != u"work.vorpa.Quillvane"_s);
     }
-    void thePromptAtStart();
-    void requestFromTheSettingsRechecksASecondLater();
-    void xfceKeepsABrowserOfItsOwn();
-    void failureIsLoggedAndChangesNothing();
+    // "Later" changes nothing; "Set as Default" registers for http and https (and
+    // the types browsers open), and once that is so nothing asks again.
+    void thePromptAtStart()
+    {
+        AppDelegate delegate;
+        QVERIFY(!delegate.appState().isSystemDefaultBrowser());
+        MessageBox::setNextAnswer(1);
+        delegate.promptSetAsDefaultBrowserIfNeeded();
+        QCOMPARE(MessageBox::lastText(), u"Set Quillvane as Default Browser?"_s);
+        QCOMPARE(trail().mid(trail().size() - 2),
+                 (QStringList{u"Not the default browser — showing prompt"_s,
+                              u"User chose 'Later' — skipping default browser registration"_s}));
+        QVERIFY(!delegate.appState().checkIsDefaultBrowser());
+
+        MessageBox::setNextAnswer(0);
+        delegate.promptSetAsDefaultBrowserIfNeeded();
+        QCOMPARE(trail().last(),
+                 u"Successfully requested default browser registration for http + https"_s);
+        QVERIFY(delegate.appState().checkIsDefaultBrowser());
+        QCOMPARE(GioDesktopEntries::instance().defaultHandler(u"http"_s),
+                 u"work.vorpa.Quillvane"_s);
+        QVERIFY(readFile(m_desktop->configHome() + u"/mimeapps.list"_s)
+                    .contains("text/html=work.vorpa.Quillvane.desktop"));
+        MessageBox::setNextAnswer(1);
+        delegate.promptSetAsDefaultBrowserIfNeeded();
+        QCOMPARE(trail().last(), u"Already the default browser — skipping prompt"_s);
+        MessageBox::setNextAnswer(std::nullopt);
+    }
+    void requestFromTheSettingsRechecksASecondLater()
+    {
+        QList<std::pair<std::chrono::milliseconds, std::function<void()>>> waits;
+        AppDelegate delegate(nullptr, [&](auto delay, QObject *, std::function<void()> work) {
+            waits.append({delay, std::move(work)});
+        });
+        AppState &state = delegate.appState();
+        QSignalSpy changed(&state, &AppState::isSystemDefaultBrowserChanged);
+        state.requestSetAsDefaultBrowser();
+        QTRY_COMPARE(waits.size(), 1);
+        QVERIFY(trail().contains(
+            u"[AppState] Successfully requested default browser registration for http + https"_s));
+        // Registered, but the state looks again only once the second has passed.
+        QCOMPARE(GioDesktopEntries::instance().defaultHandler(u"https"_s),
+                 u"work.vorpa.Quillvane"_s);
+        QCOMPARE(waits.first().first, std::chrono::milliseconds(1000));
+        QVERIFY(changed.isEmpty());
+        waits.first().second();
+        QCOMPARE(changed.size(), 1);
+        QVERIFY(state.isSystemDefaultBrowser());
+    }
+    // On XFCE, xdg-settings and exo-open ask XFCE's own preferred browser: the
+    // registration sets it too, keeping the file's other lines, and xdg-settings
+    // then agrees that Quillvane is the web browser.
+    void xfceKeepsABrowserOfItsOwn()
+    {
+        const QString rc = m_desktop->configHome() + u"/xfce4/helpers.rc"_s;
+        writeFile(rc, "TerminalEmulator=xfce4-terminal\nWebBrowser=firefox\n");
+        qputenv("XDG_CURRENT_DESKTOP", "XFCE");
+        const auto restore = qScopeGuard([] { qunsetenv("XDG_CURRENT_DESKTOP"); });
+        const auto requested = DefaultBrowserRegistration::request(GioDesktopEntries::instance(),
+                                                                   u"work.vorpa.Quillvane"_s);
+        QVERIFY2(requested, requested ? "" : qPrintable(requested.error()));
+        QCOMPARE(readFile(rc),
+                 QByteArray("TerminalEmulator=xfce4-terminal\nWebBrowser=work.vorpa.Quillvane\n"));
+        QCOMPARE(DesktopSettings::xfceWebBrowser(), u"work.vorpa.Quillvane"_s);
+        const QByteArray helper =
+            readFile(m_desktop->root() + u"/data/xfce4/helpers/work.vorpa.Quillvane.desktop"_s);
+        QVERIFY(helper.contains("Type=X-XFCE-Helper\nX-XFCE-Category=WebBrowser\n"));
+        const QByteArray command =
+            "X-XFCE-CommandsWithParameter="
+            + QFile::encodeName(m_desktop->root() + u"/bin/work.vorpa.Quillvane"_s) + " \"%s\"";
+        QVERIFY2(helper.contains(command), helper.constData());
+        const QString xdgSettings = QStandardPaths::findExecutable(u"xdg-settings"_s);
+        if (xdgSettings.isEmpty())
+            QSKIP("xdg-settings (xdg-utils) is not installed");
+        QProcess asked;
+        asked.start(xdgSettings, {u"get"_s, u"default-web-browser"_s});
+        QVERIFY(asked.waitForFinished(20000));
+        QCOMPARE(asked.readAllStandardOutput().trimmed(),
+                 QByteArray("work.vorpa.Quillvane.desktop"));
+    }
+    void failureIsLoggedAndChangesNothing()
+    {
+        int waits = 0;
+        AppDelegate delegate(nullptr, [&](auto, QObject *, std::function<void()>) { ++waits; });
+        QFile::remove(m_entry);
+        m_desktop->refreshDatabase();
+        QTRY_VERIFY(!GioDesktopEntries::instance().entry(u"work.vorpa.Quillvane"_s));
+        QTest::ignoreMessage(QtCriticalMsg, "Failed to set default browser: <private>");
+        delegate.appState().requestSetAsDefaultBrowser();
+        QTRY_VERIFY(trail().last().startsWith(u"[AppState] Failed to set default browser: "_s));
+        QCOMPARE(waits, 0);
+        QVERIFY(!delegate.appState().isSystemDefaultBrowser());
+        QVERIFY(!QFile::exists(m_desktop->configHome() + u"/mimeapps.list"_s));
+    }
 
 private:
     // The trail's lines without their times.
@@ -56,101 +146,6 @@ private:
     std::unique_ptr<FakeDesktop> m_desktop;
     QString m_entry;
 };
-
-// "Later" changes nothing; "Set as Default" registers for http and https (and
-// the types browsers open), and once that is so nothing asks again.
-void TestRegistration::thePromptAtStart()
-{
-    AppDelegate delegate;
-    QVERIFY(!delegate.appState().isSystemDefaultBrowser());
-    MessageBox::setNextAnswer(1);
-    delegate.promptSetAsDefaultBrowserIfNeeded();
-    QCOMPARE(MessageBox::lastText(), u"Set Quillvane as Default Browser?"_s);
-    QCOMPARE(trail().mid(trail().size() - 2),
-             (QStringList{u"Not the default browser — showing prompt"_s,
-                          u"User chose 'Later' — skipping default browser registration"_s}));
-    QVERIFY(!delegate.appState().checkIsDefaultBrowser());
-
-    MessageBox::setNextAnswer(0);
-    delegate.promptSetAsDefaultBrowserIfNeeded();
-    QCOMPARE(trail().last(),
-             u"Successfully requested default browser registration for http + https"_s);
-    QVERIFY(delegate.appState().checkIsDefaultBrowser());
-    QCOMPARE(GioDesktopEntries::instance().defaultHandler(u"http"_s), u"work.vorpa.Quillvane"_s);
-    QVERIFY(readFile(m_desktop->configHome() + u"/mimeapps.list"_s)
-                .contains("text/html=work.vorpa.Quillvane.desktop"));
-    MessageBox::setNextAnswer(1);
-    delegate.promptSetAsDefaultBrowserIfNeeded();
-    QCOMPARE(trail().last(), u"Already the default browser — skipping prompt"_s);
-    MessageBox::setNextAnswer(std::nullopt);
-}
-
-void TestRegistration::requestFromTheSettingsRechecksASecondLater()
-{
-    QList<std::pair<std::chrono::milliseconds, std::function<void()>>> waits;
-    AppDelegate delegate(nullptr, [&](auto delay, QObject *, std::function<void()> work) {
-        waits.append({delay, std::move(work)});
-    });
-    AppState &state = delegate.appState();
-    QSignalSpy changed(&state, &AppState::isSystemDefaultBrowserChanged);
-    state.requestSetAsDefaultBrowser();
-    QTRY_COMPARE(waits.size(), 1);
-    QVERIFY(trail().contains(
-        u"[AppState] Successfully requested default browser registration for http + https"_s));
-    // Registered, but the state looks again only once the second has passed.
-    QCOMPARE(GioDesktopEntries::instance().defaultHandler(u"https"_s), u"work.vorpa.Quillvane"_s);
-    QCOMPARE(waits.first().first, std::chrono::milliseconds(1000));
-    QVERIFY(changed.isEmpty());
-    waits.first().second();
-    QCOMPARE(changed.size(), 1);
-    QVERIFY(state.isSystemDefaultBrowser());
-}
-
-// On XFCE, xdg-settings and exo-open ask XFCE's own preferred browser: the
-// registration sets it too, keeping the file's other lines, and xdg-settings
-// then agrees that Quillvane is the web browser.
-void TestRegistration::xfceKeepsABrowserOfItsOwn()
-{
-    const QString rc = m_desktop->configHome() + u"/xfce4/helpers.rc"_s;
-    writeFile(rc, "TerminalEmulator=xfce4-terminal\nWebBrowser=firefox\n");
-    qputenv("XDG_CURRENT_DESKTOP", "XFCE");
-    const auto restore = qScopeGuard([] { qunsetenv("XDG_CURRENT_DESKTOP"); });
-    const auto requested = DefaultBrowserRegistration::request(GioDesktopEntries::instance(),
-                                                               u"work.vorpa.Quillvane"_s);
-    QVERIFY2(requested, requested ? "" : qPrintable(requested.error()));
-    QCOMPARE(readFile(rc),
-             QByteArray("TerminalEmulator=xfce4-terminal\nWebBrowser=work.vorpa.Quillvane\n"));
-    QCOMPARE(DesktopSettings::xfceWebBrowser(), u"work.vorpa.Quillvane"_s);
-    const QByteArray helper =
-        readFile(m_desktop->root() + u"/data/xfce4/helpers/work.vorpa.Quillvane.desktop"_s);
-    QVERIFY(helper.contains("Type=X-XFCE-Helper\nX-XFCE-Category=WebBrowser\n"));
-    const QByteArray command = "X-XFCE-CommandsWithParameter="
-                               + QFile::encodeName(m_desktop->root() + u"/bin/work.vorpa.Quillvane"_s)
-                               + " \"%s\"";
-    QVERIFY2(helper.contains(command), helper.constData());
-    const QString xdgSettings = QStandardPaths::findExecutable(u"xdg-settings"_s);
-    if (xdgSettings.isEmpty())
-        QSKIP("xdg-settings (xdg-utils) is not installed");
-    QProcess asked;
-    asked.start(xdgSettings, {u"get"_s, u"default-web-browser"_s});
-    QVERIFY(asked.waitForFinished(20000));
-    QCOMPARE(asked.readAllStandardOutput().trimmed(), QByteArray("work.vorpa.Quillvane.desktop"));
-}
-
-void TestRegistration::failureIsLoggedAndChangesNothing()
-{
-    int waits = 0;
-    AppDelegate delegate(nullptr, [&](auto, QObject *, std::function<void()>) { ++waits; });
-    QFile::remove(m_entry);
-    m_desktop->refreshDatabase();
-    QTRY_VERIFY(!GioDesktopEntries::instance().entry(u"work.vorpa.Quillvane"_s));
-    QTest::ignoreMessage(QtCriticalMsg, "Failed to set default browser: <private>");
-    delegate.appState().requestSetAsDefaultBrowser();
-    QTRY_VERIFY(trail().last().startsWith(u"[AppState] Failed to set default browser: "_s));
-    QCOMPARE(waits, 0);
-    QVERIFY(!delegate.appState().isSystemDefaultBrowser());
-    QVERIFY(!QFile::exists(m_desktop->configHome() + u"/mimeapps.list"_s));
-}
 
 QTEST_MAIN(TestRegistration)
 #include "tst_registration.moc"

@@ -59,18 +59,335 @@ class TestRulePanes final : public QObject
 
 private Q_SLOTS:
     void init();
-    void cleanup();
-    void listsFollowTheRules();
-    void clicksAndKeysOnRows();
-    void urlPatternIsNormalised_data();
-    void urlPatternIsNormalised();
-    void urlSheetCreatesAndEdits();
-    void appSheetFromRunningAndManual();
-    void appSheetEditing();
-    void profilesFollowTheBrowser();
-    void privateWindowsAndHiddenBrowsers();
+    void cleanup()
+    {
+        m_app.reset();
+        qputenv("HOME", m_home);
+    }
+    void listsFollowTheRules()
+    {
+        AppRuleListView apps(*m_app->state, services());
+        URLRuleListView urls(*m_app->state, services());
+        const auto state = [&] {
+            return u"%1, %2, page %3"_s
+                .arg(child<QLabel>(&apps, u"appRulesCount"_s)->text(),
+                     child<QLabel>(&urls, u"urlRulesCount"_s)->text())
+                .arg(urls.findChild<QStackedWidget *>()->currentIndex());
+        };
+        QCOMPARE(state(), u"0 rules, 0 rules, page 0"_s); // the invitation
+        // Made elsewhere (automation): shown at once, each where it belongs, by
+        // name ignoring case, without a pattern before with one.
+        const RoutingRule docs = makeRule({}, u"docs.example"_s, u"safari"_s);
+        m_app->state->addRule(makeRule(u"org.example.Mail"_s, u"docs.example"_s, u"firefox"_s));
+        m_app->state->addRule(docs);
+        m_app->state->addRule(makeRule(u"org.example.mail"_s, std::nullopt, u"safari"_s));
+        QCOMPARE(state(), u"2 rules, 1 rule, page 1"_s);
+        const QAbstractItemModel *model = apps.list().model();
+        QCOMPARE(model->index(0, 0).data().toString(), u"org.example.mail → safari"_s);
+        QCOMPARE(model->index(1, 0).data().toString(),
+                 u"org.example.Mail + docs.example → firefox"_s);
+        m_app->state->deleteRule(docs);
+        QCOMPARE(state(), u"2 rules, 0 rules, page 0"_s);
+    }
+    void clicksAndKeysOnRows()
+    {
+        m_app->state->addRule(makeRule({}, u"a.example"_s, u"safari"_s));
+        m_app->state->addRule(makeRule({}, u"b.example"_s, u"safari"_s));
+        URLRuleListView pane(*m_app->state, services());
+        pane.resize(520, 480);
+        pane.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&pane));
+        QListView &list = pane.list();
+        const QModelIndex first = list.model()->index(0, 0);
+
+        QTest::mouseClick(list.viewport(), Qt::LeftButton, {}, list.visualRect(first).center());
+        auto *sheet = sheetOf<URLRuleEditView>(pane);
+        QCOMPARE(child<QLineEdit>(sheet, u"patternField"_s)->text(), u"a.example"_s);
+        QTest::keyClick(sheet, Qt::Key_Escape);
+        QTRY_VERIFY(!pane.sheet());
+        QCOMPARE(stored().size(), 2);
+        // The bin deletes at once, without a question.
+        QTest::mouseClick(list.viewport(), Qt::LeftButton, {},
+                          pane.deleteButtonRect(first).center());
+        QVERIFY(!pane.sheet());
+        QCOMPARE(stored().value(0).urlPattern, u"b.example"_s);
+        // The keyboard: Return edits, Delete deletes.
+        list.setFocus();
+        list.setCurrentIndex(list.model()->index(0, 0));
+        QTest::keyClick(&list, Qt::Key_Return);
+        QVERIFY(pane.sheet());
+        pane.sheet()->reject();
+        QTRY_VERIFY(!pane.sheet());
+        QTest::keyClick(&list, Qt::Key_Delete);
+        QVERIFY(stored().isEmpty());
+    }
+    void urlPatternIsNormalised_data()
+    {
+        QTest::addColumn<QString>("typed");
+        QTest::addColumn<QString>("saved"); // empty: Save stays disabled
+        QTest::addColumn<bool>("note");
+        QTest::newRow("blanks, upper-case scheme")
+            << u"  HTTPS://Example.com/Org  "_s << u"Example.com/Org"_s << true;
+        QTest::newRow("one prefix only")
+            << u"https://http://a.example.com"_s << u"http://a.example.com"_s << true;
+        QTest::newRow("only the scheme") << u"https://"_s << QString() << true;
+        QTest::newRow("wildcards stay") << u"*example.org*"_s << u"*example.org*"_s << false;
+        QTest::newRow("inner blanks, case stay")
+            << u"\tDocs.Example/A B/\n"_s << u"Docs.Example/A B/"_s << false;
+        QTest::newRow("blanks only") << u"   "_s << QString() << false;
+    }
+    void urlPatternIsNormalised()
+    {
+        QFETCH(QString, typed);
+        QFETCH(QString, saved);
+        QFETCH(bool, note);
+        URLRuleListView pane(*m_app->state, services());
+        pane.showAddSheet();
+        auto *sheet = sheetOf<URLRuleEditView>(pane);
+        sheet->selectBrowser(u"safari"_s);
+        auto *field = child<QLineEdit>(sheet, u"patternField"_s);
+        // Tabs and line breaks arrive by pasting, not by keys.
+        if (typed.contains(u'\t'))
+            field->setText(typed);
+        else
+            QTest::keyClicks(field, typed);
+        auto *noteLabel = child<QLabel>(sheet, u"patternNote"_s);
+        QCOMPARE(noteLabel->isVisibleTo(sheet), note);
+        QCOMPARE(child<QWidget>(sheet, u"patternHelp"_s)->isVisibleTo(sheet), !note);
+        if (note) // with the pattern as it will be saved
+            QVERIFY(noteLabel->text().contains(
+                u"<b>%1</b>"_s.arg(URLRuleEditView::trimmedPattern(typed))));
+        QCOMPARE(save(sheet), !saved.isEmpty());
+        QCOMPARE(stored().value(0).urlPattern.value_or(QString()), saved);
+    }
+    void urlSheetCreatesAndEdits()
+    {
+        URLRuleListView pane(*m_app->state, services());
+        pane.showAddSheet();
+        auto *sheet = sheetOf<URLRuleEditView>(pane);
+        QTest::keyClicks(child<QLineEdit>(sheet, u"patternField"_s), u"docs.example"_s);
+        QVERIFY(!save(sheet)); // no browser yet
+        sheet->selectBrowser(u"safari"_s);
+        QVERIFY(save(sheet));
+        QTRY_VERIFY(!pane.sheet());
+        QCOMPARE(stored().value(0).targetBrowserName, u"Safari"_s);
+
+        // A rule whose browser was uninstalled keeps it, saved under its id.
+        RoutingRule old = makeRule({}, u"old.example"_s, u"gone-browser"_s);
+        old.targetBrowserName = u"Gone"_s;
+        m_app->state->addRule(old);
+        pane.showEditSheet(old);
+        sheet = sheetOf<URLRuleEditView>(pane);
+        QCOMPARE(child<QComboBox>(sheet, u"browserPicker"_s)->currentText(),
+                 u"Gone (not installed)"_s);
+        QLineEdit *pattern = child<QLineEdit>(sheet, u"patternField"_s);
+        pattern->selectAll();
+        QTest::keyClicks(pattern, u"new.example"_s);
+        QVERIFY(save(sheet));
+        old.urlPattern = u"new.example"_s;
+        old.targetBrowserName = u"gone-browser"_s;
+        QCOMPARE(stored(), (QList{stored().value(0), old}));
+        // Deleted by automation while its sheet is open: saving does not bring it back.
+        pane.showEditSheet(old);
+        sheet = sheetOf<URLRuleEditView>(pane);
+        m_app->state->deleteRule(old);
+        QVERIFY(save(sheet));
+        QCOMPARE(stored().size(), 1);
+        QCOMPARE(m_app->state->rules().size(), 1);
+    }
+    void appSheetFromRunningAndManual()
+    {
+        AppRuleListView pane(*m_app->state, services());
+        pane.showAddSheet();
+        auto *sheet = sheetOf<AppRuleEditView>(pane);
+        auto *source = child<QComboBox>(sheet, u"sourcePicker"_s);
+        QCOMPARE(comboTexts(source),
+                 (QStringList{u"Select an application..."_s, u"Evolution (org.gnome.Evolution)"_s,
+                              u"Chat (org.example.Chat)"_s}));
+        sheet->selectBrowser(u"firefox"_s);
+        QVERIFY(!save(sheet));
+        source->setCurrentIndex(1);
+        // Evolution quits before Save: saved under its id.
+        m_running.removeFirst();
+        QVERIFY(save(sheet));
+        QCOMPARE(stored().value(0).sourceAppName, u"org.gnome.Evolution"_s);
+
+        // By hand: a name defaults to the id; an id of blanks is saved as typed.
+        pane.showAddSheet();
+        sheet = sheetOf<AppRuleEditView>(pane);
+        child<QComboBox>(sheet, u"sourcePicker"_s)->setCurrentIndex(1);
+        QTest::mouseClick(child<QCheckBox>(sheet, u"manualSwitch"_s), Qt::LeftButton, {},
+                          QPoint(8, 8));
+        sheet->selectBrowser(u"safari"_s);
+        QVERIFY(!save(sheet)); // only the active mode counts
+        QTest::keyClicks(child<QLineEdit>(sheet, u"manualBundleID"_s), u"   "_s);
+        QVERIFY(save(sheet));
+        QCOMPARE(stored().value(1).sourceAppName, u"   "_s);
+
+        // The installed applications fill both fields.
+        pane.showAddSheet();
+        sheet = sheetOf<AppRuleEditView>(pane);
+        child<QCheckBox>(sheet, u"manualSwitch"_s)->setChecked(true);
+        auto *installed = child<QComboBox>(sheet, u"installedPicker"_s);
+        const int firefox = installed->findText(u"Firefox (firefox)"_s);
+        QVERIFY(firefox > 0);
+        installed->setCurrentIndex(firefox);
+        Q_EMIT installed->activated(firefox);
+        QCOMPARE(sheet->resolvedSourceBundleID(), u"firefox"_s);
+        QCOMPARE(sheet->resolvedSourceName(), u"Firefox"_s);
+        sheet->reject();
+    }
+    void appSheetEditing()
+    {
+        RoutingRule notRunning = makeRule(u"org.example.Music"_s, u"music.example"_s, u"safari"_s);
+        notRunning.sourceAppName = u"Music"_s;
+        m_app->state->addRule(notRunning);
+        AppRuleListView pane(*m_app->state, services());
+        pane.showEditSheet(notRunning);
+        auto *sheet = sheetOf<AppRuleEditView>(pane);
+        // Not running: opened by hand, with what the rule has.
+        QVERIFY(child<QCheckBox>(sheet, u"manualSwitch"_s)->isChecked());
+        QCOMPARE(child<QLineEdit>(sheet, u"manualBundleID"_s)->text(), u"org.example.Music"_s);
+        QCOMPARE(child<QLineEdit>(sheet, u"manualAppName"_s)->text(), u"Music"_s);
+        QVERIFY(save(sheet));
+        // The sheet makes no patterns: the saved rule has none, and keeps its id.
+        QCOMPARE(stored().size(), 1);
+        QVERIFY(stored().first().id == notRunning.id && !stored().first().urlPattern);
+
+        const RoutingRule chat = makeRule(u"org.example.Chat"_s, std::nullopt, u"firefox"_s);
+        m_app->state->addRule(chat);
+        pane.showEditSheet(chat);
+        sheet = sheetOf<AppRuleEditView>(pane);
+        QVERIFY(!child<QCheckBox>(sheet, u"manualSwitch"_s)->isChecked());
+        QCOMPARE(child<QComboBox>(sheet, u"sourcePicker"_s)->currentText(),
+                 u"Chat (org.example.Chat)"_s);
+        sheet->reject();
+    }
+    void profilesFollowTheBrowser()
+    {
+        RoutingRule work = makeRule({}, u"work.example"_s, u"google-chrome"_s, u"Profile 1"_s);
+        m_app->state->addRule(work);
+        URLRuleListView pane(*m_app->state, services());
+        pane.showEditSheet(work);
+        auto *sheet = sheetOf<URLRuleEditView>(pane);
+        auto *profile = child<QComboBox>(sheet, u"profilePicker"_s);
+        QCOMPARE(comboTexts(profile),
+                 (QStringList{u"Default (no specific profile)"_s, u"Person 1"_s, u"Work"_s}));
+        QCOMPARE(profile->currentText(), u"Work"_s);
+        QVERIFY(!child<QLabel>(sheet, u"profileNote"_s)->isVisibleTo(sheet));
+        // Another browser: its profiles, and back to no specific one.
+        sheet->selectBrowser(u"firefox"_s);
+        QCOMPARE(comboTexts(profile), (QStringList{u"Default (no specific profile)"_s,
+                                                   u"default-release"_s, u"Testing"_s}));
+        QCOMPARE(profile->currentIndex(), 0);
+        profile->setCurrentIndex(2);
+        QVERIFY(save(sheet));
+        QCOMPARE(stored().first().targetProfileID, u"Testing"_s);
+
+        // A browser without profiles: the URL sheet says so, the app sheet shows nothing.
+        pane.showAddSheet();
+        sheet = sheetOf<URLRuleEditView>(pane);
+        sheet->selectBrowser(u"safari"_s);
+        QVERIFY(child<QLabel>(sheet, u"profileNote"_s)->isVisibleTo(sheet));
+        sheet->reject();
+        AppRuleListView apps(*m_app->state, services());
+        apps.showAddSheet();
+        auto *appSheet = sheetOf<AppRuleEditView>(apps);
+        appSheet->selectBrowser(u"safari"_s);
+        QVERIFY(!child<QComboBox>(appSheet, u"profilePicker"_s)->isVisibleTo(appSheet));
+        QVERIFY(!child<QLabel>(appSheet, u"profileNote"_s)->isVisibleTo(appSheet));
+        appSheet->selectBrowser(u"google-chrome"_s);
+        QVERIFY(child<QComboBox>(appSheet, u"profilePicker"_s)->isVisibleTo(appSheet));
+        appSheet->reject();
+    }
+    // The private window is offered where Quillvane knows the browser's option,
+    // kept in the rule, and shown on its row; a hidden browser is offered only to
+    // the rule that names it already.
+    void privateWindowsAndHiddenBrowsers()
+    {
+        URLRuleListView pane(*m_app->state, services());
+        pane.showAddSheet();
+        auto *sheet = sheetOf<URLRuleEditView>(pane);
+        child<QLineEdit>(sheet, u"patternField"_s)->setText(u"bank.example"_s);
+        auto *privateWindow = child<QCheckBox>(sheet, u"privateWindowCheck"_s);
+        sheet->selectBrowser(u"safari"_s);
+        QVERIFY(!privateWindow->isVisibleTo(sheet));
+        sheet->selectBrowser(u"firefox"_s);
+        QVERIFY(privateWindow->isVisibleTo(sheet));
+        privateWindow->setChecked(true);
+        // Ticked, then a browser without a private window: not saved as private.
+        sheet->selectBrowser(u"safari"_s);
+        QVERIFY(!sheet->privateWindowChosen());
+        sheet->selectBrowser(u"google-chrome"_s);
+        QVERIFY(save(sheet));
+        QVERIFY(stored().first().openInPrivateWindow);
+
+        m_app->state->setBrowserPreference({u"google-chrome"_s, true, {}});
+        pane.showAddSheet();
+        sheet = sheetOf<URLRuleEditView>(pane);
+        QVERIFY(child<QComboBox>(sheet, u"browserPicker"_s)->findData(u"google-chrome"_s) < 0);
+        sheet->reject();
+        pane.showEditSheet(stored().first());
+        sheet = sheetOf<URLRuleEditView>(pane);
+        QCOMPARE(sheet->selectedBrowserBundleID(), u"google-chrome"_s);
+        QVERIFY(child<QCheckBox>(sheet, u"privateWindowCheck"_s)->isChecked());
+        sheet->reject();
+
+        // "Ask Every Time" instead of a browser: no profile, no private window.
+        AppRuleListView apps(*m_app->state, services());
+        apps.showAddSheet();
+        auto *appSheet = sheetOf<AppRuleEditView>(apps);
+        child<QComboBox>(appSheet, u"sourcePicker"_s)->setCurrentIndex(1);
+        auto *browsers = child<QComboBox>(appSheet, u"browserPicker"_s);
+        QCOMPARE(browsers->itemText(browsers->count() - 1), u"Ask Every Time"_s);
+        browsers->setCurrentIndex(browsers->count() - 1);
+        QVERIFY(appSheet->asksWhereToOpen());
+        QVERIFY(!child<QCheckBox>(appSheet, u"privateWindowCheck"_s)->isVisibleTo(appSheet));
+        QVERIFY(save(appSheet));
+        const RoutingRule asking = stored().last();
+        QVERIFY(asking.askWhereToOpen && asking.targetBrowserBundleID.isEmpty());
+        apps.showEditSheet(asking);
+        QVERIFY(sheetOf<AppRuleEditView>(apps)->asksWhereToOpen());
+    }
     void profileNamesAreReadOncePerChange();
-    void linkTester();
+    void linkTester()
+    {
+        m_app->state->addRule(makeRule({}, u"docs.example"_s, u"google-chrome"_s, u"Profile 1"_s));
+        m_app->state->addRule(makeRule(u"org.example.Mail"_s, std::nullopt, u"safari"_s));
+        const auto verdict = [&](const QString &typed) {
+            return LinkTester::verdict(*m_app->state, typed);
+        };
+        QCOMPARE(verdict(u"  "_s), QString());
+        QCOMPARE(verdict(u"ftp://files.example/"_s), verdict(u"docs.example"_s)); // not web links
+        // App rules need an application; with none, the URL rules and the fallback decide.
+        QCOMPARE(verdict(u"https://docs.example/guide?utm_source=news&id=4"_s),
+                 u"Opens in Google Chrome, profile \"Profile 1\" — URL rule \"docs.example\".\n"
+                 "Checked as https://docs.example/guide?id=4 (tracking parameters removed)."_s);
+        QCOMPARE(verdict(u"https://other.example/"_s),
+                 u"Opens in Firefox — the fallback browser: no URL rule matches."_s);
+        m_app->state->toggleURLExpansion();
+        QVERIFY(verdict(u"https://bit.ly/abc"_s).contains(u"\nA short link"_s));
+        m_app->state->toggleRulesEnabled();
+        QVERIFY(verdict(u"https://docs.example/"_s)
+                    .startsWith(u"Opens in Firefox: rules are paused"_s));
+        m_app->state->toggleRulesEnabled();
+
+        // In the pane, typed live; nothing stored changes and nothing is logged.
+        DiagnosticLog::setEnabled(true);
+        const QByteArray settingsBefore = readFile(m_app->environment.settingsPath());
+        const QByteArray logBefore = readFile(m_app->environment.diagnosticLogPath());
+        URLRuleListView pane(*m_app->state, services());
+        auto *field = child<QLineEdit>(&pane, u"linkTesterField"_s);
+        auto *result = child<QLabel>(&pane, u"linkTesterResult"_s);
+        QTest::keyClicks(field, u"https://docs.example/x"_s);
+        QCOMPARE(result->text(),
+                 u"Opens in Google Chrome, profile \"Profile 1\" — URL rule \"docs.example\"."_s);
+        QCOMPARE(readFile(m_app->environment.settingsPath()), settingsBefore);
+        QCOMPARE(readFile(m_app->environment.diagnosticLogPath()), logBefore);
+        field->setText(u"https://elsewhere.example/"_s);
+        m_app->state->setDefaultBrowser(u"safari"_s); // the answer follows the settings
+        QVERIFY(result->text().startsWith(u"Opens in Safari — the fallback browser"_s));
+    }
 
 private:
     RuleEditServices services()
@@ -104,300 +421,6 @@ void TestRulePanes::init()
     m_app->start().refreshBrowsers();
 }
 
-void TestRulePanes::cleanup()
-{
-    m_app.reset();
-    qputenv("HOME", m_home);
-}
-
-void TestRulePanes::listsFollowTheRules()
-{
-    AppRuleListView apps(*m_app->state, services());
-    URLRuleListView urls(*m_app->state, services());
-    const auto state = [&] {
-        return u"%1, %2, page %3"_s.arg(child<QLabel>(&apps, u"appRulesCount"_s)->text(),
-                                        child<QLabel>(&urls, u"urlRulesCount"_s)->text())
-            .arg(urls.findChild<QStackedWidget *>()->currentIndex());
-    };
-    QCOMPARE(state(), u"0 rules, 0 rules, page 0"_s); // the invitation
-    // Made elsewhere (automation): shown at once, each where it belongs, by
-    // name ignoring case, without a pattern before with one.
-    const RoutingRule docs = makeRule({}, u"docs.example"_s, u"safari"_s);
-    m_app->state->addRule(makeRule(u"org.example.Mail"_s, u"docs.example"_s, u"firefox"_s));
-    m_app->state->addRule(docs);
-    m_app->state->addRule(makeRule(u"org.example.mail"_s, std::nullopt, u"safari"_s));
-    QCOMPARE(state(), u"2 rules, 1 rule, page 1"_s);
-    const QAbstractItemModel *model = apps.list().model();
-    QCOMPARE(model->index(0, 0).data().toString(), u"org.example.mail → safari"_s);
-    QCOMPARE(model->index(1, 0).data().toString(), u"org.example.Mail + docs.example → firefox"_s);
-    m_app->state->deleteRule(docs);
-    QCOMPARE(state(), u"2 rules, 0 rules, page 0"_s);
-}
-
-void TestRulePanes::clicksAndKeysOnRows()
-{
-    m_app->state->addRule(makeRule({}, u"a.example"_s, u"safari"_s));
-    m_app->state->addRule(makeRule({}, u"b.example"_s, u"safari"_s));
-    URLRuleListView pane(*m_app->state, services());
-    pane.resize(520, 480);
-    pane.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&pane));
-    QListView &list = pane.list();
-    const QModelIndex first = list.model()->index(0, 0);
-
-    QTest::mouseClick(list.viewport(), Qt::LeftButton, {}, list.visualRect(first).center());
-    auto *sheet = sheetOf<URLRuleEditView>(pane);
-    QCOMPARE(child<QLineEdit>(sheet, u"patternField"_s)->text(), u"a.example"_s);
-    QTest::keyClick(sheet, Qt::Key_Escape);
-    QTRY_VERIFY(!pane.sheet());
-    QCOMPARE(stored().size(), 2);
-    // The bin deletes at once, without a question.
-    QTest::mouseClick(list.viewport(), Qt::LeftButton, {}, pane.deleteButtonRect(first).center());
-    QVERIFY(!pane.sheet());
-    QCOMPARE(stored().value(0).urlPattern, u"b.example"_s);
-    // The keyboard: Return edits, Delete deletes.
-    list.setFocus();
-    list.setCurrentIndex(list.model()->index(0, 0));
-    QTest::keyClick(&list, Qt::Key_Return);
-    QVERIFY(pane.sheet());
-    pane.sheet()->reject();
-    QTRY_VERIFY(!pane.sheet());
-    QTest::keyClick(&list, Qt::Key_Delete);
-    QVERIFY(stored().isEmpty());
-}
-
-void TestRulePanes::urlPatternIsNormalised_data()
-{
-    QTest::addColumn<QString>("typed");
-    QTest::addColumn<QString>("saved"); // empty: Save stays disabled
-    QTest::addColumn<bool>("note");
-    QTest::newRow("blanks, upper-case scheme")
-        << u"  HTTPS://Example.com/Org  "_s << u"Example.com/Org"_s << true;
-    QTest::newRow("one prefix only")
-        << u"https://http://a.example.com"_s << u"http://a.example.com"_s << true;
-    QTest::newRow("only the scheme") << u"https://"_s << QString() << true;
-    QTest::newRow("wildcards stay") << u"*example.org*"_s << u"*example.org*"_s << false;
-    QTest::newRow("inner blanks, case stay")
-        << u"\tDocs.Example/A B/\n"_s << u"Docs.Example/A B/"_s << false;
-    QTest::newRow("blanks only") << u"   "_s << QString() << false;
-}
-
-void TestRulePanes::urlPatternIsNormalised()
-{
-    QFETCH(QString, typed);
-    QFETCH(QString, saved);
-    QFETCH(bool, note);
-    URLRuleListView pane(*m_app->state, services());
-    pane.showAddSheet();
-    auto *sheet = sheetOf<URLRuleEditView>(pane);
-    sheet->selectBrowser(u"safari"_s);
-    auto *field = child<QLineEdit>(sheet, u"patternField"_s);
-    // Tabs and line breaks arrive by pasting, not by keys.
-    if (typed.contains(u'\t'))
-        field->setText(typed);
-    else
-        QTest::keyClicks(field, typed);
-    auto *noteLabel = child<QLabel>(sheet, u"patternNote"_s);
-    QCOMPARE(noteLabel->isVisibleTo(sheet), note);
-    QCOMPARE(child<QWidget>(sheet, u"patternHelp"_s)->isVisibleTo(sheet), !note);
-    if (note) // with the pattern as it will be saved
-        QVERIFY(noteLabel->text().contains(u"<b>%1</b>"_s.arg(URLRuleEditView::trimmedPattern(typed))));
-    QCOMPARE(save(sheet), !saved.isEmpty());
-    QCOMPARE(stored().value(0).urlPattern.value_or(QString()), saved);
-}
-
-void TestRulePanes::urlSheetCreatesAndEdits()
-{
-    URLRuleListView pane(*m_app->state, services());
-    pane.showAddSheet();
-    auto *sheet = sheetOf<URLRuleEditView>(pane);
-    QTest::keyClicks(child<QLineEdit>(sheet, u"patternField"_s), u"docs.example"_s);
-    QVERIFY(!save(sheet)); // no browser yet
-    sheet->selectBrowser(u"safari"_s);
-    QVERIFY(save(sheet));
-    QTRY_VERIFY(!pane.sheet());
-    QCOMPARE(stored().value(0).targetBrowserName, u"Safari"_s);
-
-    // A rule whose browser was uninstalled keeps it, saved under its id.
-    RoutingRule old = makeRule({}, u"old.example"_s, u"gone-browser"_s);
-    old.targetBrowserName = u"Gone"_s;
-    m_app->state->addRule(old);
-    pane.showEditSheet(old);
-    sheet = sheetOf<URLRuleEditView>(pane);
-    QCOMPARE(child<QComboBox>(sheet, u"browserPicker"_s)->currentText(), u"Gone (not installed)"_s);
-    QLineEdit *pattern = child<QLineEdit>(sheet, u"patternField"_s);
-    pattern->selectAll();
-    QTest::keyClicks(pattern, u"new.example"_s);
-    QVERIFY(save(sheet));
-    old.urlPattern = u"new.example"_s;
-    old.targetBrowserName = u"gone-browser"_s;
-    QCOMPARE(stored(), (QList{stored().value(0), old}));
-    // Deleted by automation while its sheet is open: saving does not bring it back.
-    pane.showEditSheet(old);
-    sheet = sheetOf<URLRuleEditView>(pane);
-    m_app->state->deleteRule(old);
-    QVERIFY(save(sheet));
-    QCOMPARE(stored().size(), 1);
-    QCOMPARE(m_app->state->rules().size(), 1);
-}
-
-void TestRulePanes::appSheetFromRunningAndManual()
-{
-    AppRuleListView pane(*m_app->state, services());
-    pane.showAddSheet();
-    auto *sheet = sheetOf<AppRuleEditView>(pane);
-    auto *source = child<QComboBox>(sheet, u"sourcePicker"_s);
-    QCOMPARE(comboTexts(source),
-             (QStringList{u"Select an application..."_s, u"Evolution (org.gnome.Evolution)"_s,
-                          u"Chat (org.example.Chat)"_s}));
-    sheet->selectBrowser(u"firefox"_s);
-    QVERIFY(!save(sheet));
-    source->setCurrentIndex(1);
-    // Evolution quits before Save: saved under its id.
-    m_running.removeFirst();
-    QVERIFY(save(sheet));
-    QCOMPARE(stored().value(0).sourceAppName, u"org.gnome.Evolution"_s);
-
-    // By hand: a name defaults to the id; an id of blanks is saved as typed.
-    pane.showAddSheet();
-    sheet = sheetOf<AppRuleEditView>(pane);
-    child<QComboBox>(sheet, u"sourcePicker"_s)->setCurrentIndex(1);
-    QTest::mouseClick(child<QCheckBox>(sheet, u"manualSwitch"_s), Qt::LeftButton, {}, QPoint(8, 8));
-    sheet->selectBrowser(u"safari"_s);
-    QVERIFY(!save(sheet)); // only the active mode counts
-    QTest::keyClicks(child<QLineEdit>(sheet, u"manualBundleID"_s), u"   "_s);
-    QVERIFY(save(sheet));
-    QCOMPARE(stored().value(1).sourceAppName, u"   "_s);
-
-    // The installed applications fill both fields.
-    pane.showAddSheet();
-    sheet = sheetOf<AppRuleEditView>(pane);
-    child<QCheckBox>(sheet, u"manualSwitch"_s)->setChecked(true);
-    auto *installed = child<QComboBox>(sheet, u"installedPicker"_s);
-    const int firefox = installed->findText(u"Firefox (firefox)"_s);
-    QVERIFY(firefox > 0);
-    installed->setCurrentIndex(firefox);
-    Q_EMIT installed->activated(firefox);
-    QCOMPARE(sheet->resolvedSourceBundleID(), u"firefox"_s);
-    QCOMPARE(sheet->resolvedSourceName(), u"Firefox"_s);
-    sheet->reject();
-}
-
-void TestRulePanes::appSheetEditing()
-{
-    RoutingRule notRunning = makeRule(u"org.example.Music"_s, u"music.example"_s, u"safari"_s);
-    notRunning.sourceAppName = u"Music"_s;
-    m_app->state->addRule(notRunning);
-    AppRuleListView pane(*m_app->state, services());
-    pane.showEditSheet(notRunning);
-    auto *sheet = sheetOf<AppRuleEditView>(pane);
-    // Not running: opened by hand, with what the rule has.
-    QVERIFY(child<QCheckBox>(sheet, u"manualSwitch"_s)->isChecked());
-    QCOMPARE(child<QLineEdit>(sheet, u"manualBundleID"_s)->text(), u"org.example.Music"_s);
-    QCOMPARE(child<QLineEdit>(sheet, u"manualAppName"_s)->text(), u"Music"_s);
-    QVERIFY(save(sheet));
-    // The sheet makes no patterns: the saved rule has none, and keeps its id.
-    QCOMPARE(stored().size(), 1);
-    QVERIFY(stored().first().id == notRunning.id && !stored().first().urlPattern);
-
-    const RoutingRule chat = makeRule(u"org.example.Chat"_s, std::nullopt, u"firefox"_s);
-    m_app->state->addRule(chat);
-    pane.showEditSheet(chat);
-    sheet = sheetOf<AppRuleEditView>(pane);
-    QVERIFY(!child<QCheckBox>(sheet, u"manualSwitch"_s)->isChecked());
-    QCOMPARE(child<QComboBox>(sheet, u"sourcePicker"_s)->currentText(),
-             u"Chat (org.example.Chat)"_s);
-    sheet->reject();
-}
-
-void TestRulePanes::profilesFollowTheBrowser()
-{
-    RoutingRule work = makeRule({}, u"work.example"_s, u"google-chrome"_s, u"Profile 1"_s);
-    m_app->state->addRule(work);
-    URLRuleListView pane(*m_app->state, services());
-    pane.showEditSheet(work);
-    auto *sheet = sheetOf<URLRuleEditView>(pane);
-    auto *profile = child<QComboBox>(sheet, u"profilePicker"_s);
-    QCOMPARE(comboTexts(profile),
-             (QStringList{u"Default (no specific profile)"_s, u"Person 1"_s, u"Work"_s}));
-    QCOMPARE(profile->currentText(), u"Work"_s);
-    QVERIFY(!child<QLabel>(sheet, u"profileNote"_s)->isVisibleTo(sheet));
-    // Another browser: its profiles, and back to no specific one.
-    sheet->selectBrowser(u"firefox"_s);
-    QCOMPARE(comboTexts(profile),
-             (QStringList{u"Default (no specific profile)"_s, u"default-release"_s, u"Testing"_s}));
-    QCOMPARE(profile->currentIndex(), 0);
-    profile->setCurrentIndex(2);
-    QVERIFY(save(sheet));
-    QCOMPARE(stored().first().targetProfileID, u"Testing"_s);
-
-    // A browser without profiles: the URL sheet says so, the app sheet shows nothing.
-    pane.showAddSheet();
-    sheet = sheetOf<URLRuleEditView>(pane);
-    sheet->selectBrowser(u"safari"_s);
-    QVERIFY(child<QLabel>(sheet, u"profileNote"_s)->isVisibleTo(sheet));
-    sheet->reject();
-    AppRuleListView apps(*m_app->state, services());
-    apps.showAddSheet();
-    auto *appSheet = sheetOf<AppRuleEditView>(apps);
-    appSheet->selectBrowser(u"safari"_s);
-    QVERIFY(!child<QComboBox>(appSheet, u"profilePicker"_s)->isVisibleTo(appSheet));
-    QVERIFY(!child<QLabel>(appSheet, u"profileNote"_s)->isVisibleTo(appSheet));
-    appSheet->selectBrowser(u"google-chrome"_s);
-    QVERIFY(child<QComboBox>(appSheet, u"profilePicker"_s)->isVisibleTo(appSheet));
-    appSheet->reject();
-}
-
-// The private window is offered where Quillvane knows the browser's option,
-// kept in the rule, and shown on its row; a hidden browser is offered only to
-// the rule that names it already.
-void TestRulePanes::privateWindowsAndHiddenBrowsers()
-{
-    URLRuleListView pane(*m_app->state, services());
-    pane.showAddSheet();
-    auto *sheet = sheetOf<URLRuleEditView>(pane);
-    child<QLineEdit>(sheet, u"patternField"_s)->setText(u"bank.example"_s);
-    auto *privateWindow = child<QCheckBox>(sheet, u"privateWindowCheck"_s);
-    sheet->selectBrowser(u"safari"_s);
-    QVERIFY(!privateWindow->isVisibleTo(sheet));
-    sheet->selectBrowser(u"firefox"_s);
-    QVERIFY(privateWindow->isVisibleTo(sheet));
-    privateWindow->setChecked(true);
-    // Ticked, then a browser without a private window: not saved as private.
-    sheet->selectBrowser(u"safari"_s);
-    QVERIFY(!sheet->privateWindowChosen());
-    sheet->selectBrowser(u"google-chrome"_s);
-    QVERIFY(save(sheet));
-    QVERIFY(stored().first().openInPrivateWindow);
-
-    m_app->state->setBrowserPreference({u"google-chrome"_s, true, {}});
-    pane.showAddSheet();
-    sheet = sheetOf<URLRuleEditView>(pane);
-    QVERIFY(child<QComboBox>(sheet, u"browserPicker"_s)->findData(u"google-chrome"_s) < 0);
-    sheet->reject();
-    pane.showEditSheet(stored().first());
-    sheet = sheetOf<URLRuleEditView>(pane);
-    QCOMPARE(sheet->selectedBrowserBundleID(), u"google-chrome"_s);
-    QVERIFY(child<QCheckBox>(sheet, u"privateWindowCheck"_s)->isChecked());
-    sheet->reject();
-
-    // "Ask Every Time" instead of a browser: no profile, no private window.
-    AppRuleListView apps(*m_app->state, services());
-    apps.showAddSheet();
-    auto *appSheet = sheetOf<AppRuleEditView>(apps);
-    child<QComboBox>(appSheet, u"sourcePicker"_s)->setCurrentIndex(1);
-    auto *browsers = child<QComboBox>(appSheet, u"browserPicker"_s);
-    QCOMPARE(browsers->itemText(browsers->count() - 1), u"Ask Every Time"_s);
-    browsers->setCurrentIndex(browsers->count() - 1);
-    QVERIFY(appSheet->asksWhereToOpen());
-    QVERIFY(!child<QCheckBox>(appSheet, u"privateWindowCheck"_s)->isVisibleTo(appSheet));
-    QVERIFY(save(appSheet));
-    const RoutingRule asking = stored().last();
-    QVERIFY(asking.askWhereToOpen && asking.targetBrowserBundleID.isEmpty());
-    apps.showEditSheet(asking);
-    QVERIFY(sheetOf<AppRuleEditView>(apps)->asksWhereToOpen());
-}
-
 // Rows show a profile by the name its browser gives it; the file is read once,
 // and again only after it changed.
 void TestRulePanes::profileNamesAreReadOncePerChange()
@@ -413,44 +436,6 @@ void TestRulePanes::profileNamesAreReadOncePerChange()
     QCOMPARE(changed.size(), 1);
     QCOMPARE(state.profileName(u"google-chrome"_s, u"Profile 1"_s), u"Office"_s);
     QVERIFY(!state.profileName(u"google-chrome"_s, u"Default"_s));
-}
-
-void TestRulePanes::linkTester()
-{
-    m_app->state->addRule(makeRule({}, u"docs.example"_s, u"google-chrome"_s, u"Profile 1"_s));
-    m_app->state->addRule(makeRule(u"org.example.Mail"_s, std::nullopt, u"safari"_s));
-    const auto verdict = [&](const QString &typed) {
-        return LinkTester::verdict(*m_app->state, typed);
-    };
-    QCOMPARE(verdict(u"  "_s), QString());
-    QCOMPARE(verdict(u"ftp://files.example/"_s), verdict(u"docs.example"_s)); // not web links
-    // App rules need an application; with none, the URL rules and the fallback decide.
-    QCOMPARE(verdict(u"https://docs.example/guide?utm_source=news&id=4"_s),
-             u"Opens in Google Chrome, profile \"Profile 1\" — URL rule \"docs.example\".\n"
-             "Checked as https://docs.example/guide?id=4 (tracking parameters removed)."_s);
-    QCOMPARE(verdict(u"https://other.example/"_s),
-             u"Opens in Firefox — the fallback browser: no URL rule matches."_s);
-    m_app->state->toggleURLExpansion();
-    QVERIFY(verdict(u"https://bit.ly/abc"_s).contains(u"\nA short link"_s));
-    m_app->state->toggleRulesEnabled();
-    QVERIFY(verdict(u"https://docs.example/"_s).startsWith(u"Opens in Firefox: rules are paused"_s));
-    m_app->state->toggleRulesEnabled();
-
-    // In the pane, typed live; nothing stored changes and nothing is logged.
-    DiagnosticLog::setEnabled(true);
-    const QByteArray settingsBefore = readFile(m_app->environment.settingsPath());
-    const QByteArray logBefore = readFile(m_app->environment.diagnosticLogPath());
-    URLRuleListView pane(*m_app->state, services());
-    auto *field = child<QLineEdit>(&pane, u"linkTesterField"_s);
-    auto *result = child<QLabel>(&pane, u"linkTesterResult"_s);
-    QTest::keyClicks(field, u"https://docs.example/x"_s);
-    QCOMPARE(result->text(),
-             u"Opens in Google Chrome, profile \"Profile 1\" — URL rule \"docs.example\"."_s);
-    QCOMPARE(readFile(m_app->environment.settingsPath()), settingsBefore);
-    QCOMPARE(readFile(m_app->environment.diagnosticLogPath()), logBefore);
-    field->setText(u"https://elsewhere.example/"_s);
-    m_app->state->setDefaultBrowser(u"safari"_s); // the answer follows the settings
-    QVERIFY(result->text().startsWith(u"Opens in Safari — the fallback browser"_s));
 }
 
 QTEST_MAIN(TestRulePanes)

@@ -65,16 +65,367 @@ class TestSettingsWindow final : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
+    void init()
+    {
+        m_app = std::make_unique<AppFixture>();
+        m_app->store->saveRules({makeRule(u"org.example.Mail"_s, std::nullopt, u"safari"_s),
+                                 makeRule(u"org.example.Chat"_s, std::nullopt, u"firefox"_s)});
+        m_app->store->saveDefaultBrowserBundleID(u"firefox"_s);
+        m_app->start();
+        MessageBox::setInformQuietly(true);
+    }
     void cleanup() { m_app.reset(); }
-    void statusMenu();
-    void namesInTheMenuAreShownAsWritten();
-    void keyboard();
-    void historyPane();
-    void relativeTimes();
-    void generalPane();
-    void browsersPane();
-    void thePauseSignHasAGlyph();
+    // What the menu computes (counts, the fallback's name, check marks) and what
+    // its items change; the items' wording is the menu's own business.
+    void statusMenu()
+    {
+        record(u"https://a.example/"_s, u"Mail"_s, u"Safari"_s);
+        record(u"https://b.example/"_s, std::nullopt, u"Firefox"_s, std::nullopt, 3 * 86400);
+        QStringList called;
+        const auto calls = [&called](const QString &name) {
+            return [&called, name] { called << name; };
+        };
+        StatusItem item(
+            *m_app->state, m_app->entries,
+            {calls(u"history"_s), calls(u"settings"_s), calls(u"updates"_s), calls(u"quit"_s)});
+        QMenu &menu = item.menu();
+        item.rebuild(menu);
+        // No "Last:" before the first routing.
+        QCOMPARE(texts(menu).mid(2, 3),
+                 (QStringList{u"Rules: 2 app, 0 URL"_s, u"Today: 1 forwarded"_s, u"--"_s}));
+        QMenu &fallbacks = *action(menu, "fallbackAction")->menu();
+        const auto fallbackTitle = [&menu] { return action(menu, "fallbackAction")->text(); };
+        QCOMPARE(texts(fallbacks),
+                 (QStringList{u"Firefox"_s, u"Safari"_s, u"--"_s, u"Ask Every Time"_s}));
+        QVERIFY(fallbacks.actions()[0]->isChecked());
+
+        // Choosing Safari changes the fallback; the next opening shows it.
+        fallbacks.actions()[1]->trigger();
+        processLater();
+        QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"safari"_s);
+        Q_EMIT menu.aboutToShow();
+        QCOMPARE(fallbackTitle(), u"Fallback: Safari"_s);
+        QVERIFY(action(menu, "fallbackAction")->menu()->actions()[1]->isChecked());
+        // A fallback that is not installed: "None", nothing checked.
+        m_app->state->setDefaultBrowser(u"gone"_s);
+        item.rebuild(menu);
+        QCOMPARE(fallbackTitle(), u"Fallback: None"_s);
+        for (const QAction *browser : action(menu, "fallbackAction")->menu()->actions())
+            QVERIFY(!browser->isChecked());
+        // "Ask Every Time": checked alone, named in the title; a browser ends it.
+        const auto ask = [&menu] {
+            return action(menu, "fallbackAction")
+                ->menu()
+                ->findChild<QAction *>(u"fallbackAskAction"_s);
+        };
+        ask()->trigger();
+        processLater();
+        QVERIFY(SettingsKeys::read(*m_app->settings, SettingsKeys::FallbackAsks));
+        item.rebuild(menu);
+        QCOMPARE(fallbackTitle(), u"Fallback: Ask Every Time"_s);
+        QVERIFY(ask()->isChecked());
+        action(menu, "fallbackAction")->menu()->actions()[0]->trigger();
+        processLater();
+        QVERIFY(!m_app->state->fallbackAsks());
+        QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"firefox"_s);
+
+        // Pausing from the menu switches the icon, and so does resuming elsewhere.
+        item.updateIcon();
+        QCOMPARE(item.iconState(), u"active"_s);
+        action(menu, "pauseRulesAction")->trigger();
+        processLater();
+        QVERIFY(!m_app->state->rulesEnabled());
+        QCOMPARE(item.iconState(), u"paused"_s);
+        m_app->state->toggleRulesEnabled();
+        QCOMPARE(item.iconState(), u"active"_s);
+
+        action(menu, "launchAtLoginAction")->trigger();
+        processLater();
+        QVERIFY(m_app->autostart.enabled);
+        item.rebuild(menu);
+        QVERIFY(action(menu, "launchAtLoginAction")->isChecked());
+        for (const char *name : {"historyAction", "settingsAction", "updatesAction", "quitAction"})
+            action(menu, name)->trigger();
+        QCOMPARE(called, (QStringList{u"history"_s, u"settings"_s, u"updates"_s, u"quit"_s}));
+
+        // Routed once: the last route shows, and the rule counts follow the rules.
+        m_app->state->addRule(makeRule(QString(), u"docs.example"_s, u"safari"_s));
+        m_app->state->routeURL(link(u"https://docs.example/x"), std::nullopt);
+        QTRY_VERIFY(!m_app->state->lastRouteLog().isEmpty());
+        item.rebuild(menu);
+        QCOMPARE(texts(menu).mid(2, 3),
+                 (QStringList{u"Rules: 2 app, 1 URL"_s, u"Today: 2 forwarded"_s,
+                              u"Last: "_s + m_app->state->lastRouteLog()}));
+    }
+    // A browser's name is the desktop entry's: an "&" is not a mnemonic, and
+    // control characters (a terminal title sequence here) are shown, not obeyed.
+    void namesInTheMenuAreShownAsWritten()
+    {
+        writeFile(m_app->entries.add(u"tom"_s, u"Tom & Jerry\x1b]0;pwned\x07"_s).path, {});
+        m_app->state->refreshBrowsers();
+        m_app->state->setDefaultBrowser(u"tom"_s);
+        StatusItem item(*m_app->state, m_app->entries, {});
+        QMenu &menu = item.menu();
+        item.rebuild(menu);
+        const QString shown = u"Tom && Jerry\\x1B]0;pwned\\x07"_s;
+        QCOMPARE(action(menu, "fallbackAction")->text(), u"Fallback: "_s + shown);
+        QVERIFY(texts(*action(menu, "fallbackAction")->menu()).contains(shown));
+        QCOMPARE(DisplayText::escapeControls(u"a\nb\u2028c\u009b"), u"a\\x0Ab\\u{2028}c\\x9B"_s);
+    }
+    // Everything a mouse can use, the keyboard reaches: Tab visits every enabled
+    // control of every tab, and tabs change with the usual keys wherever the
+    // focus is.
+    void keyboard()
+    {
+        record(u"https://a.example/"_s, u"Mail"_s, u"Safari"_s);
+        SettingsWindow window(*m_app->state, {m_app->entries, {}}, [] {});
+        window.show();
+        QVERIFY(QTest::qWaitForWindowActive(&window));
+        QTabWidget &tabs = window.tabs();
+        for (int tab = 0; tab < tabs.count(); ++tab) {
+            window.selectTab(tab);
+            QSet<QWidget *> controls;
+            for (QWidget *widget : tabs.currentWidget()->findChildren<QWidget *>()) {
+                const bool control = qobject_cast<QAbstractButton *>(widget)
+                                     || qobject_cast<QComboBox *>(widget)
+                                     || qobject_cast<QLineEdit *>(widget)
+                                     || qobject_cast<QAbstractItemView *>(widget);
+                // A field's own clear button is not a stop of its own.
+                const bool part = qobject_cast<QLineEdit *>(widget->parentWidget());
+                if (control && !part && widget->isVisibleTo(&window) && widget->isEnabled())
+                    controls.insert(widget);
+            }
+            tabs.tabBar()->setFocus();
+            QSet<QWidget *> reached;
+            for (int step = 0; step < 200 && reached.size() < controls.size(); ++step) {
+                QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
+                if (controls.contains(QApplication::focusWidget()))
+                    reached.insert(QApplication::focusWidget());
+            }
+            for (QWidget *control : std::as_const(controls))
+                QVERIFY2(reached.contains(control),
+                         qPrintable(tabs.tabText(tab) + u": "_s + control->objectName()
+                                    + u" cannot be reached with Tab"_s));
+        }
+
+        window.selectTab(SettingsWindow::AppRulesTab);
+        window.setFocus();
+        const auto press = [&](Qt::Key key, Qt::KeyboardModifier modifier, int expected) {
+            QTest::keyClick(&window, key, modifier);
+            QCOMPARE(window.selectedTab(), expected);
+        };
+        press(Qt::Key_PageDown, Qt::ControlModifier, SettingsWindow::UrlRulesTab);
+        press(Qt::Key_Tab, Qt::ControlModifier, SettingsWindow::GeneralTab);
+        press(Qt::Key_PageUp, Qt::ControlModifier, SettingsWindow::UrlRulesTab);
+        press(Qt::Key_PageUp, Qt::ControlModifier, SettingsWindow::AppRulesTab);
+        press(Qt::Key_PageUp, Qt::ControlModifier, SettingsWindow::BrowsersTab);
+        press(Qt::Key_3, Qt::AltModifier, SettingsWindow::GeneralTab);
+        // Closed and shown again: the same tab.
+        window.close();
+        window.show();
+        QCOMPARE(window.selectedTab(), int(SettingsWindow::GeneralTab));
+    }
+    void historyPane()
+    {
+        HistoryPane pane(*m_app->state);
+        pane.resize(520, 600);
+        pane.show();
+        const auto page = [&pane] {
+            return pane.findChild<QStackedWidget *>()->currentWidget()->objectName();
+        };
+        QCOMPARE(page(), u"historyEmptyState"_s);
+        record(u"https://one.example/"_s, u"Mail"_s, u"Safari"_s, u"Mail → Safari"_s);
+        record(u"https://two.example/"_s, std::nullopt, u"Firefox"_s);
+        record(u"https://three.example/a b"_s, u"Chat"_s, u"Safari"_s);
+        // Loaded when the tab comes on screen.
+        pane.hide();
+        pane.show();
+        QCOMPARE(page(), u"historyListPage"_s);
+        auto *count = child<QLabel>(&pane, u"historyCount"_s);
+        auto *filter = child<QLineEdit>(&pane, u"historyFilter"_s);
+        QCOMPARE(count->text(), u"3 records"_s);
+        const HistoryModel &model = pane.model();
+        QCOMPARE(model.index(0).data(HistoryModel::UrlRole).toString(),
+                 u"https://three.example/a b"_s);
+        QCOMPARE(model.index(0).data(Qt::ToolTipRole).toString(), u"https://three.example/a b"_s);
+        QCOMPARE(model.index(1).data(HistoryModel::SourceNameRole).toString(), u"Unknown"_s);
+        QCOMPARE(model.index(2).data(HistoryModel::RuleRole).toString(), u"Mail → Safari"_s);
+        QVERIFY(!pane.grab().isNull()); // the rows' own drawing
+        // Records name what decided, where they know it: the rule as it read, the
+        // fallback, the pause (drawn as a symbol, the words without it).
+        ForwardingRecord decided =
+            makeRecord(u"https://d.example/"_s, u"Mail"_s, u"Safari"_s, u"Mail → Safari"_s);
+        decided.decidedBy = u"3F2504E0-4F89-41D3-9A0C-0305E82C3301"_s;
+        decided.decisionDescription = u"d.example → Safari"_s;
+        HistoryModel decisions;
+        decisions.setRecords({decided, makeRecord(u"https://p.example/"_s, u"Mail"_s, u"Safari"_s,
+                                                  u"⏸ Rules paused"_s)});
+        QCOMPARE(decisions.index(0).data(HistoryModel::RuleRole).toString(),
+                 u"d.example → Safari"_s);
+        QCOMPARE(decisions.index(1).data(HistoryModel::RuleRole).toString(), u"Rules paused"_s);
+        QVERIFY(decisions.index(1).data(HistoryModel::PausedRole).toBool());
+
+        // Searched: names, case ignored, untrimmed; not bundle ids nor "Unknown".
+        for (const auto &[typed, shown] : {std::pair{u"SAFARI"_s, u"2 records"_s},
+                                           {u"chat"_s, u"1 record"_s},
+                                           {u"com."_s, u"0 records"_s},
+                                           {u"Unknown"_s, u"0 records"_s},
+                                           {u"a "_s, u"1 record"_s}}) {
+            filter->clear();
+            QTest::keyClicks(filter, typed);
+            QCOMPARE(count->text(), shown);
+        }
+        QCOMPARE(page(), u"historyListPage"_s);
+
+        // Clear: at once, without asking; the filter stays.
+        QTest::mouseClick(child<QToolButton>(&pane, u"historyClear"_s), Qt::LeftButton);
+        QCOMPARE(page(), u"historyEmptyState"_s);
+        QVERIFY(HistoryStore::loadHistory(*m_app->history).isEmpty());
+        QCOMPARE(filter->text(), u"a "_s);
+        // Cleared elsewhere (the pane holds records again): the pane empties too.
+        record(u"https://four.example/a b"_s, u"Mail"_s, u"Safari"_s);
+        filter->clear();
+        pane.hide();
+        pane.show();
+        QCOMPARE(page(), u"historyListPage"_s);
+        m_app->state->clearHistory();
+        QCOMPARE(page(), u"historyEmptyState"_s);
+    }
+    void relativeTimes()
+    {
+        const QDateTime now = QDateTime::currentDateTimeUtc();
+        for (const auto &[seconds, text] : {std::pair{-3, u"just now"_s},
+                                            {-61, u"1 minute ago"_s},
+                                            {-7200, u"2 hours ago"_s},
+                                            {-86400, u"1 day ago"_s},
+                                            {-15 * 86400, u"2 weeks ago"_s},
+                                            {30, u"in the future"_s}})
+            QCOMPARE(HistoryModel::relativeTime(now.addSecs(seconds), now), text);
+
+        HistoryModel model;
+        model.setRecords({makeRecord(u"https://a.example/"_s, std::nullopt, u"Safari"_s)});
+        QSignalSpy changed(&model, &HistoryModel::dataChanged);
+        model.setNow(QDateTime::currentDateTimeUtc().addSecs(120));
+        QCOMPARE(changed.size(), 1);
+        QCOMPARE(model.index(0).data(HistoryModel::RelativeTimeRole).toString(),
+                 u"2 minutes ago"_s);
+    }
+    void generalPane()
+    {
+        GeneralPane pane(*m_app->state, m_app->entries, [] {});
+        // Tall enough to show every section without scrolling.
+        pane.resize(520, 1600);
+        pane.show();
+        QVERIFY(child<QWidget>(&pane, u"setAsDefaultButton"_s)->isVisible());
+
+        auto *picker = child<QComboBox>(&pane, u"fallbackPicker"_s);
+        // None, the browsers, and "Ask Every Time" after a separator.
+        QCOMPARE(picker->count(), 5);
+        QCOMPARE(picker->itemText(0), u"None"_s);
+        QCOMPARE(picker->itemText(4), u"Ask Every Time"_s);
+        QCOMPARE(picker->currentText(), u"Firefox"_s);
+        picker->setFocus();
+        QTest::keyClick(picker, Qt::Key_Down);
+        QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"safari"_s);
+        QTest::keyClick(picker, Qt::Key_Home);
+        QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), QString());
+        // Changed elsewhere: shown here.
+        m_app->state->setDefaultBrowser(u"firefox"_s);
+        QCOMPARE(picker->currentText(), u"Firefox"_s);
+        m_app->state->setDefaultBrowser(u"not-installed"_s);
+        QCOMPARE(picker->currentIndex(), -1);
+        // Ask: chosen here, or elsewhere, shown here; the fallback browser stays.
+        m_app->state->setDefaultBrowser(u"firefox"_s);
+        QTest::keyClick(picker, Qt::Key_End);
+        QVERIFY(m_app->state->fallbackAsks());
+        QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"firefox"_s);
+        m_app->state->setDefaultBrowser(u"safari"_s);
+        QCOMPARE(picker->currentText(), u"Safari"_s);
+        m_app->state->setFallbackAsks();
+        QCOMPARE(picker->currentText(), u"Ask Every Time"_s);
+
+        auto *rules = child<QCheckBox>(&pane, u"rulesEnabledSwitch"_s);
+        QVERIFY(rules->isChecked());
+        clickBox(rules);
+        QVERIFY(!m_app->state->rulesEnabled() && !m_app->store->loadRulesEnabled());
+        m_app->state->toggleRulesEnabled();
+        QVERIFY(rules->isChecked());
+        auto *cleaning = child<QCheckBox>(&pane, u"urlCleaningSwitch"_s);
+        cleaning->setFocus();
+        QTest::keyClick(cleaning, Qt::Key_Space);
+        QVERIFY(!m_app->state->urlCleaningEnabled());
+        clickBox(child<QCheckBox>(&pane, u"launchAtLoginSwitch"_s));
+        QVERIFY(m_app->state->launchAtLogin() && m_app->autostart.enabled);
+        auto *unwrapping = child<QCheckBox>(&pane, u"urlUnwrappingSwitch"_s);
+        QVERIFY(unwrapping->isChecked());
+        clickBox(unwrapping);
+        QVERIFY(!SettingsKeys::read(*m_app->settings, SettingsKeys::UrlUnwrappingEnabled));
+
+        // The tests' build has no update feed: the switch would do nothing, and says
+        // why; it still shows the stored setting, changed through the state.
+        auto *automatic = child<QCheckBox>(&pane, u"automaticUpdatesSwitch"_s);
+        QVERIFY(!automatic->isEnabled() && automatic->isChecked());
+        m_app->state->toggleAutomaticUpdateChecks();
+        QVERIFY(!automatic->isChecked());
+        QVERIFY(!SettingsKeys::read(*m_app->settings, SettingsKeys::AutomaticUpdateChecks));
+    }
+    void browsersPane()
+    {
+        BrowsersPane pane(*m_app->state, m_app->entries);
+        pane.show();
+        auto *list = child<QListWidget>(&pane, u"browsersList"_s);
+        QCOMPARE(list->count(), 2);
+        pane.selectBrowser(u"firefox"_s);
+        QVERIFY(child<QLabel>(&pane, u"browserPrivateWindow"_s)
+                    ->text()
+                    .contains(u"--private-window"_s));
+
+        // Hidden: out of the lists that offer browsers, still in this one.
+        auto *shown = child<QCheckBox>(&pane, u"browserShownCheck"_s);
+        QVERIFY(shown->isChecked());
+        clickBox(shown);
+        QVERIFY(m_app->state->browserPreference(u"firefox"_s).hidden);
+        QCOMPARE(m_app->state->shownBrowsers().size(), 1);
+        QCOMPARE(m_app->state->shownBrowsers(u"firefox"_s).size(), 2);
+        QCOMPARE(list->count(), 2);
+        QCOMPARE(pane.selectedBrowser(), u"firefox"_s);
+
+        // Arguments that would place the link are refused with the reason, and
+        // what was stored stays.
+        auto *arguments = child<QLineEdit>(&pane, u"browserArgumentsField"_s);
+        auto *error = child<QLabel>(&pane, u"browserArgumentsError"_s);
+        const QString typed = u"--new-window \"--class=Work Mail\""_s;
+        arguments->setText(typed);
+        Q_EMIT arguments->editingFinished();
+        QVERIFY(error->isHidden());
+        QCOMPARE(m_app->state->launchOptions(u"firefox"_s).extraArguments,
+                 (QStringList{u"--new-window"_s, u"--class=Work Mail"_s}));
+        arguments->setText(u"--app=%u"_s);
+        Q_EMIT arguments->editingFinished();
+        QVERIFY(!error->isHidden() && error->text().contains(u"%u"_s));
+        // Kept in the settings file, beside the rules.
+        QCOMPARE(m_app->store->loadBrowserPreferences(),
+                 (QList<BrowserPreference>{{u"firefox"_s, true, typed}}));
+        clickBox(shown);
+        arguments->clear();
+        Q_EMIT arguments->editingFinished();
+        // Nothing set is nothing stored.
+        QVERIFY(m_app->store->loadBrowserPreferences().isEmpty());
+    }
+    // The pause sign of "⏸ Pause Rules" is missing from the default Debian fonts;
+    // Quillvane's own font supplies it, where a box would be drawn instead.
+    void thePauseSignHasAGlyph()
+    {
+        ViewKit::installSymbolFont();
+        QTextLayout layout(u"⏸ Pause Rules"_s, QApplication::font());
+        layout.beginLayout();
+        layout.createLine();
+        layout.endLayout();
+        bool found = false;
+        for (const QGlyphRun &run : layout.glyphRuns(0, 1))
+            found = found || (!run.glyphIndexes().isEmpty() && run.glyphIndexes().first() != 0);
+        QVERIFY2(found, "U+23F8 has no glyph in any font Qt falls back to");
+    }
     void importAndExport();
 
 private:
@@ -86,357 +437,6 @@ private:
 
     std::unique_ptr<AppFixture> m_app;
 };
-
-void TestSettingsWindow::init()
-{
-    m_app = std::make_unique<AppFixture>();
-    m_app->store->saveRules({makeRule(u"org.example.Mail"_s, std::nullopt, u"safari"_s),
-                             makeRule(u"org.example.Chat"_s, std::nullopt, u"firefox"_s)});
-    m_app->store->saveDefaultBrowserBundleID(u"firefox"_s);
-    m_app->start();
-    MessageBox::setInformQuietly(true);
-}
-
-// What the menu computes (counts, the fallback's name, check marks) and what
-// its items change; the items' wording is the menu's own business.
-void TestSettingsWindow::statusMenu()
-{
-    record(u"https://a.example/"_s, u"Mail"_s, u"Safari"_s);
-    record(u"https://b.example/"_s, std::nullopt, u"Firefox"_s, std::nullopt, 3 * 86400);
-    QStringList called;
-    const auto calls = [&called](const QString &name) { return [&called, name] { called << name; }; };
-    StatusItem item(*m_app->state, m_app->entries,
-                    {calls(u"history"_s), calls(u"settings"_s), calls(u"updates"_s), calls(u"quit"_s)});
-    QMenu &menu = item.menu();
-    item.rebuild(menu);
-    // No "Last:" before the first routing.
-    QCOMPARE(texts(menu).mid(2, 3),
-             (QStringList{u"Rules: 2 app, 0 URL"_s, u"Today: 1 forwarded"_s, u"--"_s}));
-    QMenu &fallbacks = *action(menu, "fallbackAction")->menu();
-    const auto fallbackTitle = [&menu] { return action(menu, "fallbackAction")->text(); };
-    QCOMPARE(texts(fallbacks), (QStringList{u"Firefox"_s, u"Safari"_s, u"--"_s, u"Ask Every Time"_s}));
-    QVERIFY(fallbacks.actions()[0]->isChecked());
-
-    // Choosing Safari changes the fallback; the next opening shows it.
-    fallbacks.actions()[1]->trigger();
-    processLater();
-    QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"safari"_s);
-    Q_EMIT menu.aboutToShow();
-    QCOMPARE(fallbackTitle(), u"Fallback: Safari"_s);
-    QVERIFY(action(menu, "fallbackAction")->menu()->actions()[1]->isChecked());
-    // A fallback that is not installed: "None", nothing checked.
-    m_app->state->setDefaultBrowser(u"gone"_s);
-    item.rebuild(menu);
-    QCOMPARE(fallbackTitle(), u"Fallback: None"_s);
-    for (const QAction *browser : action(menu, "fallbackAction")->menu()->actions())
-        QVERIFY(!browser->isChecked());
-    // "Ask Every Time": checked alone, named in the title; a browser ends it.
-    const auto ask = [&menu] {
-        return action(menu, "fallbackAction")->menu()->findChild<QAction *>(u"fallbackAskAction"_s);
-    };
-    ask()->trigger();
-    processLater();
-    QVERIFY(SettingsKeys::read(*m_app->settings, SettingsKeys::FallbackAsks));
-    item.rebuild(menu);
-    QCOMPARE(fallbackTitle(), u"Fallback: Ask Every Time"_s);
-    QVERIFY(ask()->isChecked());
-    action(menu, "fallbackAction")->menu()->actions()[0]->trigger();
-    processLater();
-    QVERIFY(!m_app->state->fallbackAsks());
-    QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"firefox"_s);
-
-    // Pausing from the menu switches the icon, and so does resuming elsewhere.
-    item.updateIcon();
-    QCOMPARE(item.iconState(), u"active"_s);
-    action(menu, "pauseRulesAction")->trigger();
-    processLater();
-    QVERIFY(!m_app->state->rulesEnabled());
-    QCOMPARE(item.iconState(), u"paused"_s);
-    m_app->state->toggleRulesEnabled();
-    QCOMPARE(item.iconState(), u"active"_s);
-
-    action(menu, "launchAtLoginAction")->trigger();
-    processLater();
-    QVERIFY(m_app->autostart.enabled);
-    item.rebuild(menu);
-    QVERIFY(action(menu, "launchAtLoginAction")->isChecked());
-    for (const char *name : {"historyAction", "settingsAction", "updatesAction", "quitAction"})
-        action(menu, name)->trigger();
-    QCOMPARE(called, (QStringList{u"history"_s, u"settings"_s, u"updates"_s, u"quit"_s}));
-
-    // Routed once: the last route shows, and the rule counts follow the rules.
-    m_app->state->addRule(makeRule(QString(), u"docs.example"_s, u"safari"_s));
-    m_app->state->routeURL(link(u"https://docs.example/x"), std::nullopt);
-    QTRY_VERIFY(!m_app->state->lastRouteLog().isEmpty());
-    item.rebuild(menu);
-    QCOMPARE(texts(menu).mid(2, 3), (QStringList{u"Rules: 2 app, 1 URL"_s, u"Today: 2 forwarded"_s,
-                                                 u"Last: "_s + m_app->state->lastRouteLog()}));
-}
-
-// A browser's name is the desktop entry's: an "&" is not a mnemonic, and
-// control characters (a terminal title sequence here) are shown, not obeyed.
-void TestSettingsWindow::namesInTheMenuAreShownAsWritten()
-{
-    writeFile(m_app->entries.add(u"tom"_s, u"Tom & Jerry\x1b]0;pwned\x07"_s).path, {});
-    m_app->state->refreshBrowsers();
-    m_app->state->setDefaultBrowser(u"tom"_s);
-    StatusItem item(*m_app->state, m_app->entries, {});
-    QMenu &menu = item.menu();
-    item.rebuild(menu);
-    const QString shown = u"Tom && Jerry\\x1B]0;pwned\\x07"_s;
-    QCOMPARE(action(menu, "fallbackAction")->text(), u"Fallback: "_s + shown);
-    QVERIFY(texts(*action(menu, "fallbackAction")->menu()).contains(shown));
-    QCOMPARE(DisplayText::escapeControls(u"a\nb\u2028c\u009b"), u"a\\x0Ab\\u{2028}c\\x9B"_s);
-}
-
-// Everything a mouse can use, the keyboard reaches: Tab visits every enabled
-// control of every tab, and tabs change with the usual keys wherever the
-// focus is.
-void TestSettingsWindow::keyboard()
-{
-    record(u"https://a.example/"_s, u"Mail"_s, u"Safari"_s);
-    SettingsWindow window(*m_app->state, {m_app->entries, {}}, [] {});
-    window.show();
-    QVERIFY(QTest::qWaitForWindowActive(&window));
-    QTabWidget &tabs = window.tabs();
-    for (int tab = 0; tab < tabs.count(); ++tab) {
-        window.selectTab(tab);
-        QSet<QWidget *> controls;
-        for (QWidget *widget : tabs.currentWidget()->findChildren<QWidget *>()) {
-            const bool control =
-                qobject_cast<QAbstractButton *>(widget) || qobject_cast<QComboBox *>(widget)
-                || qobject_cast<QLineEdit *>(widget) || qobject_cast<QAbstractItemView *>(widget);
-            // A field's own clear button is not a stop of its own.
-            const bool part = qobject_cast<QLineEdit *>(widget->parentWidget());
-            if (control && !part && widget->isVisibleTo(&window) && widget->isEnabled())
-                controls.insert(widget);
-        }
-        tabs.tabBar()->setFocus();
-        QSet<QWidget *> reached;
-        for (int step = 0; step < 200 && reached.size() < controls.size(); ++step) {
-            QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
-            if (controls.contains(QApplication::focusWidget()))
-                reached.insert(QApplication::focusWidget());
-        }
-        for (QWidget *control : std::as_const(controls))
-            QVERIFY2(reached.contains(control),
-                     qPrintable(tabs.tabText(tab) + u": "_s + control->objectName()
-                                + u" cannot be reached with Tab"_s));
-    }
-
-    window.selectTab(SettingsWindow::AppRulesTab);
-    window.setFocus();
-    const auto press = [&](Qt::Key key, Qt::KeyboardModifier modifier, int expected) {
-        QTest::keyClick(&window, key, modifier);
-        QCOMPARE(window.selectedTab(), expected);
-    };
-    press(Qt::Key_PageDown, Qt::ControlModifier, SettingsWindow::UrlRulesTab);
-    press(Qt::Key_Tab, Qt::ControlModifier, SettingsWindow::GeneralTab);
-    press(Qt::Key_PageUp, Qt::ControlModifier, SettingsWindow::UrlRulesTab);
-    press(Qt::Key_PageUp, Qt::ControlModifier, SettingsWindow::AppRulesTab);
-    press(Qt::Key_PageUp, Qt::ControlModifier, SettingsWindow::BrowsersTab);
-    press(Qt::Key_3, Qt::AltModifier, SettingsWindow::GeneralTab);
-    // Closed and shown again: the same tab.
-    window.close();
-    window.show();
-    QCOMPARE(window.selectedTab(), int(SettingsWindow::GeneralTab));
-}
-
-void TestSettingsWindow::historyPane()
-{
-    HistoryPane pane(*m_app->state);
-    pane.resize(520, 600);
-    pane.show();
-    const auto page = [&pane] {
-        return pane.findChild<QStackedWidget *>()->currentWidget()->objectName();
-    };
-    QCOMPARE(page(), u"historyEmptyState"_s);
-    record(u"https://one.example/"_s, u"Mail"_s, u"Safari"_s, u"Mail → Safari"_s);
-    record(u"https://two.example/"_s, std::nullopt, u"Firefox"_s);
-    record(u"https://three.example/a b"_s, u"Chat"_s, u"Safari"_s);
-    // Loaded when the tab comes on screen.
-    pane.hide();
-    pane.show();
-    QCOMPARE(page(), u"historyListPage"_s);
-    auto *count = child<QLabel>(&pane, u"historyCount"_s);
-    auto *filter = child<QLineEdit>(&pane, u"historyFilter"_s);
-    QCOMPARE(count->text(), u"3 records"_s);
-    const HistoryModel &model = pane.model();
-    QCOMPARE(model.index(0).data(HistoryModel::UrlRole).toString(), u"https://three.example/a b"_s);
-    QCOMPARE(model.index(0).data(Qt::ToolTipRole).toString(), u"https://three.example/a b"_s);
-    QCOMPARE(model.index(1).data(HistoryModel::SourceNameRole).toString(), u"Unknown"_s);
-    QCOMPARE(model.index(2).data(HistoryModel::RuleRole).toString(), u"Mail → Safari"_s);
-    QVERIFY(!pane.grab().isNull()); // the rows' own drawing
-    // Records name what decided, where they know it: the rule as it read, the
-    // fallback, the pause (drawn as a symbol, the words without it).
-    ForwardingRecord decided =
-        makeRecord(u"https://d.example/"_s, u"Mail"_s, u"Safari"_s, u"Mail → Safari"_s);
-    decided.decidedBy = u"3F2504E0-4F89-41D3-9A0C-0305E82C3301"_s;
-    decided.decisionDescription = u"d.example → Safari"_s;
-    HistoryModel decisions;
-    decisions.setRecords(
-        {decided, makeRecord(u"https://p.example/"_s, u"Mail"_s, u"Safari"_s, u"⏸ Rules paused"_s)});
-    QCOMPARE(decisions.index(0).data(HistoryModel::RuleRole).toString(), u"d.example → Safari"_s);
-    QCOMPARE(decisions.index(1).data(HistoryModel::RuleRole).toString(), u"Rules paused"_s);
-    QVERIFY(decisions.index(1).data(HistoryModel::PausedRole).toBool());
-
-    // Searched: names, case ignored, untrimmed; not bundle ids nor "Unknown".
-    for (const auto &[typed, shown] :
-         {std::pair{u"SAFARI"_s, u"2 records"_s}, {u"chat"_s, u"1 record"_s},
-          {u"com."_s, u"0 records"_s}, {u"Unknown"_s, u"0 records"_s}, {u"a "_s, u"1 record"_s}}) {
-        filter->clear();
-        QTest::keyClicks(filter, typed);
-        QCOMPARE(count->text(), shown);
-    }
-    QCOMPARE(page(), u"historyListPage"_s);
-
-    // Clear: at once, without asking; the filter stays.
-    QTest::mouseClick(child<QToolButton>(&pane, u"historyClear"_s), Qt::LeftButton);
-    QCOMPARE(page(), u"historyEmptyState"_s);
-    QVERIFY(HistoryStore::loadHistory(*m_app->history).isEmpty());
-    QCOMPARE(filter->text(), u"a "_s);
-    // Cleared elsewhere (the pane holds records again): the pane empties too.
-    record(u"https://four.example/a b"_s, u"Mail"_s, u"Safari"_s);
-    filter->clear();
-    pane.hide();
-    pane.show();
-    QCOMPARE(page(), u"historyListPage"_s);
-    m_app->state->clearHistory();
-    QCOMPARE(page(), u"historyEmptyState"_s);
-}
-
-void TestSettingsWindow::relativeTimes()
-{
-    const QDateTime now = QDateTime::currentDateTimeUtc();
-    for (const auto &[seconds, text] :
-         {std::pair{-3, u"just now"_s}, {-61, u"1 minute ago"_s}, {-7200, u"2 hours ago"_s},
-          {-86400, u"1 day ago"_s}, {-15 * 86400, u"2 weeks ago"_s}, {30, u"in the future"_s}})
-        QCOMPARE(HistoryModel::relativeTime(now.addSecs(seconds), now), text);
-
-    HistoryModel model;
-    model.setRecords({makeRecord(u"https://a.example/"_s, std::nullopt, u"Safari"_s)});
-    QSignalSpy changed(&model, &HistoryModel::dataChanged);
-    model.setNow(QDateTime::currentDateTimeUtc().addSecs(120));
-    QCOMPARE(changed.size(), 1);
-    QCOMPARE(model.index(0).data(HistoryModel::RelativeTimeRole).toString(), u"2 minutes ago"_s);
-}
-
-void TestSettingsWindow::generalPane()
-{
-    GeneralPane pane(*m_app->state, m_app->entries, [] {});
-    // Tall enough to show every section without scrolling.
-    pane.resize(520, 1600);
-    pane.show();
-    QVERIFY(child<QWidget>(&pane, u"setAsDefaultButton"_s)->isVisible());
-
-    auto *picker = child<QComboBox>(&pane, u"fallbackPicker"_s);
-    // None, the browsers, and "Ask Every Time" after a separator.
-    QCOMPARE(picker->count(), 5);
-    QCOMPARE(picker->itemText(0), u"None"_s);
-    QCOMPARE(picker->itemText(4), u"Ask Every Time"_s);
-    QCOMPARE(picker->currentText(), u"Firefox"_s);
-    picker->setFocus();
-    QTest::keyClick(picker, Qt::Key_Down);
-    QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"safari"_s);
-    QTest::keyClick(picker, Qt::Key_Home);
-    QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), QString());
-    // Changed elsewhere: shown here.
-    m_app->state->setDefaultBrowser(u"firefox"_s);
-    QCOMPARE(picker->currentText(), u"Firefox"_s);
-    m_app->state->setDefaultBrowser(u"not-installed"_s);
-    QCOMPARE(picker->currentIndex(), -1);
-    // Ask: chosen here, or elsewhere, shown here; the fallback browser stays.
-    m_app->state->setDefaultBrowser(u"firefox"_s);
-    QTest::keyClick(picker, Qt::Key_End);
-    QVERIFY(m_app->state->fallbackAsks());
-    QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"firefox"_s);
-    m_app->state->setDefaultBrowser(u"safari"_s);
-    QCOMPARE(picker->currentText(), u"Safari"_s);
-    m_app->state->setFallbackAsks();
-    QCOMPARE(picker->currentText(), u"Ask Every Time"_s);
-
-    auto *rules = child<QCheckBox>(&pane, u"rulesEnabledSwitch"_s);
-    QVERIFY(rules->isChecked());
-    clickBox(rules);
-    QVERIFY(!m_app->state->rulesEnabled() && !m_app->store->loadRulesEnabled());
-    m_app->state->toggleRulesEnabled();
-    QVERIFY(rules->isChecked());
-    auto *cleaning = child<QCheckBox>(&pane, u"urlCleaningSwitch"_s);
-    cleaning->setFocus();
-    QTest::keyClick(cleaning, Qt::Key_Space);
-    QVERIFY(!m_app->state->urlCleaningEnabled());
-    clickBox(child<QCheckBox>(&pane, u"launchAtLoginSwitch"_s));
-    QVERIFY(m_app->state->launchAtLogin() && m_app->autostart.enabled);
-    auto *unwrapping = child<QCheckBox>(&pane, u"urlUnwrappingSwitch"_s);
-    QVERIFY(unwrapping->isChecked());
-    clickBox(unwrapping);
-    QVERIFY(!SettingsKeys::read(*m_app->settings, SettingsKeys::UrlUnwrappingEnabled));
-
-    // The tests' build has no update feed: the switch would do nothing, and says
-    // why; it still shows the stored setting, changed through the state.
-    auto *automatic = child<QCheckBox>(&pane, u"automaticUpdatesSwitch"_s);
-    QVERIFY(!automatic->isEnabled() && automatic->isChecked());
-    m_app->state->toggleAutomaticUpdateChecks();
-    QVERIFY(!automatic->isChecked());
-    QVERIFY(!SettingsKeys::read(*m_app->settings, SettingsKeys::AutomaticUpdateChecks));
-}
-
-void TestSettingsWindow::browsersPane()
-{
-    BrowsersPane pane(*m_app->state, m_app->entries);
-    pane.show();
-    auto *list = child<QListWidget>(&pane, u"browsersList"_s);
-    QCOMPARE(list->count(), 2);
-    pane.selectBrowser(u"firefox"_s);
-    QVERIFY(child<QLabel>(&pane, u"browserPrivateWindow"_s)->text().contains(u"--private-window"_s));
-
-    // Hidden: out of the lists that offer browsers, still in this one.
-    auto *shown = child<QCheckBox>(&pane, u"browserShownCheck"_s);
-    QVERIFY(shown->isChecked());
-    clickBox(shown);
-    QVERIFY(m_app->state->browserPreference(u"firefox"_s).hidden);
-    QCOMPARE(m_app->state->shownBrowsers().size(), 1);
-    QCOMPARE(m_app->state->shownBrowsers(u"firefox"_s).size(), 2);
-    QCOMPARE(list->count(), 2);
-    QCOMPARE(pane.selectedBrowser(), u"firefox"_s);
-
-    // Arguments that would place the link are refused with the reason, and
-    // what was stored stays.
-    auto *arguments = child<QLineEdit>(&pane, u"browserArgumentsField"_s);
-    auto *error = child<QLabel>(&pane, u"browserArgumentsError"_s);
-    const QString typed = u"--new-window \"--class=Work Mail\""_s;
-    arguments->setText(typed);
-    Q_EMIT arguments->editingFinished();
-    QVERIFY(error->isHidden());
-    QCOMPARE(m_app->state->launchOptions(u"firefox"_s).extraArguments,
-             (QStringList{u"--new-window"_s, u"--class=Work Mail"_s}));
-    arguments->setText(u"--app=%u"_s);
-    Q_EMIT arguments->editingFinished();
-    QVERIFY(!error->isHidden() && error->text().contains(u"%u"_s));
-    // Kept in the settings file, beside the rules.
-    QCOMPARE(m_app->store->loadBrowserPreferences(),
-             (QList<BrowserPreference>{{u"firefox"_s, true, typed}}));
-    clickBox(shown);
-    arguments->clear();
-    Q_EMIT arguments->editingFinished();
-    // Nothing set is nothing stored.
-    QVERIFY(m_app->store->loadBrowserPreferences().isEmpty());
-}
-
-// The pause sign of "⏸ Pause Rules" is missing from the default Debian fonts;
-// Quillvane's own font supplies it, where a box would be drawn instead.
-void TestSettingsWindow::thePauseSignHasAGlyph()
-{
-    ViewKit::installSymbolFont();
-    QTextLayout layout(u"⏸ Pause Rules"_s, QApplication::font());
-    layout.beginLayout();
-    layout.createLine();
-    layout.endLayout();
-    bool found = false;
-    for (const QGlyphRun &run : layout.glyphRuns(0, 1))
-        found = found || (!run.glyphIndexes().isEmpty() && run.glyphIndexes().first() != 0);
-    QVERIFY2(found, "U+23F8 has no glyph in any font Qt falls back to");
-}
 
 void TestSettingsWindow::importAndExport()
 {

@@ -42,9 +42,9 @@ QStringList quillvaneWindows()
 }
 
 // The first visible window the search finds whose area the test accepts.
-std::optional<XWindow> waitForWindow(const QStringList &search,
-                                     const std::function<bool(const QRect &)> &accept =
-                                         [](const QRect &) { return true; })
+std::optional<XWindow> waitForWindow(
+    const QStringList &search,
+    const std::function<bool(const QRect &)> &accept = [](const QRect &) { return true; })
 {
     std::optional<XWindow> result;
     (void)QTest::qWaitFor(
@@ -55,7 +55,8 @@ std::optional<XWindow> waitForWindow(const QStringList &search,
                 for (const QString &line :
                      xdotool({u"getwindowgeometry"_s, u"--shell"_s, id}).split(u'\n'))
                     shell.insert(line.section(u'=', 0, 0), line.section(u'=', 1).toInt());
-                const QRect area(shell[u"X"_s], shell[u"Y"_s], shell[u"WIDTH"_s], shell[u"HEIGHT"_s]);
+                const QRect area(shell[u"X"_s], shell[u"Y"_s], shell[u"WIDTH"_s],
+                                 shell[u"HEIGHT"_s]);
                 if (accept(area)) {
                     result = XWindow{id, area};
                     return true;
@@ -125,12 +126,91 @@ class TestTrayHost final : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
-    void cleanupTestCase();
-    void laterIsTheEscapeAnswer();
-    void trayIcon();
-    void pauseAndResume();
-    void waysToTheSettingsWindow();
+    void initTestCase()
+    {
+        if (!QDBusConnection::sessionBus().isConnected())
+            QSKIP("needs a session bus: run under dbus-run-session");
+        if (QGuiApplication::platformName() != u"xcb")
+            QSKIP("needs an X server: run under xvfb-run");
+        m_desktop = std::make_unique<FakeDesktop>();
+        QVERIFY(g_installed.setUp(QStringLiteral(QUILLVANE_BUILD_DIR), *m_desktop));
+        InstalledQuillvane::seedAlphaAndBeta(
+            *m_desktop, {makeRule(u"org.example.Mail"_s, std::nullopt, u"alpha-browser"_s),
+                         makeRule({}, u"docs.example"_s, u"beta-browser"_s),
+                         makeRule({}, u"*.intranet.example"_s, u"alpha-browser"_s)});
+        m_trayer.start(u"trayer"_s, {u"--edge"_s, u"top"_s, u"--align"_s, u"right"_s,
+                                     u"--widthtype"_s, u"request"_s, u"--height"_s, u"24"_s,
+                                     u"--transparent"_s, u"false"_s, u"--tint"_s, u"0x2e3440"_s});
+        QVERIFY(m_trayer.waitForStarted());
+        QTRY_VERIFY_WITH_TIMEOUT(QSystemTrayIcon::isSystemTrayAvailable(), 10000);
+        // Started the way a link starts it: by the bus, on the first call.
+        QCOMPARE(InstalledQuillvane::open({u"https://docs.example/first"_s}).type(),
+                 QDBusMessage::ReplyMessage);
+    }
+    void cleanupTestCase()
+    {
+        if (InstalledQuillvane::isRunning())
+            QVERIFY(InstalledQuillvane::stop());
+        m_trayer.terminate();
+        m_trayer.waitForFinished();
+    }
+    void laterIsTheEscapeAnswer()
+    {
+        // Not the default browser yet: the question comes once the icon is up.
+        const auto prompt = waitForWindow(quillvaneWindows(), [](const QRect &area) {
+            return area.width() > 150 && area.height() > 60 && area.height() < 400;
+        });
+        QVERIFY(prompt);
+        QVERIFY(colours(grab(prompt->geometry)) > 20);
+        QVERIFY(closeWith(*prompt, {u"Escape"_s}));
+        QVERIFY(!readFile(m_desktop->configHome() + u"/mimeapps.list"_s)
+                     .contains("work.vorpa.Quillvane"));
+    }
+    void trayIcon()
+    {
+        const auto icon = waitForWindow(quillvaneWindows(), [](const QRect &area) {
+            return area.width() <= 48 && area.height() <= 48 && area.top() < 24;
+        });
+        QVERIFY2(icon, "the icon is not in the tray");
+        m_icon = *icon;
+        m_activeIcon = grab(m_icon.geometry);
+        QVERIFY(colours(m_activeIcon) > 4);
+    }
+    void pauseAndResume()
+    {
+        choose(1);
+        QTRY_VERIFY(!SettingsKeys::read(*stored(), SettingsKeys::RulesEnabled));
+        QTRY_VERIFY(difference(grab(m_icon.geometry), m_activeIcon) > 0.05);
+        choose(1);
+        QTRY_VERIFY(SettingsKeys::read(*stored(), SettingsKeys::RulesEnabled));
+        QTRY_COMPARE(difference(grab(m_icon.geometry), m_activeIcon), 0.0);
+    }
+    // The desktop entry's "Create Rule" (with a new app rule's sheet on it, which
+    // Escape closes without saving), the tray menu's history, and the command line.
+    void waysToTheSettingsWindow()
+    {
+        QDBusMessage action =
+            QDBusMessage::createMethodCall(u"work.vorpa.Quillvane"_s, u"/work/vorpa/Quillvane"_s,
+                                           u"org.freedesktop.Application"_s, u"ActivateAction"_s);
+        action << u"create-rule"_s << QVariantList() << QVariantMap();
+        QCOMPARE(QDBusConnection::sessionBus().call(action).type(), QDBusMessage::ReplyMessage);
+        const auto sheet = waitForWindow({u"--name"_s, u"^New App Rule$"_s});
+        QVERIFY2(sheet, "\"Create Rule\" showed no sheet");
+        QVERIFY(closeWith(*sheet, {u"Escape"_s}));
+        QCOMPARE(RuleStore(*stored()).loadRules().size(), 3);
+        const QStringList settings{u"--name"_s, u"^Quillvane Settings$"_s};
+        for (int way = 0; way < 3; ++way) {
+            if (way == 1)
+                choose(4); // "Forwarding History..."
+            if (way == 2) {
+                QCOMPARE(g_installed.quillvane({u"--settings"_s, u"x"_s}).exitCode, 2);
+                QCOMPARE(g_installed.quillvane({u"--settings"_s}).exitCode, 0);
+            }
+            const auto window = waitForWindow(settings);
+            QVERIFY2(window, qPrintable(u"way %1 showed no settings window"_s.arg(way)));
+            QVERIFY(closeWith(*window, {u"ctrl+w"_s}));
+        }
+    }
     void askingWhereALinkOpens();
 
 private:
@@ -148,36 +228,6 @@ private:
     QImage m_activeIcon;
 };
 
-void TestTrayHost::initTestCase()
-{
-    if (!QDBusConnection::sessionBus().isConnected())
-        QSKIP("needs a session bus: run under dbus-run-session");
-    if (QGuiApplication::platformName() != u"xcb")
-        QSKIP("needs an X server: run under xvfb-run");
-    m_desktop = std::make_unique<FakeDesktop>();
-    QVERIFY(g_installed.setUp(QStringLiteral(QUILLVANE_BUILD_DIR), *m_desktop));
-    InstalledQuillvane::seedAlphaAndBeta(
-        *m_desktop, {makeRule(u"org.example.Mail"_s, std::nullopt, u"alpha-browser"_s),
-                     makeRule({}, u"docs.example"_s, u"beta-browser"_s),
-                     makeRule({}, u"*.intranet.example"_s, u"alpha-browser"_s)});
-    m_trayer.start(u"trayer"_s, {u"--edge"_s, u"top"_s, u"--align"_s, u"right"_s, u"--widthtype"_s,
-                                 u"request"_s, u"--height"_s, u"24"_s, u"--transparent"_s,
-                                 u"false"_s, u"--tint"_s, u"0x2e3440"_s});
-    QVERIFY(m_trayer.waitForStarted());
-    QTRY_VERIFY_WITH_TIMEOUT(QSystemTrayIcon::isSystemTrayAvailable(), 10000);
-    // Started the way a link starts it: by the bus, on the first call.
-    QCOMPARE(InstalledQuillvane::open({u"https://docs.example/first"_s}).type(),
-             QDBusMessage::ReplyMessage);
-}
-
-void TestTrayHost::cleanupTestCase()
-{
-    if (InstalledQuillvane::isRunning())
-        QVERIFY(InstalledQuillvane::stop());
-    m_trayer.terminate();
-    m_trayer.waitForFinished();
-}
-
 void TestTrayHost::choose(int item)
 {
     const QPoint centre = m_icon.geometry.center();
@@ -189,66 +239,6 @@ void TestTrayHost::choose(int item)
     xdotool({u"mousemove"_s, u"0"_s,
              QString::number(QGuiApplication::primaryScreen()->size().height() - 1)});
     press(QStringList(item, u"Down"_s) << u"Return"_s);
-}
-
-void TestTrayHost::laterIsTheEscapeAnswer()
-{
-    // Not the default browser yet: the question comes once the icon is up.
-    const auto prompt = waitForWindow(quillvaneWindows(), [](const QRect &area) {
-        return area.width() > 150 && area.height() > 60 && area.height() < 400;
-    });
-    QVERIFY(prompt);
-    QVERIFY(colours(grab(prompt->geometry)) > 20);
-    QVERIFY(closeWith(*prompt, {u"Escape"_s}));
-    QVERIFY(!readFile(m_desktop->configHome() + u"/mimeapps.list"_s).contains("work.vorpa.Quillvane"));
-}
-
-void TestTrayHost::trayIcon()
-{
-    const auto icon = waitForWindow(quillvaneWindows(), [](const QRect &area) {
-        return area.width() <= 48 && area.height() <= 48 && area.top() < 24;
-    });
-    QVERIFY2(icon, "the icon is not in the tray");
-    m_icon = *icon;
-    m_activeIcon = grab(m_icon.geometry);
-    QVERIFY(colours(m_activeIcon) > 4);
-}
-
-void TestTrayHost::pauseAndResume()
-{
-    choose(1);
-    QTRY_VERIFY(!SettingsKeys::read(*stored(), SettingsKeys::RulesEnabled));
-    QTRY_VERIFY(difference(grab(m_icon.geometry), m_activeIcon) > 0.05);
-    choose(1);
-    QTRY_VERIFY(SettingsKeys::read(*stored(), SettingsKeys::RulesEnabled));
-    QTRY_COMPARE(difference(grab(m_icon.geometry), m_activeIcon), 0.0);
-}
-
-// The desktop entry's "Create Rule" (with a new app rule's sheet on it, which
-// Escape closes without saving), the tray menu's history, and the command line.
-void TestTrayHost::waysToTheSettingsWindow()
-{
-    QDBusMessage action =
-        QDBusMessage::createMethodCall(u"work.vorpa.Quillvane"_s, u"/work/vorpa/Quillvane"_s,
-                                       u"org.freedesktop.Application"_s, u"ActivateAction"_s);
-    action << u"create-rule"_s << QVariantList() << QVariantMap();
-    QCOMPARE(QDBusConnection::sessionBus().call(action).type(), QDBusMessage::ReplyMessage);
-    const auto sheet = waitForWindow({u"--name"_s, u"^New App Rule$"_s});
-    QVERIFY2(sheet, "\"Create Rule\" showed no sheet");
-    QVERIFY(closeWith(*sheet, {u"Escape"_s}));
-    QCOMPARE(RuleStore(*stored()).loadRules().size(), 3);
-    const QStringList settings{u"--name"_s, u"^Quillvane Settings$"_s};
-    for (int way = 0; way < 3; ++way) {
-        if (way == 1)
-            choose(4); // "Forwarding History..."
-        if (way == 2) {
-            QCOMPARE(g_installed.quillvane({u"--settings"_s, u"x"_s}).exitCode, 2);
-            QCOMPARE(g_installed.quillvane({u"--settings"_s}).exitCode, 0);
-        }
-        const auto window = waitForWindow(settings);
-        QVERIFY2(window, qPrintable(u"way %1 showed no settings window"_s.arg(way)));
-        QVERIFY(closeWith(*window, {u"ctrl+w"_s}));
-    }
 }
 
 // "Ask Every Time": a link that no rule claims, from a mail client, brings up

@@ -57,7 +57,8 @@ QByteArray feed(const QList<QByteArray> &items)
            + items.join() + "</channel></rss>";
 }
 
-const QString Untrusted = u"The update feed's signature is not valid, so nothing in it is trusted."_s;
+const QString Untrusted =
+    u"The update feed's signature is not valid, so nothing in it is trusted."_s;
 
 } // namespace
 
@@ -70,7 +71,8 @@ private:
     KeyPair m_otherKeys;
     QTemporaryDir m_settingsDir;
 
-    QByteArray signedItem(const QString &version, const QString &notes = u"https://q.example/n"_s) const
+    QByteArray signedItem(const QString &version,
+                          const QString &notes = u"https://q.example/n"_s) const
     {
         return item(version, notes, m_keys.sign(version, notes));
     }
@@ -88,10 +90,11 @@ private Q_SLOTS:
 
     void versionsCompareNumberByNumber()
     {
-        for (const auto &[a, b, expected] :
-             {std::tuple{u"1.10"_s, u"1.9"_s, 1}, {u"1.4"_s, u"1.4.0"_s, 0},
-              {u"0.1.0"_s, u"0.1.1"_s, -1}, {u"2"_s, u"1.99.99"_s, 1},
-              {u"1.0.rc1"_s, u"1.0.rc2"_s, -1}}) {
+        for (const auto &[a, b, expected] : {std::tuple{u"1.10"_s, u"1.9"_s, 1},
+                                             {u"1.4"_s, u"1.4.0"_s, 0},
+                                             {u"0.1.0"_s, u"0.1.1"_s, -1},
+                                             {u"2"_s, u"1.99.99"_s, 1},
+                                             {u"1.0.rc1"_s, u"1.0.rc2"_s, -1}}) {
             QCOMPARE(UpdateFeed::compareVersions(a, b), expected);
             QCOMPARE(UpdateFeed::compareVersions(b, a), -expected);
         }
@@ -110,11 +113,11 @@ private Q_SLOTS:
                  (UpdateOffer{u"1.10.0"_s, QUrl(u"https://q.example/1.10"_s)}));
         QCOMPARE(offer(document, u"1.10"_s), u"none"_s);
         const QString notes = u"javascript:alert(1)"_s;
-        const QByteArray enclosure = "<item><qv:version>3.0</qv:version><qv:releaseNotesLink>"
-                                     + notes.toUtf8()
-                                     + "</qv:releaseNotesLink><enclosure url=\"https://q.example/x\" "
-                                       "qv:edSignature=\""
-                                     + m_keys.sign(u"3.0"_s, notes) + "\"/></item>";
+        const QByteArray enclosure =
+            "<item><qv:version>3.0</qv:version><qv:releaseNotesLink>" + notes.toUtf8()
+            + "</qv:releaseNotesLink><enclosure url=\"https://q.example/x\" "
+              "qv:edSignature=\""
+            + m_keys.sign(u"3.0"_s, notes) + "\"/></item>";
         const auto enclosed = UpdateFeed::newestOffer(feed({enclosure}), m_keys.publicKey, u"1"_s);
         QCOMPARE(enclosed->value().version, u"3.0"_s);
         QVERIFY(!enclosed->value().releaseNotes.isValid());
@@ -148,12 +151,14 @@ private Q_SLOTS:
         QProcess openssl;
         openssl.start(u"openssl"_s, {u"genpkey"_s, u"-algorithm"_s, u"ed25519"_s, u"-out"_s, key});
         QVERIFY(openssl.waitForFinished() && openssl.exitCode() == 0);
-        openssl.start(u"openssl"_s, {u"pkey"_s, u"-in"_s, key, u"-pubout"_s, u"-outform"_s, u"DER"_s});
+        openssl.start(u"openssl"_s,
+                      {u"pkey"_s, u"-in"_s, key, u"-pubout"_s, u"-outform"_s, u"DER"_s});
         QVERIFY(openssl.waitForFinished() && openssl.exitCode() == 0);
         const QByteArray publicKey = openssl.readAllStandardOutput().right(32);
         QProcess script;
         const auto sign = [&](const QString &notes) {
-            script.start(QUILLVANE_SOURCE_DIR u"/scripts/sign-update-item"_s, {key, u"4.1.0"_s, notes});
+            script.start(QUILLVANE_SOURCE_DIR u"/scripts/sign-update-item"_s,
+                         {key, u"4.1.0"_s, notes});
             return script.waitForFinished() ? script.exitCode() : -1;
         };
         QCOMPARE(sign(u"https://q.example/notes?v=4.1"_s), 0);
@@ -184,7 +189,8 @@ private Q_SLOTS:
         const UpdateCheckResult missing = run(u"/missing"_s);
         QCOMPARE(int(missing.outcome), int(UpdateCheckResult::Outcome::Failed));
         QVERIFY(missing.error.startsWith(u"The update feed could not be loaded: "_s));
-        QCOMPARE(run(u"/huge"_s).error, u"The update feed is larger than 1 MB, so it was not read."_s);
+        QCOMPARE(run(u"/huge"_s).error,
+                 u"The update feed is larger than 1 MB, so it was not read."_s);
     }
 
     // A newer version is offered with its release notes, being up to date and
@@ -203,7 +209,8 @@ private Q_SLOTS:
         const QString current = QString::fromUtf16(BuildInfo::Version);
         server.serve(u"/newer"_s, feed({signedItem(u"7.0"_s, notes)}));
         server.serve(u"/same"_s, feed({signedItem(current, notes)}));
-        server.serve(u"/forged"_s, feed({item(u"7.0"_s, notes, m_otherKeys.sign(u"7.0"_s, notes))}));
+        server.serve(u"/forged"_s,
+                     feed({item(u"7.0"_s, notes, m_otherKeys.sign(u"7.0"_s, notes))}));
         QList<QUrl> opened;
         // The controller answers the user when its checker finishes, so it has to live
         // until then: the server having seen the request says nothing about the answer.

@@ -12,14 +12,18 @@ class TestURLCleaner final : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase() { QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*.debug=true"_s); }
+    void initTestCase()
+    {
+        QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*.debug=true"_s);
+    }
     void clean_data();
     void clean()
     {
         QFETCH(QString, pathAndQuery);
         QFETCH(QString, expected);
-        QCOMPARE(URLCleaner::clean(link(QString(u"https://Example.com"_s + pathAndQuery))).toString(),
-                 QString(u"https://Example.com"_s + expected));
+        QCOMPARE(
+            URLCleaner::clean(link(QString(u"https://Example.com"_s + pathAndQuery))).toString(),
+            QString(u"https://Example.com"_s + expected));
     }
     void unwrap_data();
     void unwrap()

@@ -40,9 +40,9 @@ private Q_SLOTS:
         QFETCH(QString, browser);
         QFETCH(QString, profile);
         QFETCH(QString, rule);
-        const auto decision = URLRouter::decide(::link(QString(u"https://"_s + link)),
-                                                ::source(source), workedExampleRules(),
-                                                u"com.apple.Safari"_s);
+        const auto decision =
+            URLRouter::decide(::link(QString(u"https://"_s + link)), ::source(source),
+                              workedExampleRules(), u"com.apple.Safari"_s);
         QCOMPARE(decision.result->browserBundleID, browser);
         QCOMPARE(decision.result->profileID.value_or(QString()), profile);
         QCOMPARE(decision.ruleIndex, rule.toInt());
@@ -51,11 +51,11 @@ private Q_SLOTS:
     void sourcesAndStoredOrder()
     {
         // Without a source, even a combined rule whose pattern matches is not considered.
-        const auto decision = URLRouter::decide(
-            link(u"https://meet.example.org/"_s), std::nullopt,
-            {makeRule(u"com.example.chat"_s, u"*meet*"_s, u"a"_s),
-             makeRule(u"com.example.chat"_s, std::nullopt, u"b"_s)},
-            u"fb"_s);
+        const auto decision =
+            URLRouter::decide(link(u"https://meet.example.org/"_s), std::nullopt,
+                              {makeRule(u"com.example.chat"_s, u"*meet*"_s, u"a"_s),
+                               makeRule(u"com.example.chat"_s, std::nullopt, u"b"_s)},
+                              u"fb"_s);
         QCOMPARE(decision.kind, URLRouter::Decision::Kind::Fallback);
         QCOMPARE(decision.result, (RouteResult{u"fb"_s, std::nullopt}));
         // An inert rule (no source, no pattern) never matches.
@@ -136,9 +136,11 @@ private Q_SLOTS:
                                        ? RoutePolicy::explanation()
                                        : RoutePolicy::routing(policy == u"trail");
         using D = RoutePlan::Decision;
-        const QHash<QString, D> decisions{{u"Paused"_s, D::Paused},     {u"UrlOnly"_s, D::UrlOnly},
+        const QHash<QString, D> decisions{{u"Paused"_s, D::Paused},
+                                          {u"UrlOnly"_s, D::UrlOnly},
                                           {u"SourceOnly"_s, D::SourceOnly},
-                                          {u"Fallback"_s, D::Fallback}, {u"Ask"_s, D::Ask}};
+                                          {u"Fallback"_s, D::Fallback},
+                                          {u"Ask"_s, D::Ask}};
 
         RoutePlan plan = RoutePlanner::prepare(link(url), ::source(source), routeSettings, chosen);
         QCOMPARE(plan.decided(), decision == u"Paused");
