@@ -21,11 +21,13 @@ private Q_SLOTS:
         QVERIFY(m_connection && !xcb_connection_has_error(m_connection));
         m_root = xcb_setup_roots_iterator(xcb_get_setup(m_connection)).data->root;
     }
+
     void cleanupTestCase()
     {
         if (m_connection)
             xcb_disconnect(m_connection);
     }
+
     void followsTheActiveWindow()
     {
         const xcb_window_t mail = window(4001);

@@ -24,6 +24,7 @@ private Q_SLOTS:
         m_autostart = FakeAutostart();
         m_told.clear();
     }
+
     void cleanup()
     {
         m_store.reset();
@@ -31,6 +32,7 @@ private Q_SLOTS:
         m_settings.reset();
         m_environment.reset();
     }
+
     void startupChoosesAFallback_data()
     {
         QTest::addColumn<QStringList>("installed");
@@ -47,6 +49,7 @@ private Q_SLOTS:
             << QStringList{u"zen"_s, u"epiphany"_s} << QString() << u"epiphany"_s;
         QTest::newRow("no browser at all") << QStringList() << QString() << QString();
     }
+
     void startupChoosesAFallback()
     {
         QFETCH(QStringList, installed);
@@ -60,6 +63,7 @@ private Q_SLOTS:
                  !fallback.isEmpty());
         QCOMPARE(reopened().loadDefaultBrowserBundleID(), fallback);
     }
+
     // Six rules, one of them with an id that is no UUID: five are used, the user is
     // told once, and the file as it was survives the next save.
     void damagedRulesAreKept()
@@ -89,6 +93,7 @@ private Q_SLOTS:
         QVERIFY2(m_told[0].value(1).contains(copies.first()), qPrintable(m_told[0].value(1)));
         QCOMPARE(readFile(folder.filePath(copies.first())), original);
     }
+
     // The rules and the cleaning switch are replaced; the fallback only when the
     // document names one; other switches stay.
     void importReplacesRulesOnly()
@@ -113,6 +118,7 @@ private Q_SLOTS:
         QVERIFY(state->rules().isEmpty());
         QCOMPARE(reopened().loadDefaultBrowserBundleID(), u"chromium"_s);
     }
+
     // The switch asks the system, not a copy of its own, and a failure changes
     // nothing. The default-browser check compares ids exactly.
     void launchAtLoginAndTheDefaultBrowser()
@@ -142,6 +148,7 @@ private Q_SLOTS:
         QVERIFY(state->isSystemDefaultBrowser());
         QCOMPARE(isDefault.size(), 1);
     }
+
     void displayOrders()
     {
         const auto state = makeState();
@@ -185,12 +192,14 @@ private:
         };
         return std::make_unique<AppState>(*m_store, *m_history, services);
     }
+
     void setBrowsers(const QStringList &ids)
     {
         m_entries = FakeDesktopEntries();
         for (const QString &id : ids)
             m_entries.add(id);
     }
+
     // What another process reading the settings file now would see.
     RuleStore reopened()
     {

@@ -142,11 +142,13 @@ private Q_SLOTS:
                                    QDBusConnection::ExportAllSlots));
         QVERIFY(bus.registerService(u"org.freedesktop.Notifications"_s));
     }
+
     void cleanupTestCase()
     {
         if (m_desktop)
             QVERIFY(InstalledQuillvane::stop());
     }
+
     void nothingAnswersWhileNotRunning()
     {
         for (const QString &command :
@@ -171,6 +173,7 @@ private Q_SLOTS:
                  QDBusMessage::ReplyMessage);
         QVERIFY(InstalledQuillvane::isRunning());
     }
+
     void listsAndQueries()
     {
         QCOMPARE(outcome(u"browsers"_s), u"0 alpha-browser     Alpha\n"
@@ -200,6 +203,7 @@ private Q_SLOTS:
         QCOMPARE(rules(m_docsRuleId.toLower()), 0);
         QCOMPARE(rules(m_docsRuleId), 1);
     }
+
     void createAndDeleteRules();
     void routeURL();
     void fallbackAndFeatures();
@@ -253,6 +257,7 @@ private Q_SLOTS:
         call(u"DeleteRule"_s, {QVariant::fromValue(RuleEntity{JsonFields::uuidText(made.id), {}})});
         QVERIFY(!storedRules().contains(made));
     }
+
     // Links made to hurt: each is refused with a clear error or opened as one
     // argument of the browser the rules name, never read by a shell, never as an
     // option, never many times over.
@@ -311,6 +316,7 @@ private Q_SLOTS:
         QCOMPARE(bytes.exitCode, 2);
         QVERIFY2(bytes.err.contains(u"not valid UTF-8"_s), qPrintable(bytes.err));
     }
+
     // The link goes to the bouncer once, comes back, and stops there: the
     // bouncer's forwarder hears why, the user is told, and nothing is recorded.
     void aBrowserThatHandsLinksBack()
@@ -335,6 +341,7 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(
             links(InstalledQuillvane::storedHistory(*m_desktop)).contains(link), 10000);
     }
+
     void desktopActions()
     {
         // The clipboard belongs to this process, which must keep answering while
@@ -372,6 +379,7 @@ private Q_SLOTS:
         QCOMPARE(unknown.exitCode, 2);
         QVERIFY(unknown.err.contains(u"route-clipboard, list-browsers, create-rule"_s));
     }
+
     void shellCompletion()
     {
         const auto complete = [&](const QString &line) {
@@ -396,6 +404,7 @@ private Q_SLOTS:
                      .exitCode,
                  0);
     }
+
     void browsersThatChangeWhileRunning();
 
 private:
@@ -403,15 +412,18 @@ private:
     {
         return RuleStore(*InstalledQuillvane::storedSettings(*m_desktop)).loadRules();
     }
+
     QString storedFallback() const
     {
         return RuleStore(*InstalledQuillvane::storedSettings(*m_desktop))
             .loadDefaultBrowserBundleID();
     }
+
     bool stored(const SettingsKeys::Key<bool> &key) const
     {
         return SettingsKeys::read(*InstalledQuillvane::storedSettings(*m_desktop), key);
     }
+
     bool listed(const QString &id) const { return qv(u"browsers"_s).out.contains(id); }
 
     std::unique_ptr<FakeDesktop> m_desktop;

@@ -94,6 +94,7 @@ private Q_SLOTS:
                                + u" --class=%c %i --from=%k %U"_s);
         QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*.debug=true"_s);
     }
+
     // By id whatever its case, with the activation token; field codes of every
     // kind as GIO expands them; a Flatpak entry gets the link between its markers;
     // the user's arguments and a private window before the link, and no guess
@@ -140,6 +141,7 @@ private Q_SLOTS:
             BrowserLauncher::open(link(u"https://e.com/x"_s), u"brave-browser"_s, {}, m_platform)));
         QCOMPARE(m_desktop->opened(u"brave-browser"_s), QStringList{u"https://e.com/x"_s});
     }
+
     // A profile's options come first, a private window's after them; a Flatpak
     // entry loses its markers and takes the profile after the app id.
     void profileLaunches()
@@ -176,6 +178,7 @@ private Q_SLOTS:
         QCOMPARE(profileError(browser(u"chromium"_s), refusing),
                  u"Failed to launch browser with profile: Permission denied"_s);
     }
+
     void launchFailures()
     {
         const auto notFound = finished(BrowserLauncher::open(
@@ -205,6 +208,7 @@ private Q_SLOTS:
                     .contains(u"Quillvane does not start "_s + m_desktop->userApplications()));
         QVERIFY(!QFile::exists(marker));
     }
+
     void dbusActivatableEntriesAreActivated()
     {
         RecordingLauncher launcher;
@@ -222,6 +226,7 @@ private Q_SLOTS:
                      .description(),
                  u"Failed to open URL: The name is not activatable"_s);
     }
+
     void doctorShowsTheDesktop();
     // A browser started by Quillvane may live for hours: only links handed out in
     // the last seconds may count as coming back.
@@ -253,6 +258,7 @@ private:
         }
         qFatal("no browser %s", qPrintable(id));
     }
+
     QString openError(const QString &id, const QString &url = u"https://e.com/"_s)
     {
         const auto outcome = finished(BrowserLauncher::open(link(url), browser(id), m_platform));

@@ -30,11 +30,13 @@ private Q_SLOTS:
         m_environment = std::make_unique<TestEnvironment>();
         m_settings = m_environment->settings();
     }
+
     void cleanup()
     {
         m_settings.reset();
         m_environment.reset();
     }
+
     void exportedDocument();
     // Every rule field, browser settings and "Ask" as the fallback come back as
     // they went, and the document encodes again byte for byte; a document without
@@ -67,6 +69,7 @@ private Q_SLOTS:
         QCOMPARE(imported->exportDate, QDateTime(QDate(2025, 3, 1), QTime(9, 30), Qt::UTC));
         QCOMPARE(ConfigManager::encode(*imported), json);
     }
+
     void importChecks_data()
     {
         QTest::addColumn<QByteArray>("json");
@@ -113,6 +116,7 @@ private Q_SLOTS:
         QTest::newRow("array") << QByteArray("[]")
                                << decode + u"the file does not hold a JSON object."_s;
     }
+
     void importChecks()
     {
         QFETCH(QByteArray, json);
@@ -125,6 +129,7 @@ private Q_SLOTS:
         QCOMPARE(imported ? QString() : imported.error().description().left(error.size()), error);
         QVERIFY(!imported || (!imported->defaultBrowserBundleID && imported->rules.isEmpty()));
     }
+
     void launchAtLogin()
     {
         XdgAutostart autostart(u"/opt/My Apps/quillvane"_s);

@@ -128,11 +128,13 @@ private Q_SLOTS:
         QVERIFY(m_desktop->waitForRun(u"fallback-browser"_s));
         m_desktop->forget(u"fallback-browser"_s);
     }
+
     void cleanupTestCase()
     {
         if (m_desktop)
             QVERIFY(InstalledQuillvane::stop());
     }
+
     void flatpakAppThroughThePortal()
     {
         if (QStandardPaths::findExecutable(u"bwrap"_s).isEmpty()
@@ -188,6 +190,7 @@ private Q_SLOTS:
         QCOMPARE(ways.value(u"snap-monitor"_s), false);
         QCOMPARE(ways.value(u"x11-active-window"_s), true);
     }
+
     void snapAppThroughSnapd()
     {
         // A snap's processes live in a cgroup that names it.
@@ -222,6 +225,7 @@ private Q_SLOTS:
         QCOMPARE(latestRecord().sourceAppName, u"Tunes"_s);
         QCOMPARE(doctorWays().value(u"snap-monitor"_s), true);
     }
+
     // The monitor's thread wakes only for open requests: calls of any other kind
     // on the bus leave its count of context switches where it was.
     void otherTrafficLeavesTheMonitorAsleep()
@@ -243,6 +247,7 @@ private Q_SLOTS:
             QVERIFY(InstalledQuillvane::isRunning());
         QCOMPARE(switches(), before);
     }
+
     void kwinReportsTheActiveWindow()
     {
         // Quillvane again, now in a Wayland session with KWin on the bus.
@@ -295,6 +300,7 @@ private:
     {
         return InstalledQuillvane::storedHistory(*m_desktop).value(0);
     }
+
     // What `quillvane doctor` says of each way of finding the source, by its id.
     QJsonObject doctorWays() const
     {

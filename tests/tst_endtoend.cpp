@@ -115,11 +115,13 @@ private Q_SLOTS:
         settings->setValue(u"today_date"_s, HistoryStore::dayString(QDateTime::currentDateTime()));
         settings->sync();
     }
+
     void cleanupTestCase()
     {
         if (m_desktop)
             stopInstance();
     }
+
     void firstLinkStartsQuillvane()
     {
         QVERIFY(!InstalledQuillvane::isRunning());
@@ -148,6 +150,7 @@ private Q_SLOTS:
                   "[Default Applications]\nx-scheme-handler/https=work.vorpa.Quillvane.desktop\n"
                   "x-scheme-handler/http=work.vorpa.Quillvane.desktop\n");
     }
+
     // The ways applications hand over links; each reaches the running instance,
     // and the source's rule decides.
     void linksFromApplications_data()
@@ -184,6 +187,7 @@ private Q_SLOTS:
             << u"fake-mail"_s << u"$BIN/quillvane https://example.com/typed; true"_s
             << u"mail-browser"_s << QString();
     }
+
     void linksFromApplications()
     {
         QFETCH(QString, app);
@@ -202,6 +206,7 @@ private Q_SLOTS:
             QCOMPARE(m_desktop->activationToken(browser), token);
         QCOMPARE(instancePid(), instance);
     }
+
     void otherSchemesAreRefused()
     {
         QString errors;
@@ -209,6 +214,7 @@ private Q_SLOTS:
         QVERIFY2(errors.contains(u"file:///etc/passwd"_s), qPrintable(errors));
         QCOMPARE(run(program(u"quillvane"_s), {u"javascript:alert(1)"_s}, &errors), 2);
     }
+
     // A thousand links at once from four sources: through gio open from two
     // applications, through the forwarder, and straight over the bus. Each opens
     // once; the history keeps the newest 500, the count all, and memory stays put.
@@ -294,6 +300,7 @@ private Q_SLOTS:
             QVERIFY2(after <= before * 11 / 10,
                      qPrintable(u"%1 → %2 KiB"_s.arg(before).arg(after)));
     }
+
     // The history as the command line shows it, from the same database, whether
     // or not Quillvane runs.
     void historyCommand()
@@ -323,6 +330,7 @@ private Q_SLOTS:
                  qPrintable(lines.first()));
         QVERIFY(!InstalledQuillvane::isRunning());
     }
+
     // Deleted while Quillvane runs: the next change writes it again whole, so the
     // rules and the fallback survive.
     void settingsDeletedWhileRunning()
@@ -343,6 +351,7 @@ private Q_SLOTS:
         QCOMPARE(stored()->value(u"url_expansion_enabled"_s).toBool(), true);
         InstalledQuillvane::automation(u"ToggleFeature"_s, {u"urlExpansion"_s, false});
     }
+
     // The history database cannot be written: the disk fills up while Quillvane
     // runs (a small tmpfs), or it starts on a read-only one (a read-only bind
     // mount). Links still open, the failure is logged, and once writing works
@@ -356,6 +365,7 @@ private Q_SLOTS:
         QTest::newRow("disk fills up") << true << false;
         QTest::newRow("read-only disk, then quit") << false << true;
     }
+
     void historyThatCannotBeWritten()
     {
         QFETCH(bool, fills);
@@ -453,6 +463,7 @@ private Q_SLOTS:
         if (!fills)
             QCOMPARE((said += instance.readAll()).count("Could not write the history database"), 1);
     }
+
     // Killed while links arrive, at any moment: every link whose sender was told
     // that Quillvane has it opens, after the next start if not before; at most the
     // one being started at the moment of the kill opens twice.
@@ -524,6 +535,7 @@ private Q_SLOTS:
         // The kills did land while accepted links waited to be opened.
         QVERIFY(trail().count("] Routing URL accepted before a restart: ") > replayedBefore);
     }
+
     // The desktop's bus goes away (a crashed or restarted session bus): Quillvane
     // ends cleanly instead of running on deaf, and the new bus starts it again
     // with the next link.
@@ -577,6 +589,7 @@ private Q_SLOTS:
         secondBus.terminate();
         QVERIFY(secondBus.waitForFinished(5000));
     }
+
     void twoInstancesAtOnce()
     {
         stopInstance();
@@ -600,6 +613,7 @@ private Q_SLOTS:
         stopInstance();
         QTRY_COMPARE(instance.state(), QProcess::NotRunning);
     }
+
     // Started from a terminal, Quillvane logs to standard error: the lines name
     // no link, host or browser unless asked to (the trail file does, by design).
     void systemLogKeepsLinksPrivate()
@@ -631,16 +645,19 @@ private:
         return QString::fromUtf8(readFile(m_desktop->root() + u"/burst.log"_s))
             .split(u'\n', Qt::SkipEmptyParts);
     }
+
     void forgetBursts() const { QFile::remove(m_desktop->root() + u"/burst.log"_s); }
     // What Quillvane has stored, read afresh each time.
     std::unique_ptr<QSettings> stored() const
     {
         return InstalledQuillvane::storedSettings(*m_desktop);
     }
+
     QList<ForwardingRecord> storedHistory() const
     {
         return InstalledQuillvane::storedHistory(*m_desktop);
     }
+
     qint64 storedCount() const { return InstalledQuillvane::storedForwardCount(*m_desktop); }
     QByteArray trail() const { return readFile(m_desktop->root() + u"/run/Quillvane.log"_s); }
 

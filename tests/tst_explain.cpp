@@ -25,11 +25,13 @@ private Q_SLOTS:
         store.saveDefaultBrowserBundleID(u"com.apple.Safari"_s);
         m_expandCalls.clear();
     }
+
     void cleanup()
     {
         m_settings.reset();
         m_environment.reset();
     }
+
     // One link per kind of answer (the router's own tests cover every case); each
     // row's text is what the answer's lines hold. Hosts are shown as compared.
     void decisions_data()
@@ -74,6 +76,7 @@ private Q_SLOTS:
                            u"Decided by: URL rule with pattern \"bücher.de\" (compared as "
                            "\"xn--bcher-kva.de\"), rule 1 of 1"_s};
     }
+
     void decisions()
     {
         QFETCH(QStringList, arguments);
@@ -96,6 +99,7 @@ private Q_SLOTS:
         // A profile only where the rule names one.
         QCOMPARE(out.contains(u"Profile:"_s), arguments.first().endsWith(u"/guide"_s));
     }
+
     // The link as received, unwrapped and cleaned, each on a line of its own
     // (cleaning can be off), and the router's trail, which goes to the output, not
     // to the user's diagnostic file.
@@ -128,6 +132,7 @@ private Q_SLOTS:
         QVERIFY(unclean.contains(u"Cleaning:   off"_s));
         QVERIFY(unclean.contains(u"url=https://docs.example.com/?utm_source=x,"_s));
     }
+
     void badInput_data()
     {
         QTest::addColumn<QStringList>("arguments");
@@ -146,6 +151,7 @@ private Q_SLOTS:
             << QStringList{u"ftp://a.com/x"_s}
             << u"Only http and https links can be routed; this link's scheme is \"ftp\"."_s;
     }
+
     void badInput()
     {
         QFETCH(QStringList, arguments);
@@ -154,6 +160,7 @@ private Q_SLOTS:
         QCOMPARE(code, 2);
         QVERIFY2(err.startsWith(u"quillvane: "_s) && err.contains(error), qPrintable(err));
     }
+
     void expandsOnlyShortLinksWhenAsked()
     {
         QVERIFY(
@@ -165,6 +172,7 @@ private Q_SLOTS:
         QVERIFY(out.contains(u"Expanded:   https://docs.example.com/from-short-link\n"_s));
         QVERIFY(out.contains(u"Browser:    com.google.Chrome"_s));
     }
+
     void endToEnd()
     {
         QProcess process;

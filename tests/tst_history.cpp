@@ -64,11 +64,13 @@ private Q_SLOTS:
         m_path = m_environment->historyPath();
         m_database = m_environment->history();
     }
+
     void cleanup()
     {
         m_database.reset();
         m_environment.reset();
     }
+
     void recordsNewestFirstAndTrimmed()
     {
         // Nothing is made by reading from outside.
@@ -104,6 +106,7 @@ private Q_SLOTS:
         HistoryStore::clearHistory(*m_database);
         QVERIFY(linksOnDisk(m_path).isEmpty());
     }
+
     void decisionsAndWithdrawnRecords()
     {
         ForwardingRecord decided =
@@ -126,6 +129,7 @@ private Q_SLOTS:
         HistoryStore::withdraw(*m_database, m_database->unwritten().records.first().id);
         QVERIFY(m_database->unwritten().records.isEmpty());
     }
+
     // A history written by the first version keeps its records, which name no
     // decision; new ones do.
     void aFileOfTheFirstVersionIsUpgraded()
@@ -164,6 +168,7 @@ private Q_SLOTS:
         QVERIFY(!read.value(1).decidedBy && read.value(1).decidedByPause());
         QCOMPARE(read.value(1).decisionText(), u"Rules paused"_s);
     }
+
     // A count per day: the first link of a new day is its first. Days are named
     // in ASCII digits whatever the locale.
     void forwardCountPerDay()
@@ -181,6 +186,7 @@ private Q_SLOTS:
         QLocale::setDefault(saved);
         QCOMPARE(day, u"2026-03-05"_s);
     }
+
     void journal()
     {
         const QDateTime now = QDateTime::currentDateTime();
@@ -223,6 +229,7 @@ private Q_SLOTS:
         LinkJournal::finish(*m_database, left[1].id);
         QVERIFY(LinkJournal::unfinished(*m_database, now.addSecs(1)).isEmpty());
     }
+
     void migrationFromTheSettingsFile()
     {
         auto settings = m_environment->settings();
@@ -268,12 +275,14 @@ private Q_SLOTS:
         QCOMPARE(copies.size(), 1);
         QVERIFY(readFile(folder + u'/' + copies.first()).contains("kept.example"));
     }
+
     void damagedFileIsMovedAside_data()
     {
         QTest::addColumn<QString>("damage");
         for (const char *damage : {"random bytes", "cut in half", "pages overwritten"})
             QTest::newRow(damage) << QString::fromLatin1(damage);
     }
+
     void damagedFileIsMovedAside()
     {
         QFETCH(QString, damage);
@@ -307,6 +316,7 @@ private Q_SLOTS:
         QCOMPARE(linksOnDisk(m_path), QStringList{u"https://after.example/"_s});
         QVERIFY(!damagedCopies(QFileInfo(m_path).path(), u"history.sqlite3.damaged-*"_s).isEmpty());
     }
+
     // Another process holds the write lock (the sqlite3 shell in a transaction): a
     // write gives up after a moment, later writes do not wait at all for a while,
     // the failure is logged once, readers see what waits in memory, and it is
@@ -353,6 +363,7 @@ private Q_SLOTS:
         HistoryDatabase reader(m_path, HistoryDatabase::Access::ReadOnly);
         QCOMPARE(HistoryStore::loadForwardCount(reader, day), 2);
     }
+
     void oneWriter()
     {
         record(u"https://first.example/"_s);

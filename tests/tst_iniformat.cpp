@@ -76,6 +76,7 @@ private Q_SLOTS:
                      (QList<int>{7, 8}));
         QVERIFY(!ours->contains(u"named"_s));
     }
+
     void handWrittenFile()
     {
         writeFile(
@@ -96,6 +97,7 @@ private Q_SLOTS:
         QCOMPARE(settings->value(u"a/b/c"_s).toInt(), 3);
         QCOMPARE(settings->value(u"General/sub"_s).toInt(), 5);
     }
+
     // The file system takes only part of the bytes (a full disk, a file size limit):
     // the write fails, and the file on disk stays as it was.
     void writeThatDoesNotFit()

@@ -30,12 +30,14 @@ private Q_SLOTS:
         m_picker = std::make_unique<LinkPicker>(*m_app->state, m_app->entries);
         m_answers.clear();
     }
+
     void cleanup()
     {
         m_picker.reset();
         m_app.reset();
         qputenv("HOME", m_home);
     }
+
     // The link shown as a person reads it, one row per browser and profile with
     // the fallback's browser first, and a digit that opens its row at once (with
     // Shift, in a private window where the browser has one).
@@ -75,6 +77,7 @@ private Q_SLOTS:
                           rows->visualItemRect(m_picker->shownRows().at(1)).center());
         QCOMPARE(answer(), u"firefox default-release"_s);
     }
+
     // Typing goes to the filter, wherever the focus is; the digits and arrows
     // follow the rows shown; each link starts unfiltered.
     void filterAndArrows()
@@ -96,6 +99,7 @@ private Q_SLOTS:
         QTest::keyClick(find<QListWidget>(u"pickerRows"_s), Qt::Key_Return, Qt::ShiftModifier);
         QCOMPARE(answer(), u"firefox - private"_s);
     }
+
     // Escape, closing the window, or copying the link instead: nothing opens.
     void nothingOpens()
     {
@@ -114,6 +118,7 @@ private Q_SLOTS:
         QVERIFY(!m_picker->isVisible());
         QVERIFY(m_app->state->rules().isEmpty());
     }
+
     // Links that arrive meanwhile wait in the same window, in order.
     void linksWaitInLine()
     {
@@ -139,6 +144,7 @@ private Q_SLOTS:
         QCOMPARE(m_answers[1].kind, AskAnswer::Kind::Cancelled);
         QCOMPARE(answer(), u"safari -"_s);
     }
+
     void choicesBecomeRules_data()
     {
         QTest::addColumn<bool>("byHost");
@@ -147,6 +153,7 @@ private Q_SLOTS:
         QTest::newRow("app") << false << true;
         QTest::newRow("both") << true << true;
     }
+
     // A ticked box makes a URL rule, an app rule, or one rule for both, with the
     // browser, profile and private window chosen; the next link from there is
     // the rule's.
@@ -186,6 +193,7 @@ private:
         m_picker->ask(AskRequest{link(url), std::move(source), {}, offeredFirst},
                       [this](const AskAnswer &answer) { m_answers.append(answer); });
     }
+
     QStringList rowNames() const
     {
         QStringList names;
@@ -193,6 +201,7 @@ private:
             names.append(item->text());
         return names;
     }
+
     // The last answer: its kind, browser, profile and private window, in a line.
     QString answer() const
     {
@@ -204,10 +213,12 @@ private:
                    : last.browserID + u' ' + last.profileID.value_or(u"-"_s)
                          + (last.privateWindow ? u" private"_s : QString());
     }
+
     template<typename T> T *find(const QString &name) const
     {
         return child<T>(m_picker.get(), name);
     }
+
     void press(int key, Qt::KeyboardModifiers modifiers = {})
     {
         QTest::keyClick(find<QListWidget>(u"pickerRows"_s), Qt::Key(key), modifiers);

@@ -46,6 +46,7 @@ private Q_SLOTS:
         DiagnosticLog::write(u"T", u"nowhere to go");
         QVERIFY(!QFileInfo::exists(m_environment->path() + u"/gone"_s));
     }
+
     // A FIFO in the trail's place: writing returns at once, with or without a
     // reader, and the reader gets nothing.
     void aFifoNeverBlocksNorReceives()
@@ -68,6 +69,7 @@ private Q_SLOTS:
         QVERIFY(::read(reader, received, sizeof received) <= 0);
         ::close(reader);
     }
+
     void sizeIsBounded()
     {
         const QString path = m_environment->diagnosticLogPath();
@@ -87,6 +89,7 @@ private Q_SLOTS:
         QVERIFY(older <= DiagnosticLog::MaxFileBytes && older > DiagnosticLog::MaxFileBytes / 2);
         QVERIFY(trail().endsWith("[T] the newest line\n"));
     }
+
     void journalDetection()
     {
         struct stat info = {};
@@ -101,6 +104,7 @@ private Q_SLOTS:
         qunsetenv("JOURNAL_STREAM");
         QVERIFY(!SystemLog::stderrIsJournal());
     }
+
     // Text from outside reaches log lines; it must neither steer the terminal that
     // shows them nor, in the system log, start a record of its own.
     void controlCharactersAreWrittenOut()

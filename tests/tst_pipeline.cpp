@@ -33,6 +33,7 @@ private Q_SLOTS:
         m_desktop->addBrowser(u"epiphany"_s, u"Web"_s);
         m_autostart = std::make_unique<XdgAutostart>(u"quillvane"_s);
     }
+
     void init()
     {
         // Settings and history of the test function's own, in the one desktop that
@@ -49,12 +50,14 @@ private Q_SLOTS:
         for (const QString &program : {u"google-chrome"_s, u"firefox-esr"_s, u"epiphany"_s})
             m_desktop->forget(program);
     }
+
     void cleanup()
     {
         m_finished.reset();
         m_state.reset();
         m_history.reset();
     }
+
     // Paused: the fallback opens the cleaned link, never expanded, credited to the pause.
     void pausedPath()
     {
@@ -73,6 +76,7 @@ private Q_SLOTS:
         QCOMPARE(history().first().ruleMatched, u"⏸ Rules paused"_s);
         QCOMPARE(history().first().decidedBy, u"paused"_s);
     }
+
     // Nothing to open: paused without a fallback, no route, a rule's browser not
     // installed, a profile rule's browser uninstalled (the profile is dropped, the
     // plain launch fails). Counted, never recorded.
@@ -101,6 +105,7 @@ private Q_SLOTS:
         QCOMPARE(m_state->todayForwardCount(), 4);
         QVERIFY(history().isEmpty());
     }
+
     void profileLaunchFailsAndFallsBack()
     {
         RecordingLauncher launcher;
@@ -116,6 +121,7 @@ private Q_SLOTS:
         QCOMPARE(m_state->lastRouteLog(), u"Mail → Google Chrome [Work]: e.com"_s);
         QCOMPARE(history().first().ruleMatched, u"com.example.mail → google-chrome"_s);
     }
+
     // The fallback browser uninstalled while Quillvane runs: the user hears of it
     // once, when it goes, and not again for each link that cannot open.
     void aVanishedFallbackIsToldOnce()
@@ -142,6 +148,7 @@ private Q_SLOTS:
         m_state->refreshBrowsers();
         QCOMPARE(m_notifications.size(), 2);
     }
+
     // "Ask" as the fallback, and a rule that asks: nothing opens before the answer,
     // the answer opens, closing the window opens nothing, and without a window the
     // fallback browser decides.
@@ -212,6 +219,7 @@ private Q_SLOTS:
             u"nowhere.example\nNo window could ask where to open it, and no fallback browser is "
             "set."_s);
     }
+
     // The local server stands in for a link shortener: the rules and the browser
     // see where it leads, the history what arrived.
     void expansionChangesTheLink()
@@ -230,6 +238,7 @@ private Q_SLOTS:
                  QStringList{u"https://docs.example.com/article?utm_medium=x"_s});
         QCOMPARE(history().first().originalURL, shortLink);
     }
+
     // The rules change while five links wait for their expansion; each reads them
     // when it routes, and the link that needed none does not wait for them.
     void manyLinksInFlightWhileRulesChange()
@@ -262,6 +271,7 @@ private Q_SLOTS:
         QCOMPARE(history().first().targetBrowserBundleID, u"firefox-esr"_s);
         QCOMPARE(history().last().targetBrowserBundleID, u"epiphany"_s);
     }
+
     // A link that came through the intake is in the journal until its route ends,
     // however it ends; a failure nobody waits for reaches the user as a
     // notification, once for a run of the same failure. A link routed again after a
@@ -328,17 +338,20 @@ private:
     {
         m_state->routeURL(link(url), std::move(source));
     }
+
     bool waitForRoutes(int count)
     {
         return QTest::qWaitFor([&] { return m_finished->size() >= count; }, 10000)
                && m_finished->size() == count;
     }
+
     // What the history database holds, as another process would read it.
     QList<ForwardingRecord> history() const
     {
         HistoryDatabase reader(m_history->path(), HistoryDatabase::Access::ReadOnly);
         return HistoryStore::loadHistory(reader);
     }
+
     qint64 journalEntries() const;
 
     std::unique_ptr<FakeDesktop> m_desktop;

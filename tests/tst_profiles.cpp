@@ -33,6 +33,7 @@ private Q_SLOTS:
         m_desktop = std::make_unique<FakeDesktop>();
         QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*.debug=true"_s);
     }
+
     void chromiumLocalState();
     void brokenLocalStateFiles_data()
     {
@@ -50,6 +51,7 @@ private Q_SLOTS:
         QTest::newRow("too large") << QByteArray(ProfileDiscovery::MaxFileSize + 1, ' ')
                                    << u"^Could not read Local State file at"_s;
     }
+
     void brokenLocalStateFiles()
     {
         QFETCH(QByteArray, contents);
@@ -62,6 +64,7 @@ private Q_SLOTS:
         QTest::ignoreMessage(QtInfoMsg, "Local State file not found at <private>");
         QVERIFY(ProfileDiscovery::discoverProfiles(u"microsoft-edge"_s).isEmpty());
     }
+
     void localStateReaderAgreesWithQtJson_data();
     void localStateReaderAgreesWithQtJson()
     {
@@ -85,6 +88,7 @@ private Q_SLOTS:
             QCOMPARE(entry.name,
                      cache.value(entry.directory).toObject().value(u"name"_s).toString());
     }
+
     // Only [ProfileN] sections, their first Name, whatever the line ends, the case
     // of the key or the blanks around it; files that are not text are refused.
     void firefoxProfilesIni()
@@ -121,6 +125,7 @@ private Q_SLOTS:
         QTest::ignoreMessage(QtInfoMsg, "Firefox profiles.ini not found at <private>");
         QVERIFY(ProfileDiscovery::discoverProfiles(u"firefox_firefox"_s).isEmpty());
     }
+
     void whereEachBuildKeepsItsProfiles_data();
     void whereEachBuildKeepsItsProfiles()
     {

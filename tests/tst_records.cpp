@@ -77,6 +77,7 @@ private Q_SLOTS:
         QTest::newRow("second rule bad")
             << QByteArray(ruleJson({}).chopped(1) + ",{}]") << u"Rule 2 has no member \"id\"."_s;
     }
+
     void ruleDocumentFailsWhole()
     {
         QFETCH(QByteArray, json);

@@ -29,6 +29,7 @@ private Q_SLOTS:
         m_desktop->addBrowser(u"firefox-esr"_s, u"Firefox ESR"_s);
         m_entry = m_desktop->addBrowser(u"work.vorpa.Quillvane"_s, u"Quillvane"_s);
     }
+
     // Removes the associations, and waits until GIO has noticed.
     void cleanup()
     {
@@ -36,6 +37,7 @@ private Q_SLOTS:
         QTRY_VERIFY(GioDesktopEntries::instance().defaultHandler(u"https"_s)
                     != u"work.vorpa.Quillvane"_s);
     }
+
     // "Later" changes nothing; "Set as Default" registers for http and https (and
     // the types browsers open), and once that is so nothing asks again.
     void thePromptAtStart()
@@ -64,6 +66,7 @@ private Q_SLOTS:
         QCOMPARE(trail().last(), u"Already the default browser — skipping prompt"_s);
         MessageBox::setNextAnswer(std::nullopt);
     }
+
     void requestFromTheSettingsRechecksASecondLater()
     {
         QList<std::pair<std::chrono::milliseconds, std::function<void()>>> waits;
@@ -85,6 +88,7 @@ private Q_SLOTS:
         QCOMPARE(changed.size(), 1);
         QVERIFY(state.isSystemDefaultBrowser());
     }
+
     // On XFCE, xdg-settings and exo-open ask XFCE's own preferred browser: the
     // registration sets it too, keeping the file's other lines, and xdg-settings
     // then agrees that Quillvane is the web browser.
@@ -116,6 +120,7 @@ private Q_SLOTS:
         QCOMPARE(asked.readAllStandardOutput().trimmed(),
                  QByteArray("work.vorpa.Quillvane.desktop"));
     }
+
     void failureIsLoggedAndChangesNothing()
     {
         int waits = 0;

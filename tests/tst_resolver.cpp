@@ -106,6 +106,7 @@ private Q_SLOTS:
         m_resolver =
             std::make_unique<SourceAppResolver>(m_apps, m_active, [this] { return m_now; });
     }
+
     void strategiesInOrder()
     {
         m_apps.app(100, u"org.example.Mail"_s);
@@ -125,6 +126,7 @@ private Q_SLOTS:
         m_active.visible.clear();
         QVERIFY(!m_resolver->resolve(0));
     }
+
     // The last active application is tracked from the one in front at the start,
     // but Quillvane's own windows are not. Links within 1.5 s of one it was
     // credited with go to it too, whatever is in front; reuse does not extend the lock.
@@ -149,6 +151,7 @@ private Q_SLOTS:
         // An identifiable process is credited to itself even inside the window.
         QCOMPARE(resolved(10), u"org.example.Chat"_s);
     }
+
     // Ten ancestors at most, a cycle seen rather than walked, nothing above the
     // session's top; the next links of a script's burst, from siblings, reuse
     // what the walk found, for the burst only (the shell may have changed since).
@@ -185,6 +188,7 @@ private Q_SLOTS:
         QCOMPARE(resolved(200), u"org.example.Terminal"_s);
         QCOMPARE(m_apps.looked, QList<qint64>{200});
     }
+
     void selfIsNeverTheSource()
     {
         m_apps.app(40, u"org.example.Terminal"_s);
@@ -196,6 +200,7 @@ private Q_SLOTS:
         QVERIFY(!m_resolver->resolve(42));
         QVERIFY(!m_resolver->resolve(43));
     }
+
     void linksHandedOnByBrokers()
     {
         FakeOpenRequests bus;
@@ -248,6 +253,7 @@ private Q_SLOTS:
         bus.owners.remove(snapd);
         QCOMPARE(source(u"https://f.example/"_s, 62), QString());
     }
+
     void procParsing_data()
     {
         QTest::addColumn<QByteArray>("cgroup");
@@ -278,6 +284,7 @@ private Q_SLOTS:
         QTest::newRow("empty part") << QByteArray("0::/app.slice/app-gnome--123.scope\n")
                                     << QStringList{u"gnome-"_s} << QString() << QByteArray("snap.");
     }
+
     void procParsing()
     {
         QFETCH(QByteArray, cgroup);
@@ -295,6 +302,7 @@ private Q_SLOTS:
                                        "GIO_LAUNCHED_DESKTOP_FILE_PID"),
             QByteArray("7"));
     }
+
     void linuxLookupFromProc()
     {
         // Sandboxed applications are found where Flatpak and Snap export them,
@@ -362,6 +370,7 @@ private Q_SLOTS:
             QVERIFY(apps.isSessionBoundary(10));
         }
     }
+
     // Once per application, by name whatever the case, without helpers,
     // uninstalled ones or Quillvane.
     void runningApplications()

@@ -64,6 +64,7 @@ private Q_SLOTS:
         m_app.reset();
         qputenv("HOME", m_home);
     }
+
     void listsFollowTheRules()
     {
         AppRuleListView apps(*m_app->state, services());
@@ -89,6 +90,7 @@ private Q_SLOTS:
         m_app->state->deleteRule(docs);
         QCOMPARE(state(), u"2 rules, 0 rules, page 0"_s);
     }
+
     void clicksAndKeysOnRows()
     {
         m_app->state->addRule(makeRule({}, u"a.example"_s, u"safari"_s));
@@ -121,6 +123,7 @@ private Q_SLOTS:
         QTest::keyClick(&list, Qt::Key_Delete);
         QVERIFY(stored().isEmpty());
     }
+
     void urlPatternIsNormalised_data()
     {
         QTest::addColumn<QString>("typed");
@@ -136,6 +139,7 @@ private Q_SLOTS:
             << u"\tDocs.Example/A B/\n"_s << u"Docs.Example/A B/"_s << false;
         QTest::newRow("blanks only") << u"   "_s << QString() << false;
     }
+
     void urlPatternIsNormalised()
     {
         QFETCH(QString, typed);
@@ -160,6 +164,7 @@ private Q_SLOTS:
         QCOMPARE(save(sheet), !saved.isEmpty());
         QCOMPARE(stored().value(0).urlPattern.value_or(QString()), saved);
     }
+
     void urlSheetCreatesAndEdits()
     {
         URLRuleListView pane(*m_app->state, services());
@@ -195,6 +200,7 @@ private Q_SLOTS:
         QCOMPARE(stored().size(), 1);
         QCOMPARE(m_app->state->rules().size(), 1);
     }
+
     void appSheetFromRunningAndManual()
     {
         AppRuleListView pane(*m_app->state, services());
@@ -237,6 +243,7 @@ private Q_SLOTS:
         QCOMPARE(sheet->resolvedSourceName(), u"Firefox"_s);
         sheet->reject();
     }
+
     void appSheetEditing()
     {
         RoutingRule notRunning = makeRule(u"org.example.Music"_s, u"music.example"_s, u"safari"_s);
@@ -263,6 +270,7 @@ private Q_SLOTS:
                  u"Chat (org.example.Chat)"_s);
         sheet->reject();
     }
+
     void profilesFollowTheBrowser()
     {
         RoutingRule work = makeRule({}, u"work.example"_s, u"google-chrome"_s, u"Profile 1"_s);
@@ -300,6 +308,7 @@ private Q_SLOTS:
         QVERIFY(child<QComboBox>(appSheet, u"profilePicker"_s)->isVisibleTo(appSheet));
         appSheet->reject();
     }
+
     // The private window is offered where Quillvane knows the browser's option,
     // kept in the rule, and shown on its row; a hidden browser is offered only to
     // the rule that names it already.
@@ -349,6 +358,7 @@ private Q_SLOTS:
         apps.showEditSheet(asking);
         QVERIFY(sheetOf<AppRuleEditView>(apps)->asksWhereToOpen());
     }
+
     void profileNamesAreReadOncePerChange();
     void linkTester()
     {
@@ -394,6 +404,7 @@ private:
     {
         return {m_app->entries, [this] { return m_running; }};
     }
+
     QList<RoutingRule> stored() const
     {
         return RuleStore(*m_app->environment.settings()).loadRules();

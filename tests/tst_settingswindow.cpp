@@ -74,6 +74,7 @@ private Q_SLOTS:
         m_app->start();
         MessageBox::setInformQuietly(true);
     }
+
     void cleanup() { m_app.reset(); }
     // What the menu computes (counts, the fallback's name, check marks) and what
     // its items change; the items' wording is the menu's own business.
@@ -157,6 +158,7 @@ private Q_SLOTS:
                  (QStringList{u"Rules: 2 app, 1 URL"_s, u"Today: 2 forwarded"_s,
                               u"Last: "_s + m_app->state->lastRouteLog()}));
     }
+
     // A browser's name is the desktop entry's: an "&" is not a mnemonic, and
     // control characters (a terminal title sequence here) are shown, not obeyed.
     void namesInTheMenuAreShownAsWritten()
@@ -172,6 +174,7 @@ private Q_SLOTS:
         QVERIFY(texts(*action(menu, "fallbackAction")->menu()).contains(shown));
         QCOMPARE(DisplayText::escapeControls(u"a\nb\u2028c\u009b"), u"a\\x0Ab\\u{2028}c\\x9B"_s);
     }
+
     // Everything a mouse can use, the keyboard reaches: Tab visits every enabled
     // control of every tab, and tabs change with the usual keys wherever the
     // focus is.
@@ -225,6 +228,7 @@ private Q_SLOTS:
         window.show();
         QCOMPARE(window.selectedTab(), int(SettingsWindow::GeneralTab));
     }
+
     void historyPane()
     {
         HistoryPane pane(*m_app->state);
@@ -291,6 +295,7 @@ private Q_SLOTS:
         m_app->state->clearHistory();
         QCOMPARE(page(), u"historyEmptyState"_s);
     }
+
     void relativeTimes()
     {
         const QDateTime now = QDateTime::currentDateTimeUtc();
@@ -310,6 +315,7 @@ private Q_SLOTS:
         QCOMPARE(model.index(0).data(HistoryModel::RelativeTimeRole).toString(),
                  u"2 minutes ago"_s);
     }
+
     void generalPane()
     {
         GeneralPane pane(*m_app->state, m_app->entries, [] {});
@@ -369,6 +375,7 @@ private Q_SLOTS:
         QVERIFY(!automatic->isChecked());
         QVERIFY(!SettingsKeys::read(*m_app->settings, SettingsKeys::AutomaticUpdateChecks));
     }
+
     void browsersPane()
     {
         BrowsersPane pane(*m_app->state, m_app->entries);
@@ -412,6 +419,7 @@ private Q_SLOTS:
         // Nothing set is nothing stored.
         QVERIFY(m_app->store->loadBrowserPreferences().isEmpty());
     }
+
     // The pause sign of "⏸ Pause Rules" is missing from the default Debian fonts;
     // Quillvane's own font supplies it, where a box would be drawn instead.
     void thePauseSignHasAGlyph()
@@ -426,6 +434,7 @@ private Q_SLOTS:
             found = found || (!run.glyphIndexes().isEmpty() && run.glyphIndexes().first() != 0);
         QVERIFY2(found, "U+23F8 has no glyph in any font Qt falls back to");
     }
+
     void importAndExport();
 
 private:

@@ -22,11 +22,13 @@ private Q_SLOTS:
         m_environment = std::make_unique<TestEnvironment>();
         m_settings = m_environment->settings();
     }
+
     void cleanup()
     {
         m_settings.reset();
         m_environment.reset();
     }
+
     void rulesSurviveAndDamageIsLeftOut()
     {
         RuleStore store(*m_settings);
@@ -46,6 +48,7 @@ private Q_SLOTS:
         QVERIFY(store.loadRules().isEmpty());
         QCOMPARE(store.lastLoadDamage()->skipped, -1);
     }
+
     // A settings file edited by hand or damaged on disk: nothing stops the program.
     void damagedValuesReadAsDefaults()
     {
@@ -65,6 +68,7 @@ private Q_SLOTS:
         QVERIFY(SettingsKeys::read(*settings, SettingsKeys::UrlExpansionEnabled));
         QCOMPARE(SettingsKeys::read(*settings, SettingsKeys::TodayForwardCount), 0);
     }
+
     // A writer killed between creating its lock file and filling it in leaves a lock
     // that names nobody. Writes must not wait for it to age; a live writer's lock
     // is still waited for.

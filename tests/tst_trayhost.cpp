@@ -147,6 +147,7 @@ private Q_SLOTS:
         QCOMPARE(InstalledQuillvane::open({u"https://docs.example/first"_s}).type(),
                  QDBusMessage::ReplyMessage);
     }
+
     void cleanupTestCase()
     {
         if (InstalledQuillvane::isRunning())
@@ -154,6 +155,7 @@ private Q_SLOTS:
         m_trayer.terminate();
         m_trayer.waitForFinished();
     }
+
     void laterIsTheEscapeAnswer()
     {
         // Not the default browser yet: the question comes once the icon is up.
@@ -166,6 +168,7 @@ private Q_SLOTS:
         QVERIFY(!readFile(m_desktop->configHome() + u"/mimeapps.list"_s)
                      .contains("work.vorpa.Quillvane"));
     }
+
     void trayIcon()
     {
         const auto icon = waitForWindow(quillvaneWindows(), [](const QRect &area) {
@@ -176,6 +179,7 @@ private Q_SLOTS:
         m_activeIcon = grab(m_icon.geometry);
         QVERIFY(colours(m_activeIcon) > 4);
     }
+
     void pauseAndResume()
     {
         choose(1);
@@ -185,6 +189,7 @@ private Q_SLOTS:
         QTRY_VERIFY(SettingsKeys::read(*stored(), SettingsKeys::RulesEnabled));
         QTRY_COMPARE(difference(grab(m_icon.geometry), m_activeIcon), 0.0);
     }
+
     // The desktop entry's "Create Rule" (with a new app rule's sheet on it, which
     // Escape closes without saving), the tray menu's history, and the command line.
     void waysToTheSettingsWindow()
@@ -211,6 +216,7 @@ private Q_SLOTS:
             QVERIFY(closeWith(*window, {u"ctrl+w"_s}));
         }
     }
+
     void askingWhereALinkOpens();
 
 private:
@@ -218,6 +224,7 @@ private:
     {
         return InstalledQuillvane::storedSettings(*m_desktop);
     }
+
     // Opens the tray menu with a right click, takes the pointer off it (so that
     // only the keys pressed next choose), and chooses the nth enabled item.
     void choose(int item);

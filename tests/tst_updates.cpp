@@ -76,6 +76,7 @@ private:
     {
         return item(version, notes, m_keys.sign(version, notes));
     }
+
     // The version offered, "none", or the error.
     QString offer(const QByteArray &document, const QString &current,
                   const QByteArray &key = {}) const

@@ -16,6 +16,7 @@ private Q_SLOTS:
     {
         QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.*.debug=true"_s);
     }
+
     void clean_data();
     void clean()
     {
@@ -25,6 +26,7 @@ private Q_SLOTS:
             URLCleaner::clean(link(QString(u"https://Example.com"_s + pathAndQuery))).toString(),
             QString(u"https://Example.com"_s + expected));
     }
+
     void unwrap_data();
     void unwrap()
     {

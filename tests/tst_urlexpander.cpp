@@ -33,6 +33,7 @@ private Q_SLOTS:
                                   false});
         m_server->serve(u"/tls"_s, {});
     }
+
     void cleanup() { m_server.reset(); }
     void walks_data()
     {
@@ -59,6 +60,7 @@ private Q_SLOTS:
             QTest::newRow(qPrintable(away.left(10)))
                 << QStringList{u"/a 302 /b"_s, u"/b 302 "_s + away} << u"/b"_s << 2;
     }
+
     void walks()
     {
         QFETCH(QStringList, answers);
@@ -74,6 +76,7 @@ private Q_SLOTS:
         QCOMPARE(expand(answers.first().section(u' ', 0, 0)), start(ends));
         QCOMPARE(m_server->methods(), QList<QByteArray>(requests, "HEAD"));
     }
+
     void failureAfterRedirectsKeepsTheLastTarget()
     {
         // A port on which nothing listens any more.
@@ -87,6 +90,7 @@ private Q_SLOTS:
         QTest::ignoreMessage(QtCriticalMsg, QRegularExpression(u"^Expansion failed at step 2: "_s));
         QCOMPARE(expand(u"/a"_s), QString::fromUtf8(deadEnd));
     }
+
     // Servers that stall, drip, shout or speak the wrong protocol: each walk ends
     // within its time with the link it had, and the event loop never stops.
     void hostileServers_data()
@@ -100,6 +104,7 @@ private Q_SLOTS:
         QTest::newRow("10 MB header") << u"/huge"_s << false;
         QTest::newRow("TLS to a plain server") << u"/tls"_s << true;
     }
+
     void hostileServers()
     {
         QFETCH(QString, path);
@@ -126,6 +131,7 @@ private Q_SLOTS:
                  qPrintable(QString::number(clock.elapsed())));
         QVERIFY(ticks >= clock.elapsed() / 50 / 2);
     }
+
     void oddLocations_data()
     {
         QTest::addColumn<QByteArray>("location");
@@ -141,6 +147,7 @@ private Q_SLOTS:
             << QByteArray("http://%31%32%37.0.0.1:%PORT%/host") << u"/host"_s;
         QTest::newRow("blank") << QByteArray("   ") << QString();
     }
+
     void oddLocations()
     {
         QFETCH(QByteArray, location);
@@ -158,6 +165,7 @@ private Q_SLOTS:
             QCOMPARE(m_server->requestCount(reached), 1);
         }
     }
+
     void shortLinksAndPublicAddresses()
     {
         QVERIFY(URLExpander::isShortLink(link(u"https://BIT.LY/abc"_s)));
@@ -194,6 +202,7 @@ private Q_SLOTS:
             QVERIFY2(!URLExpander::isPublicAddress(QHostAddress(QLatin1StringView(address))),
                      address);
     }
+
     // A redirect may name a service of the user's own machine or network, however
     // written: the walk stops there and the service never hears of it.
     void neverReachesLocalServices_data()
@@ -204,6 +213,7 @@ private Q_SLOTS:
         QTest::newRow("name") << QByteArray("http://printer.lan:%PORT%/admin");
         QTest::newRow("name, one answer of two") << QByteArray("http://mixed.example:%PORT%/admin");
     }
+
     void neverReachesLocalServices()
     {
         QFETCH(QByteArray, location);
@@ -227,6 +237,7 @@ private Q_SLOTS:
         QCOMPARE(finished(URLExpander::expand(link(start(u"/a"_s)))), start(u"/a"_s));
         QCOMPARE(m_server->requestCount(u"/a"_s), 1);
     }
+
     // The request goes to the address that was looked up and checked (no DNS knows
     // these names), while the server, and over TLS the certificate, see the name.
     void requestsGoToTheCheckedAddress()
@@ -269,6 +280,7 @@ private Q_SLOTS:
         QVERIFY(walk(secure, u"https"_s));
         QCOMPARE(secure.requestCount(u"/b"_s), 1);
     }
+
     // A server that never answers, or sends a header of megabytes, delays its own
     // walk only: walks started beside it or after it end at once.
     void hostileWalksHoldUpNoOther()
@@ -298,6 +310,7 @@ private:
             qFatal("expansion did not finish");
         return future.result().toString();
     }
+
     QString expand(const QString &path, const URLExpander::Network &network = testNetwork()) const
     {
         return finished(URLExpander::expand(link(start(path)), network));
