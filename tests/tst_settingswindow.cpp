@@ -76,8 +76,9 @@ private Q_SLOTS:
     }
 
     void cleanup() { m_app.reset(); }
-    // What the menu computes (counts, the fallback's name, check marks) and what
-    // its items change; the items' wording is the menu's own business.
+    // What the menu computes (counts, the last route, the fallback's name, check
+    // marks) each time it opens, and what its items change; the items' wording is
+    // the menu's own business.
     void statusMenu()
     {
         record(u"https://a.example/"_s, u"Mail"_s, u"Safari"_s);
@@ -90,73 +91,58 @@ private Q_SLOTS:
             *m_app->state, m_app->entries,
             {calls(u"history"_s), calls(u"settings"_s), calls(u"updates"_s), calls(u"quit"_s)});
         QMenu &menu = item.menu();
-        item.rebuild(menu);
+        item.updateIcon();
+        const auto fallbacks = [&menu] { return action(menu, "fallbackAction")->menu(); };
+        const auto shown = [&]() -> QString {
+            Q_EMIT menu.aboutToShow();
+            QStringList parts = texts(menu).mid(2, 3) << action(menu, "fallbackAction")->text();
+            for (const QAction *entry : fallbacks()->actions()) {
+                if (entry->isChecked())
+                    parts << u"✓ "_s + entry->text();
+            }
+            return parts.join(u" | "_s) + u", icon "_s + item.iconState();
+        };
+        const auto trigger = [](QAction *chosen) {
+            chosen->trigger();
+            processLater();
+        };
         // No "Last:" before the first routing.
-        QCOMPARE(texts(menu).mid(2, 3),
-                 (QStringList{u"Rules: 2 app, 0 URL"_s, u"Today: 1 forwarded"_s, u"--"_s}));
-        QMenu &fallbacks = *action(menu, "fallbackAction")->menu();
-        const auto fallbackTitle = [&menu] { return action(menu, "fallbackAction")->text(); };
-        QCOMPARE(texts(fallbacks),
+        QCOMPARE(shown(), u"Rules: 2 app, 0 URL | Today: 1 forwarded | -- | Fallback: Firefox | "
+                          "✓ Firefox, icon active"_s);
+        QCOMPARE(texts(*fallbacks()),
                  (QStringList{u"Firefox"_s, u"Safari"_s, u"--"_s, u"Ask Every Time"_s}));
-        QVERIFY(fallbacks.actions()[0]->isChecked());
-
-        // Choosing Safari changes the fallback; the next opening shows it.
-        fallbacks.actions()[1]->trigger();
-        processLater();
+        trigger(fallbacks()->actions()[1]);
         QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"safari"_s);
-        Q_EMIT menu.aboutToShow();
-        QCOMPARE(fallbackTitle(), u"Fallback: Safari"_s);
-        QVERIFY(action(menu, "fallbackAction")->menu()->actions()[1]->isChecked());
+        QVERIFY(shown().endsWith(u"Fallback: Safari | ✓ Safari, icon active"_s));
         // A fallback that is not installed: "None", nothing checked.
         m_app->state->setDefaultBrowser(u"gone"_s);
-        item.rebuild(menu);
-        QCOMPARE(fallbackTitle(), u"Fallback: None"_s);
-        for (const QAction *browser : action(menu, "fallbackAction")->menu()->actions())
-            QVERIFY(!browser->isChecked());
+        QVERIFY(shown().endsWith(u"Fallback: None, icon active"_s));
         // "Ask Every Time": checked alone, named in the title; a browser ends it.
-        const auto ask = [&menu] {
-            return action(menu, "fallbackAction")
-                ->menu()
-                ->findChild<QAction *>(u"fallbackAskAction"_s);
-        };
-        ask()->trigger();
-        processLater();
+        trigger(fallbacks()->findChild<QAction *>(u"fallbackAskAction"_s));
         QVERIFY(SettingsKeys::read(*m_app->settings, SettingsKeys::FallbackAsks));
-        item.rebuild(menu);
-        QCOMPARE(fallbackTitle(), u"Fallback: Ask Every Time"_s);
-        QVERIFY(ask()->isChecked());
-        action(menu, "fallbackAction")->menu()->actions()[0]->trigger();
-        processLater();
-        QVERIFY(!m_app->state->fallbackAsks());
+        QVERIFY(shown().endsWith(u"Fallback: Ask Every Time | ✓ Ask Every Time, icon active"_s));
+        trigger(fallbacks()->actions()[0]);
+        QVERIFY(!SettingsKeys::read(*m_app->settings, SettingsKeys::FallbackAsks));
         QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"firefox"_s);
-
         // Pausing from the menu switches the icon, and so does resuming elsewhere.
-        item.updateIcon();
-        QCOMPARE(item.iconState(), u"active"_s);
-        action(menu, "pauseRulesAction")->trigger();
-        processLater();
-        QVERIFY(!m_app->state->rulesEnabled());
+        trigger(action(menu, "pauseRulesAction"));
+        QVERIFY(!m_app->store->loadRulesEnabled());
         QCOMPARE(item.iconState(), u"paused"_s);
         m_app->state->toggleRulesEnabled();
         QCOMPARE(item.iconState(), u"active"_s);
-
-        action(menu, "launchAtLoginAction")->trigger();
-        processLater();
+        trigger(action(menu, "launchAtLoginAction"));
         QVERIFY(m_app->autostart.enabled);
-        item.rebuild(menu);
+        shown();
         QVERIFY(action(menu, "launchAtLoginAction")->isChecked());
         for (const char *name : {"historyAction", "settingsAction", "updatesAction", "quitAction"})
             action(menu, name)->trigger();
         QCOMPARE(called, (QStringList{u"history"_s, u"settings"_s, u"updates"_s, u"quit"_s}));
-
         // Routed once: the last route shows, and the rule counts follow the rules.
         m_app->state->addRule(makeRule(QString(), u"docs.example"_s, u"safari"_s));
         m_app->state->routeURL(link(u"https://docs.example/x"), std::nullopt);
         QTRY_VERIFY(!m_app->state->lastRouteLog().isEmpty());
-        item.rebuild(menu);
-        QCOMPARE(texts(menu).mid(2, 3),
-                 (QStringList{u"Rules: 2 app, 1 URL"_s, u"Today: 2 forwarded"_s,
-                              u"Last: "_s + m_app->state->lastRouteLog()}));
+        QVERIFY(shown().startsWith(u"Rules: 2 app, 1 URL | Today: 2 forwarded | Last: "_s
+                                   + m_app->state->lastRouteLog() + u" | "_s));
     }
 
     // A browser's name is the desktop entry's: an "&" is not a mnemonic, and
@@ -319,61 +305,64 @@ private Q_SLOTS:
     void generalPane()
     {
         GeneralPane pane(*m_app->state, m_app->entries, [] {});
-        // Tall enough to show every section without scrolling.
-        pane.resize(520, 1600);
+        pane.resize(520, 1600); // every section on screen, without scrolling
         pane.show();
         QVERIFY(child<QWidget>(&pane, u"setAsDefaultButton"_s)->isVisible());
-
         auto *picker = child<QComboBox>(&pane, u"fallbackPicker"_s);
+        // The picker, the stored fallback, and each switch (on, off, or shown
+        // but disabled: the tests' build has no update feed).
+        const auto shown = [&] {
+            QStringList switches;
+            for (const char *name : {"rulesEnabledSwitch", "urlCleaningSwitch",
+                                     "urlUnwrappingSwitch", "launchAtLoginSwitch",
+                                     "automaticUpdatesSwitch"}) {
+                const auto *box = child<QCheckBox>(&pane, QString::fromLatin1(name));
+                switches << (box->isChecked() ? u"on"_s : u"off"_s)
+                                + (box->isEnabled() ? QString() : u" (disabled)"_s);
+            }
+            return u"%1 | %2%3 | %4"_s.arg(
+                picker->currentText(), m_app->store->loadDefaultBrowserBundleID(),
+                SettingsKeys::read(*m_app->settings, SettingsKeys::FallbackAsks) ? u" asks"_s
+                                                                                : QString(),
+                switches.join(u", "_s));
+        };
         // None, the browsers, and "Ask Every Time" after a separator.
-        QCOMPARE(picker->count(), 5);
-        QCOMPARE(picker->itemText(0), u"None"_s);
-        QCOMPARE(picker->itemText(4), u"Ask Every Time"_s);
-        QCOMPARE(picker->currentText(), u"Firefox"_s);
+        QCOMPARE((QStringList{picker->itemText(0), picker->itemText(4)}),
+                 (QStringList{u"None"_s, u"Ask Every Time"_s}));
+        QCOMPARE(shown(), u"Firefox | firefox | on, on, on, off, on (disabled)"_s);
         picker->setFocus();
         QTest::keyClick(picker, Qt::Key_Down);
         QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"safari"_s);
         QTest::keyClick(picker, Qt::Key_Home);
-        QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), QString());
+        QCOMPARE(shown(), u"None |  | on, on, on, off, on (disabled)"_s);
         // Changed elsewhere: shown here.
-        m_app->state->setDefaultBrowser(u"firefox"_s);
-        QCOMPARE(picker->currentText(), u"Firefox"_s);
         m_app->state->setDefaultBrowser(u"not-installed"_s);
         QCOMPARE(picker->currentIndex(), -1);
         // Ask: chosen here, or elsewhere, shown here; the fallback browser stays.
         m_app->state->setDefaultBrowser(u"firefox"_s);
         QTest::keyClick(picker, Qt::Key_End);
-        QVERIFY(m_app->state->fallbackAsks());
-        QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"firefox"_s);
+        QVERIFY(shown().startsWith(u"Ask Every Time | firefox asks |"_s));
         m_app->state->setDefaultBrowser(u"safari"_s);
-        QCOMPARE(picker->currentText(), u"Safari"_s);
+        QVERIFY(shown().startsWith(u"Safari | safari |"_s));
         m_app->state->setFallbackAsks();
-        QCOMPARE(picker->currentText(), u"Ask Every Time"_s);
+        QVERIFY(shown().startsWith(u"Ask Every Time | safari asks |"_s));
 
-        auto *rules = child<QCheckBox>(&pane, u"rulesEnabledSwitch"_s);
-        QVERIFY(rules->isChecked());
-        clickBox(rules);
-        QVERIFY(!m_app->state->rulesEnabled() && !m_app->store->loadRulesEnabled());
-        m_app->state->toggleRulesEnabled();
-        QVERIFY(rules->isChecked());
+        // Clicked on the box itself, or with the keyboard; changed elsewhere, shown here.
+        clickBox(child<QCheckBox>(&pane, u"rulesEnabledSwitch"_s));
+        QVERIFY(!m_app->store->loadRulesEnabled());
         auto *cleaning = child<QCheckBox>(&pane, u"urlCleaningSwitch"_s);
         cleaning->setFocus();
         QTest::keyClick(cleaning, Qt::Key_Space);
-        QVERIFY(!m_app->state->urlCleaningEnabled());
+        clickBox(child<QCheckBox>(&pane, u"urlUnwrappingSwitch"_s));
         clickBox(child<QCheckBox>(&pane, u"launchAtLoginSwitch"_s));
-        QVERIFY(m_app->state->launchAtLogin() && m_app->autostart.enabled);
-        auto *unwrapping = child<QCheckBox>(&pane, u"urlUnwrappingSwitch"_s);
-        QVERIFY(unwrapping->isChecked());
-        clickBox(unwrapping);
-        QVERIFY(!SettingsKeys::read(*m_app->settings, SettingsKeys::UrlUnwrappingEnabled));
-
-        // The tests' build has no update feed: the switch would do nothing, and says
-        // why; it still shows the stored setting, changed through the state.
-        auto *automatic = child<QCheckBox>(&pane, u"automaticUpdatesSwitch"_s);
-        QVERIFY(!automatic->isEnabled() && automatic->isChecked());
+        QVERIFY(m_app->autostart.enabled);
         m_app->state->toggleAutomaticUpdateChecks();
-        QVERIFY(!automatic->isChecked());
+        QVERIFY(shown().endsWith(u"| off, off, off, on, off (disabled)"_s));
+        QVERIFY(!SettingsKeys::read(*m_app->settings, SettingsKeys::UrlCleaningEnabled));
+        QVERIFY(!SettingsKeys::read(*m_app->settings, SettingsKeys::UrlUnwrappingEnabled));
         QVERIFY(!SettingsKeys::read(*m_app->settings, SettingsKeys::AutomaticUpdateChecks));
+        m_app->state->toggleRulesEnabled();
+        QVERIFY(child<QCheckBox>(&pane, u"rulesEnabledSwitch"_s)->isChecked());
     }
 
     void browsersPane()
