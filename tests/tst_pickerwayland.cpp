@@ -30,6 +30,8 @@ class Sway final
 public:
     ~Sway()
     {
+        m_keyboard.kill();
+        m_keyboard.waitForFinished(10000);
         m_process.terminate();
         m_process.waitForFinished(10000);
     }
@@ -88,7 +90,15 @@ public:
                 break;
         }
         ::close(watch);
-        return socket.isEmpty() ? u"sway did not start"_s : QString();
+        if (socket.isEmpty())
+            return u"sway did not start"_s;
+        // A keyboard on the seat before any window: a virtual keyboard that only
+        // waits. The window binds it as it opens, and keys typed later on other
+        // virtual keyboards reach it (typed on a keyboard of their own alone,
+        // they may arrive before the window has bound it, and are lost).
+        m_keyboard.setProcessEnvironment(waylandEnvironment());
+        m_keyboard.start(u"wtype"_s, {u"-s"_s, u"3600000"_s, u"x"_s});
+        return m_keyboard.waitForStarted() ? QString() : u"wtype did not start"_s;
     }
 
     // The size of the window of that title where sway floats it (without the
@@ -112,15 +122,12 @@ public:
         return found;
     }
 
-    // Types on a virtual keyboard of sway's, while the events go on: the
-    // window binds a keyboard only once one is there, so keys typed before
-    // that are lost (a key that means nothing goes first).
+    // Types on a virtual keyboard of sway's, while the events go on (a key
+    // that means nothing goes first).
     bool type(const QString &text) const
     {
         QProcess wtype;
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(u"WAYLAND_DISPLAY"_s, socket);
-        wtype.setProcessEnvironment(environment);
+        wtype.setProcessEnvironment(waylandEnvironment());
         wtype.start(u"wtype"_s, {u"-k"_s, u"Shift_L"_s, text});
         return QTest::qWaitFor([&wtype] { return wtype.state() == QProcess::NotRunning; }, 10000)
                && wtype.exitCode() == 0;
@@ -129,8 +136,16 @@ public:
     QString socket;
 
 private:
+    QProcessEnvironment waylandEnvironment() const
+    {
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(u"WAYLAND_DISPLAY"_s, socket);
+        return environment;
+    }
+
     QTemporaryDir m_dir;
     QProcess m_process;
+    QProcess m_keyboard;
     QString m_ipcSocket;
 };
 
