@@ -1,4 +1,5 @@
 #include "App/AppState.h"
+#include "Automation/SettingsActions.h"
 #include "Services/BrowserDiscovery.h"
 #include "TestSupport.h"
 
@@ -58,10 +59,19 @@ private Q_SLOTS:
         setBrowsers(installed);
         if (!httpsHandler.isEmpty())
             m_entries.httpsHandler = httpsHandler;
-        QCOMPARE(makeState()->defaultBrowserBundleID(), fallback);
+        const auto state = makeState();
+        QCOMPARE(state->defaultBrowserBundleID(), fallback);
         QCOMPARE(m_environment->settings()->contains(u"default_browser_bundle_id"_s),
                  !fallback.isEmpty());
         QCOMPARE(reopened().loadDefaultBrowserBundleID(), fallback);
+        // Without one, a script's link that no rule claims opens nowhere, and says so.
+        if (fallback.isEmpty()) {
+            AppState::setShared(state.get());
+            const auto answer =
+                Automation::routeURL(link(u"https://e.com/"_s), std::nullopt).result();
+            AppState::setShared(nullptr);
+            QCOMPARE(answer.value(), u"No routing rule matched and no default browser is set."_s);
+        }
     }
 
     // Six rules, one of them with an id that is no UUID: five are used, the user is

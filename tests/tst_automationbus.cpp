@@ -152,7 +152,8 @@ private Q_SLOTS:
     void nothingAnswersWhileNotRunning()
     {
         for (const QString &command :
-             {u"route https://docs.example/"_s, u"rule delete %1 --yes"_s.arg(m_docsRuleId)}) {
+             {u"route https://docs.example/"_s, u"rule delete %1 --yes"_s.arg(m_docsRuleId),
+              u"rules"_s, u"browsers"_s, u"feature pauseRules on"_s}) {
             const Result result = qv(command);
             QCOMPARE(result.exitCode, 1);
             QCOMPARE(result.err,
@@ -544,6 +545,7 @@ void TestAutomationBus::fallbackAndFeatures()
     // ask too, and names no browser then.
     script(uR"(
 fallback alpha-browser                                           | 0 |
+route https://docs.example/ --browser no-such-browser            | 1 | no-such-browser
 fallback --ask                                                   | 0 |
 route https://nowhere.example/                                   | 0 | Routed to Alpha.
 fallback alpha-browser --ask                                     | 2 |

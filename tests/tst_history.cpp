@@ -354,6 +354,7 @@ private Q_SLOTS:
                               u"https://before.example/"_s}));
         QCOMPARE(links(HistoryStore::loadHistory(*m_database, u"LOCKED"_s, 1)),
                  QStringList{u"https://locked.example/2"_s});
+        QCOMPARE(HistoryStore::todayCount(*m_database), 3);
 
         shell.write("ROLLBACK;\n.quit\n");
         QVERIFY(shell.waitForFinished(10000));

@@ -254,6 +254,10 @@ private Q_SLOTS:
                  u"d.example → Safari"_s);
         QCOMPARE(decisions.index(1).data(HistoryModel::RuleRole).toString(), u"Rules paused"_s);
         QVERIFY(decisions.index(1).data(HistoryModel::PausedRole).toBool());
+        ForwardingRecord asked = makeRecord(u"https://q.example/"_s, u"Mail"_s, u"Safari"_s);
+        asked.decidedBy = u"asked"_s;
+        decisions.setRecords({asked});
+        QCOMPARE(decisions.index(0).data(HistoryModel::RuleRole).toString(), u"Asked"_s);
 
         // Searched: names, case ignored, untrimmed; not bundle ids nor "Unknown".
         for (const auto &[typed, shown] : {std::pair{u"SAFARI"_s, u"2 records"_s},
@@ -313,9 +317,9 @@ private Q_SLOTS:
         // but disabled: the tests' build has no update feed).
         const auto shown = [&] {
             QStringList switches;
-            for (const char *name : {"rulesEnabledSwitch", "urlCleaningSwitch",
-                                     "urlUnwrappingSwitch", "launchAtLoginSwitch",
-                                     "automaticUpdatesSwitch"}) {
+            for (const char *name :
+                 {"rulesEnabledSwitch", "urlCleaningSwitch", "urlUnwrappingSwitch",
+                  "launchAtLoginSwitch", "automaticUpdatesSwitch"}) {
                 const auto *box = child<QCheckBox>(&pane, QString::fromLatin1(name));
                 switches << (box->isChecked() ? u"on"_s : u"off"_s)
                                 + (box->isEnabled() ? QString() : u" (disabled)"_s);
@@ -323,7 +327,7 @@ private Q_SLOTS:
             return u"%1 | %2%3 | %4"_s.arg(
                 picker->currentText(), m_app->store->loadDefaultBrowserBundleID(),
                 SettingsKeys::read(*m_app->settings, SettingsKeys::FallbackAsks) ? u" asks"_s
-                                                                                : QString(),
+                                                                                 : QString(),
                 switches.join(u", "_s));
         };
         // None, the browsers, and "Ask Every Time" after a separator.
