@@ -297,6 +297,9 @@ void TestBrowsers::doctorShowsTheDesktop()
     QCOMPARE(chrome[u"profiles"_s].toArray(),
              (QJsonArray{QJsonObject{{u"id"_s, u"Default"_s}, {u"name"_s, u"Me"_s}}}));
     QVERIFY(browsers.value(u"arc"_s).value(u"profiles"_s).isNull());
+    // Names are read with their control characters written out.
+    QCOMPARE(browsers.value(u"forger"_s)[u"name"_s].toString(),
+             u"Forger\\x0A[2026-01-01T00:00:00Z] \\x1B[2Jforged"_s);
     const QString settings = m_desktop->configHome() + u"/Quillvane/Quillvane.conf"_s;
     QCOMPARE(report[u"settingsFile"_s][u"path"_s].toString(), settings);
     QCOMPARE(report[u"launchAtLogin"_s][u"enabled"_s].toBool(), false);
