@@ -1,7 +1,8 @@
 #include "FakeDesktop.h"
 
+#include "TestSupport.h"
+
 #include <QDir>
-#include <QFile>
 #include <QProcess>
 #include <QTest>
 
@@ -16,62 +17,50 @@ FakeDesktop::FakeDesktop()
                                u"home"_s, u"run"_s, u"bin"_s, u"records"_s})
         QDir(base).mkpath(sub);
     QFile::setPermissions(base + u"/run"_s, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    qputenv("XDG_DATA_HOME", QFile::encodeName(base + u"/data"_s));
-    qputenv("XDG_DATA_DIRS", QFile::encodeName(base + u"/system"_s));
-    qputenv("XDG_CONFIG_HOME", QFile::encodeName(configHome()));
-    qputenv("XDG_STATE_HOME", QFile::encodeName(stateHome()));
-    qputenv("XDG_CONFIG_DIRS", QFile::encodeName(base + u"/system-config"_s));
-    qputenv("XDG_RUNTIME_DIR", QFile::encodeName(base + u"/run"_s));
-    qputenv("HOME", QFile::encodeName(home()));
-    qunsetenv("CHROME_CONFIG_HOME");
-    qunsetenv("XDG_ACTIVATION_TOKEN");
-    qunsetenv("DESKTOP_STARTUP_ID");
+    for (const auto &[name, folder] : {std::pair{"XDG_DATA_HOME", u"/data"_s},
+                                       {"XDG_DATA_DIRS", u"/system"_s},
+                                       {"XDG_CONFIG_HOME", u"/config"_s},
+                                       {"XDG_STATE_HOME", u"/state"_s},
+                                       {"XDG_CONFIG_DIRS", u"/system-config"_s},
+                                       {"XDG_RUNTIME_DIR", u"/run"_s},
+                                       {"HOME", u"/home"_s}})
+        qputenv(name, QFile::encodeName(base + folder));
+    for (const char *name : {"CHROME_CONFIG_HOME", "XDG_ACTIVATION_TOKEN", "DESKTOP_STARTUP_ID"})
+        qunsetenv(name);
+}
+
+QString FakeDesktop::program(const QString &name, const QByteArray &script)
+{
+    const QString path = root() + u"/bin/"_s + name;
+    writeFile(path, script);
+    QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    return path;
 }
 
 QString FakeDesktop::recorder(const QString &name)
 {
-    const QString path = root() + u"/bin/"_s + name;
-    const QString record = root() + u"/records/"_s + name;
-    QFile script(path);
-    if (!script.open(QIODevice::WriteOnly))
-        qFatal("cannot write %s", qPrintable(path));
     // Arguments NUL-separated, so that blanks and line breaks survive; the file
     // appears whole, by rename, from a file of each start's own ($$): starts at
     // the same moment must not take each other's, and Quillvane counts a
     // browser that fails as a link not opened.
-    script.write(("#!/bin/sh\n"
-                  "printf '%s' \"${XDG_ACTIVATION_TOKEN-}\" > '"
-                  + record.toUtf8()
-                  + ".token'\n"
-                    "printf '%s\\0' \"$@\" > '"
-                  + record.toUtf8()
-                  + "'.$$.tmp\n"
-                    "mv '"
-                  + record.toUtf8() + "'.$$.tmp '" + record.toUtf8() + ".args'\n"));
-    script.close();
-    script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    return path;
+    const QByteArray record = QFile::encodeName(root() + u"/records/"_s + name);
+    return program(name, "#!/bin/sh\nprintf '%s' \"${XDG_ACTIVATION_TOKEN-}\" > '" + record
+                             + ".token'\nprintf '%s\\0' \"$@\" > '" + record + "'.$$.tmp\nmv '"
+                             + record + "'.$$.tmp '" + record + ".args'\n");
 }
 
 QString FakeDesktop::writeEntry(const QString &id, const QString &contents, bool systemWide)
 {
     const QString path =
         (systemWide ? systemApplications() : userApplications()) + u'/' + id + u".desktop";
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly))
-        qFatal("cannot write %s", qPrintable(path));
-    file.write(contents.toUtf8());
-    file.close();
+    writeFile(path, contents.toUtf8());
     refreshDatabase(systemWide);
     return path;
 }
 
 QString FakeDesktop::addApplication(const QString &id, const QString &name)
 {
-    const QString binary = root() + u"/bin/"_s + id;
-    QFile::remove(binary);
-    QFile::copy(u"/bin/sh"_s, binary);
-    QFile::setPermissions(binary, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    const QString binary = program(id, readFile(u"/bin/sh"_s));
     writeEntry(id, u"[Desktop Entry]\nType=Application\nName=%1\nExec=%2\n"_s.arg(name, binary));
     return binary;
 }
@@ -98,11 +87,8 @@ QString FakeDesktop::addBrowser(const QString &id, const QString &name, const QS
 
 QStringList FakeDesktop::arguments(const QString &program) const
 {
-    QFile file(root() + u"/records/"_s + program + u".args"_s);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
     QStringList arguments;
-    for (const QByteArray &argument : file.readAll().split('\0'))
+    for (const QByteArray &argument : readFile(record(program, u".args")).split('\0'))
         arguments.append(QString::fromUtf8(argument));
     arguments.removeLast(); // after the last NUL
     return arguments;
@@ -110,19 +96,18 @@ QStringList FakeDesktop::arguments(const QString &program) const
 
 QString FakeDesktop::activationToken(const QString &program) const
 {
-    QFile file(root() + u"/records/"_s + program + u".token"_s);
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+    return QString::fromUtf8(readFile(record(program, u".token")));
 }
 
 bool FakeDesktop::ran(const QString &program) const
 {
-    return QFile::exists(root() + u"/records/"_s + program + u".args"_s);
+    return QFile::exists(record(program, u".args"));
 }
 
 void FakeDesktop::forget(const QString &program) const
 {
-    QFile::remove(root() + u"/records/"_s + program + u".args"_s);
-    QFile::remove(root() + u"/records/"_s + program + u".token"_s);
+    QFile::remove(record(program, u".args"));
+    QFile::remove(record(program, u".token"));
 }
 
 bool FakeDesktop::waitForRun(const QString &program, int timeoutMs) const
@@ -133,4 +118,9 @@ bool FakeDesktop::waitForRun(const QString &program, int timeoutMs) const
 QStringList FakeDesktop::opened(const QString &program, int timeoutMs) const
 {
     return waitForRun(program, timeoutMs) ? arguments(program) : QStringList();
+}
+
+QString FakeDesktop::record(const QString &program, QStringView suffix) const
+{
+    return root() + u"/records/"_s + program + suffix;
 }

@@ -34,6 +34,8 @@ public:
     void refreshDatabase(bool systemWide = false) const;
     // A program that records its arguments (for Exec lines written by hand).
     QString recorder(const QString &name);
+    // An executable file in the desktop's bin folder, holding the script.
+    QString program(const QString &name, const QByteArray &script);
 
     // What the program of that name was started with, once it has run.
     QStringList arguments(const QString &program) const;
@@ -46,5 +48,7 @@ public:
     QStringList opened(const QString &program, int timeoutMs = 10000) const;
 
 private:
+    QString record(const QString &program, QStringView suffix) const;
+
     QTemporaryDir m_dir;
 };

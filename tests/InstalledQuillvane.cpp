@@ -5,6 +5,7 @@
 #include "Storage/HistoryStore.h"
 #include "Storage/RuleStore.h"
 #include "Storage/UserSettings.h"
+#include "TestSupport.h"
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
@@ -89,14 +90,7 @@ qint64 InstalledQuillvane::storedForwardCount(const FakeDesktop &desktop)
 
 qint64 InstalledQuillvane::journalEntries(const FakeDesktop &desktop)
 {
-    HistoryDatabase database(historyPath(desktop), HistoryDatabase::Access::ReadOnly);
-    qint64 entries = 0;
-    const bool read = database.read([&entries](Sqlite::Database &sql) {
-        Sqlite::Statement count = sql.statement("SELECT count(*) FROM intakeJournal");
-        entries = count.step() ? count.integer(0) : -1;
-        count.run();
-    });
-    return read ? entries : -1;
+    return ::journalEntries(historyPath(desktop));
 }
 
 void InstalledQuillvane::seedAlphaAndBeta(FakeDesktop &desktop, const QList<RoutingRule> &rules)

@@ -12,6 +12,12 @@
 
 class FakeDesktop;
 
+// Whether the call was answered (rather than refused with an error).
+inline bool answered(const QDBusMessage &reply)
+{
+    return reply.type() == QDBusMessage::ReplyMessage;
+}
+
 // Quillvane installed into a folder of the build tree and started by the test's
 // own session bus (dbus-run-session, told where the installation's D-Bus
 // service file is), living in a FakeDesktop.
@@ -59,6 +65,11 @@ public:
     // which the bus starts Quillvane for unless told not to.
     static QDBusMessage open(const QStringList &links, const QVariantMap &platformData = {},
                              bool autoStart = true);
+    // Whether Quillvane took the links.
+    static bool opens(const QStringList &links, const QVariantMap &platformData = {})
+    {
+        return answered(open(links, platformData));
+    }
     // A method of the scripts' interface, which never starts Quillvane.
     static QDBusMessage automation(const QString &method, const QVariantList &arguments = {});
 

@@ -2,6 +2,7 @@
 
 #include "App/AppState.h"
 #include "Services/BrowserDiscovery.h"
+#include "Storage/Sqlite.h"
 #include "Storage/UserSettings.h"
 
 #include <QDir>
@@ -71,6 +72,18 @@ std::unique_ptr<HistoryDatabase> TestEnvironment::history() const
 QString TestEnvironment::diagnosticLogPath() const
 {
     return m_dir.path() + u"/run/Quillvane.log"_s;
+}
+
+qint64 journalEntries(const QString &historyPath)
+{
+    HistoryDatabase database(historyPath, HistoryDatabase::Access::ReadOnly);
+    qint64 entries = -1;
+    database.read([&entries](Sqlite::Database &sql) {
+        Sqlite::Statement count = sql.statement("SELECT count(*) FROM intakeJournal");
+        entries = count.step() ? count.integer(0) : -1;
+        count.run();
+    });
+    return entries;
 }
 
 void addRows(const QStringList &columns, QStringView rows)

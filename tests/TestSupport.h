@@ -43,6 +43,10 @@ private:
     QHash<QByteArray, QByteArray> m_saved;
 };
 
+// Links accepted and not yet opened in the history database at that path, as
+// another process reads them (-1 when the file cannot be read).
+qint64 journalEntries(const QString &historyPath);
+
 // Writes a file, making its folders; the test stops when it cannot.
 void writeFile(const QString &path, const QByteArray &contents);
 // What the file holds; nothing when it cannot be read.

@@ -352,7 +352,7 @@ private:
         return HistoryStore::loadHistory(reader);
     }
 
-    qint64 journalEntries() const;
+    qint64 journalEntries() const { return ::journalEntries(m_history->path()); }
 
     std::unique_ptr<FakeDesktop> m_desktop;
     std::unique_ptr<XdgAutostart> m_autostart;
@@ -377,18 +377,6 @@ void TestPipeline::makeState(ProcessLauncher &launcher)
     };
     m_state = std::make_unique<AppState>(*m_store, *m_history, services);
     m_finished = std::make_unique<QSignalSpy>(m_state.get(), &AppState::routeFinished);
-}
-
-qint64 TestPipeline::journalEntries() const
-{
-    HistoryDatabase reader(m_history->path(), HistoryDatabase::Access::ReadOnly);
-    qint64 entries = -1;
-    reader.read([&entries](Sqlite::Database &sql) {
-        Sqlite::Statement count = sql.statement("SELECT count(*) FROM intakeJournal");
-        entries = count.step() ? count.integer(0) : -1;
-        count.run();
-    });
-    return entries;
 }
 
 QTEST_GUILESS_MAIN(TestPipeline)

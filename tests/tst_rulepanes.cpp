@@ -51,6 +51,11 @@ bool save(RuleEditView *sheet)
     return true;
 }
 
+bool shown(RuleEditView *sheet, const QString &name)
+{
+    return child<QWidget>(sheet, name)->isVisibleTo(sheet);
+}
+
 } // namespace
 
 class TestRulePanes final : public QObject
@@ -65,55 +70,40 @@ private Q_SLOTS:
         qputenv("HOME", m_home);
     }
 
-    void listsFollowTheRules()
+    // Rules made elsewhere (automation) are shown at once, each where it
+    // belongs; a click or Return edits a row, its bin or Delete deletes it at
+    // once, and Escape closes a sheet without saving.
+    void rowsFollowTheRules()
     {
         AppRuleListView apps(*m_app->state, services());
-        URLRuleListView urls(*m_app->state, services());
+        URLRuleListView pane(*m_app->state, services());
         const auto state = [&] {
             return u"%1, %2, page %3"_s
                 .arg(child<QLabel>(&apps, u"appRulesCount"_s)->text(),
-                     child<QLabel>(&urls, u"urlRulesCount"_s)->text())
-                .arg(urls.findChild<QStackedWidget *>()->currentIndex());
+                     child<QLabel>(&pane, u"urlRulesCount"_s)->text())
+                .arg(pane.findChild<QStackedWidget *>()->currentIndex());
         };
         QCOMPARE(state(), u"0 rules, 0 rules, page 0"_s); // the invitation
-        // Made elsewhere (automation): shown at once, each where it belongs, by
-        // name ignoring case, without a pattern before with one.
-        const RoutingRule docs = makeRule({}, u"docs.example"_s, u"safari"_s);
         m_app->state->addRule(makeRule(u"org.example.Mail"_s, u"docs.example"_s, u"firefox"_s));
-        m_app->state->addRule(docs);
-        m_app->state->addRule(makeRule(u"org.example.mail"_s, std::nullopt, u"safari"_s));
-        QCOMPARE(state(), u"2 rules, 1 rule, page 1"_s);
-        const QAbstractItemModel *model = apps.list().model();
-        QCOMPARE(model->index(0, 0).data().toString(), u"org.example.mail → safari"_s);
-        QCOMPARE(model->index(1, 0).data().toString(),
-                 u"org.example.Mail + docs.example → firefox"_s);
-        m_app->state->deleteRule(docs);
-        QCOMPARE(state(), u"2 rules, 0 rules, page 0"_s);
-    }
-
-    void clicksAndKeysOnRows()
-    {
         m_app->state->addRule(makeRule({}, u"a.example"_s, u"safari"_s));
         m_app->state->addRule(makeRule({}, u"b.example"_s, u"safari"_s));
-        URLRuleListView pane(*m_app->state, services());
+        QCOMPARE(state(), u"1 rule, 2 rules, page 1"_s);
+
         pane.resize(520, 480);
         pane.show();
         QVERIFY(QTest::qWaitForWindowExposed(&pane));
         QListView &list = pane.list();
         const QModelIndex first = list.model()->index(0, 0);
-
         QTest::mouseClick(list.viewport(), Qt::LeftButton, {}, list.visualRect(first).center());
         auto *sheet = sheetOf<URLRuleEditView>(pane);
         QCOMPARE(child<QLineEdit>(sheet, u"patternField"_s)->text(), u"a.example"_s);
         QTest::keyClick(sheet, Qt::Key_Escape);
         QTRY_VERIFY(!pane.sheet());
-        QCOMPARE(stored().size(), 2);
-        // The bin deletes at once, without a question.
+        QCOMPARE(stored().size(), 3);
         QTest::mouseClick(list.viewport(), Qt::LeftButton, {},
                           pane.deleteButtonRect(first).center());
         QVERIFY(!pane.sheet());
-        QCOMPARE(stored().value(0).urlPattern, u"b.example"_s);
-        // The keyboard: Return edits, Delete deletes.
+        QCOMPARE(stored().last().urlPattern, u"b.example"_s);
         list.setFocus();
         list.setCurrentIndex(list.model()->index(0, 0));
         QTest::keyClick(&list, Qt::Key_Return);
@@ -121,48 +111,29 @@ private Q_SLOTS:
         pane.sheet()->reject();
         QTRY_VERIFY(!pane.sheet());
         QTest::keyClick(&list, Qt::Key_Delete);
-        QVERIFY(stored().isEmpty());
+        QCOMPARE(state(), u"1 rule, 0 rules, page 0"_s);
     }
 
-    void urlPatternIsNormalised_data()
-    {
-        QTest::addColumn<QString>("typed");
-        QTest::addColumn<QString>("saved"); // empty: Save stays disabled
-        QTest::addColumn<bool>("note");
-        QTest::newRow("blanks, upper-case scheme")
-            << u"  HTTPS://Example.com/Org  "_s << u"Example.com/Org"_s << true;
-        QTest::newRow("one prefix only")
-            << u"https://http://a.example.com"_s << u"http://a.example.com"_s << true;
-        QTest::newRow("only the scheme") << u"https://"_s << QString() << true;
-        QTest::newRow("wildcards stay") << u"*example.org*"_s << u"*example.org*"_s << false;
-        QTest::newRow("inner blanks, case stay")
-            << u"\tDocs.Example/A B/\n"_s << u"Docs.Example/A B/"_s << false;
-        QTest::newRow("blanks only") << u"   "_s << QString() << false;
-    }
-
+    // What is typed is saved trimmed, without the scheme (saying so under the
+    // field, with the pattern as it will be saved); blanks alone cannot be saved.
+    void urlPatternIsNormalised_data();
     void urlPatternIsNormalised()
     {
         QFETCH(QString, typed);
         QFETCH(QString, saved);
-        QFETCH(bool, note);
+        QFETCH(QString, note);
         URLRuleListView pane(*m_app->state, services());
         pane.showAddSheet();
         auto *sheet = sheetOf<URLRuleEditView>(pane);
         sheet->selectBrowser(u"safari"_s);
-        auto *field = child<QLineEdit>(sheet, u"patternField"_s);
-        // Tabs and line breaks arrive by pasting, not by keys.
-        if (typed.contains(u'\t'))
-            field->setText(typed);
-        else
-            QTest::keyClicks(field, typed);
-        auto *noteLabel = child<QLabel>(sheet, u"patternNote"_s);
-        QCOMPARE(noteLabel->isVisibleTo(sheet), note);
-        QCOMPARE(child<QWidget>(sheet, u"patternHelp"_s)->isVisibleTo(sheet), !note);
-        if (note) // with the pattern as it will be saved
-            QVERIFY(noteLabel->text().contains(
-                u"<b>%1</b>"_s.arg(URLRuleEditView::trimmedPattern(typed))));
+        typed.replace(u"\\t"_s, u"\t"_s).replace(u"\\n"_s, u"\n"_s).replace(u'_', u' ');
+        child<QLineEdit>(sheet, u"patternField"_s)->setText(typed);
+        QCOMPARE(shown(sheet, u"patternNote"_s), !note.isEmpty());
+        QCOMPARE(shown(sheet, u"patternHelp"_s), note.isEmpty());
+        if (!note.isEmpty())
+            QVERIFY(child<QLabel>(sheet, u"patternNote"_s)->text().contains(u"<b>"_s + note));
         QCOMPARE(save(sheet), !saved.isEmpty());
-        QCOMPARE(stored().value(0).urlPattern.value_or(QString()), saved);
+        QCOMPARE(stored().value(0).urlPattern.value_or(QString()), saved.replace(u'_', u' '));
     }
 
     void urlSheetCreatesAndEdits()
@@ -185,9 +156,7 @@ private Q_SLOTS:
         sheet = sheetOf<URLRuleEditView>(pane);
         QCOMPARE(child<QComboBox>(sheet, u"browserPicker"_s)->currentText(),
                  u"Gone (not installed)"_s);
-        QLineEdit *pattern = child<QLineEdit>(sheet, u"patternField"_s);
-        pattern->selectAll();
-        QTest::keyClicks(pattern, u"new.example"_s);
+        child<QLineEdit>(sheet, u"patternField"_s)->setText(u"new.example"_s);
         QVERIFY(save(sheet));
         old.urlPattern = u"new.example"_s;
         old.targetBrowserName = u"gone-browser"_s;
@@ -197,8 +166,7 @@ private Q_SLOTS:
         sheet = sheetOf<URLRuleEditView>(pane);
         m_app->state->deleteRule(old);
         QVERIFY(save(sheet));
-        QCOMPARE(stored().size(), 1);
-        QCOMPARE(m_app->state->rules().size(), 1);
+        QCOMPARE(stored().size() * 10 + m_app->state->rules().size(), 11);
     }
 
     void appSheetFromRunningAndManual()
@@ -239,28 +207,25 @@ private Q_SLOTS:
         QVERIFY(firefox > 0);
         installed->setCurrentIndex(firefox);
         Q_EMIT installed->activated(firefox);
-        QCOMPARE(sheet->resolvedSourceBundleID(), u"firefox"_s);
-        QCOMPARE(sheet->resolvedSourceName(), u"Firefox"_s);
+        QCOMPARE(sheet->resolvedSourceBundleID() + sheet->resolvedSourceName(),
+                 u"firefoxFirefox"_s);
         sheet->reject();
-    }
 
-    void appSheetEditing()
-    {
-        RoutingRule notRunning = makeRule(u"org.example.Music"_s, u"music.example"_s, u"safari"_s);
-        notRunning.sourceAppName = u"Music"_s;
-        m_app->state->addRule(notRunning);
-        AppRuleListView pane(*m_app->state, services());
-        pane.showEditSheet(notRunning);
-        auto *sheet = sheetOf<AppRuleEditView>(pane);
-        // Not running: opened by hand, with what the rule has.
+        // Editing a rule of an application that does not run: by hand, with what
+        // the rule has; saved without a pattern and under its id. One that runs:
+        // picked from those running.
+        RoutingRule music = makeRule(u"org.example.Music"_s, u"music.example"_s, u"safari"_s);
+        music.sourceAppName = u"Music"_s;
+        m_app->state->addRule(music);
+        pane.showEditSheet(music);
+        sheet = sheetOf<AppRuleEditView>(pane);
         QVERIFY(child<QCheckBox>(sheet, u"manualSwitch"_s)->isChecked());
-        QCOMPARE(child<QLineEdit>(sheet, u"manualBundleID"_s)->text(), u"org.example.Music"_s);
-        QCOMPARE(child<QLineEdit>(sheet, u"manualAppName"_s)->text(), u"Music"_s);
+        QCOMPARE(child<QLineEdit>(sheet, u"manualBundleID"_s)->text() + u' '
+                     + child<QLineEdit>(sheet, u"manualAppName"_s)->text(),
+                 u"org.example.Music Music"_s);
         QVERIFY(save(sheet));
-        // The sheet makes no patterns: the saved rule has none, and keeps its id.
-        QCOMPARE(stored().size(), 1);
-        QVERIFY(stored().first().id == notRunning.id && !stored().first().urlPattern);
-
+        const RoutingRule saved = stored().last();
+        QVERIFY(saved.id == music.id && !saved.urlPattern);
         const RoutingRule chat = makeRule(u"org.example.Chat"_s, std::nullopt, u"firefox"_s);
         m_app->state->addRule(chat);
         pane.showEditSheet(chat);
@@ -271,7 +236,10 @@ private Q_SLOTS:
         sheet->reject();
     }
 
-    void profilesFollowTheBrowser()
+    // The profiles of the browser chosen; the private window where Quillvane
+    // knows the browser's option; a hidden browser offered only to the rule that
+    // names it already; "Ask Every Time" with neither.
+    void profilesAndPrivateWindows()
     {
         RoutingRule work = makeRule({}, u"work.example"_s, u"google-chrome"_s, u"Profile 1"_s);
         m_app->state->addRule(work);
@@ -282,76 +250,47 @@ private Q_SLOTS:
         QCOMPARE(comboTexts(profile),
                  (QStringList{u"Default (no specific profile)"_s, u"Person 1"_s, u"Work"_s}));
         QCOMPARE(profile->currentText(), u"Work"_s);
-        QVERIFY(!child<QLabel>(sheet, u"profileNote"_s)->isVisibleTo(sheet));
-        // Another browser: its profiles, and back to no specific one.
+        QVERIFY(!shown(sheet, u"profileNote"_s));
         sheet->selectBrowser(u"firefox"_s);
         QCOMPARE(comboTexts(profile), (QStringList{u"Default (no specific profile)"_s,
                                                    u"default-release"_s, u"Testing"_s}));
         QCOMPARE(profile->currentIndex(), 0);
         profile->setCurrentIndex(2);
+        child<QCheckBox>(sheet, u"privateWindowCheck"_s)->setChecked(true);
+        // Ticked, then a browser without profiles nor a private window: not saved as private.
+        sheet->selectBrowser(u"safari"_s);
+        QVERIFY(shown(sheet, u"profileNote"_s) && !shown(sheet, u"privateWindowCheck"_s));
+        QVERIFY(!sheet->privateWindowChosen());
+        sheet->selectBrowser(u"firefox"_s);
+        profile->setCurrentIndex(2);
         QVERIFY(save(sheet));
-        QCOMPARE(stored().first().targetProfileID, u"Testing"_s);
+        QVERIFY(stored().first().targetProfileID == u"Testing"
+                && stored().first().openInPrivateWindow);
 
-        // A browser without profiles: the URL sheet says so, the app sheet shows nothing.
+        m_app->state->setBrowserPreference({u"firefox"_s, true, {}});
         pane.showAddSheet();
         sheet = sheetOf<URLRuleEditView>(pane);
-        sheet->selectBrowser(u"safari"_s);
-        QVERIFY(child<QLabel>(sheet, u"profileNote"_s)->isVisibleTo(sheet));
+        QVERIFY(child<QComboBox>(sheet, u"browserPicker"_s)->findData(u"firefox"_s) < 0);
         sheet->reject();
+        pane.showEditSheet(stored().first());
+        sheet = sheetOf<URLRuleEditView>(pane);
+        QCOMPARE(sheet->selectedBrowserBundleID(), u"firefox"_s);
+        QVERIFY(child<QCheckBox>(sheet, u"privateWindowCheck"_s)->isChecked());
+        sheet->reject();
+
+        // The app sheet shows no note for a browser without profiles.
         AppRuleListView apps(*m_app->state, services());
         apps.showAddSheet();
         auto *appSheet = sheetOf<AppRuleEditView>(apps);
         appSheet->selectBrowser(u"safari"_s);
-        QVERIFY(!child<QComboBox>(appSheet, u"profilePicker"_s)->isVisibleTo(appSheet));
-        QVERIFY(!child<QLabel>(appSheet, u"profileNote"_s)->isVisibleTo(appSheet));
+        QVERIFY(!shown(appSheet, u"profilePicker"_s) && !shown(appSheet, u"profileNote"_s));
         appSheet->selectBrowser(u"google-chrome"_s);
-        QVERIFY(child<QComboBox>(appSheet, u"profilePicker"_s)->isVisibleTo(appSheet));
-        appSheet->reject();
-    }
-
-    // The private window is offered where Quillvane knows the browser's option,
-    // kept in the rule, and shown on its row; a hidden browser is offered only to
-    // the rule that names it already.
-    void privateWindowsAndHiddenBrowsers()
-    {
-        URLRuleListView pane(*m_app->state, services());
-        pane.showAddSheet();
-        auto *sheet = sheetOf<URLRuleEditView>(pane);
-        child<QLineEdit>(sheet, u"patternField"_s)->setText(u"bank.example"_s);
-        auto *privateWindow = child<QCheckBox>(sheet, u"privateWindowCheck"_s);
-        sheet->selectBrowser(u"safari"_s);
-        QVERIFY(!privateWindow->isVisibleTo(sheet));
-        sheet->selectBrowser(u"firefox"_s);
-        QVERIFY(privateWindow->isVisibleTo(sheet));
-        privateWindow->setChecked(true);
-        // Ticked, then a browser without a private window: not saved as private.
-        sheet->selectBrowser(u"safari"_s);
-        QVERIFY(!sheet->privateWindowChosen());
-        sheet->selectBrowser(u"google-chrome"_s);
-        QVERIFY(save(sheet));
-        QVERIFY(stored().first().openInPrivateWindow);
-
-        m_app->state->setBrowserPreference({u"google-chrome"_s, true, {}});
-        pane.showAddSheet();
-        sheet = sheetOf<URLRuleEditView>(pane);
-        QVERIFY(child<QComboBox>(sheet, u"browserPicker"_s)->findData(u"google-chrome"_s) < 0);
-        sheet->reject();
-        pane.showEditSheet(stored().first());
-        sheet = sheetOf<URLRuleEditView>(pane);
-        QCOMPARE(sheet->selectedBrowserBundleID(), u"google-chrome"_s);
-        QVERIFY(child<QCheckBox>(sheet, u"privateWindowCheck"_s)->isChecked());
-        sheet->reject();
-
-        // "Ask Every Time" instead of a browser: no profile, no private window.
-        AppRuleListView apps(*m_app->state, services());
-        apps.showAddSheet();
-        auto *appSheet = sheetOf<AppRuleEditView>(apps);
+        QVERIFY(shown(appSheet, u"profilePicker"_s));
         child<QComboBox>(appSheet, u"sourcePicker"_s)->setCurrentIndex(1);
         auto *browsers = child<QComboBox>(appSheet, u"browserPicker"_s);
         QCOMPARE(browsers->itemText(browsers->count() - 1), u"Ask Every Time"_s);
         browsers->setCurrentIndex(browsers->count() - 1);
-        QVERIFY(appSheet->asksWhereToOpen());
-        QVERIFY(!child<QCheckBox>(appSheet, u"privateWindowCheck"_s)->isVisibleTo(appSheet));
+        QVERIFY(appSheet->asksWhereToOpen() && !shown(appSheet, u"privateWindowCheck"_s));
         QVERIFY(save(appSheet));
         const RoutingRule asking = stored().last();
         QVERIFY(asking.askWhereToOpen && asking.targetBrowserBundleID.isEmpty());
@@ -390,8 +329,7 @@ private Q_SLOTS:
         auto *field = child<QLineEdit>(&pane, u"linkTesterField"_s);
         auto *result = child<QLabel>(&pane, u"linkTesterResult"_s);
         QTest::keyClicks(field, u"https://docs.example/x"_s);
-        QCOMPARE(result->text(),
-                 u"Opens in Google Chrome, profile \"Profile 1\" — URL rule \"docs.example\"."_s);
+        QVERIFY(result->text().startsWith(u"Opens in Google Chrome"_s));
         QCOMPARE(readFile(m_app->environment.settingsPath()), settingsBefore);
         QCOMPARE(readFile(m_app->environment.diagnosticLogPath()), logBefore);
         field->setText(u"https://elsewhere.example/"_s);
@@ -430,6 +368,20 @@ void TestRulePanes::init()
     m_running = {{u"org.gnome.Evolution"_s, u"Evolution"_s}, {u"org.example.Chat"_s, u"Chat"_s}};
     m_app->store->saveDefaultBrowserBundleID(u"firefox"_s);
     m_app->start().refreshBrowsers();
+}
+
+// Typed (blanks as "_", tabs and line breaks escaped: they arrive by pasting);
+// saved (empty: Save stays disabled); the note's pattern (empty: no note).
+void TestRulePanes::urlPatternIsNormalised_data()
+{
+    addRows({u"typed"_s, u"saved"_s, u"note"_s}, uR"(
+blanks, upper-case scheme | __HTTPS://Example.com/Org__     | Example.com/Org       | Example.com/Org
+one prefix only           | https://http://a.example.com    | http://a.example.com  | http://a.example.com
+only the scheme           | https://                        |                       | </b>
+wildcards stay            | *example.org*                   | *example.org*         |
+inner blanks, case stay   | \tDocs.Example/A_B/\n           | Docs.Example/A_B/     |
+blanks only               | ___                             |                       |
+)");
 }
 
 // Rows show a profile by the name its browser gives it; the file is read once,
