@@ -7,6 +7,7 @@
 #include "Platform/DesktopEntries.h"
 #include "Platform/DiagnosticLog.h"
 #include "Services/BrowserDiscovery.h"
+#include "Services/RunningBrowsers.h"
 #include "Services/SourceAppResolver.h"
 #include "Storage/HistoryDatabase.h"
 #include "Storage/HistoryStore.h"
@@ -100,6 +101,41 @@ void BM_ResolveSenderWithoutApplication(benchmark::State &state)
     state.counters["parents"] = parents;
 }
 BENCHMARK(BM_ResolveSenderWithoutApplication)->Unit(benchmark::kMicrosecond);
+
+// "Prefer a browser that is already running": what each link asks of /proc
+// once Quillvane has seen the processes that run (it lists every process, looks
+// up the ones started since, and checks the first process of each browser).
+// The browser runs as 20 processes that GIO's launch environment names, beside
+// whatever else the machine runs and, as on a busy desktop, the argument's
+// number of other processes.
+void BM_RunningBrowsersPerLink(benchmark::State &state)
+{
+    const QString entry =
+        qEnvironmentVariable("XDG_DATA_HOME") + u"/applications/browser.desktop"_s;
+    const QString named = u"export GIO_LAUNCHED_DESKTOP_FILE='%1' "
+                          "GIO_LAUNCHED_DESKTOP_FILE_PID=$$; "_s.arg(entry);
+    QList<QProcess *> browser;
+    for (int i = 0; i < 20 + state.range(0); ++i) {
+        browser.append(new QProcess);
+        browser.last()->start(u"/bin/sh"_s,
+                              {u"-c"_s, (i < 20 ? named : QString()) + u"exec sleep 600"_s});
+        browser.last()->waitForStarted();
+    }
+    LinuxProcessApps processes(GioDesktopEntries::instance());
+    RunningBrowsers running(processes);
+    const QStringList browsers{u"firefox"_s, u"browser"_s, u"chromium"_s};
+    if (running.running(browsers) != QStringList{u"browser"_s})
+        state.SkipWithError("the browser's processes were not found");
+    for (auto _ : state)
+        benchmark::DoNotOptimize(running.running(browsers));
+    state.counters["processes"] = double(processes.allProcessIds().size());
+    for (QProcess *process : std::as_const(browser)) {
+        process->kill();
+        process->waitForFinished();
+    }
+    qDeleteAll(browser);
+}
+BENCHMARK(BM_RunningBrowsersPerLink)->Arg(0)->Arg(400)->Unit(benchmark::kMicrosecond);
 
 } // namespace
 

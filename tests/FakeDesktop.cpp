@@ -74,6 +74,13 @@ void FakeDesktop::refreshDatabase(bool systemWide) const
         qFatal("update-desktop-database failed for %s", qPrintable(directory));
 }
 
+QString FakeDesktop::addApp(const QString &id, const QString &name, const QString &mimeTypes)
+{
+    return writeEntry(
+        id, u"[Desktop Entry]\nType=Application\nName=%1\nExec=%2 %u\nMimeType=%3\n"_s.arg(
+                name, recorder(id), mimeTypes));
+}
+
 QString FakeDesktop::addBrowser(const QString &id, const QString &name, const QString &extraKeys,
                                 const QString &exec, bool systemWide)
 {

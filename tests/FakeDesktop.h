@@ -27,6 +27,9 @@ public:
     QString addBrowser(const QString &id, const QString &name, const QString &extraKeys = {},
                        const QString &exec = {}, bool systemWide = false);
     QString writeEntry(const QString &id, const QString &contents, bool systemWide = false);
+    // A recording program named after the id, with an entry that opens the
+    // MIME types (a link scheme is "x-scheme-handler/<scheme>;") with it.
+    QString addApp(const QString &id, const QString &name, const QString &mimeTypes);
     // An application that sends links: a copy of the shell named after the id,
     // with an entry that names it, so that its processes map to it.
     QString addApplication(const QString &id, const QString &name);

@@ -267,6 +267,8 @@ std::optional<DesktopEntry> FakeDesktopEntries::entryAt(const QString &path)
 
 std::optional<QString> FakeDesktopEntries::defaultHandler(const QString &scheme)
 {
+    if (schemeHandlers.contains(scheme))
+        return schemeHandlers.value(scheme);
     return scheme == u"https" ? httpsHandler : httpHandler;
 }
 

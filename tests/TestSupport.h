@@ -112,6 +112,8 @@ public:
     QStringList linkHandlers;
     std::optional<QString> httpsHandler;
     std::optional<QString> httpHandler;
+    // The handlers of other schemes (handoffs' apps), by scheme.
+    QHash<QString, QString> schemeHandlers;
 };
 
 // A registry of two installed browsers, Safari ("safari") and Firefox

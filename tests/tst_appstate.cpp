@@ -124,8 +124,11 @@ private Q_SLOTS:
         QCOMPARE(reopened().loadRules(), config.rules);
         config.rules.clear();
         config.defaultBrowserBundleID = u"chromium"_s;
+        // Switches of handoffs this Quillvane does not know are left out.
+        config.handoffs = QStringList{u"teleporter"_s, u"zoom"_s};
         state->applyImportedConfig(config);
         QVERIFY(state->rules().isEmpty());
+        QCOMPARE(state->enabledHandoffs(), QStringList{u"zoom"_s});
         QCOMPARE(reopened().loadDefaultBrowserBundleID(), u"chromium"_s);
     }
 

@@ -179,7 +179,7 @@ feature pauseRules on         | 1 | $
                  (QJsonObject{{u"id"_s, u"docs-browser"_s}, {u"name"_s, u"Docs Browser"_s}}));
         QCOMPARE(
             qdbus_cast<QList<FeatureEntity>>(call(u"ListFeatures"_s).arguments().value(0)).size(),
-            5);
+            6);
         // In list order, each once, unknown and lower-case ids left out.
         const QDBusMessage reply =
             call(u"Browsers"_s, {QStringList{u"fallback-browser"_s, u"nope"_s, u"alpha-browser"_s,

@@ -1,6 +1,7 @@
 #include "Platform/Autostart.h"
 #include "Services/ConfigManager.h"
 #include "Services/LaunchAtLoginManager.h"
+#include "Storage/SettingsKeys.h"
 #include "TestSupport.h"
 
 #include <QDir>
@@ -53,9 +54,13 @@ private Q_SLOTS:
                          askingRule});
         store.saveDefaultBrowserBundleID(u"firefox-esr"_s);
         const QByteArray plain = *ConfigManager::exportToJSON(store, ExportTime);
-        QVERIFY(!plain.contains("browserPreferences") && !plain.contains("fallbackAsks"));
+        QVERIFY(!plain.contains("browserPreferences") && !plain.contains("fallbackAsks")
+                && !plain.contains("handoffs"));
         const auto plainImport = ConfigManager::importFromJSON(plain);
-        QVERIFY(!plainImport->fallbackAsks && !plainImport->browserPreferences);
+        QVERIFY(!plainImport->fallbackAsks && !plainImport->browserPreferences
+                && !plainImport->handoffs);
+        SettingsKeys::writeTexts(*m_settings, SettingsKeys::EnabledHandoffs,
+                                 {u"zoom"_s, u"spotify"_s});
 
         m_settings->setValue(u"fallback_asks"_s, true);
         store.saveBrowserPreferences(
@@ -66,6 +71,7 @@ private Q_SLOTS:
         QVERIFY(imported->rules[2].openInPrivateWindow && imported->rules[3].askWhereToOpen);
         QCOMPARE(imported->browserPreferences, store.loadBrowserPreferences());
         QVERIFY(imported->fallbackAsks);
+        QCOMPARE(imported->handoffs, (QStringList{u"zoom"_s, u"spotify"_s}));
         QCOMPARE(imported->exportDate, QDateTime(QDate(2025, 3, 1), QTime(9, 30), Qt::UTC));
         QCOMPARE(ConfigManager::encode(*imported), json);
     }
@@ -111,6 +117,9 @@ private Q_SLOTS:
                    "\"a\",\"targetBrowserName\":\"A\",\"urlPattern\":\"x\","
                    "\"openInPrivateWindow\":\"yes\"}]")
             << decode + u"Rule 1 has a member \"openInPrivateWindow\" that is not true or false"_s;
+        QTest::newRow("handoffs not texts")
+            << document({}, ",\"handoffs\":[\"zoom\",1]")
+            << decode + u"the member \"handoffs\" is not an array of texts."_s;
         QTest::newRow("not JSON") << QByteArray("{\"version\"")
                                   << decode + u"the file is not valid JSON"_s;
         QTest::newRow("array") << QByteArray("[]")

@@ -5,6 +5,7 @@
 #include "FakeDesktop.h"
 #include "InstalledQuillvane.h"
 #include "Storage/HistoryStore.h"
+#include "Storage/SettingsKeys.h"
 #include "Storage/Sqlite.h"
 #include "TestSupport.h"
 
@@ -93,6 +94,7 @@ private Q_SLOTS:
                                   + u" %u"_s);
         for (const QString &id : {u"fake-mail"_s, u"fake-chat"_s})
             m_desktop->addApplication(id, id.toUpper());
+        m_desktop->addApp(u"zoom-client"_s, u"Zoom Workplace"_s, u"x-scheme-handler/zoommtg;"_s);
 
         auto settings = InstalledQuillvane::settingsToSeed(*m_desktop);
         RuleStore store(*settings);
@@ -100,6 +102,7 @@ private Q_SLOTS:
                          makeRule(u"fake-chat"_s, std::nullopt, u"chat-browser"_s),
                          makeRule(QString(), u"burst.example"_s, u"burst-browser"_s)});
         store.saveDefaultBrowserBundleID(u"fallback-browser"_s);
+        SettingsKeys::writeTexts(*settings, SettingsKeys::EnabledHandoffs, {u"zoom"_s});
         // The history and today's count as an earlier version kept them: the first
         // start moves them into the history database.
         settings->setValue(
@@ -165,6 +168,56 @@ private Q_SLOTS:
         QCOMPARE(m_desktop->opened(browser), QStringList{sent.match(command).captured()});
         QCOMPARE(m_desktop->activationToken(browser), token);
         QCOMPARE(InstalledQuillvane::instancePid(), instance);
+    }
+
+    // A meeting link goes to the meeting app the desktop has, rewritten for it
+    // (explain says so beforehand). With "Prefer a browser that is already
+    // running", a link no rule matches goes to the browser started last while
+    // the fallback browser does not run (a process that GIO's launch
+    // environment names is the browser's).
+    void appsAndRunningBrowsers()
+    {
+        const QString meeting = u"https://acme.zoom.us/j/85012345678?pwd=x1"_s;
+        const QString rewritten = u"zoommtg://zoom.us/join?confno=85012345678&pwd=x1"_s;
+        QVERIFY(g_installed.quillvane({u"explain"_s, meeting})
+                    .out.contains(u"Handoff:    Zoom → "_s + rewritten + u'\n'));
+        QCOMPARE(run(program(u"quillvane-open"_s), {meeting}), 0);
+        QCOMPARE(m_desktop->opened(u"zoom-client"_s), QStringList{rewritten});
+        QTRY_COMPARE(storedHistory().value(0).targetBrowserName, u"Zoom Workplace"_s);
+        QCOMPARE(*storedHistory().value(0).decidedBy + storedHistory().value(0).decisionText(),
+                 u"handoff:zoomHandoff: Zoom"_s);
+
+        std::vector<std::unique_ptr<QProcess>> running;
+        const auto cleanup = qScopeGuard([&] {
+            g_installed.quillvane({u"feature"_s, u"preferRunningBrowser"_s, u"off"_s});
+            for (const auto &process : running) {
+                process->kill();
+                process->waitForFinished();
+            }
+        });
+        const auto opensIn = [&](const QString &browser, const QString &link) {
+            m_desktop->forget(browser);
+            return run(program(u"quillvane-open"_s), {link}) == 0
+                   && m_desktop->opened(browser) == QStringList{link};
+        };
+        const auto start = [&](const QString &browser) {
+            running.push_back(std::make_unique<QProcess>());
+            running.back()->start(
+                u"/bin/sh"_s, {u"-c"_s, u"export GIO_LAUNCHED_DESKTOP_FILE='%1/%2.desktop' "
+                                        "GIO_LAUNCHED_DESKTOP_FILE_PID=$$; exec sleep 600"_s.arg(
+                                            m_desktop->userApplications(), browser)});
+            return running.back()->waitForStarted();
+        };
+        QVERIFY(start(u"chat-browser"_s));
+        QVERIFY(opensIn(u"fallback-browser"_s, u"https://nomatch.example/off"_s));
+        QCOMPARE(g_installed.quillvane({u"feature"_s, u"preferRunningBrowser"_s, u"on"_s}).exitCode,
+                 0);
+        QVERIFY(opensIn(u"chat-browser"_s, u"https://nomatch.example/1"_s));
+        QVERIFY(start(u"mail-browser"_s));
+        QVERIFY(opensIn(u"mail-browser"_s, u"https://nomatch.example/2"_s));
+        QTRY_COMPARE(storedHistory().value(0).decidedBy.value_or(QString()), u"running"_s);
+        QVERIFY(start(u"fallback-browser"_s));
+        QVERIFY(opensIn(u"fallback-browser"_s, u"https://nomatch.example/3"_s));
     }
 
     void otherSchemesAreRefused()

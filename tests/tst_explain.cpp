@@ -3,6 +3,7 @@
 // and once as the installed command.
 #include "App/CommandLine.h"
 #include "App/ExplainCommand.h"
+#include "Storage/SettingsKeys.h"
 #include "TestSupport.h"
 
 #include <QProcess>
@@ -70,6 +71,19 @@ private Q_SLOTS:
                                                u"Decided by: fallback (rules are paused)"_s};
         QTest::newRow("no route") << QStringList{u"https://e.com/"_s} << u"nothing"_s << 1
                                   << QStringList{u"Decided by: no route"_s};
+        const QString zoom = u"https://acme.zoom.us/j/123456789"_s;
+        const QString app = u"Handoff:    Zoom → zoommtg://zoom.us/join?confno=123456789"_s;
+        QTest::newRow("handoff") << QStringList{zoom} << u"zoom on"_s << 0
+                                 << QStringList{app + u"\nApp:        us.zoom.Zoom (Zoom)\n"_s,
+                                                u"Decided by: handoff to Zoom's app"_s};
+        QTest::newRow("handoff switched off")
+            << QStringList{zoom} << QString() << 0
+            << QStringList{app + u" (switched off in Apps)\nBrowser:    com.apple.Safari\n"_s};
+        QTest::newRow("a running browser")
+            << QStringList{u"https://notexample.com/"_s} << u"prefer running"_s << 0
+            << QStringList{u"Browser:    org.mozilla.firefox\n"_s,
+                           u"Decided by: running browser (no rule matched, and the fallback "
+                           "browser does not run)"_s};
         QTest::newRow("hosts as compared")
             << QStringList{u"https://www.BÜCHER.de./x"_s} << u"Unicode rule"_s << 0
             << QStringList{u"\nHost:       www.xn--bcher-kva.de\n"_s,
@@ -90,6 +104,9 @@ private Q_SLOTS:
             store.saveRules({});
             store.saveDefaultBrowserBundleID(QString());
         }
+        SettingsKeys::writeTexts(*m_settings, SettingsKeys::EnabledHandoffs,
+                                 setting == u"zoom on" ? QStringList{u"zoom"_s} : QStringList());
+        m_settings->setValue(u"prefer_running_browser"_s, setting == u"prefer running");
         if (setting == u"Unicode rule")
             store.saveRules({makeRule(QString(), u"bücher.de"_s, u"firefox"_s)});
         const auto [code, out] = explain(arguments);
@@ -209,7 +226,12 @@ std::pair<int, QString> TestExplain::explain(const QStringList &arguments)
         [this](const Link &url) {
             m_expandCalls.append(url);
             return QtFuture::makeReadyFuture(link(u"https://docs.example.com/from-short-link"_s));
-        }};
+        },
+        [](const QString &scheme) {
+            return scheme == u"zoommtg" ? std::optional(SchemeHandler{u"us.zoom.Zoom"_s, u"Zoom"_s})
+                                        : std::nullopt;
+        },
+        [] { return QStringList{u"org.mozilla.firefox"_s}; }};
     // The command as the table declares it, over this test's settings and network.
     Command command = *CommandLine::command(u"explain"_s);
     command.run = [&](const CommandArguments &parsed, const CommandOutput &output) {

@@ -186,6 +186,25 @@ private Q_SLOTS:
         QCOMPARE(plan.result, (RouteResult{u"firefox"_s, u"Work"_s, true}));
     }
 
+    // The service's app, whose handoff is off, comes first; choosing it opens
+    // the link there and teaches no rule (rules name browsers).
+    void theServicesAppComesFirst()
+    {
+        const RoutePlan::AppHandoff zoom{u"zoom"_s, u"Zoom"_s,
+                                         SchemeHandler{u"us.zoom.Zoom"_s, u"Zoom Workplace"_s},
+                                         link(u"zoommtg://zoom.us/join?confno=123456789"_s)};
+        m_picker->ask(
+            AskRequest{
+                link(u"https://acme.zoom.us/j/123456789"_s), std::nullopt, {}, u"safari"_s, zoom},
+            [this](const AskAnswer &answer) { m_answers.append(answer); });
+        QCOMPARE(rowNames().mid(0, 2),
+                 (QStringList{u"1   Zoom Workplace (app)"_s, u"2   Safari"_s}));
+        find<QCheckBox>(u"pickerRememberHost"_s)->setChecked(true);
+        press(Qt::Key_1);
+        QVERIFY(m_answers.last().app && m_answers.last().browserID == u"us.zoom.Zoom"_s);
+        QVERIFY(m_app->state->rules().isEmpty());
+    }
+
 private:
     void ask(const QString &url, std::optional<SourceApp> source = std::nullopt,
              const QString &offeredFirst = {})

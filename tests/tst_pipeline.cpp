@@ -8,6 +8,7 @@
 #include "Services/BrowserDiscovery.h"
 #include "Storage/HistoryStore.h"
 #include "Storage/LinkJournal.h"
+#include "Storage/SettingsKeys.h"
 #include "Storage/UserSettings.h"
 #include "TestSupport.h"
 
@@ -330,6 +331,40 @@ private Q_SLOTS:
         launcher.heldVerdicts.first()->finish();
         QVERIFY(waitForRoutes(5));
         QCOMPARE(history().first().originalURL, u"https://opens.example/"_s);
+    }
+
+    // Asked, the user may choose the app of a handoff that is off; an app that
+    // cannot start leaves the web link to the fallback browser.
+    void handoffs()
+    {
+        m_desktop->addApp(u"zoom-client"_s, u"Zoom Workplace"_s, u"x-scheme-handler/zoommtg;"_s);
+        QTRY_COMPARE(GioDesktopEntries::instance().defaultHandler(u"zoommtg"_s), u"zoom-client"_s);
+        m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
+        makeState();
+        m_state->setAskWhereToOpen([&](const AskRequest &request, auto reply) {
+            QVERIFY(request.app && request.app->app.id == u"zoom-client"_s);
+            reply(
+                AskAnswer{AskAnswer::Kind::Chosen, request.app->app.id, std::nullopt, false, true});
+        });
+        m_state->setFallbackAsks();
+        route(u"https://zoom.us/j/987654321"_s);
+        QVERIFY(waitForRoutes(1));
+        QCOMPARE(m_desktop->opened(u"zoom-client"_s),
+                 QStringList{u"zoommtg://zoom.us/join?confno=987654321"_s});
+        QCOMPARE(history().first().decidedBy, u"asked"_s);
+
+        const QString broken = m_desktop->program(u"broken-zoom"_s, "#!/nonexistent/interpreter\n");
+        m_desktop->writeEntry(u"zoom-client"_s,
+                              u"[Desktop Entry]\nType=Application\nName=Zoom\nExec=%1 %u\n"
+                              "MimeType=x-scheme-handler/zoommtg;\n"_s.arg(broken));
+        QTRY_VERIFY(GioDesktopEntries::instance().entry(u"zoom-client"_s)->exec.contains(broken));
+        m_state->setDefaultBrowser(u"epiphany"_s);
+        m_state->setHandoffEnabled(u"zoom"_s, true);
+        QTest::ignoreMessage(QtCriticalMsg, QRegularExpression(u"^Failed to open URL in "_s));
+        route(u"https://zoom.us/j/555555555"_s);
+        QVERIFY(waitForRoutes(2));
+        QCOMPARE(m_desktop->opened(u"epiphany"_s), QStringList{u"https://zoom.us/j/555555555"_s});
+        QCOMPARE(history().first().decidedBy, u"fallback"_s);
     }
 
 private:

@@ -2,6 +2,7 @@
 #include "Platform/ProcessApps.h"
 #include "Services/OpenRequestSources.h"
 #include "Services/RunningApps.h"
+#include "Services/RunningBrowsers.h"
 #include "Services/SourceAppResolver.h"
 #include "TestSupport.h"
 
@@ -35,6 +36,10 @@ public:
         return parents.contains(pid) ? std::optional<qint64>(parents.value(pid)) : std::nullopt;
     }
     QList<qint64> processIds() override { return lookups.keys(); }
+    std::optional<quint64> startTime(qint64 pid) override
+    {
+        return lookups.contains(pid) ? std::optional(starts.value(pid)) : std::nullopt;
+    }
     bool isSessionBoundary(qint64 pid) override { return boundaries.contains(pid); }
 
     void app(qint64 pid, const QString &id, qint64 parent = 1)
@@ -52,6 +57,7 @@ public:
     QHash<qint64, qint64> parents;
     QSet<qint64> boundaries;
     QSet<QString> installed;
+    QHash<qint64, quint64> starts;
     int parentQueries = 0;
     QList<qint64> looked;
 };
@@ -395,6 +401,32 @@ private Q_SLOTS:
                                              {u"org.example.zed"_s, u"zed"_s}};
         QCOMPARE(RunningApps::running(m_apps, entries), expected);
         QCOMPARE(RunningApps::installed(entries), expected);
+    }
+
+    // Browsers by their first process, the newest first; each process is looked
+    // up once, and again only where its id went to another process.
+    void runningBrowsers()
+    {
+        RunningBrowsers running(m_apps);
+        const auto start = [this](qint64 pid, const QString &id, quint64 started) {
+            m_apps.app(pid, id);
+            m_apps.starts.insert(pid, started);
+        };
+        start(10, u"firefox"_s, 100);
+        start(11, u"chromium"_s, 200);
+        start(12, u"firefox"_s, 300); // a later window or helper
+        m_apps.helper(13, 1);
+        const QStringList browsers{u"Firefox"_s, u"chromium"_s, u"epiphany"_s};
+        QCOMPARE(running.running(browsers), (QStringList{u"chromium"_s, u"Firefox"_s}));
+        m_apps.looked.clear();
+        start(14, u"epiphany"_s, 400);
+        QCOMPARE(running.running(browsers),
+                 (QStringList{u"epiphany"_s, u"chromium"_s, u"Firefox"_s}));
+        QCOMPARE(m_apps.looked, QList<qint64>{14});
+        // Firefox's first process ended and its id went to Chromium's new window.
+        start(10, u"chromium"_s, 500);
+        m_apps.lookups.remove(14);
+        QCOMPARE(running.running(browsers), (QStringList{u"Firefox"_s, u"chromium"_s}));
     }
 
 private:

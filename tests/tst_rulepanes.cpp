@@ -314,6 +314,10 @@ private Q_SLOTS:
                  "Checked as https://docs.example/guide?id=4 (tracking parameters removed)."_s);
         QCOMPARE(verdict(u"https://other.example/"_s),
                  u"Opens in Firefox — the fallback browser: no URL rule matches."_s);
+        m_app->entries.add(u"zoom-client"_s, u"Zoom Workplace"_s, false);
+        m_app->entries.schemeHandlers.insert(u"zoommtg"_s, u"zoom-client"_s);
+        m_app->state->setHandoffEnabled(u"zoom"_s, true);
+        QVERIFY(verdict(u"https://zoom.us/j/123456789"_s).startsWith(u"Opens in Zoom Workplace"_s));
         m_app->state->toggleURLExpansion();
         QVERIFY(verdict(u"https://bit.ly/abc"_s).contains(u"\nA short link"_s));
         m_app->state->toggleRulesEnabled();

@@ -5,6 +5,7 @@
 #include "Storage/HistoryStore.h"
 #include "Storage/SettingsKeys.h"
 #include "TestSupport.h"
+#include "Views/AppsPane.h"
 #include "Views/BrowsersPane.h"
 #include "Views/ConfigPane.h"
 #include "Views/GeneralPane.h"
@@ -193,7 +194,7 @@ private Q_SLOTS:
               {Qt::Key_Tab, Qt::ControlModifier, SettingsWindow::GeneralTab},
               {Qt::Key_PageUp, Qt::ControlModifier, SettingsWindow::UrlRulesTab},
               {Qt::Key_PageUp, Qt::ControlModifier, SettingsWindow::AppRulesTab},
-              {Qt::Key_PageUp, Qt::ControlModifier, SettingsWindow::BrowsersTab},
+              {Qt::Key_PageUp, Qt::ControlModifier, SettingsWindow::AppsTab},
               {Qt::Key_3, Qt::AltModifier, SettingsWindow::GeneralTab}}) {
             QTest::keyClick(&window, key, modifier);
             QCOMPARE(window.selectedTab(), int(expected));
@@ -310,7 +311,7 @@ private Q_SLOTS:
             QStringList switches;
             for (const char *name :
                  {"rulesEnabledSwitch", "urlCleaningSwitch", "urlUnwrappingSwitch",
-                  "launchAtLoginSwitch", "automaticUpdatesSwitch"})
+                  "launchAtLoginSwitch", "automaticUpdatesSwitch", "preferRunningSwitch"})
                 switches << (box(name)->isChecked() ? u"on"_s : u"off"_s)
                                 + (box(name)->isEnabled() ? QString() : u" (disabled)"_s);
             return u"%1 | %2%3 | %4"_s.arg(
@@ -321,12 +322,12 @@ private Q_SLOTS:
         // None, the browsers, and "Ask Every Time" after a separator.
         QCOMPARE((QStringList{picker->itemText(0), picker->itemText(4)}),
                  (QStringList{u"None"_s, u"Ask Every Time"_s}));
-        QCOMPARE(shown(), u"Firefox | firefox | on, on, on, off, on (disabled)"_s);
+        QCOMPARE(shown(), u"Firefox | firefox | on, on, on, off, on (disabled), off"_s);
         picker->setFocus();
         QTest::keyClick(picker, Qt::Key_Down);
         QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"safari"_s);
         QTest::keyClick(picker, Qt::Key_Home);
-        QCOMPARE(shown(), u"None |  | on, on, on, off, on (disabled)"_s);
+        QCOMPARE(shown(), u"None |  | on, on, on, off, on (disabled), off"_s);
         // Changed elsewhere: shown here.
         m_app->state->setDefaultBrowser(u"not-installed"_s);
         QCOMPARE(picker->currentIndex(), -1);
@@ -346,9 +347,11 @@ private Q_SLOTS:
         QTest::keyClick(box("urlCleaningSwitch"), Qt::Key_Space);
         clickBox(box("urlUnwrappingSwitch"));
         clickBox(box("launchAtLoginSwitch"));
+        clickBox(box("preferRunningSwitch"));
+        QVERIFY(stored(*m_app->settings, SettingsKeys::PreferRunningBrowser));
         QVERIFY(m_app->autostart.enabled);
         m_app->state->toggleAutomaticUpdateChecks();
-        QVERIFY(shown().endsWith(u"| off, off, off, on, off (disabled)"_s));
+        QVERIFY(shown().endsWith(u"| off, off, off, on, off (disabled), on"_s));
         QVERIFY(!stored(*m_app->settings, SettingsKeys::UrlCleaningEnabled)
                 && !stored(*m_app->settings, SettingsKeys::UrlUnwrappingEnabled)
                 && !stored(*m_app->settings, SettingsKeys::AutomaticUpdateChecks));
@@ -400,6 +403,36 @@ private Q_SLOTS:
         type({});
         // Nothing set is nothing stored.
         QVERIFY(m_app->store->loadBrowserPreferences().isEmpty());
+    }
+
+    // Each service with the app the desktop opens its links with, or none (nor
+    // Quillvane itself); a switch stores, a change made elsewhere shows, and an
+    // app installed meanwhile shows when the tab does.
+    void appsPane()
+    {
+        m_app->entries.add(u"us.zoom.Zoom"_s, u"Zoom Workplace"_s, false);
+        m_app->entries.schemeHandlers = {{u"zoommtg"_s, u"us.zoom.Zoom"_s},
+                                         {u"discord"_s, u"work.vorpa.Quillvane"_s}};
+        AppsPane pane(*m_app->state, m_app->entries);
+        pane.show();
+        const auto app = [&pane](const QString &id) {
+            return child<QLabel>(&pane, u"handoffApp_"_s + id)->text();
+        };
+        QCOMPARE(
+            (QStringList{app(u"zoom"_s), app(u"discord"_s), app(u"spotify"_s)}),
+            (QStringList{u"Opens in Zoom Workplace"_s, u"not installed"_s, u"not installed"_s}));
+        auto *zoom = child<QCheckBox>(&pane, u"handoffSwitch_zoom"_s);
+        QVERIFY(!zoom->isChecked());
+        clickBox(zoom);
+        QCOMPARE(SettingsKeys::readTexts(*m_app->settings, SettingsKeys::EnabledHandoffs),
+                 QStringList{u"zoom"_s});
+        m_app->state->setHandoffEnabled(u"zoom"_s, false);
+        QVERIFY(!zoom->isChecked());
+        m_app->entries.add(u"spotify"_s, u"Spotify"_s, false);
+        m_app->entries.schemeHandlers.insert(u"spotify"_s, u"spotify"_s);
+        pane.hide();
+        pane.show();
+        QCOMPARE(app(u"spotify"_s), u"Opens in Spotify"_s);
     }
 
     // The pause sign of "⏸ Pause Rules" is missing from the default Debian fonts;

@@ -125,6 +125,29 @@ private Q_SLOTS:
         if (changes.contains(u"mail rule"_s))
             routeSettings.rules.append(
                 makeRule(u"com.example.mail"_s, u"never.example"_s, u"firefox"_s));
+        if (changes.contains(u"zoom rule"_s))
+            routeSettings.rules.append(makeRule({}, u"zoom.us"_s, u"org.mozilla.firefox"_s));
+        // The desktop's app for Zoom's links, its handoff switched on, and the
+        // browsers that run (asked only when the switch is on).
+        if (changes.contains(u"zoom app"_s))
+            routeSettings.schemeHandler = [](const QString &scheme) {
+                return scheme == u"zoommtg"
+                           ? std::optional(SchemeHandler{u"us.zoom.Zoom"_s, u"Zoom"_s})
+                           : std::nullopt;
+            };
+        if (changes.contains(u"zoom on"_s))
+            routeSettings.handoffs = {u"zoom"_s};
+        routeSettings.preferRunningBrowser = changes.contains(u"prefer running"_s);
+        int scans = 0;
+        routeSettings.runningBrowsers = [&] {
+            ++scans;
+            QStringList running;
+            for (const QString &id : {u"org.mozilla.firefox"_s, u"com.apple.Safari"_s}) {
+                if (changes.contains(id.section(u'.', -1) + u" runs"_s))
+                    running << id;
+            }
+            return running;
+        };
         if (changes.contains(u"rule asks"_s)) {
             RoutingRule asking = makeRule(u"com.example.mail"_s, std::nullopt, QString());
             asking.askWhereToOpen = true;
@@ -140,7 +163,9 @@ private Q_SLOTS:
                                           {u"UrlOnly"_s, D::UrlOnly},
                                           {u"SourceOnly"_s, D::SourceOnly},
                                           {u"Fallback"_s, D::Fallback},
-                                          {u"Ask"_s, D::Ask}};
+                                          {u"Ask"_s, D::Ask},
+                                          {u"Handoff"_s, D::Handoff},
+                                          {u"RunningBrowser"_s, D::RunningBrowser}};
 
         RoutePlan plan = RoutePlanner::prepare(link(url), ::source(source), routeSettings, chosen);
         QCOMPARE(plan.decided(), decision == u"Paused");
@@ -162,9 +187,18 @@ private Q_SLOTS:
         }
         QCOMPARE(plan.decidedBy().value_or(QString()), decidedBy);
         QCOMPARE(plan.ruleMatched.value_or(QString()), credit);
-        // A line per rule and the outcome, only when asked for, and none when paused.
+        // A line per rule and the outcome (and the app or the running browser
+        // chosen), only when asked for, and none when paused.
         const bool traced = policy == u"trail" || policy == u"explanation";
-        QCOMPARE(plan.trail.size(), traced && decision != u"Paused" ? 8 : 0);
+        if (decision == u"Handoff" || decision == u"RunningBrowser")
+            QVERIFY(!traced
+                    || plan.trail.last().startsWith(decision == u"Handoff"
+                                                        ? u"HANDOFF: Zoom → zoommtg://zoom.us/"_s
+                                                        : u"RUNNING: org.mozilla.firefox "_s));
+        else
+            QCOMPARE(plan.trail.size(), traced && decision != u"Paused" ? 8 : 0);
+        // Whether browsers run is asked only with the switch on.
+        QVERIFY(scans == 0 || routeSettings.preferRunningBrowser);
     }
 
     // Unwrapping before cleaning before expansion before the rules, each seeing
@@ -289,21 +323,32 @@ void TestURLRouter::planner_data()
     addRows({u"url"_s, u"source"_s, u"settings"_s, u"policy"_s, u"decision"_s, u"browser"_s,
              u"profile"_s, u"decidedBy"_s, u"credit"_s},
             uR"(
-paused                         | https://sho.rt/x          | com.example.chat | paused                    | trail        | Paused     | com.apple.Safari     |           | paused   | ⏸ Rules paused
-paused, no fallback            | https://docs.example.com/ |                  | paused,no fallback        | explanation  | Paused     |                      |           | paused   | ⏸ Rules paused
-script while paused            | https://docs.example.com/ |                  | paused                    | automation   | UrlOnly    | com.google.Chrome    |           | rule 3   |
-with the trail                 | https://docs.example.com/ |                  |                           | trail        | UrlOnly    | com.google.Chrome    | Profile 1 | rule 3   |
-without the trail              | https://docs.example.com/ |                  |                           | routing      | UrlOnly    | com.google.Chrome    | Profile 1 | rule 3   |
-credit to the app's first rule | https://docs.example.com/ | com.example.mail | mail rule                 | routing      | UrlOnly    | com.google.Chrome    | Profile 1 | rule 3   | com.example.mail → firefox
-source rule                    | https://x.example/        | com.example.chat |                           | routing      | SourceOnly | com.google.Chrome    |           | rule 0   | com.example.chat → com.google.Chrome
-cleaning and expansion off     | $tracked                  |                  | no cleaning,no expansion  | routing      | Fallback   | com.apple.Safari     |           | fallback |
-fallback asks                  | https://other.example/    |                  | fallback asks             | routing      | Ask        | ask:com.apple.Safari |           | asked    |
-fallback asks, none set        | https://other.example/    |                  | fallback asks,no fallback | routing      | Ask        | ask:                 |           | asked    |
-a rule before asking           | https://docs.example.com/ |                  | fallback asks             | routing      | UrlOnly    | com.google.Chrome    | Profile 1 | rule 3   |
-asks while paused              | https://docs.example.com/ |                  | fallback asks,paused      | routing      | Paused     | ask:com.apple.Safari |           | paused   | ⏸ Rules paused
-a script is never asked        | https://other.example/    |                  | fallback asks             | automation   | Fallback   | com.apple.Safari     |           | fallback |
-a rule that asks               | https://x.example/        | com.example.mail | rule asks                 | routing      | SourceOnly | ask:                 |           | rule 6   | com.example.mail → Ask Every Time
-)"_s.replace(u"$tracked"_s, tracked));
+paused                         | https://sho.rt/x          | com.example.chat | paused                                  | trail       | Paused         | com.apple.Safari     |           | paused       | ⏸ Rules paused
+paused, no fallback            | https://docs.example.com/ |                  | paused,no fallback                      | explanation | Paused         |                      |           | paused       | ⏸ Rules paused
+script while paused            | https://docs.example.com/ |                  | paused                                  | automation  | UrlOnly        | com.google.Chrome    |           | rule 3       |
+with the trail                 | https://docs.example.com/ |                  |                                         | trail       | UrlOnly        | com.google.Chrome    | Profile 1 | rule 3       |
+without the trail              | https://docs.example.com/ |                  |                                         | routing     | UrlOnly        | com.google.Chrome    | Profile 1 | rule 3       |
+credit to the app's first rule | https://docs.example.com/ | com.example.mail | mail rule                               | routing     | UrlOnly        | com.google.Chrome    | Profile 1 | rule 3       | com.example.mail → firefox
+source rule                    | https://x.example/        | com.example.chat |                                         | routing     | SourceOnly     | com.google.Chrome    |           | rule 0       | com.example.chat → com.google.Chrome
+cleaning and expansion off     | $tracked                  |                  | no cleaning,no expansion                | routing     | Fallback       | com.apple.Safari     |           | fallback     |
+fallback asks                  | https://other.example/    |                  | fallback asks                           | routing     | Ask            | ask:com.apple.Safari |           | asked        |
+fallback asks, none set        | https://other.example/    |                  | fallback asks,no fallback               | routing     | Ask            | ask:                 |           | asked        |
+a rule before asking           | https://docs.example.com/ |                  | fallback asks                           | routing     | UrlOnly        | com.google.Chrome    | Profile 1 | rule 3       |
+asks while paused              | https://docs.example.com/ |                  | fallback asks,paused                    | routing     | Paused         | ask:com.apple.Safari |           | paused       | ⏸ Rules paused
+a script is never asked        | https://other.example/    |                  | fallback asks                           | automation  | Fallback       | com.apple.Safari     |           | fallback     |
+a rule that asks               | https://x.example/        | com.example.mail | rule asks                               | routing     | SourceOnly     | ask:                 |           | rule 6       | com.example.mail → Ask Every Time
+to the app                     | $zoom                     |                  | zoom app,zoom on                        | trail       | Handoff        | us.zoom.Zoom         |           | handoff:zoom |
+to the app before asking       | $zoom                     |                  | zoom app,zoom on,fallback asks          | routing     | Handoff        | us.zoom.Zoom         |           | handoff:zoom |
+the app's handoff is off       | $zoom                     |                  | zoom app                                | routing     | Fallback       | com.apple.Safari     |           | fallback     |
+no app for it                  | $zoom                     |                  | zoom on                                 | routing     | Fallback       | com.apple.Safari     |           | fallback     |
+a rule's browser wins          | $zoom                     |                  | zoom app,zoom on,zoom rule              | routing     | UrlOnly        | org.mozilla.firefox  |           | rule 6       |
+a script keeps to browsers     | $zoom                     |                  | zoom app,zoom on                        | automation  | Fallback       | com.apple.Safari     |           | fallback     |
+a running browser              | https://other.example/    |                  | prefer running,firefox runs             | trail       | RunningBrowser | org.mozilla.firefox  |           | running      |
+the fallback runs too          | https://other.example/    |                  | prefer running,firefox runs,Safari runs | routing     | Fallback       | com.apple.Safari     |           | fallback     |
+running, but not preferred     | https://other.example/    |                  | firefox runs                            | routing     | Fallback       | com.apple.Safari     |           | fallback     |
+running, but a rule decides    | https://docs.example.com/ |                  | prefer running,firefox runs             | routing     | UrlOnly        | com.google.Chrome    | Profile 1 | rule 3       |
+)"_s.replace(u"$tracked"_s, tracked)
+                .replace(u"$zoom"_s, u"https://acme.zoom.us/j/85012345678?pwd=x"_s));
 }
 
 QTEST_GUILESS_MAIN(TestURLRouter)

@@ -40,7 +40,7 @@ _quillvane()
                 words+=" --ask --help" ;;
             feature)
                 case $position in
-                1) words="urlCleaning urlExpansion launchAtLogin pauseRules urlUnwrapping --help" ;;
+                1) words="urlCleaning urlExpansion launchAtLogin pauseRules urlUnwrapping preferRunningBrowser --help" ;;
                 2) words="on off" ;;
                 esac ;;
             rule)

@@ -93,6 +93,7 @@ bool AppDelegate::applicationWillFinishLaunching()
 {
     debugLog(u"applicationWillFinishLaunching — registering Apple Event handler"_s);
     m_processApps = std::make_unique<LinuxProcessApps>(GioDesktopEntries::instance());
+    m_appState->setProcesses(*m_processApps);
     m_activeApplication = ActiveApplication::create();
     m_resolver = std::make_unique<SourceAppResolver>(*m_processApps, *m_activeApplication);
     m_intake = std::make_unique<LinkIntake>(*m_appState, *m_resolver);

@@ -8,7 +8,9 @@
 #include "Services/BrowserDiscovery.h"
 #include "Services/DefaultBrowserRegistration.h"
 #include "Services/ExecLine.h"
+#include "Services/Handoffs.h"
 #include "Services/LaunchAtLoginManager.h"
+#include "Services/RunningBrowsers.h"
 #include "Services/URLCleaner.h"
 #include "Services/URLRouter.h"
 #include "Storage/HistoryStore.h"
@@ -70,6 +72,9 @@ AppState::AppState(RuleStore &store, HistoryDatabase &history, AppServices servi
     m_urlUnwrappingEnabled =
         SettingsKeys::read(m_store.settings(), SettingsKeys::UrlUnwrappingEnabled);
     m_browserPreferences = m_store.loadBrowserPreferences();
+    m_handoffs = SettingsKeys::readTexts(m_store.settings(), SettingsKeys::EnabledHandoffs);
+    m_preferRunningBrowser =
+        SettingsKeys::read(m_store.settings(), SettingsKeys::PreferRunningBrowser);
 
     m_rules = m_store.loadRules();
     if (const auto &damage = m_store.lastLoadDamage())
@@ -163,14 +168,76 @@ void AppState::chooseFallbackBrowser()
 
 RouteSettings AppState::routeSettings() const
 {
-    return RouteSettings{m_rules,
-                         m_defaultBrowserBundleID,
-                         m_rulesEnabled,
-                         m_urlCleaningEnabled,
-                         m_urlExpansionEnabled,
-                         m_urlUnwrappingEnabled,
-                         m_fallbackAsks,
-                         m_services.isShortLink};
+    RouteSettings settings{m_rules,
+                           m_defaultBrowserBundleID,
+                           m_rulesEnabled,
+                           m_urlCleaningEnabled,
+                           m_urlExpansionEnabled,
+                           m_urlUnwrappingEnabled,
+                           m_fallbackAsks,
+                           m_services.isShortLink};
+    settings.handoffs = m_handoffs;
+    settings.schemeHandler = [this](const QString &scheme) { return schemeHandler(scheme); };
+    settings.preferRunningBrowser = m_preferRunningBrowser;
+    settings.runningBrowsers = [this] {
+        // The browsers the lists offer, and the fallback browser even when it
+        // is hidden: whether it runs decides.
+        QStringList candidates{m_defaultBrowserBundleID};
+        for (const BrowserInfo &browser : shownBrowsers())
+            candidates.append(browser.bundleID);
+        return m_runningBrowsers ? m_runningBrowsers->running(candidates) : QStringList();
+    };
+    return settings;
+}
+
+std::optional<SchemeHandler> AppState::schemeHandler(const QString &scheme) const
+{
+    return Handoffs::handler(m_services.entries, scheme);
+}
+
+void AppState::setHandoffEnabled(const QString &id, bool enabled)
+{
+    QStringList ids = m_handoffs;
+    ids.removeAll(id);
+    if (enabled)
+        ids.append(id);
+    setHandoffs(std::move(ids));
+}
+
+void AppState::setHandoffs(QStringList ids)
+{
+    // Known handoffs only, once each, in the order they are listed.
+    QStringList known;
+    for (const Handoffs::Handoff &handoff : Handoffs::builtIn()) {
+        if (ids.contains(handoff.id))
+            known.append(handoff.id);
+    }
+    if (known == m_handoffs)
+        return;
+    SettingsKeys::writeTexts(m_store.settings(), SettingsKeys::EnabledHandoffs, known);
+    m_handoffs = std::move(known);
+    Q_EMIT handoffsChanged();
+}
+
+void AppState::togglePreferRunningBrowser()
+{
+    saveFlag(SettingsKeys::PreferRunningBrowser, &AppState::m_preferRunningBrowser,
+             !m_preferRunningBrowser, &AppState::preferRunningBrowserChanged);
+    watchRunningBrowsersLater();
+}
+
+void AppState::setProcesses(ProcessApps &processes)
+{
+    m_runningBrowsers = std::make_unique<RunningBrowsers>(processes);
+    watchRunningBrowsersLater();
+}
+
+void AppState::watchRunningBrowsersLater()
+{
+    // The first question reads every process; later ones only those started since.
+    if (m_preferRunningBrowser && m_runningBrowsers)
+        m_services.later(std::chrono::milliseconds(0), this,
+                         [this] { routeSettings().runningBrowsers(); });
 }
 
 qsizetype AppState::todayHistoryCount() const
@@ -198,11 +265,7 @@ QList<BrowserInfo> AppState::shownBrowsers(const QString &chosen) const
 
 BrowserPreference AppState::browserPreference(const QString &bundleID) const
 {
-    for (const BrowserPreference &preference : m_browserPreferences) {
-        if (preference.browserBundleID.compare(bundleID, Qt::CaseInsensitive) == 0)
-            return preference;
-    }
-    return BrowserPreference{bundleID, false, {}};
+    return BrowserPreference::of(m_browserPreferences, bundleID);
 }
 
 LaunchOptions AppState::launchOptions(const QString &bundleID) const
@@ -515,6 +578,8 @@ void AppState::applyImportedConfig(const ConfigManager::ExportData &config)
         setDefaultBrowser(*config.defaultBrowserBundleID);
     if (config.fallbackAsks)
         setFallbackAsks();
+    if (config.handoffs)
+        setHandoffs(*config.handoffs);
     saveFlag(SettingsKeys::UrlCleaningEnabled, &AppState::m_urlCleaningEnabled,
              config.urlCleaningEnabled, &AppState::urlCleaningEnabledChanged);
     qCInfo(lcAppState).noquote()

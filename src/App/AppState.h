@@ -24,7 +24,9 @@
 #include <optional>
 
 class HistoryDatabase;
+class ProcessApps;
 class QTimer;
+class RunningBrowsers;
 
 // The one state that the user sees and changes: rules, browsers, the fallback
 // browser, the switches, today's count and the last routing. Every change is
@@ -90,6 +92,13 @@ public:
     bool urlUnwrappingEnabled() const { return m_urlUnwrappingEnabled; }
     bool rulesEnabled() const { return m_rulesEnabled; }
     bool automaticUpdateChecks() const { return m_automaticUpdateChecks; }
+    // The handoffs switched on, by id: links of their services open in their apps.
+    const QStringList &enabledHandoffs() const { return m_handoffs; }
+    // The app the desktop opens the scheme with; none without one, or when it
+    // is Quillvane (a link handed to it would come straight back).
+    std::optional<SchemeHandler> schemeHandler(const QString &scheme) const;
+    // The fallback browser gives way to a browser that runs, when it does not itself.
+    bool preferRunningBrowser() const { return m_preferRunningBrowser; }
     // What routing a link depends on, as it is now.
     RouteSettings routeSettings() const;
     // The name the browser is shown with; none when it is not installed.
@@ -143,6 +152,11 @@ public:
     std::optional<QString> setBrowserPreference(const BrowserPreference &preference);
     void toggleAutomaticUpdateChecks();
     void toggleLaunchAtLogin();
+    void setHandoffEnabled(const QString &id, bool enabled);
+    void togglePreferRunningBrowser();
+    // Where to learn which browsers run (the processes of this user); without
+    // it, none does.
+    void setProcesses(ProcessApps &processes);
     void refreshBrowsers();
     // A browser's profile file changed: its profiles are read again when asked.
     void refreshProfiles();
@@ -188,12 +202,17 @@ Q_SIGNALS:
     void profilesChanged();
     void rulesEnabledChanged();
     void automaticUpdateChecksChanged();
+    void handoffsChanged();
+    void preferRunningBrowserChanged();
     void historyCleared();
     // A link's route has ended: opened, failed or without a route.
     void routeFinished();
 
 private:
     void setRules(QList<RoutingRule> rules);
+    void setHandoffs(QStringList ids);
+    // Learns the processes that run now, so that a link's question costs little.
+    void watchRunningBrowsersLater();
     void setLastRouteLog(const QString &text);
     // The sender was told long ago that Quillvane has the link; only a
     // notification can still tell the user it did not open.
@@ -244,4 +263,7 @@ private:
     bool m_urlUnwrappingEnabled = true;
     bool m_rulesEnabled = true;
     bool m_automaticUpdateChecks = true;
+    QStringList m_handoffs;
+    bool m_preferRunningBrowser = false;
+    std::unique_ptr<RunningBrowsers> m_runningBrowsers;
 };

@@ -2,6 +2,7 @@
 
 #include "Models/Link.h"
 #include "Models/RoutingRule.h"
+#include "Services/RoutePlanner.h"
 
 #include <QString>
 
@@ -19,6 +20,8 @@ struct AskRequest
     QString activationToken;
     // Offered first: the fallback browser, when one is set.
     QString offeredFirst;
+    // Offered before it: the app of the link's service, whose handoff is switched off.
+    std::optional<RoutePlan::AppHandoff> app = {};
 };
 
 struct AskAnswer
@@ -35,6 +38,8 @@ struct AskAnswer
     QString browserID;
     std::optional<QString> profileID;
     bool privateWindow = false;
+    // The app offered was chosen: the link goes to it, rewritten for it.
+    bool app = false;
 };
 
 using AskWhereToOpen =

@@ -6,8 +6,12 @@
 #include "App/HistoryCommand.h"
 #include "Automation/ScriptCommands.h"
 #include "Models/DisplayText.h"
+#include "Platform/ProcessApps.h"
+#include "Services/BrowserDiscovery.h"
+#include "Services/RunningBrowsers.h"
 #include "Services/URLExpander.h"
 #include "Storage/HistoryDatabase.h"
+#include "Storage/RuleStore.h"
 #include "Storage/UserSettings.h"
 
 #include <QCoreApplication>
@@ -30,9 +34,25 @@ void quietLog()
 int explain(const CommandArguments &arguments, const CommandOutput &output)
 {
     const auto settings = UserSettings::open();
-    return ExplainCommand::run(arguments, output,
-                               {*settings, &URLExpander::isShortLink,
-                                [](const Link &url) { return URLExpander::expand(url); }});
+    DesktopEntries &entries = GioDesktopEntries::instance();
+    LinuxProcessApps processes(entries);
+    RunningBrowsers running(processes);
+    const auto runningBrowsers = [&] {
+        RuleStore store(*settings);
+        const QList<BrowserPreference> preferences = store.loadBrowserPreferences();
+        QStringList candidates{store.loadDefaultBrowserBundleID()};
+        for (const BrowserInfo &browser : BrowserDiscovery::discoverBrowsers(entries)) {
+            if (!BrowserPreference::of(preferences, browser.bundleID).hidden)
+                candidates.append(browser.bundleID);
+        }
+        return running.running(candidates);
+    };
+    return ExplainCommand::run(
+        arguments, output,
+        {*settings, &URLExpander::isShortLink,
+         [](const Link &url) { return URLExpander::expand(url); },
+         [&entries](const QString &scheme) { return Handoffs::handler(entries, scheme); },
+         runningBrowsers});
 }
 
 int doctor(const CommandArguments &arguments, const CommandOutput &output)

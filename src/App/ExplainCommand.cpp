@@ -41,6 +41,11 @@ QString describe(const RoutePlan &plan, const QList<RoutingRule> &rules)
     case Decision::NoRoute:
     case Decision::Pending:
         return u"no route (no rule matched and no fallback browser is set)"_s;
+    case Decision::Handoff:
+        return u"handoff to %1's app (no rule names a browser for the link)"_s.arg(
+            plan.handoff->name);
+    case Decision::RunningBrowser:
+        return u"running browser (no rule matched, and the fallback browser does not run)"_s;
     default:
         break;
     }
@@ -86,16 +91,19 @@ int run(const CommandArguments &arguments, const CommandOutput &output,
         return output.fail(parsed.error().description, BadUsage);
 
     RuleStore store(environment.settings);
-    const RouteSettings settings{store.loadRules(), store.loadDefaultBrowserBundleID(),
-                                 store.loadRulesEnabled(),
-                                 URLCleaner::isEnabled(environment.settings),
-                                 // Expanded only when asked for with --expand.
-                                 true,
-                                 SettingsKeys::read(environment.settings,
-                                                    SettingsKeys::UrlUnwrappingEnabled),
-                                 SettingsKeys::read(environment.settings,
-                                                    SettingsKeys::FallbackAsks),
-                                 environment.isShortLink};
+    RouteSettings settings{
+        store.loadRules(), store.loadDefaultBrowserBundleID(), store.loadRulesEnabled(),
+        URLCleaner::isEnabled(environment.settings),
+        // Expanded only when asked for with --expand.
+        true, SettingsKeys::read(environment.settings, SettingsKeys::UrlUnwrappingEnabled),
+        SettingsKeys::read(environment.settings, SettingsKeys::FallbackAsks),
+        environment.isShortLink};
+    settings.handoffs =
+        SettingsKeys::readTexts(environment.settings, SettingsKeys::EnabledHandoffs);
+    settings.schemeHandler = environment.schemeHandler;
+    settings.preferRunningBrowser =
+        SettingsKeys::read(environment.settings, SettingsKeys::PreferRunningBrowser);
+    settings.runningBrowsers = environment.runningBrowsers;
     std::optional<SourceApp> source;
     if (from)
         source = SourceApp{*from, *from};
@@ -134,7 +142,13 @@ int run(const CommandArguments &arguments, const CommandOutput &output,
     // The host as the rules compare it.
     printField(out, u"Host", HostName::canonical(plan.working.hostView()));
     printField(out, u"Rules", u"%1 stored"_s.arg(settings.rules.size()));
-    if (plan.asks()) {
+    if (const auto &app = plan.handoff ? plan.handoff : plan.offeredHandoff)
+        printField(out, u"Handoff",
+                   u"%1 → %2%3"_s.arg(app->name, app->link.toString(),
+                                      plan.handoff ? QString() : u" (switched off in Apps)"_s));
+    if (plan.handoff) {
+        printField(out, u"App", u"%1 (%2)"_s.arg(plan.handoff->app.id, plan.handoff->app.name));
+    } else if (plan.asks()) {
         // The window that asks would appear.
         printField(out, u"Browser",
                    plan.result->browserBundleID.isEmpty()

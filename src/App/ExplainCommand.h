@@ -2,6 +2,7 @@
 
 #include "Models/Command.h"
 #include "Models/Link.h"
+#include "Services/Handoffs.h"
 
 #include <QFuture>
 #include <QSettings>
@@ -10,8 +11,8 @@
 
 #include <functional>
 
-// "quillvane explain URL [--from APP-ID] [--expand]": which browser a link would
-// open in, which rule decides, and the router's trail. Reads the stored rules;
+// "quillvane explain URL [--from APP-ID] [--expand]": which browser (or app) a
+// link would open in, which rule decides, and the router's trail. Reads the stored rules;
 // changes nothing and opens nothing.
 namespace ExplainCommand {
 
@@ -22,6 +23,11 @@ struct Environment
     QSettings &settings;
     std::function<bool(const Link &)> isShortLink;
     std::function<QFuture<Link>(const Link &)> expand;
+    // The desktop's app for a scheme (handoffs), and the shown browsers that
+    // run, newest first ("Prefer a browser that is already running"); without
+    // them, no app is installed and no browser runs.
+    std::function<std::optional<SchemeHandler>(const QString &scheme)> schemeHandler = {};
+    std::function<QStringList()> runningBrowsers = {};
 };
 
 // arguments: the link, and --from / --expand.

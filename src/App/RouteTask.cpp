@@ -178,7 +178,8 @@ void RouteTask::ask()
     m_reports.status(u"Asking where to open %1 from %2"_s.arg(host, sourceName()));
     debugLog(u"routeURL() — asking where to open it"_s);
     AskRequest request{m_plan.working, m_plan.source, m_activationToken,
-                       m_plan.result ? m_plan.result->browserBundleID : QString()};
+                       m_plan.result ? m_plan.result->browserBundleID : QString(),
+                       m_plan.offeredHandoff};
     if (request.offeredFirst.isEmpty())
         request.offeredFirst = m_state.defaultBrowserBundleID();
     m_state.askWhereToOpen(request, [task = QPointer<RouteTask>(this)](const AskAnswer &answer) {
@@ -223,6 +224,8 @@ void RouteTask::answered(const AskAnswer &answer)
                 boolText(answer.privateWindow))));
         m_plan.result =
             RouteResult{answer.browserID, answer.profileID, answer.privateWindow, false};
+        if (answer.app)
+            m_plan.handoff = m_plan.offeredHandoff;
         break;
     }
     launch();
@@ -231,7 +234,8 @@ void RouteTask::answered(const AskAnswer &answer)
 void RouteTask::launch()
 {
     const std::optional<RouteResult> &result = m_plan.result;
-    const QString targetName = m_state.browserName(result->browserBundleID);
+    const QString targetName =
+        m_plan.handoff ? m_plan.handoff->app.name : m_state.browserName(result->browserBundleID);
     const QString profilePart = result->profileID ? u" [%1]"_s.arg(*result->profileID) : QString();
     m_reports.status(
         u"%1 → %2%3: %4"_s.arg(sourceName(), targetName, profilePart, hostOrText(m_plan.working)));
@@ -252,7 +256,7 @@ void RouteTask::launch()
     const QString profileID = *result->profileID;
     const QString browserID = result->browserBundleID;
     const LaunchPlatform platform = m_state.launchPlatform();
-    ProfileLauncher::open(m_plan.working, *browser, profileID, platform,
+    ProfileLauncher::open(m_plan.linkToOpen(), *browser, profileID, platform,
                           launchOptions(browserID, targetName, profileID, result->privateWindow))
         .then(this, [this, browserID, targetName,
                      profileID](const ProfileLauncher::Outcome &outcome) {
@@ -279,10 +283,23 @@ void RouteTask::launchPlain(const QString &browserID, const QString &targetName,
 {
     const LaunchPlatform platform = m_state.launchPlatform();
     const bool privateWindow = m_plan.result && m_plan.result->privateWindow;
-    BrowserLauncher::open(m_plan.working, browserID, m_state.browsers(), platform,
+    BrowserLauncher::open(m_plan.linkToOpen(), browserID, m_state.browsers(), platform,
                           launchOptions(browserID, targetName, std::nullopt, privateWindow))
         .then(this, [this, browserID, targetName,
                      successLine](const BrowserLauncher::Outcome &outcome) {
+            if (!outcome && m_plan.handoff && !m_state.defaultBrowserBundleID().isEmpty()) {
+                // The app did not take the link: the web link still opens, in
+                // the fallback browser, rather than being lost.
+                withdrawRecord();
+                debugLog(DisplayText::escapeControls(
+                    u"routeURL() — handoff to %1 failed: %2; opening the web link in the fallback browser"_s
+                        .arg(targetName, outcome.error().description())));
+                m_plan.handoff.reset();
+                m_plan.decision = RoutePlan::Decision::Fallback;
+                m_plan.result = RouteResult{m_state.defaultBrowserBundleID(), std::nullopt};
+                launch();
+                return;
+            }
             if (!outcome) {
                 const QString error = outcome.error().description();
                 failed(u"FAILED: "_s + error, u"routeURL() — FAILED: "_s + error,
@@ -314,7 +331,9 @@ void RouteTask::recordOpened(const QString &browserID, const QString &browserNam
     record.targetBrowserName = browserName;
     record.ruleMatched = m_plan.ruleMatched;
     record.decidedBy = m_plan.decidedBy();
-    record.decisionDescription = m_plan.ruleDescription;
+    record.decisionDescription = m_plan.decision == RoutePlan::Decision::Handoff
+                                     ? std::optional<QString>(u"Handoff: "_s + m_plan.handoff->name)
+                                     : m_plan.ruleDescription;
     record.targetProfileID = profileID;
     HistoryStore::record(m_state.history(), record, m_ticket.entry);
     m_ticket.entry = 0;

@@ -36,6 +36,7 @@ const QList<FeatureInfo> &features()
         {Feature::LaunchAtLogin, u"launchAtLogin", u"Launch at Login"},
         {Feature::PauseRules, u"pauseRules", u"Pause Rules"},
         {Feature::UrlUnwrapping, u"urlUnwrapping", u"Redirect Unwrapping"},
+        {Feature::PreferRunningBrowser, u"preferRunningBrowser", u"Prefer Running Browser"},
     };
     return list;
 }

@@ -43,7 +43,8 @@ enum class Feature
     LaunchAtLogin,
     PauseRules,
     // Beyond the four that every automation service offers.
-    UrlUnwrapping
+    UrlUnwrapping,
+    PreferRunningBrowser
 };
 
 struct FeatureInfo

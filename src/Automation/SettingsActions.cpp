@@ -127,6 +127,10 @@ Answer toggleFeature(Feature feature, bool enabled)
         if (state.urlUnwrappingEnabled() != enabled)
             state.toggleURLUnwrapping();
         break;
+    case Feature::PreferRunningBrowser:
+        if (state.preferRunningBrowser() != enabled)
+            state.togglePreferRunningBrowser();
+        break;
     case Feature::PauseRules:
         // On means paused.
         if (state.rulesEnabled() == enabled)

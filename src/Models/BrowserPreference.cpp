@@ -43,3 +43,13 @@ BrowserPreference::listFromJson(QByteArrayView utf8, QList<DecodeError> *skipped
 {
     return JsonFields::decodeArray<BrowserPreference>(utf8, &BrowserPreference::fromJson, skipped);
 }
+
+BrowserPreference BrowserPreference::of(const QList<BrowserPreference> &preferences,
+                                        const QString &bundleID)
+{
+    for (const BrowserPreference &preference : preferences) {
+        if (preference.browserBundleID.compare(bundleID, Qt::CaseInsensitive) == 0)
+            return preference;
+    }
+    return BrowserPreference{bundleID, false, {}};
+}

@@ -19,6 +19,10 @@ struct BrowserPreference
 
     // Nothing set: the browser is as it was installed.
     bool isDefault() const { return !hidden && extraArguments.trimmed().isEmpty(); }
+    // The browser's preference in the list (ids compared ignoring case); the
+    // default one when it has none.
+    static BrowserPreference of(const QList<BrowserPreference> &preferences,
+                                const QString &bundleID);
 
     void writeJson(JsonWriter &writer) const;
     static Expected<BrowserPreference, DecodeError> fromJson(const QJsonValue &value,

@@ -72,6 +72,8 @@ QString ForwardingRecord::decisionText() const
         return u"Fallback"_s;
     if (*decidedBy == DecidedByAsking)
         return u"Asked"_s;
+    if (*decidedBy == DecidedByRunning)
+        return u"Running browser"_s;
     return decisionDescription.value_or(*decidedBy);
 }
 

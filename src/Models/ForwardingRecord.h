@@ -36,9 +36,14 @@ struct ForwardingRecord
     static constexpr QStringView DecidedByPause = u"paused";
     // No rule decided; the user chose in the window that asks.
     static constexpr QStringView DecidedByAsking = u"asked";
+    // The fallback browser did not run; a browser that did opened the link.
+    static constexpr QStringView DecidedByRunning = u"running";
+    // Followed by the handoff's id: the link went to its service's app.
+    static constexpr QStringView DecidedByHandoff = u"handoff:";
 
     // What the history shows as the decision: the deciding rule's
-    // description, "Fallback", "Asked", "Rules paused", or for older records
+    // description (or the handoff's), "Fallback", "Asked", "Running browser",
+    // "Rules paused", or for older records
     // the credited rule. Empty when there is nothing to show.
     QString decisionText() const;
     bool decidedByPause() const;

@@ -16,6 +16,8 @@
 #include <QStandardPaths>
 
 #include <algorithm>
+#include <cstdlib>
+#include <dirent.h>
 #include <gio/gio.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -374,6 +376,27 @@ QList<qint64> LinuxProcessApps::processIds()
             pids.append(pid);
     }
     return pids;
+}
+
+QList<qint64> LinuxProcessApps::allProcessIds()
+{
+    QList<qint64> pids;
+    DIR *directory = ::opendir(QFile::encodeName(m_proc).constData());
+    if (!directory)
+        return pids;
+    while (const dirent *entry = ::readdir(directory)) {
+        char *end = nullptr;
+        const long long pid = std::strtoll(entry->d_name, &end, 10);
+        if (pid > 0 && end && *end == '\0')
+            pids.append(pid);
+    }
+    ::closedir(directory);
+    return pids;
+}
+
+std::optional<quint64> LinuxProcessApps::startTime(qint64 pid)
+{
+    return ProcStat::startTime(read(pid, "stat"));
 }
 
 std::optional<QString> LinuxProcessApps::installedId(const QString &candidate)

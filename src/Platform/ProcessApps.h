@@ -36,6 +36,10 @@ public:
     virtual std::optional<qint64> parentPid(qint64 pid) = 0;
     // Every process of this user, at this moment.
     virtual QList<qint64> processIds() = 0;
+    // Every process at this moment, of any user: the listing alone, cheap.
+    virtual QList<qint64> allProcessIds() { return processIds(); }
+    // When the process started (clock ticks since boot); none when it is gone.
+    virtual std::optional<quint64> startTime(qint64) { return std::nullopt; }
     // Whether the process closes the user's session from above, so that no
     // process beyond it can have sent a link: init, a process of another user
     // (login, sshd, the display manager), the user's own service manager, the
@@ -84,6 +88,8 @@ public:
     Lookup application(const QString &id) override;
     std::optional<qint64> parentPid(qint64 pid) override;
     QList<qint64> processIds() override;
+    QList<qint64> allProcessIds() override;
+    std::optional<quint64> startTime(qint64 pid) override;
     bool isSessionBoundary(qint64 pid) override;
 
     // Follows GIO's org.gtk.gio.DesktopAppInfo.Launched broadcasts on the

@@ -133,6 +133,10 @@ ExportData exportConfig(RuleStore &store, const QDateTime &now)
         data.defaultBrowserBundleID = fallback;
     data.urlCleaningEnabled = URLCleaner::isEnabled(store.settings());
     data.fallbackAsks = SettingsKeys::read(store.settings(), SettingsKeys::FallbackAsks);
+    if (QStringList handoffs =
+            SettingsKeys::readTexts(store.settings(), SettingsKeys::EnabledHandoffs);
+        !handoffs.isEmpty())
+        data.handoffs = std::move(handoffs);
     if (QList<BrowserPreference> preferences = store.loadBrowserPreferences();
         !preferences.isEmpty())
         data.browserPreferences = std::move(preferences);
@@ -153,6 +157,8 @@ QByteArray encode(const ExportData &data)
         document.insert(u"defaultBrowserBundleID"_s, *data.defaultBrowserBundleID);
     if (data.fallbackAsks)
         document.insert(u"fallbackAsks"_s, true);
+    if (data.handoffs)
+        document.insert(u"handoffs"_s, QJsonArray::fromStringList(*data.handoffs));
     if (data.browserPreferences)
         document.insert(u"browserPreferences"_s,
                         QJsonDocument::fromJson(
@@ -214,6 +220,15 @@ Expected<ExportData, ConfigError> importFromJSON(QByteArrayView bytes)
     if (!asks.isUndefined() && !asks.isNull() && !asks.isBool())
         return decodingFailed(u"the member \"fallbackAsks\" is not true or false."_s);
     data.fallbackAsks = asks.toBool(false);
+    const QJsonValue handoffs = object.value(u"handoffs"_s);
+    if (!handoffs.isUndefined() && !handoffs.isNull()) {
+        const QJsonArray ids = handoffs.toArray();
+        if (!handoffs.isArray() || std::any_of(ids.begin(), ids.end(), [](const QJsonValue &id) {
+                return !id.isString();
+            }))
+            return decodingFailed(u"the member \"handoffs\" is not an array of texts."_s);
+        data.handoffs = handoffs.toVariant().toStringList();
+    }
     const QJsonValue preferences = object.value(u"browserPreferences"_s);
     if (!preferences.isUndefined() && !preferences.isNull()) {
         if (!preferences.isArray())

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Models/Expected.h"
 #include "Models/BrowserPreference.h"
+#include "Models/Expected.h"
 #include "Models/RoutingRule.h"
 
 #include <QByteArray>
@@ -30,6 +30,9 @@ struct ExportData
     std::optional<QList<BrowserPreference>> browserPreferences;
     // The fallback is "Ask" (the member is written only then).
     bool fallbackAsks = false;
+    // The handoffs switched on, by id (the member is written only when one is;
+    // a document without it leaves them as they are).
+    std::optional<QStringList> handoffs;
 
     friend bool operator==(const ExportData &, const ExportData &) = default;
 };

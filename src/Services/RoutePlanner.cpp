@@ -2,6 +2,7 @@
 
 #include "Models/ForwardingRecord.h"
 #include "Models/JsonFields.h"
+#include "Services/Handoffs.h"
 #include "Services/URLCleaner.h"
 #include "Services/URLExpander.h"
 #include "Services/URLRouter.h"
@@ -18,6 +19,10 @@ std::optional<QString> RoutePlan::decidedBy() const
         return ForwardingRecord::DecidedByFallback.toString();
     case Decision::Ask:
         return ForwardingRecord::DecidedByAsking.toString();
+    case Decision::Handoff:
+        return QString(ForwardingRecord::DecidedByHandoff.toString() + handoff->id);
+    case Decision::RunningBrowser:
+        return ForwardingRecord::DecidedByRunning.toString();
     case Decision::Combined:
     case Decision::SourceOnly:
     case Decision::UrlOnly:
@@ -64,6 +69,18 @@ RoutePlan::Decision fromRouter(URLRouter::Decision::Kind kind)
     return RoutePlan::Decision::NoRoute;
 }
 
+// The app of the link's service, when the desktop has one for its scheme.
+std::optional<RoutePlan::AppHandoff> appFor(const Link &link, const RouteSettings &settings)
+{
+    const auto match = Handoffs::match(link);
+    if (!match || !settings.schemeHandler)
+        return std::nullopt;
+    const auto app = settings.schemeHandler(match->handoff->scheme);
+    if (!app)
+        return std::nullopt;
+    return RoutePlan::AppHandoff{match->handoff->id, match->handoff->name, *app, match->link};
+}
+
 } // namespace
 
 RoutePlan prepare(const Link &received, const std::optional<SourceApp> &source,
@@ -104,6 +121,25 @@ void decide(RoutePlan &plan, const RouteSettings &settings, const RoutePolicy &p
                           settings.defaultBrowserBundleID, policy.trail ? &plan.trail : nullptr);
     plan.decision = fromRouter(decision.kind);
     plan.result = decision.result;
+    plan.ruleMatched = creditedRule(plan.source, settings.rules);
+    // A rule that names a browser is the user's own choice for the link, and
+    // holds; else the link goes to its service's app, where that is switched on.
+    const bool ruleNamesBrowser = decision.ruleIndex >= 0 && plan.result && !plan.result->ask;
+    if (policy.desktopChoices && !ruleNamesBrowser) {
+        if (auto app = appFor(plan.working, settings)) {
+            if (settings.handoffs.contains(app->id)) {
+                if (policy.trail)
+                    plan.trail.append(u"HANDOFF: %1 → %2 (%3)"_s.arg(
+                        app->name, app->link.toString(), app->app.id));
+                plan.decision = RoutePlan::Decision::Handoff;
+                plan.result = RouteResult{app->app.id, std::nullopt};
+                plan.ruleIndex = -1;
+                plan.handoff = std::move(app);
+                return;
+            }
+            plan.offeredHandoff = std::move(app);
+        }
+    }
     // "Ask" as the fallback: the user chooses, the fallback browser offered first.
     if (settings.fallbackAsks && policy.honourPause
         && (plan.decision == RoutePlan::Decision::Fallback
@@ -119,7 +155,20 @@ void decide(RoutePlan &plan, const RouteSettings &settings, const RoutePolicy &p
         plan.ruleID = rule.id;
         plan.ruleDescription = rule.description();
     }
-    plan.ruleMatched = creditedRule(plan.source, settings.rules);
+    // The fallback browser gives way to one that runs, when it does not itself.
+    if (plan.decision == RoutePlan::Decision::Fallback && policy.desktopChoices
+        && settings.preferRunningBrowser && settings.runningBrowsers) {
+        const QStringList running = settings.runningBrowsers();
+        if (!running.isEmpty()
+            && !running.contains(settings.defaultBrowserBundleID, Qt::CaseInsensitive)) {
+            if (policy.trail)
+                plan.trail.append(
+                    u"RUNNING: %1 instead of the fallback %2, which does not run"_s.arg(
+                        running.first(), settings.defaultBrowserBundleID));
+            plan.decision = RoutePlan::Decision::RunningBrowser;
+            plan.result = RouteResult{running.first(), std::nullopt};
+        }
+    }
 }
 
 } // namespace RoutePlanner

@@ -2,6 +2,7 @@
 
 #include "Models/Link.h"
 #include "Models/RoutingRule.h"
+#include "Services/Handoffs.h"
 
 #include <QList>
 #include <QString>
@@ -23,6 +24,15 @@ struct RouteSettings
     // The fallback is "Ask"; defaultBrowserBundleID is then offered first.
     bool fallbackAsks = false;
     std::function<bool(const Link &)> isShortLink;
+    // The handoffs switched on, by id, and the app the desktop opens a scheme
+    // with (none: no app, or only Quillvane).
+    QStringList handoffs = {};
+    std::function<std::optional<SchemeHandler>(const QString &scheme)> schemeHandler = {};
+    // "Prefer a browser that is already running", and the browsers the lists
+    // offer that run now, most recently started first (asked only when the
+    // fallback browser would decide).
+    bool preferRunningBrowser = false;
+    std::function<QStringList()> runningBrowsers = {};
 };
 
 // What a caller wants from a plan. The callers differ on purpose: the real
@@ -34,11 +44,14 @@ struct RoutePolicy
     bool keepProfile = true;
     // Whether the plan carries the router's trail (it costs a line per rule).
     bool trail = false;
+    // Whether links go to the apps of their services, and the fallback gives
+    // way to a browser that runs: a script's routing action keeps to browsers.
+    bool desktopChoices = true;
 
     static RoutePolicy routing(bool trail) { return RoutePolicy{true, true, trail}; }
     static RoutePolicy explanation() { return RoutePolicy{true, true, true}; }
     static RoutePolicy linkTest() { return RoutePolicy{true, true, false}; }
-    static RoutePolicy automation() { return RoutePolicy{false, false, false}; }
+    static RoutePolicy automation() { return RoutePolicy{false, false, false, false}; }
 };
 
 // One link's way through cleaning, pause, expansion and the rules, as data.
@@ -55,6 +68,19 @@ struct RoutePlan
         // No rule decided and the fallback asks where to open the link.
         Ask,
         NoRoute,
+        // No rule named a browser, and the link goes to its service's app.
+        Handoff,
+        // The fallback browser does not run, and the browser that does opens it.
+        RunningBrowser,
+    };
+
+    // A link handed to the app of its service, rewritten for it.
+    struct AppHandoff
+    {
+        QString id;
+        QString name;
+        SchemeHandler app;
+        Link link;
     };
 
     Link received;
@@ -80,13 +106,19 @@ struct RoutePlan
     // whichever rule decided, or the pause.
     std::optional<QString> ruleMatched;
     QStringList trail;
+    // The app the link goes to (decision Handoff, or chosen where the user is
+    // asked); while asking, the app offered first: a handoff whose switch is off.
+    std::optional<AppHandoff> handoff;
+    std::optional<AppHandoff> offeredHandoff;
 
+    // What opens: the link rewritten for the app, or the link the rules saw.
+    const Link &linkToOpen() const { return handoff ? handoff->link : working; }
     bool decided() const { return decision != Decision::Pending; }
     // The user is asked where to open the link (the fallback asks, or the
     // deciding rule does).
     bool asks() const { return result && result->ask; }
-    // What the history records as the decision: the rule's id, "fallback" or
-    // "paused"; none while undecided or without a route.
+    // What the history records as the decision: the rule's id, "fallback",
+    // "paused", "handoff:<id>" or "running"; none while undecided or without a route.
     std::optional<QString> decidedBy() const;
     bool unwrappedSomething() const { return !(unwrapped == received); }
     bool cleanedSomething() const { return !(cleaned == unwrapped); }

@@ -2,6 +2,9 @@
 
 #include "Storage/UserSettings.h"
 
+#include <QJsonArray>
+#include <QJsonDocument>
+
 namespace SettingsKeys {
 
 namespace {
@@ -72,6 +75,23 @@ std::optional<QByteArray> read(const QSettings &settings, const DataKey &key)
     // Anything else stored under a data key (text written by hand, a list) is not
     // what Quillvane wrote: hand it on so that decoding reports it as damaged.
     return value.toString().toUtf8();
+}
+
+QStringList readTexts(const QSettings &settings, const DataKey &key)
+{
+    QStringList texts;
+    for (const QJsonValue &value :
+         QJsonDocument::fromJson(read(settings, key).value_or("[]")).array()) {
+        if (value.isString())
+            texts.append(value.toString());
+    }
+    return texts;
+}
+
+void writeTexts(QSettings &settings, const DataKey &key, const QStringList &texts)
+{
+    write(settings, key,
+          QJsonDocument(QJsonArray::fromStringList(texts)).toJson(QJsonDocument::Compact));
 }
 
 void write(QSettings &settings, QStringView name, const QVariant &value)

@@ -31,6 +31,11 @@ inline constexpr Key<bool> UrlExpansionEnabled{u"url_expansion_enabled", false};
 inline constexpr Key<bool> UrlUnwrappingEnabled{u"url_unwrapping_enabled", true};
 // Per browser: hidden from the lists, extra arguments (a JSON array).
 inline constexpr DataKey BrowserPreferences{u"browser_preferences"};
+// The handoffs switched on: links of their services open in the services'
+// apps (a JSON array of the handoffs' ids).
+inline constexpr DataKey EnabledHandoffs{u"handoffs_enabled"};
+// The fallback browser gives way to a browser that runs, when it does not itself.
+inline constexpr Key<bool> PreferRunningBrowser{u"prefer_running_browser", false};
 // Update checks: whether they run by themselves, and when one last started
 // (ISO 8601, UTC).
 inline constexpr Key<bool> AutomaticUpdateChecks{u"update_automatic_checks", true};
@@ -48,6 +53,8 @@ qint64 read(const QSettings &settings, const Key<qint64> &key);
 QString read(const QSettings &settings, const Key<QStringView> &key);
 // Data values; nullopt when the key is absent.
 std::optional<QByteArray> read(const QSettings &settings, const DataKey &key);
+// A data value holding a JSON array of texts; what cannot be read is left out.
+QStringList readTexts(const QSettings &settings, const DataKey &key);
 
 // The one way a value is written: stored, then the file written at once.
 void write(QSettings &settings, QStringView name, const QVariant &value);
@@ -63,6 +70,7 @@ inline void write(QSettings &settings, const DataKey &key, const QByteArray &val
 {
     write(settings, key.name, value);
 }
+void writeTexts(QSettings &settings, const DataKey &key, const QStringList &texts);
 
 template<typename K> bool contains(const QSettings &settings, const K &key)
 {

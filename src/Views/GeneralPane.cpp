@@ -8,12 +8,10 @@
 
 #include <QCheckBox>
 #include <QComboBox>
-#include <QFrame>
 #include <QGridLayout>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QPushButton>
-#include <QScrollArea>
 #include <QVBoxLayout>
 
 using namespace Qt::Literals::StringLiterals;
@@ -74,6 +72,11 @@ GeneralPane::GeneralPane(AppState &state, DesktopEntries &entries,
     connect(&m_state, &AppState::browsersChanged, this, &GeneralPane::fillFallbackPicker);
     connect(&m_state, &AppState::defaultBrowserBundleIDChanged, this,
             &GeneralPane::fillFallbackPicker);
+    addSwitch(fallback, u"preferRunningSwitch"_s, u"Prefer a browser that is already running"_s,
+              &AppState::preferRunningBrowser, &AppState::togglePreferRunningBrowser,
+              &AppState::preferRunningBrowserChanged);
+    fallback->addWidget(ViewKit::caption(
+        u"When the fallback browser is not running and another browser is, links that no rule matches open in the one started last."_s));
 
     // Rule engine.
     QVBoxLayout *rules = ViewKit::addSection(page, u"media-playback-pause"_s, u"Pause Rules"_s);
@@ -163,13 +166,7 @@ GeneralPane::GeneralPane(AppState &state, DesktopEntries &entries,
     about->addLayout(grid);
     page->addStretch();
 
-    auto *scroll = new QScrollArea;
-    scroll->setWidget(content);
-    scroll->setWidgetResizable(true);
-    scroll->setFrameShape(QFrame::NoFrame);
-    auto *layout = new QVBoxLayout(this);
-    layout->setContentsMargins(0, 0, 0, 0);
-    layout->addWidget(scroll);
+    ViewKit::setScrolledContent(this, content);
 
     showDefaultStatus();
     fillFallbackPicker();

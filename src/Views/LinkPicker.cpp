@@ -30,6 +30,7 @@ namespace {
 constexpr int BrowserRole = Qt::UserRole + 1;
 constexpr int ProfileRole = Qt::UserRole + 2;
 constexpr int NameRole = Qt::UserRole + 3;
+constexpr int AppRole = Qt::UserRole + 4;
 constexpr int LinkWidth = 400;
 // X11 key codes of the digits 1 to 9 above the letters: with Shift held, the
 // key is "!" or "\"" (whatever the layout puts there), the code stays.
@@ -195,8 +196,19 @@ void LinkPicker::fillRows()
     m_rows->clear();
     const QString first = m_queue.first().request.offeredFirst;
     QList<BrowserInfo> browsers = m_state.shownBrowsers(first);
-    std::stable_partition(browsers.begin(), browsers.end(),
-                          [&first](const BrowserInfo &browser) { return browser.bundleID == first; });
+    std::stable_partition(browsers.begin(), browsers.end(), [&first](const BrowserInfo &browser) {
+        return browser.bundleID == first;
+    });
+    // The service's own app comes before every browser: its switch is off, and
+    // this is where the user learns that it could open the link.
+    if (const auto &app = m_queue.first().request.app) {
+        const QString name = u"%1 (app)"_s.arg(app->app.name);
+        auto *item = new QListWidgetItem(BrowserIcons::appIcon(app->app.id, m_entries), name);
+        item->setData(BrowserRole, app->app.id);
+        item->setData(NameRole, name);
+        item->setData(AppRole, true);
+        m_rows->addItem(item);
+    }
     for (const BrowserInfo &browser : std::as_const(browsers)) {
         const QIcon icon = BrowserIcons::icon(browser, m_entries);
         const auto add = [&](const QString &name, const std::optional<QString> &profile) {
@@ -254,7 +266,8 @@ LinkPicker::Row LinkPicker::rowOf(const QListWidgetItem *item) const
 {
     const QVariant profile = item->data(ProfileRole);
     return Row{item->data(BrowserRole).toString(),
-               profile.isValid() ? std::optional(profile.toString()) : std::nullopt};
+               profile.isValid() ? std::optional(profile.toString()) : std::nullopt,
+               item->data(AppRole).toBool()};
 }
 
 std::optional<int> LinkPicker::digitOf(const QKeyEvent &key) const
@@ -331,6 +344,11 @@ void LinkPicker::choose(QListWidgetItem *item, bool privateWindow)
     if (!item || m_queue.isEmpty())
         return;
     const Row row = rowOf(item);
+    if (row.app) {
+        // Rules name browsers: choosing the app teaches none.
+        answerCurrent(AskAnswer{AskAnswer::Kind::Chosen, row.browserID, std::nullopt, false, true});
+        return;
+    }
     // Shift asks for a private window only where the browser has one.
     const bool inPrivate =
         privateWindow && !ProfileDiscovery::privateWindowFlag(row.browserID).isEmpty();

@@ -21,7 +21,8 @@ class QListWidgetItem;
 // the selected one, Shift with either a private window; typing filters the
 // rows; Escape or closing the window opens nothing; Ctrl+C copies the link
 // and closes. Two boxes turn the choice into a rule for the link's host, its
-// application, or both. Links that arrive while it asks wait in line and are
+// application, or both. When the link's service has an app whose handoff is
+// switched off, the app is the first row. Links that arrive while it asks wait in line and are
 // asked in order. The window is made once and kept hidden between links, so
 // that it appears at once.
 class LinkPicker final : public QWidget
@@ -53,6 +54,8 @@ private:
     {
         QString browserID;
         std::optional<QString> profileID;
+        // The app of the link's service rather than a browser.
+        bool app = false;
     };
 
     void showCurrent();

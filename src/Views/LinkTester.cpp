@@ -111,6 +111,14 @@ QString LinkTester::verdict(const AppState &state, const QString &typed)
     case Decision::NoRoute:
         answer = u"No URL rule matches and no fallback browser is set: it would not open."_s;
         break;
+    case Decision::Handoff:
+        answer = u"Opens in %1 — %2 links go to its app (Apps tab)."_s.arg(plan.handoff->app.name,
+                                                                           plan.handoff->name);
+        break;
+    case Decision::RunningBrowser:
+        answer = u"Opens in %1 — it runs, and the fallback browser does not."_s.arg(
+            target(state, *plan.result));
+        break;
     default:
         // Not without a source application; kept for completeness.
         answer = u"Opens in %1."_s.arg(target(state, *plan.result));

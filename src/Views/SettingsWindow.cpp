@@ -1,6 +1,7 @@
 #include "Views/SettingsWindow.h"
 
 #include "App/AppState.h"
+#include "Views/AppsPane.h"
 #include "Views/BrowsersPane.h"
 #include "Views/GeneralPane.h"
 #include "Views/HistoryPane.h"
@@ -34,6 +35,8 @@ SettingsWindow::SettingsWindow(AppState &state, RuleEditServices services,
                    QIcon::fromTheme(u"preferences-system"_s), u"General"_s);
     m_tabs->addTab(m_history, QIcon::fromTheme(u"document-open-recent"_s), u"History"_s);
     m_tabs->addTab(m_browsers, QIcon::fromTheme(u"web-browser"_s), u"Browsers"_s);
+    m_tabs->addTab(new AppsPane(state, services.entries),
+                   QIcon::fromTheme(u"applications-internet"_s), u"Apps"_s);
 
     auto *layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);

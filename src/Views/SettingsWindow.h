@@ -14,7 +14,7 @@ class URLRuleListView;
 class QTabWidget;
 
 // Quillvane's one window: the App Rules, URL Rules, General and History tabs,
-// then Browsers.
+// then Browsers and Apps.
 // It is made on first use and kept, so it reopens on the tab last shown.
 class SettingsWindow final : public QWidget
 {
@@ -27,7 +27,8 @@ public:
         UrlRulesTab = 1,
         GeneralTab = 2,
         HistoryTab = 3,
-        BrowsersTab = 4
+        BrowsersTab = 4,
+        AppsTab = 5
     };
 
     SettingsWindow(AppState &state, RuleEditServices services,

@@ -8,6 +8,7 @@
 #include <QLabel>
 #include <QPainter>
 #include <QPainterPath>
+#include <QScrollArea>
 #include <QVBoxLayout>
 
 using namespace Qt::Literals::StringLiterals;
@@ -102,6 +103,17 @@ void RowDelegate::paintBackground(QPainter *painter, const QStyleOptionViewItem 
     const QWidget *widget = option.widget;
     (widget ? widget->style() : QApplication::style())
         ->drawControl(QStyle::CE_ItemViewItem, &base, painter, widget);
+}
+
+void setScrolledContent(QWidget *pane, QWidget *content)
+{
+    auto *scroll = new QScrollArea;
+    scroll->setWidget(content);
+    scroll->setWidgetResizable(true);
+    scroll->setFrameShape(QFrame::NoFrame);
+    auto *layout = new QVBoxLayout(pane);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->addWidget(scroll);
 }
 
 } // namespace ViewKit

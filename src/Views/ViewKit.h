@@ -24,6 +24,9 @@ QIcon pauseIcon();
 // A dimmed, smaller explanation that wraps.
 QLabel *caption(const QString &text);
 QFrame *divider();
+// Fills the pane with its content in a frameless scroll area, for panes taller
+// than a small window.
+void setScrolledContent(QWidget *pane, QWidget *content);
 // A section of a form or pane: its header (symbol and title, dimmed and
 // semibold) above a column, which is returned; a divider follows when asked.
 QVBoxLayout *addSection(QVBoxLayout *page, const QString &iconName, const QString &title,
