@@ -574,7 +574,9 @@ private Q_SLOTS:
     }
 
     // Started from a terminal, Quillvane logs to standard error: the lines name
-    // no link, host or browser unless asked to (the trail file does, by design).
+    // no link, host or browser unless asked to (the trail file does, by design),
+    // but the cleaner's, which names the link's scheme, host and path and the
+    // parameters it removed, and never its query or fragment.
     void systemLogKeepsLinksPrivate()
     {
         QVERIFY(InstalledQuillvane::stop());
@@ -589,11 +591,20 @@ private Q_SLOTS:
         m_desktop->forget(u"fallback-browser"_s);
         QCOMPARE(run(program(u"quillvane-open"_s), {u"https://secret.example/secret-2"_s}), 0);
         QVERIFY(m_desktop->waitForRun(u"fallback-browser"_s));
+        m_desktop->forget(u"fallback-browser"_s);
+        QCOMPARE(run(program(u"quillvane-open"_s),
+                     {u"https://tracked.example/reset?utm_source=mail&token=t0k3n#frag"_s}),
+                 0);
+        QVERIFY(m_desktop->waitForRun(u"fallback-browser"_s));
         QVERIFY(InstalledQuillvane::stop());
         QTRY_COMPARE(instance.state(), QProcess::NotRunning);
         const QByteArray errors = instance.readAllStandardError();
         QVERIFY2(errors.contains("<private>") && !errors.contains("secret")
-                     && !errors.contains("Fallback") && !errors.contains("burst.example"),
+                     && !errors.contains("Fallback") && !errors.contains("burst.example")
+                     && !errors.contains("t0k3n") && !errors.contains("frag")
+                     && errors.contains("] info: Removed 1 tracking param(s) (utm_source): "
+                                        "https://tracked.example/reset?…#… → "
+                                        "https://tracked.example/reset?…#…\n"),
                  errors.constData());
     }
 

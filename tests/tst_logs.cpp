@@ -1,6 +1,7 @@
 // The diagnostic trail file and the system log's records.
 #include "Platform/DiagnosticLog.h"
 #include "Platform/SystemLog.h"
+#include "Services/URLCleaner.h"
 #include "TestSupport.h"
 
 #include <QFileInfo>
@@ -117,6 +118,30 @@ private Q_SLOTS:
                      u"Routed https://e.com/\nquillvane[AppState] error: forged \x1b[2J"_s),
                  u"quillvane[URLRouter] warning: Routed https://e.com/\\x0Aquillvane[AppState] "
                  "error: forged \\x1B[2J\n"_s);
+    }
+
+    // In the system log a link is its scheme, host and path, and the cleaner's
+    // line still names the parameters it removed; QUILLVANE_LOG_PRIVATE=1 shows
+    // links whole.
+    void linksInTheSystemLog()
+    {
+        const Link reset = link(u"https://e.com/reset/abc?token=s3cr3t#frag"_s);
+        for (const auto &[logged, expected] :
+             {std::pair{SystemLog::link(reset), u"https://e.com/reset/abc?…#…"_s},
+              {SystemLog::link(link(u"https://me:pw@[::1]:8443/p?q"_s)),
+               u"https://…@[::1]:8443/p?…"_s},
+              {SystemLog::link(link(u"HTTP://E.com"_s)), u"HTTP://E.com"_s},
+              {SystemLog::withLink(
+                   u"Error transferring %1 - server replied"_s.arg(reset.toString()), reset),
+               u"Error transferring https://e.com/reset/abc?…#… - server replied"_s}})
+            QCOMPARE(logged, expected);
+        QTest::ignoreMessage(QtInfoMsg, "Removed 3 tracking param(s) (utm_source, fbclid): "
+                                        "https://e.com/p?… → https://e.com/p?…");
+        URLCleaner::clean(
+            link(u"https://e.com/p?utm_source=a&code=s3cr3t&fbclid=b&utm_source=c"_s));
+        SystemLog::setShowPrivate(true);
+        QCOMPARE(SystemLog::link(reset), reset.toString());
+        SystemLog::setShowPrivate(false);
     }
 
 private:

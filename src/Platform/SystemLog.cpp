@@ -82,16 +82,42 @@ void handler(QtMsgType type, const QMessageLogContext &context, const QString &m
     std::fflush(stderr);
 }
 
-} // namespace
-
-QString priv(const QString &value)
+bool showPrivate()
 {
     int show = g_showPrivate.load(std::memory_order_relaxed);
     if (show < 0) {
         show = qEnvironmentVariableIntValue("QUILLVANE_LOG_PRIVATE") == 1 ? 1 : 0;
         g_showPrivate.store(show, std::memory_order_relaxed);
     }
-    return show ? value : u"<private>"_s;
+    return show;
+}
+
+} // namespace
+
+QString priv(const QString &value)
+{
+    return showPrivate() ? value : u"<private>"_s;
+}
+
+QString link(const Link &url)
+{
+    if (showPrivate())
+        return url.toString();
+    QString text = url.scheme() + u':';
+    if (url.hasHost()) {
+        const QString host = url.host();
+        text += u"//"_s + (url.userInfo().isEmpty() ? QString() : u"…@"_s)
+                + (host.contains(u':') ? u'[' + host + u']' : host)
+                + (url.port() ? u':' + QString::number(*url.port()) : QString());
+    }
+    return text + url.path() + (url.query() ? u"?…"_s : QString())
+           + (url.fragment() ? u"#…"_s : QString());
+}
+
+QString withLink(const QString &text, const Link &url)
+{
+    const QString whole = url.toString();
+    return whole.isEmpty() ? text : QString(text).replace(whole, link(url));
 }
 
 void setShowPrivate(bool show)

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Models/Link.h"
+
 #include <QLoggingCategory>
 #include <QString>
 
@@ -15,6 +17,14 @@ namespace SystemLog {
 // as "<private>" unless QUILLVANE_LOG_PRIVATE=1 is set.
 QString priv(const QString &value);
 void setShowPrivate(bool show);
+// A link as the system log names it: its scheme, host and path, with its query
+// and fragment written "?…" and "#…" and a user name "…@", since they carry
+// sign-in codes, password resets and invitations, and the journal is kept
+// across reboots and read by administrators. Whole with QUILLVANE_LOG_PRIVATE=1.
+// (The diagnostic file, the user's own, keeps whole links.)
+QString link(const Link &link);
+// The text with every occurrence of the link, as written, named as link() names it.
+QString withLink(const QString &text, const Link &link);
 
 // Sends every Qt log record to the systemd journal when stderr is connected to
 // it, and to stderr otherwise. Control characters in a record are written out

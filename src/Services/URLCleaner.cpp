@@ -32,21 +32,26 @@ Link clean(const Link &url)
 {
     const QList<QueryItem> items = url.queryItems();
     if (items.isEmpty()) {
-        qCDebug(lcUrlCleaner).noquote() << u"No query params to clean for %1"_s.arg(url.toString());
+        qCDebug(lcUrlCleaner).noquote()
+            << u"No query params to clean for %1"_s.arg(SystemLog::link(url));
         return url;
     }
 
     const QSet<QString> &tracking = trackingParameters();
     QStringList kept;
+    QStringList removedNames;
     kept.reserve(items.size());
     for (const QueryItem &item : items) {
         if (!tracking.contains(item.name.toLower()))
             kept.append(item.raw);
+        else if (!removedNames.contains(item.name))
+            removedNames.append(item.name);
     }
 
     const qsizetype removed = items.size() - kept.size();
     if (removed == 0) {
-        qCDebug(lcUrlCleaner).noquote() << u"No tracking params found in %1"_s.arg(url.toString());
+        qCDebug(lcUrlCleaner).noquote()
+            << u"No tracking params found in %1"_s.arg(SystemLog::link(url));
         return url;
     }
 
@@ -54,11 +59,13 @@ Link clean(const Link &url)
         url.withQuery(kept.isEmpty() ? std::nullopt : std::optional<QString>(kept.join(u'&')));
     if (!cleaned) {
         qCCritical(lcUrlCleaner).noquote()
-            << u"Failed to reconstruct URL after cleaning: %1"_s.arg(url.toString());
+            << u"Failed to reconstruct URL after cleaning: %1"_s.arg(SystemLog::link(url));
         return url;
     }
-    qCInfo(lcUrlCleaner).noquote() << u"Removed %1 tracking param(s): %2 → %3"_s.arg(
-        QString::number(removed), url.toString(), cleaned->toString());
+    // The names tell what was removed where the log does not show the query.
+    qCInfo(lcUrlCleaner).noquote() << u"Removed %1 tracking param(s) (%2): %3 → %4"_s.arg(
+        QString::number(removed), removedNames.join(u", "_s), SystemLog::link(url),
+        SystemLog::link(*cleaned));
     return *cleaned;
 }
 

@@ -95,7 +95,7 @@ public:
 
     void start()
     {
-        qCInfo(lcUrlExpander).noquote() << u"Expanding URL: %1"_s.arg(m_original.toString());
+        qCInfo(lcUrlExpander).noquote() << u"Expanding URL: %1"_s.arg(SystemLog::link(m_original));
         // A client of its own, so that nothing an earlier expansion left busy
         // (a hostile server's endless header) holds this one up.
         m_client = new QNetworkAccessManager;
@@ -230,7 +230,7 @@ private:
         }
 
         qCDebug(lcUrlExpander).noquote() << u"Step %1: %2 → %3"_s.arg(
-            QString::number(m_step), QString::number(status), next->toString());
+            QString::number(m_step), QString::number(status), SystemLog::link(*next));
         m_current = *next;
         if (m_step == MaxRequests - 1) {
             finish();
@@ -252,8 +252,8 @@ private:
 
     void fail(const QString &description)
     {
-        qCCritical(lcUrlExpander).noquote()
-            << u"Expansion failed at step %1: %2"_s.arg(QString::number(m_step), description);
+        qCCritical(lcUrlExpander).noquote() << u"Expansion failed at step %1: %2"_s.arg(
+            QString::number(m_step), SystemLog::withLink(description, m_current));
         finish();
     }
 
@@ -265,10 +265,10 @@ private:
         m_timer.stop();
         if (m_current == m_original) {
             qCDebug(lcUrlExpander).noquote()
-                << u"URL unchanged after expansion attempt: %1"_s.arg(m_original.toString());
+                << u"URL unchanged after expansion attempt: %1"_s.arg(SystemLog::link(m_original));
         } else {
-            qCInfo(lcUrlExpander).noquote()
-                << u"Expanded: %1 → %2"_s.arg(m_original.toString(), m_current.toString());
+            qCInfo(lcUrlExpander).noquote() << u"Expanded: %1 → %2"_s.arg(
+                SystemLog::link(m_original), SystemLog::link(m_current));
         }
         m_promise.addResult(m_current);
         m_promise.finish();
