@@ -16,6 +16,15 @@ TEST_PACKAGES=(
     sway wtype qt6-wayland
 )
 
+# To make the Debian and RPM packages (scripts/package), and to check the
+# packaged metadata and manual page (the test command does).
+PACKAGE_PACKAGES=(
+    dpkg-dev file rpm debootstrap
+)
+METADATA_PACKAGES=(
+    desktop-file-utils appstream man-db groff-base
+)
+
 # To build and run the fuzzers (libFuzzer comes with clang's runtime libraries).
 FUZZ_PACKAGES=(
     clang libclang-rt-14-dev

@@ -9,6 +9,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <algorithm>
 #include <cstdio>
 #include <unistd.h>
 
@@ -238,9 +239,12 @@ int setFallback(const CommandArguments &arguments, const CommandOutput &output)
 
 QString featureList()
 {
+    qsizetype width = 0;
+    for (const FeatureInfo &info : features())
+        width = std::max(width, info.rawValue.size());
     QString text;
     for (const FeatureInfo &info : features())
-        text += u"  %1%2\n"_s.arg(info.rawValue.toString().leftJustified(15), info.title);
+        text += u"  %1  %2\n"_s.arg(info.rawValue.toString().leftJustified(width), info.title);
     return text;
 }
 
