@@ -17,22 +17,11 @@ class TestAppState final : public QObject
 private Q_SLOTS:
     void init()
     {
-        m_environment = std::make_unique<TestEnvironment>();
-        m_settings = m_environment->settings();
-        m_store = std::make_unique<RuleStore>(*m_settings);
-        m_history = m_environment->history();
+        m_app = std::make_unique<AppFixture>();
         setBrowsers({u"epiphany"_s, u"firefox-esr"_s, u"chromium"_s});
-        m_autostart = FakeAutostart();
-        m_told.clear();
     }
 
-    void cleanup()
-    {
-        m_store.reset();
-        m_history.reset();
-        m_settings.reset();
-        m_environment.reset();
-    }
+    void cleanup() { m_app.reset(); }
 
     void startupChoosesAFallback_data()
     {
@@ -58,15 +47,15 @@ private Q_SLOTS:
         QFETCH(QString, fallback);
         setBrowsers(installed);
         if (!httpsHandler.isEmpty())
-            m_entries.httpsHandler = httpsHandler;
-        const auto state = makeState();
+            m_app->entries.httpsHandler = httpsHandler;
+        AppState *state = &makeState();
         QCOMPARE(state->defaultBrowserBundleID(), fallback);
-        QCOMPARE(m_environment->settings()->contains(u"default_browser_bundle_id"_s),
+        QCOMPARE(m_app->environment.settings()->contains(u"default_browser_bundle_id"_s),
                  !fallback.isEmpty());
         QCOMPARE(reopened().loadDefaultBrowserBundleID(), fallback);
         // Without one, a script's link that no rule claims opens nowhere, and says so.
         if (fallback.isEmpty()) {
-            AppState::setShared(state.get());
+            AppState::setShared(state);
             const auto answer =
                 Automation::routeURL(link(u"https://e.com/"_s), std::nullopt).result();
             AppState::setShared(nullptr);
@@ -81,26 +70,27 @@ private Q_SLOTS:
         QList<RoutingRule> six;
         for (int i = 0; i < 6; ++i)
             six.append(makeRule(u"app%1"_s.arg(i), std::nullopt, u"epiphany"_s));
-        m_settings->setValue(
+        m_app->settings->setValue(
             u"routing_rules"_s,
             RoutingRule::listToJson(six).replace(
                 six[3].id.toString(QUuid::WithoutBraces).toUpper().toUtf8(), "not-a-uuid"));
-        m_settings->sync();
-        const QByteArray original = readFile(m_settings->fileName());
+        m_app->settings->sync();
+        const QByteArray original = readFile(m_app->settings->fileName());
         QTest::ignoreMessage(QtCriticalMsg,
                              QRegularExpression(u"^1 stored rule\\(s\\) could not be read"_s));
-        const auto state = makeState();
+        AppState *state = &makeState();
         QCOMPARE(state->rules().size(), 5);
         QVERIFY(!state->rules().contains(six[3]));
-        QCOMPARE(m_told.size(), 1);
-        QCOMPARE(m_told[0].value(0), u"Quillvane skipped damaged rules"_s);
+        QCOMPARE(m_app->notifications.size(), 1);
+        QCOMPARE(m_app->notifications[0].value(0), u"Quillvane skipped damaged rules"_s);
 
         state->addRule(makeRule(u"new"_s, std::nullopt, u"epiphany"_s));
         QCOMPARE(reopened().loadRules().size(), 6);
-        const QDir folder = QFileInfo(m_settings->fileName()).dir();
+        const QDir folder = QFileInfo(m_app->settings->fileName()).dir();
         const QStringList copies = folder.entryList({u"*.damaged-*"_s}, QDir::Files);
         QCOMPARE(copies.size(), 1);
-        QVERIFY2(m_told[0].value(1).contains(copies.first()), qPrintable(m_told[0].value(1)));
+        QVERIFY2(m_app->notifications[0].value(1).contains(copies.first()),
+                 qPrintable(m_app->notifications[0].value(1)));
         QCOMPARE(readFile(folder.filePath(copies.first())), original);
     }
 
@@ -108,7 +98,7 @@ private Q_SLOTS:
     // document names one; other switches stay.
     void importReplacesRulesOnly()
     {
-        const auto state = makeState();
+        AppState *state = &makeState();
         state->addRule(makeRule(u"a"_s, std::nullopt, u"x"_s));
         state->toggleURLExpansion();
         const QString fallback = state->defaultBrowserBundleID();
@@ -136,27 +126,27 @@ private Q_SLOTS:
     // nothing. The default-browser check compares ids exactly.
     void launchAtLoginAndTheDefaultBrowser()
     {
-        m_entries.httpHandler = u"work.vorpa.Quillvane"_s;
-        m_entries.httpsHandler = u"firefox-esr"_s;
-        const auto state = makeState();
-        QSignalSpy changed(state.get(), &AppState::launchAtLoginChanged);
+        m_app->entries.httpHandler = u"work.vorpa.Quillvane"_s;
+        m_app->entries.httpsHandler = u"firefox-esr"_s;
+        AppState *state = &makeState();
+        QSignalSpy changed(state, &AppState::launchAtLoginChanged);
         state->toggleLaunchAtLogin();
-        QVERIFY(state->launchAtLogin() && m_autostart.enabled);
-        m_autostart.failure = u"Read-only file system"_s;
+        QVERIFY(state->launchAtLogin() && m_app->autostart.enabled);
+        m_app->autostart.failure = u"Read-only file system"_s;
         QTest::ignoreMessage(QtCriticalMsg, "Failed to toggle launch at login: <private>");
         state->toggleLaunchAtLogin();
         QVERIFY(state->launchAtLogin());
         QCOMPARE(changed.size(), 1);
-        m_autostart.failure = {};
-        m_autostart.enabled = false;
+        m_app->autostart.failure = {};
+        m_app->autostart.enabled = false;
         state->toggleLaunchAtLogin();
-        QVERIFY(m_autostart.enabled && state->launchAtLogin());
+        QVERIFY(m_app->autostart.enabled && state->launchAtLogin());
 
         QVERIFY(!state->isSystemDefaultBrowser());
-        m_entries.httpsHandler = u"WORK.VORPA.QUILLVANE"_s;
+        m_app->entries.httpsHandler = u"WORK.VORPA.QUILLVANE"_s;
         QVERIFY(!state->checkIsDefaultBrowser());
-        m_entries.httpsHandler = u"work.vorpa.Quillvane"_s;
-        QSignalSpy isDefault(state.get(), &AppState::isSystemDefaultBrowserChanged);
+        m_app->entries.httpsHandler = u"work.vorpa.Quillvane"_s;
+        QSignalSpy isDefault(state, &AppState::isSystemDefaultBrowserChanged);
         state->refreshDefaultBrowserStatus();
         QVERIFY(state->isSystemDefaultBrowser());
         QCOMPARE(isDefault.size(), 1);
@@ -164,7 +154,7 @@ private Q_SLOTS:
 
     void displayOrders()
     {
-        const auto state = makeState();
+        AppState *state = &makeState();
         const auto patterns = [](const QList<RoutingRule> &rules) {
             QStringList result;
             for (const RoutingRule &rule : rules)
@@ -196,39 +186,28 @@ private Q_SLOTS:
     }
 
 private:
-    std::unique_ptr<AppState> makeState()
+    AppState &makeState()
     {
-        BrowserDiscovery::refreshBrowsers(m_entries);
-        AppServices services{m_entries, m_launcher, m_autostart};
-        services.notify = [this](const QString &summary, const QString &body) {
-            m_told.append({summary, body});
-        };
-        return std::make_unique<AppState>(*m_store, *m_history, services);
+        BrowserDiscovery::refreshBrowsers(m_app->entries);
+        return m_app->start();
     }
 
     void setBrowsers(const QStringList &ids)
     {
-        m_entries = FakeDesktopEntries();
+        m_app->entries = FakeDesktopEntries();
         for (const QString &id : ids)
-            m_entries.add(id);
+            m_app->entries.add(id);
     }
 
     // What another process reading the settings file now would see.
     RuleStore reopened()
     {
-        m_reopened = m_environment->settings();
+        m_reopened = m_app->environment.settings();
         return RuleStore(*m_reopened);
     }
 
-    std::unique_ptr<TestEnvironment> m_environment;
-    std::unique_ptr<QSettings> m_settings;
+    std::unique_ptr<AppFixture> m_app;
     std::unique_ptr<QSettings> m_reopened;
-    std::unique_ptr<RuleStore> m_store;
-    std::unique_ptr<HistoryDatabase> m_history;
-    FakeDesktopEntries m_entries;
-    FakeAutostart m_autostart;
-    RecordingLauncher m_launcher;
-    QList<QStringList> m_told;
 };
 
 QTEST_GUILESS_MAIN(TestAppState)

@@ -76,60 +76,19 @@ private Q_SLOTS:
         QCOMPARE(ConfigManager::encode(*imported), json);
     }
 
-    void importChecks_data()
-    {
-        QTest::addColumn<QByteArray>("json");
-        QTest::addColumn<QString>("error");
-        const QString decode = u"Failed to decode configuration: "_s;
-        const auto version = [](const char *number) {
-            return document("\"version\":1", "\"version\":" + QByteArray(number));
-        };
-        const QString unsupported =
-            u"Unsupported config version: %1. This app supports version 1."_s;
-        QTest::newRow("valid, extra member")
-            << document({}, ",\"urlExpansionEnabled\":true") << QString();
-        QTest::newRow("null fallback")
-            << document({}, ",\"defaultBrowserBundleID\":null") << QString();
-        QTest::newRow("newer") << version("2") << unsupported.arg(2);
-        QTest::newRow("zero") << version("0") << unsupported.arg(0);
-        QTest::newRow("negative") << version("-1") << unsupported.arg(-1);
-        QTest::newRow("fractional version")
-            << version("1.5") << decode + u"the member \"version\""_s;
-        QTest::newRow("no cleaning switch") << document(",\"urlCleaningEnabled\":true", "")
-                                            << decode + u"the member \"urlCleaningEnabled\""_s;
-        QTest::newRow("fractional seconds")
-            << document("09:30:00Z", "09:30:00.5Z") << decode + u"the member \"exportDate\""_s;
-        QTest::newRow("bad rule")
-            << document("\"rules\":[]", "\"rules\":[{\"id\":\"x\"}]")
-            << decode + u"Rule 1 has a member \"id\" that is not a valid UUID."_s;
-        QTest::newRow("browser settings not an array")
-            << document({}, ",\"browserPreferences\":{}")
-            << decode + u"the member \"browserPreferences\" is not an array."_s;
-        QTest::newRow("browser arguments placing the link")
-            << document({}, ",\"browserPreferences\":[{\"browserBundleID\":\"x\","
-                            "\"extraArguments\":\"%u\"}]")
-            << decode + u"the extra arguments for x: “%u” holds the field code %u"_s;
-        QTest::newRow("private window not a boolean")
-            << document(
-                   "\"rules\":[]",
-                   "\"rules\":[{\"id\":\"E621E1F8-C36C-495A-93FC-0C247A3E6E5F\","
-                   "\"sourceAppBundleID\":\"\",\"sourceAppName\":\"\",\"targetBrowserBundleID\":"
-                   "\"a\",\"targetBrowserName\":\"A\",\"urlPattern\":\"x\","
-                   "\"openInPrivateWindow\":\"yes\"}]")
-            << decode + u"Rule 1 has a member \"openInPrivateWindow\" that is not true or false"_s;
-        QTest::newRow("handoffs not texts")
-            << document({}, ",\"handoffs\":[\"zoom\",1]")
-            << decode + u"the member \"handoffs\" is not an array of texts."_s;
-        QTest::newRow("not JSON") << QByteArray("{\"version\"")
-                                  << decode + u"the file is not valid JSON"_s;
-        QTest::newRow("array") << QByteArray("[]")
-                               << decode + u"the file does not hold a JSON object."_s;
-    }
-
+    void importChecks_data();
     void importChecks()
     {
-        QFETCH(QByteArray, json);
+        QFETCH(QString, text);
         QFETCH(QString, error);
+        // $DOC is a valid document; "+ …" adds members to it, "a → b" changes it.
+        QByteArray json = text.toUtf8();
+        if (json.startsWith("$DOC")) {
+            const QList<QByteArray> change = json.mid(4).trimmed().split(' ');
+            json = change.value(0) == "+" ? document({}, change.value(1))
+                                          : document(change.value(0), change.value(2));
+        }
+        error.replace(u"$D"_s, u"Failed to decode configuration: "_s);
         if (!error.isEmpty())
             QTest::ignoreMessage(
                 QtCriticalMsg,
@@ -200,6 +159,28 @@ void TestConfig::exportedDocument()
     QVERIFY(data.defaultBrowserBundleID == u"firefox" && !data.urlCleaningEnabled);
     QVERIFY(
         ConfigManager::encode(data).startsWith("{\n  \"defaultBrowserBundleID\" : \"firefox\",\n"));
+}
+
+// The table stands outside the class: moc reads a raw string as an ordinary one.
+void TestConfig::importChecks_data()
+{
+    addRows({u"text"_s, u"error"_s}, uR"(
+valid, extra member         | $DOC + ,"urlExpansionEnabled":true  |
+null fallback               | $DOC + ,"defaultBrowserBundleID":null |
+newer                       | $DOC "version":1 → "version":2      | Unsupported config version: 2. This app supports version 1.
+zero                        | $DOC "version":1 → "version":0      | Unsupported config version: 0. This app supports version 1.
+negative                    | $DOC "version":1 → "version":-1     | Unsupported config version: -1. This app supports version 1.
+fractional version          | $DOC "version":1 → "version":1.5    | $Dthe member "version"
+no cleaning switch          | $DOC ,"urlCleaningEnabled":true →    | $Dthe member "urlCleaningEnabled"
+fractional seconds          | $DOC 09:30:00Z → 09:30:00.5Z         | $Dthe member "exportDate"
+bad rule                    | $DOC "rules":[] → "rules":[{"id":"x"}] | $DRule 1 has a member "id" that is not a valid UUID.
+browser settings not a list | $DOC + ,"browserPreferences":{}     | $Dthe member "browserPreferences" is not an array.
+arguments placing the link  | $DOC + ,"browserPreferences":[{"browserBundleID":"x","extraArguments":"%u"}] | $Dthe extra arguments for x: “%u” holds the field code %u
+private window not boolean  | $DOC "rules":[] → "rules":[{"id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F","sourceAppBundleID":"","sourceAppName":"","targetBrowserBundleID":"a","targetBrowserName":"A","urlPattern":"x","openInPrivateWindow":"yes"}] | $DRule 1 has a member "openInPrivateWindow" that is not true or false
+handoffs not texts          | $DOC + ,"handoffs":["zoom",1]       | $Dthe member "handoffs" is not an array of texts.
+not JSON                    | {"version"                          | $Dthe file is not valid JSON
+array                       | []                                  | $Dthe file does not hold a JSON object.
+)");
 }
 
 QTEST_GUILESS_MAIN(TestConfig)
