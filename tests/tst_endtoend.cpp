@@ -202,10 +202,10 @@ private Q_SLOTS:
         };
         const auto start = [&](const QString &browser) {
             running.push_back(std::make_unique<QProcess>());
-            running.back()->start(
-                u"/bin/sh"_s, {u"-c"_s, u"export GIO_LAUNCHED_DESKTOP_FILE='%1/%2.desktop' "
-                                        "GIO_LAUNCHED_DESKTOP_FILE_PID=$$; exec sleep 600"_s.arg(
-                                            m_desktop->userApplications(), browser)});
+            running.back()->start(u"/bin/sh"_s,
+                                  {u"-c"_s, u"export GIO_LAUNCHED_DESKTOP_FILE='%1/%2.desktop' "
+                                            "GIO_LAUNCHED_DESKTOP_FILE_PID=$$; exec cat"_s.arg(
+                                                m_desktop->userApplications(), browser)});
             return running.back()->waitForStarted();
         };
         QVERIFY(start(u"chat-browser"_s));

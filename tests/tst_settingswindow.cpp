@@ -411,6 +411,7 @@ private Q_SLOTS:
     void appsPane()
     {
         m_app->entries.add(u"us.zoom.Zoom"_s, u"Zoom Workplace"_s, false);
+        m_app->entries.add(u"work.vorpa.Quillvane"_s, u"Quillvane"_s, false);
         m_app->entries.schemeHandlers = {{u"zoommtg"_s, u"us.zoom.Zoom"_s},
                                          {u"discord"_s, u"work.vorpa.Quillvane"_s}};
         AppsPane pane(*m_app->state, m_app->entries);
