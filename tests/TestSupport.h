@@ -47,6 +47,15 @@ private:
 // another process reads them (-1 when the file cannot be read).
 qint64 journalEntries(const QString &historyPath);
 
+// A TestEnvironment and its settings file, opened: what tests of the stores and
+// of the commands that read them start from. The file closes before the
+// environment goes.
+struct SettingsFixture
+{
+    TestEnvironment environment;
+    std::unique_ptr<QSettings> settings = environment.settings();
+};
+
 // Writes a file, making its folders; the test stops when it cannot.
 void writeFile(const QString &path, const QByteArray &contents);
 // What the file holds; nothing when it cannot be read.

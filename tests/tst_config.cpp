@@ -26,17 +26,9 @@ class TestConfig final : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void init()
-    {
-        m_environment = std::make_unique<TestEnvironment>();
-        m_settings = m_environment->settings();
-    }
+    void init() { m_files = std::make_unique<SettingsFixture>(); }
 
-    void cleanup()
-    {
-        m_settings.reset();
-        m_environment.reset();
-    }
+    void cleanup() { m_files.reset(); }
 
     void exportedDocument();
     // Every rule field, browser settings and "Ask" as the fallback come back as
@@ -44,7 +36,7 @@ private Q_SLOTS:
     // the optional members leaves them out.
     void roundTripIsByteForByte()
     {
-        RuleStore store(*m_settings);
+        RuleStore store(*m_files->settings);
         RoutingRule privateRule = makeRule(QString(), u"bank.example"_s, u"chromium"_s);
         privateRule.openInPrivateWindow = true;
         RoutingRule askingRule = makeRule(u"org.gnome.Evolution"_s, std::nullopt, QString());
@@ -59,10 +51,10 @@ private Q_SLOTS:
         const auto plainImport = ConfigManager::importFromJSON(plain);
         QVERIFY(!plainImport->fallbackAsks && !plainImport->browserPreferences
                 && !plainImport->handoffs);
-        SettingsKeys::writeTexts(*m_settings, SettingsKeys::EnabledHandoffs,
+        SettingsKeys::writeTexts(*m_files->settings, SettingsKeys::EnabledHandoffs,
                                  {u"zoom"_s, u"spotify"_s});
 
-        m_settings->setValue(u"fallback_asks"_s, true);
+        m_files->settings->setValue(u"fallback_asks"_s, true);
         store.saveBrowserPreferences(
             {{u"chromium"_s, false, u"--class=\"Work Mail\""_s}, {u"epiphany"_s, true, {}}});
         const QByteArray json = *ConfigManager::exportToJSON(store, ExportTime);
@@ -101,7 +93,7 @@ private Q_SLOTS:
     void launchAtLogin()
     {
         XdgAutostart autostart(u"/opt/My Apps/quillvane"_s);
-        const QString folder = m_environment->path() + u"/config/autostart"_s;
+        const QString folder = m_files->environment.path() + u"/config/autostart"_s;
         const QString entry = folder + u"/work.vorpa.Quillvane.desktop"_s;
         QCOMPARE(XdgAutostart::entryPath(), entry);
         QVERIFY(!LaunchAtLoginManager::isEnabled(autostart));
@@ -128,13 +120,12 @@ private Q_SLOTS:
     }
 
 private:
-    std::unique_ptr<TestEnvironment> m_environment;
-    std::unique_ptr<QSettings> m_settings;
+    std::unique_ptr<SettingsFixture> m_files;
 };
 
 void TestConfig::exportedDocument()
 {
-    RuleStore store(*m_settings);
+    RuleStore store(*m_files->settings);
     store.saveRules({RoutingRule{QUuid::fromString(u"E621E1F8-C36C-495A-93FC-0C247A3E6E5F"_s),
                                  u"org.gnome.Evolution"_s, u"Evolution"_s, u"firefox"_s,
                                  u"Firefox"_s, u"*example.com/docs*"_s, std::nullopt}});
@@ -154,7 +145,7 @@ void TestConfig::exportedDocument()
   "version" : 1
 })"));
     store.saveDefaultBrowserBundleID(u"firefox"_s);
-    m_settings->setValue(u"url_cleaning_enabled"_s, false);
+    m_files->settings->setValue(u"url_cleaning_enabled"_s, false);
     const ConfigManager::ExportData data = ConfigManager::exportConfig(store, ExportTime);
     QVERIFY(data.defaultBrowserBundleID == u"firefox" && !data.urlCleaningEnabled);
     QVERIFY(

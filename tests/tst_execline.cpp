@@ -101,8 +101,6 @@ private Q_SLOTS:
 
 // The tables stand outside the class: moc reads a raw string as an ordinary one.
 
-// What the Desktop Entry Specification's quoting makes of an Exec line, the
-// arguments shown joined by " ; " (or the error).
 void TestExecLine::split_data()
 {
     addRows({u"exec"_s, u"argv"_s}, uR"(
@@ -134,8 +132,6 @@ unterminated | --x "a                        | The extra arguments have an unter
                                               .replace(u"$F"_s, fieldCode.arg(u"%F"_s)));
 }
 
-// The link given to an interpreter as code to run is refused, however the
-// Exec line hides it; a link given as data is not.
 void TestExecLine::linksNeverRunAsCode_data()
 {
     addRows({u"exec"_s, u"interpreter"_s}, uR"(

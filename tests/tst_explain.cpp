@@ -19,19 +19,14 @@ class TestExplain final : public QObject
 private Q_SLOTS:
     void init()
     {
-        m_environment = std::make_unique<TestEnvironment>();
-        m_settings = m_environment->settings();
-        RuleStore store(*m_settings);
+        m_files = std::make_unique<SettingsFixture>();
+        RuleStore store(*m_files->settings);
         store.saveRules(workedExampleRules());
         store.saveDefaultBrowserBundleID(u"com.apple.Safari"_s);
         m_expandCalls.clear();
     }
 
-    void cleanup()
-    {
-        m_settings.reset();
-        m_environment.reset();
-    }
+    void cleanup() { m_files.reset(); }
 
     // One link per kind of answer (the router's own tests cover every case); each
     // row's text is what the answer's lines hold. Hosts are shown as compared.
@@ -97,16 +92,16 @@ private Q_SLOTS:
         QFETCH(QString, setting);
         QFETCH(int, exitCode);
         QFETCH(QStringList, lines);
-        RuleStore store(*m_settings);
-        m_settings->setValue(u"fallback_asks"_s, setting == u"fallback asks");
+        RuleStore store(*m_files->settings);
+        m_files->settings->setValue(u"fallback_asks"_s, setting == u"fallback asks");
         store.saveRulesEnabled(setting != u"paused");
         if (setting == u"nothing") {
             store.saveRules({});
             store.saveDefaultBrowserBundleID(QString());
         }
-        SettingsKeys::writeTexts(*m_settings, SettingsKeys::EnabledHandoffs,
+        SettingsKeys::writeTexts(*m_files->settings, SettingsKeys::EnabledHandoffs,
                                  setting == u"zoom on" ? QStringList{u"zoom"_s} : QStringList());
-        m_settings->setValue(u"prefer_running_browser"_s, setting == u"prefer running");
+        m_files->settings->setValue(u"prefer_running_browser"_s, setting == u"prefer running");
         if (setting == u"Unicode rule")
             store.saveRules({makeRule(QString(), u"bücher.de"_s, u"firefox"_s)});
         const auto [code, out] = explain(arguments);
@@ -134,7 +129,7 @@ private Q_SLOTS:
                                "source=com.example.mail, rules=6, fallback=com.apple.Safari"_s));
         QCOMPARE(lines.value(lines.size() - 2),
                  u"  MATCHED url-only rule: pattern=docs.example.com → com.google.Chrome"_s);
-        QVERIFY(!QFile::exists(m_environment->diagnosticLogPath()));
+        QVERIFY(!QFile::exists(m_files->environment.diagnosticLogPath()));
 
         lines =
             explain({u"https://www.google.com/url?q=https%3A%2F%2Fdocs.example.com%2Fguide%3Futm_"
@@ -144,7 +139,7 @@ private Q_SLOTS:
                  (QStringList{u"Unwrapped:  https://docs.example.com/guide?utm_source=x"_s,
                               u"Cleaned:    https://docs.example.com/guide"_s}));
 
-        m_settings->setValue(u"url_cleaning_enabled"_s, false);
+        m_files->settings->setValue(u"url_cleaning_enabled"_s, false);
         const QString unclean = explain({u"https://docs.example.com/?utm_source=x"_s}).second;
         QVERIFY(unclean.contains(u"Cleaning:   off"_s));
         QVERIFY(unclean.contains(u"url=https://docs.example.com/?utm_source=x,"_s));
@@ -210,8 +205,7 @@ private:
     // Exit status, then standard output, or standard error where it said something.
     std::pair<int, QString> explain(const QStringList &arguments);
 
-    std::unique_ptr<TestEnvironment> m_environment;
-    std::unique_ptr<QSettings> m_settings;
+    std::unique_ptr<SettingsFixture> m_files;
     QList<Link> m_expandCalls;
 };
 
@@ -222,7 +216,7 @@ std::pair<int, QString> TestExplain::explain(const QStringList &arguments)
     QTextStream outStream(&out);
     QTextStream errStream(&err);
     const ExplainCommand::Environment environment{
-        *m_settings, [](const Link &url) { return url.host() == u"bit.ly"; },
+        *m_files->settings, [](const Link &url) { return url.host() == u"bit.ly"; },
         [this](const Link &url) {
             m_expandCalls.append(url);
             return QtFuture::makeReadyFuture(link(u"https://docs.example.com/from-short-link"_s));

@@ -85,10 +85,6 @@ private Q_SLOTS:
 
 // The tables stand outside the class: moc reads a raw string as an ordinary one.
 
-// What a link reads as once parsed: as received where it is valid, encoded
-// where it is not, or refused with the reason ("!" in front). A browser reads
-// "\" as "/" in http(s) links: so must the router, or the rule for one host
-// could send the user to another.
 void TestLink::parse_data()
 {
     addRows({u"text"_s, u"result"_s}, uR"(
@@ -136,8 +132,6 @@ no slashes     | https:example.com   | The link has no host name.
 )");
 }
 
-// The base is http://a/b/c/d;p?q, as in RFC 3986's examples; backslashes
-// are read as a browser reads them.
 void TestLink::resolution_data()
 {
     addRows({u"reference"_s, u"expected"_s}, uR"(

@@ -17,21 +17,13 @@ class TestStores final : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void init()
-    {
-        m_environment = std::make_unique<TestEnvironment>();
-        m_settings = m_environment->settings();
-    }
+    void init() { m_files = std::make_unique<SettingsFixture>(); }
 
-    void cleanup()
-    {
-        m_settings.reset();
-        m_environment.reset();
-    }
+    void cleanup() { m_files.reset(); }
 
     void rulesSurviveAndDamageIsLeftOut()
     {
-        RuleStore store(*m_settings);
+        RuleStore store(*m_files->settings);
         const QList<RoutingRule> rules{makeRule(u"app"_s, std::nullopt, u"a"_s),
                                        makeRule(u"app"_s, std::nullopt, u"b"_s),
                                        makeRule(u"app"_s, std::nullopt, u"c"_s)};
@@ -39,12 +31,12 @@ private Q_SLOTS:
         QCOMPARE(reopened().loadRules(), rules);
         QVERIFY(!store.lastLoadDamage());
         // One invalid rule is left out, not the list, and the store says so.
-        m_settings->setValue(u"routing_rules"_s,
-                             RoutingRule::listToJson(rules).replace("\"targetBrowserName\":\"b\"",
-                                                                    "\"targetBrowserName\":7"));
+        m_files->settings->setValue(u"routing_rules"_s,
+                                    RoutingRule::listToJson(rules).replace(
+                                        "\"targetBrowserName\":\"b\"", "\"targetBrowserName\":7"));
         QCOMPARE(store.loadRules(), (QList<RoutingRule>{rules[0], rules[2]}));
         QCOMPARE(store.lastLoadDamage()->skipped, 1);
-        m_settings->setValue(u"routing_rules"_s, QByteArray("not json"));
+        m_files->settings->setValue(u"routing_rules"_s, QByteArray("not json"));
         QVERIFY(store.loadRules().isEmpty());
         QCOMPARE(store.lastLoadDamage()->skipped, -1);
     }
@@ -53,13 +45,13 @@ private Q_SLOTS:
     void damagedValuesReadAsDefaults()
     {
         writeFile(
-            m_environment->settingsPath(),
+            m_files->environment.settingsPath(),
             "[General]\nrules_enabled=perhaps\ntoday_forward_count=lots\nurl_cleaning_enabled=0\n"
             "url_expansion_enabled=yes\nrouting_rules=\"not json\"\n"
             "forwarding_history=@ByteArray(\\xff\\0\\x1)\ndefault_browser_bundle_id=a, b\n"
             "\x01\x02\xff garbage line without equals\nhuge="
                 + QByteArray(2 * 1024 * 1024, 'x') + '\n');
-        auto settings = m_environment->settings();
+        auto settings = m_files->environment.settings();
         RuleStore store(*settings);
         QVERIFY(store.loadRulesEnabled());
         QVERIFY(store.loadRules().isEmpty());
@@ -74,7 +66,7 @@ private Q_SLOTS:
     // is still waited for.
     void settingsLocks()
     {
-        const QString path = m_environment->settingsPath();
+        const QString path = m_files->environment.settingsPath();
         std::atomic<bool> written = false;
         std::unique_ptr<QThread> writer;
         // (After any lock held below is released.)
@@ -137,12 +129,11 @@ private:
     // What another process reading the settings file now would see.
     RuleStore reopened()
     {
-        m_reopened = m_environment->settings();
+        m_reopened = m_files->environment.settings();
         return RuleStore(*m_reopened);
     }
 
-    std::unique_ptr<TestEnvironment> m_environment;
-    std::unique_ptr<QSettings> m_settings;
+    std::unique_ptr<SettingsFixture> m_files;
     std::unique_ptr<QSettings> m_reopened;
 };
 

@@ -262,9 +262,6 @@ bundle ids ignore case      | docs.example.com/            | COM.EXAMPLE.CHAT  |
 )");
 }
 
-// Patterns as the user writes them, and the same host spelt two ways, one
-// in the link and one in the rule: the rule holds, whichever way each is
-// written; nothing else starts to match.
 void TestURLRouter::matchesPattern_data()
 {
     addRows({u"url"_s, u"pattern"_s, u"matches"_s}, uR"(
@@ -313,10 +310,6 @@ Unicode in the path only          | https://example.com/bücher.de          | b�
 )");
 }
 
-// What the plan decides and whom the history credits, for each setting that
-// changes the way: pause, "Ask" as the fallback, a rule that asks, a script's
-// route, the explanation. Browser "ask:…": the user is asked, that offered
-// first; decided by "rule N": rule N's id.
 void TestURLRouter::planner_data()
 {
     const QString tracked = u"https://sho.rt/x?utm_source=mail&id=1"_s;
