@@ -143,7 +143,7 @@ private Q_SLOTS:
     }
 
     // A profile's options come first, a private window's after them; a Flatpak
-    // entry loses its markers and takes the profile after the app id.
+    // entry takes the profile after the app id, before its forwarding markers.
     void profileLaunches()
     {
         m_desktop->forget(u"firefox-esr"_s);
@@ -157,7 +157,7 @@ private Q_SLOTS:
                                                u"default-release"_s, m_platform)));
         QCOMPARE(m_desktop->opened(u"flatpak"_s).join(u' '),
                  u"run --branch=stable --arch=x86_64 --command=firefox --file-forwarding "
-                 "org.mozilla.firefox -P default-release https://e.com/"_s);
+                 "org.mozilla.firefox -P default-release @@u https://e.com/ @@"_s);
 
         const auto profileError = [&](const BrowserInfo &target, ProcessLauncher &launcher) {
             const auto outcome = finished(

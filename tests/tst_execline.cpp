@@ -42,11 +42,6 @@ private Q_SLOTS:
                  (QStringList{u"sh"_s, u"-c"_s, u"web "_s, link}));
         QCOMPARE(forLink({u"web"_s, u"--a=%u"_s, u"--b=%u"_s, u"%U"_s}),
                  (QStringList{u"web"_s, u"--a="_s + link, u"--b="_s}));
-        QCOMPARE(ExecLine::withoutFieldCodes(
-                     {u"flatpak"_s, u"run"_s, u"app"_s, u"@@u"_s, u"%U"_s, u"@@"_s}),
-                 (QStringList{u"flatpak"_s, u"run"_s, u"app"_s}));
-        QCOMPARE(ExecLine::withoutFieldCodes({u"web"_s, u"--class=%c"_s, u"100%%"_s, u"%i"_s}),
-                 (QStringList{u"web"_s, u"--class="_s, u"100%"_s}));
     }
 
     // Quillvane's own options (the user's extra arguments, a private window) go
@@ -67,6 +62,9 @@ private Q_SLOTS:
                  u"web --incognito --class=work --url=https://e.com/"_s);
         QCOMPARE(forLink(u"flatpak run org.mozilla.firefox @@u %u @@"_s, {u"--private-window"_s}),
                  u"flatpak run org.mozilla.firefox --private-window @@u https://e.com/ @@"_s);
+        // After "--" an option would be an operand.
+        QCOMPARE(forLink(u"chromium -- %U"_s, {u"--incognito"_s}),
+                 u"chromium --incognito -- https://e.com/"_s);
     }
 
     void extraArguments_data();
@@ -145,9 +143,23 @@ an option with a value first     | bash -o posix -c %u         | bash
 python                           | python3 -c %u               | python3
 perl                             | perl -e %u                  | perl
 the link as $1                   | sh -c 'web "$1"' sh %u      |
+exec "$@" of a fixed command     | sh -c 'exec web "$@"' sh %u |
 a script                         | bash /opt/web.sh %u         |
 long options                     | bash --norc script %u       |
 a browser                        | firefox -c %u               |
+after --                         | sh -c -- %u                 | sh
+the link evaluated as $1         | sh -c 'eval "$1"' sh %u     | sh
+the link as the script read      | bash %u                     | bash
+the script from standard input   | bash -s %u                  |
+env -S                           | env -S "sh -c" %u           | sh
+env -S glued, with options       | env -iS"LANG=C dash -ec" %u | dash
+env --split-string=              | env --split-string='sh -c' %u | sh
+nohup                            | nohup sh -c %u              | sh
+setsid and nice                  | setsid -f nice -n 5 sh -c %u | sh
+ionice, stdbuf and timeout       | ionice -c 3 stdbuf -oL timeout -s KILL 10 sh -c %u | sh
+flatpak-spawn to the host        | flatpak-spawn --host --env=A=1 --directory /tmp sh -c %u | sh
+a wrapper Quillvane does not know | sudo -u web sh -c %u       | sh
+a program named like a shell, as data | web --profile sh %u    |
 )");
 }
 

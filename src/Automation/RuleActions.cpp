@@ -21,6 +21,8 @@ IntentError invalid(const QString &why)
 std::optional<QString> unknownProfile(const AppState &state, const BrowserEntity &browser,
                                       const QString &profile)
 {
+    if (auto unusable = ProfileDiscovery::unusableProfileID(profile))
+        return unusable;
     const QList<BrowserProfile> profiles = state.profiles(browser.id);
     if (std::any_of(profiles.cbegin(), profiles.cend(),
                     [&profile](const BrowserProfile &known) { return known.id == profile; }))

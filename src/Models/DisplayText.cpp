@@ -8,9 +8,13 @@ namespace DisplayText {
 
 namespace {
 
+// Bidirectional marks, embeddings, overrides and isolates count as controls:
+// a right-to-left override makes "moc.evil//:sptth" read as another link.
 bool isControl(char16_t c)
 {
-    return c < 0x20 || (c >= 0x7f && c <= 0x9f) || c == 0x2028 || c == 0x2029;
+    return c < 0x20 || (c >= 0x7f && c <= 0x9f) || c == 0x2028 || c == 0x2029 || c == 0x061c
+           || c == 0x200e || c == 0x200f || (c >= 0x202a && c <= 0x202e)
+           || (c >= 0x2066 && c <= 0x2069);
 }
 
 bool isControlButLayout(char16_t c)

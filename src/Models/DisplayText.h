@@ -3,8 +3,9 @@
 #include <QString>
 
 // Text from outside (links, names, patterns) made safe to show: a control
-// character would forge a log line or steer a terminal, so each one is written
-// out as "\xNN" (or "\u{NNNN}" beyond Latin-1) instead.
+// character would forge a log line or steer a terminal, and a bidirectional
+// override would make text read as something else, so each one is written out
+// as "\xNN" (or "\u{NNNN}" beyond Latin-1) instead.
 namespace DisplayText {
 
 QString escapeControls(QStringView text);

@@ -73,14 +73,12 @@ void appendToFile(const QByteArray &bytes)
     ::close(fd);
 }
 
-// The message, cut to MaxLineLength characters, with its control characters
-// written out but for line feeds and tabs: a caller's line feed is its own
-// choice, while an escape sequence would steer the terminal that shows the
-// trail. Text from outside is escaped whole where a message takes it in
-// (DisplayText::escapeControls), so that it cannot forge a line.
+// The message, cut to MaxLineLength characters, with every control character
+// written out: each message is one line of the trail, so a line break in it
+// (from a link, a name or a browser's output) could only forge another.
 QString fitted(QStringView raw)
 {
-    const QString shown = DisplayText::forTerminal(raw);
+    const QString shown = DisplayText::escapeControls(raw);
     const QStringView message = shown;
     if (message.size() <= MaxLineLength)
         return shown;

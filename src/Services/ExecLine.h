@@ -23,7 +23,9 @@ Expected<QStringList, Error> split(QStringView exec);
 // The command that opens link: %u %U %f %F become the link as one argument
 // (appended at the end when the line has none of them), %i the icon option,
 // %c the name, %k the entry's path, %% a percent sign; other codes vanish.
-// beforeLink (options of Quillvane's) goes just before the link's argument.
+// beforeLink (options of Quillvane's) goes just before the link's argument, and
+// before a "--" or Flatpak's forwarding markers in front of it, where it would
+// be an operand or a file.
 QStringList forLink(const QStringList &argv, const DesktopEntry &entry, const QString &link,
                     const QStringList &beforeLink = {});
 
@@ -34,12 +36,11 @@ Expected<QStringList, Error> splitExtraArguments(QStringView text);
 
 // Why command (as made for the entry at entryPath) must not start: it hands
 // link to an interpreter as code to run (a shell's -c command string, python's
-// -c, perl's, ruby's or node's -e program). None when link is only ever data.
+// -c, perl's, ruby's or node's -e program, the script a shell reads, or an
+// argument of code that evaluates its arguments), also behind wrappers such as
+// env (its -S string split), nohup, setsid, nice, ionice, stdbuf, timeout and
+// flatpak-spawn. None when link is only ever data.
 std::optional<QString> linkRunsAsCode(const QStringList &command, const QString &link,
                                       const QString &entryPath);
-
-// The command without any field code and without Flatpak's @@ and @@u file
-// forwarding markers, ready for arguments of Quillvane's own.
-QStringList withoutFieldCodes(const QStringList &argv);
 
 } // namespace ExecLine

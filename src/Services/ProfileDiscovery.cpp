@@ -1,5 +1,6 @@
 #include "Services/ProfileDiscovery.h"
 
+#include "Models/DisplayText.h"
 #include "Platform/SystemLog.h"
 #include "Services/LocalStateReader.h"
 
@@ -136,7 +137,40 @@ bool isLineBreak(QChar c)
            || c == QChar(0x2028) || c == QChar(0x2029);
 }
 
+// The profile unless its id is unusable, which is logged.
+std::optional<BrowserProfile> usableProfile(const QString &id, const QString &name,
+                                            const QString &browserBundleID)
+{
+    if (const auto why = unusableProfileID(id)) {
+        qCWarning(lcProfileDiscovery).noquote()
+            << u"Leaving out a profile of %1: %2"_s.arg(browserBundleID, *why);
+        return std::nullopt;
+    }
+    // Names are shown in menus, lists and terminals: a line break or an escape
+    // sequence in one is written out, here, once.
+    return BrowserProfile{id, DisplayText::escapeControls(name), browserBundleID};
+}
+
 } // namespace
+
+std::optional<QString> unusableProfileID(QStringView id)
+{
+    QString why;
+    if (id.isEmpty())
+        why = u"it is empty"_s;
+    else if (id.startsWith(u'-'))
+        why = u"it begins with “-”, so the browser would take it for an option"_s;
+    else if (id.contains(u'/') || id.contains(u'\\'))
+        why = u"it holds a path separator"_s;
+    else if (id.contains(u".."))
+        why = u"it holds “..”"_s;
+    else if (DisplayText::escapeControls(id) != id)
+        why = u"it holds a control character"_s;
+    else
+        return std::nullopt;
+    return u"The profile “%1” cannot be used: %2."_s.arg(
+        DisplayText::escapeControls(id.left(200)), why);
+}
 
 std::optional<SupportedBrowser> supportedBrowser(const QString &bundleID)
 {
@@ -200,7 +234,8 @@ QList<BrowserProfile> discoverChromiumProfiles(const QString &browserBundleID,
                 << u"Skipping malformed profile entry: %1"_s.arg(SystemLog::priv(entry.directory));
             continue;
         }
-        profiles.append(BrowserProfile{entry.directory, *entry.name, browserBundleID});
+        if (auto profile = usableProfile(entry.directory, *entry.name, browserBundleID))
+            profiles.append(std::move(*profile));
     }
     QCollator collator;
     collator.setCaseSensitivity(Qt::CaseInsensitive);
@@ -241,8 +276,10 @@ QList<BrowserProfile> parseFirefoxProfilesIni(QStringView text, const QString &b
     QString name;
     bool named = false;
     const auto endSection = [&] {
-        if (inProfile && named)
-            profiles.append(BrowserProfile{name, name, browserBundleID});
+        if (inProfile && named) {
+            if (auto profile = usableProfile(name, name, browserBundleID))
+                profiles.append(std::move(*profile));
+        }
         named = false;
     };
     qsizetype lineStart = 0;

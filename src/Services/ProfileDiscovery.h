@@ -38,6 +38,13 @@ std::optional<SupportedBrowser> supportedBrowser(const QString &bundleID);
 // Chromium family, --private-window for Firefox; empty for other browsers.
 QString privateWindowFlag(const QString &bundleID);
 
+// Why a profile id cannot reach a browser's command line; none when it can. An
+// id that begins with "-" would be read as an option ("--headless",
+// "-new-instance"), and one with a path separator or ".." would lead out of the
+// browser's profile folder ("../../elsewhere"). Such profiles are left out where
+// their files are read, and refused wherever an id comes in.
+std::optional<QString> unusableProfileID(QStringView id);
+
 QList<BrowserProfile> discoverProfiles(const QString &bundleID);
 
 QList<BrowserProfile> discoverChromiumProfiles(const QString &browserBundleID,

@@ -66,6 +66,14 @@ QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const QString
     }
     const QString family =
         supported->family == ProfileDiscovery::Family::Firefox ? u"Firefox"_s : u"Chromium"_s;
+    // A rule stored before ids were checked (or edited by hand) must not put an
+    // option on the browser's command line.
+    if (const auto unusable = ProfileDiscovery::unusableProfileID(profileID)) {
+        qCCritical(lcProfileLauncher).noquote()
+            << u"Failed to launch %1: %2"_s.arg(family, SystemLog::priv(*unusable));
+        return QtFuture::makeReadyFuture<Outcome>(
+            LaunchError{LaunchError::Kind::LaunchFailed, {}, *unusable, {}});
+    }
     const QString entryPath = browser.path.toLocalFile();
 
     const auto entry = platform.entries.entryAt(entryPath);
@@ -76,7 +84,13 @@ QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const QString
         return QtFuture::makeReadyFuture<Outcome>(
             LaunchError{LaunchError::Kind::LaunchFailed, {}, argv.error().description, {}});
     }
-    QStringList command = argv ? ExecLine::withoutFieldCodes(*argv) : QStringList();
+    // The profile's options go where the entry's own options end, as any of Quillvane's.
+    QStringList command =
+        argv ? ExecLine::forLink(*argv, *entry, url.toString(),
+                                 profileArguments(browser.bundleID, profileID)
+                                     + BrowserLauncher::argumentsBeforeLink(browser.bundleID,
+                                                                            options))
+             : QStringList();
     const QString program = command.isEmpty() ? QString() : executablePath(command.first());
     if (program.isEmpty()) {
         qCCritical(lcProfileLauncher).noquote()
@@ -89,9 +103,6 @@ QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const QString
     qCInfo(lcProfileLauncher).noquote() << u"Launching %1 at %2 with profile %3 for %4"_s.arg(
         family, SystemLog::priv(program), SystemLog::priv(profileID),
         SystemLog::priv(url.toString()));
-    command += profileArguments(browser.bundleID, profileID);
-    command += BrowserLauncher::argumentsBeforeLink(browser.bundleID, options);
-    command.append(url.toString());
     if (const auto refused = ExecLine::linkRunsAsCode(command, url.toString(), entryPath)) {
         qCCritical(lcProfileLauncher).noquote() << SystemLog::priv(*refused);
         return QtFuture::makeReadyFuture<Outcome>(
