@@ -110,9 +110,10 @@ private Q_SLOTS:
     // shows them nor, in the system log, start a record of its own.
     void controlCharactersAreWrittenOut()
     {
-        DiagnosticLog::write(u"T", u"title \x1b]0;owned\x07 bell\r\nnext");
+        DiagnosticLog::write(u"T", u"title \x1b]0;owned\x07 bell\r\n[2026] forged \u202Etxt.exe");
         QCOMPARE(trail().split(']').mid(2).join(']'),
-                 QByteArray(" title \\x1B]0;owned\\x07 bell\\x0D\nnext\n"));
+                 QByteArray(" title \\x1B]0;owned\\x07 bell\\x0D\\x0A[2026] forged "
+                            "\\u{202E}txt.exe\n"));
         QCOMPARE(SystemLog::formatForStderr(
                      QtWarningMsg, "work.vorpa.Quillvane.URLRouter",
                      u"Routed https://e.com/\nquillvane[AppState] error: forged \x1b[2J"_s),
@@ -133,8 +134,17 @@ private Q_SLOTS:
               {SystemLog::link(link(u"HTTP://E.com"_s)), u"HTTP://E.com"_s},
               {SystemLog::withLink(
                    u"Error transferring %1 - server replied"_s.arg(reset.toString()), reset),
-               u"Error transferring https://e.com/reset/abc?…#… - server replied"_s}})
+               u"Error transferring https://e.com/reset/abc?…#… - server replied"_s},
+              // Whatever wrote the line: a browser's error output, a notification.
+              {SystemLog::withLinksNamed(
+                   u"Chromium ended (status 1): cannot open 'HTTPS://u:p@e.com:8/a?t=1#f', \"x\""_s),
+               u"Chromium ended (status 1): cannot open 'HTTPS://…@e.com:8/a?…#…', \"x\""_s},
+              {SystemLog::withLinksNamed(u"(https://e.com/a#f?x) and ://odd and x-y.z://h/p?q"_s),
+               u"(https://e.com/a#…) and ://odd and x-y.z://h/p?…"_s}})
             QCOMPARE(logged, expected);
+        QCOMPARE(SystemLog::formatForStderr(QtInfoMsg, "work.vorpa.Quillvane.Notifications",
+                                            u"failed\nError: https://e.com/?token=s3cr3t"_s),
+                 u"quillvane[Notifications] info: failed\\x0AError: https://e.com/?…\n"_s);
         QTest::ignoreMessage(QtInfoMsg, "Removed 3 tracking param(s) (utm_source, fbclid): "
                                         "https://e.com/p?… → https://e.com/p?…");
         URLCleaner::clean(
@@ -164,7 +174,7 @@ void TestLogs::lineFormatAndPlace()
         uR"(^\[\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ\] \[URLRouter\] No rule matched\n)"
         uR"(\[[^\]]+Z\] Sender PID: 412\n)"
         uR"(\[[^\]]+Z\] \[URLRouter\] a\n)"
-        uR"(\[[^\]]+Z\] \[URLRouter\] two\nlines\n$)"_s);
+        uR"(\[[^\]]+Z\] \[URLRouter\] two\\x0Alines\n$)"_s);
     QVERIFY2(format.match(QString::fromUtf8(trail())).hasMatch(), trail().constData());
     struct stat info = {};
     QCOMPARE(::stat(QFile::encodeName(path).constData(), &info), 0);

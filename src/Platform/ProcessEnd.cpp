@@ -56,6 +56,15 @@ void onTerminationSignal(QObject *context, std::function<void()> quit)
     action.sa_flags = SA_RESTART | SA_RESETHAND;
     ::sigaction(SIGTERM, &action, nullptr);
     ::sigaction(SIGINT, &action, nullptr);
+    // The terminal that started Quillvane closed: the session goes on, and
+    // Quillvane quits as cleanly as at logout.
+    ::sigaction(SIGHUP, &action, nullptr);
+    // Its standard error may now lead nowhere: a write there fails, and must
+    // not end the process. (Started browsers get every signal's default back.)
+    struct sigaction ignore = {};
+    ignore.sa_handler = SIG_IGN;
+    sigemptyset(&ignore.sa_mask);
+    ::sigaction(SIGPIPE, &ignore, nullptr);
 }
 
 void immediately(int status)

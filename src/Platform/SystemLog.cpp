@@ -7,6 +7,7 @@
 #include <systemd/sd-journal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
@@ -66,10 +67,31 @@ QByteArray shortCategory(const char *category)
     return QByteArray(category);
 }
 
+bool showPrivate();
+
+// Where a link written in running text ends: at a blank, a quote or a bracket
+// that text puts around it, or a control character.
+bool endsLink(QChar c)
+{
+    return c.isSpace() || c.unicode() < 0x20 || QStringView(u"\"'<>`“”‘’«»").contains(c);
+}
+
+bool isSchemeCharacter(QChar c)
+{
+    return (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z') || (c >= u'0' && c <= u'9')
+           || c == u'+' || c == u'-' || c == u'.';
+}
+
+// What a record says, as the system log may keep it.
+QString recordText(const QString &message)
+{
+    return DisplayText::escapeControls(showPrivate() ? message : withLinksNamed(message));
+}
+
 void handler(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
     if (g_toJournal) {
-        const QByteArray text = DisplayText::escapeControls(message).toUtf8();
+        const QByteArray text = recordText(message).toUtf8();
         const int sent =
             sd_journal_send("MESSAGE=%s", text.constData(), "PRIORITY=%i", priorityOf(type),
                             "SYSLOG_IDENTIFIER=quillvane", "QUILLVANE_CATEGORY=%s",
@@ -114,6 +136,56 @@ QString link(const Link &url)
            + (url.fragment() ? u"#…"_s : QString());
 }
 
+QString withLinksNamed(QStringView text)
+{
+    QString result;
+    qsizetype copied = 0;
+    qsizetype from = 0;
+    while (true) {
+        const qsizetype marker = text.indexOf(u"://", from);
+        if (marker < 0)
+            break;
+        qsizetype start = marker;
+        while (start > 0 && isSchemeCharacter(text[start - 1]))
+            --start;
+        while (start < marker && !text[start].isLetter())
+            ++start;
+        // "(https://…)": the bracket closes the text's, not the link's.
+        const bool bracketed = start > 0 && text[start - 1] == u'(';
+        qsizetype end = marker + 3;
+        while (end < text.size() && !endsLink(text[end]) && !(bracketed && text[end] == u')'))
+            ++end;
+        from = end;
+        if (start == marker)
+            continue;
+        // scheme://[user@]host[:port]path[?query][#fragment], the secrets left out.
+        const QStringView whole = text.sliced(start, end - start);
+        const qsizetype authorityStart = marker + 3 - start;
+        qsizetype authorityEnd = authorityStart;
+        while (authorityEnd < whole.size() && !QStringView(u"/?#").contains(whole[authorityEnd]))
+            ++authorityEnd;
+        const QStringView authority = whole.sliced(authorityStart, authorityEnd - authorityStart);
+        const qsizetype at = authority.lastIndexOf(u'@');
+        const QStringView rest = whole.sliced(authorityEnd);
+        const qsizetype query = rest.indexOf(u'?');
+        const qsizetype fragment = rest.indexOf(u'#');
+        const qsizetype pathEnd = std::min(query >= 0 ? query : rest.size(),
+                                           fragment >= 0 ? fragment : rest.size());
+        result += text.sliced(copied, start - copied);
+        result += whole.first(authorityStart);
+        result += at >= 0 ? u"…@"_s + authority.sliced(at + 1) : authority.toString();
+        result += rest.first(pathEnd);
+        if (query >= 0 && (fragment < 0 || query < fragment))
+            result += u"?…"_s;
+        if (fragment >= 0)
+            result += u"#…"_s;
+        copied = end;
+    }
+    if (copied == 0)
+        return text.toString();
+    return result + text.sliced(copied);
+}
+
 QString withLink(const QString &text, const Link &url)
 {
     const QString whole = url.toString();
@@ -145,7 +217,7 @@ QString formatForStderr(QtMsgType type, const char *category, const QString &mes
 {
     return u"quillvane[%1] %2: %3\n"_s.arg(QString::fromUtf8(shortCategory(category)),
                                            QLatin1StringView(levelName(type)),
-                                           DisplayText::escapeControls(message));
+                                           recordText(message));
 }
 
 void install()

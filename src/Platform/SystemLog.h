@@ -25,6 +25,10 @@ void setShowPrivate(bool show);
 QString link(const Link &link);
 // The text with every occurrence of the link, as written, named as link() names it.
 QString withLink(const QString &text, const Link &link);
+// The text with every link in it ("scheme://…") named as link() names links,
+// whoever wrote it: what a browser echoed on its error output, a notification's
+// body. Every record passes through this on its way out.
+QString withLinksNamed(QStringView text);
 
 // Sends every Qt log record to the systemd journal when stderr is connected to
 // it, and to stderr otherwise. Control characters in a record are written out
