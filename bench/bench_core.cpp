@@ -154,13 +154,14 @@ void BM_RecordOneLink(benchmark::State &state)
     QTemporaryDir dir;
     auto database = BenchSupport::makeHistoryDatabase(dir.path(), HistoryStore::MaxRecords);
     const QString day = HistoryStore::dayString(QDateTime::currentDateTime());
+    const LinkJournal::Writer writer;
     int i = 0;
     for (auto _ : state) {
         const ForwardingRecord record = BenchSupport::makeRecord(++i);
         QList<LinkJournal::Entry> entries{
             {0, LinkJournal::Kind::Open, record.timestamp, record.originalURL,
              SourceApp{u"org.gnome.Evolution"_s, u"Evolution"_s}, QString(), QString(), false}};
-        LinkJournal::accept(*database, entries);
+        LinkJournal::accept(*database, entries, writer);
         HistoryStore::incrementForwardCount(*database, day, entries.first().id);
         HistoryStore::record(*database, record, entries.first().id);
     }

@@ -175,47 +175,95 @@ private Q_SLOTS:
         QCOMPARE(day, u"2026-03-05"_s);
     }
 
+    // Entries keep what the link came with, leave when counted and recorded,
+    // and an earlier run's are opened again only while recent: measured on
+    // the boot-time clock, whatever the wall clock did in between.
+    void journal_data()
+    {
+        addRows({u"boot"_s, u"wall"_s, u"opened"_s}, uR"(
+fresh                                 | 30   | 30    | yes
+wall clock set back 5 s               | 10   | 5     | yes
+wall clock set forward 70 s (NTP)     | 10   | 80    | yes
+old                                   | 61   | 61    | no
+old, wall clock set back an hour      | 61   | -3539 | no
+after a restart, soon                 | r20  | 40    | yes
+after a restart, wall clock behind    | r20  | -5    | no
+after a restart, long since booting   | r120 | 130   | no
+)");
+    }
     void journal()
     {
-        const QDateTime now = QDateTime::currentDateTime();
-        QList<LinkJournal::Entry> entries{entry(u"https://old.example/"_s, now.addSecs(-61)),
-                                          entry(u"https://a.example/"_s, now.addSecs(-30)),
-                                          entry(u"https://b.example/"_s, now.addSecs(-20)),
-                                          entry(u"https://c.example/"_s, now.addSecs(-10)),
-                                          entry(u"https://future.example/"_s, now.addSecs(3600))};
-        entries[3].kind = LinkJournal::Kind::Route;
-        entries[3].browser = u"firefox"_s;
-        entries[3].source.reset();
-        LinkJournal::accept(*m_database, entries);
-        for (const LinkJournal::Entry &accepted : std::as_const(entries))
-            QVERIFY(accepted.id > 0);
+        QFETCH(QString, boot);
+        QFETCH(QString, wall);
+        QFETCH(QString, opened);
+        const Lifetime::Instant start{QDateTime::currentDateTimeUtc(), u"boot-1"_s, 3600000};
+        Lifetime::Instant now = start;
+        QSet<QString> running{u"killed"_s, u"alive"_s};
+        const auto writer = [&](const QString &owner) {
+            return LinkJournal::Writer{owner, [&now] { return now; },
+                                       [&running](const QString &o) { return running.contains(o); }};
+        };
+        QList<LinkJournal::Entry> entries{entry(u"https://a.example/"_s, {}),
+                                          entry(u"https://b.example/"_s, {}),
+                                          entry(u"https://c.example/"_s, {})};
+        entries[2].kind = LinkJournal::Kind::Route;
+        entries[2].browser = u"firefox"_s;
+        entries[2].source.reset();
+        LinkJournal::accept(*m_database, entries, writer(u"killed"_s));
+        QList<LinkJournal::Entry> others{entry(u"https://other.example/"_s, {})};
+        LinkJournal::accept(*m_database, others, writer(u"alive"_s));
+        // Counting marks an entry; opening it removes it, in the same transaction.
+        HistoryStore::incrementForwardCount(*m_database, u"2026-03-05"_s, entries[1].id);
+        HistoryStore::record(*m_database, someRecord(u"https://a.example/"_s), entries[0].id);
+        running.remove(u"killed"_s);
 
-        // Counting marks the entry; opening it removes it, in the same transaction.
-        HistoryStore::incrementForwardCount(*m_database, u"2026-03-05"_s, entries[2].id);
-        HistoryStore::record(*m_database, someRecord(u"https://a.example/"_s), entries[1].id);
-
-        QTest::ignoreMessage(QtWarningMsg,
-                             QRegularExpression(u"^Dropped 2 link\\(s\\) that an earlier Quillvane "
-                                                "accepted but did not open: they arrived more than "
-                                                "60 seconds ago\\."_s));
-        QTest::ignoreMessage(QtInfoMsg, QRegularExpression(u"^Opening 2 link\\(s\\)"_s));
-        const QList<LinkJournal::Entry> left = LinkJournal::unfinished(*m_database, now);
-        QCOMPARE(left.size(), 2);
-        entries[2].counted = true;
+        const bool restarted = boot.startsWith(u'r');
+        now.bootId = restarted ? u"boot-2"_s : start.bootId;
+        now.sinceBootMs =
+            restarted ? boot.mid(1).toLongLong() * 1000 : start.sinceBootMs + boot.toLongLong() * 1000;
+        now.wall = start.wall.addSecs(wall.toLongLong());
+        if (opened == u"no")
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"^Dropped 2 link\\(s\\)"_s));
+        else
+            QTest::ignoreMessage(QtInfoMsg, QRegularExpression(u"^Opening 2 link\\(s\\)"_s));
+        const QList<LinkJournal::Entry> left =
+            LinkJournal::unfinished(*m_database, writer(u"next"_s));
+        // The entry of a Quillvane that still runs is its own, and stays.
+        QCOMPARE(journalEntries(m_path), opened == u"no" ? 1 : 3);
+        QCOMPARE(left.size(), opened == u"no" ? 0 : 2);
+        if (left.isEmpty())
+            return;
+        entries[1].counted = true;
         for (int i = 0; i < 2; ++i) {
-            const LinkJournal::Entry &read = left[i], &written = entries[i + 2];
+            const LinkJournal::Entry &read = left[i], &written = entries[i + 1];
             QCOMPARE(std::tie(read.id, read.kind, read.url, read.source, read.activationToken,
                               read.browser, read.counted),
                      std::tie(written.id, written.kind, written.url, written.source,
                               written.activationToken, written.browser, written.counted));
-            QVERIFY(qAbs(read.receivedAt.msecsTo(written.receivedAt)) < 5);
         }
+        // Taken over: while it runs, the next Quillvane to start leaves them to it.
+        running.insert(u"next"_s);
+        QVERIFY(LinkJournal::unfinished(*m_database, writer(u"third"_s)).isEmpty());
+    }
 
-        // They stay until their routes end; the old ones are gone.
-        LinkJournal::finish(*m_database, left[0].id);
-        QCOMPARE(LinkJournal::unfinished(*m_database, now.addSecs(1)).size(), 1);
-        LinkJournal::finish(*m_database, left[1].id);
-        QVERIFY(LinkJournal::unfinished(*m_database, now.addSecs(1)).isEmpty());
+    // A Quillvane that keeps working on its entries keeps them young: killed a
+    // minute and a half after they arrived, 40 s after it last marked them.
+    void journalKeptFresh()
+    {
+        Lifetime::Instant now{QDateTime::currentDateTimeUtc(), u"boot"_s, 1000};
+        bool runs = true;
+        const LinkJournal::Writer first{u"first"_s, [&now] { return now; },
+                                        [&runs](const QString &) { return runs; }};
+        QList<LinkJournal::Entry> entries{entry(u"https://waiting.example/"_s, {})};
+        LinkJournal::accept(*m_database, entries, first);
+        now.sinceBootMs += 50000;
+        QCOMPARE(LinkJournal::keepFresh(*m_database, first), 1);
+        now.sinceBootMs += 40000;
+        runs = false;
+        QTest::ignoreMessage(QtInfoMsg, QRegularExpression(u"^Opening 1 link"_s));
+        QCOMPARE(LinkJournal::unfinished(*m_database, {u"second"_s, first.now, first.runs}).size(),
+                 1);
+        QCOMPARE(LinkJournal::keepFresh(*m_database, first), 0);
     }
 
     void migrationFromTheSettingsFile()

@@ -288,7 +288,7 @@ private Q_SLOTS:
                                    u"https://pending.example/"_s})
             entries.append({0, LinkJournal::Kind::Open, QDateTime::currentDateTime(), url,
                             std::nullopt, QString(), QString(), false});
-        LinkJournal::accept(*m_history, entries);
+        m_state->journal(entries);
         const auto routeEntry = [&](int i, bool counted = false) {
             m_state->routeURL(link(entries[i].url), std::nullopt, {}, {entries[i].id, counted});
         };

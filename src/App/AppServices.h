@@ -7,6 +7,7 @@
 #include "Platform/ProcessLauncher.h"
 #include "Services/ProfileDiscovery.h"
 #include "Services/URLExpander.h"
+#include "Storage/LinkJournal.h"
 
 #include <QDateTime>
 #include <QFuture>
@@ -28,6 +29,8 @@ struct AppServices
         return URLExpander::expand(url);
     };
     std::function<QDateTime()> clock = [] { return QDateTime::currentDateTime(); };
+    // Who writes the intake journal, and its clocks.
+    LinkJournal::Writer journal{};
     // A browser's profiles, as its own files list them now.
     std::function<QList<BrowserProfile>(const QString &bundleID)> profiles =
         &ProfileDiscovery::discoverProfiles;

@@ -20,6 +20,7 @@
 #include <QCollator>
 #include <QCoreApplication>
 #include <QEvent>
+#include <QPromise>
 #include <QTimer>
 
 #include <algorithm>
@@ -675,9 +676,54 @@ void AppState::routeURL(const Link &url, const std::optional<SourceApp> &source,
     startWaitingRouteLater();
 }
 
+void AppState::journal(QList<LinkJournal::Entry> &entries)
+{
+    LinkJournal::accept(m_history, entries, m_services.journal);
+    keepJournalFresh();
+}
+
+QList<LinkJournal::Entry> AppState::takeOverJournal()
+{
+    QList<LinkJournal::Entry> entries = LinkJournal::unfinished(m_history, m_services.journal);
+    if (!entries.isEmpty())
+        keepJournalFresh();
+    return entries;
+}
+
+// While this Quillvane has links in the journal (waiting their turn, or a
+// window that asks), it marks them as young now and then: should it be killed,
+// their age counts from then, not from when they arrived. With nothing left, it
+// stops, and nothing wakes it at rest.
+void AppState::keepJournalFresh()
+{
+    if (!m_journalFreshness) {
+        m_journalFreshness = new QTimer(this);
+        m_journalFreshness->setSingleShot(true);
+        m_journalFreshness->setInterval(LinkJournal::KeepFreshMs);
+        connect(m_journalFreshness, &QTimer::timeout, this, [this] {
+            if (LinkJournal::keepFresh(m_history, m_services.journal) != 0)
+                m_journalFreshness->start();
+        });
+    }
+    if (!m_journalFreshness->isActive())
+        m_journalFreshness->start();
+}
+
+QFuture<void> AppState::launchTurn()
+{
+    const qint64 wait = m_pacer.reserve();
+    if (wait == 0)
+        return QtFuture::makeReadyFuture();
+    auto turn = std::make_shared<QPromise<void>>();
+    turn->start();
+    QTimer::singleShot(wait, this, [turn] { turn->finish(); });
+    return turn->future();
+}
+
 // Routes start one per turn of the event loop, behind everything else that is
 // waiting: a burst of links must not keep the next caller on the bus waiting
-// for its answer until every link before it has reached its browser.
+// for its answer until every link before it has reached its browser. Beyond
+// the pacer's burst they start at its pace, in order.
 void AppState::startWaitingRouteLater()
 {
     if (m_routeStartPosted || m_waitingRoutes.isEmpty())
@@ -698,6 +744,15 @@ bool AppState::event(QEvent *event)
         return QObject::event(event);
     m_routeStartPosted = false;
     if (!m_waitingRoutes.isEmpty()) {
+        if (const qint64 wait = m_pacer.wait(); wait > 0) {
+            m_routeStartPosted = true;
+            QTimer::singleShot(wait, this, [this] {
+                m_routeStartPosted = false;
+                startWaitingRouteLater();
+            });
+            return true;
+        }
+        m_pacer.reserve();
         const WaitingRoute next = m_waitingRoutes.takeFirst();
         RouteReports reports{
             [this](const QString &text) { setLastRouteLog(text); },

@@ -9,6 +9,7 @@
 #include "Models/RoutingRule.h"
 #include "Services/ConfigManager.h"
 #include "Services/LaunchLedger.h"
+#include "Services/LaunchPacer.h"
 #include "Services/LaunchOptions.h"
 #include "Services/RoutePlanner.h"
 #include "Storage/LinkJournal.h"
@@ -17,6 +18,7 @@
 
 #include <QDeadlineTimer>
 #include <QEvent>
+#include <QFuture>
 #include <QList>
 #include <QObject>
 #include <QString>
@@ -171,6 +173,14 @@ public:
     // again a second later. Returns at once.
     void requestSetAsDefaultBrowser();
 
+    // Writes links into the intake journal (their ids set; 0 where it could
+    // not) and keeps them young there while they wait for their turn.
+    void journal(QList<LinkJournal::Entry> &entries);
+    // What Quillvanes that ended left in the journal, now this one's to open.
+    QList<LinkJournal::Entry> takeOverJournal();
+    // Settles when a browser may start: at once, or when the pace allows.
+    QFuture<void> launchTurn();
+
     // Routes one link from its source application. Returns once the link is
     // counted; its route starts after the links before it, when the event loop
     // has nothing more urgent to do, and opening and recording finish later. The
@@ -226,6 +236,7 @@ private:
     void reportDamagedRules(const RuleStore::Damage &damage);
     void startWaitingRouteLater();
     static QEvent::Type routeStartEvent();
+    void keepJournalFresh();
 
     // Links counted and waiting for their route to start, oldest first.
     struct WaitingRoute
@@ -241,6 +252,8 @@ private:
     AppServices m_services;
     LaunchLedger m_launches{m_services.processes};
     QTimer *m_historyRetry = nullptr;
+    LaunchPacer m_pacer;
+    QTimer *m_journalFreshness = nullptr;
     QList<WaitingRoute> m_waitingRoutes;
     bool m_routeStartPosted = false;
     // The last failure the user was notified of, and until when it is not again.

@@ -91,10 +91,11 @@ void LinkIntake::Open(const QStringList &uris, const QVariantMap &platformData)
                 answered->deleteLater();
                 const QDBusPendingReply<uint> pid = *answered;
                 const QStringList refused =
-                    handleURLs(uris, pid.isValid() ? qint64(pid.value()) : -1, token);
+                    handleURLs(uris, pid.isValid() ? qint64(pid.value()) : -1, token,
+                               [bus, call]() mutable { bus.send(call.createReply()); });
                 if (refused.isEmpty())
-                    bus.send(call.createReply());
-                else if (uris.size() > MaxLinksPerRequest)
+                    return;
+                if (uris.size() > MaxLinksPerRequest)
                     bus.send(call.createErrorReply(BusNames::Error::TooManyLinks, refused.first()));
                 else
                     bus.send(call.createErrorReply(BusNames::Error::InvalidLink,
@@ -119,7 +120,7 @@ void LinkIntake::ActivateAction(const QString &actionName, const QVariantList &,
 }
 
 QStringList LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
-                                   const QString &activationToken)
+                                   const QString &activationToken, std::function<void()> safe)
 {
     // A stray script or a paste gone wrong must not start a browser thousands of times.
     if (uris.size() > MaxLinksPerRequest) {
@@ -159,8 +160,11 @@ QStringList LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
             refused.append(u"%1 (%2)"_s.arg(link.toString().left(200), *loop));
         return loop.has_value();
     });
-    if (links.isEmpty())
+    if (links.isEmpty()) {
+        if (refused.isEmpty() && safe)
+            safe();
         return refused;
+    }
     debugLog(u"Sender PID: %1"_s.arg(senderPid));
     std::optional<SourceApp> source;
     if (senderPid < 1) {
@@ -174,23 +178,36 @@ QStringList LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
             source ? source->name : u"nil"_s, source ? source->bundleID : u"nil"_s)));
     }
     QList<LinkJournal::Entry> entries;
-    const QDateTime now = m_state.services().clock();
     for (const Link &link : std::as_const(links))
-        entries.append({0, LinkJournal::Kind::Open, now, link.toString(), source, activationToken,
+        entries.append({0, LinkJournal::Kind::Open, {}, link.toString(), source, activationToken,
                         QString(), false});
-    LinkJournal::accept(m_state.history(), entries);
+    m_state.journal(entries);
+    // A link the journal did not take (a full or read-only disk) is safe only
+    // once its browser has it: until then its sender waits, and hears of a
+    // Quillvane that dies in between.
+    auto unsafe = std::make_shared<qsizetype>(std::count_if(
+        entries.cbegin(), entries.cend(), [](const LinkJournal::Entry &e) { return e.id == 0; }));
+    if (refused.isEmpty() && safe && *unsafe == 0)
+        safe();
+    if (!refused.isEmpty())
+        safe = {};
     for (qsizetype i = 0; i < links.size(); ++i) {
         debugLog(u"Routing URL: "_s + links[i].toString());
+        LinkJournal::Ticket ticket{entries[i].id, false, {}};
+        if (ticket.entry == 0)
+            ticket.released = [unsafe, safe] {
+                if (--*unsafe == 0 && safe)
+                    safe();
+            };
         // One task per link, started in order and not awaited.
-        m_state.routeURL(links[i], source, activationToken, {entries[i].id, false});
+        m_state.routeURL(links[i], source, activationToken, ticket);
     }
     return refused;
 }
 
 void LinkIntake::resumeUnfinished()
 {
-    const QList<LinkJournal::Entry> entries =
-        LinkJournal::unfinished(m_state.history(), m_state.services().clock());
+    const QList<LinkJournal::Entry> entries = m_state.takeOverJournal();
     for (const LinkJournal::Entry &entry : entries) {
         const auto link = Link::parseWebLink(entry.url);
         if (!link) {
@@ -208,6 +225,7 @@ void LinkIntake::resumeUnfinished()
                 Qt::QueuedConnection);
             continue;
         }
-        m_state.routeURL(*link, entry.source, entry.activationToken, {entry.id, entry.counted});
+        m_state.routeURL(*link, entry.source, entry.activationToken,
+                         {entry.id, entry.counted, {}});
     }
 }

@@ -28,10 +28,11 @@ public:
     // itself), with the sender's process id when known.
     // Returns the links refused (not http or https), each with the reason;
     // more than MaxLinksPerRequest are all refused, with one reason.
-    // The links are in the journal when this returns, so a caller told that
-    // Quillvane has them does not lose them even if it is killed.
+    // When none is refused, safe is called once every link is safe to say
+    // Quillvane has it, even if it is killed: in the journal (at once, as a
+    // rule), or else in its browser's hands.
     QStringList handleURLs(const QStringList &uris, qint64 senderPid,
-                           const QString &activationToken);
+                           const QString &activationToken, std::function<void()> safe = {});
 
     // Links that brokers of the desktop hand on are credited to the
     // application that asked them (none: only the sender is resolved).

@@ -338,6 +338,13 @@ void RouteTask::recordOpened(const QString &browserID, const QString &browserNam
     HistoryStore::record(m_state.history(), record, m_ticket.entry);
     m_ticket.entry = 0;
     m_record = record.id;
+    release();
+}
+
+void RouteTask::release()
+{
+    if (m_ticket.released)
+        std::exchange(m_ticket.released, {})();
 }
 
 void RouteTask::withdrawRecord()
@@ -363,6 +370,7 @@ void RouteTask::failed(const QString &statusText, const QString &diagnosticLine,
 
 void RouteTask::finish()
 {
+    release();
     m_reports.finished();
     deleteLater();
 }

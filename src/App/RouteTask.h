@@ -64,6 +64,8 @@ private:
     void failed(const QString &statusText, const QString &diagnosticLine, const QString &logLine,
                 const QString &userText);
     void finish();
+    // A link that could not be journalled is safe now: its sender may hear so.
+    void release();
 
     QString sourceName() const;
     QString sourceID() const;

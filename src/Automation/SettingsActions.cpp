@@ -28,7 +28,14 @@ QFuture<Answer> open(AppState &state, const Link &url, const QString &browserID,
     options.started = [pending, history = &state.history()] {
         LinkJournal::finish(*history, std::exchange(*pending, 0));
     };
-    return BrowserLauncher::open(url, browserID, state.browsers(), platform, options)
+    // Scripts start browsers at the same pace as links from applications.
+    return state.launchTurn()
+        .then(&state,
+              [url, browserID, options, platform, state = &state] {
+                  return BrowserLauncher::open(url, browserID, state->browsers(), platform,
+                                               options);
+              })
+        .unwrap()
         .then([success, pending,
                history = &state.history()](const BrowserLauncher::Outcome &outcome) -> Answer {
             LinkJournal::finish(*history, *pending);
@@ -48,10 +55,10 @@ QFuture<Answer> routeURL(const Link &url, const std::optional<BrowserEntity> &br
         return QtFuture::makeReadyFuture<Answer>(shared.error());
     AppState &state = **shared;
     if (journalEntry == 0) {
-        QList<LinkJournal::Entry> entries{{0, LinkJournal::Kind::Route, state.services().clock(),
-                                           url.toString(), std::nullopt, QString(),
+        QList<LinkJournal::Entry> entries{{0, LinkJournal::Kind::Route, {}, url.toString(),
+                                           std::nullopt, QString(),
                                            browser ? browser->id : QString(), false}};
-        LinkJournal::accept(state.history(), entries);
+        state.journal(entries);
         journalEntry = entries.first().id;
     }
     if (browser)

@@ -33,7 +33,10 @@ int openTrail(const QByteArray &path, struct stat &info)
                S_IRUSR | S_IWUSR);
     if (fd < 0)
         return -1;
-    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != ::geteuid()) {
+    // A second name for the file (a hard link made in /tmp) would let the
+    // user's links reach wherever that name is read.
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != ::geteuid()
+        || info.st_nlink != 1) {
         ::close(fd);
         return -1;
     }

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <QDateTime>
@@ -50,22 +51,36 @@ CREATE TABLE IF NOT EXISTS intakeJournal (
     sourceAppName TEXT,
     activationToken TEXT,
     browser TEXT,
-    counted INTEGER NOT NULL DEFAULT 0
+    counted INTEGER NOT NULL DEFAULT 0,
+    owner TEXT,
+    bootId TEXT,
+    sinceBootMs INTEGER NOT NULL DEFAULT 0
 );
 CREATE TABLE IF NOT EXISTS meta (
     key TEXT PRIMARY KEY,
     value TEXT
 ) WITHOUT ROWID;
-PRAGMA user_version = 2;
+PRAGMA user_version = 3;
 )sql";
 
-// Version 1 had no record of what decided, nor of the profile.
-constexpr const char *FromVersion1 = R"sql(
+constexpr qint64 CurrentVersion = 3;
+
+// Version 1 had no record of what decided, nor of the profile; version 2 did
+// not say which process took a journal entry, nor when on the boot-time clock.
+constexpr const char *Upgrades[] = {
+    R"sql(
 ALTER TABLE history ADD COLUMN decidedBy TEXT;
 ALTER TABLE history ADD COLUMN decisionDescription TEXT;
 ALTER TABLE history ADD COLUMN targetProfileID TEXT;
 PRAGMA user_version = 2;
-)sql";
+)sql",
+    R"sql(
+ALTER TABLE intakeJournal ADD COLUMN owner TEXT;
+ALTER TABLE intakeJournal ADD COLUMN bootId TEXT;
+ALTER TABLE intakeJournal ADD COLUMN sinceBootMs INTEGER NOT NULL DEFAULT 0;
+PRAGMA user_version = 3;
+)sql",
+};
 
 qint64 schemaVersion(Sqlite::Database &database)
 {
@@ -77,11 +92,12 @@ qint64 schemaVersion(Sqlite::Database &database)
 
 // Another Quillvane may be upgrading the same file: the version is read again
 // under the write lock, and a failed step leaves the file as it was.
-std::optional<Sqlite::Error> upgradeFromVersion1(Sqlite::Database &database)
+std::optional<Sqlite::Error> upgrade(Sqlite::Database &database)
 {
     database.exec("BEGIN IMMEDIATE");
-    if (schemaVersion(database) == 1)
-        database.exec(FromVersion1);
+    for (qint64 version = schemaVersion(database); version >= 1 && version < CurrentVersion;
+         ++version)
+        database.exec(Upgrades[version - 1]);
     database.exec("COMMIT");
     std::optional<Sqlite::Error> failure = database.takeError();
     if (failure) {
@@ -147,8 +163,14 @@ bool HistoryDatabase::claimWriter()
         return false;
     makeFolder(m_path);
     // A lock the kernel lets go of when its process ends, however it ends.
-    const int lock = ::open(QFile::encodeName(m_path + u".lock"_s).constData(),
-                            O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    int lock = ::open(QFile::encodeName(m_path + u".lock"_s).constData(),
+                      O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
+    // Only a regular file locks: a FIFO or a device put there would take it.
+    struct stat info = {};
+    if (lock >= 0 && (::fstat(lock, &info) != 0 || !S_ISREG(info.st_mode))) {
+        ::close(lock);
+        lock = -1;
+    }
     if (lock < 0) {
         // A folder nobody can write to: there is no other writer either, and
         // the writes themselves will say what is wrong.
@@ -229,8 +251,8 @@ std::optional<Sqlite::Error> HistoryDatabase::prepare(Sqlite::Database &database
     const qint64 version = schemaVersion(database);
     if (version < 1)
         database.exec(Schema);
-    else if (version == 1) {
-        if (auto failure = upgradeFromVersion1(database))
+    else if (version < CurrentVersion) {
+        if (auto failure = upgrade(database))
             return failure;
     }
     // A file that was cut short or overwritten in part reads as a database
@@ -279,6 +301,19 @@ bool HistoryDatabase::write(const std::function<void(Sqlite::Database &)> &work)
 {
     if (!canTryWriting())
         return false;
+    return transact(work, true);
+}
+
+bool HistoryDatabase::writeJournal(const std::function<void(Sqlite::Database &)> &work)
+{
+    if (m_access == Access::ReadOnly || !m_quietUntil.hasExpired())
+        return false;
+    return transact(work, claimWriter());
+}
+
+bool HistoryDatabase::transact(const std::function<void(Sqlite::Database &)> &work,
+                               bool asWriter)
+{
     std::optional<Sqlite::Error> error;
     for (int attempt = 0; attempt < 2; ++attempt) {
         // After a failed write (or with a connection made while the file could
@@ -302,19 +337,12 @@ bool HistoryDatabase::write(const std::function<void(Sqlite::Database &)> &work)
             reportFailure(u"the file or its folder is read-only"_s);
             return false;
         }
-        error = m_database->transaction([this, &work] {
+        error = m_database->transaction([this, &work, asWriter] {
             Sqlite::Database &database = *m_database;
-            if (m_unwritten.cleared)
-                database.exec("DELETE FROM history");
-            for (auto record = m_unwritten.records.crbegin(); record != m_unwritten.records.crend();
-                 ++record)
-                insertRecord(database, *record);
-            if (!m_unwritten.records.isEmpty())
-                trimHistory(database, MaxRecords);
-            if (m_unwritten.count > 0)
-                addToCount(database, m_unwritten.countDay, m_unwritten.count);
             for (const qint64 entry : std::as_const(m_unwritten.finishedJournalEntries))
                 removeJournalEntry(database, entry);
+            if (asWriter)
+                flushHistory(database);
             work(database);
         });
         if (!error || !error->isDamage())
@@ -332,9 +360,25 @@ bool HistoryDatabase::write(const std::function<void(Sqlite::Database &)> &work)
         reportFailure(error->message);
         return false;
     }
-    m_unwritten = {};
+    if (asWriter)
+        m_unwritten = {};
+    else
+        m_unwritten.finishedJournalEntries.clear();
     reportRecovery();
     return true;
+}
+
+void HistoryDatabase::flushHistory(Sqlite::Database &database)
+{
+    if (m_unwritten.cleared)
+        database.exec("DELETE FROM history");
+    for (auto record = m_unwritten.records.crbegin(); record != m_unwritten.records.crend();
+         ++record)
+        insertRecord(database, *record);
+    if (!m_unwritten.records.isEmpty())
+        trimHistory(database, MaxRecords);
+    if (m_unwritten.count > 0)
+        addToCount(database, m_unwritten.countDay, m_unwritten.count);
 }
 
 bool HistoryDatabase::read(const std::function<void(Sqlite::Database &)> &work)

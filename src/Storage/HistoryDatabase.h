@@ -18,7 +18,8 @@
 // damaged file is moved aside and a new one started; a file that cannot be
 // written (read-only folder, full disk, another process holding its lock) is
 // reported once per outage while the history waits in memory for the next write
-// that succeeds. Only one process writes: the Quillvane that claimed it.
+// that succeeds. Only one process writes the history: the Quillvane that
+// claimed it; every Quillvane writes the intake journal.
 class HistoryDatabase final
 {
 public:
@@ -65,6 +66,9 @@ public:
     // Runs work in one write transaction; false when it was not written (the
     // reason is logged, once per outage).
     bool write(const std::function<void(Sqlite::Database &)> &work);
+    // The same for the intake journal, which every Quillvane writes, the file's
+    // writer or not: a link is accepted only once it is on disk.
+    bool writeJournal(const std::function<void(Sqlite::Database &)> &work);
     // Runs work against the file as it is; false when there is no readable file
     // (none yet counts as empty, not as a failure: work does not run then).
     bool read(const std::function<void(Sqlite::Database &)> &work);
@@ -94,6 +98,9 @@ private:
     Opened ensureOpen();
     std::unique_ptr<Sqlite::Database> connectForWriting();
     std::optional<Sqlite::Error> prepare(Sqlite::Database &database);
+    // asWriter: what waits in memory for the history goes in too.
+    bool transact(const std::function<void(Sqlite::Database &)> &work, bool asWriter);
+    void flushHistory(Sqlite::Database &database);
     void moveAside(const Sqlite::Error &damage);
     void reportFailure(const QString &what);
     void reportRecovery();

@@ -98,7 +98,14 @@ void record(HistoryDatabase &database, const ForwardingRecord &entry, qint64 jou
         trimmed = unwritten.records.size() > MaxRecords;
         if (trimmed)
             unwritten.records.resize(MaxRecords);
-        if (journalEntry > 0)
+        // Another Quillvane writes the history, but the link has opened: its
+        // entry goes now, so that nobody opens it again.
+        const bool finished =
+            journalEntry > 0 && !database.isWriter()
+            && database.writeJournal([journalEntry](Sqlite::Database &sql) {
+                   HistoryDatabase::removeJournalEntry(sql, journalEntry);
+               });
+        if (journalEntry > 0 && !finished)
             unwritten.finishedJournalEntries.append(journalEntry);
     }
     if (trimmed)

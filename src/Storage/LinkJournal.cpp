@@ -9,64 +9,109 @@ QUILLVANE_LOGGING_CATEGORY(lcLinkJournal, "LinkJournal")
 
 namespace LinkJournal {
 
-void accept(HistoryDatabase &database, QList<Entry> &entries)
+bool isRecent(const Lifetime::Instant &then, const Lifetime::Instant &now)
+{
+    constexpr qint64 window = qint64(ReplayWindowSeconds) * 1000;
+    if (!then.bootId.isEmpty() && then.bootId == now.bootId) {
+        const qint64 age = now.sinceBootMs - then.sinceBootMs;
+        return age >= 0 && age <= window;
+    }
+    // The computer restarted since: the entry is at least as old as this boot.
+    if (now.sinceBootMs > window || !then.wall.isValid())
+        return false;
+    const qint64 age = then.wall.msecsTo(now.wall);
+    return age >= 0 && age <= window;
+}
+
+void accept(HistoryDatabase &database, QList<Entry> &entries, const Writer &writer)
 {
     if (entries.isEmpty())
         return;
+    const Lifetime::Instant now = writer.now();
     QList<qint64> ids;
-    const bool written = database.write([&](Sqlite::Database &sql) {
+    const bool written = database.writeJournal([&](Sqlite::Database &sql) {
         ids.clear();
         for (const Entry &entry : std::as_const(entries)) {
             sql.statement("INSERT INTO intakeJournal (kind, receivedAt, url, sourceAppBundleID, "
-                          "sourceAppName, activationToken, browser) VALUES (?, ?, ?, ?, ?, ?, ?)")
+                          "sourceAppName, activationToken, browser, owner, bootId, sinceBootMs) "
+                          "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
                 .bind(1, qint64(entry.kind))
-                .bind(2, JsonFields::referenceSeconds(entry.receivedAt))
+                .bind(2, JsonFields::referenceSeconds(now.wall))
                 .bind(3, entry.url)
                 .bind(4, entry.source ? std::optional(entry.source->bundleID) : std::nullopt)
                 .bind(5, entry.source ? std::optional(entry.source->name) : std::nullopt)
                 .bind(6, entry.activationToken.isEmpty() ? std::nullopt
                                                          : std::optional(entry.activationToken))
                 .bind(7, entry.browser.isEmpty() ? std::nullopt : std::optional(entry.browser))
+                .bind(8, writer.owner)
+                .bind(9, now.bootId)
+                .bind(10, now.sinceBootMs)
                 .run();
             ids.append(sql.lastInsertId());
         }
     });
-    for (qsizetype i = 0; i < entries.size(); ++i)
+    for (qsizetype i = 0; i < entries.size(); ++i) {
         entries[i].id = written ? ids.value(i) : 0;
+        entries[i].receivedAt = now.wall;
+    }
 }
 
 void finish(HistoryDatabase &database, qint64 id)
 {
     if (id <= 0)
         return;
-    const bool written = database.write(
+    const bool written = database.writeJournal(
         [id](Sqlite::Database &sql) { HistoryDatabase::removeJournalEntry(sql, id); });
     if (!written)
         database.unwritten().finishedJournalEntries.append(id);
 }
 
-QList<Entry> unfinished(HistoryDatabase &database, const QDateTime &now)
+qint64 keepFresh(HistoryDatabase &database, const Writer &writer)
+{
+    const Lifetime::Instant now = writer.now();
+    qint64 left = -1;
+    database.writeJournal([&](Sqlite::Database &sql) {
+        sql.statement("UPDATE intakeJournal SET bootId = ?, sinceBootMs = ?, receivedAt = ? "
+                      "WHERE owner = ?")
+            .bind(1, now.bootId)
+            .bind(2, now.sinceBootMs)
+            .bind(3, JsonFields::referenceSeconds(now.wall))
+            .bind(4, writer.owner)
+            .run();
+        left = sql.changes();
+    });
+    return left;
+}
+
+QList<Entry> unfinished(HistoryDatabase &database, const Writer &writer)
 {
     QList<Entry> entries;
-    const double oldest = JsonFields::referenceSeconds(now.addSecs(-ReplayWindowSeconds));
-    const double newest = JsonFields::referenceSeconds(now);
+    const Lifetime::Instant now = writer.now();
     qint64 dropped = 0;
-    database.write([&](Sqlite::Database &sql) {
+    database.writeJournal([&](Sqlite::Database &sql) {
         entries.clear();
+        dropped = 0;
+        QList<qint64> stale;
         Sqlite::Statement rows = sql.statement(
             "SELECT id, kind, receivedAt, url, sourceAppBundleID, sourceAppName, activationToken, "
-            "browser, counted FROM intakeJournal ORDER BY id");
+            "browser, counted, owner, bootId, sinceBootMs FROM intakeJournal ORDER BY id");
         while (rows.step()) {
+            const std::optional<QString> owner = rows.optionalText(9);
+            if (owner && (*owner == writer.owner || writer.runs(*owner)))
+                continue;
             const double received = rows.real(2);
-            // A clock set back makes an entry from the "future": it is not fresh either.
-            if (received < oldest || received > newest) {
-                ++dropped;
+            const Lifetime::Instant then{JsonFields::fromReferenceSeconds(received).value_or(
+                                             QDateTime()),
+                                         rows.optionalText(10).value_or(QString()),
+                                         rows.integer(11)};
+            if (!isRecent(then, now)) {
+                stale.append(rows.integer(0));
                 continue;
             }
             Entry entry;
             entry.id = rows.integer(0);
             entry.kind = rows.integer(1) == qint64(Kind::Route) ? Kind::Route : Kind::Open;
-            entry.receivedAt = JsonFields::fromReferenceSeconds(received).value_or(now);
+            entry.receivedAt = then.wall.isValid() ? then.wall : now.wall;
             entry.url = rows.text(3);
             const std::optional<QString> bundleID = rows.optionalText(4);
             if (bundleID)
@@ -76,16 +121,25 @@ QList<Entry> unfinished(HistoryDatabase &database, const QDateTime &now)
             entry.counted = rows.integer(8) != 0;
             entries.append(entry);
         }
-        sql.statement("DELETE FROM intakeJournal WHERE receivedAt < ? OR receivedAt > ?")
-            .bind(1, oldest)
-            .bind(2, newest)
-            .run();
+        rows.run();
+        for (const qint64 id : std::as_const(stale))
+            HistoryDatabase::removeJournalEntry(sql, id);
+        dropped = stale.size();
+        // Taken over: should this Quillvane end too, the next one finds them.
+        for (const Entry &entry : std::as_const(entries))
+            sql.statement("UPDATE intakeJournal SET owner = ?, bootId = ?, sinceBootMs = ? "
+                          "WHERE id = ?")
+                .bind(1, writer.owner)
+                .bind(2, now.bootId)
+                .bind(3, now.sinceBootMs)
+                .bind(4, entry.id)
+                .run();
     });
     if (dropped > 0)
         qCWarning(lcLinkJournal).noquote()
             << u"Dropped %1 link(s) that an earlier Quillvane accepted but did not open: they "
-               "arrived more than %2 seconds ago."_s.arg(QString::number(dropped),
-                                                         QString::number(ReplayWindowSeconds));
+               "waited more than %2 seconds."_s.arg(QString::number(dropped),
+                                                    QString::number(ReplayWindowSeconds));
     if (!entries.isEmpty())
         qCInfo(lcLinkJournal).noquote()
             << u"Opening %1 link(s) that an earlier Quillvane accepted but did not open."_s.arg(

@@ -1,22 +1,36 @@
 #pragma once
 
 #include "Models/RoutingRule.h"
+#include "Platform/Lifetime.h"
 #include "Storage/HistoryDatabase.h"
 
 #include <QDateTime>
 #include <QList>
 #include <QString>
 
+#include <functional>
 #include <optional>
 
 // Links accepted but not yet opened, in the history database. A link is written
 // here before its sender is told that Quillvane has it, and leaves when its
-// route has ended; what a Quillvane that was killed leaves behind is routed
-// again by the next one, if it is recent enough for the user still to want it.
+// route has ended. Every Quillvane of the user writes here, whichever of them
+// writes the history: each entry names the process that took it, and what a
+// process that ended left behind is routed again by the next Quillvane to
+// start, if it is recent enough for the user still to want it.
+//
+// "Recent" protects against a link opening long after it was clicked (a
+// Quillvane killed at logout, started again days later). An entry's age counts
+// from the last moment its process was known to work on it, on the boot-time
+// clock: setting the wall clock back or forward changes nothing. Only across a
+// restart of the computer is the wall clock all there is, and then an entry
+// whose time lies ahead is too old to tell.
 namespace LinkJournal {
 
 // Entries older than this at the next start are dropped, not opened.
 inline constexpr int ReplayWindowSeconds = 60;
+// How often a running Quillvane marks the entries it still works on as its own
+// and young (links waiting for their turn, a window that asks).
+inline constexpr int KeepFreshMs = 5000;
 
 enum class Kind
 {
@@ -41,14 +55,32 @@ struct Ticket
 {
     qint64 entry = 0; // none: the link was not journalled
     bool counted = false;
+    // For a link that is not journalled: called once it is safe all the same
+    // (its browser has it) or its route has ended.
+    std::function<void()> released{};
 };
 
-// Writes the entries in one transaction and sets their ids.
-void accept(HistoryDatabase &database, QList<Entry> &entries);
+// The process that writes entries, and how it tells time and whether another
+// writer still runs: the running Quillvane's own, or a test's.
+struct Writer
+{
+    QString owner = Lifetime::thisProcess();
+    std::function<Lifetime::Instant()> now = &Lifetime::now;
+    std::function<bool(const QString &owner)> runs = &Lifetime::isRunning;
+};
+
+// Whether an entry last marked at then is still within the window at now.
+bool isRecent(const Lifetime::Instant &then, const Lifetime::Instant &now);
+
+// Writes the entries in one transaction and sets their ids (0 where not written).
+void accept(HistoryDatabase &database, QList<Entry> &entries, const Writer &writer);
 // The route of the entry has ended, whatever its outcome.
 void finish(HistoryDatabase &database, qint64 id);
-// What an earlier run accepted and never finished: the entries received within
-// the window before now, oldest first. Older entries are dropped, with a log line.
-QList<Entry> unfinished(HistoryDatabase &database, const QDateTime &now);
+// Marks the writer's entries as young; how many it still has (-1: not written).
+qint64 keepFresh(HistoryDatabase &database, const Writer &writer);
+// What Quillvanes that no longer run accepted and never finished: the recent
+// entries, oldest first, now the writer's. Older entries are dropped, with a
+// log line; those of a Quillvane that still runs are left to it.
+QList<Entry> unfinished(HistoryDatabase &database, const Writer &writer);
 
 } // namespace LinkJournal

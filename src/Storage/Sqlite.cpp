@@ -1,5 +1,7 @@
 #include "Storage/Sqlite.h"
 
+#include <sys/stat.h>
+
 #include <sqlite3.h>
 
 #include <QFile>
@@ -117,10 +119,24 @@ Database::Database(sqlite3 *handle)
 
 std::unique_ptr<Database> Database::open(const QString &path, Mode mode, Error *error)
 {
+    // The file and its companions are the user's state: a link in their place
+    // (to /dev/null, to another file) is not followed, and neither is anything
+    // else that is not a regular file, which SQLite would write through or
+    // create files beside.
+    for (const char *suffix : {"", "-wal", "-shm", "-journal"}) {
+        const QByteArray name = QFile::encodeName(path) + suffix;
+        struct stat info = {};
+        if (::lstat(name.constData(), &info) == 0 && !S_ISREG(info.st_mode)) {
+            if (error)
+                *error = Error{SQLITE_CANTOPEN,
+                               u"%1 is not a regular file"_s.arg(QFile::decodeName(name))};
+            return nullptr;
+        }
+    }
     sqlite3 *handle = nullptr;
     const int flags =
         (mode == Mode::ReadOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE)
-        | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
+        | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE | SQLITE_OPEN_NOFOLLOW;
     const int result =
         sqlite3_open_v2(QFile::encodeName(path).constData(), &handle, flags, nullptr);
     if (result != SQLITE_OK) {

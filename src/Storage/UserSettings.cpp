@@ -10,6 +10,8 @@
 #include <QStandardPaths>
 #include <QThread>
 
+#include <sys/stat.h>
+
 using namespace Qt::Literals::StringLiterals;
 
 QUILLVANE_LOGGING_CATEGORY(lcSettings, "Settings")
@@ -35,6 +37,31 @@ const char *const OnDisk = "quillvane_on_disk";
 // How long a writer may take to fill in the lock file it has just created: it
 // writes its pid in the same call, so this is generous.
 constexpr int LockFillTime = 100;
+
+// QSettings waits on its lock for ever when the lock is not a regular file: a
+// FIFO blocks the read of who holds it, a folder is never removed as stale, a
+// link to /dev/zero never ends. Such a thing in the lock's place is moved aside
+// (it is nobody's lock), and while it cannot be, nothing is written.
+bool lockIsUsable(const QString &settingsPath)
+{
+    const QByteArray path = QFile::encodeName(settingsPath + u".lock"_s);
+    struct stat info = {};
+    if (::lstat(path.constData(), &info) != 0 || S_ISREG(info.st_mode))
+        return true;
+    const QByteArray aside =
+        path + ".not-a-lock-"
+        + QDateTime::currentDateTimeUtc().toString(u"yyyyMMdd'T'HHmmsszzz'Z'"_s).toLatin1();
+    if (::rename(path.constData(), aside.constData()) == 0) {
+        qCWarning(lcSettings).noquote()
+            << u"The settings lock %1 was not a regular file; it was moved aside as %2."_s.arg(
+                   QFile::decodeName(path), QFile::decodeName(aside));
+        return true;
+    }
+    qCCritical(lcSettings).noquote()
+        << u"The settings lock %1 is not a regular file and cannot be moved aside: changes are kept in memory until it is removed."_s
+               .arg(QFile::decodeName(path));
+    return false;
+}
 
 // A writer killed between creating its lock file and filling it in (a crash, the
 // OOM killer, a power cut) leaves a lock that names nobody, and QSettings would
@@ -66,6 +93,23 @@ void clearAbandonedLock(const QString &settingsPath)
 
 std::unique_ptr<QSettings> open(const QString &path)
 {
+    // Reading a FIFO or a device would block or never end; a link to a regular
+    // file (a dotfiles repository) is fine.
+    struct stat info = {};
+    const QByteArray name = QFile::encodeName(path);
+    if (::stat(name.constData(), &info) == 0 && !S_ISREG(info.st_mode)) {
+        const QByteArray aside =
+            name + ".not-a-file-"
+            + QDateTime::currentDateTimeUtc().toString(u"yyyyMMdd'T'HHmmss'Z'"_s).toLatin1();
+        const bool moved = ::rename(name.constData(), aside.constData()) == 0;
+        qCCritical(lcSettings).noquote()
+            << u"The settings file %1 is not a regular file; %2"_s.arg(
+                   path, moved ? u"it was moved aside as %1 and Quillvane starts afresh."_s.arg(
+                                     QFile::decodeName(aside))
+                               : u"Quillvane starts with its defaults."_s);
+        if (!moved)
+            return std::make_unique<QSettings>(QString(), IniFormat::format());
+    }
     auto settings = std::make_unique<QSettings>(path, IniFormat::format());
     settings->setProperty(OnDisk, QFileInfo::exists(path));
     return settings;
@@ -92,6 +136,8 @@ bool commit(QSettings &settings)
         for (const QString &key : settings.allKeys())
             settings.setValue(key, settings.value(key));
     }
+    if (!lockIsUsable(settings.fileName()))
+        return false;
     clearAbandonedLock(settings.fileName());
     settings.sync();
     switch (settings.status()) {
