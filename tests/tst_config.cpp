@@ -80,6 +80,12 @@ private Q_SLOTS:
             json = change.value(0) == "+" ? document({}, change.value(1))
                                           : document(change.value(0), change.value(2));
         }
+        // $R: a rule's members up to its pattern; $LONG, $MANY and $PAD, texts beyond the limits.
+        json.replace("$R", R"({"id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F","sourceAppBundleID":"",)"
+                           R"("sourceAppName":"","targetBrowserBundleID":"a","targetBrowserName":"A")");
+        json.replace("$LONG", QByteArray(RoutingRule::MaxTextLength + 1, 'x'));
+        json.replace("$MANY", QByteArray(QByteArray("1,").repeated(ConfigManager::MaxRules) + "1"));
+        json.replace("$PAD", QByteArray(ConfigManager::MaxDocumentBytes, ' '));
         error.replace(u"$D"_s, u"Failed to decode configuration: "_s);
         if (!error.isEmpty())
             QTest::ignoreMessage(
@@ -169,6 +175,12 @@ browser settings not a list | $DOC + ,"browserPreferences":{}     | $Dthe member
 arguments placing the link  | $DOC + ,"browserPreferences":[{"browserBundleID":"x","extraArguments":"%u"}] | $Dthe extra arguments for x: “%u” holds the field code %u
 private window not boolean  | $DOC "rules":[] → "rules":[{"id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F","sourceAppBundleID":"","sourceAppName":"","targetBrowserBundleID":"a","targetBrowserName":"A","urlPattern":"x","openInPrivateWindow":"yes"}] | $DRule 1 has a member "openInPrivateWindow" that is not true or false
 handoffs not texts          | $DOC + ,"handoffs":["zoom",1]       | $Dthe member "handoffs" is not an array of texts.
+profile read as an option   | $DOC "rules":[] → "rules":[$R,"urlPattern":"x","targetProfileID":"--headless"}] | $Drule 1: The profile “--headless” cannot be used: it begins with “-”
+profile leading out         | $DOC "rules":[] → "rules":[$R,"urlPattern":"x","targetProfileID":"../x"}] | $Drule 1: The profile “../x” cannot be used: it holds a path separator.
+one id twice                | $DOC "rules":[] → "rules":[$R,"urlPattern":"x"},$R,"urlPattern":"y"}] | $Drules 1 and 2 have the same id (E621E1F8-C36C-495A-93FC-0C247A3E6E5F).
+a pattern of megabytes      | $DOC "rules":[] → "rules":[$R,"urlPattern":"$LONG"}] | $Drule 1: its "urlPattern" is 4097 characters long, more than the 4096 a rule may have.
+too many rules              | $DOC "rules":[] → "rules":[$MANY]   | $Dit holds 10001 rules; Quillvane keeps at most 10000.
+too large                   | $DOC + ,"pad":"$PAD"                | $Dthe file is longer than 4194304 bytes
 not JSON                    | {"version"                          | $Dthe file is not valid JSON
 array                       | []                                  | $Dthe file does not hold a JSON object.
 )");

@@ -27,6 +27,7 @@
 #include <QSignalSpy>
 #include <QStackedWidget>
 #include <QTabWidget>
+#include <QPushButton>
 #include <QTest>
 #include <QTextLayout>
 #include <QToolButton>
@@ -473,11 +474,15 @@ void TestSettingsWindow::importAndExport()
     pane.importConfig();
     QCOMPARE(MessageBox::lastInformTitle(), QString());
 
-    // What the user is told: the title, then the text.
+    // What the user is told: the title, then the text. The file is read on
+    // another thread; the button is back when it has been.
+    const auto *importButton = child<QPushButton>(&pane, u"importButton"_s);
     const auto importing = [&](const QByteArray &contents) -> QString {
         writeFile(folder + u"/import.json"_s, contents);
         pane.chooseImportFile = [folder]() -> QString { return folder + u"/import.json"_s; };
         pane.importConfig();
+        if (!QTest::qWaitFor([&] { return importButton->isEnabled(); }, 20000))
+            return u"still reading"_s;
         return MessageBox::lastInformTitle() + u": "_s + MessageBox::lastText();
     };
     QVERIFY(importing("{ this is not json").startsWith(u"Import Failed: "_s));
@@ -514,6 +519,25 @@ void TestSettingsWindow::importAndExport()
     MessageBox::setNextAnswer(0);
     importing(ConfigManager::encode(data));
     QCOMPARE(m_app->store->loadRules(), data.rules);
+
+    // Arguments, profiles and private windows are each shown, and taken only
+    // when agreed to: "Rules Only" leaves them out.
+    data.browserPreferences = QList{BrowserPreference{u"safari"_s, false, u"--remote-debugging-port=9222"_s}};
+    data.rules[0].targetProfileID = u"Work"_s;
+    data.rules[1].openInPrivateWindow = true;
+    MessageBox::setNextAnswer(1);
+    importing(ConfigManager::encode(data));
+    for (const QString &item : {u"• Safari starts with the arguments: --remote-debugging-port=9222"_s,
+                                u"• 1 rule(s) open Safari in the profile “Work” (not found here)"_s,
+                                u"• 1 rule(s) open a private window: b.example → safari"_s})
+        QVERIFY2(MessageBox::lastDetail().contains(item), qPrintable(MessageBox::lastDetail()));
+    QCOMPARE(m_app->store->loadRules(), ConfigManager::withoutLaunchSettings(data).rules);
+    QVERIFY(m_app->state->launchOptions(u"safari"_s).extraArguments.isEmpty());
+    MessageBox::setNextAnswer(0);
+    importing(ConfigManager::encode(data));
+    QCOMPARE(m_app->store->loadRules(), data.rules);
+    QCOMPARE(m_app->state->launchOptions(u"safari"_s).extraArguments,
+             QStringList{u"--remote-debugging-port=9222"_s});
 
     // Export replaces an existing file and names only the file.
     const QString target = folder + u"/out/Quillvane-config.json"_s;

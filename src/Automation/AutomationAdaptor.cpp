@@ -95,9 +95,7 @@ namespace {
 
 const QString InvalidArgs = u"org.freedesktop.DBus.Error.InvalidArgs"_s;
 
-// Far beyond any real application id, name or pattern; a longer text is a
-// mistake, not a rule.
-constexpr qsizetype MaxTextLength = 4096;
+constexpr qsizetype MaxTextLength = RoutingRule::MaxTextLength;
 
 std::optional<QString> badText(const QString &what, const QString &text, bool required)
 {

@@ -38,6 +38,9 @@ struct RoutingRule
 
     // The target browser's name in a rule that asks.
     static constexpr QStringView AskName = u"Ask Every Time";
+    // Far beyond any real application id, name, pattern or profile: a longer
+    // text is a mistake, not a rule (and a pattern of megabytes costs every link).
+    static constexpr qsizetype MaxTextLength = 4096;
 
     Kind kind() const;
     // How lists and the history name the rule: "Mail + *.example.org → Firefox",

@@ -2,10 +2,14 @@
 
 #include "Platform/SystemLog.h"
 #include "Services/ExecLine.h"
+#include "Services/ProfileDiscovery.h"
 #include "Services/URLCleaner.h"
 #include "Storage/RuleStore.h"
 #include "Storage/SettingsKeys.h"
 
+#include <QFile>
+#include <QFileInfo>
+#include <QHash>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -169,6 +173,16 @@ QByteArray encode(const ExportData &data)
     return out;
 }
 
+ExportData withoutLaunchSettings(ExportData data)
+{
+    data.browserPreferences.reset();
+    for (RoutingRule &rule : data.rules) {
+        rule.targetProfileID.reset();
+        rule.openInPrivateWindow = false;
+    }
+    return data;
+}
+
 Expected<QByteArray, ConfigError> exportToJSON(RuleStore &store, const QDateTime &now)
 {
     const QByteArray bytes = encode(exportConfig(store, now));
@@ -176,8 +190,58 @@ Expected<QByteArray, ConfigError> exportToJSON(RuleStore &store, const QDateTime
     return bytes;
 }
 
+namespace {
+
+// Why the rule cannot be imported; none when it can.
+std::optional<QString> unacceptableRule(const RoutingRule &rule, qsizetype index)
+{
+    const std::pair<QStringView, QString> texts[] = {
+        {u"sourceAppBundleID", rule.sourceAppBundleID},
+        {u"sourceAppName", rule.sourceAppName},
+        {u"targetBrowserBundleID", rule.targetBrowserBundleID},
+        {u"targetBrowserName", rule.targetBrowserName},
+        {u"urlPattern", rule.urlPattern.value_or(QString())},
+        {u"targetProfileID", rule.targetProfileID.value_or(QString())}};
+    for (const auto &[member, text] : texts) {
+        if (text.size() > RoutingRule::MaxTextLength)
+            return u"rule %1: its \"%2\" is %3 characters long, more than the %4 a rule may have."_s
+                .arg(QString::number(index + 1), member, QString::number(text.size()),
+                     QString::number(RoutingRule::MaxTextLength));
+    }
+    if (rule.targetProfileID) {
+        if (const auto why = ProfileDiscovery::unusableProfileID(*rule.targetProfileID))
+            return u"rule %1: %2"_s.arg(QString::number(index + 1), *why);
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+Expected<ExportData, ConfigError> importFromFile(const QString &path)
+{
+    QFile file(path);
+    // Only a regular file: a FIFO would wait for a writer, a device never ends.
+    const QFileInfo info(path);
+    if (info.exists() && !info.isFile())
+        return decodingFailed(u"%1 is not a regular file."_s.arg(path));
+    if (info.size() > MaxDocumentBytes)
+        return decodingFailed(
+            u"the file is %1 bytes long; a configuration may have at most %2 bytes."_s.arg(
+                QString::number(info.size()), QString::number(MaxDocumentBytes)));
+    if (!file.open(QIODevice::ReadOnly))
+        return decodingFailed(u"could not read %1: %2"_s.arg(path, file.errorString()));
+    const QByteArray bytes = file.read(MaxDocumentBytes + 1);
+    if (file.error() != QFileDevice::NoError)
+        return decodingFailed(u"could not read %1: %2"_s.arg(path, file.errorString()));
+    return importFromJSON(bytes);
+}
+
 Expected<ExportData, ConfigError> importFromJSON(QByteArrayView bytes)
 {
+    if (bytes.size() > MaxDocumentBytes)
+        return decodingFailed(
+            u"the file is longer than %1 bytes, more than a configuration may have."_s.arg(
+                MaxDocumentBytes));
     QJsonParseError parseError;
     const QJsonDocument document = QJsonDocument::fromJson(bytes.toByteArray(), &parseError);
     if (parseError.error != QJsonParseError::NoError)
@@ -210,10 +274,22 @@ Expected<ExportData, ConfigError> importFromJSON(QByteArrayView bytes)
 
     ExportData data;
     const QJsonArray rules = rulesValue.toArray();
+    if (rules.size() > MaxRules)
+        return decodingFailed(
+            u"it holds %1 rules; Quillvane keeps at most %2."_s.arg(QString::number(rules.size()),
+                                                                   QString::number(MaxRules)));
+    QHash<QUuid, qsizetype> ruleAt;
     for (qsizetype i = 0; i < rules.size(); ++i) {
         auto rule = RoutingRule::fromJson(rules.at(i), i);
         if (!rule)
             return decodingFailed(rule.error().description);
+        if (const auto why = unacceptableRule(*rule, i))
+            return decodingFailed(*why);
+        if (const qsizetype first = ruleAt.value(rule->id, -1); first >= 0)
+            return decodingFailed(u"rules %1 and %2 have the same id (%3)."_s.arg(
+                QString::number(first + 1), QString::number(i + 1),
+                rule->id.toString(QUuid::WithoutBraces).toUpper()));
+        ruleAt.insert(rule->id, i);
         data.rules.append(*rule);
     }
     const QJsonValue asks = object.value(u"fallbackAsks"_s);

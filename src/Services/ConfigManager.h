@@ -18,6 +18,10 @@ class RuleStore;
 namespace ConfigManager {
 
 inline constexpr qint64 SupportedVersion = 1;
+// Beyond these a document is refused: a configuration a person made never
+// comes near them, and a larger one would cost every link and every start.
+inline constexpr qint64 MaxDocumentBytes = 4 * 1024 * 1024;
+inline constexpr qsizetype MaxRules = 10000;
 
 struct ExportData
 {
@@ -56,8 +60,17 @@ struct ConfigError
 ExportData exportConfig(RuleStore &store, const QDateTime &now = QDateTime::currentDateTimeUtc());
 Expected<QByteArray, ConfigError>
 exportToJSON(RuleStore &store, const QDateTime &now = QDateTime::currentDateTimeUtc());
-// Only reads the document; applying it is the application state's.
+// Only reads the document; applying it is the application state's. Refused:
+// beyond the limits above, rules with texts beyond RoutingRule::MaxTextLength,
+// two rules with one id, and profiles whose ids a browser would misread.
 Expected<ExportData, ConfigError> importFromJSON(QByteArrayView bytes);
+// The same, from a file (read on the caller's thread: not the one that routes).
+Expected<ExportData, ConfigError> importFromFile(const QString &path);
+
+// The document's rules and settings without what changes how a browser starts:
+// the browsers' extra arguments (left as they are), the rules' profiles and
+// private windows.
+ExportData withoutLaunchSettings(ExportData data);
 
 // The document's bytes: keys sorted, two-space indentation, " : " between key
 // and value, slashes escaped, no final line feed.

@@ -1,6 +1,7 @@
 #include "Views/ConfigPane.h"
 
 #include "App/AppState.h"
+#include "Models/DisplayText.h"
 #include "Platform/SystemLog.h"
 #include "Views/MessageBox.h"
 
@@ -10,8 +11,11 @@
 #include <QFileInfo>
 #include <QHBoxLayout>
 #include <QLabel>
+#include <QMap>
+#include <QPromise>
 #include <QPushButton>
 #include <QSaveFile>
+#include <QThreadPool>
 #include <QVBoxLayout>
 
 using namespace Qt::Literals::StringLiterals;
@@ -58,6 +62,7 @@ ConfigPane::ConfigPane(AppState &state, QWidget *parent)
     exportButton->setObjectName(u"exportButton"_s);
     auto *importButton = new QPushButton(QIcon::fromTheme(u"document-open"_s), u"Import..."_s);
     importButton->setObjectName(u"importButton"_s);
+    m_importButton = importButton;
     connect(exportButton, &QPushButton::clicked, this, &ConfigPane::exportConfig);
     connect(importButton, &QPushButton::clicked, this, &ConfigPane::importConfig);
 
@@ -121,19 +126,69 @@ void ConfigPane::importConfig()
         qCDebug(lcConfigImportExport) << "Import cancelled by user";
         return;
     }
-    QFile file(path);
-    QString failure;
-    std::optional<ConfigManager::ExportData> parsed;
-    if (!file.open(QIODevice::ReadOnly)) {
-        failure =
-            u"Could not read %1: %2"_s.arg(QDir::toNativeSeparators(path), file.errorString());
-    } else {
-        auto document = ConfigManager::importFromJSON(file.readAll());
-        if (document)
-            parsed = std::move(document).value();
-        else
-            failure = document.error().description();
+    // Read and checked on another thread: links keep routing meanwhile, however
+    // slow the disk or large the file.
+    m_importButton->setEnabled(false);
+    m_importButton->setText(u"Reading..."_s);
+    auto reading = std::make_shared<QPromise<Imported>>();
+    reading->start();
+    QThreadPool::globalInstance()->start([reading, path] {
+        reading->addResult(ConfigManager::importFromFile(path));
+        reading->finish();
+    });
+    reading->future().then(this, [this](const Imported &document) {
+        m_importButton->setEnabled(true);
+        m_importButton->setText(u"Import..."_s);
+        confirmImport(document);
+    });
+}
+
+QStringList ConfigPane::launchSettings(const ConfigManager::ExportData &config) const
+{
+    QStringList items;
+    for (const BrowserPreference &preference : config.browserPreferences.value_or(
+             QList<BrowserPreference>())) {
+        if (!preference.extraArguments.trimmed().isEmpty())
+            items.append(u"• %1 starts with the arguments: %2"_s.arg(
+                DisplayText::escapeControls(m_state.browserName(preference.browserBundleID)),
+                DisplayText::escapeControls(preference.extraArguments)));
     }
+    QMap<std::pair<QString, QString>, int> profiles;
+    QStringList privateRules;
+    for (const RoutingRule &rule : config.rules) {
+        if (rule.targetProfileID)
+            ++profiles[{rule.targetBrowserBundleID, *rule.targetProfileID}];
+        if (rule.openInPrivateWindow)
+            privateRules.append(DisplayText::escapeControls(rule.description()));
+    }
+    for (auto profile = profiles.cbegin(); profile != profiles.cend(); ++profile) {
+        const auto &[browser, id] = profile.key();
+        items.append(u"• %1 rule(s) open %2 in the profile “%3”%4"_s.arg(
+            QString::number(profile.value()), DisplayText::escapeControls(m_state.browserName(browser)),
+            DisplayText::escapeControls(id),
+            m_state.profileName(browser, id) ? QString() : u" (not found here)"_s));
+    }
+    constexpr qsizetype Shown = 20;
+    if (!privateRules.isEmpty())
+        items.append(u"• %1 rule(s) open a private window: %2%3"_s.arg(
+            QString::number(privateRules.size()), privateRules.first(Shown > privateRules.size()
+                                                                         ? privateRules.size()
+                                                                         : Shown)
+                                                      .join(u"; "_s),
+            privateRules.size() > Shown
+                ? u"; and %1 more"_s.arg(privateRules.size() - Shown)
+                : QString()));
+    return items;
+}
+
+void ConfigPane::confirmImport(const Imported &document)
+{
+    std::optional<ConfigManager::ExportData> parsed;
+    QString failure;
+    if (document)
+        parsed = *document;
+    else
+        failure = document.error().description();
     if (parsed) {
         if (const auto loop = sendsLinksToQuillvane(*parsed)) {
             failure = u"The configuration sends links to %1, which hands them back to Quillvane: "
@@ -148,13 +203,29 @@ void ConfigPane::importConfig()
     }
     qCInfo(lcConfigImportExport).noquote()
         << u"Parsed import file: %1 rule(s)"_s.arg(parsed->rules.size());
+    const QString replace =
+        u"This will replace your current %1 rule(s) with %2 imported rule(s). Continue?"_s.arg(
+            QString::number(m_state.rules().size()), QString::number(parsed->rules.size()));
+    const QStringList launches = launchSettings(*parsed);
+    if (launches.isEmpty()) {
+        if (MessageBox::ask(u"Confirm Import"_s, replace, {u"Replace"_s, u"Cancel"_s}, 1) == 0)
+            applyImport(*parsed);
+        return;
+    }
+    // What decides how a browser starts is shown item by item, and taken only
+    // when the person agrees to it too: an imported file could otherwise hand a
+    // browser any option ("--remote-debugging-port", a command to run).
     const int answer = MessageBox::ask(
         u"Confirm Import"_s,
-        u"This will replace your current %1 rule(s) with %2 imported rule(s). Continue?"_s.arg(
-            QString::number(m_state.rules().size()), QString::number(parsed->rules.size())),
-        {u"Replace"_s, u"Cancel"_s}, 1);
+        replace + u"\n\nThe configuration also sets how browsers start:\n"_s
+            + launches.join(u'\n')
+            + u"\n\n“Rules Only” imports the rules without these: no extra arguments, every "
+              "rule in its browser's usual profile and window."_s,
+        {u"Replace All"_s, u"Rules Only"_s, u"Cancel"_s}, 2);
     if (answer == 0)
         applyImport(*parsed);
+    else if (answer == 1)
+        applyImport(ConfigManager::withoutLaunchSettings(*parsed));
 }
 
 void ConfigPane::applyImport(const ConfigManager::ExportData &config)
