@@ -12,7 +12,7 @@ class LaunchPacer final
 {
 public:
     // One request's worth starts at once; then this many a second.
-    static constexpr int Burst = 100000;
+    static constexpr int Burst = 100;
     static constexpr int PerSecond = 20;
 
     // nowMs: a monotonic clock in milliseconds (tests set their own).
