@@ -577,6 +577,7 @@ void TestAutomationBus::browsersThatChangeWhileRunning()
 rule add --browser chromium --pattern bank.example --profile "Profile 1" --private | 0 |
 rule add --browser chromium --pattern x.example --profile "Profile 7" | 1 | quillvane: Chromium has no profile "Profile 7"; its profiles are: Default (Personal), Profile 1 (Work).
 rule add --browser alpha-browser --pattern x.example --private | 1 |
+rule add --browser chromium --pattern x.example --profile=--headless | 1 | quillvane: The profile “--headless” cannot be used: it begins with “-”, so the browser would take it for an option.
 )");
     const RoutingRule bank = storedRules().last();
     QVERIFY(bank.targetProfileID == u"Profile 1" && bank.openInPrivateWindow);

@@ -5,6 +5,7 @@
 #include "Services/BrowserDiscovery.h"
 #include "Services/BrowserLauncher.h"
 #include "Services/LaunchLedger.h"
+#include "Services/LaunchPacer.h"
 #include "Services/ProfileLauncher.h"
 #include "TestSupport.h"
 
@@ -246,6 +247,26 @@ private Q_SLOTS:
         QCOMPARE(ledger.recentlyHandedTo(u"https://a.example/"_s), std::nullopt);
         QVERIFY(ledger.spawn({u"/bin/b"_s, u"https://a.example/"_s}, {}, {}));
         QCOMPARE(ledger.recentlyHandedTo(u"https://a.example/"_s), u"/bin/b"_s);
+    }
+
+    // A burst of a hundred starts at once; beyond it, a start every 50 ms, each
+    // waiting for a turn promised after the ones before it.
+    void browsersStartAtAPace()
+    {
+        qint64 now = 0;
+        LaunchPacer pacer([&now] { return now; });
+        for (int i = 0; i < LaunchPacer::Burst; ++i)
+            QCOMPARE(pacer.reserve(), 0);
+        QCOMPARE(pacer.wait(), 50);
+        QCOMPARE(pacer.reserve(), 50);
+        QCOMPARE(pacer.reserve(), 100);
+        now = 100;
+        QCOMPARE(pacer.wait(), 50);
+        now = 10000;
+        QCOMPARE(pacer.wait(), 0);
+        for (int i = 0; i < LaunchPacer::Burst; ++i)
+            QCOMPARE(pacer.reserve(), 0);
+        QVERIFY(pacer.wait() > 0);
     }
 
 private:

@@ -17,6 +17,9 @@
 #include <QStandardPaths>
 #include <QTest>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 using namespace Qt::Literals::StringLiterals;
 
 namespace {
@@ -312,6 +315,44 @@ after a restart, long since booting   | r120 | 130   | no
         QVERIFY(readFile(folder + u'/' + copies.first()).contains("kept.example"));
     }
 
+    // The file, a companion or the writer's lock is something else than a
+    // regular file (a link to /dev/null or to another file, a FIFO): nothing is
+    // written through it or created beside its target, nothing waits on it, and
+    // links keep their history in memory.
+    void filesThatAreNotRegular_data()
+    {
+        addRows({u"file"_s, u"kind"_s}, uR"(
+the file, a link to another file | history.sqlite3      | link
+the write-ahead log, a FIFO      | history.sqlite3-wal  | fifo
+the shared memory, a link        | history.sqlite3-shm  | link
+)");
+    }
+    void filesThatAreNotRegular()
+    {
+        QFETCH(QString, file);
+        QFETCH(QString, kind);
+        m_database.reset();
+        QDir(QFileInfo(m_path).path()).removeRecursively();
+        const QString folder = QFileInfo(m_path).path();
+        const QString target = m_environment->path() + u"/elsewhere/target"_s;
+        writeFile(target, "untouched");
+        QVERIFY(QDir().mkpath(folder));
+        const QByteArray path = QFile::encodeName(folder + u'/' + file);
+        QCOMPARE(kind == u"fifo" ? ::mkfifo(path.constData(), 0600)
+                                 : ::symlink(QFile::encodeName(target).constData(), path.constData()),
+                 0);
+        QCOMPARE(::mkfifo(QFile::encodeName(m_path + u".lock"_s).constData(), 0600), 0);
+        m_database = std::make_unique<HistoryDatabase>(m_path);
+        QTest::ignoreMessage(QtCriticalMsg,
+                             QRegularExpression(u"^Could not write the history database .* is not "
+                                                "a regular file\\."_s));
+        record(u"https://kept.example/"_s);
+        QCOMPARE(links(HistoryStore::loadHistory(*m_database)), QStringList{u"https://kept.example/"_s});
+        QCOMPARE(readFile(target), QByteArray("untouched"));
+        QCOMPARE(QDir(QFileInfo(target).path()).entryList(QDir::Files | QDir::System),
+                 QStringList{u"target"_s});
+    }
+
     void damagedFileIsMovedAside_data()
     {
         QTest::addColumn<QString>("damage");
@@ -413,12 +454,19 @@ after a restart, long since booting   | r120 | 130   | no
         QCOMPARE(linksOnDisk(m_path), QStringList{u"https://first.example/"_s});
         // It reads the file, and its own records in front.
         QCOMPARE(HistoryStore::loadHistory(*second).size(), 3);
+        // The journal it writes all the same: what it accepts is on disk at once,
+        // and leaves once its link has opened.
+        QList<LinkJournal::Entry> accepted{entry(u"https://second.example/3"_s, {})};
+        LinkJournal::accept(*second, accepted, {});
+        QCOMPARE(journalEntries(m_path), 1);
+        HistoryStore::record(*second, someRecord(u"https://second.example/3"_s), accepted[0].id);
+        QCOMPARE(journalEntries(m_path), 0);
         // Once the first is gone, the second writes, what it held first.
         m_database.reset();
         QVERIFY(HistoryStore::flush(*second));
         QCOMPARE(linksOnDisk(m_path),
-                 (QStringList{u"https://second.example/again"_s, u"https://second.example/"_s,
-                              u"https://first.example/"_s}));
+                 (QStringList{u"https://second.example/3"_s, u"https://second.example/again"_s,
+                              u"https://second.example/"_s, u"https://first.example/"_s}));
     }
 
 private:

@@ -35,6 +35,19 @@ private Q_SLOTS:
         QVERIFY(QFile::link(target, path));
         DiagnosticLog::write(u"T", u"secret link");
         QCOMPARE(readFile(target), QByteArray("untouched"));
+        // A second name for the trail (a hard link) is not written to either.
+        QVERIFY(QFile::remove(path));
+        QCOMPARE(::link(QFile::encodeName(target).constData(), QFile::encodeName(path).constData()),
+                 0);
+        DiagnosticLog::write(u"T", u"secret link");
+        QCOMPARE(readFile(target), QByteArray("untouched"));
+        // A file Quillvane writes there for the desktop replaces the link in its place.
+        const QString script = m_environment->path() + u"/run/script.js"_s;
+        QVERIFY(QFile::link(target, script));
+        QCOMPARE(DiagnosticLog::writeRuntimeFile(script, "ours"), QString());
+        QCOMPARE(readFile(target), QByteArray("untouched"));
+        QCOMPARE(readFile(script), QByteArray("ours"));
+        QVERIFY(!QFileInfo(script).isSymLink());
         if (::geteuid() == 0) {
             QVERIFY(QFile::remove(path));
             writeFile(path, {});

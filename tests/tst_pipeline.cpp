@@ -7,6 +7,7 @@
 #include "Platform/DiagnosticLog.h"
 #include "Services/BrowserDiscovery.h"
 #include "Storage/HistoryStore.h"
+#include "Services/LaunchPacer.h"
 #include "Storage/LinkJournal.h"
 #include "Storage/SettingsKeys.h"
 #include "Storage/UserSettings.h"
@@ -277,6 +278,29 @@ private Q_SLOTS:
     // however it ends; a failure nobody waits for reaches the user as a
     // notification, once for a run of the same failure. A link routed again after a
     // restart is not counted twice.
+    // A flood waits its turn: a hundred browsers start at once, the rest at the
+    // pace, in the order the links came, and none is dropped.
+    void floodsArePaced()
+    {
+        RecordingLauncher launcher;
+        m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
+        makeState(launcher);
+        QStringList flood;
+        for (int i = 0; i < LaunchPacer::Burst + 5; ++i) {
+            flood.append(u"https://flood.example/%1"_s.arg(i));
+            route(flood.last());
+        }
+        QVERIFY(waitForRoutes(LaunchPacer::Burst));
+        // While the pacer's clock stands still, no more start.
+        QVERIFY(!QTest::qWaitFor([&] { return launcher.spawned.size() > LaunchPacer::Burst; }, 300));
+        m_monotonicMs += 5 * 1000 / LaunchPacer::PerSecond;
+        QVERIFY(waitForRoutes(LaunchPacer::Burst + 5));
+        QStringList started;
+        for (const QStringList &argv : std::as_const(launcher.spawned))
+            started.append(argv.last());
+        QCOMPARE(started, flood);
+    }
+
     void journalledLinksLeaveTheJournal()
     {
         RecordingLauncher launcher;
@@ -374,6 +398,9 @@ private:
         m_state->routeURL(link(url), std::move(source));
     }
 
+    // The pacer's clock, which stands still unless a test moves it.
+    qint64 m_monotonicMs = 0;
+
     bool waitForRoutes(int count)
     {
         return QTest::qWaitFor([&] { return m_finished->size() >= count; }, 10000)
@@ -410,6 +437,7 @@ void TestPipeline::makeState(ProcessLauncher &launcher)
     services.notify = [this](const QString &summary, const QString &body) {
         m_notifications.append({summary, body});
     };
+    services.monotonicMs = [this] { return m_monotonicMs; };
     m_state = std::make_unique<AppState>(*m_store, *m_history, services);
     m_finished = std::make_unique<QSignalSpy>(m_state.get(), &AppState::routeFinished);
 }

@@ -29,6 +29,8 @@ struct AppServices
         return URLExpander::expand(url);
     };
     std::function<QDateTime()> clock = [] { return QDateTime::currentDateTime(); };
+    // A monotonic clock in milliseconds for pacing browser starts (none: the system's).
+    std::function<qint64()> monotonicMs{};
     // Who writes the intake journal, and its clocks.
     LinkJournal::Writer journal{};
     // A browser's profiles, as its own files list them now.

@@ -252,7 +252,7 @@ private:
     AppServices m_services;
     LaunchLedger m_launches{m_services.processes};
     QTimer *m_historyRetry = nullptr;
-    LaunchPacer m_pacer;
+    LaunchPacer m_pacer{m_services.monotonicMs};
     QTimer *m_journalFreshness = nullptr;
     QList<WaitingRoute> m_waitingRoutes;
     bool m_routeStartPosted = false;

@@ -1,6 +1,7 @@
 #include "Platform/ActiveApplication.h"
 
 #include "App/BuildInfo.h"
+#include "Platform/DiagnosticLog.h"
 #include "Platform/SystemLog.h"
 #include "Platform/X11Atoms.h"
 
@@ -11,15 +12,9 @@
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
 #include <QDBusServiceWatcher>
-#include <QFile>
 #include <QSocketNotifier>
 #include <QStandardPaths>
 
-#include <cerrno>
-#include <cstring>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <xcb/xcb.h>
 
@@ -31,24 +26,6 @@ QUILLVANE_LOGGING_CATEGORY(lcActiveApplication, "ActiveApplication")
 
 namespace {
 
-// A file of Quillvane's own in the runtime folder, made anew: whatever stood in
-// its place (a link to another file, a FIFO) goes, and the new file is created,
-// never opened, so nothing is written through a link put there meanwhile.
-QString writeRuntimeFile(const QString &path, const QByteArray &contents)
-{
-    const QByteArray name = QFile::encodeName(path);
-    if (::unlink(name.constData()) != 0 && errno != ENOENT)
-        return QString::fromLocal8Bit(std::strerror(errno));
-    const int fd = ::open(name.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                          S_IRUSR | S_IWUSR);
-    if (fd < 0)
-        return QString::fromLocal8Bit(std::strerror(errno));
-    const bool written = ::write(fd, contents.constData(), size_t(contents.size()))
-                         == ssize_t(contents.size());
-    const int saved = errno;
-    ::close(fd);
-    return written ? QString() : QString::fromLocal8Bit(std::strerror(saved));
-}
 
 class NoActiveApplication final : public ActiveApplication
 {
@@ -239,7 +216,7 @@ private:
             return;
         const QString path = QStandardPaths::writableLocation(QStandardPaths::RuntimeLocation)
                              + u"/quillvane-kwin-active-window.js"_s;
-        if (const QString failure = writeRuntimeFile(path, kwinScript()); !failure.isEmpty()) {
+        if (const QString failure = DiagnosticLog::writeRuntimeFile(path, kwinScript()); !failure.isEmpty()) {
             qCWarning(lcActiveApplication).noquote()
                 << u"Cannot write KWin's script to %1: %2"_s.arg(path, failure);
             return;

@@ -6,6 +6,7 @@
 #include <QFile>
 
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -100,6 +101,25 @@ QString prefix(QStringView tag)
 }
 
 } // namespace
+
+// A file of Quillvane's own in the runtime folder, made anew: whatever stood in
+// its place (a link to another file, a FIFO) goes, and the new file is created,
+// never opened, so nothing is written through a link put there meanwhile.
+QString writeRuntimeFile(const QString &path, const QByteArray &contents)
+{
+    const QByteArray name = QFile::encodeName(path);
+    if (::unlink(name.constData()) != 0 && errno != ENOENT)
+        return QString::fromLocal8Bit(std::strerror(errno));
+    const int fd = ::open(name.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                          S_IRUSR | S_IWUSR);
+    if (fd < 0)
+        return QString::fromLocal8Bit(std::strerror(errno));
+    const bool written = ::write(fd, contents.constData(), size_t(contents.size()))
+                         == ssize_t(contents.size());
+    const int saved = errno;
+    ::close(fd);
+    return written ? QString() : QString::fromLocal8Bit(std::strerror(saved));
+}
 
 QString filePath()
 {

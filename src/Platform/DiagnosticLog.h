@@ -12,6 +12,12 @@ namespace DiagnosticLog {
 
 QString filePath();
 
+// Writes a file of Quillvane's own in the runtime folder (a script it hands the
+// desktop) anew: whatever stood in its place goes (a link to another file, a
+// FIFO), and the file is created, never opened, so nothing is written through a
+// link put there meanwhile. The reason when it failed; empty when written.
+QString writeRuntimeFile(const QString &path, const QByteArray &contents);
+
 // An empty tag writes an untagged line.
 void write(QStringView tag, QStringView message);
 // Several lines at once, in one open and one write of the file.
