@@ -104,21 +104,6 @@ private Q_SLOTS:
         QVERIFY(trail().endsWith("[T] the newest line\n"));
     }
 
-    void journalDetection()
-    {
-        struct stat info = {};
-        QCOMPARE(::fstat(STDERR_FILENO, &info), 0);
-        const QByteArray matching = QByteArray::number(qulonglong(info.st_dev)) + ':'
-                                    + QByteArray::number(qulonglong(info.st_ino));
-        for (const auto &[value, isJournal] :
-             {std::pair{matching, true}, {matching + '1', false}, {QByteArray("garbage"), false}}) {
-            qputenv("JOURNAL_STREAM", value);
-            QCOMPARE(SystemLog::stderrIsJournal(), isJournal);
-        }
-        qunsetenv("JOURNAL_STREAM");
-        QVERIFY(!SystemLog::stderrIsJournal());
-    }
-
     // Text from outside reaches log lines; it must neither steer the terminal that
     // shows them nor, in the system log, start a record of its own.
     void controlCharactersAreWrittenOut()

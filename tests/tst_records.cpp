@@ -1,5 +1,3 @@
-#include "Automation/AutomationValues.h"
-#include "Models/BrowserInfo.h"
 #include "TestSupport.h"
 
 #include <QJsonArray>
@@ -87,21 +85,6 @@ private Q_SLOTS:
                  qPrintable(rules ? u"read"_s : rules.error().description));
     }
 
-    void browserIdentity()
-    {
-        const BrowserInfo one{u"firefox"_s, u"Firefox"_s,
-                              QUrl::fromLocalFile(u"/usr/share/applications/firefox.desktop"_s)};
-        const BrowserInfo two{
-            u"firefox"_s, u"Firefox ESR"_s,
-            QUrl::fromLocalFile(u"/home/u/.local/share/applications/firefox.desktop"_s)};
-        QCOMPARE(one, two);
-        QCOMPARE((QSet<BrowserInfo>{one, two}).size(), 1);
-        QCOMPARE(BrowserInfo::fromJson(one.toJson())->path, one.path);
-        QVERIFY(!BrowserInfo::fromJson(QJsonObject{{u"bundleID"_s, u"x"_s}}));
-        const BrowserProfile profile{u"Profile 1"_s, u"Work"_s, u"google-chrome"_s};
-        QCOMPARE(*BrowserProfile::fromJson(profile.toJson()), profile);
-    }
-
     // Timestamps are seconds since 2001 as a number; absent members are left out.
     void historyRecordForm()
     {
@@ -116,25 +99,6 @@ private Q_SLOTS:
         QCOMPARE(ForwardingRecord::listFromJson(json)->first(), record);
         QVERIFY(!ForwardingRecord::listFromJson(QByteArray(json).replace("10.5", "\"10.5\"")));
         QVERIFY(!ForwardingRecord::listFromJson(QByteArray(json).replace("10.5", "1e300")));
-    }
-
-    // How scripts see a rule: the source's name, the pattern, the browser.
-    void ruleSummaries()
-    {
-        const auto summary = [](const QString &id, const QString &name,
-                                std::optional<QString> pattern) {
-            return Automation::RuleEntity::from(RoutingRule{QUuid::createUuid(), id, name,
-                                                            u"chrome"_s, u"Chrome"_s, pattern,
-                                                            std::nullopt})
-                .summary;
-        };
-        QCOMPARE(summary(u"slack"_s, u"Slack"_s, u"example.com"_s),
-                 u"Slack + example.com → Chrome"_s);
-        QCOMPARE(summary(u"slack"_s, u"Slack"_s, std::nullopt), u"Slack → Chrome"_s);
-        QCOMPARE(summary({}, u"Slack"_s, u"example.com"_s), u"example.com → Chrome"_s);
-        QCOMPARE(summary({}, {}, std::nullopt), u"→ Chrome"_s);
-        QCOMPARE(summary(u"slack"_s, {}, std::nullopt), u" → Chrome"_s);
-        QCOMPARE(summary({}, {}, u""_s), u" → Chrome"_s);
     }
 };
 

@@ -14,12 +14,10 @@
 #include "Views/MessageBox.h"
 #include "Views/SettingsWindow.h"
 #include "Views/StatusItem.h"
-#include "Views/ViewKit.h"
 
 #include <QApplication>
 #include <QCheckBox>
 #include <QComboBox>
-#include <QGlyphRun>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
@@ -29,7 +27,6 @@
 #include <QTabWidget>
 #include <QPushButton>
 #include <QTest>
-#include <QTextLayout>
 #include <QToolButton>
 
 using namespace Qt::Literals::StringLiterals;
@@ -156,38 +153,13 @@ private Q_SLOTS:
         QCOMPARE(DisplayText::escapeControls(u"a\nb\u2028c\u009b"), u"a\\x0Ab\\u{2028}c\\x9B"_s);
     }
 
-    // Everything a mouse can use, the keyboard reaches: Tab visits every enabled
-    // control of every tab, and tabs change with the usual keys wherever the
-    // focus is.
+    // Tabs change with the usual keys wherever the focus is, and a window
+    // shown again shows the tab it had.
     void keyboard()
     {
-        record(u"https://a.example/"_s, u"Mail"_s, u"Safari"_s);
         SettingsWindow window(*m_app->state, {m_app->entries, {}}, [] {});
         window.show();
         QVERIFY(QTest::qWaitForWindowActive(&window));
-        QTabWidget &tabs = window.tabs();
-        for (int tab = 0; tab < tabs.count(); ++tab) {
-            window.selectTab(tab);
-            QSet<QWidget *> controls;
-            for (QWidget *widget : tabs.currentWidget()->findChildren<QWidget *>()) {
-                // A field's own clear button is not a stop of its own.
-                if ((qobject_cast<QAbstractButton *>(widget) || qobject_cast<QComboBox *>(widget)
-                     || qobject_cast<QLineEdit *>(widget)
-                     || qobject_cast<QAbstractItemView *>(widget))
-                    && !qobject_cast<QLineEdit *>(widget->parentWidget())
-                    && widget->isVisibleTo(&window) && widget->isEnabled())
-                    controls.insert(widget);
-            }
-            tabs.tabBar()->setFocus();
-            for (int step = 0; step < 200 && !controls.isEmpty(); ++step) {
-                QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
-                controls.remove(QApplication::focusWidget());
-            }
-            for (const QWidget *control : std::as_const(controls))
-                QFAIL(qPrintable(tabs.tabText(tab) + u": "_s + control->objectName()
-                                 + u" cannot be reached with Tab"_s));
-        }
-
         window.selectTab(SettingsWindow::AppRulesTab);
         window.setFocus();
         for (const auto &[key, modifier, expected] :
@@ -231,7 +203,6 @@ private Q_SLOTS:
                               model.index(2).data(HistoryModel::RuleRole).toString()}),
                  (QStringList{u"https://three.example/a b"_s, u"https://three.example/a b"_s,
                               u"Unknown"_s, u"Mail → Safari"_s}));
-        QVERIFY(!pane.grab().isNull()); // the rows' own drawing
         // Records name what decided, where they know it: the rule as it read, the
         // fallback, the pause (drawn as a symbol, the words without it), the user.
         ForwardingRecord decided =
@@ -274,26 +245,6 @@ private Q_SLOTS:
         m_app->state->clearHistory();
         QCOMPARE(pane.findChild<QStackedWidget *>()->currentWidget()->objectName(),
                  u"historyEmptyState"_s);
-    }
-
-    void relativeTimes()
-    {
-        const QDateTime now = QDateTime::currentDateTimeUtc();
-        for (const auto &[seconds, text] : {std::pair{-3, u"just now"_s},
-                                            {-61, u"1 minute ago"_s},
-                                            {-7200, u"2 hours ago"_s},
-                                            {-86400, u"1 day ago"_s},
-                                            {-15 * 86400, u"2 weeks ago"_s},
-                                            {30, u"in the future"_s}})
-            QCOMPARE(HistoryModel::relativeTime(now.addSecs(seconds), now), text);
-
-        HistoryModel model;
-        model.setRecords({makeRecord(u"https://a.example/"_s, std::nullopt, u"Safari"_s)});
-        QSignalSpy changed(&model, &HistoryModel::dataChanged);
-        model.setNow(QDateTime::currentDateTimeUtc().addSecs(120));
-        QCOMPARE(changed.size(), 1);
-        QCOMPARE(model.index(0).data(HistoryModel::RelativeTimeRole).toString(),
-                 u"2 minutes ago"_s);
     }
 
     void generalPane()
@@ -435,21 +386,6 @@ private Q_SLOTS:
         pane.hide();
         pane.show();
         QCOMPARE(app(u"spotify"_s), u"Opens in Spotify"_s);
-    }
-
-    // The pause sign of "⏸ Pause Rules" is missing from the default Debian fonts;
-    // Quillvane's own font supplies it, where a box would be drawn instead.
-    void thePauseSignHasAGlyph()
-    {
-        ViewKit::installSymbolFont();
-        QTextLayout layout(u"⏸ Pause Rules"_s, QApplication::font());
-        layout.beginLayout();
-        layout.createLine();
-        layout.endLayout();
-        bool found = false;
-        for (const QGlyphRun &run : layout.glyphRuns(0, 1))
-            found = found || (!run.glyphIndexes().isEmpty() && run.glyphIndexes().first() != 0);
-        QVERIFY2(found, "U+23F8 has no glyph in any font Qt falls back to");
     }
 
     void importAndExport();

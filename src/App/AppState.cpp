@@ -3,6 +3,7 @@
 #include "App/BuildInfo.h"
 #include "App/RouteTask.h"
 #include "Models/DisplayText.h"
+#include "Models/HostName.h"
 #include "Platform/DiagnosticLog.h"
 #include "Platform/SystemLog.h"
 #include "Services/BrowserDiscovery.h"
@@ -387,10 +388,7 @@ QString AppState::rootDomain(const QString &pattern)
     text.remove(u"https://"_s);
     text.remove(u"http://"_s);
     text = text.section(u'/', 0, 0);
-    const QStringList parts = text.split(u'.');
-    if (parts.size() >= 2)
-        return parts[parts.size() - 2] + u'.' + parts.last();
-    return text;
+    return text.isEmpty() ? text : HostName::registrableDomain(text);
 }
 
 void AppState::setRules(QList<RoutingRule> rules)

@@ -1,9 +1,5 @@
 #pragma once
 
-#include "Models/Expected.h"
-#include "Models/JsonFields.h"
-
-#include <QJsonObject>
 #include <QString>
 #include <QUrl>
 
@@ -17,16 +13,11 @@ struct BrowserInfo
 
     const QString &id() const { return bundleID; }
 
-    QJsonObject toJson() const;
-    static Expected<BrowserInfo, DecodeError> fromJson(const QJsonValue &value);
-
     friend bool operator==(const BrowserInfo &a, const BrowserInfo &b)
     {
         return a.bundleID == b.bundleID;
     }
 };
-
-size_t qHash(const BrowserInfo &browser, size_t seed = 0);
 
 // One profile of a browser: a directory name for Chromium browsers, a profile
 // name for Firefox.
@@ -36,10 +27,5 @@ struct BrowserProfile
     QString name;
     QString browserBundleID;
 
-    QJsonObject toJson() const;
-    static Expected<BrowserProfile, DecodeError> fromJson(const QJsonValue &value);
-
     friend bool operator==(const BrowserProfile &, const BrowserProfile &) = default;
 };
-
-size_t qHash(const BrowserProfile &profile, size_t seed = 0);

@@ -1,5 +1,7 @@
 #include "Models/HostName.h"
 
+#include <libpsl.h>
+
 #include <QHostAddress>
 #include <QStringDecoder>
 #include <QStringList>
@@ -216,6 +218,13 @@ std::optional<QString> canonicalPattern(const QString &pattern)
     if (result.compare(pattern, Qt::CaseInsensitive) == 0)
         return std::nullopt;
     return result;
+}
+
+QString registrableDomain(const QString &host)
+{
+    const QByteArray name = host.toLower().toUtf8();
+    const char *registrable = psl_registrable_domain(psl_builtin(), name.constData());
+    return registrable ? QString::fromUtf8(registrable) : host.toLower();
 }
 
 } // namespace HostName

@@ -23,4 +23,9 @@ QString canonical(QStringView host);
 // None when the pattern is spelt so already, but for letter case.
 std::optional<QString> canonicalPattern(const QString &pattern);
 
+// The part of a host that one owner registered ("example.co.uk" of
+// "docs.example.co.uk"), by the Public Suffix List (libpsl's copy); the host
+// itself when it has none (an address, "localhost").
+QString registrableDomain(const QString &host);
+
 } // namespace HostName

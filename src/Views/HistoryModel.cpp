@@ -13,12 +13,6 @@ void HistoryModel::setRecords(QList<ForwardingRecord> records)
     endResetModel();
 }
 
-void HistoryModel::setNow(const QDateTime &now)
-{
-    m_now = now;
-    refreshTimes();
-}
-
 void HistoryModel::refreshTimes()
 {
     if (!m_records.isEmpty())
@@ -45,8 +39,7 @@ QVariant HistoryModel::data(const QModelIndex &index, int role) const
     case PausedRole:
         return record.decidedByPause();
     case RelativeTimeRole:
-        return relativeTime(record.timestamp,
-                            m_now.isValid() ? m_now : QDateTime::currentDateTimeUtc());
+        return relativeTime(record.timestamp, QDateTime::currentDateTimeUtc());
     case UrlRole:
     case Qt::ToolTipRole:
         return record.originalURL;

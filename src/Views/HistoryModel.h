@@ -26,8 +26,6 @@ public:
 
     void setRecords(QList<ForwardingRecord> records);
     const QList<ForwardingRecord> &records() const { return m_records; }
-    // What relative times are measured from (now, unless a test says otherwise).
-    void setNow(const QDateTime &now);
     // Relative times have moved on.
     void refreshTimes();
 
@@ -41,5 +39,4 @@ public:
 
 private:
     QList<ForwardingRecord> m_records;
-    QDateTime m_now;
 };
