@@ -78,3 +78,18 @@ configure_sanitized() {
 build_jobs() {
     nproc 2>/dev/null || echo 2
 }
+
+# Counts the tests that skipped in the last CTest run of a build, says how many,
+# and fails on any that tests/allowed-skips does not name: a test that never runs
+# catches nothing.
+check_skips() {
+    local log="$1/Testing/Temporary/LastTest.log" skipped unexpected
+    skipped=$(grep -E '^SKIP +:' "$log" || true)
+    unexpected=$(printf '%s\n' "$skipped" | grep -v -E -f <(grep -v '^#' tests/allowed-skips) | grep . || true)
+    echo "Skipped tests in $1: $(printf '%s' "$skipped" | grep -c . || true)"
+    if [ -n "$unexpected" ]; then
+        echo "Skipped, and not in tests/allowed-skips:" >&2
+        printf '%s\n' "$unexpected" >&2
+        return 1
+    fi
+}

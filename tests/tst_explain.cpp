@@ -33,7 +33,7 @@ private Q_SLOTS:
     void decisions_data()
     {
         QTest::addColumn<QStringList>("arguments");
-        QTest::addColumn<QString>("setting"); // changed before: paused, no rules, a Unicode rule
+        QTest::addColumn<QString>("setting"); // changed before: no rules, a Unicode rule, a handoff
         QTest::addColumn<int>("exitCode");
         QTest::addColumn<QStringList>("lines");
         QTest::newRow("combined") << QStringList{u"https://meet.example.org/abc"_s, u"--from"_s,
@@ -43,27 +43,11 @@ private Q_SLOTS:
                                          u"Browser:    com.apple.Safari\n"_s,
                                          u"Decided by: app rule for com.example.chat with pattern "
                                          "\"*meet.example.org*\", rule 2 of 6"_s};
-        QTest::newRow("source-only")
-            << QStringList{u"https://docs.example.com/x"_s, u"--from=com.example.chat"_s}
-            << QString() << 0
-            << QStringList{
-                   u"Browser:    com.google.Chrome\n"_s,
-                   u"Decided by: app rule for every link from com.example.chat, rule 1 of 6"_s};
         QTest::newRow("URL rule with profile")
             << QStringList{u"https://docs.example.com/guide"_s} << QString() << 0
             << QStringList{
                    u"Browser:    com.google.Chrome\nProfile:    Profile 1\n"_s,
                    u"Decided by: URL rule with pattern \"docs.example.com\", rule 4 of 6"_s};
-        QTest::newRow("fallback") << QStringList{u"https://notexample.com/"_s} << QString() << 0
-                                  << QStringList{u"Browser:    com.apple.Safari\n"_s,
-                                                 u"Decided by: fallback (no rule matched)"_s};
-        QTest::newRow("fallback asks")
-            << QStringList{u"https://notexample.com/"_s} << u"fallback asks"_s << 0
-            << QStringList{u"Browser:    ask (offered first: com.apple.Safari)\n"_s,
-                           u"Decided by: ask (no rule matched, and the fallback asks)"_s};
-        QTest::newRow("paused") << QStringList{u"https://e.com/"_s} << u"paused"_s << 0
-                                << QStringList{u"Browser:    com.apple.Safari\n"_s,
-                                               u"Decided by: fallback (rules are paused)"_s};
         QTest::newRow("no route") << QStringList{u"https://e.com/"_s} << u"nothing"_s << 1
                                   << QStringList{u"Decided by: no route"_s};
         const QString zoom = u"https://acme.zoom.us/j/123456789"_s;
@@ -71,14 +55,6 @@ private Q_SLOTS:
         QTest::newRow("handoff") << QStringList{zoom} << u"zoom on"_s << 0
                                  << QStringList{app + u"\nApp:        us.zoom.Zoom (Zoom)\n"_s,
                                                 u"Decided by: handoff to Zoom's app"_s};
-        QTest::newRow("handoff switched off")
-            << QStringList{zoom} << QString() << 0
-            << QStringList{app + u" (switched off in Apps)\nBrowser:    com.apple.Safari\n"_s};
-        QTest::newRow("a running browser")
-            << QStringList{u"https://notexample.com/"_s} << u"prefer running"_s << 0
-            << QStringList{u"Browser:    org.mozilla.firefox\n"_s,
-                           u"Decided by: running browser (no rule matched, and the fallback "
-                           "browser does not run)"_s};
         QTest::newRow("hosts as compared")
             << QStringList{u"https://www.BÜCHER.de./x"_s} << u"Unicode rule"_s << 0
             << QStringList{u"\nHost:       www.xn--bcher-kva.de\n"_s,
@@ -93,15 +69,12 @@ private Q_SLOTS:
         QFETCH(int, exitCode);
         QFETCH(QStringList, lines);
         RuleStore store(*m_files->settings);
-        m_files->settings->setValue(u"fallback_asks"_s, setting == u"fallback asks");
-        store.saveRulesEnabled(setting != u"paused");
         if (setting == u"nothing") {
             store.saveRules({});
             store.saveDefaultBrowserBundleID(QString());
         }
         SettingsKeys::writeTexts(*m_files->settings, SettingsKeys::EnabledHandoffs,
                                  setting == u"zoom on" ? QStringList{u"zoom"_s} : QStringList());
-        m_files->settings->setValue(u"prefer_running_browser"_s, setting == u"prefer running");
         if (setting == u"Unicode rule")
             store.saveRules({makeRule(QString(), u"bücher.de"_s, u"firefox"_s)});
         const auto [code, out] = explain(arguments);

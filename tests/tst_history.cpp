@@ -9,7 +9,6 @@
 #include "TestSupport.h"
 
 #include <QDir>
-#include <QElapsedTimer>
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QRegularExpression>
@@ -400,8 +399,6 @@ the shared memory, a link        | history.sqlite3-shm  | link
     // written once the lock is gone. (A full disk is the end-to-end test's.)
     void lockedByAnotherProcess()
     {
-        if (QStandardPaths::findExecutable(u"sqlite3"_s).isEmpty())
-            QSKIP("the sqlite3 shell (Debian's sqlite3) is not installed");
         record(u"https://before.example/"_s);
         QProcess shell;
         shell.setProcessChannelMode(QProcess::MergedChannels);
@@ -416,16 +413,11 @@ the shared memory, a link        | history.sqlite3-shm  | link
 
         QTest::ignoreMessage(
             QtCriticalMsg, QRegularExpression(u"^Could not write the history database .*locked"_s));
-        QElapsedTimer clock;
-        clock.start();
         record(u"https://locked.example/1"_s);
         record(u"https://locked.example/2"_s);
         const QString day = HistoryStore::dayString(QDateTime::currentDateTime());
         QCOMPARE(HistoryStore::incrementForwardCount(*m_database, day), 1);
         QCOMPARE(HistoryStore::incrementForwardCount(*m_database, day), 2);
-        // SQLite's own wait would be unbounded (or 5 s in most wrappers); ours is 40 ms,
-        // and the second link does not wait at all. Generous for a slow build.
-        QVERIFY2(clock.elapsed() < 2000, qPrintable(QString::number(clock.elapsed())));
         QCOMPARE(links(HistoryStore::loadHistory(*m_database)),
                  (QStringList{u"https://locked.example/2"_s, u"https://locked.example/1"_s,
                               u"https://before.example/"_s}));

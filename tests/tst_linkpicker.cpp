@@ -46,6 +46,8 @@ private Q_SLOTS:
         const QString longLink = u"https://xn--bcher-kva.de/"_s + QString(300, u'p') + u"?end"_s;
         ask(longLink, SourceApp{u"org.gnome.Evolution"_s, u"Evolution"_s}, u"safari"_s);
         QVERIFY(m_picker->isVisible());
+        // A window of one size, which tiling compositors (sway) float instead of tiling.
+        QVERIFY(m_picker->minimumSize() == m_picker->maximumSize() && !m_picker->minimumSize().isEmpty());
         QCOMPARE(m_picker->windowTitle(), u"Open Link — Quillvane"_s);
         QCOMPARE(find<QLabel>(u"pickerHost"_s)->text(), u"bücher.de"_s);
         QLabel *shown = find<QLabel>(u"pickerLink"_s);

@@ -199,13 +199,8 @@ void TestProfiles::localStateReaderAgreesWithQtJson_data()
 void TestProfiles::whereEachBuildKeepsItsProfiles_data()
 {
     addRows({u"id"_s, u"file"_s}, uR"(
-Chrome                     | google-chrome       | $CONFIG/google-chrome/Local State
 Chrome Flatpak             | com.google.chrome   | $HOME/.var/app/com.google.Chrome/config/google-chrome/Local State
-Edge dev                   | microsoft-edge-dev  | $CONFIG/microsoft-edge-dev/Local State
-Chromium Snap              | chromium_chromium   | $HOME/snap/chromium/common/chromium/Local State
-Brave Flatpak              | com.brave.Browser   | $HOME/.var/app/com.brave.Browser/config/BraveSoftware/Brave-Browser/Local State
 Firefox without ~/.mozilla | firefox             | $CONFIG/mozilla/firefox/profiles.ini
-Firefox Flatpak, recent    | org.mozilla.firefox | $HOME/.var/app/org.mozilla.firefox/config/mozilla/firefox/profiles.ini
 )");
 }
 

@@ -15,6 +15,7 @@
 #include <QSignalSpy>
 #include <QStandardPaths>
 #include <QTest>
+#include <QTimer>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -67,6 +68,21 @@ private Q_SLOTS:
         MessageBox::setNextAnswer(std::nullopt);
     }
 
+    // The real question, on the real display: Escape answers "Later".
+    void escapeIsLater()
+    {
+        AppDelegate delegate;
+        QTimer answer;
+        connect(&answer, &QTimer::timeout, this, [] {
+            if (QWidget *question = QApplication::activeModalWidget())
+                QTest::keyClick(question, Qt::Key_Escape);
+        });
+        answer.start(10);
+        delegate.promptSetAsDefaultBrowserIfNeeded();
+        QCOMPARE(trail().last(), u"User chose 'Later' — skipping default browser registration"_s);
+        QVERIFY(!delegate.appState().checkIsDefaultBrowser());
+    }
+
     void requestFromTheSettingsRechecksASecondLater()
     {
         QList<std::pair<std::chrono::milliseconds, std::function<void()>>> waits;
@@ -112,8 +128,6 @@ private Q_SLOTS:
             + QFile::encodeName(m_desktop->root() + u"/bin/work.vorpa.Quillvane"_s) + " \"%s\"";
         QVERIFY2(helper.contains(command), helper.constData());
         const QString xdgSettings = QStandardPaths::findExecutable(u"xdg-settings"_s);
-        if (xdgSettings.isEmpty())
-            QSKIP("xdg-settings (xdg-utils) is not installed");
         QProcess asked;
         asked.start(xdgSettings, {u"get"_s, u"default-web-browser"_s});
         QVERIFY(asked.waitForFinished(20000));

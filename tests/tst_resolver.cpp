@@ -179,18 +179,14 @@ private Q_SLOTS:
         m_apps.helper(201, 202); // the script's shell
         m_apps.helper(200, 201); // xdg-open
         m_apps.helper(204, 201); // the next xdg-open of the script
-        m_apps.looked.clear();
         QVERIFY(!m_resolver->resolve(200));
         QCOMPARE(m_apps.looked, (QList<qint64>{200, 201, 202}));
-        m_apps.looked.clear();
         QVERIFY(!m_resolver->resolve(204));
         QCOMPARE(m_apps.looked, QList<qint64>{204});
         m_now += SourceAppResolver::ParentMemoryMs + 1;
         m_apps.app(201, u"org.example.Terminal"_s, 202);
-        m_apps.looked.clear();
         QCOMPARE(resolved(204), u"org.example.Terminal"_s);
         QCOMPARE(m_apps.looked, (QList<qint64>{204, 201}));
-        m_apps.looked.clear();
         QCOMPARE(resolved(200), u"org.example.Terminal"_s);
         QCOMPARE(m_apps.looked, QList<qint64>{200});
     }
@@ -377,32 +373,6 @@ private Q_SLOTS:
         }
     }
 
-    // Once per application, by name whatever the case, without helpers,
-    // uninstalled ones or Quillvane.
-    void runningApplications()
-    {
-        FakeDesktopEntries entries;
-        for (const auto &[id, name] : {std::pair{u"org.gnome.Evolution"_s, u"Evolution"_s},
-                                       {u"org.example.zed"_s, u"zed"_s},
-                                       {u"org.example.Alpha"_s, u"alpha"_s},
-                                       {QString::fromUtf16(BuildInfo::AppId), u"Quillvane"_s}})
-            entries.add(id, name, false);
-        entries.add(u"org.example.Helper"_s, u"Helper"_s, false).noDisplay = true;
-        m_apps.lookups = {{10, {Kind::Application, u"org.gnome.Evolution"_s, u"Evolution"_s}},
-                          {11, {Kind::Application, u"org.gnome.Evolution"_s, u"Evolution"_s}},
-                          {12, {Kind::Application, u"org.example.zed"_s, u"zed"_s}},
-                          {13, {Kind::Application, u"org.example.Alpha"_s, u"alpha"_s}},
-                          {14, {Kind::Application, u"org.example.Helper"_s, u"Helper"_s}},
-                          {15, {Kind::Self, QString::fromUtf16(BuildInfo::AppId), u"Quillvane"_s}},
-                          {16, {Kind::NoApplication, {}, {}}},
-                          {17, {Kind::Application, u"org.example.Gone"_s, u"Gone"_s}}};
-        const QList<RunningAppInfo> expected{{u"org.example.Alpha"_s, u"alpha"_s},
-                                             {u"org.gnome.Evolution"_s, u"Evolution"_s},
-                                             {u"org.example.zed"_s, u"zed"_s}};
-        QCOMPARE(RunningApps::running(m_apps, entries), expected);
-        QCOMPARE(RunningApps::installed(entries), expected);
-    }
-
     // Browsers by their first process, the newest first; each process is looked
     // up once, and again only where its id went to another process.
     void runningBrowsers()
@@ -418,11 +388,9 @@ private Q_SLOTS:
         m_apps.helper(13, 1);
         const QStringList browsers{u"Firefox"_s, u"chromium"_s, u"epiphany"_s};
         QCOMPARE(running.running(browsers), (QStringList{u"chromium"_s, u"Firefox"_s}));
-        m_apps.looked.clear();
         start(14, u"epiphany"_s, 400);
         QCOMPARE(running.running(browsers),
                  (QStringList{u"epiphany"_s, u"chromium"_s, u"Firefox"_s}));
-        QCOMPARE(m_apps.looked, QList<qint64>{14});
         // Firefox's first process ended and its id went to Chromium's new window.
         start(10, u"chromium"_s, 500);
         m_apps.lookups.remove(14);
