@@ -7,7 +7,6 @@
 
 #include <QDir>
 #include <QFileInfo>
-#include <QSslServer>
 #include <QTcpSocket>
 #include <QTest>
 #include <QTimer>
@@ -304,16 +303,9 @@ URLExpander::Network testNetwork(const QHash<QString, QList<QHostAddress>> &name
     return network;
 }
 
-TestHttpServer::TestHttpServer(const QHostAddress &address,
-                               const std::optional<QSslConfiguration> &tls)
+TestHttpServer::TestHttpServer(const QHostAddress &address)
+    : m_server(std::make_unique<QTcpServer>())
 {
-    if (tls) {
-        auto server = std::make_unique<QSslServer>();
-        server->setSslConfiguration(*tls);
-        m_server = std::move(server);
-    } else {
-        m_server = std::make_unique<QTcpServer>();
-    }
     connect(m_server.get(), &QTcpServer::pendingConnectionAvailable, this,
             &TestHttpServer::onConnection);
     if (!m_server->listen(address))
@@ -326,8 +318,7 @@ QString TestHttpServer::baseUrl() const
     const QString host = address.protocol() == QAbstractSocket::IPv6Protocol
                              ? u"[%1]"_s.arg(address.toString())
                              : address.toString();
-    return u"%1://%2:%3"_s.arg(qobject_cast<QSslServer *>(m_server.get()) ? u"https"_s : u"http"_s,
-                               host, QString::number(m_server->serverPort()));
+    return u"http://%1:%2"_s.arg(host, QString::number(m_server->serverPort()));
 }
 
 void TestHttpServer::on(const QString &path, Response response)

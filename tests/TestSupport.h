@@ -14,7 +14,7 @@
 #include <QHash>
 #include <QPromise>
 #include <QSettings>
-#include <QSslConfiguration>
+#include <QHostAddress>
 #include <QTcpServer>
 #include <QTemporaryDir>
 
@@ -190,9 +190,8 @@ public:
 // internet, and the names given resolve to the addresses given, without asking DNS.
 URLExpander::Network testNetwork(const QHash<QString, QList<QHostAddress>> &names = {});
 
-// A real HTTP/1.1 server (on 127.0.0.1 unless told otherwise, over TLS when
-// given a configuration) that answers each path with a scripted response, or
-// not at all. It counts the requests it received per path.
+// A real HTTP/1.1 server (on 127.0.0.1 unless told otherwise) that answers
+// each path with a scripted response, or not at all. It counts the requests it received per path.
 class TestHttpServer final : public QObject
 {
 public:
@@ -206,8 +205,7 @@ public:
         bool trickle = false;
     };
 
-    explicit TestHttpServer(const QHostAddress &address = QHostAddress::LocalHost,
-                            const std::optional<QSslConfiguration> &tls = std::nullopt);
+    explicit TestHttpServer(const QHostAddress &address = QHostAddress::LocalHost);
 
     QString baseUrl() const;
     quint16 port() const { return m_server->serverPort(); }

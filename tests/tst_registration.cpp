@@ -39,20 +39,12 @@ private Q_SLOTS:
                     != u"work.vorpa.Quillvane"_s);
     }
 
-    // "Later" changes nothing; "Set as Default" registers for http and https (and
-    // the types browsers open), and once that is so nothing asks again.
+    // "Set as Default" registers for http and https (and the types browsers
+    // open), and once that is so nothing asks again.
     void thePromptAtStart()
     {
         AppDelegate delegate;
         QVERIFY(!delegate.appState().isSystemDefaultBrowser());
-        MessageBox::setNextAnswer(1);
-        delegate.promptSetAsDefaultBrowserIfNeeded();
-        QCOMPARE(MessageBox::lastText(), u"Set Quillvane as Default Browser?"_s);
-        QCOMPARE(trail().mid(trail().size() - 2),
-                 (QStringList{u"Not the default browser — showing prompt"_s,
-                              u"User chose 'Later' — skipping default browser registration"_s}));
-        QVERIFY(!delegate.appState().checkIsDefaultBrowser());
-
         MessageBox::setNextAnswer(0);
         delegate.promptSetAsDefaultBrowserIfNeeded();
         QCOMPARE(trail().last(),
@@ -81,28 +73,6 @@ private Q_SLOTS:
         delegate.promptSetAsDefaultBrowserIfNeeded();
         QCOMPARE(trail().last(), u"User chose 'Later' — skipping default browser registration"_s);
         QVERIFY(!delegate.appState().checkIsDefaultBrowser());
-    }
-
-    void requestFromTheSettingsRechecksASecondLater()
-    {
-        QList<std::pair<std::chrono::milliseconds, std::function<void()>>> waits;
-        AppDelegate delegate(nullptr, [&](auto delay, QObject *, std::function<void()> work) {
-            waits.append({delay, std::move(work)});
-        });
-        AppState &state = delegate.appState();
-        QSignalSpy changed(&state, &AppState::isSystemDefaultBrowserChanged);
-        state.requestSetAsDefaultBrowser();
-        QTRY_COMPARE(waits.size(), 1);
-        QVERIFY(trail().contains(
-            u"[AppState] Successfully requested default browser registration for http + https"_s));
-        // Registered, but the state looks again only once the second has passed.
-        QCOMPARE(GioDesktopEntries::instance().defaultHandler(u"https"_s),
-                 u"work.vorpa.Quillvane"_s);
-        QCOMPARE(waits.first().first, std::chrono::milliseconds(1000));
-        QVERIFY(changed.isEmpty());
-        waits.first().second();
-        QCOMPARE(changed.size(), 1);
-        QVERIFY(state.isSystemDefaultBrowser());
     }
 
     // On XFCE, xdg-settings and exo-open ask XFCE's own preferred browser: the

