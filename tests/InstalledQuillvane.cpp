@@ -93,17 +93,6 @@ qint64 InstalledQuillvane::journalEntries(const FakeDesktop &desktop)
     return ::journalEntries(historyPath(desktop));
 }
 
-void InstalledQuillvane::seedAlphaAndBeta(FakeDesktop &desktop, const QList<RoutingRule> &rules)
-{
-    desktop.addBrowser(u"alpha-browser"_s, u"Alpha"_s);
-    desktop.addBrowser(u"beta-browser"_s, u"Beta"_s);
-    auto settings = settingsToSeed(desktop);
-    RuleStore store(*settings);
-    store.saveRules(rules);
-    store.saveDefaultBrowserBundleID(u"beta-browser"_s);
-    settings->sync();
-}
-
 qint64 InstalledQuillvane::instancePid()
 {
     const auto reply = QDBusConnection::sessionBus().interface()->servicePid(AppId);

@@ -52,10 +52,6 @@ public:
     static qint64 storedForwardCount(const FakeDesktop &desktop);
     // Links accepted and not yet opened (-1 when the file cannot be read).
     static qint64 journalEntries(const FakeDesktop &desktop);
-    // Browsers Alpha and Beta installed, the rules stored, Beta the fallback:
-    // what the tray tests start from.
-    static void seedAlphaAndBeta(FakeDesktop &desktop, const QList<RoutingRule> &rules);
-
     static qint64 instancePid();
     static bool isRunning();
     // Stops the running instance and waits until its name is free.

@@ -191,14 +191,6 @@ private Q_SLOTS:
         QVERIFY(opensIn(u"fallback-browser"_s, u"https://nomatch.example/3"_s));
     }
 
-    void otherSchemesAreRefused()
-    {
-        QString errors;
-        QCOMPARE(run(program(u"quillvane-open"_s), {u"file:///etc/passwd"_s}, &errors), 1);
-        QVERIFY2(errors.contains(u"file:///etc/passwd"_s), qPrintable(errors));
-        QCOMPARE(run(program(u"quillvane"_s), {u"javascript:alert(1)"_s}, &errors), 2);
-    }
-
     // Deleted while Quillvane runs: the next change writes it again whole, so the
     // rules and the fallback survive.
     void settingsDeletedWhileRunning()

@@ -97,29 +97,6 @@ private Q_SLOTS:
         QVERIFY(!QFile::exists(m_files->environment.diagnosticLogPath()));
     }
 
-    void badInput_data()
-    {
-        QTest::addColumn<QStringList>("arguments");
-        QTest::addColumn<QString>("error");
-        QTest::newRow("no link") << QStringList() << u"\"quillvane explain\" needs a link."_s;
-        QTest::newRow("two links") << QStringList{u"https://a.com"_s, u"https://b.com"_s}
-                                   << u"takes a link, not \"https://b.com\""_s;
-        QTest::newRow("empty source") << QStringList{u"https://a.com"_s, u"--from"_s, u" "_s}
-                                      << u"--from needs an application id"_s;
-        QTest::newRow("not a web link")
-            << QStringList{u"ftp://a.com/x"_s}
-            << u"Only http and https links can be routed; this link's scheme is \"ftp\"."_s;
-    }
-
-    void badInput()
-    {
-        QFETCH(QStringList, arguments);
-        QFETCH(QString, error);
-        const auto [code, err] = explain(arguments);
-        QCOMPARE(code, 2);
-        QVERIFY2(err.startsWith(u"quillvane: "_s) && err.contains(error), qPrintable(err));
-    }
-
     void expandsOnlyShortLinksWhenAsked()
     {
         QVERIFY(

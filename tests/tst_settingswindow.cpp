@@ -153,31 +153,6 @@ private Q_SLOTS:
         QCOMPARE(DisplayText::escapeControls(u"a\nb\u2028c\u009b"), u"a\\x0Ab\\u{2028}c\\x9B"_s);
     }
 
-    // Tabs change with the usual keys wherever the focus is, and a window
-    // shown again shows the tab it had.
-    void keyboard()
-    {
-        SettingsWindow window(*m_app->state, {m_app->entries, {}}, [] {});
-        window.show();
-        QVERIFY(QTest::qWaitForWindowActive(&window));
-        window.selectTab(SettingsWindow::AppRulesTab);
-        window.setFocus();
-        for (const auto &[key, modifier, expected] :
-             {std::tuple{Qt::Key_PageDown, Qt::ControlModifier, SettingsWindow::UrlRulesTab},
-              {Qt::Key_Tab, Qt::ControlModifier, SettingsWindow::GeneralTab},
-              {Qt::Key_PageUp, Qt::ControlModifier, SettingsWindow::UrlRulesTab},
-              {Qt::Key_PageUp, Qt::ControlModifier, SettingsWindow::AppRulesTab},
-              {Qt::Key_PageUp, Qt::ControlModifier, SettingsWindow::AppsTab},
-              {Qt::Key_3, Qt::AltModifier, SettingsWindow::GeneralTab}}) {
-            QTest::keyClick(&window, key, modifier);
-            QCOMPARE(window.selectedTab(), int(expected));
-        }
-        // Closed and shown again: the same tab.
-        window.close();
-        window.show();
-        QCOMPARE(window.selectedTab(), int(SettingsWindow::GeneralTab));
-    }
-
     void historyPane()
     {
         HistoryPane pane(*m_app->state);
