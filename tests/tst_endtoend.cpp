@@ -332,8 +332,8 @@ private Q_SLOTS:
 killed at the first answer             | KILL | 0   |      | main
 killed after 40 opened                 | KILL | 40  |      | main
 killed after 140 opened                | KILL | 140 |      | main
-terminal closed, clock set back 5 s    | HUP  | 0   | -5s  | main
-terminated, clock set forward 70 s     | TERM | 40  | +70s | main
+terminal closed, clock set back 5 s    | HUP  | 0   | -5   | main
+terminated, clock set forward 70 s     | TERM | 40  | 70   | main
 a second Quillvane, killed             | KILL | 0   |      | second
 )");
     }
@@ -512,17 +512,16 @@ private:
             return {};
         return QString::fromUtf8(daemon.readLine()).trimmed();
     }
-    // Quillvane started on that bus, with the wall clock offset when asked
-    // (libfaketime: the boot-time and monotonic clocks stay true).
+    // Quillvane started on that bus, with the wall clock offset when asked (the
+    // boot-time and monotonic clocks stay true).
     std::unique_ptr<QProcess> startInstance(const QString &address, const QString &clock) const
     {
         auto instance = std::make_unique<QProcess>();
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert(u"DBUS_SESSION_BUS_ADDRESS"_s, address);
         if (!clock.isEmpty()) {
-            environment.insert(u"LD_PRELOAD"_s, QStringLiteral(QUILLVANE_FAKETIME_LIBRARY));
-            environment.insert(u"FAKETIME"_s, clock);
-            environment.insert(u"FAKETIME_DONT_FAKE_MONOTONIC"_s, u"1"_s);
+            environment.insert(u"LD_PRELOAD"_s, QStringLiteral(QUILLVANE_WALL_CLOCK_OFFSET));
+            environment.insert(u"QUILLVANE_TEST_WALL_OFFSET"_s, clock);
         }
         instance->setProcessEnvironment(environment);
         instance->start(program(u"quillvane"_s), {});

@@ -179,14 +179,18 @@ private Q_SLOTS:
         m_apps.helper(201, 202); // the script's shell
         m_apps.helper(200, 201); // xdg-open
         m_apps.helper(204, 201); // the next xdg-open of the script
+        m_apps.looked.clear();
         QVERIFY(!m_resolver->resolve(200));
         QCOMPARE(m_apps.looked, (QList<qint64>{200, 201, 202}));
+        m_apps.looked.clear();
         QVERIFY(!m_resolver->resolve(204));
         QCOMPARE(m_apps.looked, QList<qint64>{204});
         m_now += SourceAppResolver::ParentMemoryMs + 1;
         m_apps.app(201, u"org.example.Terminal"_s, 202);
+        m_apps.looked.clear();
         QCOMPARE(resolved(204), u"org.example.Terminal"_s);
         QCOMPARE(m_apps.looked, (QList<qint64>{204, 201}));
+        m_apps.looked.clear();
         QCOMPARE(resolved(200), u"org.example.Terminal"_s);
         QCOMPARE(m_apps.looked, QList<qint64>{200});
     }
