@@ -676,7 +676,14 @@ void AppState::routeURL(const Link &url, const std::optional<SourceApp> &source,
 
 void AppState::journal(QList<LinkJournal::Entry> &entries)
 {
-    LinkJournal::accept(m_history, entries, m_services.journal);
+    // Counted in the same write: one transaction a link fewer before its browser starts.
+    const std::optional<qint64> count =
+        LinkJournal::accept(m_history, entries, m_services.journal,
+                            HistoryStore::dayString(m_services.clock()));
+    if (count) {
+        m_todayForwardCount = *count;
+        Q_EMIT todayForwardCountChanged();
+    }
     keepJournalFresh();
 }
 

@@ -193,7 +193,7 @@ QStringList LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
         safe = {};
     for (qsizetype i = 0; i < links.size(); ++i) {
         debugLog(u"Routing URL: "_s + links[i].toString());
-        LinkJournal::Ticket ticket{entries[i].id, false, {}};
+        LinkJournal::Ticket ticket{entries[i].id, entries[i].counted, {}};
         if (ticket.entry == 0)
             ticket.released = [unsafe, safe] {
                 if (--*unsafe == 0 && safe)

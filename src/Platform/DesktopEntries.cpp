@@ -2,8 +2,10 @@
 
 #include "Models/DisplayText.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
+#include <QThread>
 
 #include <algorithm>
 
@@ -101,15 +103,56 @@ QList<DesktopEntry> GioDesktopEntries::handlersForScheme(const QString &scheme)
     return entries;
 }
 
+// A click asks for a few entries (the sender's candidates, the browser's), and
+// each read opens and parses a file: they are read once, and again after GIO
+// reports a change of the installed applications. Only on the thread that
+// watches for the change; elsewhere each is read as asked.
+bool GioDesktopEntries::caching()
+{
+    if (QThread::currentThread() != QCoreApplication::instance()->thread())
+        return false;
+    if (!m_monitor) {
+        m_monitor = g_app_info_monitor_get();
+        g_signal_connect_swapped(m_monitor, "changed", G_CALLBACK(+[](gpointer self) {
+                                     static_cast<GioDesktopEntries *>(self)->forget();
+                                 }),
+                                 this);
+    }
+    return true;
+}
+
+void GioDesktopEntries::forget()
+{
+    m_byId.clear();
+    m_byPath.clear();
+}
+
 std::optional<DesktopEntry> GioDesktopEntries::entry(const QString &id)
 {
+    const bool cached = QCoreApplication::instance() && caching();
+    if (cached) {
+        if (const auto known = m_byId.constFind(id); known != m_byId.cend())
+            return *known;
+    }
     const QByteArray desktopId = (id + u".desktop").toUtf8();
-    return takeEntry(g_desktop_app_info_new(desktopId.constData()));
+    std::optional<DesktopEntry> found = takeEntry(g_desktop_app_info_new(desktopId.constData()));
+    if (cached)
+        m_byId.insert(id, found);
+    return found;
 }
 
 std::optional<DesktopEntry> GioDesktopEntries::entryAt(const QString &path)
 {
-    return takeEntry(g_desktop_app_info_new_from_filename(QFile::encodeName(path).constData()));
+    const bool cached = QCoreApplication::instance() && caching();
+    if (cached) {
+        if (const auto known = m_byPath.constFind(path); known != m_byPath.cend())
+            return *known;
+    }
+    std::optional<DesktopEntry> found =
+        takeEntry(g_desktop_app_info_new_from_filename(QFile::encodeName(path).constData()));
+    if (cached)
+        m_byPath.insert(path, found);
+    return found;
 }
 
 std::optional<QString> GioDesktopEntries::defaultHandler(const QString &scheme)

@@ -2,6 +2,7 @@
 
 #include "Models/Expected.h"
 
+#include <QHash>
 #include <QList>
 #include <QString>
 #include <QStringList>
@@ -72,4 +73,12 @@ public:
     static QByteArray withSandboxExports(const QByteArray &dataDirs, const QByteArray &dataHome);
     // Does so for this process and what it starts; before anything asks GIO.
     static void includeSandboxExports();
+
+private:
+    bool caching();
+    void forget();
+
+    struct _GAppInfoMonitor *m_monitor = nullptr;
+    QHash<QString, std::optional<DesktopEntry>> m_byId;
+    QHash<QString, std::optional<DesktopEntry>> m_byPath;
 };

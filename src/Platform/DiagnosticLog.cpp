@@ -2,8 +2,11 @@
 
 #include "Models/DisplayText.h"
 
+#include <QCoreApplication>
 #include <QDateTime>
 #include <QFile>
+#include <QThread>
+#include <QTimer>
 
 #include <cerrno>
 #include <cstring>
@@ -44,7 +47,7 @@ int openTrail(const QByteArray &path, struct stat &info)
     return fd;
 }
 
-void appendToFile(const QByteArray &bytes)
+void writeNow(const QByteArray &bytes)
 {
     const QByteArray path = QFile::encodeName(filePath());
     struct stat info = {};
@@ -75,6 +78,41 @@ void appendToFile(const QByteArray &bytes)
         remaining -= written;
     }
     ::close(fd);
+}
+
+// Lines written on the main thread while its event loop runs wait, in order,
+// until the loop has nothing more urgent to do: each write costs an open, a
+// check and a close, and a link's eight lines must not delay its browser's
+// start. Elsewhere (the command line, another thread, before the loop runs)
+// they are written at once. Only the main thread touches what waits.
+QByteArray g_pending;
+bool g_flushArmed = false;
+
+bool deferring()
+{
+    const QCoreApplication *application = QCoreApplication::instance();
+    return application && QThread::currentThread() == application->thread()
+           && QThread::currentThread()->loopLevel() > 0;
+}
+
+void appendToFile(const QByteArray &bytes)
+{
+    if (!deferring()) {
+        if (QCoreApplication::instance()
+            && QThread::currentThread() == QCoreApplication::instance()->thread())
+            flush();
+        writeNow(bytes);
+        return;
+    }
+    g_pending += bytes;
+    if (std::exchange(g_flushArmed, true))
+        return;
+    static const bool atExit = [] {
+        qAddPostRoutine(&flush);
+        return true;
+    }();
+    Q_UNUSED(atExit);
+    QTimer::singleShot(0, QCoreApplication::instance(), &flush);
 }
 
 // The message, cut to MaxLineLength characters, with every control character
@@ -119,6 +157,13 @@ QString writeRuntimeFile(const QString &path, const QByteArray &contents)
     const int saved = errno;
     ::close(fd);
     return written ? QString() : QString::fromLocal8Bit(std::strerror(saved));
+}
+
+void flush()
+{
+    g_flushArmed = false;
+    if (!g_pending.isEmpty())
+        writeNow(std::exchange(g_pending, QByteArray()));
 }
 
 QString filePath()

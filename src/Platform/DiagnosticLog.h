@@ -18,10 +18,15 @@ QString filePath();
 // link put there meanwhile. The reason when it failed; empty when written.
 QString writeRuntimeFile(const QString &path, const QByteArray &contents);
 
-// An empty tag writes an untagged line.
+// An empty tag writes an untagged line. On the main thread, while its event
+// loop runs, lines wait until the loop is idle, so that they never delay a
+// browser's start; see flush().
 void write(QStringView tag, QStringView message);
 // Several lines at once, in one open and one write of the file.
 void writeLines(QStringView tag, const QStringList &messages);
+
+// Writes what waits now (at the end of the process, before reading the file).
+void flush();
 
 // The trail can be switched off; callers that build costly lines ask first.
 bool isEnabled();

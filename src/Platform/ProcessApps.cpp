@@ -17,7 +17,9 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cerrno>
 #include <dirent.h>
+#include <fcntl.h>
 #include <gio/gio.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -303,23 +305,42 @@ void LinuxProcessApps::recordLaunch(qint64 pid, const QString &originDesktopFile
 namespace {
 QByteArray readProc(const QString &proc, qint64 pid, const char *file)
 {
-    QFile handle(proc + u'/' + QString::number(pid) + u'/' + QLatin1StringView(file));
-    if (!handle.open(QIODevice::ReadOnly))
+    // open, read, close: a click reads a few dozen of these, and Qt's file
+    // class would add two status calls and a read to each.
+    const QByteArray path = QFile::encodeName(proc) + '/' + QByteArray::number(pid) + '/' + file;
+    const int fd = ::open(path.constData(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0)
         return {};
-    // Grown as the text arrives: read(limit) would allocate the whole limit for
-    // every file, and a parent chain reads a few dozen of them per link.
+    // Grown as the text arrives: a parent chain reads a few dozen of them per link.
     constexpr qsizetype Limit = 1024 * 1024;
     QByteArray text;
     char chunk[4096];
     while (text.size() < Limit) {
-        const qint64 got = handle.read(chunk, std::min<qint64>(sizeof chunk, Limit - text.size()));
+        const ssize_t got = ::read(fd, chunk, size_t(std::min<qsizetype>(sizeof chunk, Limit - text.size())));
+        if (got < 0 && errno == EINTR)
+            continue;
         if (got <= 0)
             break;
         text.append(chunk, got);
+        // /proc hands over a small file whole: a short read is its end.
+        if (got < ssize_t(sizeof chunk))
+            break;
     }
+    ::close(fd);
     return text;
 }
 } // namespace
+
+QString LinuxProcessApps::executableOf(qint64 pid) const
+{
+    const QByteArray link = QFile::encodeName(m_proc) + '/' + QByteArray::number(pid) + "/exe";
+    char target[4096];
+    const ssize_t length = ::readlink(link.constData(), target, sizeof target);
+    if (length <= 0 || length >= ssize_t(sizeof target))
+        return {};
+    // A program replaced since it started is named "<path> (deleted)".
+    return QFile::decodeName(QByteArray(target, length));
+}
 
 QByteArray LinuxProcessApps::read(qint64 pid, const char *file) const
 {
@@ -328,6 +349,12 @@ QByteArray LinuxProcessApps::read(qint64 pid, const char *file) const
 
 std::optional<QString> LinuxProcessApps::sandboxAppId(const QString &proc, qint64 pid)
 {
+    return sandboxAppId(proc, pid, readProc(proc, pid, "cgroup"));
+}
+
+std::optional<QString> LinuxProcessApps::sandboxAppId(const QString &proc, qint64 pid,
+                                                      const QByteArray &cgroup)
+{
     const QByteArray flatpakInfo = readProc(proc, pid, "root/.flatpak-info");
     for (QByteArrayView line : ProcStat::split(flatpakInfo, '\n')) {
         if (line.startsWith("name=")) {
@@ -335,7 +362,7 @@ std::optional<QString> LinuxProcessApps::sandboxAppId(const QString &proc, qint6
             return id.isEmpty() ? std::nullopt : std::optional<QString>(id);
         }
     }
-    if (auto snap = ProcStat::snapAppId(readProc(proc, pid, "cgroup")))
+    if (auto snap = ProcStat::snapAppId(cgroup))
         return snap;
     return ProcStat::snapAppIdFromLabel(readProc(proc, pid, "attr/current"));
 }
@@ -481,11 +508,11 @@ ProcessApps::Lookup LinuxProcessApps::lookup(qint64 pid)
             }
         }
         // A Flatpak or Snap sandbox names its application.
-        if (const auto sandboxed = sandboxAppId(m_proc, pid)) {
+        const QByteArray cgroup = read(pid, "cgroup");
+        if (const auto sandboxed = sandboxAppId(m_proc, pid, cgroup)) {
             if (const auto id = installedId(*sandboxed))
                 return named(*id);
         }
-        const QByteArray cgroup = read(pid, "cgroup");
         for (const QString &candidate : ProcStat::unitAppIds(cgroup)) {
             if (const auto id = installedId(candidate))
                 return named(*id);
@@ -499,14 +526,15 @@ ProcessApps::Lookup LinuxProcessApps::lookup(qint64 pid)
             if (const auto id = installedId(desktopFileId(QString::fromUtf8(*launchedFile))))
                 return named(*id);
         }
-        const QString exe = QFileInfo(QFile::decodeName(QFile::encodeName(
-                                          m_proc + u'/' + QString::number(pid) + u"/exe")))
-                                .symLinkTarget();
-        const QFileInfo exeInfo(exe);
-        if (exeInfo.canonicalPath() == m_selfExecutableDir
-            && (exeInfo.fileName() == u"quillvane" || exeInfo.fileName() == u"quillvane-open"))
+        // The kernel names the executable by its canonical path already.
+        const QString exe = executableOf(pid);
+        const qsizetype slash = exe.lastIndexOf(u'/');
+        const QStringView folder = QStringView(exe).first(std::max<qsizetype>(slash, 0));
+        const QStringView program = QStringView(exe).sliced(slash + 1);
+        if (folder == m_selfExecutableDir
+            && (program == u"quillvane" || program == u"quillvane-open"))
             return Lookup{Kind::Self, m_selfId, u"Quillvane"_s};
-        if (const auto id = idFromExecutable(exeInfo.canonicalFilePath()))
+        if (const auto id = idFromExecutable(exe))
             return named(*id);
         return Lookup{Kind::NoApplication, {}, {}};
     }();

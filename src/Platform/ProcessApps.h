@@ -98,6 +98,8 @@ public:
     // The sandbox's application id of a process (Flatpak or Snap), read from
     // /proc alone, so that any thread may ask while the process still exists.
     static std::optional<QString> sandboxAppId(const QString &proc, qint64 pid);
+    static std::optional<QString> sandboxAppId(const QString &proc, qint64 pid,
+                                               const QByteArray &cgroup);
 
     // A launch as GIO reports it (also for tests).
     void recordLaunch(qint64 pid, const QString &originDesktopFile, qint64 originPid);
@@ -114,6 +116,8 @@ private:
     std::optional<QString> idFromExecutable(const QString &exe);
     Lookup named(const QString &id);
     QByteArray read(qint64 pid, const char *file) const;
+    // The executable /proc/<pid>/exe names (empty when unreadable).
+    QString executableOf(qint64 pid) const;
 
     DesktopEntries &m_entries;
     QString m_proc;

@@ -242,9 +242,21 @@ GioProcessLauncher::spawn(const QStringList &argv, const QString &workingDirecto
     sigset_t none;
     sigemptyset(&none);
     posix_spawnattr_setsigmask(&attributes, &none);
-    sigset_t all;
-    sigfillset(&all);
-    posix_spawnattr_setsigdefault(&attributes, &all);
+    // Handlers are reset by exec anyway; what Quillvane ignores (a broken pipe)
+    // would stay ignored in the browser. Those signals only, found once: the
+    // child would otherwise make one call per signal before each start.
+    static const sigset_t ignored = [] {
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, SIGPIPE);
+        for (int signal = 1; signal < NSIG; ++signal) {
+            struct sigaction action = {};
+            if (::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN)
+                sigaddset(&set, signal);
+        }
+        return set;
+    }();
+    posix_spawnattr_setsigdefault(&attributes, &ignored);
 
     gchar **environment = childEnvironment(activationToken);
     pid_t pid = 0;

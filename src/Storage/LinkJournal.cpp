@@ -23,18 +23,25 @@ bool isRecent(const Lifetime::Instant &then, const Lifetime::Instant &now)
     return age >= 0 && age <= window;
 }
 
-void accept(HistoryDatabase &database, QList<Entry> &entries, const Writer &writer)
+std::optional<qint64> accept(HistoryDatabase &database, QList<Entry> &entries,
+                             const Writer &writer, const QString &countDay)
 {
     if (entries.isEmpty())
-        return;
+        return std::nullopt;
     const Lifetime::Instant now = writer.now();
+    // Counting writes the history's count: only its writer does.
+    const bool counting = !countDay.isEmpty() && database.isWriter();
     QList<qint64> ids;
+    qint64 count = -1;
     const bool written = database.writeJournal([&](Sqlite::Database &sql) {
         ids.clear();
+        qint64 counted = 0;
         for (const Entry &entry : std::as_const(entries)) {
+            const bool countsNow = counting && entry.kind == Kind::Open;
+            counted += countsNow ? 1 : 0;
             sql.statement("INSERT INTO intakeJournal (kind, receivedAt, url, sourceAppBundleID, "
-                          "sourceAppName, activationToken, browser, owner, bootId, sinceBootMs) "
-                          "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
+                          "sourceAppName, activationToken, browser, owner, bootId, sinceBootMs, "
+                          "counted) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
                 .bind(1, qint64(entry.kind))
                 .bind(2, JsonFields::referenceSeconds(now.wall))
                 .bind(3, entry.url)
@@ -46,14 +53,19 @@ void accept(HistoryDatabase &database, QList<Entry> &entries, const Writer &writ
                 .bind(8, writer.owner)
                 .bind(9, now.bootId)
                 .bind(10, now.sinceBootMs)
+                .bind(11, qint64(countsNow ? 1 : 0))
                 .run();
             ids.append(sql.lastInsertId());
         }
+        if (counted > 0)
+            count = HistoryDatabase::addToCount(sql, countDay, counted);
     });
     for (qsizetype i = 0; i < entries.size(); ++i) {
         entries[i].id = written ? ids.value(i) : 0;
         entries[i].receivedAt = now.wall;
+        entries[i].counted = written && counting && entries[i].kind == Kind::Open;
     }
+    return written && count >= 0 ? std::optional(count) : std::nullopt;
 }
 
 void finish(HistoryDatabase &database, qint64 id)

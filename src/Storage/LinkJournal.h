@@ -73,7 +73,11 @@ struct Writer
 bool isRecent(const Lifetime::Instant &then, const Lifetime::Instant &now);
 
 // Writes the entries in one transaction and sets their ids (0 where not written).
-void accept(HistoryDatabase &database, QList<Entry> &entries, const Writer &writer);
+// With countDay, the links to route (not the scripts' routes) also count
+// towards that day's forwards, in the same transaction, and are marked
+// counted; returns the day's new count then (none when not written or not asked).
+std::optional<qint64> accept(HistoryDatabase &database, QList<Entry> &entries,
+                             const Writer &writer, const QString &countDay = {});
 // The route of the entry has ended, whatever its outcome.
 void finish(HistoryDatabase &database, qint64 id);
 // Marks the writer's entries as young; how many it still has (-1: not written).
