@@ -1,9 +1,12 @@
 // Latency of a click, side by side in one run: the time from starting what a
 // desktop starts when a link is clicked to the browser's main(), with and
-// without Quillvane in between; Quillvane's cold start and idle memory; and
-// how long a burst of 1,000 links takes to reach the browser.
+// without Quillvane in between (each round's ratio, with the spread over the
+// rounds); Quillvane's own share, from the request's arrival to the browser's
+// start, as its trail states it for each link; its cold start and idle memory
+// (with a tray when run under an X server and trayer is installed); and how
+// long a burst of 1,000 links takes to reach the browser.
 // Runs against Quillvane installed from the build tree, on a session bus of its
-// own. Usage: latency_harness [rounds]
+// own. Usage: [xvfb-run -a] latency_harness [rounds]
 #include "HarnessSupport.h"
 
 #include <QCoreApplication>
@@ -14,7 +17,11 @@
 #include <QDBusMetaType>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
+#include <QMap>
 #include <QProcess>
+#include <QRegularExpression>
+#include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QThread>
 
@@ -72,6 +79,76 @@ qint64 instancePid()
     const auto reply =
         QDBusConnection::sessionBus().interface()->servicePid(u"work.vorpa.Quillvane"_s);
     return reply.isValid() ? qint64(reply.value()) : -1;
+}
+
+// Median and quartiles of values, as "median (first–third quartile)".
+QString spread(QList<double> values, int decimals = 2)
+{
+    std::sort(values.begin(), values.end());
+    if (values.isEmpty())
+        return u"-"_s;
+    const auto at = [&](double q) { return values.at(qsizetype(q * double(values.size() - 1) + 0.5)); };
+    return u"%1 (%2–%3)"_s.arg(QString::number(at(0.5), 'f', decimals),
+                              QString::number(at(0.25), 'f', decimals),
+                              QString::number(at(0.75), 'f', decimals));
+}
+
+QList<double> ratios(const QList<double> &of, const QList<double> &to)
+{
+    QList<double> result;
+    for (qsizetype i = 0; i < std::min(of.size(), to.size()); ++i)
+        result.append(of[i] / to[i]);
+    return result;
+}
+
+// The trail's timing lines of the links since offset ("Browser started 1.61 ms
+// after the request arrived, asked to start after 0.80 (sender 0.20, …)"), as columns.
+QMap<QString, QList<double>> instanceShare(const QString &trail, qint64 offset)
+{
+    QFile file(trail);
+    QMap<QString, QList<double>> columns;
+    if (!file.open(QIODevice::ReadOnly) || !file.seek(offset))
+        return columns;
+    static const QRegularExpression line(
+        uR"(Browser started ([0-9.]+) ms after the request arrived, asked to start after ([0-9.]+) \(([^)]*)\))"_s);
+    for (const QByteArray &raw : file.readAll().split('\n')) {
+        const auto match = line.match(QString::fromUtf8(raw));
+        if (!match.hasMatch())
+            continue;
+        columns[u"started"_s].append(match.captured(1).toDouble());
+        columns[u"asked"_s].append(match.captured(2).toDouble());
+        for (const QString &part : match.captured(3).split(u", "_s)) {
+            const QStringList nameValue = part.split(u' ');
+            if (nameValue.size() == 2)
+                columns[nameValue[0]].append(nameValue[1].toDouble());
+        }
+    }
+    return columns;
+}
+
+qint64 fileSize(const QString &path)
+{
+    return QFileInfo(path).size();
+}
+
+// Resident memory as smaps_rollup counts it: the whole (most of it pages of
+// shared libraries that every Qt program on the desktop shares), the
+// proportional share, and what is this process's own.
+QByteArray residentOf(qint64 pid)
+{
+    QFile rollup(u"/proc/%1/smaps_rollup"_s.arg(pid));
+    if (!rollup.open(QIODevice::ReadOnly))
+        return "?";
+    QMap<QByteArray, qint64> kB;
+    for (const QByteArray &line : rollup.readAll().split('\n')) {
+        const QList<QByteArray> fields = line.simplified().split(' ');
+        if (fields.size() >= 2)
+            kB[fields[0]] = fields[1].toLongLong();
+    }
+    const auto mb = [](qint64 value) { return QByteArray::number(double(value) / 1024.0, 'f', 1); };
+    return "RSS " + mb(kB.value("Rss:")) + " MB (PSS " + mb(kB.value("Pss:")) + ", private "
+           + mb(kB.value("Private_Clean:") + kB.value("Private_Dirty:")) + ", anonymous "
+           + mb(kB.value("Anonymous:")) + ")";
 }
 
 void stopInstance()
@@ -138,6 +215,15 @@ int main(int argc, char **argv)
         return clickToBrowser(clicker, {u"-c"_s, command + u"; true"_s});
     };
     QList<double> direct, forwarded, unknownAlone, unknownInBurst, gioDirect, gioQuillvane;
+    const QString trail = g_root + u"/run/Quillvane.log"_s;
+    const qint64 trailBefore = fileSize(trail);
+    QList<double> directAgain, forwardedAgain;
+    for (int i = 0; i < rounds; ++i) {
+        // Alternating, so that a slow phase of the machine hits both.
+        directAgain.append(click(browser + u' ' + url));
+        forwardedAgain.append(click(open + u' ' + url));
+    }
+    const QMap<QString, QList<double>> share = instanceShare(trail, trailBefore);
     for (int i = 0; i < rounds; ++i) {
         direct.append(click(browser + u' ' + url));
         forwarded.append(click(open + u' ' + url));
@@ -189,12 +275,29 @@ int main(int argc, char **argv)
     const qsizetype opened = linesIn(burstLog);
 
     QThread::sleep(2);
-    QFile status(u"/proc/%1/status"_s.arg(instance.processId()));
-    status.open(QIODevice::ReadOnly);
-    QByteArray rss = "?";
-    for (const QByteArray &line : status.readAll().split('\n')) {
-        if (line.startsWith("VmRSS:"))
-            rss = line.mid(6).trimmed();
+    const QByteArray rssAfterBurst = residentOf(instance.processId());
+
+    // At rest, 4 s after a start: offscreen, then on the X server with a tray.
+    const auto restingMemory = [&](const QByteArray &platform) {
+        stopInstance();
+        instance.waitForFinished(5000);
+        qputenv("QT_QPA_PLATFORM", platform);
+        instance.start(prefix + u"/bin/quillvane"_s);
+        waitForInstance();
+        QThread::sleep(4);
+        return residentOf(instance.processId());
+    };
+    const QByteArray rssOffscreen = restingMemory("offscreen");
+    QByteArray rssNoTray = "-", rssTray = "-";
+    QProcess trayer;
+    if (qEnvironmentVariableIsSet("DISPLAY")) {
+        rssNoTray = restingMemory("xcb");
+        if (!QStandardPaths::findExecutable(u"trayer"_s).isEmpty()) {
+            trayer.start(u"trayer"_s, {});
+            trayer.waitForStarted();
+            QThread::sleep(1);
+            rssTray = restingMemory("xcb");
+        }
     }
 
     std::printf("rounds: %d (medians, milliseconds from a click in an application to the browser's "
@@ -203,17 +306,30 @@ int main(int argc, char **argv)
     std::printf("fake browser started directly        %7.2f\n", median(direct));
     std::printf("quillvane-open URL                   %7.2f  (+%.2f, %.1fx)\n", median(forwarded),
                 median(forwarded) - median(direct), median(forwarded) / median(direct));
+    std::printf("  back to back, alternating: direct %s, quillvane-open %s ms; ratio per round "
+                "%s (median, quartiles)\n",
+                qPrintable(spread(directAgain)), qPrintable(spread(forwardedAgain)),
+                qPrintable(spread(ratios(forwardedAgain, directAgain))));
+    std::printf("  Quillvane's own share, request arrived to browser started (%lld links), ms:\n",
+                static_cast<long long>(share.value(u"started"_s).size()));
+    for (auto column = share.cbegin(); column != share.cend(); ++column)
+        std::printf("    %-10s %s\n", qPrintable(column.key()), qPrintable(spread(column.value(), 3)));
     std::printf("  from no application                %7.2f  (+%.2f, %.1fx)\n", median(unknownAlone),
                 median(unknownAlone) - median(direct), median(unknownAlone) / median(direct));
     std::printf("  the same, next link of a burst     %7.2f  (+%.2f, %.1fx)\n",
                 median(unknownInBurst), median(unknownInBurst) - median(direct),
                 median(unknownInBurst) / median(direct));
     std::printf("gio open, fake browser as default    %7.2f\n", median(gioDirect));
-    std::printf("gio open, Quillvane as default       %7.2f  (+%.2f)\n", median(gioQuillvane),
-                median(gioQuillvane) - median(gioDirect));
+    std::printf("gio open, Quillvane as default       %7.2f  (+%.2f, %.2fx; per round %s)\n",
+                median(gioQuillvane), median(gioQuillvane) - median(gioDirect),
+                median(gioQuillvane) / median(gioDirect),
+                qPrintable(spread(ratios(gioQuillvane, gioDirect))));
     std::printf("first link, Quillvane not running    %7.2f  (D-Bus activation)\n", firstLink);
     std::printf("cold start to the bus name owned     %7.2f\n", nameOwned);
-    std::printf("instance memory after the run (RSS)  %s (no tray yet)\n", rss.constData());
+    std::printf("memory after the burst: %s\nat rest, 4 s after a start:\n  offscreen %s\n"
+                "  X server %s\n  X server with a tray %s\n",
+                rssAfterBurst.constData(), rssOffscreen.constData(), rssNoTray.constData(),
+                rssTray.constData());
     std::printf("burst of 1,000 links (100 requests)  %7.1f  all answered (%d of 100)\n",
                 allAnswered, answered);
     std::printf("                                     %7.1f  all %lld started in the browser\n",
@@ -221,6 +337,8 @@ int main(int argc, char **argv)
 
     instance.terminate();
     instance.waitForFinished(5000);
+    trayer.terminate();
+    trayer.waitForFinished(5000);
     bus.terminate();
     bus.waitForFinished(5000);
     return 0;

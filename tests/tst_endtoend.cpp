@@ -112,6 +112,7 @@ private Q_SLOTS:
         QCOMPARE(RuleStore(*stored()).loadRules().size(), 3);
         QCOMPARE(InstalledQuillvane::journalEntries(*m_desktop), 0);
         QVERIFY(trail().contains("] Routing URL: https://example.com/first?utm_source=x\n"));
+        QVERIFY(trail().contains(" ms after the request arrived, asked to start after "));
         // Not the default browser, and no display to ask on: nothing waits for an answer.
         QVERIFY(trail().contains("] No display — skipping default browser prompt\n"));
         // From now on the desktop hands links to Quillvane.
@@ -567,6 +568,7 @@ gio open               | fake-mail | gio open https://example.com/via-gio       
 xdg-open               | fake-chat | DISPLAY=:0 xdg-open https://example.com/via-xdg      | chat-browser |
 quillvane typed        | fake-mail | $BIN/quillvane https://example.com/typed             | mail-browser |
 bus, with a token      | fake-mail | gdbus call --session --dest work.vorpa.Quillvane --object-path /work/vorpa/Quillvane --method org.freedesktop.Application.Open "['https://example.com/by-dbus']" "{'activation-token': <'token-42'>}" | mail-browser | token-42
+bus, claiming init     | fake-mail | gdbus call --session --dest work.vorpa.Quillvane --object-path /work/vorpa/Quillvane --method org.freedesktop.Application.Open "['https://example.com/false-claim']" "{'sender-pid': <uint32 1>}" | mail-browser |
 )");
 }
 

@@ -64,6 +64,7 @@ void LinkIntake::Activate(const QVariantMap &)
 
 void LinkIntake::Open(const QStringList &uris, const QVariantMap &platformData)
 {
+    const qint64 arrived = LinkTiming::nowNs();
     // The trail keeps its shape, but not megabytes of one request.
     QStringList quoted;
     for (const QString &uri : uris.first(std::min(uris.size(), MaxLinksPerRequest)))
@@ -72,7 +73,7 @@ void LinkIntake::Open(const QStringList &uris, const QVariantMap &platformData)
                                                                        quoted.join(u", "_s)));
     const QString token = activationToken(platformData);
     if (!calledFromDBus()) {
-        handleURLs(uris, -1, token);
+        handleURLs(uris, -1, token, {}, arrived);
         return;
     }
     // The bus says who called; the question is asked without waiting, so that
@@ -86,13 +87,27 @@ void LinkIntake::Open(const QStringList &uris, const QVariantMap &platformData)
                                        u"org.freedesktop.DBus"_s, u"GetConnectionUnixProcessID"_s);
     whoCalled << call.service();
     auto *watcher = new QDBusPendingCallWatcher(bus.asyncCall(whoCalled), this);
+    // Our forwarder says which process it is: its application is looked up
+    // while the bus answers, and used only if the bus names the same process.
+    const qint64 claimed = platformData.value(u"sender-pid"_s).toLongLong();
+    std::optional<SourceApp> guessed;
+    if (claimed > 0)
+        guessed = sourceOf(uris, claimed);
     connect(watcher, &QDBusPendingCallWatcher::finished, this,
-            [this, bus, call, uris, token](QDBusPendingCallWatcher *answered) mutable {
+            [this, bus, call, uris, token, arrived, claimed,
+             guessed](QDBusPendingCallWatcher *answered) mutable {
                 answered->deleteLater();
                 const QDBusPendingReply<uint> pid = *answered;
-                const QStringList refused =
-                    handleURLs(uris, pid.isValid() ? qint64(pid.value()) : -1, token,
-                               [bus, call]() mutable { bus.send(call.createReply()); });
+                const qint64 sender = pid.isValid() ? qint64(pid.value()) : -1;
+                std::optional<std::optional<SourceApp>> resolved;
+                if (claimed > 0 && sender == claimed)
+                    resolved = guessed;
+                else if (claimed > 0)
+                    debugLog(u"The sender claimed process %1, the bus says %2"_s.arg(
+                        QString::number(claimed), QString::number(sender)));
+                const QStringList refused = handleURLs(
+                    uris, sender, token, [bus, call]() mutable { bus.send(call.createReply()); },
+                    arrived, resolved);
                 if (refused.isEmpty())
                     return;
                 if (uris.size() > MaxLinksPerRequest)
@@ -102,6 +117,18 @@ void LinkIntake::Open(const QStringList &uris, const QVariantMap &platformData)
                                                    u"Quillvane refused these links: "_s
                                                        + refused.join(u"; "_s)));
             });
+}
+
+std::optional<SourceApp> LinkIntake::sourceOf(const QStringList &uris, qint64 pid)
+{
+    std::optional<SourceApp> source;
+    if (m_openRequests)
+        source = m_openRequests->sourceOf(uris, pid);
+    if (!source)
+        source = m_resolver.resolve(pid);
+    debugLog(DisplayText::escapeControls(u"Resolved source app: %1 (%2)"_s.arg(
+        source ? source->name : u"nil"_s, source ? source->bundleID : u"nil"_s)));
+    return source;
 }
 
 void LinkIntake::ActivateAction(const QString &actionName, const QVariantList &,
@@ -120,8 +147,13 @@ void LinkIntake::ActivateAction(const QString &actionName, const QVariantList &,
 }
 
 QStringList LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
-                                   const QString &activationToken, std::function<void()> safe)
+                                   const QString &activationToken, std::function<void()> safe,
+                                   qint64 arrivedNs,
+                                   std::optional<std::optional<SourceApp>> resolved)
 {
+    LinkTiming timing{arrivedNs, {}};
+    if (timing.known())
+        timing.mark(LinkTiming::SenderKnown);
     // A stray script or a paste gone wrong must not start a browser thousands of times.
     if (uris.size() > MaxLinksPerRequest) {
         const QString refusal =
@@ -170,18 +202,17 @@ QStringList LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
     if (senderPid < 1) {
         debugLog(u"No valid sender PID"_s);
     } else {
-        if (m_openRequests)
-            source = m_openRequests->sourceOf(uris, senderPid);
-        if (!source)
-            source = m_resolver.resolve(senderPid);
-        debugLog(DisplayText::escapeControls(u"Resolved source app: %1 (%2)"_s.arg(
-            source ? source->name : u"nil"_s, source ? source->bundleID : u"nil"_s)));
+        source = resolved ? *resolved : sourceOf(uris, senderPid);
+        if (timing.known())
+            timing.mark(LinkTiming::SourceFound);
     }
     QList<LinkJournal::Entry> entries;
     for (const Link &link : std::as_const(links))
         entries.append({0, LinkJournal::Kind::Open, {}, link.toString(), source, activationToken,
                         QString(), false});
     m_state.journal(entries);
+    if (timing.known())
+        timing.mark(LinkTiming::Journalled);
     // A link the journal did not take (a full or read-only disk) is safe only
     // once its browser has it: until then its sender waits, and hears of a
     // Quillvane that dies in between.
@@ -193,7 +224,7 @@ QStringList LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
         safe = {};
     for (qsizetype i = 0; i < links.size(); ++i) {
         debugLog(u"Routing URL: "_s + links[i].toString());
-        LinkJournal::Ticket ticket{entries[i].id, entries[i].counted, {}};
+        LinkJournal::Ticket ticket{entries[i].id, entries[i].counted, {}, timing};
         if (ticket.entry == 0)
             ticket.released = [unsafe, safe] {
                 if (--*unsafe == 0 && safe)

@@ -1,11 +1,14 @@
 #pragma once
 
+#include "Models/RoutingRule.h"
+
 #include <QDBusContext>
 #include <QObject>
 #include <QStringList>
 #include <QVariantMap>
 
 #include <functional>
+#include <optional>
 
 class AppState;
 class OpenRequestSources;
@@ -30,9 +33,13 @@ public:
     // more than MaxLinksPerRequest are all refused, with one reason.
     // When none is refused, safe is called once every link is safe to say
     // Quillvane has it, even if it is killed: in the journal (at once, as a
-    // rule), or else in its browser's hands.
+    // rule), or else in its browser's hands. arrivedNs: when the request
+    // arrived (LinkTiming's clock), for the trail's timing of each link;
+    // resolved: the sender's application, when already looked up.
     QStringList handleURLs(const QStringList &uris, qint64 senderPid,
-                           const QString &activationToken, std::function<void()> safe = {});
+                           const QString &activationToken, std::function<void()> safe = {},
+                           qint64 arrivedNs = 0,
+                           std::optional<std::optional<SourceApp>> resolved = std::nullopt);
 
     // Links that brokers of the desktop hand on are credited to the
     // application that asked them (none: only the sender is resolved).
@@ -54,6 +61,9 @@ public Q_SLOTS:
                         const QVariantMap &platformData);
 
 private:
+    // The application of the sender (a broker's request first), traced.
+    std::optional<SourceApp> sourceOf(const QStringList &uris, qint64 pid);
+
     AppState &m_state;
     SourceAppResolver &m_resolver;
     OpenRequestSources *m_openRequests = nullptr;

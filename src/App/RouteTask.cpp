@@ -102,7 +102,13 @@ LaunchOptions RouteTask::launchOptions(const QString &browserID, const QString &
     // Recorded as the browser starts, in the order links arrive, with the
     // journal entry ended in the same step: a Quillvane killed while the
     // verdict is pending must not open the link a second time.
+    if (m_ticket.timing.known())
+        options.spawning = [this] { m_ticket.timing.mark(LinkTiming::Spawning); };
     options.started = [this, browserID, browserName, profileID] {
+        if (m_ticket.timing.known()) {
+            m_ticket.timing.mark(LinkTiming::Started);
+            debugLog(m_ticket.timing.describe());
+        }
         recordOpened(browserID, browserName, profileID);
     };
     return options;
@@ -154,6 +160,8 @@ void RouteTask::route()
 {
     // Rules, browsers and the fallback as they are now, after any wait.
     RoutePlanner::decide(m_plan, m_state.routeSettings(), m_policy);
+    if (m_ticket.timing.known())
+        m_ticket.timing.mark(LinkTiming::Decided);
     if (!m_plan.trail.isEmpty())
         DiagnosticLog::writeLines(u"URLRouter", m_plan.trail);
     const std::optional<RouteResult> &result = m_plan.result;

@@ -122,6 +122,8 @@ QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const LaunchP
     const QStringList command = ExecLine::forLink(*argv, *entry, url.toString(), beforeLink);
     if (const auto refused = ExecLine::linkRunsAsCode(command, url.toString(), path))
         return QtFuture::makeReadyFuture<Outcome>(openFailed(browser, *refused));
+    if (options.spawning)
+        options.spawning();
     auto spawned = platform.processes.spawn(command, entry->workingDirectory, options.activationToken);
     if (!spawned)
         return QtFuture::makeReadyFuture<Outcome>(openFailed(browser, spawned.error()));

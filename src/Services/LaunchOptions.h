@@ -17,4 +17,6 @@ struct LaunchOptions
     // Called once the browser's process is running, before its verdict: from
     // then on the link is the browser's, whatever the verdict says.
     std::function<void()> started;
+    // Called as its process is asked for, for the trail's timing.
+    std::function<void()> spawning;
 };

@@ -108,6 +108,8 @@ QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const QString
         return QtFuture::makeReadyFuture<Outcome>(
             LaunchError{LaunchError::Kind::LaunchFailed, {}, *refused, {}});
     }
+    if (options.spawning)
+        options.spawning();
     auto spawned =
         platform.processes.spawn(command, entry->workingDirectory, options.activationToken);
     if (!spawned) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Models/LinkTiming.h"
 #include "Models/RoutingRule.h"
 #include "Platform/Lifetime.h"
 #include "Storage/HistoryDatabase.h"
@@ -58,6 +59,7 @@ struct Ticket
     // For a link that is not journalled: called once it is safe all the same
     // (its browser has it) or its route has ended.
     std::function<void()> released{};
+    LinkTiming timing{};
 };
 
 // The process that writes entries, and how it tells time and whether another
