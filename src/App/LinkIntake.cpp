@@ -5,6 +5,7 @@
 #include "Automation/BusNames.h"
 #include "Automation/SettingsActions.h"
 #include "Models/DisplayText.h"
+#include "Platform/BusPeers.h"
 #include "Platform/DiagnosticLog.h"
 #include "Services/OpenRequestSources.h"
 #include "Services/SourceAppResolver.h"
@@ -76,47 +77,61 @@ void LinkIntake::Open(const QStringList &uris, const QVariantMap &platformData)
         handleURLs(uris, -1, token, {}, arrived);
         return;
     }
-    // The bus says who called; the question is asked without waiting, so that
-    // links already here keep opening while a busy bus answers. The caller
-    // waits for the reply, so it is still there to be resolved.
+    // The bus says who called. Our forwarder says which process it is: its
+    // application is looked up while the bus answers, and used only if the bus
+    // names the same process. The caller waits for the reply, so it is still
+    // there to be resolved.
     setDelayedReply(true);
     const QDBusMessage call = message();
     QDBusConnection bus = connection();
+    const qint64 claimed = platformData.value(u"sender-pid"_s).toLongLong();
+    std::optional<SourceApp> guessed;
+    const auto guess = [&] {
+        if (claimed > 0)
+            guessed = sourceOf(uris, claimed);
+    };
+    // Asked and answered on this thread, past Qt's bus thread: a click's
+    // answer is a round trip to the bus. A bus that is slow to answer is asked
+    // again without waiting, so that links already here keep opening.
+    if (const auto sender = BusPeers::processOf(call.service().toUtf8(), guess, QuickAnswerMs)) {
+        opened(bus, call, uris, token, arrived, *sender, claimed, guessed);
+        return;
+    }
     QDBusMessage whoCalled =
         QDBusMessage::createMethodCall(u"org.freedesktop.DBus"_s, u"/org/freedesktop/DBus"_s,
                                        u"org.freedesktop.DBus"_s, u"GetConnectionUnixProcessID"_s);
     whoCalled << call.service();
     auto *watcher = new QDBusPendingCallWatcher(bus.asyncCall(whoCalled), this);
-    // Our forwarder says which process it is: its application is looked up
-    // while the bus answers, and used only if the bus names the same process.
-    const qint64 claimed = platformData.value(u"sender-pid"_s).toLongLong();
-    std::optional<SourceApp> guessed;
-    if (claimed > 0)
-        guessed = sourceOf(uris, claimed);
     connect(watcher, &QDBusPendingCallWatcher::finished, this,
             [this, bus, call, uris, token, arrived, claimed,
              guessed](QDBusPendingCallWatcher *answered) mutable {
                 answered->deleteLater();
                 const QDBusPendingReply<uint> pid = *answered;
-                const qint64 sender = pid.isValid() ? qint64(pid.value()) : -1;
-                std::optional<std::optional<SourceApp>> resolved;
-                if (claimed > 0 && sender == claimed)
-                    resolved = guessed;
-                else if (claimed > 0)
-                    debugLog(u"The sender claimed process %1, the bus says %2"_s.arg(
-                        QString::number(claimed), QString::number(sender)));
-                const QStringList refused = handleURLs(
-                    uris, sender, token, [bus, call]() mutable { bus.send(call.createReply()); },
-                    arrived, resolved);
-                if (refused.isEmpty())
-                    return;
-                if (uris.size() > MaxLinksPerRequest)
-                    bus.send(call.createErrorReply(BusNames::Error::TooManyLinks, refused.first()));
-                else
-                    bus.send(call.createErrorReply(BusNames::Error::InvalidLink,
-                                                   u"Quillvane refused these links: "_s
-                                                       + refused.join(u"; "_s)));
+                opened(bus, call, uris, token, arrived, pid.isValid() ? qint64(pid.value()) : -1,
+                       claimed, guessed);
             });
+}
+
+void LinkIntake::opened(QDBusConnection bus, const QDBusMessage &call, const QStringList &uris,
+                        const QString &token, qint64 arrived, qint64 sender, qint64 claimed,
+                        const std::optional<SourceApp> &guessed)
+{
+    std::optional<std::optional<SourceApp>> resolved;
+    if (claimed > 0 && sender == claimed)
+        resolved = guessed;
+    else if (claimed > 0)
+        debugLog(u"The sender claimed process %1, the bus says %2"_s.arg(
+            QString::number(claimed), QString::number(sender)));
+    const QStringList refused = handleURLs(
+        uris, sender, token, [bus, call]() mutable { bus.send(call.createReply()); }, arrived,
+        resolved);
+    if (refused.isEmpty())
+        return;
+    if (uris.size() > MaxLinksPerRequest)
+        bus.send(call.createErrorReply(BusNames::Error::TooManyLinks, refused.first()));
+    else
+        bus.send(call.createErrorReply(BusNames::Error::InvalidLink,
+                                       u"Quillvane refused these links: "_s + refused.join(u"; "_s)));
 }
 
 std::optional<SourceApp> LinkIntake::sourceOf(const QStringList &uris, qint64 pid)

@@ -2,7 +2,9 @@
 
 #include "Models/RoutingRule.h"
 
+#include <QDBusConnection>
 #include <QDBusContext>
+#include <QDBusMessage>
 #include <QObject>
 #include <QStringList>
 #include <QVariantMap>
@@ -61,6 +63,13 @@ public Q_SLOTS:
                         const QVariantMap &platformData);
 
 private:
+    // How long a click waits on this thread for the bus to name its sender.
+    static constexpr int QuickAnswerMs = 50;
+
+    // The call's links, its sender known (-1: the bus did not say).
+    void opened(QDBusConnection bus, const QDBusMessage &call, const QStringList &uris,
+                const QString &token, qint64 arrived, qint64 sender, qint64 claimed,
+                const std::optional<SourceApp> &guessed);
     // The application of the sender (a broker's request first), traced.
     std::optional<SourceApp> sourceOf(const QStringList &uris, qint64 pid);
 
