@@ -196,7 +196,11 @@ int main(int argc, char **argv)
     startSessionBus(bus, g_root, prefix);
 
     const QString open = prefix + u"/bin/quillvane-open"_s;
-    const QString url = u"https://example.com/article?id=1"_s;
+    // A link of its own for every click: the same link again within seconds is
+    // checked for a routing loop (is its sender a browser Quillvane just started?).
+    int clicks = 0;
+    const auto nextLink = [&clicks] { return u"https://example.com/article?id=%1"_s.arg(++clicks); };
+    const QString url = nextLink();
 
     // Cold: the first link starts Quillvane through D-Bus activation.
     const double firstLink = clickToBrowser(open, {url});
@@ -220,23 +224,23 @@ int main(int argc, char **argv)
     QList<double> directAgain, forwardedAgain;
     for (int i = 0; i < rounds; ++i) {
         // Alternating, so that a slow phase of the machine hits both.
-        directAgain.append(click(browser + u' ' + url));
-        forwardedAgain.append(click(open + u' ' + url));
+        directAgain.append(click(browser + u' ' + nextLink()));
+        forwardedAgain.append(click(open + u' ' + nextLink()));
     }
     const QMap<QString, QList<double>> share = instanceShare(trail, trailBefore);
     for (int i = 0; i < rounds; ++i) {
-        direct.append(click(browser + u' ' + url));
-        forwarded.append(click(open + u' ' + url));
+        direct.append(click(browser + u' ' + nextLink()));
+        forwarded.append(click(open + u' ' + nextLink()));
         // The same from a process of no application (a script's shell): the
         // first link of a burst, then one right after it.
         QThread::msleep(1600);
-        unknownAlone.append(clickToBrowser(u"/bin/sh"_s, {u"-c"_s, open + u' ' + url + u"; true"_s}));
+        unknownAlone.append(clickToBrowser(u"/bin/sh"_s, {u"-c"_s, open + u' ' + nextLink() + u"; true"_s}));
         unknownInBurst.append(
-            clickToBrowser(u"/bin/sh"_s, {u"-c"_s, open + u' ' + url + u"; true"_s}));
+            clickToBrowser(u"/bin/sh"_s, {u"-c"_s, open + u' ' + nextLink() + u"; true"_s}));
         setDefault(u"fake-browser.desktop"_s);
-        gioDirect.append(click(u"gio open "_s + url));
+        gioDirect.append(click(u"gio open "_s + nextLink()));
         setDefault(u"work.vorpa.Quillvane.desktop"_s);
-        gioQuillvane.append(click(u"gio open "_s + url));
+        gioQuillvane.append(click(u"gio open "_s + nextLink()));
     }
 
     // A burst: 1,000 links in 100 requests of ten, all sent at once, until the
