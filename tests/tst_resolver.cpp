@@ -1,4 +1,5 @@
 #include "App/BuildInfo.h"
+#include "Platform/CompositorFocus.h"
 #include "Platform/ProcessApps.h"
 #include "Services/OpenRequestSources.h"
 #include "Services/RunningApps.h"
@@ -6,6 +7,11 @@
 #include "Services/SourceAppResolver.h"
 #include "TestSupport.h"
 
+#include <QDir>
+#include <QLocalServer>
+#include <QLocalSocket>
+#include <QSignalSpy>
+#include <QScopeGuard>
 #include <QTest>
 
 #include <unistd.h>
@@ -131,6 +137,93 @@ private Q_SLOTS:
         m_now += SourceAppResolver::BurstWindowMs;
         m_active.visible.clear();
         QVERIFY(!m_resolver->resolve(0));
+    }
+
+    // Hyprland's sockets as Hyprland serves them: events on one, each answered
+    // by asking the other for the window; a socket of another user is not used.
+    void hyprlandSockets()
+    {
+        TestEnvironment environment;
+        const QString folder = environment.path() + u"/run/hypr/sig-1"_s;
+        QVERIFY(QDir().mkpath(folder));
+        qputenv("XDG_RUNTIME_DIR", QFile::encodeName(environment.path() + u"/run"_s));
+        qputenv("HYPRLAND_INSTANCE_SIGNATURE", "sig-1");
+        const auto restore = qScopeGuard([] { qunsetenv("HYPRLAND_INSTANCE_SIGNATURE"); });
+        QLocalServer events, requests;
+        QVERIFY(events.listen(folder + u"/.socket2.sock"_s));
+        QVERIFY(requests.listen(folder + u"/.socket.sock"_s));
+        QByteArray window = R"({"address":"0x55aa","class":"Chat","title":"x","pid":4242})";
+        connect(&requests, &QLocalServer::newConnection, this, [&] {
+            QLocalSocket *asked = requests.nextPendingConnection();
+            connect(asked, &QLocalSocket::readyRead, asked, [asked, &window] {
+                if (asked->readAll() == "j/activewindow") {
+                    asked->write(window);
+                    asked->disconnectFromServer();
+                }
+            });
+        });
+        std::unique_ptr<ActiveApplication> focus = CompositorFocus::create();
+        QVERIFY(focus && !focus->activeAppId());
+        QSignalSpy activated(focus.get(), &ActiveApplication::activated);
+        focus->startWatching();
+        // What has the focus at the start, then each change.
+        QTRY_COMPARE(activated.size(), 1);
+        QCOMPARE(activated.takeFirst(), (QVariantList{qint64(4242), u"Chat"_s}));
+        QTRY_VERIFY(events.hasPendingConnections());
+        QLocalSocket *feed = events.nextPendingConnection();
+        window = R"({"class":"tunes-window","pid":77})";
+        feed->write("workspace>>2\nactivewindow>>tunes-window,Tunes\nactivewindowv2>>55ab\n");
+        QTRY_COMPARE(activated.size(), 1);
+        QCOMPARE(activated.takeFirst(), (QVariantList{qint64(77), u"tunes-window"_s}));
+        QCOMPARE(*focus->activePid(), 77);
+
+        QCOMPARE(CompositorFocus::refusal(folder + u"/none"_s), folder + u"/none is not there (yet)"_s);
+        QVERIFY(CompositorFocus::refusal(folder).endsWith(u"is not a socket: not used"_s));
+        if (::geteuid() == 0) {
+            QCOMPARE(::chown(QFile::encodeName(folder + u"/.socket.sock"_s).constData(), 65534, 65534), 0);
+            QVERIFY(CompositorFocus::refusal(folder + u"/.socket.sock"_s).endsWith(u"belongs to another user: not used"_s));
+            feed->write("activewindow>>Chat,x\n");
+            QVERIFY(!QTest::qWaitFor([&] { return !activated.isEmpty(); }, 300));
+        }
+    }
+
+    // sway's IPC as sway frames it: the tree asked for at the start (the focused
+    // window deep in it), then window events, of which focus changes count.
+    void swaySocket()
+    {
+        TestEnvironment environment;
+        QLocalServer sway;
+        QVERIFY(sway.listen(environment.path() + u"/sway-ipc.sock"_s));
+        qputenv("SWAYSOCK", QFile::encodeName(sway.fullServerName()));
+        const auto restore = qScopeGuard([] { qunsetenv("SWAYSOCK"); });
+        const auto frame = [](quint32 type, const QByteArray &json) -> QByteArray {
+            const quint32 header[2] = {quint32(json.size()), type};
+            return "i3-ipc" + QByteArray(reinterpret_cast<const char *>(header), sizeof header) + json;
+        };
+        std::unique_ptr<ActiveApplication> focus = CompositorFocus::create();
+        QSignalSpy activated(focus.get(), &ActiveApplication::activated);
+        focus->startWatching();
+        QTRY_VERIFY(sway.hasPendingConnections());
+        QLocalSocket *ipc = sway.nextPendingConnection();
+        QTRY_COMPARE(ipc->bytesAvailable(), 14 + 14 + 10);
+        QCOMPARE(ipc->readAll(), frame(4, {}) + frame(2, R"(["window"])"));
+        // Written in pieces, as a socket may deliver them.
+        const QByteArray tree = frame(4, R"({"focused":false,"nodes":[{"nodes":[]},{"nodes":[)"
+                                         R"({"focused":true,"app_id":"org.example.Chat","pid":31}]}]})");
+        ipc->write(tree.left(9));
+        ipc->flush();
+        ipc->write(tree.mid(9) + frame(0x80000003, R"({"change":"title","container":{"pid":5}})"));
+        QTRY_COMPARE(activated.size(), 1);
+        QCOMPARE(activated.takeFirst(), (QVariantList{qint64(31), u"org.example.Chat"_s}));
+        // An X11 window under Xwayland: its class.
+        ipc->write(frame(0x80000003, R"({"change":"focus","container":{"app_id":null,"pid":32,)"
+                                     R"("window_properties":{"class":"Tunes"}}})"));
+        QTRY_COMPARE(activated.size(), 1);
+        QCOMPARE(activated.takeFirst(), (QVariantList{qint64(32), u"Tunes"_s}));
+        // Not sway's framing: the connection is dropped, and nothing is taken from it.
+        ipc->write("HTTP/1.1 200 OK\r\n\r\n");
+        QTRY_COMPARE(ipc->state(), QLocalSocket::UnconnectedState);
+        QVERIFY(activated.isEmpty() && !focus->activePid());
     }
 
     // The last active application is tracked from the one in front at the start,

@@ -2,6 +2,7 @@
 
 #include "App/BuildInfo.h"
 #include "Platform/ActiveApplication.h"
+#include "Platform/CompositorFocus.h"
 #include "Platform/DesktopSettings.h"
 #include "Platform/OpenRequestMonitor.h"
 #include "Platform/DiagnosticLog.h"
@@ -98,6 +99,22 @@ QJsonObject sourceApps(const QString &session)
         add(u"kwin-active-window"_s, false, u"KWin is not running"_s);
     else
         add(u"kwin-active-window"_s, true, u"a KWin script reports the active window"_s);
+    // The socket's state, not a conversation with it: doctor runs beside Quillvane.
+    const auto compositor = [&](const QString &id, const QString &socket, const QString &unset,
+                                const QString &what) {
+        if (socket.isEmpty())
+            add(id, false, unset);
+        else if (const QString why = CompositorFocus::refusal(socket); !why.isEmpty())
+            add(id, false, why);
+        else
+            add(id, true, what);
+    };
+    compositor(u"sway-focus"_s, CompositorFocus::swaySocket(), u"SWAYSOCK is not set"_s,
+               u"sway's IPC reports each focus change"_s);
+    const QString hyprland = CompositorFocus::hyprlandFolder();
+    compositor(u"hyprland-focus"_s, hyprland.isEmpty() ? QString() : hyprland + u"/.socket2.sock"_s,
+               u"HYPRLAND_INSTANCE_SIGNATURE is not set"_s,
+               u"Hyprland's event socket reports each focus change"_s);
     const bool any = std::any_of(ways.cbegin(), ways.cend(), [](const QJsonValue &way) {
         return way.toObject().value(u"works"_s).toBool();
     });

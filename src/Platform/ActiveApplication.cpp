@@ -1,6 +1,7 @@
 #include "Platform/ActiveApplication.h"
 
 #include "App/BuildInfo.h"
+#include "Platform/CompositorFocus.h"
 #include "Platform/DiagnosticLog.h"
 #include "Platform/SystemLog.h"
 #include "Platform/X11Atoms.h"
@@ -279,6 +280,8 @@ bool ActiveApplication::x11Reachable()
 
 std::unique_ptr<ActiveApplication> ActiveApplication::create()
 {
+    if (auto follower = CompositorFocus::create())
+        return follower;
     if (!isX11Session())
         return std::make_unique<KWinActiveApplication>();
     xcb_connection_t *connection = xcb_connect(nullptr, nullptr);

@@ -47,6 +47,8 @@ DesktopEntry toEntry(GDesktopAppInfo *info)
     entry.tryExec = takeUtf8(g_desktop_app_info_get_string(info, "TryExec"));
     entry.icon = takeUtf8(g_desktop_app_info_get_string(info, "Icon"));
     entry.workingDirectory = takeUtf8(g_desktop_app_info_get_string(info, "Path"));
+    if (const char *windowClass = g_desktop_app_info_get_startup_wm_class(info))
+        entry.startupWMClass = QString::fromUtf8(windowClass);
     entry.categories =
         fromUtf8(g_desktop_app_info_get_categories(info)).split(u';', Qt::SkipEmptyParts);
     entry.dbusActivatable = g_desktop_app_info_get_boolean(info, "DBusActivatable");

@@ -24,6 +24,8 @@ struct DesktopEntry
     // The Path key: the directory the program starts in.
     QString workingDirectory;
     QStringList categories;
+    // What its windows call themselves (an X11 class, a Wayland app id).
+    QString startupWMClass;
     bool dbusActivatable = false;
     bool noDisplay = false;
 };

@@ -441,6 +441,15 @@ ProcessApps::Lookup LinuxProcessApps::application(const QString &id)
 {
     if (const auto installed = installedId(id))
         return named(*installed);
+    // A window's class or app id: the entry that names it as its windows'
+    // class, or whose id it is in another case ("Firefox", "firefox").
+    if (id.isEmpty())
+        return Lookup{Lookup::Kind::NoApplication, {}, {}};
+    for (const DesktopEntry &entry : m_entries.allEntries()) {
+        if (entry.startupWMClass.compare(id, Qt::CaseInsensitive) == 0
+            || entry.id.compare(id, Qt::CaseInsensitive) == 0)
+            return named(entry.id);
+    }
     return Lookup{Lookup::Kind::NoApplication, {}, {}};
 }
 

@@ -30,7 +30,8 @@ public:
     virtual ~ProcessApps() = default;
     virtual Lookup lookup(qint64 pid) = 0;
     // The installed application with this id (a Flatpak app id, a snap's
-    // "<snap>_<app>"), named as its desktop entry names it.
+    // "<snap>_<app>"), named as its desktop entry names it; failing that, the
+    // one whose windows' class (StartupWMClass) or id it is, case aside.
     virtual Lookup application(const QString &id) = 0;
     // The parent's process id, or none when the process cannot be read.
     virtual std::optional<qint64> parentPid(qint64 pid) = 0;

@@ -205,6 +205,11 @@ void SourceAppResolver::lockBurstSource(const SourceApp &app, qint64 now)
 
 std::optional<SourceApp> SourceAppResolver::applicationOf(qint64 pid, const QString &appId)
 {
+    // What a window calls itself comes after what its process says.
+    if (!appId.isEmpty() && m_active.appIdIsHint() && pid > 0) {
+        if (auto app = applicationOf(pid, QString()))
+            return app;
+    }
     if (!appId.isEmpty()) {
         const ProcessApps::Lookup named = m_apps.application(appId);
         if (named.kind == ProcessApps::Lookup::Kind::Application)
