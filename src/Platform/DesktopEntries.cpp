@@ -109,52 +109,39 @@ QList<DesktopEntry> GioDesktopEntries::handlersForScheme(const QString &scheme)
 // each read opens and parses a file: they are read once, and again after GIO
 // reports a change of the installed applications. Only on the thread that
 // watches for the change; elsewhere each is read as asked.
-bool GioDesktopEntries::caching()
+std::optional<DesktopEntry> GioDesktopEntries::cached(QHash<QString, std::optional<DesktopEntry>> &cache,
+                                                      const QString &key,
+                                                      const std::function<GDesktopAppInfo *()> &read)
 {
-    if (QThread::currentThread() != QCoreApplication::instance()->thread())
-        return false;
+    const QCoreApplication *application = QCoreApplication::instance();
+    if (!application || QThread::currentThread() != application->thread())
+        return takeEntry(read());
     if (!m_monitor) {
         m_monitor = g_app_info_monitor_get();
         g_signal_connect_swapped(m_monitor, "changed", G_CALLBACK(+[](gpointer self) {
-                                     static_cast<GioDesktopEntries *>(self)->forget();
+                                     auto *entries = static_cast<GioDesktopEntries *>(self);
+                                     entries->m_byId.clear();
+                                     entries->m_byPath.clear();
                                  }),
                                  this);
     }
-    return true;
-}
-
-void GioDesktopEntries::forget()
-{
-    m_byId.clear();
-    m_byPath.clear();
+    if (const auto known = cache.constFind(key); known != cache.cend())
+        return *known;
+    return *cache.insert(key, takeEntry(read()));
 }
 
 std::optional<DesktopEntry> GioDesktopEntries::entry(const QString &id)
 {
-    const bool cached = QCoreApplication::instance() && caching();
-    if (cached) {
-        if (const auto known = m_byId.constFind(id); known != m_byId.cend())
-            return *known;
-    }
-    const QByteArray desktopId = (id + u".desktop").toUtf8();
-    std::optional<DesktopEntry> found = takeEntry(g_desktop_app_info_new(desktopId.constData()));
-    if (cached)
-        m_byId.insert(id, found);
-    return found;
+    return cached(m_byId, id, [&id] {
+        return g_desktop_app_info_new((id + u".desktop").toUtf8().constData());
+    });
 }
 
 std::optional<DesktopEntry> GioDesktopEntries::entryAt(const QString &path)
 {
-    const bool cached = QCoreApplication::instance() && caching();
-    if (cached) {
-        if (const auto known = m_byPath.constFind(path); known != m_byPath.cend())
-            return *known;
-    }
-    std::optional<DesktopEntry> found =
-        takeEntry(g_desktop_app_info_new_from_filename(QFile::encodeName(path).constData()));
-    if (cached)
-        m_byPath.insert(path, found);
-    return found;
+    return cached(m_byPath, path, [&path] {
+        return g_desktop_app_info_new_from_filename(QFile::encodeName(path).constData());
+    });
 }
 
 std::optional<QString> GioDesktopEntries::defaultHandler(const QString &scheme)

@@ -7,6 +7,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <functional>
 #include <optional>
 
 // One installed application as its desktop entry describes it.
@@ -77,8 +78,11 @@ public:
     static void includeSandboxExports();
 
 private:
-    bool caching();
-    void forget();
+    // The entry read, kept on the main thread until GIO reports a change of
+    // the installed applications; read each time elsewhere.
+    std::optional<DesktopEntry> cached(QHash<QString, std::optional<DesktopEntry>> &cache,
+                                       const QString &key,
+                                       const std::function<struct _GDesktopAppInfo *()> &read);
 
     struct _GAppInfoMonitor *m_monitor = nullptr;
     QHash<QString, std::optional<DesktopEntry>> m_byId;
