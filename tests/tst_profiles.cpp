@@ -115,7 +115,6 @@ private Q_SLOTS:
         writeFile(m_desktop->home() + u"/.mozilla/firefox/profiles.ini"_s, text.toUtf8());
         QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"“--headless” cannot be used"_s));
         QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"“-new-instance” cannot be used"_s));
-        QTest::ignoreMessage(QtInfoMsg, "Discovered 4 Firefox profile(s)");
         QCOMPARE(ProfileDiscovery::discoverProfiles(u"FIREFOX-ESR"_s).first().browserBundleID,
                  u"firefox-esr"_s);
 
@@ -156,21 +155,17 @@ void TestProfiles::chromiumLocalState()
               R"({"browser":{"x":1},"profile":{"info_cache":{"Profile 2":{"name":"Work\n[forged] \u202Ex"},
                  "Default":{"name":"Person 1"},"Profile 10":{"name":"Ten"},"Empty":{},
                  "Numbered":{"name":7},"--no-sandbox":{"name":"A"},"../../../../elsewhere":{"name":"B"}}}})");
-    QTest::ignoreMessage(QtDebugMsg, "Skipping malformed profile entry: <private>");
-    QTest::ignoreMessage(QtDebugMsg, "Skipping malformed profile entry: <private>");
     // Ids a browser would take for an option, or that lead out of its folder, never reach it.
     QTest::ignoreMessage(QtWarningMsg, "Leaving out a profile of google-chrome: The profile "
                                        "“--no-sandbox” cannot be used: it begins with “-”, so the "
                                        "browser would take it for an option.");
     QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"“\\.\\./\\.\\./.*path separator"_s));
-    QTest::ignoreMessage(QtInfoMsg, "Discovered 3 profile(s) for google-chrome");
     const QList<BrowserProfile> profiles = ProfileDiscovery::discoverProfiles(u"Google-Chrome"_s);
     // Directory names, sorted without numeric order; the id as Quillvane knows the browser.
     QCOMPARE(ids(profiles), (QStringList{u"Default"_s, u"Profile 10"_s, u"Profile 2"_s}));
     QCOMPARE(profiles.first(), (BrowserProfile{u"Default"_s, u"Person 1"_s, u"google-chrome"_s}));
     // A name is shown as one line, as written.
     QCOMPARE(profiles.last().name, u"Work\\x0A[forged] \\u{202E}x"_s);
-    QTest::ignoreMessage(QtDebugMsg, "Unsupported browser for profile discovery: <private>");
     QVERIFY(ProfileDiscovery::discoverProfiles(u"epiphany"_s).isEmpty());
 }
 

@@ -17,7 +17,6 @@
 #include <QLineEdit>
 #include <QListView>
 #include <QPushButton>
-#include <QSignalSpy>
 #include <QStackedWidget>
 #include <QTest>
 

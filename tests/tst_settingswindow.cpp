@@ -1,7 +1,6 @@
 // The tray menu and the settings window, driven offscreen by object name:
 // what they show, and what a click stores.
 #include "App/AppState.h"
-#include "Models/DisplayText.h"
 #include "Storage/HistoryStore.h"
 #include "Storage/SettingsKeys.h"
 #include "TestSupport.h"
@@ -15,16 +14,13 @@
 #include "Views/SettingsWindow.h"
 #include "Views/StatusItem.h"
 
-#include <QApplication>
 #include <QCheckBox>
 #include <QComboBox>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
 #include <QMenu>
-#include <QSignalSpy>
 #include <QStackedWidget>
-#include <QTabWidget>
 #include <QPushButton>
 #include <QTest>
 #include <QToolButton>
@@ -81,40 +77,35 @@ private Q_SLOTS:
     }
 
     void cleanup() { m_app.reset(); }
-    // What the menu computes (counts, the last route, the fallback's name, check
-    // marks) each time it opens, and what its items change; the items' wording is
-    // the menu's own business.
+    // What the menu computes each time it opens (counts, check marks, the
+    // fallback's name), and what its items store.
     void statusMenu()
     {
         record(u"https://a.example/"_s, u"Mail"_s, u"Safari"_s);
         record(u"https://b.example/"_s, std::nullopt, u"Firefox"_s, std::nullopt, 3 * 86400);
         StatusItem item(*m_app->state, m_app->entries, {});
         QMenu &menu = item.menu();
-        item.updateIcon();
         const auto fallbacks = [&menu] { return action(menu, "fallbackAction")->menu(); };
-        const auto shown = [&]() -> QString {
+        const auto shown = [&] {
             Q_EMIT menu.aboutToShow();
-            QStringList parts = texts(menu).mid(2, 3) << action(menu, "fallbackAction")->text();
-            for (const QAction *entry : fallbacks()->actions()) {
-                if (entry->isChecked())
-                    parts << u"✓ "_s + entry->text();
-            }
-            return parts.join(u" | "_s) + u", icon "_s + item.iconState();
+            QStringList parts{action(menu, "fallbackAction")->text()};
+            for (const QAction *entry : fallbacks()->actions())
+                parts << (entry->isChecked() ? u"✓ "_s + entry->text() : QString());
+            return parts.join(u'|');
         };
+        Q_EMIT menu.aboutToShow();
         // No "Last:" before the first routing.
-        QCOMPARE(shown(), u"Rules: 2 app, 0 URL | Today: 1 forwarded | -- | Fallback: Firefox | "
-                          "✓ Firefox, icon active"_s);
+        QCOMPARE(texts(menu).mid(2, 3),
+                 (QStringList{u"Rules: 2 app, 0 URL"_s, u"Today: 1 forwarded"_s, u"--"_s}));
         trigger(fallbacks()->actions()[1]);
         QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"safari"_s);
-        QVERIFY(shown().endsWith(u"Fallback: Safari | ✓ Safari, icon active"_s));
-        // "Ask Every Time": checked alone, named in the title; a browser ends it.
+        // "Ask Every Time": checked alone; a browser ends it.
         trigger(fallbacks()->findChild<QAction *>(u"fallbackAskAction"_s));
         QVERIFY(stored(*m_app->settings, SettingsKeys::FallbackAsks));
-        QVERIFY(shown().endsWith(u"Fallback: Ask Every Time | ✓ Ask Every Time, icon active"_s));
+        QCOMPARE(shown(), u"Fallback: Ask Every Time||||✓ Ask Every Time"_s);
         trigger(fallbacks()->actions()[0]);
         QVERIFY(!stored(*m_app->settings, SettingsKeys::FallbackAsks));
         QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"firefox"_s);
-        // Pausing from the menu switches the icon.
         trigger(action(menu, "pauseRulesAction"));
         QCOMPARE(QString::number(m_app->store->loadRulesEnabled()) + item.iconState(),
                  u"0paused"_s);
@@ -124,8 +115,7 @@ private Q_SLOTS:
         writeFile(m_app->entries.add(u"tom"_s, u"Tom & Jerry\x1b]0;pwned\x07"_s).path, {});
         m_app->state->refreshBrowsers();
         m_app->state->setDefaultBrowser(u"tom"_s);
-        QVERIFY(shown().contains(u"Fallback: Tom && Jerry\\x1B]0;pwned\\x07 | ✓ Tom && Jerry"_s));
-        QCOMPARE(DisplayText::escapeControls(u"a\nb\u2028c\u009b"), u"a\\x0Ab\\u{2028}c\\x9B"_s);
+        QVERIFY(shown().startsWith(u"Fallback: Tom && Jerry\\x1B]0;pwned\\x07|"_s));
     }
 
     void historyPane()
@@ -138,7 +128,6 @@ private Q_SLOTS:
             pane.show();
             return pane.findChild<QStackedWidget *>()->currentWidget()->objectName();
         };
-        QCOMPARE(shown(), u"historyEmptyState"_s);
         record(u"https://one.example/"_s, u"Mail"_s, u"Safari"_s, u"Mail → Safari"_s);
         record(u"https://two.example/"_s, std::nullopt, u"Firefox"_s);
         record(u"https://three.example/a b"_s, u"Chat"_s, u"Safari"_s);
@@ -162,6 +151,7 @@ private Q_SLOTS:
         QCOMPARE(filter->text(), u"a "_s);
     }
 
+    // Each control stores its setting; one changed elsewhere is shown here.
     void generalPane()
     {
         GeneralPane pane(*m_app->state, m_app->entries, [] {});
@@ -172,45 +162,29 @@ private Q_SLOTS:
         const auto box = [&pane](const char *name) {
             return child<QCheckBox>(&pane, QString::fromLatin1(name));
         };
-        // The picker, the stored fallback, and each switch (on, off, or shown
-        // but disabled: the tests' build has no update feed).
-        const auto shown = [&] {
-            QStringList switches;
-            for (const char *name :
-                 {"rulesEnabledSwitch", "urlCleaningSwitch", "urlUnwrappingSwitch",
-                  "launchAtLoginSwitch", "automaticUpdatesSwitch", "preferRunningSwitch"})
-                switches << (box(name)->isChecked() ? u"on"_s : u"off"_s)
-                                + (box(name)->isEnabled() ? QString() : u" (disabled)"_s);
-            return u"%1 | %2%3 | %4"_s.arg(
-                picker->currentText(), m_app->store->loadDefaultBrowserBundleID(),
-                stored(*m_app->settings, SettingsKeys::FallbackAsks) ? u" asks"_s : QString(),
-                switches.join(u", "_s));
-        };
-        QCOMPARE(shown(), u"Firefox | firefox | on, on, on, off, on (disabled), off"_s);
         picker->setFocus();
         QTest::keyClick(picker, Qt::Key_Down);
         QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"safari"_s);
         QTest::keyClick(picker, Qt::Key_Home);
-        QCOMPARE(shown(), u"None |  | on, on, on, off, on (disabled), off"_s);
+        QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), QString());
         // Ask: the fallback browser stays.
         m_app->state->setDefaultBrowser(u"firefox"_s);
         QTest::keyClick(picker, Qt::Key_End);
-        QVERIFY(shown().startsWith(u"Ask Every Time | firefox asks |"_s));
+        QVERIFY(stored(*m_app->settings, SettingsKeys::FallbackAsks));
+        QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"firefox"_s);
 
-        // Clicked on the box itself; changed elsewhere, shown here.
-        clickBox(box("rulesEnabledSwitch"));
-        QVERIFY(!m_app->store->loadRulesEnabled());
-        clickBox(box("urlCleaningSwitch"));
-        clickBox(box("urlUnwrappingSwitch"));
-        clickBox(box("launchAtLoginSwitch"));
-        clickBox(box("preferRunningSwitch"));
-        QVERIFY(stored(*m_app->settings, SettingsKeys::PreferRunningBrowser));
-        QVERIFY(m_app->autostart.enabled);
+        for (const char *name : {"rulesEnabledSwitch", "urlCleaningSwitch", "urlUnwrappingSwitch",
+                                 "launchAtLoginSwitch", "preferRunningSwitch"})
+            clickBox(box(name));
+        QVERIFY(!m_app->store->loadRulesEnabled() && m_app->autostart.enabled
+                && stored(*m_app->settings, SettingsKeys::PreferRunningBrowser)
+                && !stored(*m_app->settings, SettingsKeys::UrlCleaningEnabled)
+                && !stored(*m_app->settings, SettingsKeys::UrlUnwrappingEnabled));
+        // The tests' build has no update feed: its switch is shown, disabled.
+        QVERIFY(box("automaticUpdatesSwitch")->isChecked()
+                && !box("automaticUpdatesSwitch")->isEnabled());
         m_app->state->toggleAutomaticUpdateChecks();
-        QVERIFY(shown().endsWith(u"| off, off, off, on, off (disabled), on"_s));
-        QVERIFY(!stored(*m_app->settings, SettingsKeys::UrlCleaningEnabled)
-                && !stored(*m_app->settings, SettingsKeys::UrlUnwrappingEnabled)
-                && !stored(*m_app->settings, SettingsKeys::AutomaticUpdateChecks));
+        QVERIFY(!box("automaticUpdatesSwitch")->isChecked());
     }
 
     void browsersPane()
@@ -252,33 +226,28 @@ private Q_SLOTS:
         QVERIFY(m_app->store->loadBrowserPreferences().isEmpty());
     }
 
-    // Each service with the app the desktop opens its links with, or none (nor
-    // Quillvane itself); a switch stores, a change made elsewhere shows, and an
-    // app installed meanwhile shows when the tab does.
+    // A handoff's switch stores; a change made elsewhere shows; an app installed
+    // meanwhile shows when the tab does. Quillvane is no app to hand links to.
     void appsPane()
     {
         m_app->entries.add(u"us.zoom.Zoom"_s, u"Zoom Workplace"_s, false);
         m_app->entries.add(u"work.vorpa.Quillvane"_s, u"Quillvane"_s, false);
         m_app->entries.schemeHandlers = {{u"zoommtg"_s, u"us.zoom.Zoom"_s},
-                                         {u"discord"_s, u"work.vorpa.Quillvane"_s}};
+                                         {u"spotify"_s, u"work.vorpa.Quillvane"_s}};
         AppsPane pane(*m_app->state, m_app->entries);
         pane.show();
-        const auto app = [&pane](const QString &id) {
-            return child<QLabel>(&pane, u"handoffApp_"_s + id)->text();
-        };
-        QCOMPARE(app(u"discord"_s), app(u"spotify"_s)); // Quillvane is no app to hand to
         auto *zoom = child<QCheckBox>(&pane, u"handoffSwitch_zoom"_s);
-        QVERIFY(!zoom->isChecked());
         clickBox(zoom);
-        QCOMPARE(SettingsKeys::readTexts(*m_app->settings, SettingsKeys::EnabledHandoffs),
-                 QStringList{u"zoom"_s});
+        QCOMPARE(m_app->state->enabledHandoffs(), QStringList{u"zoom"_s});
         m_app->state->setHandoffEnabled(u"zoom"_s, false);
         QVERIFY(!zoom->isChecked());
+        const auto app = [&pane] { return child<QLabel>(&pane, u"handoffApp_spotify"_s)->text(); };
+        QVERIFY(!app().contains(u"Quillvane"_s));
         m_app->entries.add(u"spotify"_s, u"Spotify"_s, false);
         m_app->entries.schemeHandlers.insert(u"spotify"_s, u"spotify"_s);
         pane.hide();
         pane.show();
-        QCOMPARE(app(u"spotify"_s), u"Opens in Spotify"_s);
+        QCOMPARE(app(), u"Opens in Spotify"_s);
     }
 
     void importAndExport();
@@ -297,12 +266,6 @@ void TestSettingsWindow::importAndExport()
 {
     ConfigPane pane(*m_app->state);
     const QString folder = m_app->environment.path();
-    // Cancelled: nothing said, nothing changed.
-    MessageBox::inform(QString(), QString());
-    pane.chooseImportFile = [] { return QString(); };
-    pane.importConfig();
-    QCOMPARE(MessageBox::lastInformTitle(), QString());
-
     // What the user is told: the title, then the text. The file is read on
     // another thread; the button is back when it has been.
     const auto *importButton = child<QPushButton>(&pane, u"importButton"_s);
@@ -315,9 +278,6 @@ void TestSettingsWindow::importAndExport()
         return MessageBox::lastInformTitle() + u": "_s + MessageBox::lastText();
     };
     QVERIFY(importing("{ this is not json").startsWith(u"Import Failed: "_s));
-    QVERIFY(importing(R"({"version": 2, "exportDate": "2026-01-01T00:00:00Z", "rules": [], )"
-                      R"("urlCleaningEnabled": true})")
-                .contains(u"version: 2"_s));
 
     // A document that would send links to Quillvane itself, by its id or
     // through an entry that runs its forwarder: refused before anything is asked.
@@ -325,9 +285,8 @@ void TestSettingsWindow::importAndExport()
     ConfigManager::ExportData looping;
     looping.exportDate = QDateTime::currentDateTimeUtc();
     looping.rules = {makeRule(QString(), u"a.example"_s, u"relay"_s)};
-    QCOMPARE(importing(ConfigManager::encode(looping)),
-             u"Import Failed: The configuration sends links to “relay” (a rule's browser), which "
-             "hands them back to Quillvane: they would go round for ever. Nothing was imported."_s);
+    QVERIFY(importing(ConfigManager::encode(looping))
+                .contains(u"sends links to “relay” (a rule's browser), which hands them back"_s));
     looping.rules = {};
     looping.defaultBrowserBundleID = u"WORK.VORPA.QUILLVANE"_s;
     QVERIFY(importing(ConfigManager::encode(looping))
@@ -342,8 +301,6 @@ void TestSettingsWindow::importAndExport()
                   makeRule(u"org.example.Mail"_s, std::nullopt, u"firefox"_s)};
     MessageBox::setNextAnswer(1);
     importing(ConfigManager::encode(data));
-    QCOMPARE(MessageBox::lastDetail(),
-             u"This will replace your current 2 rule(s) with 3 imported rule(s). Continue?"_s);
     QCOMPARE(m_app->state->rules().size(), 2);
     MessageBox::setNextAnswer(0);
     importing(ConfigManager::encode(data));
@@ -373,8 +330,6 @@ void TestSettingsWindow::importAndExport()
     writeFile(target, "old");
     pane.chooseExportFile = [target] { return target; };
     pane.exportConfig();
-    QCOMPARE(MessageBox::lastText(),
-             u"Configuration with 3 rule(s) exported to Quillvane-config.json."_s);
     QCOMPARE(ConfigManager::importFromJSON(readFile(target))->rules, data.rules);
     // A folder that cannot be written to.
     pane.chooseExportFile = [folder]() -> QString { return folder + u"/missing/dir/x.json"_s; };
