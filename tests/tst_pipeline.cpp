@@ -226,13 +226,27 @@ private Q_SLOTS:
             pending.last()->start();
             return pending.last()->future();
         };
+        // Taken as the intake takes links whose browsers start at once: no entry
+        // until a link waits (here for its expansion); its sender hears then.
+        int released = 0;
+        const auto takeAtOnce = [&](const QString &url) {
+            LinkJournal::Ticket ticket;
+            ticket.released = [&released] { ++released; };
+            ticket.journal = [this, url] {
+                QList<LinkJournal::Entry> one{{0, {}, {}, url, Mail, {}, {}, true}};
+                m_state->journal(one);
+                return one.first().id;
+            };
+            m_state->routeURL(link(url), Mail, {}, ticket);
+        };
         for (int i = 0; i < 5; ++i)
-            route(u"https://s.example/%1"_s.arg(i), Mail);
-        route(u"https://direct.example/"_s, Mail);
+            takeAtOnce(u"https://s.example/%1"_s.arg(i));
+        takeAtOnce(u"https://direct.example/"_s);
         QCOMPARE(m_state->todayForwardCount(), 6);
         QTRY_COMPARE(pending.size(), 5);
         QVERIFY(waitForRoutes(1));
         QCOMPARE(launcher.spawned.last().last(), u"https://direct.example/"_s);
+        QCOMPARE(journalEntries() * 10 + released, 56);
         m_state->addRule(makeRule(u"com.example.mail"_s, std::nullopt, u"firefox-esr"_s));
         for (int i = 4; i >= 0; --i) {
             pending[i]->addResult(link(u"https://target.example/%1"_s.arg(i)));
@@ -242,6 +256,10 @@ private Q_SLOTS:
         QCOMPARE(history().size(), 6);
         QCOMPARE(history().first().targetBrowserBundleID, u"firefox-esr"_s);
         QCOMPARE(history().last().targetBrowserBundleID, u"epiphany"_s);
+        // Each counted once, in the file too, and nothing left in the journal.
+        HistoryDatabase reader(m_history->path(), HistoryDatabase::Access::ReadOnly);
+        QCOMPARE(HistoryStore::loadForwardCount(reader, HistoryStore::dayString(QDateTime::currentDateTime())), 6);
+        QCOMPARE(journalEntries(), 0);
     }
 
     // A flood waits its turn: a hundred browsers start at once, the rest at the

@@ -83,8 +83,7 @@ AppState::AppState(RuleStore &store, HistoryDatabase &history, AppServices servi
         reportDamagedRules(*damage);
     m_defaultBrowserBundleID = m_store.loadDefaultBrowserBundleID();
     m_fallbackAsks = SettingsKeys::read(m_store.settings(), SettingsKeys::FallbackAsks);
-    m_todayForwardCount =
-        HistoryStore::loadForwardCount(m_history, HistoryStore::dayString(m_services.clock()));
+    reloadTodayForwardCount();
     m_browsers = BrowserDiscovery::discoverBrowsers(m_services.entries);
     if (m_defaultBrowserBundleID.isEmpty())
         chooseFallbackBrowser();
@@ -665,10 +664,30 @@ void AppState::routeURL(const Link &url, const std::optional<SourceApp> &source,
                         const QString &activationToken, const LinkJournal::Ticket &ticket)
 {
     // A link routed again after a restart was counted when it first arrived.
+    // One taken without an entry is counted with its history record, after its
+    // browser has started: nothing is written before.
     if (!ticket.counted) {
-        m_todayForwardCount = HistoryStore::incrementForwardCount(
-            m_history, HistoryStore::dayString(m_services.clock()), ticket.entry);
+        const QString day = HistoryStore::dayString(m_services.clock());
+        if (ticket.entry == 0 && ticket.journal) {
+            HistoryStore::countLater(m_history, day);
+            m_todayForwardCount = day == m_forwardCountDay
+                                      ? m_todayForwardCount + 1
+                                      : HistoryStore::loadForwardCount(m_history, day);
+        } else {
+            m_todayForwardCount = HistoryStore::incrementForwardCount(m_history, day, ticket.entry);
+        }
+        m_forwardCountDay = day;
         Q_EMIT todayForwardCountChanged();
+    }
+    // A click's link, with nothing before it, starts its browser now; the
+    // links of a request of several go one per turn of the event loop.
+    if (ticket.journal && m_waitingRoutes.isEmpty() && !m_routeStartPosted
+        && m_pacer.wait() == 0) {
+        // The next link waits for the next turn, as if this one had waited for it.
+        m_routeStartPosted = true;
+        QCoreApplication::postEvent(this, new QEvent(routeStartEvent()), Qt::LowEventPriority);
+        startRoute({url, source, activationToken, ticket});
+        return;
     }
     m_waitingRoutes.append({url, source, activationToken, ticket});
     startWaitingRouteLater();
@@ -677,14 +696,20 @@ void AppState::routeURL(const Link &url, const std::optional<SourceApp> &source,
 void AppState::journal(QList<LinkJournal::Entry> &entries)
 {
     // Counted in the same write: one transaction a link fewer before its browser starts.
+    const QString day = HistoryStore::dayString(m_services.clock());
     const std::optional<qint64> count =
-        LinkJournal::accept(m_history, entries, m_services.journal,
-                            HistoryStore::dayString(m_services.clock()));
+        LinkJournal::accept(m_history, entries, m_services.journal, day);
     if (count) {
+        m_forwardCountDay = day;
         m_todayForwardCount = *count;
         Q_EMIT todayForwardCountChanged();
     }
     keepJournalFresh();
+}
+
+bool AppState::routesStartAtOnce(qsizetype count)
+{
+    return m_waitingRoutes.isEmpty() && m_pacer.startsAtOnce() >= count;
 }
 
 QList<LinkJournal::Entry> AppState::takeOverJournal()
@@ -750,6 +775,8 @@ bool AppState::event(QEvent *event)
     m_routeStartPosted = false;
     if (!m_waitingRoutes.isEmpty()) {
         if (const qint64 wait = m_pacer.wait(); wait > 0) {
+            for (WaitingRoute &route : m_waitingRoutes)
+                route.ticket.beforeWaiting();
             m_routeStartPosted = true;
             QTimer::singleShot(wait, this, [this] {
                 m_routeStartPosted = false;
@@ -757,28 +784,32 @@ bool AppState::event(QEvent *event)
             });
             return true;
         }
-        m_pacer.reserve();
-        const WaitingRoute next = m_waitingRoutes.takeFirst();
-        RouteReports reports{
-            [this](const QString &text) { setLastRouteLog(text); },
-            [this](const QString &link, const QString &why, const QString &browserID) {
-                notifyRouteFailure(link, why, browserID);
-            },
-            [this] {
-                keepWritingHistory();
-                Q_EMIT routeFinished();
-            }};
-        RouteTask::start(*this, std::move(reports), next.url, next.source, next.activationToken,
-                         next.ticket);
+        startRoute(m_waitingRoutes.takeFirst());
     }
     startWaitingRouteLater();
     return true;
 }
 
+void AppState::startRoute(const WaitingRoute &route)
+{
+    m_pacer.reserve();
+    RouteReports reports{
+        [this](const QString &text) { setLastRouteLog(text); },
+        [this](const QString &link, const QString &why, const QString &browserID) {
+            notifyRouteFailure(link, why, browserID);
+        },
+        [this] {
+            keepWritingHistory();
+            Q_EMIT routeFinished();
+        }};
+    RouteTask::start(*this, std::move(reports), route.url, route.source, route.activationToken,
+                     route.ticket);
+}
+
 void AppState::reloadTodayForwardCount()
 {
-    m_todayForwardCount =
-        HistoryStore::loadForwardCount(m_history, HistoryStore::dayString(m_services.clock()));
+    m_forwardCountDay = HistoryStore::dayString(m_services.clock());
+    m_todayForwardCount = HistoryStore::loadForwardCount(m_history, m_forwardCountDay);
     Q_EMIT todayForwardCountChanged();
 }
 

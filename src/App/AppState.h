@@ -176,6 +176,9 @@ public:
     // Writes links into the intake journal (their ids set; 0 where it could
     // not) and keeps them young there while they wait for their turn.
     void journal(QList<LinkJournal::Entry> &entries);
+    // Whether this many links routed now would start their browsers without
+    // waiting: nothing queued before them, and the pace allows them all.
+    bool routesStartAtOnce(qsizetype count);
     // What Quillvanes that ended left in the journal, now this one's to open.
     QList<LinkJournal::Entry> takeOverJournal();
     // Settles when a browser may start: at once, or when the pace allows.
@@ -246,6 +249,7 @@ private:
         QString activationToken;
         LinkJournal::Ticket ticket;
     };
+    void startRoute(const WaitingRoute &route);
 
     RuleStore &m_store;
     HistoryDatabase &m_history;
@@ -268,6 +272,7 @@ private:
     bool m_fallbackAsks = false;
     AskWhereToOpen m_ask;
     qint64 m_todayForwardCount = 0;
+    QString m_forwardCountDay; // the day m_todayForwardCount counts
     bool m_isSystemDefaultBrowser = false;
     QString m_lastRouteLog;
     bool m_launchAtLogin = false;

@@ -225,9 +225,16 @@ QStringList LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
     for (const Link &link : std::as_const(links))
         entries.append({0, LinkJournal::Kind::Open, {}, link.toString(), source, activationToken,
                         QString(), false});
-    m_state.journal(entries);
-    if (timing.known())
-        timing.mark(LinkTiming::Journalled);
+    // Links whose browsers start at once are safe when the browsers have them:
+    // nothing is written before, and their sender hears so after the start.
+    // Links that would wait behind others are written to the journal first, as
+    // is a link that waits later (for its expansion, or for the user's choice).
+    const bool atOnce = m_state.routesStartAtOnce(links.size());
+    if (!atOnce) {
+        m_state.journal(entries);
+        if (timing.known())
+            timing.mark(LinkTiming::Journalled);
+    }
     // A link the journal did not take (a full or read-only disk) is safe only
     // once its browser has it: until then its sender waits, and hears of a
     // Quillvane that dies in between.
@@ -244,6 +251,13 @@ QStringList LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
             ticket.released = [unsafe, safe] {
                 if (--*unsafe == 0 && safe)
                     safe();
+            };
+        if (atOnce)
+            ticket.journal = [&state = m_state, entry = entries[i]]() mutable {
+                QList<LinkJournal::Entry> one{entry};
+                one.first().counted = true; // when it was routed
+                state.journal(one);
+                return one.first().id;
             };
         // One task per link, started in order and not awaited.
         m_state.routeURL(links[i], source, activationToken, ticket);

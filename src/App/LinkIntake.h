@@ -34,8 +34,8 @@ public:
     // Returns the links refused (not http or https), each with the reason;
     // more than MaxLinksPerRequest are all refused, with one reason.
     // When none is refused, safe is called once every link is safe to say
-    // Quillvane has it, even if it is killed: in the journal (at once, as a
-    // rule), or else in its browser's hands. arrivedNs: when the request
+    // Quillvane has it, even if it is killed: in its browser's hands, or in
+    // the journal (written first for links that would wait). arrivedNs: when the request
     // arrived (LinkTiming's clock), for the trail's timing of each link;
     // resolved: the sender's application, when already looked up.
     QStringList handleURLs(const QStringList &uris, qint64 senderPid,

@@ -74,12 +74,9 @@ void RouteTask::start(AppState &state, RouteReports reports, const Link &url,
             u"⏸ %1 → %2: %3"_s.arg(name, fallbackName, hostOrText(task->m_plan.working)));
         debugLog(DisplayText::escapeControls(
             u"routeURL() — Rules paused → fallback %1 (%2)"_s.arg(fallbackID, fallbackName)));
-        QMetaObject::invokeMethod(
-            task, [task, fallbackID, fallbackName] { task->runPaused(fallbackID, fallbackName); },
-            Qt::QueuedConnection);
+        task->runPaused(fallbackID, fallbackName);
     } else {
-        QMetaObject::invokeMethod(
-            task, [task] { task->runRouting(); }, Qt::QueuedConnection);
+        task->runRouting();
     }
 }
 
@@ -144,6 +141,7 @@ void RouteTask::runPaused(const QString &fallbackID, const QString &fallbackName
 void RouteTask::runRouting()
 {
     if (m_plan.shortLink) {
+        m_ticket.beforeWaiting();
         m_state.services().expand(m_plan.working).then(this, [this](const Link &expanded) {
             if (!(expanded == m_plan.working)) {
                 debugLog(u"routeURL() — expanded URL: "_s + expanded.toString());
@@ -182,6 +180,7 @@ void RouteTask::route()
 
 void RouteTask::ask()
 {
+    m_ticket.beforeWaiting();
     const QString host = hostOrText(m_plan.working);
     m_reports.status(u"Asking where to open %1 from %2"_s.arg(host, sourceName()));
     debugLog(u"routeURL() — asking where to open it"_s);

@@ -25,10 +25,11 @@ struct RouteReports
     std::function<void()> finished;
 };
 
-// One link on its way from intake to an open browser. The first steps run at
-// once (trail, cleaning, counting); the rest continues on the main thread's
-// event loop, waiting without blocking for the expander and the launchers, so
-// several links may be in flight. Each ends in exactly one outcome.
+// One link on its way from intake to an open browser. It runs at once as far
+// as it can (a click's browser starts within start()); where it must wait (for
+// the expander, the window that asks, the launchers) it continues on the main
+// thread's event loop without blocking, so several links may be in flight.
+// Each ends in exactly one outcome.
 class RouteTask final : public QObject
 {
 public:

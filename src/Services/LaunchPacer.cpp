@@ -30,6 +30,12 @@ qint64 LaunchPacer::wait()
     return m_turns >= 1 ? 0 : qint64(std::ceil((1 - m_turns) * 1000.0 / PerSecond));
 }
 
+int LaunchPacer::startsAtOnce()
+{
+    refill();
+    return std::max(0, int(std::floor(m_turns)));
+}
+
 qint64 LaunchPacer::reserve()
 {
     const qint64 delay = wait();

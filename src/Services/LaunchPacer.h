@@ -20,6 +20,8 @@ public:
 
     // How long until the next start may go (0: now).
     qint64 wait();
+    // How many starts may go now without waiting.
+    int startsAtOnce();
     // Takes the next turn; how long its start waits for it (0: not at all).
     qint64 reserve();
 

@@ -194,6 +194,12 @@ qint64 incrementForwardCount(HistoryDatabase &database, const QString &day, qint
     });
     if (written)
         return count;
+    countLater(database, day);
+    return loadForwardCount(database, day);
+}
+
+void countLater(HistoryDatabase &database, const QString &day)
+{
     // Counts of an earlier day that never reached the file no longer matter.
     HistoryDatabase::Unwritten &unwritten = database.unwritten();
     if (unwritten.countDay != day) {
@@ -201,7 +207,6 @@ qint64 incrementForwardCount(HistoryDatabase &database, const QString &day, qint
         unwritten.count = 0;
     }
     ++unwritten.count;
-    return loadForwardCount(database, day);
 }
 
 bool flush(HistoryDatabase &database)

@@ -41,6 +41,9 @@ qint64 loadForwardCount(HistoryDatabase &database, const QString &day);
 // counted with it, so that routing it again after a restart does not count it twice.
 qint64 incrementForwardCount(HistoryDatabase &database, const QString &day,
                              qint64 journalEntry = 0);
+// One more link on the day, written with the next write (the link's history
+// record, after its browser has started).
+void countLater(HistoryDatabase &database, const QString &day);
 
 // Writes what waits in memory; true when nothing waits any more.
 bool flush(HistoryDatabase &database);

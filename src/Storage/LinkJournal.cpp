@@ -37,8 +37,9 @@ std::optional<qint64> accept(HistoryDatabase &database, QList<Entry> &entries,
         ids.clear();
         qint64 counted = 0;
         for (const Entry &entry : std::as_const(entries)) {
-            const bool countsNow = counting && entry.kind == Kind::Open;
+            const bool countsNow = counting && entry.kind == Kind::Open && !entry.counted;
             counted += countsNow ? 1 : 0;
+            const bool countedBefore = entry.counted && database.isWriter();
             sql.statement("INSERT INTO intakeJournal (kind, receivedAt, url, sourceAppBundleID, "
                           "sourceAppName, activationToken, browser, owner, bootId, sinceBootMs, "
                           "counted) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
@@ -53,7 +54,7 @@ std::optional<qint64> accept(HistoryDatabase &database, QList<Entry> &entries,
                 .bind(8, writer.owner)
                 .bind(9, now.bootId)
                 .bind(10, now.sinceBootMs)
-                .bind(11, qint64(countsNow ? 1 : 0))
+                .bind(11, qint64(countsNow || countedBefore ? 1 : 0))
                 .run();
             ids.append(sql.lastInsertId());
         }
@@ -63,7 +64,8 @@ std::optional<qint64> accept(HistoryDatabase &database, QList<Entry> &entries,
     for (qsizetype i = 0; i < entries.size(); ++i) {
         entries[i].id = written ? ids.value(i) : 0;
         entries[i].receivedAt = now.wall;
-        entries[i].counted = written && counting && entries[i].kind == Kind::Open;
+        entries[i].counted = written && database.isWriter()
+                             && (entries[i].counted || (counting && entries[i].kind == Kind::Open));
     }
     return written && count >= 0 ? std::optional(count) : std::nullopt;
 }

@@ -11,10 +11,13 @@
 
 #include <functional>
 #include <optional>
+#include <utility>
 
-// Links accepted but not yet opened, in the history database. A link is written
+// Links accepted but not yet opened, in the history database. A link that has
+// to wait (behind others, for its expansion, for the user's choice) is written
 // here before its sender is told that Quillvane has it, and leaves when its
-// route has ended. Every Quillvane of the user writes here, whichever of them
+// route has ended; one whose browser starts at once is answered after the start
+// instead, and never written. Every Quillvane of the user writes here, whichever of them
 // writes the history: each entry names the process that took it, and what a
 // process that ended left behind is routed again by the next Quillvane to
 // start, if it is recent enough for the user still to want it.
@@ -57,9 +60,24 @@ struct Ticket
     qint64 entry = 0; // none: the link was not journalled
     bool counted = false;
     // For a link that is not journalled: called once it is safe all the same
-    // (its browser has it) or its route has ended.
+    // (its browser has it, or its entry was written before a wait) or its
+    // route has ended.
     std::function<void()> released{};
     LinkTiming timing{};
+    // For a link taken without an entry, because its browser was to start at
+    // once: writes the entry, returning its id (0 when it could not be written).
+    std::function<qint64()> journal{};
+
+    // Before the link waits (its turn, a short link's expansion, the user's
+    // choice): its entry is written, and from then on it is safe.
+    void beforeWaiting()
+    {
+        if (entry != 0 || !journal)
+            return;
+        entry = std::exchange(journal, {})();
+        if (entry > 0 && released)
+            std::exchange(released, {})();
+    }
 };
 
 // The process that writes entries, and how it tells time and whether another
@@ -78,6 +96,8 @@ bool isRecent(const Lifetime::Instant &then, const Lifetime::Instant &now);
 // With countDay, the links to route (not the scripts' routes) also count
 // towards that day's forwards, in the same transaction, and are marked
 // counted; returns the day's new count then (none when not written or not asked).
+// Entries marked counted were counted in memory already: their count reaches the
+// file in the same transaction when this process writes the history.
 std::optional<qint64> accept(HistoryDatabase &database, QList<Entry> &entries,
                              const Writer &writer, const QString &countDay = {});
 // The route of the entry has ended, whatever its outcome.
