@@ -10,6 +10,7 @@
 #include "TestSupport.h"
 
 #include <QDBusConnection>
+#include <QDBusUnixFileDescriptor>
 #include <QDBusConnectionInterface>
 #include <QDBusPendingCall>
 #include <QDir>
@@ -18,6 +19,7 @@
 #include <QTest>
 
 #include <signal.h>
+#include <sys/socket.h>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -140,6 +142,27 @@ private Q_SLOTS:
         QCOMPARE(m_desktop->opened(browser), QStringList{sent.match(command).captured()});
         QCOMPARE(m_desktop->activationToken(browser), token);
         QCOMPARE(InstalledQuillvane::instancePid(), instance);
+    }
+
+    // A caller that passes a socket of its own making and claims to be another
+    // process (a mail client's) is not believed: the link is its own.
+    void claimsNeedTheirProof()
+    {
+        QProcess mail;
+        mail.start(m_desktop->root() + u"/bin/fake-mail"_s, {u"-c"_s, u"read line"_s});
+        int pair[2];
+        QVERIFY(mail.waitForStarted() && ::socketpair(AF_UNIX, SOCK_STREAM, 0, pair) == 0);
+        for (const QString &browser : {u"fallback-browser"_s, u"mail-browser"_s})
+            m_desktop->forget(browser);
+        QVERIFY(InstalledQuillvane::opens(
+            {u"https://example.com/claimed"_s},
+            {{u"sender-pid"_s, uint(mail.processId())},
+             {u"sender-socket"_s, QVariant::fromValue(QDBusUnixFileDescriptor(pair[0]))}}));
+        QVERIFY(m_desktop->waitForRun(u"fallback-browser"_s) && !m_desktop->ran(u"mail-browser"_s));
+        ::close(pair[0]);
+        ::close(pair[1]);
+        mail.kill();
+        mail.waitForFinished();
     }
 
     // A meeting link goes to the meeting app the desktop has, rewritten for it

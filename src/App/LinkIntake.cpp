@@ -15,6 +15,7 @@
 #include <QDBusConnection>
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
+#include <QDBusUnixFileDescriptor>
 
 #include <algorithm>
 
@@ -90,6 +91,14 @@ void LinkIntake::Open(const QStringList &uris, const QVariantMap &platformData)
         if (claimed > 0)
             guessed = sourceOf(uris, claimed);
     };
+    // Our forwarder proves its claim with a socket it made: no question to the bus.
+    const auto proof = platformData.value(u"sender-socket"_s).value<QDBusUnixFileDescriptor>();
+    if (const auto proven = BusPeers::socketCreator(proof.fileDescriptor());
+        proven && *proven == claimed) {
+        guess();
+        opened(bus, call, uris, token, arrived, claimed, claimed, guessed);
+        return;
+    }
     // Asked and answered on this thread, past Qt's bus thread: a click's
     // answer is a round trip to the bus. A bus that is slow to answer is asked
     // again without waiting, so that links already here keep opening.

@@ -10,9 +10,10 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
-static int append_platform_data(sd_bus_message *message)
+static int append_platform_data(sd_bus *bus, sd_bus_message *message, int proof)
 {
     const char *token = getenv("XDG_ACTIVATION_TOKEN");
     const char *startup_id = getenv("DESKTOP_STARTUP_ID");
@@ -25,6 +26,10 @@ static int append_platform_data(sd_bus_message *message)
      * application while the bus answers instead of after. */
     if (result >= 0)
         result = sd_bus_message_append(message, "{sv}", "sender-pid", "u", (uint32_t)getpid());
+    /* A proof of the claim that needs no question to the bus: the kernel
+     * keeps which process made a socket pair, and only this one has it. */
+    if (result >= 0 && proof >= 0 && sd_bus_can_send(bus, SD_BUS_TYPE_UNIX_FD) > 0)
+        result = sd_bus_message_append(message, "{sv}", "sender-socket", "h", proof);
     if (result >= 0)
         result = sd_bus_message_close_container(message);
     return result;
@@ -52,8 +57,11 @@ int main(int argc, char **argv)
                                             "org.freedesktop.Application", "Open");
     if (result >= 0)
         result = sd_bus_message_append_strv(call, argv + 1);
+    int pair[2] = {-1, -1};
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) < 0)
+        pair[0] = pair[1] = -1;
     if (result >= 0)
-        result = append_platform_data(call);
+        result = append_platform_data(bus, call, pair[0]);
     if (result < 0) {
         fprintf(stderr, "quillvane-open: cannot build the request: %s\n", strerror(-result));
         sd_bus_message_unref(call);
@@ -71,5 +79,9 @@ int main(int argc, char **argv)
     sd_bus_message_unref(reply);
     sd_bus_message_unref(call);
     sd_bus_flush_close_unref(bus);
+    if (pair[0] >= 0) {
+        close(pair[0]);
+        close(pair[1]);
+    }
     return status;
 }

@@ -3,6 +3,8 @@
 #include <systemd/sd-bus.h>
 
 #include <ctime>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace BusPeers {
 
@@ -81,6 +83,16 @@ std::optional<qint64> processOf(const QByteArray &uniqueName, const std::functio
     if (!answer.done)
         t_bus = sd_bus_flush_close_unref(t_bus);
     return answer.pid;
+}
+
+std::optional<qint64> socketCreator(int fd)
+{
+    ucred credentials{};
+    socklen_t size = sizeof credentials;
+    if (fd < 0 || ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0
+        || size != sizeof credentials || credentials.pid <= 0 || credentials.uid != ::getuid())
+        return std::nullopt;
+    return qint64(credentials.pid);
 }
 
 } // namespace BusPeers

@@ -18,4 +18,9 @@ namespace BusPeers {
 std::optional<qint64> processOf(const QByteArray &uniqueName, const std::function<void()> &meanwhile,
                                 int timeoutMs);
 
+// The process that made the socket a caller passed along (one end of its
+// socket pair), as the kernel recorded it: no process can pass off another's.
+// Nothing when fd is no socket, or the socket is another user's.
+std::optional<qint64> socketCreator(int fd);
+
 } // namespace BusPeers
