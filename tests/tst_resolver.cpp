@@ -187,45 +187,6 @@ private Q_SLOTS:
         }
     }
 
-    // sway's IPC as sway frames it: the tree asked for at the start (the focused
-    // window deep in it), then window events, of which focus changes count.
-    void swaySocket()
-    {
-        TestEnvironment environment;
-        QLocalServer sway;
-        QVERIFY(sway.listen(environment.path() + u"/sway-ipc.sock"_s));
-        qputenv("SWAYSOCK", QFile::encodeName(sway.fullServerName()));
-        const auto restore = qScopeGuard([] { qunsetenv("SWAYSOCK"); });
-        const auto frame = [](quint32 type, const QByteArray &json) -> QByteArray {
-            const quint32 header[2] = {quint32(json.size()), type};
-            return "i3-ipc" + QByteArray(reinterpret_cast<const char *>(header), sizeof header) + json;
-        };
-        std::unique_ptr<ActiveApplication> focus = CompositorFocus::create();
-        QSignalSpy activated(focus.get(), &ActiveApplication::activated);
-        focus->startWatching();
-        QTRY_VERIFY(sway.hasPendingConnections());
-        QLocalSocket *ipc = sway.nextPendingConnection();
-        QTRY_COMPARE(ipc->bytesAvailable(), 14 + 14 + 10);
-        QCOMPARE(ipc->readAll(), frame(4, {}) + frame(2, R"(["window"])"));
-        // Written in pieces, as a socket may deliver them.
-        const QByteArray tree = frame(4, R"({"focused":false,"nodes":[{"nodes":[]},{"nodes":[)"
-                                         R"({"focused":true,"app_id":"org.example.Chat","pid":31}]}]})");
-        ipc->write(tree.left(9));
-        ipc->flush();
-        ipc->write(tree.mid(9) + frame(0x80000003, R"({"change":"title","container":{"pid":5}})"));
-        QTRY_COMPARE(activated.size(), 1);
-        QCOMPARE(activated.takeFirst(), (QVariantList{qint64(31), u"org.example.Chat"_s}));
-        // An X11 window under Xwayland: its class.
-        ipc->write(frame(0x80000003, R"({"change":"focus","container":{"app_id":null,"pid":32,)"
-                                     R"("window_properties":{"class":"Tunes"}}})"));
-        QTRY_COMPARE(activated.size(), 1);
-        QCOMPARE(activated.takeFirst(), (QVariantList{qint64(32), u"Tunes"_s}));
-        // Not sway's framing: the connection is dropped, and nothing is taken from it.
-        ipc->write("HTTP/1.1 200 OK\r\n\r\n");
-        QTRY_COMPARE(ipc->state(), QLocalSocket::UnconnectedState);
-        QVERIFY(activated.isEmpty() && !focus->activePid());
-    }
-
     // The last active application is tracked from the one in front at the start,
     // but Quillvane's own windows are not. Links within 1.5 s of one it was
     // credited with go to it too, whatever is in front; reuse does not extend the lock.
