@@ -335,7 +335,7 @@ void TestAutomationBus::createAndDeleteRules()
     // unknown browser; no browser at all: refused.
     script(uR"(
 rule add --browser alpha-browser --pattern=HTTPS://Git.Example/ | 0 | Created rule: HTTPS://Git.Example/ → Alpha
-rule add --browser docs-browser --app org.example.Mail --app-name Mail --pattern (empty) | 0 | Created rule: Mail +  → Docs Browser
+rule add --browser docs-browser --app org.example.Mail --pattern (empty) | 0 | Created rule: org.example.Mail +  → Docs Browser
 rule add --browser docs-browser --app=                 | 1 |
 rule add --browser Docs-Browser --pattern x.example    | 1 |
 rule add --pattern x.example                           | 2 |
@@ -381,9 +381,9 @@ rule delete $ID --yes   | 0 | Deleted rule: *.example.org → Alpha
                                 + JsonFields::uuidText(storedRules().last().id);
         return InstalledQuillvane::run(script, {u"-qec"_s, command, u"/dev/null"_s}, answer).out;
     };
-    QVERIFY(onTerminal("n\n").contains(u"Delete rule \"Mail +  → Docs Browser\"? [y/N]"_s));
+    QVERIFY(onTerminal("n\n").contains(u"Delete rule \"org.example.Mail +  → Docs Browser\"? [y/N]"_s));
     QCOMPARE(storedRules().size(), 3);
-    QVERIFY(onTerminal("y\n").contains(u"Deleted rule: Mail +  → Docs Browser"_s));
+    QVERIFY(onTerminal("y\n").contains(u"Deleted rule: org.example.Mail +  → Docs Browser"_s));
     QCOMPARE(storedRules().size(), 2);
 }
 

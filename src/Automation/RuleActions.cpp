@@ -59,10 +59,16 @@ Expected<QString, IntentError> createRule(const RuleRequest &request,
         return invalid(u"Quillvane does not know how to open a private window of %1."_s.arg(
             targetBrowser.name));
 
-    // Taken exactly as given: scripts say what they mean.
+    // Taken exactly as given: scripts say what they mean. An application given
+    // without a name is named as the settings window names it: by its entry.
+    std::optional<QString> sourceName = request.sourceAppName;
+    if (!sourceName && hasSource) {
+        const auto entry = (*state)->services().entries.entry(*request.sourceAppBundleID);
+        sourceName = entry && entry->name ? *entry->name : *request.sourceAppBundleID;
+    }
     RoutingRule rule{QUuid::createUuid(),
                      request.sourceAppBundleID.value_or(QString()),
-                     request.sourceAppName.value_or(QString()),
+                     sourceName.value_or(QString()),
                      request.askWhereToOpen ? QString() : targetBrowser.id,
                      request.askWhereToOpen ? RoutingRule::AskName.toString() : targetBrowser.name,
                      request.urlPattern,
