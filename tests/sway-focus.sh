@@ -31,7 +31,7 @@ WLR_BACKENDS=headless WLR_LIBINPUT_NO_DEVICES=1 WLR_RENDERER=pixman sway -c /dev
 waitfor sh -c 'ls "$XDG_RUNTIME_DIR"/sway-ipc.*.sock'
 SWAYSOCK=$(ls "$XDG_RUNTIME_DIR"/sway-ipc.*.sock) && export SWAYSOCK
 "$qv" >"$root/instance.log" 2>&1 &
-trap "kill $! || true; swaymsg exit >/dev/null 2>&1 || true" EXIT
+qvpid=$! && trap "kill $qvpid || true; swaymsg exit >/dev/null 2>&1 || true" EXIT
 waitfor "$qv" rules && "$qv" fallback other-browser >/dev/null
 for id in mail chat; do
     "$qv" rule add --browser $id-browser --app $id-app >/dev/null
@@ -46,3 +46,4 @@ for id in chat mail; do
     waitfor grep -qx "https://example.com/from-$id?token=t0k3n" "$root/$id.opened"
 done
 "$qv" doctor | grep -q "sway-focus: *works" && ! grep -q t0k3n "$root/instance.log"
+[ -z "${SWAY_FOCUS_THEN:-}" ] || sh -c "$SWAY_FOCUS_THEN" sh "$qvpid" # bench/sway-idle.sh
