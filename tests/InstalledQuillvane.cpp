@@ -3,7 +3,6 @@
 #include "FakeDesktop.h"
 #include "Storage/HistoryDatabase.h"
 #include "Storage/HistoryStore.h"
-#include "Storage/RuleStore.h"
 #include "Storage/UserSettings.h"
 #include "TestSupport.h"
 

@@ -4,12 +4,10 @@
 #include "App/AppState.h"
 #include "FakeDesktop.h"
 #include "Models/JsonFields.h"
-#include "Platform/DiagnosticLog.h"
 #include "Services/BrowserDiscovery.h"
 #include "Storage/HistoryStore.h"
 #include "Services/LaunchPacer.h"
 #include "Storage/LinkJournal.h"
-#include "Storage/SettingsKeys.h"
 #include "Storage/UserSettings.h"
 #include "TestSupport.h"
 

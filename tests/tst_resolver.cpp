@@ -1,8 +1,6 @@
-#include "App/BuildInfo.h"
 #include "Platform/CompositorFocus.h"
 #include "Platform/ProcessApps.h"
 #include "Services/OpenRequestSources.h"
-#include "Services/RunningApps.h"
 #include "Services/RunningBrowsers.h"
 #include "Services/SourceAppResolver.h"
 #include "TestSupport.h"

@@ -3,7 +3,6 @@
 // what was typed into a rule. Profiles come from real profile files in a home
 // of the test's own.
 #include "App/AppState.h"
-#include "Platform/DiagnosticLog.h"
 #include "Services/RunningApps.h"
 #include "TestSupport.h"
 #include "Views/AppRuleEditView.h"

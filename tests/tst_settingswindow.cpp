@@ -8,7 +8,6 @@
 #include "Views/BrowsersPane.h"
 #include "Views/ConfigPane.h"
 #include "Views/GeneralPane.h"
-#include "Views/HistoryModel.h"
 #include "Views/HistoryPane.h"
 #include "Views/MessageBox.h"
 #include "Views/SettingsWindow.h"

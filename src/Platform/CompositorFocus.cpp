@@ -9,6 +9,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QLocalSocket>
+#include <QTimer>
 #include <QtEndian>
 
 #include <cstring>
@@ -27,6 +28,10 @@ namespace {
 // A compositor's messages are small; a tree of hundreds of windows is a few
 // hundred kilobytes. Beyond this the peer is not a compositor.
 constexpr qsizetype MaxMessage = 16 * 1024 * 1024;
+// A compositor that starts makes its socket a moment before it listens on it:
+// a refused connection is tried again this often, for a few seconds at most.
+constexpr int RetryMs = 100;
+constexpr int MaxRetries = 50;
 
 bool peerIsThisUser(const QLocalSocket &socket)
 {
@@ -68,6 +73,7 @@ public:
                 return;
             }
             m_buffer.clear();
+            m_retries = 0;
             connected();
         });
         connect(&m_socket, &QLocalSocket::readyRead, this, [this] {
@@ -80,8 +86,17 @@ public:
         });
         connect(&m_socket, &QLocalSocket::disconnected, this, &SocketFollower::waitForReturn);
         connect(&m_socket, &QLocalSocket::errorOccurred, this, [this] {
-            if (m_socket.state() == QLocalSocket::UnconnectedState)
-                waitForReturn();
+            if (m_socket.state() != QLocalSocket::UnconnectedState)
+                return;
+            if (QFileInfo::exists(m_path) && m_retries < MaxRetries) {
+                ++m_retries;
+                QTimer::singleShot(RetryMs, this, [this] {
+                    if (m_socket.state() == QLocalSocket::UnconnectedState)
+                        reach();
+                });
+                return;
+            }
+            waitForReturn();
         });
         reach();
     }
@@ -133,6 +148,7 @@ private:
     }
 
     QFileSystemWatcher *m_folder = nullptr;
+    int m_retries = 0;
     qint64 m_pid = 0;
     QString m_appId;
 };
