@@ -33,9 +33,9 @@ sway_and_windows() {
         waitfor sh -c "swaymsg -t get_tree | grep -q '\"app_id\": \"$id-app\"'"
     done
 }
-opens() { # a script's link, $1's window in front: $1's rule applies
+opens() { # a script's link, $1's window in front (Quillvane told so $3 times): $1's rule applies
     swaymsg "[app_id=$1-app] focus" >/dev/null
-    waitfor grep -q "active app changed → .*($1-app)" "$XDG_RUNTIME_DIR/Quillvane.log"
+    waitfor sh -c "[ \$(grep -c 'active app changed → .*($1-app)' '$XDG_RUNTIME_DIR/Quillvane.log') -ge $3 ]"
     sleep 1.6 # within 1.5 s of a link, the next goes where it went, whatever is in front
     sh -c "'$root/prefix/bin/quillvane-open' 'https://example.com/$2?token=t0k3n'"
     waitfor grep -qx "https://example.com/$2?token=t0k3n" "$root/$1.opened"
@@ -45,11 +45,11 @@ sway_and_windows
 qvpid=$! && trap "kill $qvpid || true; swaymsg exit >/dev/null 2>&1 || true" EXIT
 waitfor "$qv" rules && "$qv" fallback other-browser >/dev/null
 for id in mail chat; do "$qv" rule add --browser $id-browser --app $id-app >/dev/null; done
-opens chat 1; opens mail 2
+opens chat 1 1; opens mail 2 1
 # sway ended and started again (chat's window in front): Quillvane follows the new one.
 swaymsg exit >/dev/null 2>&1 || true # sway may end before it answers
 waitfor sh -c '! test -S "$SWAYSOCK"'
-sway_and_windows; opens chat 3
+sway_and_windows; opens chat 3 2
 "$qv" doctor | grep -q "sway-focus: *works" || { echo "doctor: sway-focus does not work" && exit 1; }
 if grep -q t0k3n "$root/instance.log"; then echo "the system log names a link's query" && exit 1; fi
 [ -z "${SWAY_FOCUS_THEN:-}" ] || sh -c "$SWAY_FOCUS_THEN" sh "$qvpid" # bench/sway-idle.sh
