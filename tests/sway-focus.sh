@@ -1,9 +1,9 @@
 #!/bin/sh
 # The frontmost application on sway (the real compositor, headless): two windows of known app ids,
-# the focus moved with swaymsg, and a script's link (no application of its own) goes by the
-# focused one's rule, then by the other's, also after sway starts again; Quillvane's system log (its standard error here) names
-# no link's query. sway refuses to run as root: as root, sway and Quillvane run as nobody
-# (Quillvane trusts only its own user's socket). Usage: sway-focus.sh BUILD WINDOW
+# the focus moved with swaymsg; a script's link (no application of its own) goes by the focused
+# one's rule, then by the other's, also after sway starts again. Quillvane's standard error (its
+# system log here) names no link's query. sway refuses to run as root: as root, sway and Quillvane
+# run as nobody (Quillvane trusts only its own user's socket). Usage: sway-focus.sh BUILD WINDOW
 set -eu
 if [ "$1" != inside ]; then
     root=$(mktemp -d /tmp/sway-focus-XXXXXX) && trap 'rm -rf "$root"' EXIT
