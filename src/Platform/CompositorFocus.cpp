@@ -73,7 +73,6 @@ public:
                 return;
             }
             m_buffer.clear();
-            m_retries = 0;
             connected();
         });
         connect(&m_socket, &QLocalSocket::readyRead, this, [this] {
@@ -83,20 +82,14 @@ public:
                 return;
             }
             received();
+            // Spoken to as a compositor speaks: a loss from now on is worth new tries.
+            if (m_socket.state() == QLocalSocket::ConnectedState)
+                m_retries = 0;
         });
         connect(&m_socket, &QLocalSocket::disconnected, this, &SocketFollower::waitForReturn);
         connect(&m_socket, &QLocalSocket::errorOccurred, this, [this] {
-            if (m_socket.state() != QLocalSocket::UnconnectedState)
-                return;
-            if (QFileInfo::exists(m_path) && m_retries < MaxRetries) {
-                ++m_retries;
-                QTimer::singleShot(RetryMs, this, [this] {
-                    if (m_socket.state() == QLocalSocket::UnconnectedState)
-                        reach();
-                });
-                return;
-            }
-            waitForReturn();
+            if (m_socket.state() == QLocalSocket::UnconnectedState)
+                waitForReturn();
         });
         reach();
     }
@@ -127,10 +120,24 @@ private:
             waitForReturn();
             return;
         }
+        m_tried = identity(m_path);
         m_socket.connectToServer(m_path);
     }
 
-    // A compositor that starts again makes its socket anew: its folder says so.
+    // Which socket file is there, if any: a compositor that starts again makes a new one.
+    using Identity = std::pair<ino_t, qint64>;
+    static Identity identity(const QString &path)
+    {
+        struct stat info = {};
+        if (::lstat(QFile::encodeName(path).constData(), &info) != 0)
+            return {};
+        return {info.st_ino, qint64(info.st_ctim.tv_sec) * 1'000'000'000 + info.st_ctim.tv_nsec};
+    }
+
+    // Until the compositor is back, its folder is watched. It may have come back
+    // before the loss was noticed, or made its socket a moment before listening
+    // on it: a socket that is there is tried again a few times, a new one as
+    // often again, and a stale one left by a crash no more than that.
     void waitForReturn()
     {
         m_pid = 0;
@@ -139,16 +146,31 @@ private:
         if (!m_folder) {
             m_folder = new QFileSystemWatcher(this);
             connect(m_folder, &QFileSystemWatcher::directoryChanged, this, [this] {
-                if (m_socket.state() == QLocalSocket::UnconnectedState && QFileInfo::exists(m_path))
-                    reach();
+                if (const Identity now = identity(m_path); now != Identity() && now != m_tried)
+                    m_retries = 0;
+                tryAgain(0);
             });
         }
         if (!m_folder->directories().contains(folder))
             m_folder->addPath(folder);
+        tryAgain(RetryMs);
+    }
+
+    void tryAgain(int afterMs)
+    {
+        if (m_socket.state() != QLocalSocket::UnconnectedState || m_retries >= MaxRetries
+            || identity(m_path) == Identity())
+            return;
+        ++m_retries;
+        QTimer::singleShot(afterMs, this, [this] {
+            if (m_socket.state() == QLocalSocket::UnconnectedState)
+                reach();
+        });
     }
 
     QFileSystemWatcher *m_folder = nullptr;
     int m_retries = 0;
+    Identity m_tried;
     qint64 m_pid = 0;
     QString m_appId;
 };
