@@ -151,6 +151,32 @@ QByteArray residentOf(qint64 pid)
            + mb(kB.value("Anonymous:")) + ")";
 }
 
+// What the resident memory is: the mappings that hold most of it, by file.
+QByteArray largestMappings(qint64 pid, int count)
+{
+    QFile smaps(u"/proc/%1/smaps"_s.arg(pid));
+    if (!smaps.open(QIODevice::ReadOnly))
+        return "?";
+    QMap<QByteArray, qint64> kB;
+    QByteArray name;
+    for (const QByteArray &line : smaps.readAll().split('\n')) {
+        const QList<QByteArray> fields = line.simplified().split(' ');
+        if (fields.size() >= 5 && fields[0].contains('-') && !fields[0].endsWith(':'))
+            name = fields.size() >= 6 ? fields[5].split('/').last() : QByteArray("[anonymous]");
+        else if (fields.size() >= 2 && fields[0] == "Rss:")
+            kB[name] += fields[1].toLongLong();
+    }
+    QList<std::pair<qint64, QByteArray>> sorted;
+    for (auto it = kB.cbegin(); it != kB.cend(); ++it)
+        sorted.append({it.value(), it.key()});
+    std::sort(sorted.begin(), sorted.end(), std::greater<>());
+    QByteArray text;
+    for (qsizetype i = 0; i < std::min<qsizetype>(count, sorted.size()); ++i)
+        text += (i % 4 == 0 ? "\n    " : ", ") + sorted[i].second + ' '
+                + QByteArray::number(double(sorted[i].first) / 1024.0, 'f', 1);
+    return text;
+}
+
 void stopInstance()
 {
     if (const qint64 pid = instancePid(); pid > 0)
@@ -300,7 +326,8 @@ int main(int argc, char **argv)
             trayer.start(u"trayer"_s, {});
             trayer.waitForStarted();
             QThread::sleep(1);
-            rssTray = restingMemory("xcb");
+            rssTray = restingMemory("xcb") + "; the largest, MB:"
+                      + largestMappings(instance.processId(), 24);
         }
     }
 

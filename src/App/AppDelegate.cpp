@@ -97,14 +97,16 @@ bool AppDelegate::applicationWillFinishLaunching()
     m_activeApplication = ActiveApplication::create();
     m_resolver = std::make_unique<SourceAppResolver>(*m_processApps, *m_activeApplication);
     m_intake = std::make_unique<LinkIntake>(*m_appState, *m_resolver);
-    // Made now and kept hidden, so that a link that asks shows it at once.
+    // Made at the first link that asks, then kept hidden: its widgets and the
+    // fonts they load are megabytes that a router at rest does not need.
     // Without a display, links that ask go to the fallback browser.
     if (hasDisplay()) {
-        m_linkPicker = std::make_unique<LinkPicker>(*m_appState, GioDesktopEntries::instance());
         m_appState->setAskWhereToOpen(
-            [picker = m_linkPicker.get()](const AskRequest &request,
-                                          std::function<void(const AskAnswer &)> answer) {
-                picker->ask(request, std::move(answer));
+            [this](const AskRequest &request, std::function<void(const AskAnswer &)> answer) {
+                if (!m_linkPicker)
+                    m_linkPicker =
+                        std::make_unique<LinkPicker>(*m_appState, GioDesktopEntries::instance());
+                m_linkPicker->ask(request, std::move(answer));
             });
     }
     m_intake->onActivate = [this] { openSettings(); };

@@ -39,9 +39,12 @@ StatusItem::StatusItem(AppState &state, DesktopEntries &entries, Commands comman
     , m_menu(std::make_unique<QMenu>())
 {
     m_menu->setObjectName(u"statusMenu"_s);
-    // "⏸ Pause Rules": the default Debian fonts have no pause sign.
-    ViewKit::installSymbolFont();
-    connect(m_menu.get(), &QMenu::aboutToShow, this, [this] { rebuild(*m_menu); });
+    connect(m_menu.get(), &QMenu::aboutToShow, this, [this] {
+        // "⏸ Pause Rules": the default Debian fonts have no pause sign. Not at
+        // start: fonts are megabytes that a router at rest does not need.
+        ViewKit::installSymbolFont();
+        rebuild(*m_menu);
+    });
     // Paused from the menu, the settings window, a script or the command line alike.
     connect(&m_state, &AppState::rulesEnabledChanged, this, &StatusItem::updateIcon);
 }
