@@ -2,6 +2,7 @@
 // (dbus-run-session) starts it on the first link, fake applications with
 // desktop entries of their own open links the ways real ones do, and fake
 // browsers record what they were given.
+#include "App/LinkSocket.h"
 #include "FakeDesktop.h"
 #include "InstalledQuillvane.h"
 #include "Storage/HistoryStore.h"
@@ -14,6 +15,7 @@
 #include <QDBusConnectionInterface>
 #include <QDBusPendingCall>
 #include <QDir>
+#include <QLocalSocket>
 #include <QProcess>
 #include <QScopeGuard>
 #include <QTest>
@@ -163,6 +165,34 @@ private Q_SLOTS:
         mail.waitForFinished();
     }
 
+    // quillvane-open's socket acts on a whole, well-formed request only, and
+    // says why it refuses one (the forwarder prints it).
+    void theSocketTakesWholeRequestsOnly()
+    {
+        const auto fields = [](const QByteArrayList &parts) -> QByteArray {
+            return parts.join('\0') + QByteArray(2, '\0');
+        };
+        const auto ask = [](const QByteArray &request) -> QByteArray {
+            QLocalSocket socket;
+            socket.connectToServer(LinkSocket::path());
+            if (!socket.waitForConnected(5000))
+                return QByteArray("not connected");
+            socket.write(request);
+            QByteArray answer;
+            while (socket.state() == QLocalSocket::ConnectedState && socket.waitForReadyRead(10000))
+                answer += socket.readAll();
+            return answer + socket.readAll();
+        };
+        m_desktop->forget(u"fallback-browser"_s);
+        QVERIFY(ask(fields({"link=ftp://example.com/x"}))
+                    .startsWith("1Quillvane refused these links: ftp://example.com/x"));
+        QVERIFY(ask(fields({"link=https://example.com/a", "color=red"})).contains("\"color\""));
+        QVERIFY(ask(QByteArray(LinkSocket::MaxRequest + 1, 'x')).startsWith("1"));
+        QCOMPARE(ask(fields({"link=https://example.com/by-socket"})), "0");
+        QCOMPARE(m_desktop->opened(u"fallback-browser"_s),
+                 QStringList{u"https://example.com/by-socket"_s});
+    }
+
     // A meeting link goes to the meeting app the desktop has, rewritten for it
     // (explain says so beforehand). With "Prefer a browser that is already
     // running", a link no rule matches goes to the browser started last while
@@ -199,7 +229,12 @@ private Q_SLOTS:
                                   {u"-c"_s, u"export GIO_LAUNCHED_DESKTOP_FILE='%1/%2.desktop' "
                                             "GIO_LAUNCHED_DESKTOP_FILE_PID=$$; exec cat"_s.arg(
                                                 m_desktop->userApplications(), browser)});
-            return running.back()->waitForStarted();
+            // Until the shell has become the "browser", it is a shell of no application.
+            const QString exe = u"/proc/%1/exe"_s;
+            return running.back()->waitForStarted() && QTest::qWaitFor([&] {
+                       return QFile::symLinkTarget(exe.arg(running.back()->processId()))
+                           .endsWith(u"/cat"_s);
+                   });
         };
         QVERIFY(start(u"chat-browser"_s));
         QVERIFY(opensIn(u"fallback-browser"_s, u"https://nomatch.example/off"_s));

@@ -5,6 +5,7 @@
 #include "App/DesktopActions.h"
 #include "App/DesktopFollower.h"
 #include "App/LinkIntake.h"
+#include "App/LinkSocket.h"
 #include "App/UpdateController.h"
 #include "Automation/AutomationAdaptor.h"
 #include "Platform/ActiveApplication.h"
@@ -150,6 +151,11 @@ bool AppDelegate::applicationWillFinishLaunching()
         bus.unregisterObject(BusNames::ObjectPath);
         return false;
     }
+    // Once the name is this instance's: no other one listens there now.
+    m_linkSocket = std::make_unique<LinkSocket>(*m_intake);
+    if (QString why; !m_linkSocket->listen(&why))
+        qCWarning(lcAppDelegate).noquote()
+            << u"quillvane-open reaches Quillvane through the session bus only: %1."_s.arg(why);
     m_resolver->startTracking();
     debugLog(u"SourceAppResolver tracking started"_s);
     // Browsers installed, removed or changed while Quillvane runs.

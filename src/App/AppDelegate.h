@@ -15,6 +15,7 @@ class DesktopFollower;
 class AppState;
 class HistoryDatabase;
 class LinkIntake;
+class LinkSocket;
 class LinkPicker;
 class LinuxProcessApps;
 class OpenRequestMonitor;
@@ -83,6 +84,7 @@ private:
     std::unique_ptr<DesktopFollower> m_desktopFollower;
     std::unique_ptr<ApplicationsMonitor> m_applicationsMonitor;
     std::unique_ptr<LinkIntake> m_intake;
+    std::unique_ptr<LinkSocket> m_linkSocket;
     std::unique_ptr<StatusItem> m_statusItem;
     std::unique_ptr<SettingsWindow> m_settingsWindow;
     std::unique_ptr<LinkPicker> m_linkPicker;

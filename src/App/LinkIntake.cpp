@@ -67,12 +67,7 @@ void LinkIntake::Activate(const QVariantMap &)
 void LinkIntake::Open(const QStringList &uris, const QVariantMap &platformData)
 {
     const qint64 arrived = LinkTiming::nowNs();
-    // The trail keeps its shape, but not megabytes of one request.
-    QStringList quoted;
-    for (const QString &uri : uris.first(std::min(uris.size(), MaxLinksPerRequest)))
-        quoted.append(u'"' + (uri.size() > 2048 ? uri.left(2048) + u"…"_s : uri) + u'"');
-    debugLog(u"application(_:open:) called with %1 URL(s): [%2]"_s.arg(QString::number(uris.size()),
-                                                                       quoted.join(u", "_s)));
+    traceRequest(uris);
     const QString token = activationToken(platformData);
     if (!calledFromDBus()) {
         handleURLs(uris, -1, token, {}, arrived);
@@ -136,11 +131,39 @@ void LinkIntake::opened(QDBusConnection bus, const QDBusMessage &call, const QSt
         resolved);
     if (refused.isEmpty())
         return;
-    if (uris.size() > MaxLinksPerRequest)
-        bus.send(call.createErrorReply(BusNames::Error::TooManyLinks, refused.first()));
-    else
-        bus.send(call.createErrorReply(BusNames::Error::InvalidLink,
-                                       u"Quillvane refused these links: "_s + refused.join(u"; "_s)));
+    bus.send(call.createErrorReply(uris.size() > MaxLinksPerRequest
+                                       ? BusNames::Error::TooManyLinks
+                                       : BusNames::Error::InvalidLink,
+                                   refusalText(uris, refused)));
+}
+
+void LinkIntake::openFrom(qint64 senderPid, const QStringList &uris,
+                          const QVariantMap &platformData,
+                          std::function<void(const QString &refusal)> answer)
+{
+    const qint64 arrived = LinkTiming::nowNs();
+    traceRequest(uris);
+    const QStringList refused = handleURLs(
+        uris, senderPid, activationToken(platformData), [answer] { answer({}); }, arrived);
+    if (!refused.isEmpty())
+        answer(refusalText(uris, refused));
+}
+
+void LinkIntake::traceRequest(const QStringList &uris)
+{
+    // The trail keeps its shape, but not megabytes of one request.
+    QStringList quoted;
+    for (const QString &uri : uris.first(std::min(uris.size(), MaxLinksPerRequest)))
+        quoted.append(u'"' + (uri.size() > 2048 ? uri.left(2048) + u"…"_s : uri) + u'"');
+    debugLog(u"application(_:open:) called with %1 URL(s): [%2]"_s.arg(QString::number(uris.size()),
+                                                                       quoted.join(u", "_s)));
+}
+
+QString LinkIntake::refusalText(const QStringList &uris, const QStringList &refused)
+{
+    return uris.size() > MaxLinksPerRequest ? refused.first()
+                                            : u"Quillvane refused these links: "_s
+                                                  + refused.join(u"; "_s);
 }
 
 std::optional<SourceApp> LinkIntake::sourceOf(const QStringList &uris, qint64 pid)

@@ -43,6 +43,12 @@ public:
                            qint64 arrivedNs = 0,
                            std::optional<std::optional<SourceApp>> resolved = std::nullopt);
 
+    // A request that came another way than the bus (quillvane-open's socket),
+    // its sender named by the kernel. answer is called once: with nothing when
+    // Quillvane has the links (as for handleURLs' safe), else with why they were refused.
+    void openFrom(qint64 senderPid, const QStringList &uris, const QVariantMap &platformData,
+                  std::function<void(const QString &refusal)> answer);
+
     // Links that brokers of the desktop hand on are credited to the
     // application that asked them (none: only the sender is resolved).
     void setOpenRequests(OpenRequestSources *requests) { m_openRequests = requests; }
@@ -70,6 +76,9 @@ private:
     void opened(QDBusConnection bus, const QDBusMessage &call, const QStringList &uris,
                 const QString &token, qint64 arrived, qint64 sender, qint64 claimed,
                 const std::optional<SourceApp> &guessed);
+    // The trail's line for a request; its refusal in words.
+    static void traceRequest(const QStringList &uris);
+    static QString refusalText(const QStringList &uris, const QStringList &refused);
     // The application of the sender (a broker's request first), traced.
     std::optional<SourceApp> sourceOf(const QStringList &uris, qint64 pid);
 
