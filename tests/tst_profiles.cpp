@@ -177,6 +177,8 @@ void TestProfiles::localStateReaderAgreesWithQtJson_data()
          {R"({"profile" : {"info_cache":{"D\u0065fault":{"name":"A \"quoted\" \u00fc\/"}}}})",
           // An escaped key is still the key.
           R"({"pro\u0066ile":{"info_cache":{"Default":{"name":"Me"}}}})",
+          // A character beyond the first 65,536 (an emoji) is a pair of escapes.
+          R"({"profile":{"info_cache":{"Default":{"name":"Me \ud83d\ude00 \u00fc"}}}})",
           R"({"a":[-0,1.5e+3,2E-2,0.0],"profile":{"info_cache":{}}})"})
         QTest::newRow(valid) << QByteArray(valid) << true;
     // Qt's parser lets a control character in a string and a bad escape

@@ -183,32 +183,44 @@ private:
     bool decode(const RawString &string, QString *out)
     {
         const QByteArrayView raw = string.bytes;
-        QByteArray bytes;
+        // Runs of UTF-8 are decoded as such; a \u escape is a UTF-16 unit, so
+        // that a pair of them (a character beyond the first 65,536, an emoji)
+        // becomes one character instead of two that UTF-8 cannot hold.
+        QString text;
+        QByteArray run;
+        bool invalid = false;
+        const auto flush = [&] {
+            QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+            text += decoder.decode(run);
+            invalid = invalid || decoder.hasError();
+            run.clear();
+        };
         if (!string.escaped) {
-            bytes = raw.toByteArray();
+            run = raw.toByteArray();
         } else {
             for (qsizetype i = 0; i < raw.size(); ++i) {
                 if (raw[i] != '\\') {
-                    bytes += raw[i];
+                    run += raw[i];
                     continue;
                 }
                 const char e = raw[++i];
                 if (e != 'u') {
                     static constexpr char from[] = "\"\\/bfnrt";
                     static constexpr char to[] = "\"\\/\b\f\n\r\t";
-                    bytes += to[std::strchr(from, e) - from];
+                    run += to[std::strchr(from, e) - from];
                     continue;
                 }
                 char16_t unit = 0;
                 for (int k = 1; k <= 4; ++k)
                     unit = char16_t((unit << 4) | hexValue(raw[i + k]));
                 i += 4;
-                bytes += QString(QChar(unit)).toUtf8();
+                flush();
+                text += QChar(unit);
             }
         }
-        QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
-        *out = decoder.decode(bytes);
-        return !decoder.hasError() || fail(u"invalid UTF-8 in a string"_s);
+        flush();
+        *out = text;
+        return !invalid || fail(u"invalid UTF-8 in a string"_s);
     }
 
     bool value(Place place, int depth)
