@@ -15,6 +15,8 @@
 #include <QScopeGuard>
 #include <QTest>
 
+#include <cstring>
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -368,6 +370,33 @@ the shared memory, a link        | history.sqlite3-shm  | link
         record(u"https://after.example/"_s);
         QCOMPARE(linksOnDisk(m_path), QStringList{u"https://after.example/"_s});
         QVERIFY(!damagedCopies(QFileInfo(m_path).path(), u"history.sqlite3.damaged-*"_s).isEmpty());
+    }
+
+    // Statements are kept by their text: a buffer used again for another text
+    // gets its own statement, and the same text fetched while it is in use
+    // again does not reset the one being stepped through.
+    void statementsByText()
+    {
+        Sqlite::Error error;
+        const auto database = Sqlite::Database::open(
+            QFileInfo(m_path).path() + u"/statements.sqlite3"_s,
+            Sqlite::Database::Mode::ReadWriteCreate, &error);
+        QVERIFY(database);
+        database->exec("CREATE TABLE t (n INTEGER); INSERT INTO t VALUES (1), (2)");
+        char sql[64] = "SELECT n FROM t ORDER BY n";
+        Sqlite::Statement outer = database->statement(sql);
+        QVector<qint64> pairs;
+        while (outer.step() && pairs.size() < 10) {
+            Sqlite::Statement inner = database->statement(sql);
+            while (inner.step())
+                pairs.append(outer.integer(0) * 10 + inner.integer(0));
+        }
+        QCOMPARE(pairs, (QVector<qint64>{11, 12, 21, 22}));
+        std::strcpy(sql, "SELECT count(*) FROM t");
+        Sqlite::Statement count = database->statement(sql);
+        QVERIFY(count.step());
+        QCOMPARE(count.integer(0), 2);
+        QVERIFY(!database->error());
     }
 
     // Another process holds the write lock (the sqlite3 shell in a transaction): a

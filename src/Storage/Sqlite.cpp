@@ -6,6 +6,8 @@
 
 #include <QFile>
 
+#include <utility>
+
 using namespace Qt::Literals::StringLiterals;
 
 namespace Sqlite {
@@ -20,10 +22,30 @@ bool Error::isBusy() const
     return code == SQLITE_BUSY || code == SQLITE_LOCKED;
 }
 
-Statement::Statement(Database &database, sqlite3_stmt *statement)
+Statement::Statement(Database &database, sqlite3_stmt *statement, bool cached)
     : m_database(database)
     , m_statement(statement)
+    , m_cached(cached)
+{
+    if (m_cached && m_statement)
+        m_database.m_inUse.insert(m_statement);
+}
+
+Statement::Statement(Statement &&other) noexcept
+    : m_database(other.m_database)
+    , m_statement(std::exchange(other.m_statement, nullptr))
+    , m_cached(other.m_cached)
 {}
+
+Statement::~Statement()
+{
+    if (!m_statement)
+        return;
+    if (m_cached)
+        m_database.m_inUse.remove(m_statement);
+    else
+        sqlite3_finalize(m_statement);
+}
 
 template<typename Binding> Statement &Statement::bindWith(Binding &&binding)
 {
@@ -167,8 +189,15 @@ void Database::exec(const char *sql)
 
 Statement Database::statement(const char *sql)
 {
-    sqlite3_stmt *&prepared = m_statements[sql];
-    if (!prepared && !m_error) {
+    const QByteArray text(sql);
+    sqlite3_stmt *cached = m_statements.value(text);
+    if (cached && !m_inUse.contains(cached)) {
+        sqlite3_reset(cached);
+        sqlite3_clear_bindings(cached);
+        return Statement(*this, cached, true);
+    }
+    sqlite3_stmt *prepared = nullptr;
+    if (!m_error) {
         const int result =
             sqlite3_prepare_v3(m_handle, sql, -1, SQLITE_PREPARE_PERSISTENT, &prepared, nullptr);
         if (result != SQLITE_OK) {
@@ -176,11 +205,10 @@ Statement Database::statement(const char *sql)
             sqlite3_finalize(prepared);
             prepared = nullptr;
         }
-    } else if (prepared) {
-        sqlite3_reset(prepared);
-        sqlite3_clear_bindings(prepared);
     }
-    return Statement(*this, prepared);
+    if (prepared && !cached)
+        m_statements.insert(text, prepared);
+    return Statement(*this, prepared, !cached);
 }
 
 std::optional<Error> Database::transaction(const std::function<void()> &work)

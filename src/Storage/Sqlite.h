@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QHash>
+#include <QSet>
 #include <QString>
 
 #include <functional>
@@ -29,9 +30,16 @@ struct Error
 class Database;
 
 // One prepared statement, reset and unbound each time it is fetched again.
+// While one is in use, fetching the same text again gives a statement of its
+// own, so that neither resets the other.
 class Statement final
 {
 public:
+    ~Statement();
+    Statement(Statement &&other) noexcept;
+    Statement(const Statement &) = delete;
+    Statement &operator=(const Statement &) = delete;
+
     Statement &bind(int index, QStringView text);
     Statement &bind(int index, const QString &text) { return bind(index, QStringView(text)); }
     Statement &bind(int index, const std::optional<QString> &text);
@@ -51,11 +59,13 @@ public:
 
 private:
     friend class Database;
-    Statement(Database &database, sqlite3_stmt *statement);
+    Statement(Database &database, sqlite3_stmt *statement, bool cached);
     template<typename Binding> Statement &bindWith(Binding &&binding);
 
     Database &m_database;
     sqlite3_stmt *m_statement;
+    // Kept by the database for the next fetch, or this one's alone.
+    bool m_cached;
 };
 
 class Database final
@@ -75,7 +85,7 @@ public:
 
     // Several statements without parameters or rows.
     void exec(const char *sql);
-    // The prepared statement of a literal, made on first use and kept.
+    // The prepared statement of the text, made on first use and kept.
     Statement statement(const char *sql);
     // work in one transaction that takes the write lock at once; rolled back
     // when anything in it failed.
@@ -101,8 +111,12 @@ public:
 private:
     explicit Database(sqlite3 *handle);
 
+    friend class Statement;
     sqlite3 *m_handle;
-    QHash<const char *, sqlite3_stmt *> m_statements;
+    // By their text: equal texts at two addresses are one statement, and a
+    // text at an address used again is not taken for the one before.
+    QHash<QByteArray, sqlite3_stmt *> m_statements;
+    QSet<sqlite3_stmt *> m_inUse;
     std::optional<Error> m_error;
 };
 
