@@ -12,6 +12,9 @@
 #include <QScopeGuard>
 #include <QTest>
 
+#include <cstring>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 using namespace Qt::Literals::StringLiterals;
@@ -139,6 +142,8 @@ private Q_SLOTS:
 
     // Hyprland's sockets as Hyprland serves them: events on one, each answered
     // by asking the other for the window; a socket of another user is not used.
+    // The event socket is made a moment before it is listened on, as a
+    // compositor that starts makes it: refused at first, then tried again.
     void hyprlandSockets()
     {
         TestEnvironment environment;
@@ -148,7 +153,12 @@ private Q_SLOTS:
         qputenv("HYPRLAND_INSTANCE_SIGNATURE", "sig-1");
         const auto restore = qScopeGuard([] { qunsetenv("HYPRLAND_INSTANCE_SIGNATURE"); });
         QLocalServer events, requests;
-        QVERIFY(events.listen(folder + u"/.socket2.sock"_s));
+        const int early = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        const QByteArray eventPath = QFile::encodeName(folder + u"/.socket2.sock"_s);
+        std::memcpy(address.sun_path, eventPath.constData(), eventPath.size() + 1);
+        QCOMPARE(::bind(early, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
         QVERIFY(requests.listen(folder + u"/.socket.sock"_s));
         QByteArray window = R"({"address":"0x55aa","class":"Chat","title":"x","pid":4242})";
         connect(&requests, &QLocalServer::newConnection, this, [&] {
@@ -164,6 +174,7 @@ private Q_SLOTS:
         QVERIFY(focus && !focus->activeAppId());
         QSignalSpy activated(focus.get(), &ActiveApplication::activated);
         focus->startWatching();
+        QVERIFY(::listen(early, 4) == 0 && events.listen(early));
         // What has the focus at the start, then each change.
         QTRY_COMPARE(activated.size(), 1);
         QCOMPARE(activated.takeFirst(), (QVariantList{qint64(4242), u"Chat"_s}));

@@ -86,11 +86,14 @@ public:
             if (m_socket.state() == QLocalSocket::ConnectedState)
                 m_retries = 0;
         });
-        connect(&m_socket, &QLocalSocket::disconnected, this, &SocketFollower::waitForReturn);
-        connect(&m_socket, &QLocalSocket::errorOccurred, this, [this] {
-            if (m_socket.state() == QLocalSocket::UnconnectedState)
-                waitForReturn();
-        });
+        // Lost, or refused (a compositor that made its socket and does not
+        // listen yet): a refusal reports its error while still connecting, and
+        // is unconnected only after that.
+        connect(&m_socket, &QLocalSocket::stateChanged, this,
+                [this](QLocalSocket::LocalSocketState state) {
+                    if (state == QLocalSocket::UnconnectedState)
+                        waitForReturn();
+                });
         reach();
     }
 
