@@ -207,24 +207,25 @@ void AppDelegate::promptSetAsDefaultBrowserIfNeeded()
         return;
     }
     debugLog(u"Not the default browser — showing prompt"_s);
-    const int answer = MessageBox::ask(
+    MessageBox::ask(
         u"Set Quillvane as Default Browser?"_s,
-        u"Quillvane needs to be your default browser to intercept and route URLs. You can change this later in System Settings."_s,
-        {u"Set as Default"_s, u"Later"_s});
-    if (answer != 0) {
-        debugLog(u"User chose 'Later' — skipping default browser registration"_s);
-        return;
-    }
-    debugLog(u"User chose 'Set as Default' — requesting system registration"_s);
-    const auto requested = DefaultBrowserRegistration::request(
-        GioDesktopEntries::instance(), QString::fromUtf16(BuildInfo::AppId));
-    if (!requested) {
-        debugLog(u"Failed to set default browser: "_s + requested.error());
-        qCCritical(lcAppDelegate).noquote()
-            << u"Failed to set default browser: %1"_s.arg(SystemLog::priv(requested.error()));
-        return;
-    }
-    debugLog(u"Successfully requested default browser registration for http + https"_s);
+        u"Quillvane needs to be your default browser to intercept and route URLs. You can change this later in your desktop's settings."_s,
+        {u"Set as Default"_s, u"Later"_s}, 0, [](int answer) {
+            if (answer != 0) {
+                debugLog(u"User chose 'Later' — skipping default browser registration"_s);
+                return;
+            }
+            debugLog(u"User chose 'Set as Default' — requesting system registration"_s);
+            const auto requested = DefaultBrowserRegistration::request(
+                GioDesktopEntries::instance(), QString::fromUtf16(BuildInfo::AppId));
+            if (!requested) {
+                debugLog(u"Failed to set default browser: "_s + requested.error());
+                qCCritical(lcAppDelegate).noquote() << u"Failed to set default browser: %1"_s.arg(
+                    SystemLog::priv(requested.error()));
+                return;
+            }
+            debugLog(u"Successfully requested default browser registration for http + https"_s);
+        });
 }
 
 void AppDelegate::openRuleEditor()

@@ -6,6 +6,7 @@
 #include "Views/MessageBox.h"
 
 #include <QLoggingCategory>
+#include <QPointer>
 #include <QSettings>
 
 using namespace Qt::Literals::StringLiterals;
@@ -110,11 +111,13 @@ void UpdateController::onFinished(const UpdateCheckResult &result)
     QStringList buttons{u"OK"_s};
     if (result.offer.releaseNotes.isValid())
         buttons.prepend(u"Release Notes"_s);
-    const int answer = MessageBox::ask(
+    MessageBox::ask(
         u"A new version of Quillvane is available!"_s,
         u"Quillvane %1 is now available (you have %2). Install it with your package manager."_s.arg(
             result.offer.version, QString::fromUtf16(BuildInfo::Version)),
-        buttons, int(buttons.size()) - 1);
-    if (answer == 0 && buttons.size() == 2 && m_openLink)
-        m_openLink(result.offer.releaseNotes);
+        buttons, int(buttons.size()) - 1,
+        [self = QPointer(this), notes = result.offer.releaseNotes, count = buttons.size()](int answer) {
+            if (self && answer == 0 && count == 2 && self->m_openLink)
+                self->m_openLink(notes);
+        });
 }

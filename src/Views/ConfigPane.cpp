@@ -12,6 +12,7 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QMap>
+#include <QPointer>
 #include <QPromise>
 #include <QPushButton>
 #include <QSaveFile>
@@ -207,25 +208,27 @@ void ConfigPane::confirmImport(const Imported &document)
         u"This will replace your current %1 rule(s) with %2 imported rule(s). Continue?"_s.arg(
             QString::number(m_state.rules().size()), QString::number(parsed->rules.size()));
     const QStringList launches = launchSettings(*parsed);
+    // "Rules Only" is the second answer where it is offered; elsewhere that is "Cancel".
+    const auto answered = [self = QPointer(this), config = *parsed,
+                           rulesOnly = !launches.isEmpty()](int answer) {
+        if (self && answer == 0)
+            self->applyImport(config);
+        else if (self && answer == 1 && rulesOnly)
+            self->applyImport(ConfigManager::withoutLaunchSettings(config));
+    };
     if (launches.isEmpty()) {
-        if (MessageBox::ask(u"Confirm Import"_s, replace, {u"Replace"_s, u"Cancel"_s}, 1) == 0)
-            applyImport(*parsed);
+        MessageBox::ask(u"Confirm Import"_s, replace, {u"Replace"_s, u"Cancel"_s}, 1, answered);
         return;
     }
     // What decides how a browser starts is shown item by item, and taken only
     // when the person agrees to it too: an imported file could otherwise hand a
     // browser any option ("--remote-debugging-port", a command to run).
-    const int answer = MessageBox::ask(
-        u"Confirm Import"_s,
-        replace + u"\n\nThe configuration also sets how browsers start:\n"_s
-            + launches.join(u'\n')
-            + u"\n\n“Rules Only” imports the rules without these: no extra arguments, every "
-              "rule in its browser's usual profile and window."_s,
-        {u"Replace All"_s, u"Rules Only"_s, u"Cancel"_s}, 2);
-    if (answer == 0)
-        applyImport(*parsed);
-    else if (answer == 1)
-        applyImport(ConfigManager::withoutLaunchSettings(*parsed));
+    MessageBox::ask(u"Confirm Import"_s,
+                    replace + u"\n\nThe configuration also sets how browsers start:\n"_s
+                        + launches.join(u'\n')
+                        + u"\n\n“Rules Only” imports the rules without these: no extra "
+                          "arguments, every rule in its browser's usual profile and window."_s,
+                    {u"Replace All"_s, u"Rules Only"_s, u"Cancel"_s}, 2, answered);
 }
 
 void ConfigPane::applyImport(const ConfigManager::ExportData &config)

@@ -17,29 +17,34 @@ QString g_lastDetail;
 bool g_informQuietly = false;
 } // namespace
 
-int ask(const QString &text, const QString &informativeText, const QStringList &buttons,
-        int defaultButton)
+void ask(const QString &text, const QString &informativeText, const QStringList &buttons,
+         int defaultButton, std::function<void(int)> answered)
 {
     g_lastText = text;
     g_lastDetail = informativeText;
-    if (g_nextAnswer)
-        return std::exchange(g_nextAnswer, std::nullopt).value();
-    QMessageBox box;
-    box.setStyleSheet(WiderText);
-    box.setIcon(QMessageBox::Information);
-    box.setText(text);
-    box.setInformativeText(informativeText);
+    if (g_nextAnswer) {
+        answered(std::exchange(g_nextAnswer, std::nullopt).value());
+        return;
+    }
+    auto *box = new QMessageBox;
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    box->setStyleSheet(WiderText);
+    box->setIcon(QMessageBox::Information);
+    box->setText(text);
+    box->setInformativeText(informativeText);
     QList<QAbstractButton *> added;
     for (const QString &title : buttons)
-        added.append(box.addButton(title, added.isEmpty() ? QMessageBox::AcceptRole
-                                                          : QMessageBox::RejectRole));
+        added.append(box->addButton(title, added.isEmpty() ? QMessageBox::AcceptRole
+                                                           : QMessageBox::RejectRole));
     if (defaultButton >= 0 && defaultButton < added.size())
-        box.setDefaultButton(static_cast<QPushButton *>(added[defaultButton]));
+        box->setDefaultButton(static_cast<QPushButton *>(added[defaultButton]));
     // Escape is the careful answer, which every question puts last.
     if (!added.isEmpty())
-        box.setEscapeButton(added.last());
-    box.exec();
-    return int(added.indexOf(box.clickedButton()));
+        box->setEscapeButton(added.last());
+    QObject::connect(box, &QMessageBox::finished, box, [box, added, answered = std::move(answered)] {
+        answered(int(added.indexOf(box->clickedButton())));
+    });
+    box->open();
 }
 
 void inform(const QString &title, const QString &text)
@@ -48,14 +53,15 @@ void inform(const QString &title, const QString &text)
     g_lastText = text;
     if (g_informQuietly)
         return;
-    QMessageBox box;
-    box.setStyleSheet(WiderText);
-    box.setIcon(QMessageBox::Information);
-    box.setWindowTitle(title);
-    box.setText(title);
-    box.setInformativeText(text);
-    box.addButton(QStringLiteral("OK"), QMessageBox::RejectRole);
-    box.exec();
+    auto *box = new QMessageBox;
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    box->setStyleSheet(WiderText);
+    box->setIcon(QMessageBox::Information);
+    box->setWindowTitle(title);
+    box->setText(title);
+    box->setInformativeText(text);
+    box->addButton(QStringLiteral("OK"), QMessageBox::RejectRole);
+    box->open();
 }
 
 void setInformQuietly(bool quietly)
