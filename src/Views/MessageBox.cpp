@@ -15,6 +15,18 @@ QString g_lastText;
 QString g_lastInformTitle;
 QString g_lastDetail;
 bool g_informQuietly = false;
+
+// Gone once closed: nobody waits for it.
+QMessageBox *newBox(const QString &text, const QString &informativeText)
+{
+    auto *box = new QMessageBox;
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    box->setStyleSheet(WiderText);
+    box->setIcon(QMessageBox::Information);
+    box->setText(text);
+    box->setInformativeText(informativeText);
+    return box;
+}
 } // namespace
 
 void ask(const QString &text, const QString &informativeText, const QStringList &buttons,
@@ -26,12 +38,7 @@ void ask(const QString &text, const QString &informativeText, const QStringList 
         answered(std::exchange(g_nextAnswer, std::nullopt).value());
         return;
     }
-    auto *box = new QMessageBox;
-    box->setAttribute(Qt::WA_DeleteOnClose);
-    box->setStyleSheet(WiderText);
-    box->setIcon(QMessageBox::Information);
-    box->setText(text);
-    box->setInformativeText(informativeText);
+    QMessageBox *box = newBox(text, informativeText);
     QList<QAbstractButton *> added;
     for (const QString &title : buttons)
         added.append(box->addButton(title, added.isEmpty() ? QMessageBox::AcceptRole
@@ -53,13 +60,8 @@ void inform(const QString &title, const QString &text)
     g_lastText = text;
     if (g_informQuietly)
         return;
-    auto *box = new QMessageBox;
-    box->setAttribute(Qt::WA_DeleteOnClose);
-    box->setStyleSheet(WiderText);
-    box->setIcon(QMessageBox::Information);
+    QMessageBox *box = newBox(title, text);
     box->setWindowTitle(title);
-    box->setText(title);
-    box->setInformativeText(text);
     box->addButton(QStringLiteral("OK"), QMessageBox::RejectRole);
     box->open();
 }
