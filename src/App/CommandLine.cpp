@@ -133,8 +133,6 @@ const QList<Command> &commands()
          "Options:\n"
          "  --browser ID   the browser to open the link in (\"quillvane browsers\" lists them)\n"
          "\n"
-         "Also known as \"Route URL in Quillvane\" and \"Open URL with Quillvane\".\n"
-         "\n"
          "Examples:\n"
          "  quillvane route https://example.com/report\n"
          "  quillvane route https://example.com --browser org.mozilla.firefox\n"_s,
@@ -179,8 +177,6 @@ const QList<Command> &commands()
          "                   browsers and Firefox)\n"
          "  --ask            ask which browser opens the links, instead of --browser\n"
          "\n"
-         "Also known as \"Create rule in Quillvane\" and \"Add rule to Quillvane\".\n"
-         "\n"
          "Examples:\n"
          "  quillvane rule add --browser org.mozilla.firefox --pattern github.com\n"
          "  quillvane rule add --browser chromium --app org.gnome.Evolution --app-name Evolution\n"
@@ -214,9 +210,7 @@ const QList<Command> &commands()
          "and the rules take.\n"
          "\n"
          "Options:\n"
-         "  --json         print JSON\n"
-         "\n"
-         "Also known as \"List browsers in Quillvane\" and \"Show browsers in Quillvane\".\n"_s,
+         "  --json         print JSON\n"_s,
          {},
          {u"--json"_s},
          0,

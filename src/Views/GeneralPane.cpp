@@ -83,7 +83,7 @@ GeneralPane::GeneralPane(AppState &state, DesktopEntries &entries,
     addSwitch(rules, u"rulesEnabledSwitch"_s, u"Enable rule engine"_s, &AppState::rulesEnabled,
               &AppState::toggleRulesEnabled, &AppState::rulesEnabledChanged);
     rules->addWidget(ViewKit::caption(
-        u"When paused, all links open in the fallback browser. Toggle from the menu bar for quick access."_s));
+        u"When paused, all links open in the fallback browser. Toggle from the tray icon's menu for quick access."_s));
 
     // URL processing.
     QVBoxLayout *processing = ViewKit::addSection(page, u"tools-wizard"_s, u"URL Processing"_s);

@@ -221,10 +221,10 @@ QLabel *examples(RuleListView::Kind kind)
 {
     // Blanks line the arrows up, so they must be kept.
     const QString text = kind == RuleListView::AppRules
-                             ? u"<b>Examples:</b><pre>  Slack     → Chrome (work browser)\n"
-                               "  Telegram  → Safari (personal browser)</pre>"_s
-                             : u"<b>Examples:</b><pre>  github.com        → Chrome\n"
-                               "  <i>youtube.com</i>       → Arc\n"
+                             ? u"<b>Examples:</b><pre>  Slack     → Chromium (work browser)\n"
+                               "  Telegram  → Firefox (personal browser)</pre>"_s
+                             : u"<b>Examples:</b><pre>  github.com        → Chromium\n"
+                               "  <i>youtube.com</i>       → Epiphany\n"
                                "  mail.google.com   → Firefox</pre>"_s;
     auto *label = new QLabel(text);
     label->setTextFormat(Qt::RichText);
