@@ -95,6 +95,9 @@ void LinkSocket::serve(QLocalSocket *peer)
     timeout->setSingleShot(true);
     connect(timeout, &QTimer::timeout, peer, &QLocalSocket::abort);
     timeout->start(PeerTimeoutMs);
+    // Taken from the kernel a piece at a time: what a peer sends after its
+    // request waits there instead of in Quillvane's memory.
+    peer->setReadBufferSize(64 * 1024);
     const qint64 pid = credentials.pid;
     connect(peer, &QLocalSocket::readyRead, this,
             [this, peer, timeout, pid, buffer = QByteArray()]() mutable {
@@ -109,6 +112,7 @@ void LinkSocket::serve(QLocalSocket *peer)
             return;
         QString refusal;
         const std::optional<Request> request = parse(buffer, &refusal);
+        buffer = QByteArray();
         timeout->stop();
         const auto answer = [peer = QPointer<QLocalSocket>(peer)](const QString &refused) {
             if (!peer)
