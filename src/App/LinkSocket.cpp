@@ -3,7 +3,7 @@
 #include "App/LinkIntake.h"
 #include "Models/DisplayText.h"
 
-#include <QFileInfo>
+#include <QFile>
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <QPointer>
