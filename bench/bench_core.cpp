@@ -10,11 +10,10 @@
 #include "Storage/HistoryDatabase.h"
 #include "Storage/HistoryStore.h"
 #include "Storage/LinkJournal.h"
-#include "Storage/RuleStore.h"
-#include "Storage/UserSettings.h"
+#include "Services/ConfigDocument.h"
+#include "Services/ConfigFile.h"
 
 #include <QCoreApplication>
-#include <QSettings>
 #include <QTemporaryDir>
 
 #include <benchmark/benchmark.h>
@@ -40,7 +39,7 @@ const Link &benchLink()
 void BM_Route(benchmark::State &state)
 {
     DiagnosticLog::setEnabled(false);
-    const QList<RoutingRule> rules = BenchSupport::makeRules(int(state.range(0)));
+    const URLRouter::CompiledRules rules(BenchSupport::makeRules(int(state.range(0))));
     const std::optional<SourceApp> source = SourceApp{u"org.gnome.Evolution"_s, u"Evolution"_s};
     for (auto _ : state)
         benchmark::DoNotOptimize(URLRouter::route(benchLink(), source, rules, u"firefox"_s));
@@ -48,7 +47,7 @@ void BM_Route(benchmark::State &state)
 }
 BENCHMARK(BM_Route)->Arg(10)->Arg(100)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
 
-// The first link after a rule changed: the router orders the new list afresh.
+// A rule changed: the list compiled afresh (once per change), and a link routed.
 void BM_RouteAfterRuleChange(benchmark::State &state)
 {
     DiagnosticLog::setEnabled(false);
@@ -59,7 +58,8 @@ void BM_RouteAfterRuleChange(benchmark::State &state)
         QList<RoutingRule> changed = rules;
         changed.detach();
         state.ResumeTiming();
-        benchmark::DoNotOptimize(URLRouter::route(benchLink(), source, changed, u"firefox"_s));
+        benchmark::DoNotOptimize(URLRouter::route(benchLink(), source,
+                                                  URLRouter::CompiledRules(changed), u"firefox"_s));
     }
     DiagnosticLog::setEnabled(true);
 }
@@ -70,7 +70,7 @@ void BM_RouteWithTrail(benchmark::State &state)
     QTemporaryDir dir;
     qputenv("XDG_RUNTIME_DIR", QFile::encodeName(dir.path()));
     DiagnosticLog::setEnabled(true);
-    const QList<RoutingRule> rules = BenchSupport::makeRules(int(state.range(0)));
+    const URLRouter::CompiledRules rules(BenchSupport::makeRules(int(state.range(0))));
     const std::optional<SourceApp> source = SourceApp{u"org.gnome.Evolution"_s, u"Evolution"_s};
     for (auto _ : state) {
         // As a real route does: the decision's trail, written in one go.
@@ -168,36 +168,33 @@ void BM_RecordOneLink(benchmark::State &state)
 }
 BENCHMARK(BM_RecordOneLink)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
-// A rule change with 1,000 rules: the whole list written to the settings file
-// (QSaveFile: a new file, fsync, rename), by Quillvane's writer and, for
-// comparison, by Qt's own INI writer.
-template<bool QtWriter> void saveRules1000(benchmark::State &state)
-{
-    QTemporaryDir dir;
-    const QString path = dir.filePath(u"Quillvane.conf"_s);
-    std::unique_ptr<QSettings> settings =
-        QtWriter ? std::make_unique<QSettings>(path, QSettings::IniFormat)
-                 : UserSettings::open(path);
-    QList<RoutingRule> rules = BenchSupport::makeRules(1000);
-    RuleStore store(*settings);
-    store.saveRules(rules);
-    for (auto _ : state) {
-        rules.first().targetBrowserName = u"Browser %1"_s.arg(state.iterations());
-        store.saveRules(rules);
-    }
-}
-
+// A rule change with 1,000 rules: the configuration file read back to see
+// whether someone else changed it, then written whole (a new file, fsync,
+// rename, fsync of its folder).
 void BM_SaveRules1000(benchmark::State &state)
 {
-    saveRules1000<false>(state);
+    QTemporaryDir dir;
+    ConfigFile file(dir.filePath(u"config.json"_s));
+    file.load();
+    file.update([](Config &config) { config.rules = BenchSupport::makeRules(1000); });
+    int i = 0;
+    for (auto _ : state) {
+        const QString name = u"Browser %1"_s.arg(++i);
+        file.update([&name](Config &config) { config.rules.first().targetBrowserName = name; });
+    }
 }
 BENCHMARK(BM_SaveRules1000)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-void BM_SaveRules1000QtIniWriter(benchmark::State &state)
+// What a change on disk costs Quillvane: the file of 1,000 rules read and checked.
+void BM_DecodeConfig1000(benchmark::State &state)
 {
-    saveRules1000<true>(state);
+    Config config;
+    config.rules = BenchSupport::makeRules(1000);
+    const QByteArray bytes = ConfigDocument::encode(config);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(ConfigDocument::decode(bytes, u"config.json"_s));
 }
-BENCHMARK(BM_SaveRules1000QtIniWriter)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_DecodeConfig1000)->Unit(benchmark::kMillisecond);
 
 } // namespace
 

@@ -11,7 +11,7 @@
 #include "Services/SourceAppResolver.h"
 #include "Storage/HistoryDatabase.h"
 #include "Storage/HistoryStore.h"
-#include "Storage/UserSettings.h"
+#include "Services/ConfigFile.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -50,15 +50,17 @@ public:
 void BM_RouteURLToLaunchRequest(benchmark::State &state)
 {
     QTemporaryDir dir;
-    auto settings = UserSettings::open(dir.filePath(u"Quillvane.conf"_s));
-    RuleStore store(*settings);
-    store.saveRules(BenchSupport::makeRules(1000));
-    store.saveDefaultBrowserBundleID(u"browser"_s);
+    ConfigFile file(dir.filePath(u"config.json"_s));
+    file.load();
+    file.update([](Config &config) {
+        config.rules = BenchSupport::makeRules(1000);
+        config.fallbackBrowser = u"browser"_s;
+    });
     auto history = BenchSupport::makeHistoryDatabase(dir.path(), HistoryStore::MaxRecords);
 
     TimedLauncher launcher;
     XdgAutostart autostart(u"quillvane"_s);
-    AppState app(store, *history, AppServices{GioDesktopEntries::instance(), launcher, autostart});
+    AppState app(file, *history, AppServices{GioDesktopEntries::instance(), launcher, autostart});
     int finished = 0;
     QObject::connect(&app, &AppState::routeFinished, &app, [&finished] { ++finished; });
     const Link link = *Link::parse(u"https://news.example.net/story/42?utm_source=feed&id=7"_s);

@@ -8,8 +8,7 @@
 #include "Platform/ProcessLauncher.h"
 #include "Services/RunningApps.h"
 #include "Storage/HistoryStore.h"
-#include "Storage/RuleStore.h"
-#include "Storage/UserSettings.h"
+#include "Services/ConfigFile.h"
 #include "Views/HistoryPane.h"
 #include "Views/SettingsWindow.h"
 #include "Views/StatusItem.h"
@@ -31,8 +30,7 @@ namespace {
 struct Fixture
 {
     QTemporaryDir dir;
-    std::unique_ptr<QSettings> settings = UserSettings::open(dir.filePath(u"Quillvane.conf"_s));
-    RuleStore store{*settings};
+    ConfigFile file{dir.filePath(u"config.json"_s)};
     std::unique_ptr<HistoryDatabase> history =
         BenchSupport::makeHistoryDatabase(dir.path(), HistoryStore::MaxRecords);
     XdgAutostart autostart{u"quillvane"_s};
@@ -40,10 +38,13 @@ struct Fixture
 
     Fixture()
     {
-        store.saveRules(BenchSupport::makeRules(1000));
-        store.saveDefaultBrowserBundleID(u"browser"_s);
+        file.load();
+        file.update([](Config &config) {
+            config.rules = BenchSupport::makeRules(1000);
+            config.fallbackBrowser = u"browser"_s;
+        });
         state = std::make_unique<AppState>(
-            store, *history,
+            file, *history,
             AppServices{GioDesktopEntries::instance(), GioProcessLauncher::instance(), autostart});
     }
 };

@@ -3,7 +3,6 @@
 #include "FakeDesktop.h"
 #include "Storage/HistoryDatabase.h"
 #include "Storage/HistoryStore.h"
-#include "Storage/UserSettings.h"
 #include "TestSupport.h"
 
 #include <QDBusConnection>
@@ -52,20 +51,9 @@ bool InstalledQuillvane::shareEnvironment()
     return QDBusConnection::sessionBus().call(update).type() == QDBusMessage::ReplyMessage;
 }
 
-std::unique_ptr<QSettings> InstalledQuillvane::settingsToSeed(const FakeDesktop &desktop)
+QString InstalledQuillvane::configPath(const FakeDesktop &desktop)
 {
-    return UserSettings::open(desktop.configHome() + u"/Quillvane/Quillvane.conf"_s);
-}
-
-std::unique_ptr<QSettings> InstalledQuillvane::storedSettings(const FakeDesktop &desktop)
-{
-    QFile stored(desktop.configHome() + u"/Quillvane/Quillvane.conf"_s);
-    QTemporaryFile copy(QDir::tempPath() + u"/quillvane-settings-XXXXXX.conf"_s);
-    if (!copy.open() || (stored.open(QIODevice::ReadOnly) && copy.write(stored.readAll()) < 0))
-        qFatal("could not copy the stored settings");
-    copy.close();
-    // Read whole when opened; the copy is not needed after.
-    return UserSettings::open(copy.fileName());
+    return desktop.configHome() + u"/quillvane/config.json"_s;
 }
 
 QString InstalledQuillvane::historyPath(const FakeDesktop &desktop)

@@ -2,9 +2,9 @@
 
 #include "Models/ForwardingRecord.h"
 #include "Models/RoutingRule.h"
+#include "TestSupport.h"
 
 #include <QDBusMessage>
-#include <QSettings>
 #include <QString>
 #include <QStringList>
 
@@ -37,14 +37,14 @@ public:
     QString program(const QString &name) const { return m_prefix + u"/bin/" + name; }
     QString prefix() const { return m_prefix; }
 
-    // The settings file the installed Quillvane reads in that desktop, opened for
-    // seeding it before Quillvane runs.
-    static std::unique_ptr<QSettings> settingsToSeed(const FakeDesktop &desktop);
-    // What that file holds now, read from a copy. Qt keeps one parsed copy of each
-    // settings file per process, and a read that overlaps Quillvane replacing the
-    // file can leave it stale for good: the keys of the old file filed under the
-    // size and time of the new one, which every later read then trusts.
-    static std::unique_ptr<QSettings> storedSettings(const FakeDesktop &desktop);
+    // The configuration file the installed Quillvane reads in that desktop.
+    static QString configPath(const FakeDesktop &desktop);
+    static void seed(const FakeDesktop &desktop, const Config &config)
+    {
+        writeConfig(configPath(desktop), config);
+    }
+    // What that file holds now.
+    static Config stored(const FakeDesktop &desktop) { return readConfig(configPath(desktop)); }
     // The history database of the installed Quillvane in that desktop, and
     // what it holds now: the history and today's forward count.
     static QString historyPath(const FakeDesktop &desktop);

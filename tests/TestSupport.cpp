@@ -3,7 +3,7 @@
 #include "App/AppState.h"
 #include "Services/BrowserDiscovery.h"
 #include "Storage/Sqlite.h"
-#include "Storage/UserSettings.h"
+#include "Services/ConfigDocument.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -46,14 +46,27 @@ TestEnvironment::~TestEnvironment()
     }
 }
 
-QString TestEnvironment::settingsPath() const
+QString TestEnvironment::configPath() const
+{
+    return m_dir.path() + u"/config/quillvane/config.json"_s;
+}
+
+QString TestEnvironment::legacyPath() const
 {
     return m_dir.path() + u"/config/Quillvane/Quillvane.conf"_s;
 }
 
-std::unique_ptr<QSettings> TestEnvironment::settings() const
+void writeConfig(const QString &path, const Config &config)
 {
-    return UserSettings::open(settingsPath());
+    writeFile(path, ConfigDocument::encode(config));
+}
+
+Config readConfig(const QString &path)
+{
+    const auto config = ConfigFile::peek(path);
+    if (!config)
+        qFatal("%s", qPrintable(config.error().text()));
+    return *config;
 }
 
 QString TestEnvironment::historyPath() const
@@ -162,9 +175,7 @@ QStringList links(const QList<ForwardingRecord> &records)
 }
 
 AppFixture::AppFixture()
-    : settings(environment.settings())
-    , store(std::make_unique<RuleStore>(*settings))
-    , history(environment.history())
+    : history(environment.history())
     , entries(safariAndFirefox(environment.path()))
 {
     autostart.enabled = false;
@@ -178,7 +189,11 @@ AppState &AppFixture::start()
     services.notify = [this](const QString &summary, const QString &body) {
         notifications.append({summary, body});
     };
-    state = std::make_unique<AppState>(*store, *history, services);
+    if (!QFileInfo::exists(environment.configPath()))
+        writeConfig(environment.configPath(), initial);
+    config = std::make_unique<ConfigFile>(environment.configPath());
+    config->load();
+    state = std::make_unique<AppState>(*config, *history, services);
     return *state;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Models/Config.h"
 #include "Models/ForwardingRecord.h"
 #include "Models/Link.h"
 #include "Models/RoutingRule.h"
@@ -7,13 +8,12 @@
 #include "Platform/DesktopEntries.h"
 #include "Platform/ProcessLauncher.h"
 #include "Services/URLExpander.h"
+#include "Services/ConfigFile.h"
 #include "Storage/HistoryDatabase.h"
-#include "Storage/RuleStore.h"
 
 #include <QAbstractButton>
 #include <QHash>
 #include <QPromise>
-#include <QSettings>
 #include <QHostAddress>
 #include <QTcpServer>
 #include <QTemporaryDir>
@@ -22,7 +22,7 @@
 
 class AppState;
 
-// Points every per-user location (settings, state, runtime directory) at a
+// Points every per-user location (configuration, state, runtime directory) at a
 // fresh temporary directory for the life of the object.
 class TestEnvironment final
 {
@@ -31,8 +31,9 @@ public:
     ~TestEnvironment();
 
     QString path() const { return m_dir.path(); }
-    QString settingsPath() const;
-    std::unique_ptr<QSettings> settings() const;
+    QString configPath() const;
+    // Where earlier versions kept their settings.
+    QString legacyPath() const;
     QString historyPath() const;
     // The history database there, with this process as its writer.
     std::unique_ptr<HistoryDatabase> history() const;
@@ -47,14 +48,10 @@ private:
 // another process reads them (-1 when the file cannot be read).
 qint64 journalEntries(const QString &historyPath);
 
-// A TestEnvironment and its settings file, opened: what tests of the stores and
-// of the commands that read them start from. The file closes before the
-// environment goes.
-struct SettingsFixture
-{
-    TestEnvironment environment;
-    std::unique_ptr<QSettings> settings = environment.settings();
-};
+// Writes a configuration file as Quillvane writes it, making its folders.
+void writeConfig(const QString &path, const Config &config);
+// What a configuration file holds; the test stops when it cannot be read.
+Config readConfig(const QString &path);
 
 // Writes a file, making its folders; the test stops when it cannot.
 void writeFile(const QString &path, const QByteArray &contents);
@@ -164,9 +161,9 @@ ForwardingRecord makeRecord(const QString &url, std::optional<QString> source,
 // The links of records, in their order.
 QStringList links(const QList<ForwardingRecord> &records);
 
-// An application state over a settings file of its own, with Safari and Firefox
-// installed and nothing started for real: what the view and automation tests
-// drive. start() makes the state, once the test has stored what it starts with.
+// An application state over a configuration file of its own, with Safari and
+// Firefox installed and nothing started for real: what the view and automation
+// tests drive. start() writes initial to the file and makes the state.
 class AppFixture final
 {
 public:
@@ -174,9 +171,12 @@ public:
     ~AppFixture();
     AppState &start();
 
+    // What another process reading the file now would see.
+    Config stored() const { return readConfig(environment.configPath()); }
+
     TestEnvironment environment;
-    std::unique_ptr<QSettings> settings;
-    std::unique_ptr<RuleStore> store;
+    Config initial;
+    std::unique_ptr<ConfigFile> config;
     std::unique_ptr<HistoryDatabase> history;
     FakeDesktopEntries entries;
     FakeAutostart autostart;

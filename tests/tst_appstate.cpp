@@ -1,10 +1,8 @@
 #include "App/AppState.h"
-#include "Automation/SettingsActions.h"
+#include "App/AutomationBridge.h"
 #include "Services/BrowserDiscovery.h"
 #include "TestSupport.h"
 
-#include <QDir>
-#include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTest>
 
@@ -50,48 +48,46 @@ private Q_SLOTS:
             m_app->entries.httpsHandler = httpsHandler;
         AppState *state = &makeState();
         QCOMPARE(state->defaultBrowserBundleID(), fallback);
-        QCOMPARE(m_app->environment.settings()->contains(u"default_browser_bundle_id"_s),
-                 !fallback.isEmpty());
-        QCOMPARE(reopened().loadDefaultBrowserBundleID(), fallback);
+        QCOMPARE(m_app->stored().fallbackBrowser, fallback);
         // Without one, a script's link that no rule claims opens nowhere, and says so.
         if (fallback.isEmpty()) {
-            AppState::setShared(state);
             const auto answer =
-                Automation::routeURL(link(u"https://e.com/"_s), std::nullopt).result();
-            AppState::setShared(nullptr);
+                AutomationBridge(*state).routeURL(link(u"https://e.com/"_s), std::nullopt).result();
             QCOMPARE(answer.value(), u"No routing rule matched and no default browser is set."_s);
         }
     }
 
-    // Six rules, one of them with an id that is no UUID: five are used, the user is
-    // told once, and the file as it was survives the next save.
-    void damagedRulesAreKept()
+    // A file that cannot be read at start: Quillvane routes with its defaults,
+    // says where the mistake is, and writes nothing over the person's file,
+    // until it is corrected.
+    void aBrokenFileIsNeverWrittenOver()
     {
-        QList<RoutingRule> six;
-        for (int i = 0; i < 6; ++i)
-            six.append(makeRule(u"app%1"_s.arg(i), std::nullopt, u"epiphany"_s));
-        m_app->settings->setValue(
-            u"routing_rules"_s,
-            RoutingRule::listToJson(six).replace(
-                six[3].id.toString(QUuid::WithoutBraces).toUpper().toUtf8(), "not-a-uuid"));
-        m_app->settings->sync();
-        const QByteArray original = readFile(m_app->settings->fileName());
-        QTest::ignoreMessage(QtCriticalMsg,
-                             QRegularExpression(u"^1 stored rule\\(s\\) could not be read"_s));
+        const QString path = m_app->environment.configPath();
+        writeFile(path, "{\n    \"rules_enabled\": tru\n}\n");
         AppState *state = &makeState();
-        QCOMPARE(state->rules().size(), 5);
-        QVERIFY(!state->rules().contains(six[3]));
-        QCOMPARE(m_app->notifications.size(), 1);
-        QCOMPARE(m_app->notifications[0].value(0), u"Quillvane skipped damaged rules"_s);
+        QVERIFY(state->rules().isEmpty() && state->defaultBrowserBundleID().isEmpty());
+        QCOMPARE(m_app->notifications.value(0).value(0),
+                 u"Quillvane cannot read its configuration"_s);
+        QVERIFY2(m_app->notifications[0][1].contains(path + u":2:"_s),
+                 qPrintable(m_app->notifications[0][1]));
 
+        const qsizetype told = m_app->notifications.size();
         state->addRule(makeRule(u"new"_s, std::nullopt, u"epiphany"_s));
-        QCOMPARE(reopened().loadRules().size(), 6);
-        const QDir folder = QFileInfo(m_app->settings->fileName()).dir();
-        const QStringList copies = folder.entryList({u"*.damaged-*"_s}, QDir::Files);
-        QCOMPARE(copies.size(), 1);
-        QVERIFY2(m_app->notifications[0].value(1).contains(copies.first()),
-                 qPrintable(m_app->notifications[0].value(1)));
-        QCOMPARE(readFile(folder.filePath(copies.first())), original);
+        QVERIFY(state->rules().isEmpty());
+        QCOMPARE(m_app->notifications.size(), told + 1);
+        QCOMPARE(m_app->notifications.last().value(0), u"Quillvane could not save a change"_s);
+        QCOMPARE(readFile(path), QByteArray("{\n    \"rules_enabled\": tru\n}\n"));
+
+        Config fixed;
+        fixed.rules = {makeRule(u"mail"_s, std::nullopt, u"chromium"_s)};
+        fixed.fallbackBrowser = u"chromium"_s;
+        writeConfig(path, fixed);
+        QSignalSpy rules(state, &AppState::rulesChanged);
+        m_app->config->reload();
+        QCOMPARE(rules.size(), 1);
+        QCOMPARE(state->rules(), fixed.rules);
+        state->addRule(makeRule(u"new"_s, std::nullopt, u"epiphany"_s));
+        QCOMPARE(m_app->stored().rules.size(), 2);
     }
 
     // The rules and the cleaning switch are replaced; the fallback only when the
@@ -109,7 +105,7 @@ private Q_SLOTS:
         QCOMPARE(state->rules(), config.rules);
         QCOMPARE(state->defaultBrowserBundleID(), fallback);
         QVERIFY(!state->urlCleaningEnabled() && state->urlExpansionEnabled());
-        QCOMPARE(reopened().loadRules(), config.rules);
+        QCOMPARE(m_app->stored().rules, config.rules);
         config.rules.clear();
         config.defaultBrowserBundleID = u"chromium"_s;
         // Switches of handoffs this Quillvane does not know are left out.
@@ -117,7 +113,7 @@ private Q_SLOTS:
         state->applyImportedConfig(config);
         QVERIFY(state->rules().isEmpty());
         QCOMPARE(state->enabledHandoffs(), QStringList{u"zoom"_s});
-        QCOMPARE(reopened().loadDefaultBrowserBundleID(), u"chromium"_s);
+        QCOMPARE(m_app->stored().fallbackBrowser, u"chromium"_s);
     }
 
     // The switch asks the system, not a copy of its own, and a failure changes
@@ -166,15 +162,7 @@ private:
             m_app->entries.add(id);
     }
 
-    // What another process reading the settings file now would see.
-    RuleStore reopened()
-    {
-        m_reopened = m_app->environment.settings();
-        return RuleStore(*m_reopened);
-    }
-
     std::unique_ptr<AppFixture> m_app;
-    std::unique_ptr<QSettings> m_reopened;
 };
 
 QTEST_GUILESS_MAIN(TestAppState)

@@ -6,7 +6,6 @@
 #include "FakeDesktop.h"
 #include "InstalledQuillvane.h"
 #include "Models/JsonFields.h"
-#include "Storage/SettingsKeys.h"
 #include "TestSupport.h"
 
 #include <QDBusConnection>
@@ -122,10 +121,10 @@ private Q_SLOTS:
         RoutingRule docs = makeRule({}, u"docs.example"_s, u"docs-browser"_s);
         docs.targetBrowserName = u"Docs Browser"_s;
         m_docsRuleId = JsonFields::uuidText(docs.id);
-        auto settings = InstalledQuillvane::settingsToSeed(*m_desktop);
-        RuleStore store(*settings);
-        store.saveRules({docs});
-        store.saveDefaultBrowserBundleID(u"fallback-browser"_s);
+        Config config;
+        config.rules = {docs};
+        config.fallbackBrowser = u"fallback-browser"_s;
+        InstalledQuillvane::seed(*m_desktop, config);
 
         QDBusConnection bus = QDBusConnection::sessionBus();
         QVERIFY(bus.registerObject(u"/org/freedesktop/Notifications"_s, &m_notifications,
@@ -152,7 +151,7 @@ rule delete $ID --yes         | 1 | $
         QVERIFY2(error == u"org.freedesktop.DBus.Error.ServiceUnknown"
                      || error == u"org.freedesktop.DBus.Error.NameHasNoOwner",
                  qPrintable(error));
-        QCOMPARE(storedRules().size(), 1);
+        QCOMPARE(stored().rules.size(), 1);
         // Started the way a desktop starts it.
         QVERIFY(answered(QDBusConnection::sessionBus().call(
             application(u"Activate"_s, {QVariantMap()}), QDBus::Block, 20000)));
@@ -189,8 +188,8 @@ rule delete $ID --yes         | 1 | $
 
         // Ids that name no installed browser, Quillvane's own among them (a link
         // handed to it would come straight back): refused, nothing stored.
-        const QString fallback = storedFallback();
-        const qsizetype ruleCount = storedRules().size();
+        const QString fallback = stored().fallbackBrowser;
+        const qsizetype ruleCount = stored().rules.size();
         for (const QString &id : {u"no-such-browser"_s, AppId}) {
             const QString expected =
                 u"no installed browser has the id \"%1\"; \"quillvane browsers\" lists them."_s.arg(
@@ -204,8 +203,8 @@ rule delete $ID --yes         | 1 | $
                      expected);
             QCOMPARE(qv(u"fallback "_s + id).err, u"quillvane: "_s + expected + u'\n');
         }
-        QCOMPARE(storedFallback(), fallback);
-        QCOMPARE(storedRules().size(), ruleCount);
+        QCOMPARE(stored().fallbackBrowser, fallback);
+        QCOMPARE(stored().rules.size(), ruleCount);
 
         // A pattern made over the bus with a terminal's title sequence and a line
         // break: listed as text, on its own line, and never obeyed.
@@ -217,10 +216,10 @@ rule delete $ID --yes         | 1 | $
             !listedRules.contains(u'\x1b') && !listedRules.contains(u'\x07')
                 && listedRules.contains(u"evil.example\\x1B]0;pwned\\x07\\x0Aforged → Alpha\n"_s),
             qPrintable(listedRules));
-        const RoutingRule made = storedRules().last();
+        const RoutingRule made = stored().rules.last();
         QCOMPARE(made.urlPattern, evil);
         call(u"DeleteRule"_s, {ruleEntity(made)});
-        QVERIFY(!storedRules().contains(made));
+        QVERIFY(!stored().rules.contains(made));
     }
 
     // Links made to hurt: each is refused with a clear error or opened as one
@@ -305,21 +304,7 @@ rule delete $ID --yes         | 1 | $
     void browsersThatChangeWhileRunning();
 
 private:
-    QList<RoutingRule> storedRules() const
-    {
-        return RuleStore(*InstalledQuillvane::storedSettings(*m_desktop)).loadRules();
-    }
-
-    QString storedFallback() const
-    {
-        return RuleStore(*InstalledQuillvane::storedSettings(*m_desktop))
-            .loadDefaultBrowserBundleID();
-    }
-
-    bool stored(const SettingsKeys::Key<bool> &key) const
-    {
-        return SettingsKeys::read(*InstalledQuillvane::storedSettings(*m_desktop), key);
-    }
+    Config stored() const { return InstalledQuillvane::stored(*m_desktop); }
 
     bool listed(const QString &id) const { return qv(u"browsers"_s).out.contains(id); }
 
@@ -340,7 +325,7 @@ rule add --browser docs-browser --app=                 | 1 |
 rule add --browser Docs-Browser --pattern x.example    | 1 |
 rule add --pattern x.example                           | 2 |
 )");
-    const QList<RoutingRule> rules = storedRules();
+    const QList<RoutingRule> rules = stored().rules;
     QCOMPARE(rules.size(), 3);
     QCOMPARE(rules[1].urlPattern, u"HTTPS://Git.Example/"_s);
     QVERIFY(rules[2].sourceAppBundleID == u"org.example.Mail" && rules[2].urlPattern == u"");
@@ -357,11 +342,11 @@ rule add --pattern x.example                           | 2 |
              u"work.vorpa.Quillvane.Error.ValidationFailed"_s);
     QCOMPARE(create({{u"urlPattern"_s, u"*.example.org"_s}}).arguments().value(0).toString(),
              u"Created rule: *.example.org → Alpha"_s);
-    QCOMPARE(storedRules().size(), 4);
+    QCOMPARE(stored().rules.size(), 4);
 
     // No terminal and no --yes: nothing deleted. Ids are exact: lower case finds
     // nothing, which is no error and needs no --yes.
-    const RoutingRule last = storedRules().last();
+    const RoutingRule last = stored().rules.last();
     const QString id = JsonFields::uuidText(last.id);
     script(uR"(
 rule delete $ID         | 1 | Delete rule "*.example.org → Alpha"?
@@ -369,7 +354,7 @@ rule delete $id         | 0 | Rule not found. It may have already been deleted.
 rule delete $ID --yes   | 0 | Deleted rule: *.example.org → Alpha
 )"_s.replace(u"$ID"_s, id)
                .replace(u"$id"_s, id.toLower()));
-    QCOMPARE(storedRules().size(), 3);
+    QCOMPARE(stored().rules.size(), 3);
     // A rule that is gone meanwhile is not an error.
     QVERIFY(answered(call(u"DeleteRule"_s, {ruleEntity(last)})));
 
@@ -378,13 +363,13 @@ rule delete $ID --yes   | 0 | Deleted rule: *.example.org → Alpha
     const QString script = QStandardPaths::findExecutable(u"script"_s);
     const auto onTerminal = [&](const QByteArray &answer) {
         const QString command = g_installed.program(u"quillvane"_s) + u" rule delete "_s
-                                + JsonFields::uuidText(storedRules().last().id);
+                                + JsonFields::uuidText(stored().rules.last().id);
         return InstalledQuillvane::run(script, {u"-qec"_s, command, u"/dev/null"_s}, answer).out;
     };
     QVERIFY(onTerminal("n\n").contains(u"Delete rule \"org.example.Mail +  → Docs Browser\"? [y/N]"_s));
-    QCOMPARE(storedRules().size(), 3);
+    QCOMPARE(stored().rules.size(), 3);
     QVERIFY(onTerminal("y\n").contains(u"Deleted rule: org.example.Mail +  → Docs Browser"_s));
-    QCOMPARE(storedRules().size(), 2);
+    QCOMPARE(stored().rules.size(), 2);
 }
 
 void TestAutomationBus::routeURL()
@@ -427,13 +412,13 @@ fallback alpha-browser --ask                                     | 2 |
 rule add --ask --pattern ask.example                             | 0 | Created rule: ask.example → Ask Every Time
 rule add --ask --browser alpha-browser --pattern x.example       | 2 |
 )");
-    QVERIFY(stored(SettingsKeys::FallbackAsks));
-    QCOMPARE(storedFallback(), u"alpha-browser"_s);
-    const RoutingRule asking = storedRules().last();
+    QVERIFY(stored().fallbackAsks);
+    QCOMPARE(stored().fallbackBrowser, u"alpha-browser"_s);
+    const RoutingRule asking = stored().rules.last();
     QVERIFY(asking.askWhereToOpen && asking.targetBrowserBundleID.isEmpty());
     QCOMPARE(qv(u"rule delete %1 --yes"_s.arg(JsonFields::uuidText(asking.id))).exitCode, 0);
     qv(u"fallback alpha-browser"_s);
-    QVERIFY(!stored(SettingsKeys::FallbackAsks));
+    QVERIFY(!stored().fallbackAsks);
 
     // Pausing twice: one change, the same answer; rules still apply to scripts.
     // Usage errors say so on standard error.
@@ -442,7 +427,7 @@ feature pauseRules on                 | 0 | Pause Rules is now enabled.
 feature pauseRules on                 | 0 | Pause Rules is now enabled.
 route https://docs.example/paused     | 0 | Routed to Docs Browser.
 )");
-    QVERIFY(!stored(SettingsKeys::RulesEnabled));
+    QVERIFY(!stored().rulesEnabled);
     script(uR"(
 feature pauseRules off                | 0 |
 feature urlCleaning off               | 0 |
@@ -450,10 +435,10 @@ feature urlUnwrapping off             | 0 |
 feature URLCleaning on                | 2 | quillvane: 
 route https://a.example --browser     | 2 | quillvane: 
 )");
-    QVERIFY(stored(SettingsKeys::RulesEnabled));
-    QVERIFY(!stored(SettingsKeys::UrlUnwrappingEnabled)
-            && !stored(SettingsKeys::UrlCleaningEnabled));
-    QCOMPARE(storedFallback(), u"alpha-browser"_s);
+    QVERIFY(stored().rulesEnabled);
+    QVERIFY(!stored().urlUnwrappingEnabled
+            && !stored().urlCleaningEnabled);
+    QCOMPARE(stored().fallbackBrowser, u"alpha-browser"_s);
     script(u"feature urlCleaning on | 0 |\nfeature urlUnwrapping on | 0 |");
 }
 
@@ -474,7 +459,7 @@ rule add --browser chromium --pattern x.example --profile "Profile 7" | 1 | quil
 rule add --browser alpha-browser --pattern x.example --private | 1 |
 rule add --browser chromium --pattern x.example --profile=--headless | 1 | quillvane: The profile “--headless” cannot be used: it begins with “-”, so the browser would take it for an option.
 )");
-    const RoutingRule bank = storedRules().last();
+    const RoutingRule bank = stored().rules.last();
     QVERIFY(bank.targetProfileID == u"Profile 1" && bank.openInPrivateWindow);
     script(u"rules | 0 | %1  bank.example → Chromium  [profile: Work]  [private window]"_s.arg(
         JsonFields::uuidText(bank.id)));

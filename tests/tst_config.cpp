@@ -1,7 +1,6 @@
 #include "Platform/Autostart.h"
 #include "Services/ConfigManager.h"
 #include "Services/LaunchAtLoginManager.h"
-#include "Storage/SettingsKeys.h"
 #include "TestSupport.h"
 
 #include <QDir>
@@ -26,9 +25,9 @@ class TestConfig final : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void init() { m_files = std::make_unique<SettingsFixture>(); }
+    void init() { m_environment = std::make_unique<TestEnvironment>(); }
 
-    void cleanup() { m_files.reset(); }
+    void cleanup() { m_environment.reset(); }
 
     void exportedDocument();
     // Every rule field, browser settings and "Ask" as the fallback come back as
@@ -36,32 +35,30 @@ private Q_SLOTS:
     // the optional members leaves them out.
     void roundTripIsByteForByte()
     {
-        RuleStore store(*m_files->settings);
+        Config config;
         RoutingRule privateRule = makeRule(QString(), u"bank.example"_s, u"chromium"_s);
         privateRule.openInPrivateWindow = true;
         RoutingRule askingRule = makeRule(u"org.gnome.Evolution"_s, std::nullopt, QString());
         askingRule.askWhereToOpen = true;
-        store.saveRules({makeRule(u"app"_s, u"https://example.com/a"_s, u"b"_s, u"Profile 1"_s),
-                         makeRule(QString(), u"ünïcode \"quoted\" \\ back"_s, u"c"_s), privateRule,
-                         askingRule});
-        store.saveDefaultBrowserBundleID(u"firefox-esr"_s);
-        const QByteArray plain = *ConfigManager::exportToJSON(store, ExportTime);
+        config.rules = {makeRule(u"app"_s, u"https://example.com/a"_s, u"b"_s, u"Profile 1"_s),
+                        makeRule(QString(), u"ünïcode \"quoted\" \\ back"_s, u"c"_s), privateRule,
+                        askingRule};
+        config.fallbackBrowser = u"firefox-esr"_s;
+        const QByteArray plain = *ConfigManager::exportToJSON(config, ExportTime);
         QVERIFY(!plain.contains("browserPreferences") && !plain.contains("fallbackAsks")
                 && !plain.contains("handoffs"));
         const auto plainImport = ConfigManager::importFromJSON(plain);
         QVERIFY(!plainImport->fallbackAsks && !plainImport->browserPreferences
                 && !plainImport->handoffs);
-        SettingsKeys::writeTexts(*m_files->settings, SettingsKeys::EnabledHandoffs,
-                                 {u"zoom"_s, u"spotify"_s});
-
-        m_files->settings->setValue(u"fallback_asks"_s, true);
-        store.saveBrowserPreferences(
-            {{u"chromium"_s, false, u"--class=\"Work Mail\""_s}, {u"epiphany"_s, true, {}}});
-        const QByteArray json = *ConfigManager::exportToJSON(store, ExportTime);
+        config.handoffs = {u"zoom"_s, u"spotify"_s};
+        config.fallbackAsks = true;
+        config.browserPreferences = {{u"chromium"_s, false, u"--class=\"Work Mail\""_s},
+                                     {u"epiphany"_s, true, {}}};
+        const QByteArray json = *ConfigManager::exportToJSON(config, ExportTime);
         const auto imported = ConfigManager::importFromJSON(json);
-        QCOMPARE(imported->rules, store.loadRules());
+        QCOMPARE(imported->rules, config.rules);
         QVERIFY(imported->rules[2].openInPrivateWindow && imported->rules[3].askWhereToOpen);
-        QCOMPARE(imported->browserPreferences, store.loadBrowserPreferences());
+        QCOMPARE(imported->browserPreferences, config.browserPreferences);
         QVERIFY(imported->fallbackAsks);
         QCOMPARE(imported->handoffs, (QStringList{u"zoom"_s, u"spotify"_s}));
         QCOMPARE(imported->exportDate, QDateTime(QDate(2025, 3, 1), QTime(9, 30), Qt::UTC));
@@ -99,7 +96,7 @@ private Q_SLOTS:
     void launchAtLogin()
     {
         XdgAutostart autostart(u"/opt/My Apps/quillvane"_s);
-        const QString folder = m_files->environment.path() + u"/config/autostart"_s;
+        const QString folder = m_environment->path() + u"/config/autostart"_s;
         const QString entry = folder + u"/work.vorpa.Quillvane.desktop"_s;
         QCOMPARE(XdgAutostart::entryPath(), entry);
         QVERIFY(!LaunchAtLoginManager::isEnabled(autostart));
@@ -121,16 +118,16 @@ private Q_SLOTS:
     }
 
 private:
-    std::unique_ptr<SettingsFixture> m_files;
+    std::unique_ptr<TestEnvironment> m_environment;
 };
 
 void TestConfig::exportedDocument()
 {
-    RuleStore store(*m_files->settings);
-    store.saveRules({RoutingRule{QUuid::fromString(u"E621E1F8-C36C-495A-93FC-0C247A3E6E5F"_s),
-                                 u"org.gnome.Evolution"_s, u"Evolution"_s, u"firefox"_s,
-                                 u"Firefox"_s, u"*example.com/docs*"_s, std::nullopt}});
-    QCOMPARE(*ConfigManager::exportToJSON(store, ExportTime), QByteArray(R"({
+    Config config;
+    config.rules = {RoutingRule{QUuid::fromString(u"E621E1F8-C36C-495A-93FC-0C247A3E6E5F"_s),
+                                u"org.gnome.Evolution"_s, u"Evolution"_s, u"firefox"_s,
+                                u"Firefox"_s, u"*example.com/docs*"_s, std::nullopt}};
+    QCOMPARE(*ConfigManager::exportToJSON(config, ExportTime), QByteArray(R"({
   "exportDate" : "2025-03-01T09:30:00Z",
   "rules" : [
     {
@@ -145,9 +142,9 @@ void TestConfig::exportedDocument()
   "urlCleaningEnabled" : true,
   "version" : 1
 })"));
-    store.saveDefaultBrowserBundleID(u"firefox"_s);
-    m_files->settings->setValue(u"url_cleaning_enabled"_s, false);
-    const ConfigManager::ExportData data = ConfigManager::exportConfig(store, ExportTime);
+    config.fallbackBrowser = u"firefox"_s;
+    config.urlCleaningEnabled = false;
+    const ConfigManager::ExportData data = ConfigManager::exportConfig(config, ExportTime);
     QVERIFY(data.defaultBrowserBundleID == u"firefox" && !data.urlCleaningEnabled);
     QVERIFY(
         ConfigManager::encode(data).startsWith("{\n  \"defaultBrowserBundleID\" : \"firefox\",\n"));

@@ -119,12 +119,11 @@ private Q_SLOTS:
         m_desktop->writeEntry(
             u"tunes_tunes"_s,
             u"[Desktop Entry]\nType=Application\nName=Tunes\nExec=/bin/true tunes\n"_s);
-        auto settings = InstalledQuillvane::settingsToSeed(*m_desktop);
-        RuleStore store(*settings);
-        store.saveRules({makeRule(u"com.example.SandboxedChat"_s, std::nullopt, u"chat-browser"_s),
-                         makeRule(u"tunes_tunes"_s, std::nullopt, u"music-browser"_s)});
-        store.saveDefaultBrowserBundleID(u"fallback-browser"_s);
-        settings->sync();
+        Config config;
+        config.rules = {makeRule(u"com.example.SandboxedChat"_s, std::nullopt, u"chat-browser"_s),
+                        makeRule(u"tunes_tunes"_s, std::nullopt, u"music-browser"_s)};
+        config.fallbackBrowser = u"fallback-browser"_s;
+        InstalledQuillvane::seed(*m_desktop, config);
         // Quillvane runs, as it does from login on: it watches from its start.
         QCOMPARE(InstalledQuillvane::run(g_installed.program(u"quillvane-open"_s),
                                          {u"https://example.com/first"_s})

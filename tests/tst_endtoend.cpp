@@ -6,10 +6,10 @@
 #include "FakeDesktop.h"
 #include "InstalledQuillvane.h"
 #include "Storage/HistoryStore.h"
-#include "Storage/SettingsKeys.h"
 #include "Storage/Sqlite.h"
 #include "TestSupport.h"
 
+#include <QSettings>
 #include <QDBusConnection>
 #include <QDBusUnixFileDescriptor>
 #include <QDBusConnectionInterface>
@@ -71,23 +71,26 @@ private Q_SLOTS:
             m_desktop->addApplication(id, id.toUpper());
         m_desktop->addApp(u"zoom-client"_s, u"Zoom Workplace"_s, u"x-scheme-handler/zoommtg;"_s);
 
-        auto settings = InstalledQuillvane::settingsToSeed(*m_desktop);
-        RuleStore store(*settings);
-        store.saveRules({makeRule(u"fake-mail"_s, std::nullopt, u"mail-browser"_s),
-                         makeRule(u"fake-chat"_s, std::nullopt, u"chat-browser"_s),
-                         makeRule(QString(), u"burst.example"_s, u"burst-browser"_s)});
-        store.saveDefaultBrowserBundleID(u"fallback-browser"_s);
-        SettingsKeys::writeTexts(*settings, SettingsKeys::EnabledHandoffs, {u"zoom"_s});
-        // The history and today's count as an earlier version kept them: the first
-        // start moves them into the history database.
-        settings->setValue(
+        // The settings file of an earlier version, as it wrote it: the first start
+        // moves the configuration into the new file and the history and today's
+        // count into the history database, and keeps the old file aside.
+        QSettings settings(legacyPath(), QSettings::IniFormat);
+        settings.setValue(u"routing_rules"_s,
+                          RoutingRule::listToJson(
+                              {makeRule(u"fake-mail"_s, std::nullopt, u"mail-browser"_s),
+                               makeRule(u"fake-chat"_s, std::nullopt, u"chat-browser"_s),
+                               makeRule(QString(), u"burst.example"_s, u"burst-browser"_s)}));
+        settings.setValue(u"default_browser_bundle_id"_s, u"fallback-browser"_s);
+        settings.setValue(u"handoffs_enabled"_s, QByteArray(R"(["zoom"])"));
+        settings.setValue(u"url_unwrapping_enabled"_s, false);
+        settings.setValue(
             u"forwarding_history"_s,
             ForwardingRecord::listToJson(
                 {makeRecord(u"https://earlier.example/2"_s, u"Mail"_s, u"Fallback"_s),
                  makeRecord(u"https://earlier.example/1"_s, std::nullopt, u"Fallback"_s)}));
-        settings->setValue(u"today_forward_count"_s, 5);
-        settings->setValue(u"today_date"_s, HistoryStore::dayString(QDateTime::currentDateTime()));
-        settings->sync();
+        settings.setValue(u"today_forward_count"_s, 5);
+        settings.setValue(u"today_date"_s, HistoryStore::dayString(QDateTime::currentDateTime()));
+        settings.sync();
     }
 
     void cleanupTestCase()
@@ -105,15 +108,17 @@ private Q_SLOTS:
                  QStringList{u"https://example.com/first"_s});
         QVERIFY(InstalledQuillvane::instancePid() > 0);
 
-        // The count and the history are on disk, with what the settings file held
-        // before (which it holds no more); the trail is in the runtime folder.
+        // The count and the history are on disk, with what the old settings file
+        // held; the configuration is in its new file; the trail is in the runtime folder.
         QTRY_COMPARE(storedHistory().size(), 3);
         QCOMPARE(links(storedHistory()),
                  (QStringList{u"https://example.com/first?utm_source=x"_s,
                               u"https://earlier.example/2"_s, u"https://earlier.example/1"_s}));
         QCOMPARE(storedCount(), 6);
-        QCOMPARE(stored()->allKeys().filter(u"forward"_s), QStringList());
-        QCOMPARE(RuleStore(*stored()).loadRules().size(), 3);
+        QVERIFY(!QFileInfo::exists(legacyPath())
+                && QFileInfo::exists(legacyPath() + u".migrated"_s));
+        QCOMPARE(stored().rules.size(), 3);
+        QVERIFY(stored().handoffs == QStringList{u"zoom"_s} && !stored().urlUnwrappingEnabled);
         QCOMPARE(InstalledQuillvane::journalEntries(*m_desktop), 0);
         QVERIFY(trail().contains("] Routing URL: https://example.com/first?utm_source=x\n"));
         QVERIFY(trail().contains(" ms after the request arrived, asked to start after "));
@@ -252,7 +257,7 @@ private Q_SLOTS:
     void settingsDeletedWhileRunning()
     {
         QVERIFY(opens({u"https://burst.example/starting"_s}));
-        const QString path = m_desktop->configHome() + u"/Quillvane/Quillvane.conf"_s;
+        const QString path = InstalledQuillvane::configPath(*m_desktop);
         QVERIFY(QFile::remove(path));
         // A link writes nothing there.
         QVERIFY(opens({u"https://burst.example/after-delete"_s}));
@@ -261,9 +266,9 @@ private Q_SLOTS:
 
         QVERIFY(answered(
             InstalledQuillvane::automation(u"ToggleFeature"_s, {u"urlExpansion"_s, true})));
-        QCOMPARE(RuleStore(*stored()).loadRules().size(), 3);
-        QCOMPARE(stored()->value(u"default_browser_bundle_id"_s), u"fallback-browser"_s);
-        QCOMPARE(stored()->value(u"url_expansion_enabled"_s).toBool(), true);
+        QCOMPARE(stored().rules.size(), 3);
+        QCOMPARE(stored().fallbackBrowser, u"fallback-browser"_s);
+        QVERIFY(stored().urlExpansionEnabled);
         InstalledQuillvane::automation(u"ToggleFeature"_s, {u"urlExpansion"_s, false});
     }
 
@@ -561,10 +566,8 @@ private:
     }
     void forgetBursts() const { QFile::remove(burstLogPath()); }
     // What Quillvane has stored, read afresh each time.
-    std::unique_ptr<QSettings> stored() const
-    {
-        return InstalledQuillvane::storedSettings(*m_desktop);
-    }
+    Config stored() const { return InstalledQuillvane::stored(*m_desktop); }
+    QString legacyPath() const { return m_desktop->configHome() + u"/Quillvane/Quillvane.conf"_s; }
     QList<ForwardingRecord> storedHistory() const
     {
         return InstalledQuillvane::storedHistory(*m_desktop);

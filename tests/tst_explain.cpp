@@ -2,7 +2,6 @@
 // rules and settings; run in-process over the test's own settings and network.
 #include "App/CommandLine.h"
 #include "App/ExplainCommand.h"
-#include "Storage/SettingsKeys.h"
 #include "TestSupport.h"
 
 #include <QTest>
@@ -16,14 +15,12 @@ class TestExplain final : public QObject
 private Q_SLOTS:
     void init()
     {
-        m_files = std::make_unique<SettingsFixture>();
-        RuleStore store(*m_files->settings);
-        store.saveRules(workedExampleRules());
-        store.saveDefaultBrowserBundleID(u"com.apple.Safari"_s);
+        m_environment = std::make_unique<TestEnvironment>();
+        m_config = Config();
+        m_config.rules = workedExampleRules();
+        m_config.fallbackBrowser = u"com.apple.Safari"_s;
         m_expandCalls.clear();
     }
-
-    void cleanup() { m_files.reset(); }
 
     // One link per kind of answer (the router's own tests cover every case); each
     // row's text is what the answer's lines hold. Hosts are shown as compared.
@@ -65,15 +62,13 @@ private Q_SLOTS:
         QFETCH(QString, setting);
         QFETCH(int, exitCode);
         QFETCH(QStringList, lines);
-        RuleStore store(*m_files->settings);
         if (setting == u"nothing") {
-            store.saveRules({});
-            store.saveDefaultBrowserBundleID(QString());
+            m_config.rules.clear();
+            m_config.fallbackBrowser.clear();
         }
-        SettingsKeys::writeTexts(*m_files->settings, SettingsKeys::EnabledHandoffs,
-                                 setting == u"zoom on" ? QStringList{u"zoom"_s} : QStringList());
+        m_config.handoffs = setting == u"zoom on" ? QStringList{u"zoom"_s} : QStringList();
         if (setting == u"Unicode rule")
-            store.saveRules({makeRule(QString(), u"bücher.de"_s, u"firefox"_s)});
+            m_config.rules = {makeRule(QString(), u"bücher.de"_s, u"firefox"_s)};
         const auto [code, out] = explain(arguments);
         QCOMPARE(code, exitCode);
         for (const QString &line : lines)
@@ -91,7 +86,7 @@ private Q_SLOTS:
         const QString out = explain({u"https://docs.example.com/guide?utm_source=x&id=1"_s}).second;
         QVERIFY2(out.contains(u"  MATCHED url-only rule: pattern=docs.example.com → com.google.Chrome"_s),
                  qPrintable(out));
-        QVERIFY(!QFile::exists(m_files->environment.diagnosticLogPath()));
+        QVERIFY(!QFile::exists(m_environment->diagnosticLogPath()));
     }
 
     void expandsOnlyShortLinksWhenAsked()
@@ -110,7 +105,8 @@ private:
     // Exit status, then standard output, or standard error where it said something.
     std::pair<int, QString> explain(const QStringList &arguments);
 
-    std::unique_ptr<SettingsFixture> m_files;
+    std::unique_ptr<TestEnvironment> m_environment;
+    Config m_config;
     QList<Link> m_expandCalls;
 };
 
@@ -121,7 +117,7 @@ std::pair<int, QString> TestExplain::explain(const QStringList &arguments)
     QTextStream outStream(&out);
     QTextStream errStream(&err);
     const ExplainCommand::Environment environment{
-        *m_files->settings, [](const Link &url) { return url.host() == u"bit.ly"; },
+        m_config, [](const Link &url) { return url.host() == u"bit.ly"; },
         [this](const Link &url) {
             m_expandCalls.append(url);
             return QtFuture::makeReadyFuture(link(u"https://docs.example.com/from-short-link"_s));

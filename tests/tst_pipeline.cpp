@@ -8,7 +8,6 @@
 #include "Storage/HistoryStore.h"
 #include "Services/LaunchPacer.h"
 #include "Storage/LinkJournal.h"
-#include "Storage/UserSettings.h"
 #include "TestSupport.h"
 
 #include <QSignalSpy>
@@ -40,8 +39,8 @@ private Q_SLOTS:
         // GIO reads for the whole program.
         const QString own =
             m_desktop->root() + u'/' + QLatin1StringView(QTest::currentTestFunction());
-        m_settings = UserSettings::open(own + u".conf"_s);
-        m_store = std::make_unique<RuleStore>(*m_settings);
+        m_configPath = own + u".json"_s;
+        m_config = Config();
         m_history = std::make_unique<HistoryDatabase>(own + u".sqlite3"_s);
         m_history->claimWriter();
         m_notifications.clear();
@@ -61,10 +60,10 @@ private Q_SLOTS:
     // Paused: the fallback opens the cleaned link, never expanded, credited to the pause.
     void pausedPath()
     {
-        m_store->saveRules({makeRule(u"com.example.mail"_s, std::nullopt, u"google-chrome"_s)});
-        m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
-        m_store->saveRulesEnabled(false);
-        m_settings->setValue(u"url_expansion_enabled"_s, true);
+        m_config.rules = {makeRule(u"com.example.mail"_s, std::nullopt, u"google-chrome"_s)};
+        m_config.fallbackBrowser = u"epiphany"_s;
+        m_config.rulesEnabled = false;
+        m_config.urlExpansionEnabled = true;
         makeState();
         m_isShortLink = [](const Link &) { return true; };
         m_expand = [](const Link &) -> QFuture<Link> { qFatal("a paused route must not expand"); };
@@ -82,10 +81,10 @@ private Q_SLOTS:
     // plain launch fails). Counted, never recorded.
     void failuresAreCountedNotRecorded()
     {
-        m_store->saveRules(
+        m_config.rules = 
             {makeRule(u"com.example.mail"_s, std::nullopt, u"uninstalled"_s),
-             makeRule(QString(), u"work.example"_s, u"microsoft-edge"_s, u"Profile 2"_s)});
-        m_store->saveRulesEnabled(false);
+             makeRule(QString(), u"work.example"_s, u"microsoft-edge"_s, u"Profile 2"_s)};
+        m_config.rulesEnabled = false;
         makeState();
         m_state->setDefaultBrowser(QString());
         const QStringList expected{u"FAILED: No browser found with bundle ID: "_s,
@@ -111,8 +110,8 @@ private Q_SLOTS:
         RecordingLauncher launcher;
         launcher.failure = u"Permission denied"_s;
         launcher.failWhenArgumentStartsWith = u"--profile-directory="_s;
-        m_store->saveRules(
-            {makeRule(u"com.example.mail"_s, std::nullopt, u"google-chrome"_s, u"Work"_s)});
+        m_config.rules = 
+            {makeRule(u"com.example.mail"_s, std::nullopt, u"google-chrome"_s, u"Work"_s)};
         makeState(launcher);
         route(u"https://e.com/"_s, Mail);
         QVERIFY(waitForRoutes(1));
@@ -127,8 +126,8 @@ private Q_SLOTS:
         RoutingRule asking = makeRule(u"com.example.mail"_s, std::nullopt, QString());
         asking.askWhereToOpen = true;
         asking.targetBrowserName = u"Ask Every Time"_s;
-        m_store->saveRules({asking, makeRule(QString(), u"chrome.example"_s, u"google-chrome"_s)});
-        m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
+        m_config.rules = {asking, makeRule(QString(), u"chrome.example"_s, u"google-chrome"_s)};
+        m_config.fallbackBrowser = u"epiphany"_s;
         makeState();
         QList<AskRequest> asked;
         std::function<void(const AskAnswer &)> answer;
@@ -196,9 +195,9 @@ private Q_SLOTS:
     {
         TestHttpServer server;
         server.redirect(u"/short"_s, 301, "https://docs.example.com/article?utm_medium=x");
-        m_store->saveRules({makeRule(QString(), u"docs.example.com"_s, u"firefox-esr"_s)});
-        m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
-        m_settings->setValue(u"url_expansion_enabled"_s, true);
+        m_config.rules = {makeRule(QString(), u"docs.example.com"_s, u"firefox-esr"_s)};
+        m_config.fallbackBrowser = u"epiphany"_s;
+        m_config.urlExpansionEnabled = true;
         makeState();
         m_isShortLink = [](const Link &url) { return url.host() == u"127.0.0.1"; };
         const QString shortLink = server.baseUrl() + u"/short?fbclid=2"_s;
@@ -214,8 +213,8 @@ private Q_SLOTS:
     void manyLinksInFlightWhileRulesChange()
     {
         RecordingLauncher launcher;
-        m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
-        m_settings->setValue(u"url_expansion_enabled"_s, true);
+        m_config.fallbackBrowser = u"epiphany"_s;
+        m_config.urlExpansionEnabled = true;
         makeState(launcher);
         QList<std::shared_ptr<QPromise<Link>>> pending;
         m_isShortLink = [](const Link &url) { return url.host() == u"s.example"; };
@@ -265,7 +264,7 @@ private Q_SLOTS:
     void floodsArePaced()
     {
         RecordingLauncher launcher;
-        m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
+        m_config.fallbackBrowser = u"epiphany"_s;
         makeState(launcher);
         QStringList flood;
         for (int i = 0; i < LaunchPacer::Burst + 5; ++i) {
@@ -290,7 +289,7 @@ private Q_SLOTS:
     void journalledLinksLeaveTheJournal()
     {
         RecordingLauncher launcher;
-        m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
+        m_config.fallbackBrowser = u"epiphany"_s;
         makeState(launcher);
         QList<LinkJournal::Entry> entries;
         for (const QString &url : {u"https://opens.example/"_s, u"https://fails.example/"_s,
@@ -349,7 +348,7 @@ private Q_SLOTS:
     {
         m_desktop->addApp(u"zoom-client"_s, u"Zoom Workplace"_s, u"x-scheme-handler/zoommtg;"_s);
         QTRY_COMPARE(GioDesktopEntries::instance().defaultHandler(u"zoommtg"_s), u"zoom-client"_s);
-        m_store->saveDefaultBrowserBundleID(u"epiphany"_s);
+        m_config.fallbackBrowser = u"epiphany"_s;
         makeState();
         m_state->setAskWhereToOpen([&](const AskRequest &request, auto reply) {
             QVERIFY(request.app && request.app->app.id == u"zoom-client"_s);
@@ -404,8 +403,10 @@ private:
 
     std::unique_ptr<FakeDesktop> m_desktop;
     std::unique_ptr<XdgAutostart> m_autostart;
-    std::unique_ptr<QSettings> m_settings;
-    std::unique_ptr<RuleStore> m_store;
+    // What the state starts with, written to its file by makeState().
+    Config m_config;
+    QString m_configPath;
+    std::unique_ptr<ConfigFile> m_file;
     std::unique_ptr<HistoryDatabase> m_history;
     QList<QStringList> m_notifications;
     std::unique_ptr<AppState> m_state;
@@ -424,7 +425,11 @@ void TestPipeline::makeState(ProcessLauncher &launcher)
         m_notifications.append({summary, body});
     };
     services.monotonicMs = [this] { return m_monotonicMs; };
-    m_state = std::make_unique<AppState>(*m_store, *m_history, services);
+    m_state.reset();
+    writeConfig(m_configPath, m_config);
+    m_file = std::make_unique<ConfigFile>(m_configPath);
+    m_file->load();
+    m_state = std::make_unique<AppState>(*m_file, *m_history, services);
     m_finished = std::make_unique<QSignalSpy>(m_state.get(), &AppState::routeFinished);
 }
 

@@ -289,7 +289,7 @@ private:
 
     QList<RoutingRule> stored() const
     {
-        return RuleStore(*m_app->environment.settings()).loadRules();
+        return m_app->stored().rules;
     }
 
     std::unique_ptr<AppFixture> m_app;
@@ -310,7 +310,7 @@ void TestRulePanes::init()
     writeFile(m_app->environment.path() + u"/.mozilla/firefox/profiles.ini"_s,
               "[Profile0]\nName=default-release\nPath=x\n\n[Profile1]\nName=Testing\nPath=y\n");
     m_running = {{u"org.gnome.Evolution"_s, u"Evolution"_s}, {u"org.example.Chat"_s, u"Chat"_s}};
-    m_app->store->saveDefaultBrowserBundleID(u"firefox"_s);
+    m_app->initial.fallbackBrowser = u"firefox"_s;
     m_app->start().refreshBrowsers();
 }
 

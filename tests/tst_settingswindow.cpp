@@ -2,7 +2,6 @@
 // what they show, and what a click stores.
 #include "App/AppState.h"
 #include "Storage/HistoryStore.h"
-#include "Storage/SettingsKeys.h"
 #include "TestSupport.h"
 #include "Views/AppsPane.h"
 #include "Views/BrowsersPane.h"
@@ -53,11 +52,6 @@ void trigger(QAction *chosen)
     QCoreApplication::processEvents();
 }
 
-bool stored(QSettings &settings, const SettingsKeys::Key<bool> &key)
-{
-    return SettingsKeys::read(settings, key);
-}
-
 } // namespace
 
 class TestSettingsWindow final : public QObject
@@ -68,9 +62,9 @@ private Q_SLOTS:
     void init()
     {
         m_app = std::make_unique<AppFixture>();
-        m_app->store->saveRules({makeRule(u"org.example.Mail"_s, std::nullopt, u"safari"_s),
-                                 makeRule(u"org.example.Chat"_s, std::nullopt, u"firefox"_s)});
-        m_app->store->saveDefaultBrowserBundleID(u"firefox"_s);
+        m_app->initial.rules = {makeRule(u"org.example.Mail"_s, std::nullopt, u"safari"_s),
+                                 makeRule(u"org.example.Chat"_s, std::nullopt, u"firefox"_s)};
+        m_app->initial.fallbackBrowser = u"firefox"_s;
         m_app->start();
         MessageBox::setInformQuietly(true);
     }
@@ -97,16 +91,16 @@ private Q_SLOTS:
         QCOMPARE(texts(menu).mid(2, 3),
                  (QStringList{u"Rules: 2 app, 0 URL"_s, u"Today: 1 forwarded"_s, u"--"_s}));
         trigger(fallbacks()->actions()[1]);
-        QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"safari"_s);
+        QCOMPARE(m_app->stored().fallbackBrowser, u"safari"_s);
         // "Ask Every Time": checked alone; a browser ends it.
         trigger(fallbacks()->findChild<QAction *>(u"fallbackAskAction"_s));
-        QVERIFY(stored(*m_app->settings, SettingsKeys::FallbackAsks));
+        QVERIFY(m_app->stored().fallbackAsks);
         QCOMPARE(shown(), u"Fallback: Ask Every Time||||✓ Ask Every Time"_s);
         trigger(fallbacks()->actions()[0]);
-        QVERIFY(!stored(*m_app->settings, SettingsKeys::FallbackAsks));
-        QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"firefox"_s);
+        QVERIFY(!m_app->stored().fallbackAsks);
+        QCOMPARE(m_app->stored().fallbackBrowser, u"firefox"_s);
         trigger(action(menu, "pauseRulesAction"));
-        QCOMPARE(QString::number(m_app->store->loadRulesEnabled()) + item.iconState(),
+        QCOMPARE(QString::number(m_app->stored().rulesEnabled) + item.iconState(),
                  u"0paused"_s);
 
         // A browser's name is the desktop entry's: an "&" is not a mnemonic, and
@@ -163,22 +157,22 @@ private Q_SLOTS:
         };
         picker->setFocus();
         QTest::keyClick(picker, Qt::Key_Down);
-        QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"safari"_s);
+        QCOMPARE(m_app->stored().fallbackBrowser, u"safari"_s);
         QTest::keyClick(picker, Qt::Key_Home);
-        QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), QString());
+        QCOMPARE(m_app->stored().fallbackBrowser, QString());
         // Ask: the fallback browser stays.
         m_app->state->setDefaultBrowser(u"firefox"_s);
         QTest::keyClick(picker, Qt::Key_End);
-        QVERIFY(stored(*m_app->settings, SettingsKeys::FallbackAsks));
-        QCOMPARE(m_app->store->loadDefaultBrowserBundleID(), u"firefox"_s);
+        QVERIFY(m_app->stored().fallbackAsks);
+        QCOMPARE(m_app->stored().fallbackBrowser, u"firefox"_s);
 
         for (const char *name : {"rulesEnabledSwitch", "urlCleaningSwitch", "urlUnwrappingSwitch",
                                  "launchAtLoginSwitch", "preferRunningSwitch"})
             clickBox(box(name));
-        QVERIFY(!m_app->store->loadRulesEnabled() && m_app->autostart.enabled
-                && stored(*m_app->settings, SettingsKeys::PreferRunningBrowser)
-                && !stored(*m_app->settings, SettingsKeys::UrlCleaningEnabled)
-                && !stored(*m_app->settings, SettingsKeys::UrlUnwrappingEnabled));
+        QVERIFY(!m_app->stored().rulesEnabled && m_app->autostart.enabled
+                && m_app->stored().preferRunningBrowser
+                && !m_app->stored().urlCleaningEnabled
+                && !m_app->stored().urlUnwrappingEnabled);
         // The tests' build has no update feed: its switch is shown, disabled.
         QVERIFY(box("automaticUpdatesSwitch")->isChecked()
                 && !box("automaticUpdatesSwitch")->isEnabled());
@@ -217,12 +211,12 @@ private Q_SLOTS:
         type(u"--app=%u"_s);
         QVERIFY(!error->isHidden() && error->text().contains(u"%u"_s));
         // Kept in the settings file, beside the rules.
-        QCOMPARE(m_app->store->loadBrowserPreferences(),
+        QCOMPARE(m_app->stored().browserPreferences,
                  (QList<BrowserPreference>{{u"firefox"_s, true, typed}}));
         clickBox(shown);
         type({});
         // Nothing set is nothing stored.
-        QVERIFY(m_app->store->loadBrowserPreferences().isEmpty());
+        QVERIFY(m_app->stored().browserPreferences.isEmpty());
     }
 
     // A handoff's switch stores; a change made elsewhere shows; an app installed
@@ -303,7 +297,7 @@ void TestSettingsWindow::importAndExport()
     QCOMPARE(m_app->state->rules().size(), 2);
     MessageBox::setNextAnswer(0);
     importing(ConfigManager::encode(data));
-    QCOMPARE(m_app->store->loadRules(), data.rules);
+    QCOMPARE(m_app->stored().rules, data.rules);
 
     // Arguments, profiles and private windows are each shown, and taken only
     // when agreed to: "Rules Only" leaves them out.
@@ -316,11 +310,11 @@ void TestSettingsWindow::importAndExport()
                                 u"• 1 rule(s) open Safari in the profile “Work” (not found here)"_s,
                                 u"• 1 rule(s) open a private window: b.example → safari"_s})
         QVERIFY2(MessageBox::lastDetail().contains(item), qPrintable(MessageBox::lastDetail()));
-    QCOMPARE(m_app->store->loadRules(), ConfigManager::withoutLaunchSettings(data).rules);
+    QCOMPARE(m_app->stored().rules, ConfigManager::withoutLaunchSettings(data).rules);
     QVERIFY(m_app->state->launchOptions(u"safari"_s).extraArguments.isEmpty());
     MessageBox::setNextAnswer(0);
     importing(ConfigManager::encode(data));
-    QCOMPARE(m_app->store->loadRules(), data.rules);
+    QCOMPARE(m_app->stored().rules, data.rules);
     QCOMPARE(m_app->state->launchOptions(u"safari"_s).extraArguments,
              QStringList{u"--remote-debugging-port=9222"_s});
 

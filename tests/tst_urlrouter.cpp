@@ -53,14 +53,14 @@ private Q_SLOTS:
         // Without a source, even a combined rule whose pattern matches is not considered.
         const auto decision =
             URLRouter::decide(link(u"https://meet.example.org/"_s), std::nullopt,
-                              {makeRule(u"com.example.chat"_s, u"*meet*"_s, u"a"_s),
-                               makeRule(u"com.example.chat"_s, std::nullopt, u"b"_s)},
+                              QList{makeRule(u"com.example.chat"_s, u"*meet*"_s, u"a"_s),
+                                    makeRule(u"com.example.chat"_s, std::nullopt, u"b"_s)},
                               u"fb"_s);
         QCOMPARE(decision.kind, URLRouter::Decision::Kind::Fallback);
         QCOMPARE(decision.result, (RouteResult{u"fb"_s, std::nullopt}));
         // An inert rule (no source, no pattern) never matches.
         QCOMPARE(URLRouter::route(link(u"https://e.com/"_s), source(u"a"_s),
-                                  {makeRule(QString(), std::nullopt, u"x"_s)}, QString()),
+                                  QList{makeRule(QString(), std::nullopt, u"x"_s)}, QString()),
                  std::nullopt);
         // Equally specific URL rules, and an app's combined rules however
         // specific: the first stored wins.
@@ -122,11 +122,11 @@ private Q_SLOTS:
         routeSettings.urlExpansionEnabled = !changes.contains(u"no expansion"_s);
         if (changes.contains(u"no fallback"_s))
             routeSettings.defaultBrowserBundleID.clear();
+        QList<RoutingRule> rules = routeSettings.rules.rules();
         if (changes.contains(u"mail rule"_s))
-            routeSettings.rules.append(
-                makeRule(u"com.example.mail"_s, u"never.example"_s, u"firefox"_s));
+            rules.append(makeRule(u"com.example.mail"_s, u"never.example"_s, u"firefox"_s));
         if (changes.contains(u"zoom rule"_s))
-            routeSettings.rules.append(makeRule({}, u"zoom.us"_s, u"org.mozilla.firefox"_s));
+            rules.append(makeRule({}, u"zoom.us"_s, u"org.mozilla.firefox"_s));
         // The desktop's app for Zoom's links, its handoff switched on, and the
         // browsers that run (asked only when the switch is on).
         if (changes.contains(u"zoom app"_s))
@@ -152,8 +152,9 @@ private Q_SLOTS:
             RoutingRule asking = makeRule(u"com.example.mail"_s, std::nullopt, QString());
             asking.askWhereToOpen = true;
             asking.targetBrowserName = RoutingRule::AskName.toString();
-            routeSettings.rules.append(asking);
+            rules.append(asking);
         }
+        routeSettings.rules = rules;
         const RoutePolicy chosen = policy == u"automation" ? RoutePolicy::automation()
                                    : policy == u"explanation"
                                        ? RoutePolicy::explanation()
@@ -181,7 +182,7 @@ private Q_SLOTS:
             QCOMPARE(plan.result->profileID.value_or(QString()), profile);
         }
         if (decidedBy.startsWith(u"rule "_s)) {
-            const RoutingRule &rule = routeSettings.rules.at(decidedBy.mid(5).toInt());
+            const RoutingRule &rule = rules.at(decidedBy.mid(5).toInt());
             decidedBy = JsonFields::uuidText(rule.id);
             QCOMPARE(plan.ruleDescription, rule.description());
         }
@@ -218,12 +219,15 @@ private Q_SLOTS:
         // The chat's meeting rule is gone while the link expands: its rule for
         // every link decides.
         RoutePlanner::expanded(plan, link(u"https://meet.example.org/room"_s));
-        settings.rules.removeAt(1);
+        QList<RoutingRule> rules = settings.rules.rules();
+        rules.removeAt(1);
+        settings.rules = rules;
         RoutePlanner::decide(plan, settings, policy);
         QCOMPARE(plan.decision, RoutePlan::Decision::SourceOnly);
-        QCOMPARE(plan.ruleID, settings.rules[0].id);
+        QCOMPARE(plan.ruleID, rules[0].id);
         const QString description = *plan.ruleDescription;
-        settings.rules[0].targetBrowserName = u"Renamed"_s;
+        rules[0].targetBrowserName = u"Renamed"_s;
+        settings.rules = rules;
         QCOMPARE(plan.ruleDescription, description);
 
         settings.urlCleaningEnabled = false;

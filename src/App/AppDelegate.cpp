@@ -26,8 +26,6 @@
 #include "Storage/HistoryDatabase.h"
 #include "Storage/HistoryMigration.h"
 #include "Storage/HistoryStore.h"
-#include "Storage/RuleStore.h"
-#include "Storage/UserSettings.h"
 #include "Views/LinkPicker.h"
 #include "Views/MessageBox.h"
 #include "Views/RuleListView.h"
@@ -39,6 +37,7 @@
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
+#include <QFileInfo>
 #include <QTimer>
 
 using namespace Qt::Literals::StringLiterals;
@@ -62,20 +61,27 @@ bool hasDisplay()
 
 AppDelegate::AppDelegate(QObject *parent, AppServices::Later later)
     : QObject(parent)
-    , m_settings(UserSettings::open())
-    , m_store(std::make_unique<RuleStore>(*m_settings))
+    , m_config(std::make_unique<ConfigFile>(ConfigFile::defaultPath(),
+                                            ConfigFile::defaultLegacyPath()))
     , m_history(std::make_unique<HistoryDatabase>())
     , m_autostart(std::make_unique<XdgAutostart>(QCoreApplication::applicationFilePath()))
 {
+    // What an earlier version's settings file still holds of the history is
+    // taken before the file is moved aside, and written once the history is ours.
+    if (!QFileInfo::exists(m_config->path()) && QFileInfo(ConfigFile::defaultLegacyPath()).isFile())
+        m_pendingHistory =
+            HistoryMigration::take(QSettings(ConfigFile::defaultLegacyPath(), QSettings::IniFormat));
+    m_config->load();
+    m_config->watch();
     AppServices services{GioDesktopEntries::instance(), GioProcessLauncher::instance(),
                          *m_autostart};
     if (later)
         services.later = std::move(later);
-    m_appState = std::make_unique<AppState>(*m_store, *m_history, std::move(services));
-    AppState::setShared(m_appState.get());
+    m_appState = std::make_unique<AppState>(*m_config, *m_history, std::move(services));
     // The release notes go where the user's rules send links from Quillvane.
     m_updates = std::make_unique<UpdateController>(
-        *m_settings, UpdateController::makeBuildChecker(), [this](const QUrl &link) {
+        [this] { return m_appState->automaticUpdateChecks(); }, *m_history,
+        UpdateController::makeBuildChecker(), [this](const QUrl &link) {
             if (m_intake)
                 m_intake->handleURLs({link.toString()}, QCoreApplication::applicationPid(), {});
         });
@@ -87,7 +93,6 @@ AppDelegate::~AppDelegate()
     m_statusItem.reset();
     m_appState->setAskWhereToOpen({});
     m_linkPicker.reset();
-    AppState::setShared(nullptr);
 }
 
 bool AppDelegate::applicationWillFinishLaunching()
@@ -112,11 +117,11 @@ bool AppDelegate::applicationWillFinishLaunching()
     }
     m_intake->onActivate = [this] { openSettings(); };
     m_intake->onAction = [this](const QString &action) {
-        DesktopActions::run(action, [this] { openRuleEditor(); });
+        DesktopActions::run(m_intake->scripts(), action, [this] { openRuleEditor(); });
     };
     QDBusConnection bus = QDBusConnection::sessionBus();
     new ApplicationAdaptor(m_intake.get());
-    new AutomationAdaptor(m_intake.get(), bus);
+    new AutomationAdaptor(m_intake.get(), bus, m_intake->scripts());
 
     if (!bus.isConnected()) {
         qCCritical(lcAppDelegate).noquote()
@@ -166,7 +171,8 @@ bool AppDelegate::applicationWillFinishLaunching()
     // Quillvane's one instance now: the history is its to write, and what the
     // previous one accepted and did not open is its to open.
     m_history->claimWriter();
-    HistoryMigration::run(*m_settings, *m_history);
+    if (m_pendingHistory)
+        HistoryMigration::run(*std::exchange(m_pendingHistory, std::nullopt), *m_history);
     m_appState->reloadTodayForwardCount();
     m_intake->resumeUnfinished();
     // Without its bus the session is over, and no link can reach Quillvane any more.

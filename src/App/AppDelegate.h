@@ -1,6 +1,7 @@
 #pragma once
 
 #include "App/AppServices.h"
+#include "Storage/HistoryMigration.h"
 
 #include <QObject>
 #include <QStringList>
@@ -10,6 +11,7 @@
 #include <memory>
 
 class ActiveApplication;
+class ConfigFile;
 class ApplicationsMonitor;
 class DesktopFollower;
 class AppState;
@@ -20,8 +22,6 @@ class LinkPicker;
 class LinuxProcessApps;
 class OpenRequestMonitor;
 class OpenRequestSources;
-class QSettings;
-class RuleStore;
 class SettingsWindow;
 class SourceAppResolver;
 class StatusItem;
@@ -70,8 +70,8 @@ private:
     void openSettingsOn(int tab, std::function<void()> then = {});
     RuleEditServices ruleEditServices();
 
-    std::unique_ptr<QSettings> m_settings;
-    std::unique_ptr<RuleStore> m_store;
+    std::unique_ptr<ConfigFile> m_config;
+    std::optional<HistoryMigration::Pending> m_pendingHistory;
     std::unique_ptr<HistoryDatabase> m_history;
     std::unique_ptr<XdgAutostart> m_autostart;
     std::unique_ptr<AppState> m_appState;

@@ -15,8 +15,6 @@
 #include "Services/URLCleaner.h"
 #include "Services/URLRouter.h"
 #include "Storage/HistoryStore.h"
-#include "Storage/SettingsKeys.h"
-#include "Storage/UserSettings.h"
 
 #include <QCollator>
 #include <QCoreApplication>
@@ -31,8 +29,6 @@ using namespace Qt::Literals::StringLiterals;
 QUILLVANE_LOGGING_CATEGORY(lcAppState, "AppState")
 
 namespace {
-
-AppState *g_shared = nullptr;
 
 // The browsers tried, in order, when no fallback browser is stored yet.
 const QStringList &preferredFallbacks()
@@ -58,44 +54,31 @@ constexpr int HistoryRetryMs = 2000;
 
 } // namespace
 
-AppState::AppState(RuleStore &store, HistoryDatabase &history, AppServices services,
+AppState::AppState(ConfigFile &file, HistoryDatabase &history, AppServices services,
                    QObject *parent)
     : QObject(parent)
-    , m_store(store)
+    , m_file(file)
     , m_history(history)
     , m_services(std::move(services))
 {
     m_launchAtLogin = LaunchAtLoginManager::isEnabled(m_services.autostart);
-    m_urlCleaningEnabled = URLCleaner::isEnabled(m_store.settings());
-    m_urlExpansionEnabled =
-        SettingsKeys::read(m_store.settings(), SettingsKeys::UrlExpansionEnabled);
-    m_automaticUpdateChecks =
-        SettingsKeys::read(m_store.settings(), SettingsKeys::AutomaticUpdateChecks);
-    m_urlUnwrappingEnabled =
-        SettingsKeys::read(m_store.settings(), SettingsKeys::UrlUnwrappingEnabled);
-    m_browserPreferences = m_store.loadBrowserPreferences();
-    m_handoffs = SettingsKeys::readTexts(m_store.settings(), SettingsKeys::EnabledHandoffs);
-    m_preferRunningBrowser =
-        SettingsKeys::read(m_store.settings(), SettingsKeys::PreferRunningBrowser);
-
-    m_rules = m_store.loadRules();
-    if (const auto &damage = m_store.lastLoadDamage())
-        reportDamagedRules(*damage);
-    m_defaultBrowserBundleID = m_store.loadDefaultBrowserBundleID();
-    m_fallbackAsks = SettingsKeys::read(m_store.settings(), SettingsKeys::FallbackAsks);
+    connect(&m_file, &ConfigFile::changed, this, &AppState::configChanged);
+    connect(&m_file, &ConfigFile::problemChanged, this, &AppState::reportConfigProblem);
+    if (m_file.problem())
+        reportConfigProblem();
+    m_compiledRules = URLRouter::CompiledRules(rules());
     reloadTodayForwardCount();
     m_browsers = BrowserDiscovery::discoverBrowsers(m_services.entries);
-    if (m_defaultBrowserBundleID.isEmpty())
+    if (config().fallbackBrowser.isEmpty())
         chooseFallbackBrowser();
-    m_rulesEnabled = m_store.loadRulesEnabled();
     m_isSystemDefaultBrowser = checkIsDefaultBrowser();
 
     if (DiagnosticLog::isEnabled()) {
         QStringList lines{u"AppState init — %1 rule(s), %2 browser(s), fallback=%3"_s.arg(
-            QString::number(m_rules.size()), QString::number(m_browsers.size()),
-            m_defaultBrowserBundleID)};
-        for (qsizetype i = 0; i < m_rules.size(); ++i) {
-            const RoutingRule &rule = m_rules[i];
+            QString::number(rules().size()), QString::number(m_browsers.size()),
+            defaultBrowserBundleID())};
+        for (qsizetype i = 0; i < rules().size(); ++i) {
+            const RoutingRule &rule = rules()[i];
             lines.append(DisplayText::escapeControls(u"  rule[%1]: %2 (%3) → %4 (%5)"_s.arg(
                 QString::number(i), rule.sourceAppName, rule.sourceAppBundleID,
                 rule.targetBrowserName, rule.targetBrowserBundleID)));
@@ -106,39 +89,74 @@ AppState::AppState(RuleStore &store, HistoryDatabase &history, AppServices servi
     }
     qCInfo(lcAppState).noquote()
         << u"AppState initialized with %1 rule(s), %2 browser(s), default: %3"_s.arg(
-               QString::number(m_rules.size()), QString::number(m_browsers.size()),
-               SystemLog::priv(m_defaultBrowserBundleID));
+               QString::number(rules().size()), QString::number(m_browsers.size()),
+               SystemLog::priv(defaultBrowserBundleID()));
 }
 
-// Kept, never thrown away: what can be read is used, and the file as it was is
-// copied aside before the next save would overwrite what could not.
-void AppState::reportDamagedRules(const RuleStore::Damage &damage)
+AppState::~AppState() = default;
+
+void AppState::configChanged(const Config &previous)
 {
-    const QString copy = UserSettings::keepDamagedCopy(m_store.settings());
-    const QString what = damage.skipped < 0
-                             ? u"The stored rules could not be read (%1)."_s.arg(damage.reason)
-                             : u"%1 stored rule(s) could not be read and were left out (%2)."_s.arg(
-                                 QString::number(damage.skipped), damage.reason);
-    const QString kept = copy.isEmpty() ? u"The settings file could not be copied aside."_s
-                                        : u"The settings file as it was is kept as %1."_s.arg(copy);
-    qCCritical(lcAppState).noquote() << what + u' ' + SystemLog::priv(kept);
-    m_services.notify(u"Quillvane skipped damaged rules"_s, what + u'\n' + kept);
+    const Config &now = config();
+    if (now.rules != previous.rules)
+        m_compiledRules = URLRouter::CompiledRules(now.rules);
+    if (now.fallbackBrowser != previous.fallbackBrowser)
+        m_reportedMissingFallback.clear();
+    if (now.preferRunningBrowser && !previous.preferRunningBrowser)
+        watchRunningBrowsersLater();
+    announceDifferences(now, previous);
 }
 
-AppState::~AppState()
+void AppState::announceDifferences(const Config &a, const Config &b)
 {
-    if (g_shared == this)
-        g_shared = nullptr;
+    // Each field's signal, for the fields that differ.
+    const auto differs = [&a, &b](auto Config::*field) { return a.*field != b.*field; };
+    const std::pair<bool, void (AppState::*)()> changes[] = {
+        {differs(&Config::rules), &AppState::rulesChanged},
+        {differs(&Config::rulesEnabled), &AppState::rulesEnabledChanged},
+        {differs(&Config::fallbackBrowser), &AppState::defaultBrowserBundleIDChanged},
+        {differs(&Config::fallbackAsks), &AppState::fallbackAsksChanged},
+        {differs(&Config::urlCleaningEnabled), &AppState::urlCleaningEnabledChanged},
+        {differs(&Config::urlExpansionEnabled), &AppState::urlExpansionEnabledChanged},
+        {differs(&Config::urlUnwrappingEnabled), &AppState::urlUnwrappingEnabledChanged},
+        {differs(&Config::browserPreferences), &AppState::browserPreferencesChanged},
+        {differs(&Config::handoffs), &AppState::handoffsChanged},
+        {differs(&Config::preferRunningBrowser), &AppState::preferRunningBrowserChanged},
+        {differs(&Config::automaticUpdateChecks), &AppState::automaticUpdateChecksChanged},
+    };
+    for (const auto &[changed, signal] : changes) {
+        if (changed)
+            Q_EMIT(this->*signal)();
+    }
 }
 
-AppState *AppState::shared()
+void AppState::reportConfigProblem()
 {
-    return g_shared;
+    const auto &problem = m_file.problem();
+    if (!problem) {
+        qCInfo(lcAppState).noquote() << u"The configuration file can be read again."_s;
+        return;
+    }
+    m_services.notify(u"Quillvane cannot read its configuration"_s,
+                      u"%1\nLinks are routed as before until the file is corrected."_s.arg(
+                          DisplayText::escapeControls(problem->text())));
 }
 
-void AppState::setShared(AppState *state)
+bool AppState::save(const std::function<void(Config &)> &change)
 {
-    g_shared = state;
+    Config attempted = config();
+    change(attempted);
+    const auto failed = m_file.update(change);
+    if (!failed)
+        return true;
+    m_services.notify(u"Quillvane could not save a change"_s,
+                      DisplayText::escapeControls(*failed));
+    Q_EMIT saveFailed(*failed);
+    // A refused change is undone where it was made: the controls show what is
+    // in force, not what was asked for.
+    if (m_file.problem())
+        announceDifferences(config(), attempted);
+    return false;
 }
 
 void AppState::chooseFallbackBrowser()
@@ -163,27 +181,17 @@ void AppState::chooseFallbackBrowser()
         chosen = m_browsers.first().bundleID;
     if (chosen.isEmpty())
         return;
-    m_defaultBrowserBundleID = chosen;
-    m_store.saveDefaultBrowserBundleID(chosen);
+    save([&chosen](Config &config) { config.fallbackBrowser = chosen; });
 }
 
 RouteSettings AppState::routeSettings() const
 {
-    RouteSettings settings{m_rules,
-                           m_defaultBrowserBundleID,
-                           m_rulesEnabled,
-                           m_urlCleaningEnabled,
-                           m_urlExpansionEnabled,
-                           m_urlUnwrappingEnabled,
-                           m_fallbackAsks,
-                           m_services.isShortLink};
-    settings.handoffs = m_handoffs;
+    RouteSettings settings = RoutePlanner::settingsFor(config(), m_compiledRules, m_services.isShortLink);
     settings.schemeHandler = [this](const QString &scheme) { return schemeHandler(scheme); };
-    settings.preferRunningBrowser = m_preferRunningBrowser;
     settings.runningBrowsers = [this] {
         // The browsers the lists offer, and the fallback browser even when it
         // is hidden: whether it runs decides.
-        QStringList candidates{m_defaultBrowserBundleID};
+        QStringList candidates{defaultBrowserBundleID()};
         for (const BrowserInfo &browser : shownBrowsers())
             candidates.append(browser.bundleID);
         return m_runningBrowsers ? m_runningBrowsers->running(candidates) : QStringList();
@@ -198,33 +206,23 @@ std::optional<SchemeHandler> AppState::schemeHandler(const QString &scheme) cons
 
 void AppState::setHandoffEnabled(const QString &id, bool enabled)
 {
-    QStringList ids = m_handoffs;
-    ids.removeAll(id);
-    if (enabled)
-        ids.append(id);
-    setHandoffs(std::move(ids));
-}
-
-void AppState::setHandoffs(QStringList ids)
-{
-    // Known handoffs only, once each, in the order they are listed.
-    QStringList known;
-    for (const Handoffs::Handoff &handoff : Handoffs::builtIn()) {
-        if (ids.contains(handoff.id))
-            known.append(handoff.id);
-    }
-    if (known == m_handoffs)
-        return;
-    SettingsKeys::writeTexts(m_store.settings(), SettingsKeys::EnabledHandoffs, known);
-    m_handoffs = std::move(known);
-    Q_EMIT handoffsChanged();
+    save([&](Config &config) {
+        QStringList ids = config.handoffs;
+        ids.removeAll(id);
+        if (enabled)
+            ids.append(id);
+        config.handoffs = Handoffs::known(ids);
+    });
 }
 
 void AppState::togglePreferRunningBrowser()
 {
-    saveFlag(SettingsKeys::PreferRunningBrowser, &AppState::m_preferRunningBrowser,
-             !m_preferRunningBrowser, &AppState::preferRunningBrowserChanged);
-    watchRunningBrowsersLater();
+    toggle(&Config::preferRunningBrowser);
+}
+
+void AppState::toggle(bool Config::*flag)
+{
+    save([flag](Config &config) { config.*flag = !(config.*flag); });
 }
 
 void AppState::setProcesses(ProcessApps &processes)
@@ -236,7 +234,7 @@ void AppState::setProcesses(ProcessApps &processes)
 void AppState::watchRunningBrowsersLater()
 {
     // The first question reads every process; later ones only those started since.
-    if (m_preferRunningBrowser && m_runningBrowsers)
+    if (preferRunningBrowser() && m_runningBrowsers)
         m_services.later(std::chrono::milliseconds(0), this,
                          [this] { routeSettings().runningBrowsers(); });
 }
@@ -266,7 +264,7 @@ QList<BrowserInfo> AppState::shownBrowsers(const QString &chosen) const
 
 BrowserPreference AppState::browserPreference(const QString &bundleID) const
 {
-    return BrowserPreference::of(m_browserPreferences, bundleID);
+    return BrowserPreference::of(browserPreferences(), bundleID);
 }
 
 LaunchOptions AppState::launchOptions(const QString &bundleID) const
@@ -315,25 +313,23 @@ std::optional<QString> AppState::setBrowserPreference(const BrowserPreference &p
     if (const auto arguments = ExecLine::splitExtraArguments(preference.extraArguments);
         !arguments)
         return arguments.error().description;
-    QList<BrowserPreference> preferences = m_browserPreferences;
-    preferences.removeIf([&preference](const BrowserPreference &stored) {
-        return stored.browserBundleID.compare(preference.browserBundleID, Qt::CaseInsensitive)
-               == 0;
+    std::optional<QString> refused;
+    save([&preference](Config &config) {
+        config.browserPreferences.removeIf([&preference](const BrowserPreference &stored) {
+            return stored.browserBundleID.compare(preference.browserBundleID,
+                                                  Qt::CaseInsensitive)
+                   == 0;
+        });
+        if (!preference.isDefault())
+            config.browserPreferences.append(preference);
     });
-    if (!preference.isDefault())
-        preferences.append(preference);
-    if (preferences == m_browserPreferences)
-        return std::nullopt;
-    m_browserPreferences = preferences;
-    m_store.saveBrowserPreferences(m_browserPreferences);
-    Q_EMIT browserPreferencesChanged();
     return std::nullopt;
 }
 
 QList<RoutingRule> AppState::appRules() const
 {
     QList<RoutingRule> result;
-    std::copy_if(m_rules.cbegin(), m_rules.cend(), std::back_inserter(result),
+    std::copy_if(rules().cbegin(), rules().cend(), std::back_inserter(result),
                  [](const RoutingRule &rule) { return !rule.sourceAppBundleID.isEmpty(); });
     return result;
 }
@@ -341,7 +337,7 @@ QList<RoutingRule> AppState::appRules() const
 QList<RoutingRule> AppState::urlRules() const
 {
     QList<RoutingRule> result;
-    std::copy_if(m_rules.cbegin(), m_rules.cend(), std::back_inserter(result),
+    std::copy_if(rules().cbegin(), rules().cend(), std::back_inserter(result),
                  [](const RoutingRule &rule) {
                      return rule.sourceAppBundleID.isEmpty() && rule.urlPattern.has_value();
                  });
@@ -390,48 +386,34 @@ QString AppState::rootDomain(const QString &pattern)
     return text.isEmpty() ? text : HostName::registrableDomain(text);
 }
 
-void AppState::setRules(QList<RoutingRule> rules)
-{
-    m_rules = std::move(rules);
-    m_store.saveRules(m_rules);
-    Q_EMIT rulesChanged();
-}
-
 void AppState::addRule(const RoutingRule &rule)
 {
-    QList<RoutingRule> rules = m_rules;
-    rules.append(rule);
-    setRules(std::move(rules));
+    save([&rule](Config &config) { config.rules.append(rule); });
 }
 
 void AppState::updateRule(const RoutingRule &rule)
 {
-    const auto it =
-        std::find_if(m_rules.cbegin(), m_rules.cend(),
-                     [&rule](const RoutingRule &existing) { return existing.id == rule.id; });
-    if (it == m_rules.cend())
-        return;
-    QList<RoutingRule> rules = m_rules;
-    rules[it - m_rules.cbegin()] = rule;
-    setRules(std::move(rules));
+    save([&rule](Config &config) {
+        for (RoutingRule &existing : config.rules) {
+            if (existing.id == rule.id)
+                existing = rule;
+        }
+    });
 }
 
 void AppState::deleteRule(const RoutingRule &rule)
 {
-    QList<RoutingRule> rules = m_rules;
-    rules.removeIf([&rule](const RoutingRule &existing) { return existing.id == rule.id; });
-    setRules(std::move(rules));
+    save([&rule](Config &config) {
+        config.rules.removeIf([&rule](const RoutingRule &existing) { return existing.id == rule.id; });
+    });
 }
 
 void AppState::setDefaultBrowser(const QString &bundleID)
 {
-    m_reportedMissingFallback.clear();
-    m_defaultBrowserBundleID = bundleID;
-    m_store.saveDefaultBrowserBundleID(bundleID);
-    if (m_fallbackAsks)
-        saveFlag(SettingsKeys::FallbackAsks, &AppState::m_fallbackAsks, false,
-                 &AppState::fallbackAsksChanged);
-    Q_EMIT defaultBrowserBundleIDChanged();
+    save([&bundleID](Config &config) {
+        config.fallbackBrowser = bundleID;
+        config.fallbackAsks = false;
+    });
 }
 
 void AppState::askWhereToOpen(const AskRequest &request,
@@ -445,21 +427,12 @@ void AppState::askWhereToOpen(const AskRequest &request,
 
 void AppState::setFallbackAsks()
 {
-    if (!m_fallbackAsks)
-        saveFlag(SettingsKeys::FallbackAsks, &AppState::m_fallbackAsks, true,
-                 &AppState::fallbackAsksChanged);
-}
-
-void AppState::setFlag(bool AppState::*field, bool value, void (AppState::*changed)())
-{
-    this->*field = value;
-    Q_EMIT(this->*changed)();
+    save([](Config &config) { config.fallbackAsks = true; });
 }
 
 void AppState::toggleRulesEnabled()
 {
-    m_store.saveRulesEnabled(!m_rulesEnabled);
-    setFlag(&AppState::m_rulesEnabled, !m_rulesEnabled, &AppState::rulesEnabledChanged);
+    toggle(&Config::rulesEnabled);
 }
 
 QList<ForwardingRecord> AppState::historyRecords(const QString &filter, qsizetype limit) const
@@ -476,38 +449,33 @@ void AppState::clearHistory()
 
 Expected<QByteArray, ConfigManager::ConfigError> AppState::exportConfig() const
 {
-    return ConfigManager::exportToJSON(m_store);
+    return ConfigManager::exportToJSON(config());
 }
 
 void AppState::toggleURLCleaning()
 {
-    saveFlag(SettingsKeys::UrlCleaningEnabled, &AppState::m_urlCleaningEnabled,
-             !m_urlCleaningEnabled, &AppState::urlCleaningEnabledChanged);
+    toggle(&Config::urlCleaningEnabled);
 }
 
 void AppState::toggleURLExpansion()
 {
-    saveFlag(SettingsKeys::UrlExpansionEnabled, &AppState::m_urlExpansionEnabled,
-             !m_urlExpansionEnabled, &AppState::urlExpansionEnabledChanged);
+    toggle(&Config::urlExpansionEnabled);
 }
 
 void AppState::toggleURLUnwrapping()
 {
-    saveFlag(SettingsKeys::UrlUnwrappingEnabled, &AppState::m_urlUnwrappingEnabled,
-             !m_urlUnwrappingEnabled, &AppState::urlUnwrappingEnabledChanged);
+    toggle(&Config::urlUnwrappingEnabled);
 }
 
 void AppState::toggleAutomaticUpdateChecks()
 {
-    saveFlag(SettingsKeys::AutomaticUpdateChecks, &AppState::m_automaticUpdateChecks,
-             !m_automaticUpdateChecks, &AppState::automaticUpdateChecksChanged);
+    toggle(&Config::automaticUpdateChecks);
 }
 
-void AppState::saveFlag(const SettingsKeys::Key<bool> &key, bool AppState::*field, bool value,
-                        void (AppState::*changed)())
+void AppState::setFlag(bool AppState::*field, bool value, void (AppState::*changed)())
 {
-    SettingsKeys::write(m_store.settings(), key, value);
-    setFlag(field, value, changed);
+    this->*field = value;
+    Q_EMIT(this->*changed)();
 }
 
 void AppState::toggleLaunchAtLogin()
@@ -535,7 +503,7 @@ void AppState::refreshBrowsers()
 
 void AppState::reportMissingFallback()
 {
-    const QString &fallback = m_defaultBrowserBundleID;
+    const QString &fallback = defaultBrowserBundleID();
     if (fallback.isEmpty() || installedBrowserName(fallback)) {
         m_reportedMissingFallback.clear();
         return;
@@ -563,28 +531,16 @@ void AppState::refreshDefaultBrowserStatus()
             &AppState::isSystemDefaultBrowserChanged);
 }
 
-void AppState::applyImportedConfig(const ConfigManager::ExportData &config)
+bool AppState::applyImportedConfig(const ConfigManager::ExportData &imported)
 {
-    setRules(config.rules);
-    // A configuration from before browser settings existed leaves them alone.
-    if (config.browserPreferences) {
-        m_browserPreferences = *config.browserPreferences;
-        m_store.saveBrowserPreferences(m_browserPreferences);
-        Q_EMIT browserPreferencesChanged();
-    }
-    if (config.defaultBrowserBundleID)
-        setDefaultBrowser(*config.defaultBrowserBundleID);
-    if (config.fallbackAsks)
-        setFallbackAsks();
-    if (config.handoffs)
-        setHandoffs(*config.handoffs);
-    saveFlag(SettingsKeys::UrlCleaningEnabled, &AppState::m_urlCleaningEnabled,
-             config.urlCleaningEnabled, &AppState::urlCleaningEnabledChanged);
-    qCInfo(lcAppState).noquote()
-        << u"Applied imported config: %1 rule(s), default=%2, urlCleaning=%3"_s.arg(
-               QString::number(config.rules.size()),
-               SystemLog::priv(config.defaultBrowserBundleID.value_or(u"nil"_s)),
-               config.urlCleaningEnabled ? u"true"_s : u"false"_s);
+    const bool saved = save([&imported](Config &config) { ConfigManager::apply(imported, config); });
+    if (saved)
+        qCInfo(lcAppState).noquote()
+            << u"Applied imported config: %1 rule(s), default=%2, urlCleaning=%3"_s.arg(
+                   QString::number(imported.rules.size()),
+                   SystemLog::priv(imported.defaultBrowserBundleID.value_or(u"nil"_s)),
+                   imported.urlCleaningEnabled ? u"true"_s : u"false"_s);
+    return saved;
 }
 
 void AppState::requestSetAsDefaultBrowser()

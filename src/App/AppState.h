@@ -4,17 +4,17 @@
 #include "App/AskWhereToOpen.h"
 #include "Models/BrowserInfo.h"
 #include "Models/BrowserPreference.h"
+#include "Models/Config.h"
 #include "Models/ForwardingRecord.h"
 #include "Models/Link.h"
 #include "Models/RoutingRule.h"
+#include "Services/ConfigFile.h"
 #include "Services/ConfigManager.h"
 #include "Services/LaunchLedger.h"
 #include "Services/LaunchPacer.h"
 #include "Services/LaunchOptions.h"
 #include "Services/RoutePlanner.h"
 #include "Storage/LinkJournal.h"
-#include "Storage/RuleStore.h"
-#include "Storage/SettingsKeys.h"
 
 #include <QDeadlineTimer>
 #include <QEvent>
@@ -31,8 +31,10 @@ class QTimer;
 class RunningBrowsers;
 
 // The one state that the user sees and changes: rules, browsers, the fallback
-// browser, the switches, today's count and the last routing. Every change is
-// saved at once and announced by the field's signal, on the main thread.
+// browser, the switches, today's count and the last routing. What the person
+// configures lives in the configuration file: a change is saved there at once,
+// and a change there, by anyone, is announced by the field's signal, on the
+// main thread.
 class AppState final : public QObject
 {
     Q_OBJECT
@@ -56,21 +58,23 @@ class AppState final : public QObject
 
 public:
     // Loads everything and chooses a fallback browser when none is stored.
-    AppState(RuleStore &store, HistoryDatabase &history, AppServices services,
+    AppState(ConfigFile &file, HistoryDatabase &history, AppServices services,
              QObject *parent = nullptr);
     ~AppState() override;
 
-    // The process's application state, for automation; set by whoever made it.
-    static AppState *shared();
-    static void setShared(AppState *state);
-
-    const QList<RoutingRule> &rules() const { return m_rules; }
+    // What the person configured, as last read.
+    const Config &config() const { return m_file.config(); }
+    const ConfigFile &configFile() const { return m_file; }
+    const QList<RoutingRule> &rules() const { return config().rules; }
     // Every installed browser: what links can open in, and whose names show.
     const QList<BrowserInfo> &browsers() const { return m_browsers; }
     // The browsers the lists offer: the installed ones the user did not hide,
     // and chosen, the one a list has selected now (hidden or not).
     QList<BrowserInfo> shownBrowsers(const QString &chosen = {}) const;
-    const QList<BrowserPreference> &browserPreferences() const { return m_browserPreferences; }
+    const QList<BrowserPreference> &browserPreferences() const
+    {
+        return config().browserPreferences;
+    }
     // What the user set for the browser (id ignoring case); defaults when nothing.
     BrowserPreference browserPreference(const QString &bundleID) const;
     // How a browser starts: with the user's extra arguments for it.
@@ -79,28 +83,28 @@ public:
     QList<BrowserProfile> profiles(const QString &bundleID) const;
     // The name the browser shows a profile by; none when it has no such profile.
     std::optional<QString> profileName(const QString &bundleID, const QString &profileID) const;
-    const QString &defaultBrowserBundleID() const { return m_defaultBrowserBundleID; }
+    const QString &defaultBrowserBundleID() const { return config().fallbackBrowser; }
     // The fallback is "Ask": links no rule claims open where the user chooses
     // (defaultBrowserBundleID, when set, offered first).
-    bool fallbackAsks() const { return m_fallbackAsks; }
+    bool fallbackAsks() const { return config().fallbackAsks; }
     qint64 todayForwardCount() const { return m_todayForwardCount; }
     // Forwardings recorded in the history today (what the tray menu shows).
     qsizetype todayHistoryCount() const;
     bool isSystemDefaultBrowser() const { return m_isSystemDefaultBrowser; }
     const QString &lastRouteLog() const { return m_lastRouteLog; }
     bool launchAtLogin() const { return m_launchAtLogin; }
-    bool urlCleaningEnabled() const { return m_urlCleaningEnabled; }
-    bool urlExpansionEnabled() const { return m_urlExpansionEnabled; }
-    bool urlUnwrappingEnabled() const { return m_urlUnwrappingEnabled; }
-    bool rulesEnabled() const { return m_rulesEnabled; }
-    bool automaticUpdateChecks() const { return m_automaticUpdateChecks; }
+    bool urlCleaningEnabled() const { return config().urlCleaningEnabled; }
+    bool urlExpansionEnabled() const { return config().urlExpansionEnabled; }
+    bool urlUnwrappingEnabled() const { return config().urlUnwrappingEnabled; }
+    bool rulesEnabled() const { return config().rulesEnabled; }
+    bool automaticUpdateChecks() const { return config().automaticUpdateChecks; }
     // The handoffs switched on, by id: links of their services open in their apps.
-    const QStringList &enabledHandoffs() const { return m_handoffs; }
+    const QStringList &enabledHandoffs() const { return config().handoffs; }
     // The app the desktop opens the scheme with; none without one, or when it
     // is Quillvane (a link handed to it would come straight back).
     std::optional<SchemeHandler> schemeHandler(const QString &scheme) const;
     // The fallback browser gives way to a browser that runs, when it does not itself.
-    bool preferRunningBrowser() const { return m_preferRunningBrowser; }
+    bool preferRunningBrowser() const { return config().preferRunningBrowser; }
     // What routing a link depends on, as it is now.
     RouteSettings routeSettings() const;
     // The name the browser is shown with; none when it is not installed.
@@ -164,7 +168,17 @@ public:
     void refreshProfiles();
     bool checkIsDefaultBrowser() const;
     void refreshDefaultBrowserStatus();
-    void applyImportedConfig(const ConfigManager::ExportData &config);
+    // False when the configuration file refused it (saveFailed says why).
+    bool applyImportedConfig(const ConfigManager::ExportData &imported);
+    // Applies a change to the configuration file; false, with the person told
+    // why, when it could not be saved.
+    bool save(const std::function<void(Config &)> &change);
+    // The same for those who answer a script: why it was not saved, told to
+    // them instead of the person.
+    std::optional<QString> saveForScript(const std::function<void(Config &)> &change)
+    {
+        return m_file.update(change);
+    }
     // How links are asked about (the window that asks, once there is one);
     // without it, every link that asks goes to the fallback browser.
     void setAskWhereToOpen(AskWhereToOpen ask) { m_ask = std::move(ask); }
@@ -220,10 +234,14 @@ Q_SIGNALS:
     void historyCleared();
     // A link's route has ended: opened, failed or without a route.
     void routeFinished();
+    // A change was not saved, or saved only in memory: why.
+    void saveFailed(const QString &why);
 
 private:
-    void setRules(QList<RoutingRule> rules);
-    void setHandoffs(QStringList ids);
+    void configChanged(const Config &previous);
+    void announceDifferences(const Config &a, const Config &b);
+    void reportConfigProblem();
+    void toggle(bool Config::*flag);
     // Learns the processes that run now, so that a link's question costs little.
     void watchRunningBrowsersLater();
     void setLastRouteLog(const QString &text);
@@ -233,10 +251,7 @@ private:
     // A fallback browser uninstalled while it is the fallback: told once.
     void reportMissingFallback();
     void setFlag(bool AppState::*field, bool value, void (AppState::*changed)());
-    void saveFlag(const SettingsKeys::Key<bool> &key, bool AppState::*field, bool value,
-                  void (AppState::*changed)());
     void chooseFallbackBrowser();
-    void reportDamagedRules(const RuleStore::Damage &damage);
     void startWaitingRouteLater();
     static QEvent::Type routeStartEvent();
     void keepJournalFresh();
@@ -251,7 +266,9 @@ private:
     };
     void startRoute(const WaitingRoute &route);
 
-    RuleStore &m_store;
+    ConfigFile &m_file;
+    // The rules as the router matches them, made again when they change.
+    URLRouter::CompiledRules m_compiledRules;
     HistoryDatabase &m_history;
     AppServices m_services;
     LaunchLedger m_launches{m_services.processes};
@@ -264,24 +281,13 @@ private:
     QString m_lastNotifiedFailure;
     QString m_reportedMissingFallback;
     QDeadlineTimer m_failureQuietUntil;
-    QList<RoutingRule> m_rules;
     QList<BrowserInfo> m_browsers;
-    QList<BrowserPreference> m_browserPreferences;
     mutable QHash<QString, QList<BrowserProfile>> m_profiles;
-    QString m_defaultBrowserBundleID;
-    bool m_fallbackAsks = false;
     AskWhereToOpen m_ask;
     qint64 m_todayForwardCount = 0;
     QString m_forwardCountDay; // the day m_todayForwardCount counts
     bool m_isSystemDefaultBrowser = false;
     QString m_lastRouteLog;
     bool m_launchAtLogin = false;
-    bool m_urlCleaningEnabled = true;
-    bool m_urlExpansionEnabled = false;
-    bool m_urlUnwrappingEnabled = true;
-    bool m_rulesEnabled = true;
-    bool m_automaticUpdateChecks = true;
-    QStringList m_handoffs;
-    bool m_preferRunningBrowser = false;
     std::unique_ptr<RunningBrowsers> m_runningBrowsers;
 };

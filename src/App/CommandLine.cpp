@@ -10,11 +10,12 @@
 #include "Services/BrowserDiscovery.h"
 #include "Services/RunningBrowsers.h"
 #include "Services/URLExpander.h"
+#include "Services/ConfigFile.h"
 #include "Storage/HistoryDatabase.h"
-#include "Storage/RuleStore.h"
-#include "Storage/UserSettings.h"
+#include "Storage/HistoryMigration.h"
 
 #include <QCoreApplication>
+#include <QFileInfo>
 #include <QLoggingCategory>
 #include <QStringDecoder>
 
@@ -33,23 +34,23 @@ void quietLog()
 
 int explain(const CommandArguments &arguments, const CommandOutput &output)
 {
-    const auto settings = UserSettings::open();
+    const auto config = ConfigFile::peek(ConfigFile::defaultPath(), ConfigFile::defaultLegacyPath());
+    if (!config)
+        return output.fail(config.error().text(), Failed);
     DesktopEntries &entries = GioDesktopEntries::instance();
     LinuxProcessApps processes(entries);
     RunningBrowsers running(processes);
     const auto runningBrowsers = [&] {
-        RuleStore store(*settings);
-        const QList<BrowserPreference> preferences = store.loadBrowserPreferences();
-        QStringList candidates{store.loadDefaultBrowserBundleID()};
+        QStringList candidates{config->fallbackBrowser};
         for (const BrowserInfo &browser : BrowserDiscovery::discoverBrowsers(entries)) {
-            if (!BrowserPreference::of(preferences, browser.bundleID).hidden)
+            if (!BrowserPreference::of(config->browserPreferences, browser.bundleID).hidden)
                 candidates.append(browser.bundleID);
         }
         return running.running(candidates);
     };
     return ExplainCommand::run(
         arguments, output,
-        {*settings, &URLExpander::isShortLink,
+        {*config, &URLExpander::isShortLink,
          [](const Link &url) { return URLExpander::expand(url); },
          [&entries](const QString &scheme) { return Handoffs::handler(entries, scheme); },
          runningBrowsers});
@@ -64,8 +65,11 @@ int doctor(const CommandArguments &arguments, const CommandOutput &output)
 int history(const CommandArguments &arguments, const CommandOutput &output)
 {
     HistoryDatabase database(HistoryDatabase::defaultPath(), HistoryDatabase::Access::ReadOnly);
-    const auto settings = UserSettings::open();
-    return HistoryCommand::run(arguments, output, {database, *settings});
+    QList<ForwardingRecord> pending;
+    if (QFileInfo(ConfigFile::defaultLegacyPath()).isFile())
+        pending = HistoryMigration::pendingRecords(
+            QSettings(ConfigFile::defaultLegacyPath(), QSettings::IniFormat));
+    return HistoryCommand::run(arguments, output, {database, pending});
 }
 
 // The local commands first, then those for the running Quillvane, as the help lists them.

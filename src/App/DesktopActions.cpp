@@ -13,7 +13,7 @@ namespace DesktopActions {
 
 namespace {
 
-void routeClipboard()
+void routeClipboard(Automation::Target &target)
 {
     const QString title = u"Route URL"_s;
     const QClipboard *clipboard = qobject_cast<QGuiApplication *>(QCoreApplication::instance())
@@ -30,21 +30,16 @@ void routeClipboard()
             title, u"The clipboard holds no link to route: %1"_s.arg(link.error().description));
         return;
     }
-    Automation::routeURL(*link, std::nullopt)
+    target.routeURL(*link, std::nullopt)
         .then(QCoreApplication::instance(), [title](const Automation::Answer &answer) {
             Notifications::show(title, answer ? *answer : answer.error().description());
         });
 }
 
-void listBrowsers()
+void showBrowsers(const Automation::Target &target)
 {
-    const auto browsers = Automation::listBrowsers();
-    if (!browsers) {
-        Notifications::show(u"List Browsers"_s, browsers.error().description());
-        return;
-    }
     QStringList lines;
-    for (const Automation::BrowserEntity &browser : *browsers)
+    for (const Automation::BrowserEntity &browser : Automation::listBrowsers(target))
         lines.append(u"%1 (%2)"_s.arg(browser.name, browser.id));
     Notifications::show(u"List Browsers"_s,
                         lines.isEmpty() ? u"No browsers are installed."_s : lines.join(u'\n'));
@@ -57,12 +52,13 @@ bool isKnown(const QString &id)
     return id == RouteClipboard || id == ListBrowsers || id == CreateRule;
 }
 
-void run(const QString &id, const std::function<void()> &openRuleEditor)
+void run(Automation::Target &target, const QString &id,
+         const std::function<void()> &openRuleEditor)
 {
     if (id == RouteClipboard)
-        routeClipboard();
+        routeClipboard(target);
     else if (id == ListBrowsers)
-        listBrowsers();
+        showBrowsers(target);
     else if (id == CreateRule && openRuleEditor)
         openRuleEditor();
 }

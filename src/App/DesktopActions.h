@@ -2,6 +2,10 @@
 
 #include <QString>
 
+namespace Automation {
+class Target;
+}
+
 #include <functional>
 
 // The ready-made shortcuts of Quillvane's desktop entry ([Desktop Action …]),
@@ -18,6 +22,7 @@ bool isKnown(const QString &id);
 
 // Runs the action; its answer comes as a desktop notification. openRuleEditor
 // is where a new rule is made (the settings window).
-void run(const QString &id, const std::function<void()> &openRuleEditor);
+void run(Automation::Target &target, const QString &id,
+         const std::function<void()> &openRuleEditor);
 
 } // namespace DesktopActions

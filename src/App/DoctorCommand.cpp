@@ -9,7 +9,8 @@
 #include "Services/BrowserDiscovery.h"
 #include "Services/LaunchAtLoginManager.h"
 #include "Services/ProfileDiscovery.h"
-#include "Storage/UserSettings.h"
+#include "Models/DisplayText.h"
+#include "Services/ConfigFile.h"
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
@@ -45,6 +46,15 @@ QJsonValue orNull(const std::optional<QString> &text)
 QJsonObject file(const QString &path)
 {
     return QJsonObject{{u"path"_s, path}, {u"exists"_s, QFileInfo::exists(path)}};
+}
+
+// The configuration file, and why it cannot be read (null when it can).
+QJsonObject configFile()
+{
+    QJsonObject result = file(ConfigFile::defaultPath());
+    const auto config = ConfigFile::peek(ConfigFile::defaultPath());
+    result.insert(u"problem"_s, config ? QJsonValue() : QJsonValue(config.error().text()));
+    return result;
 }
 
 QString yesNo(bool value)
@@ -150,9 +160,12 @@ void printText(QTextStream &out, const QJsonObject &report)
     const QJsonObject login = report.value(u"launchAtLogin"_s).toObject();
     out << "Launch at login:  " << yesNo(login.value(u"enabled"_s).toBool()) << " ("
         << login.value(u"autostartFile"_s).toString() << ")\n";
-    const QJsonObject settings = report.value(u"settingsFile"_s).toObject();
-    out << "Settings file:    " << settings.value(u"path"_s).toString()
-        << (settings.value(u"exists"_s).toBool() ? "" : " (not created yet)") << '\n';
+    const QJsonObject config = report.value(u"configFile"_s).toObject();
+    out << "Configuration:    " << config.value(u"path"_s).toString()
+        << (config.value(u"exists"_s).toBool() ? "" : " (not created yet)") << '\n';
+    if (config.value(u"problem"_s).isString())
+        out << "  cannot be read: "
+            << DisplayText::escapeControls(config.value(u"problem"_s).toString()) << '\n';
     const QJsonObject log = report.value(u"diagnosticLog"_s).toObject();
     out << "Diagnostic log:   " << log.value(u"path"_s).toString()
         << (log.value(u"exists"_s).toBool() ? "" : " (not created yet)") << '\n';
@@ -232,7 +245,7 @@ QJsonObject report(DesktopEntries &entries, const Autostart &autostart)
         {u"sourceApps"_s, sourceApps(session)},
         {u"launchAtLogin"_s, QJsonObject{{u"enabled"_s, LaunchAtLoginManager::isEnabled(autostart)},
                                          {u"autostartFile"_s, XdgAutostart::entryPath()}}},
-        {u"settingsFile"_s, file(UserSettings::filePath())},
+        {u"configFile"_s, configFile()},
         {u"diagnosticLog"_s, file(DiagnosticLog::filePath())},
     };
 }

@@ -3,8 +3,6 @@
 #include "Models/HostName.h"
 #include "Services/RoutePlanner.h"
 #include "Services/URLCleaner.h"
-#include "Storage/RuleStore.h"
-#include "Storage/SettingsKeys.h"
 
 #include <QEventLoop>
 #include <QFutureWatcher>
@@ -90,19 +88,11 @@ int run(const CommandArguments &arguments, const CommandOutput &output,
     if (!parsed)
         return output.fail(parsed.error().description, BadUsage);
 
-    RuleStore store(environment.settings);
-    RouteSettings settings{
-        store.loadRules(), store.loadDefaultBrowserBundleID(), store.loadRulesEnabled(),
-        URLCleaner::isEnabled(environment.settings),
-        // Expanded only when asked for with --expand.
-        true, SettingsKeys::read(environment.settings, SettingsKeys::UrlUnwrappingEnabled),
-        SettingsKeys::read(environment.settings, SettingsKeys::FallbackAsks),
-        environment.isShortLink};
-    settings.handoffs =
-        SettingsKeys::readTexts(environment.settings, SettingsKeys::EnabledHandoffs);
+    RouteSettings settings = RoutePlanner::settingsFor(environment.config, environment.config.rules,
+                                                       environment.isShortLink);
+    // Expanded only when asked for with --expand.
+    settings.urlExpansionEnabled = true;
     settings.schemeHandler = environment.schemeHandler;
-    settings.preferRunningBrowser =
-        SettingsKeys::read(environment.settings, SettingsKeys::PreferRunningBrowser);
     settings.runningBrowsers = environment.runningBrowsers;
     std::optional<SourceApp> source;
     if (from)
@@ -125,7 +115,7 @@ int run(const CommandArguments &arguments, const CommandOutput &output,
                    plan.asks()     ? u"ask"_s
                    : plan.result ? plan.result->browserBundleID
                                  : u"none (no fallback browser is set)"_s);
-        printField(out, u"Decided by", describe(plan, settings.rules));
+        printField(out, u"Decided by", describe(plan, environment.config.rules));
         out.flush();
         return plan.result ? Success : Failed;
     }
@@ -161,7 +151,7 @@ int run(const CommandArguments &arguments, const CommandOutput &output,
     } else {
         printField(out, u"Browser", u"none");
     }
-    printField(out, u"Decided by", describe(plan, settings.rules));
+    printField(out, u"Decided by", describe(plan, environment.config.rules));
     out << "\nRouter trail:\n";
     for (const QString &line : std::as_const(plan.trail))
         out << "  " << line << '\n';

@@ -1,11 +1,11 @@
 #pragma once
 
 #include "Models/Command.h"
+#include "Models/Config.h"
 #include "Models/Link.h"
 #include "Services/Handoffs.h"
 
 #include <QFuture>
-#include <QSettings>
 #include <QStringList>
 #include <QTextStream>
 
@@ -20,7 +20,7 @@ namespace ExplainCommand {
 // BadUsage on bad input.
 struct Environment
 {
-    QSettings &settings;
+    const Config &config;
     std::function<bool(const Link &)> isShortLink;
     std::function<QFuture<Link>(const Link &)> expand;
     // The desktop's app for a scheme (handoffs), and the shown browsers that

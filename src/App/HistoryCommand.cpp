@@ -86,7 +86,7 @@ int run(const CommandArguments &arguments, const CommandOutput &output,
     QList<ForwardingRecord> records;
     if (!QFileInfo::exists(environment.database.path())) {
         // Quillvane has not started since an update that moved the history.
-        records = HistoryMigration::pendingRecords(environment.settings);
+        records = environment.pending;
         records.resize(std::min(limit, records.size()));
     } else {
         auto read = HistoryStore::readHistory(environment.database, {}, limit);

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "Models/Command.h"
+#include "Models/ForwardingRecord.h"
 
-#include <QSettings>
 #include <QStringList>
 #include <QTextStream>
 
@@ -16,9 +16,9 @@ namespace HistoryCommand {
 struct Environment
 {
     HistoryDatabase &database;
-    // The settings file, for a history that an earlier version left there and
-    // that Quillvane has not moved yet.
-    const QSettings &settings;
+    // A history that an earlier version left in its settings file and that
+    // Quillvane has not moved yet, newest first.
+    const QList<ForwardingRecord> &pending;
 };
 
 // arguments: --json, --limit N. Failed when the history cannot be read.

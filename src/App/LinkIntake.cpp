@@ -3,7 +3,6 @@
 #include "App/AppState.h"
 #include "App/DesktopActions.h"
 #include "Automation/BusNames.h"
-#include "Automation/SettingsActions.h"
 #include "Models/DisplayText.h"
 #include "Platform/BusPeers.h"
 #include "Platform/DiagnosticLog.h"
@@ -313,7 +312,9 @@ void LinkIntake::resumeUnfinished()
                 browser = Automation::BrowserEntity{entry.browser, entry.browser};
             QMetaObject::invokeMethod(
                 &m_state,
-                [url = *link, browser, id = entry.id] { Automation::routeURL(url, browser, id); },
+                [this, url = *link, browser, id = entry.id] {
+                    m_scripts.routeURL(url, browser, id);
+                },
                 Qt::QueuedConnection);
             continue;
         }

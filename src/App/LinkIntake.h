@@ -1,5 +1,6 @@
 #pragma once
 
+#include "App/AutomationBridge.h"
 #include "Models/RoutingRule.h"
 
 #include <QDBusConnection>
@@ -56,6 +57,8 @@ public:
     // Routes again what an earlier Quillvane accepted and did not open (only
     // recent links: see LinkJournal).
     void resumeUnfinished();
+    // What scripts reach of this Quillvane (its D-Bus interface, desktop actions).
+    Automation::Target &scripts() { return m_scripts; }
 
     // What Activate does (show the settings window, once it exists).
     std::function<void()> onActivate;
@@ -83,6 +86,7 @@ private:
     std::optional<SourceApp> sourceOf(const QStringList &uris, qint64 pid);
 
     AppState &m_state;
+    AutomationBridge m_scripts{m_state};
     SourceAppResolver &m_resolver;
     OpenRequestSources *m_openRequests = nullptr;
 };

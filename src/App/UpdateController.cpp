@@ -2,21 +2,26 @@
 
 #include "App/BuildInfo.h"
 #include "Services/UpdateChecker.h"
-#include "Storage/SettingsKeys.h"
+#include "Storage/HistoryDatabase.h"
 #include "Views/MessageBox.h"
 
 #include <QLoggingCategory>
 #include <QPointer>
-#include <QSettings>
 
 using namespace Qt::Literals::StringLiterals;
 
 Q_LOGGING_CATEGORY(lcUpdates, "work.vorpa.Quillvane.Updates")
 
-UpdateController::UpdateController(QSettings &settings, std::unique_ptr<UpdateChecker> checker,
+namespace {
+const char *const LastCheckKey = "lastUpdateCheck";
+} // namespace
+
+UpdateController::UpdateController(std::function<bool()> automatic, HistoryDatabase &history,
+                                   std::unique_ptr<UpdateChecker> checker,
                                    std::function<void(const QUrl &)> openLink, QObject *parent)
     : QObject(parent)
-    , m_settings(settings)
+    , m_automatic(std::move(automatic))
+    , m_history(history)
     , m_checker(std::move(checker))
     , m_openLink(std::move(openLink))
 {
@@ -61,11 +66,9 @@ void UpdateController::startAutomaticChecks()
 
 bool UpdateController::checkIfDue()
 {
-    if (!m_checker || m_checker->isChecking()
-        || !SettingsKeys::read(m_settings, SettingsKeys::AutomaticUpdateChecks))
+    if (!m_checker || m_checker->isChecking() || !m_automatic())
         return false;
-    const QDateTime last = QDateTime::fromString(
-        SettingsKeys::read(m_settings, SettingsKeys::LastUpdateCheck), Qt::ISODate);
+    const QDateTime last = QDateTime::fromString(m_history.metaValue(LastCheckKey), Qt::ISODate);
     const QDateTime now = clock();
     // A last check in the future means the clock was wrong then or is now.
     if (last.isValid() && last <= now && last.secsTo(now) < AutomaticIntervalSecs)
@@ -80,7 +83,7 @@ void UpdateController::start(bool userInitiated)
     m_showResult = m_showResult || userInitiated;
     if (m_checker->isChecking())
         return;
-    SettingsKeys::write(m_settings, SettingsKeys::LastUpdateCheck, clock().toString(Qt::ISODate));
+    m_history.setMetaValue(LastCheckKey, clock().toString(Qt::ISODate));
     qCInfo(lcUpdates).noquote() << (userInitiated ? u"Checking for updates"_s
                                                   : u"Checking for updates automatically"_s);
     m_checker->check();

@@ -8,7 +8,7 @@
 #include <functional>
 #include <memory>
 
-class QSettings;
+class HistoryDatabase;
 class UpdateChecker;
 struct UpdateCheckResult;
 
@@ -27,7 +27,10 @@ public:
 
     // Without a checker the build has no update feed: the package manager
     // updates it, which is what the command then says.
-    UpdateController(QSettings &settings, std::unique_ptr<UpdateChecker> checker,
+    // automatic: whether checks run by themselves now; the time of the last
+    // check is kept in the history database.
+    UpdateController(std::function<bool()> automatic, HistoryDatabase &history,
+                     std::unique_ptr<UpdateChecker> checker,
                      std::function<void(const QUrl &)> openLink, QObject *parent = nullptr);
     ~UpdateController() override;
 
@@ -46,7 +49,8 @@ private:
     void start(bool userInitiated);
     void onFinished(const UpdateCheckResult &result);
 
-    QSettings &m_settings;
+    std::function<bool()> m_automatic;
+    HistoryDatabase &m_history;
     std::unique_ptr<UpdateChecker> m_checker;
     std::function<void(const QUrl &)> m_openLink;
     QTimer m_schedule;

@@ -116,21 +116,22 @@ std::optional<QString> badBrowser(const BrowserEntity &browser)
 
 // An entity that names a browser must name an installed one, as the entity
 // query lists them; the bus hands over any pair of strings.
-std::optional<QString> notInstalled(const BrowserEntity &browser)
+std::optional<QString> notInstalled(const Target &target, const BrowserEntity &browser)
 {
     if (auto bad = badBrowser(browser))
         return bad;
-    const auto found = browsers({browser.id});
-    if (found && found->isEmpty())
+    if (browsers(target, {browser.id}).isEmpty())
         return unknownBrowser(browser.id);
     return std::nullopt;
 }
 
 } // namespace
 
-AutomationAdaptor::AutomationAdaptor(QObject *parent, const QDBusConnection &connection)
+AutomationAdaptor::AutomationAdaptor(QObject *parent, const QDBusConnection &connection,
+                                     Target &target)
     : QDBusAbstractAdaptor(parent)
     , m_connection(connection)
+    , m_target(target)
 {
     registerDBusTypes();
 }
@@ -153,23 +154,27 @@ T AutomationAdaptor::answer(Expected<T, IntentError> result, const QDBusMessage 
 
 QList<BrowserEntity> AutomationAdaptor::ListBrowsers(const QDBusMessage &message)
 {
-    return answer(listBrowsers(), message);
+    Q_UNUSED(message);
+    return listBrowsers(m_target);
 }
 
 QList<BrowserEntity> AutomationAdaptor::Browsers(const QStringList &ids,
                                                  const QDBusMessage &message)
 {
-    return answer(browsers(ids), message);
+    Q_UNUSED(message);
+    return browsers(m_target, ids);
 }
 
 QList<RuleEntity> AutomationAdaptor::ListRules(const QDBusMessage &message)
 {
-    return answer(listRules(), message);
+    Q_UNUSED(message);
+    return allRules(m_target);
 }
 
 QList<RuleEntity> AutomationAdaptor::Rules(const QStringList &ids, const QDBusMessage &message)
 {
-    return answer(rules(ids), message);
+    Q_UNUSED(message);
+    return rules(m_target, ids);
 }
 
 QString AutomationAdaptor::CreateRule(const BrowserEntity &target_browser,
@@ -214,28 +219,23 @@ QString AutomationAdaptor::CreateRule(const BrowserEntity &target_browser,
     }
     // A rule that asks names no browser; any other names an installed one.
     if (!request.askWhereToOpen) {
-        if (const auto bad = notInstalled(target_browser)) {
+        if (const auto bad = notInstalled(m_target, target_browser)) {
             refuse(message, InvalidArgs, *bad);
             return {};
         }
     }
-    return answer(createRule(request, target_browser), message);
+    return answer(createRule(m_target, request, target_browser), message);
 }
 
 QString AutomationAdaptor::DeleteRule(const RuleEntity &rule, const QDBusMessage &message)
 {
     // The caller has asked the user already: a D-Bus method cannot.
-    return answer(deleteRule(rule, [](const QString &) { return true; }), message);
+    return answer(deleteRule(m_target, rule, [](const QString &) { return true; }), message);
 }
 
 QString AutomationAdaptor::route(const QString &url, const std::optional<BrowserEntity> &browser,
                                  const QDBusMessage &message)
 {
-    if (!sharedState()) {
-        refuse(message, dbusErrorName(IntentError::Kind::AppNotReady),
-               IntentError::appNotReady().description());
-        return {};
-    }
     if (browser) {
         if (const auto bad = badBrowser(*browser)) {
             refuse(message, InvalidArgs, *bad);
@@ -249,7 +249,7 @@ QString AutomationAdaptor::route(const QString &url, const std::optional<Browser
     }
     // The browser's answer comes later; the main thread goes on meanwhile.
     message.setDelayedReply(true);
-    routeURL(*link, browser).then(this, [this, message](const Answer &result) {
+    m_target.routeURL(*link, browser).then(this, [this, message](const Answer &result) {
         if (result)
             m_connection.send(message.createReply(*result));
         else
@@ -273,11 +273,11 @@ QString AutomationAdaptor::RouteURLInBrowser(const QString &url, const BrowserEn
 QString AutomationAdaptor::SetDefaultBrowser(const BrowserEntity &browser,
                                              const QDBusMessage &message)
 {
-    if (const auto bad = notInstalled(browser)) {
+    if (const auto bad = notInstalled(m_target, browser)) {
         refuse(message, InvalidArgs, *bad);
         return {};
     }
-    return answer(setDefaultBrowser(browser), message);
+    return answer(setDefaultBrowser(m_target, browser), message);
 }
 
 QString AutomationAdaptor::ToggleFeature(const QString &feature, bool enabled,
@@ -293,23 +293,19 @@ QString AutomationAdaptor::ToggleFeature(const QString &feature, bool enabled,
                    feature.left(80), names.join(u", "_s)));
         return {};
     }
-    return answer(toggleFeature(*known, enabled), message);
+    return answer(toggleFeature(m_target, *known, enabled), message);
 }
 
 QString AutomationAdaptor::SetFallbackToAsk(const QDBusMessage &message)
 {
-    return answer(setFallbackToAsk(), message);
+    return answer(setFallbackToAsk(m_target), message);
 }
 
 QMap<QString, QVariantMap> AutomationAdaptor::RuleOptions(const QDBusMessage &message)
 {
-    const auto options = ruleOptions();
-    if (!options) {
-        refuse(message, dbusErrorName(options.error().kind), options.error().description());
-        return {};
-    }
+    Q_UNUSED(message);
     QMap<QString, QVariantMap> map;
-    for (const Automation::RuleOptions &rule : *options) {
+    for (const Automation::RuleOptions &rule : ruleOptions(m_target)) {
         QVariantMap values;
         if (rule.profile)
             values.insert(u"profile"_s, *rule.profile);

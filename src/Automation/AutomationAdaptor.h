@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Automation/AutomationValues.h"
+#include "Automation/AutomationTarget.h"
 #include "Automation/BusNames.h"
 
 #include <QDBusAbstractAdaptor>
@@ -50,8 +50,9 @@ class AutomationAdaptor final : public QDBusAbstractAdaptor
     Q_CLASSINFO("D-Bus Interface", "work.vorpa.Quillvane.Automation")
 
 public:
-    // parent: the object published on the bus.
-    AutomationAdaptor(QObject *parent, const QDBusConnection &connection);
+    // parent: the object published on the bus; target: what the actions change.
+    AutomationAdaptor(QObject *parent, const QDBusConnection &connection,
+                      Automation::Target &target);
 
 public Q_SLOTS:
     QList<Automation::BrowserEntity> ListBrowsers(const QDBusMessage &message);
@@ -79,4 +80,5 @@ private:
                   const QDBusMessage &message);
 
     QDBusConnection m_connection;
+    Automation::Target &m_target;
 };

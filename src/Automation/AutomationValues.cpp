@@ -1,6 +1,6 @@
 #include "Automation/AutomationValues.h"
 
-#include "App/AppState.h"
+#include "Automation/AutomationTarget.h"
 #include "Models/JsonFields.h"
 
 #include <QSet>
@@ -57,51 +57,30 @@ QString IntentError::description() const
     return message;
 }
 
-Expected<AppState *, IntentError> sharedState()
+QList<BrowserEntity> allBrowsers(const Target &target, bool shownOnly)
 {
-    AppState *state = AppState::shared();
-    if (!state)
-        return IntentError::appNotReady();
-    return state;
-}
-
-Expected<QList<BrowserEntity>, IntentError> allBrowsers(bool shownOnly)
-{
-    const auto state = sharedState();
-    if (!state)
-        return state.error();
     QList<BrowserEntity> result;
-    for (const BrowserInfo &browser :
-         shownOnly ? (*state)->shownBrowsers() : (*state)->browsers())
+    for (const BrowserInfo &browser : target.browsers(shownOnly))
         result.append(BrowserEntity::from(browser));
     return result;
 }
 
-Expected<QList<BrowserEntity>, IntentError> browsers(const QStringList &ids)
+QList<BrowserEntity> browsers(const Target &target, const QStringList &ids)
 {
-    const auto all = allBrowsers();
-    if (!all)
-        return all.error();
-    return keepIds(*all, ids);
+    return keepIds(allBrowsers(target), ids);
 }
 
-Expected<QList<RuleEntity>, IntentError> allRules()
+QList<RuleEntity> allRules(const Target &target)
 {
-    const auto state = sharedState();
-    if (!state)
-        return state.error();
     QList<RuleEntity> result;
-    for (const RoutingRule &rule : (*state)->rules())
+    for (const RoutingRule &rule : target.config().rules)
         result.append(RuleEntity::from(rule));
     return result;
 }
 
-Expected<QList<RuleEntity>, IntentError> rules(const QStringList &ids)
+QList<RuleEntity> rules(const Target &target, const QStringList &ids)
 {
-    const auto all = allRules();
-    if (!all)
-        return all.error();
-    return keepIds(*all, ids);
+    return keepIds(allRules(target), ids);
 }
 
 QString unknownBrowser(const QString &id)

@@ -9,7 +9,9 @@
 
 #include <optional>
 
-class AppState;
+namespace Automation {
+class Target;
+}
 
 // The values scripts exchange with Quillvane: browsers, rules and the
 // features they can switch, and the errors every action may answer with.
@@ -77,18 +79,14 @@ struct IntentError
     static IntentError appNotReady() { return {Kind::AppNotReady, {}}; }
 };
 
-// The access rule of every query and action: the running application's state,
-// or appNotReady. Main thread only.
-Expected<AppState *, IntentError> sharedState();
-
 // Every installed browser; with shownOnly, those the user did not hide.
-Expected<QList<BrowserEntity>, IntentError> allBrowsers(bool shownOnly = false);
+QList<BrowserEntity> allBrowsers(const Target &target, bool shownOnly = false);
 // What a caller is told when an id names no installed browser (Quillvane
 // itself is none: it never hands a link to itself).
 QString unknownBrowser(const QString &id);
 // Those with one of the ids (exact), in browser-list order, each once.
-Expected<QList<BrowserEntity>, IntentError> browsers(const QStringList &ids);
-Expected<QList<RuleEntity>, IntentError> allRules();
-Expected<QList<RuleEntity>, IntentError> rules(const QStringList &ids);
+QList<BrowserEntity> browsers(const Target &target, const QStringList &ids);
+QList<RuleEntity> allRules(const Target &target);
+QList<RuleEntity> rules(const Target &target, const QStringList &ids);
 
 } // namespace Automation

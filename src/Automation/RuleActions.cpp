@@ -1,6 +1,5 @@
 #include "Automation/RuleActions.h"
 
-#include "App/AppState.h"
 #include "Models/JsonFields.h"
 #include "Services/ProfileDiscovery.h"
 
@@ -18,12 +17,12 @@ IntentError invalid(const QString &why)
 }
 
 // Why the browser cannot open links in that profile; none when it can.
-std::optional<QString> unknownProfile(const AppState &state, const BrowserEntity &browser,
+std::optional<QString> unknownProfile(const Target &target, const BrowserEntity &browser,
                                       const QString &profile)
 {
     if (auto unusable = ProfileDiscovery::unusableProfileID(profile))
         return unusable;
-    const QList<BrowserProfile> profiles = state.profiles(browser.id);
+    const QList<BrowserProfile> profiles = target.profiles(browser.id);
     if (std::any_of(profiles.cbegin(), profiles.cend(),
                     [&profile](const BrowserProfile &known) { return known.id == profile; }))
         return std::nullopt;
@@ -36,14 +35,26 @@ std::optional<QString> unknownProfile(const AppState &state, const BrowserEntity
         browser.name, profile.left(200), ids.join(u", "_s));
 }
 
+std::optional<QString> profileName(const Target &target, const QString &browserID,
+                                   const QString &profileID)
+{
+    for (const BrowserProfile &profile : target.profiles(browserID)) {
+        if (profile.id == profileID)
+            return profile.name;
+    }
+    return std::nullopt;
+}
+
+IntentError notSaved(const QString &why)
+{
+    return IntentError{IntentError::Kind::Refused, why};
+}
+
 } // namespace
 
-Expected<QString, IntentError> createRule(const RuleRequest &request,
+Expected<QString, IntentError> createRule(Target &target, const RuleRequest &request,
                                           const BrowserEntity &targetBrowser)
 {
-    const auto state = sharedState();
-    if (!state)
-        return state.error();
     const bool hasSource = request.sourceAppBundleID && !request.sourceAppBundleID->isEmpty();
     const bool hasPattern = request.urlPattern && !request.urlPattern->isEmpty();
     if (!hasSource && !hasPattern)
@@ -52,7 +63,7 @@ Expected<QString, IntentError> createRule(const RuleRequest &request,
         return invalid(
             u"A rule that asks where to open links has no browser, so neither a profile nor a private window."_s);
     if (request.profile) {
-        if (const auto why = unknownProfile(**state, targetBrowser, *request.profile))
+        if (const auto why = unknownProfile(target, targetBrowser, *request.profile))
             return invalid(*why);
     }
     if (request.privateWindow && ProfileDiscovery::privateWindowFlag(targetBrowser.id).isEmpty())
@@ -63,8 +74,8 @@ Expected<QString, IntentError> createRule(const RuleRequest &request,
     // without a name is named as the settings window names it: by its entry.
     std::optional<QString> sourceName = request.sourceAppName;
     if (!sourceName && hasSource) {
-        const auto entry = (*state)->services().entries.entry(*request.sourceAppBundleID);
-        sourceName = entry && entry->name ? *entry->name : *request.sourceAppBundleID;
+        sourceName = target.applicationName(*request.sourceAppBundleID)
+                         .value_or(*request.sourceAppBundleID);
     }
     RoutingRule rule{QUuid::createUuid(),
                      request.sourceAppBundleID.value_or(QString()),
@@ -75,49 +86,40 @@ Expected<QString, IntentError> createRule(const RuleRequest &request,
                      request.profile};
     rule.openInPrivateWindow = request.privateWindow;
     rule.askWhereToOpen = request.askWhereToOpen;
-    (*state)->addRule(rule);
+    if (const auto why = target.save([&rule](Config &config) { config.rules.append(rule); }))
+        return notSaved(*why);
     return QString(u"Created rule: "_s + RuleEntity::from(rule).summary);
 }
 
-Expected<QString, IntentError> deleteRule(const RuleEntity &rule, const Confirm &confirm)
+Expected<QString, IntentError> deleteRule(Target &target, const RuleEntity &rule,
+                                          const Confirm &confirm)
 {
-    const auto state = sharedState();
-    if (!state)
-        return state.error();
     if (!confirm(u"Delete rule \"%1\"?"_s.arg(rule.summary)))
         return IntentError{IntentError::Kind::Refused, u"The rule was not deleted."_s};
-    const QList<RoutingRule> &rules = (*state)->rules();
-    const auto found =
-        std::find_if(rules.cbegin(), rules.cend(), [&rule](const RoutingRule &candidate) {
-            return JsonFields::uuidText(candidate.id) == rule.id;
-        });
-    if (found == rules.cend())
+    const auto isIt = [&rule](const RoutingRule &candidate) {
+        return JsonFields::uuidText(candidate.id) == rule.id;
+    };
+    const QList<RoutingRule> &rules = target.config().rules;
+    if (std::none_of(rules.cbegin(), rules.cend(), isIt))
         return u"Rule not found. It may have already been deleted."_s;
-    (*state)->deleteRule(*found);
+    if (const auto why = target.save([&isIt](Config &config) { config.rules.removeIf(isIt); }))
+        return notSaved(*why);
     return QString(u"Deleted rule: "_s + rule.summary);
 }
 
-Expected<QList<RuleOptions>, IntentError> ruleOptions()
+QList<RuleOptions> ruleOptions(const Target &target)
 {
-    const auto state = sharedState();
-    if (!state)
-        return state.error();
     QList<RuleOptions> list;
-    for (const RoutingRule &rule : (*state)->rules()) {
+    for (const RoutingRule &rule : target.config().rules) {
         if (!rule.targetProfileID && !rule.openInPrivateWindow)
             continue;
         list.append({JsonFields::uuidText(rule.id), rule.targetProfileID,
-                     rule.targetProfileID ? (*state)->profileName(rule.targetBrowserBundleID,
-                                                                   *rule.targetProfileID)
-                                          : std::nullopt,
+                     rule.targetProfileID
+                         ? profileName(target, rule.targetBrowserBundleID, *rule.targetProfileID)
+                         : std::nullopt,
                      rule.openInPrivateWindow});
     }
     return list;
-}
-
-Expected<QList<RuleEntity>, IntentError> listRules()
-{
-    return allRules();
 }
 
 } // namespace Automation

@@ -1,11 +1,11 @@
 #pragma once
 
-#include "Automation/AutomationValues.h"
+#include "Automation/AutomationTarget.h"
 
 #include <functional>
 
 // The rule actions scripts can run: create, delete (after asking), list. They
-// change rules only through the application state, which saves at once.
+// change rules only through the target's configuration, which saves at once.
 namespace Automation {
 
 // The confirmation's answer for the question it is given.
@@ -26,12 +26,12 @@ struct RuleRequest
 };
 
 // "Created rule: {summary}".
-Expected<QString, IntentError> createRule(const RuleRequest &request,
+Expected<QString, IntentError> createRule(Target &target, const RuleRequest &request,
                                           const BrowserEntity &targetBrowser);
 // "Deleted rule: {summary}", or "Rule not found. …" for a rule that is gone; a
 // refused confirmation is an error and deletes nothing.
-Expected<QString, IntentError> deleteRule(const RuleEntity &rule, const Confirm &confirm);
-Expected<QList<RuleEntity>, IntentError> listRules();
+Expected<QString, IntentError> deleteRule(Target &target, const RuleEntity &rule,
+                                          const Confirm &confirm);
 
 // What a rule asks of its browser beyond opening the link: a profile (with the
 // name the browser shows it by, none when the browser no longer has it) and a
@@ -44,6 +44,6 @@ struct RuleOptions
     bool privateWindow = false;
 };
 // For the rules that ask anything of the kind, in stored order.
-Expected<QList<RuleOptions>, IntentError> ruleOptions();
+QList<RuleOptions> ruleOptions(const Target &target);
 
 } // namespace Automation

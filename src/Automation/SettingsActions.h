@@ -1,30 +1,16 @@
 #pragma once
 
-#include "Automation/AutomationValues.h"
-#include "Models/Link.h"
+#include "Automation/AutomationTarget.h"
 
-#include <QFuture>
-
-// Routing and settings actions for scripts: route a link (through the rules,
-// or straight to a browser), set the fallback browser, switch a feature, list
-// the browsers.
+// Settings actions for scripts: set the fallback browser, switch a feature,
+// list the browsers. (Routing a link is the target's own.)
 namespace Automation {
 
-using Answer = Expected<QString, IntentError>;
-
-// Answers "Opened in {name}." / "Routed to {name}." / "No routing rule matched
-// and no default browser is set."; a launch error ends it with the launcher's
-// description. Unlike a clicked link: rules apply even while paused, short
-// links are not expanded, a rule's profile is not used, and nothing is counted
-// or recorded. The link is journalled until its launch has ended (journalEntry:
-// one it already has, when routed again after a restart).
-QFuture<Answer> routeURL(const Link &url, const std::optional<BrowserEntity> &browser,
-                         qint64 journalEntry = 0);
-Answer setDefaultBrowser(const BrowserEntity &browser);
+Answer setDefaultBrowser(Target &target, const BrowserEntity &browser);
 // "Ask" as the fallback.
-Answer setFallbackToAsk();
+Answer setFallbackToAsk(Target &target);
 // Switches only when needed; answers "{title} is now enabled/disabled.".
-Answer toggleFeature(Feature feature, bool enabled);
-Expected<QList<BrowserEntity>, IntentError> listBrowsers();
+Answer toggleFeature(Target &target, Feature feature, bool enabled);
+QList<BrowserEntity> listBrowsers(const Target &target);
 
 } // namespace Automation

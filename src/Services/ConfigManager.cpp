@@ -3,9 +3,7 @@
 #include "Platform/SystemLog.h"
 #include "Services/ExecLine.h"
 #include "Services/ProfileDiscovery.h"
-#include "Services/URLCleaner.h"
-#include "Storage/RuleStore.h"
-#include "Storage/SettingsKeys.h"
+#include "Services/Handoffs.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -125,26 +123,39 @@ QString ConfigError::description() const
     return {};
 }
 
-ExportData exportConfig(RuleStore &store, const QDateTime &now)
+ExportData exportConfig(const Config &config, const QDateTime &now)
 {
     ExportData data;
-    data.rules = store.loadRules();
-    const QString fallback = store.loadDefaultBrowserBundleID();
+    data.rules = config.rules;
     qCInfo(lcConfigManager).noquote() << u"Exporting config: %1 rule(s), default=%2"_s.arg(
-        QString::number(data.rules.size()), SystemLog::priv(fallback));
+        QString::number(data.rules.size()), SystemLog::priv(config.fallbackBrowser));
     data.exportDate = QDateTime::fromSecsSinceEpoch(now.toSecsSinceEpoch(), Qt::UTC);
-    if (!fallback.isEmpty())
-        data.defaultBrowserBundleID = fallback;
-    data.urlCleaningEnabled = URLCleaner::isEnabled(store.settings());
-    data.fallbackAsks = SettingsKeys::read(store.settings(), SettingsKeys::FallbackAsks);
-    if (QStringList handoffs =
-            SettingsKeys::readTexts(store.settings(), SettingsKeys::EnabledHandoffs);
-        !handoffs.isEmpty())
-        data.handoffs = std::move(handoffs);
-    if (QList<BrowserPreference> preferences = store.loadBrowserPreferences();
-        !preferences.isEmpty())
-        data.browserPreferences = std::move(preferences);
+    if (!config.fallbackBrowser.isEmpty())
+        data.defaultBrowserBundleID = config.fallbackBrowser;
+    data.urlCleaningEnabled = config.urlCleaningEnabled;
+    data.fallbackAsks = config.fallbackAsks;
+    if (!config.handoffs.isEmpty())
+        data.handoffs = config.handoffs;
+    if (!config.browserPreferences.isEmpty())
+        data.browserPreferences = config.browserPreferences;
     return data;
+}
+
+void apply(const ExportData &data, Config &config)
+{
+    config.rules = data.rules;
+    // A document from before browser settings existed leaves them alone.
+    if (data.browserPreferences)
+        config.browserPreferences = *data.browserPreferences;
+    if (data.defaultBrowserBundleID) {
+        config.fallbackBrowser = *data.defaultBrowserBundleID;
+        config.fallbackAsks = false;
+    }
+    if (data.fallbackAsks)
+        config.fallbackAsks = true;
+    if (data.handoffs)
+        config.handoffs = Handoffs::known(*data.handoffs);
+    config.urlCleaningEnabled = data.urlCleaningEnabled;
 }
 
 QByteArray encode(const ExportData &data)
@@ -183,9 +194,9 @@ ExportData withoutLaunchSettings(ExportData data)
     return data;
 }
 
-Expected<QByteArray, ConfigError> exportToJSON(RuleStore &store, const QDateTime &now)
+Expected<QByteArray, ConfigError> exportToJSON(const Config &config, const QDateTime &now)
 {
-    const QByteArray bytes = encode(exportConfig(store, now));
+    const QByteArray bytes = encode(exportConfig(config, now));
     qCInfo(lcConfigManager).noquote() << u"Encoded config to JSON (%1 bytes)"_s.arg(bytes.size());
     return bytes;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Models/BrowserPreference.h"
+#include "Models/Config.h"
 #include "Models/Expected.h"
 #include "Models/RoutingRule.h"
 
@@ -9,8 +10,6 @@
 #include <QList>
 
 #include <optional>
-
-class RuleStore;
 
 // The configuration as a self-describing JSON document: rules, fallback
 // browser and the cleaning switch, with a format version and the export time;
@@ -57,9 +56,13 @@ struct ConfigError
     QString description() const;
 };
 
-ExportData exportConfig(RuleStore &store, const QDateTime &now = QDateTime::currentDateTimeUtc());
+ExportData exportConfig(const Config &config,
+                        const QDateTime &now = QDateTime::currentDateTimeUtc());
 Expected<QByteArray, ConfigError>
-exportToJSON(RuleStore &store, const QDateTime &now = QDateTime::currentDateTimeUtc());
+exportToJSON(const Config &config, const QDateTime &now = QDateTime::currentDateTimeUtc());
+// What importing the document makes of a configuration: its rules, fallback
+// and cleaning switch replace those there; what it does not hold stays.
+void apply(const ExportData &data, Config &config);
 // Only reads the document; applying it is the application state's. Refused:
 // beyond the limits above, rules with texts beyond RoutingRule::MaxTextLength,
 // two rules with one id, and profiles whose ids a browser would misread.

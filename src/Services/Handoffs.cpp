@@ -172,6 +172,16 @@ const QList<Handoff> &builtIn()
     return handoffs;
 }
 
+QStringList known(const QStringList &ids)
+{
+    QStringList result;
+    for (const Handoff &handoff : builtIn()) {
+        if (ids.contains(handoff.id))
+            result.append(handoff.id);
+    }
+    return result;
+}
+
 const Handoff *find(QStringView id)
 {
     for (const Handoff &handoff : builtIn()) {

@@ -36,6 +36,8 @@ struct Handoff
 const QList<Handoff> &builtIn();
 // The built-in handoff with this id; none for an id no handoff has.
 const Handoff *find(QStringView id);
+// Of these ids, those of built-in handoffs, once each, in the order they are listed.
+QStringList known(const QStringList &ids);
 
 struct Match
 {

@@ -112,6 +112,22 @@ void expanded(RoutePlan &plan, const Link &target)
     plan.working = target;
 }
 
+RouteSettings settingsFor(const Config &config, URLRouter::CompiledRules compiled,
+                          std::function<bool(const Link &)> isShortLink)
+{
+    RouteSettings settings{std::move(compiled),
+                           config.fallbackBrowser,
+                           config.rulesEnabled,
+                           config.urlCleaningEnabled,
+                           config.urlExpansionEnabled,
+                           config.urlUnwrappingEnabled,
+                           config.fallbackAsks,
+                           std::move(isShortLink)};
+    settings.handoffs = config.handoffs;
+    settings.preferRunningBrowser = config.preferRunningBrowser;
+    return settings;
+}
+
 void decide(RoutePlan &plan, const RouteSettings &settings, const RoutePolicy &policy)
 {
     if (plan.decided())
@@ -121,7 +137,7 @@ void decide(RoutePlan &plan, const RouteSettings &settings, const RoutePolicy &p
                           settings.defaultBrowserBundleID, policy.trail ? &plan.trail : nullptr);
     plan.decision = fromRouter(decision.kind);
     plan.result = decision.result;
-    plan.ruleMatched = creditedRule(plan.source, settings.rules);
+    plan.ruleMatched = creditedRule(plan.source, settings.rules.rules());
     // A rule that names a browser is the user's own choice for the link, and
     // holds; else the link goes to its service's app, where that is switched on.
     const bool ruleNamesBrowser = decision.ruleIndex >= 0 && plan.result && !plan.result->ask;

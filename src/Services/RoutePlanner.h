@@ -1,8 +1,10 @@
 #pragma once
 
+#include "Models/Config.h"
 #include "Models/Link.h"
 #include "Models/RoutingRule.h"
 #include "Services/Handoffs.h"
+#include "Services/URLRouter.h"
 
 #include <QList>
 #include <QString>
@@ -15,7 +17,7 @@
 // What the routing of a link depends on, taken at one moment.
 struct RouteSettings
 {
-    QList<RoutingRule> rules;
+    URLRouter::CompiledRules rules;
     QString defaultBrowserBundleID;
     bool rulesEnabled = true;
     bool urlCleaningEnabled = true;
@@ -127,6 +129,11 @@ struct RoutePlan
 // The one place where the steps of a route are taken; every caller executes
 // or shows a plan and takes none of the steps itself.
 namespace RoutePlanner {
+
+// What routing needs of a configuration; the rules already compiled, so that
+// it is made once per change, not once per link.
+RouteSettings settingsFor(const Config &config, URLRouter::CompiledRules compiled,
+                          std::function<bool(const Link &)> isShortLink);
 
 // Cleans the link and applies pause. A paused plan is decided; any other waits
 // for decide(), after the caller expanded the link where it wants to.

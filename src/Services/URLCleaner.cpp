@@ -1,9 +1,7 @@
 #include "Services/URLCleaner.h"
 
 #include "Platform/SystemLog.h"
-#include "Storage/SettingsKeys.h"
 
-#include <QSettings>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -21,11 +19,6 @@ const QSet<QString> &trackingParameters()
         u"__hsfp"_s,     u"__hssc"_s,     u"mc_cid"_s,        u"mc_eid"_s,
     };
     return parameters;
-}
-
-bool isEnabled(const QSettings &settings)
-{
-    return SettingsKeys::read(settings, SettingsKeys::UrlCleaningEnabled);
 }
 
 Link clean(const Link &url)

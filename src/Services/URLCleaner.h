@@ -5,15 +5,10 @@
 #include <QSet>
 #include <QString>
 
-class QSettings;
-
 // Removes tracking parameters from a link's query before it is matched.
 namespace URLCleaner {
 
 const QSet<QString> &trackingParameters();
-
-// The stored switch; cleaning is on when nothing is stored.
-bool isEnabled(const QSettings &settings);
 
 // The link without tracking parameters, or the very same link when there is
 // nothing to remove. Never fails.

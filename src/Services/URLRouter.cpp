@@ -220,6 +220,8 @@ Decision matched(Decision::Kind kind, const RoutingRule &rule, qsizetype index)
                     index};
 }
 
+} // namespace
+
 // The order in which a rule list is tried: its app rules in stored order, and its
 // URL rules most specific first (stored order within one rank, by a stable
 // counting sort, as ranks are small numbers), each with its pattern's shape.
@@ -236,22 +238,19 @@ struct Plan
     // Every rule with a source, in stored order; a source-only one has no shape.
     QList<Candidate> appRules;
     QList<Candidate> urlRules;
-    // The trail's line for each rule, made when first needed.
-    QStringList ruleLines;
 
-    const QStringList &trailLines()
+    // The trail's line for each rule (only explanations ask for it).
+    QStringList trailLines() const
     {
-        if (ruleLines.size() != rules.size()) {
-            ruleLines.clear();
-            ruleLines.reserve(rules.size());
-            for (qsizetype i = 0; i < rules.size(); ++i) {
-                const RoutingRule &rule = rules[i];
-                ruleLines.append(u"  rule[%1]: src=%2 pattern=%3 → %4"_s.arg(
-                    QString::number(i), shown(rule.sourceAppBundleID), orNil(rule.urlPattern),
-                    shown(rule.targetBrowserBundleID)));
-            }
+        QStringList lines;
+        lines.reserve(rules.size());
+        for (qsizetype i = 0; i < rules.size(); ++i) {
+            const RoutingRule &rule = rules[i];
+            lines.append(u"  rule[%1]: src=%2 pattern=%3 → %4"_s.arg(
+                QString::number(i), shown(rule.sourceAppBundleID), orNil(rule.urlPattern),
+                shown(rule.targetBrowserBundleID)));
         }
-        return ruleLines;
+        return lines;
     }
 
     explicit Plan(const QList<RoutingRule> &list)
@@ -290,26 +289,21 @@ struct Plan
     }
 };
 
-// The plan of the rule list routed last. The application state routes every link
-// over the same list until the user changes a rule; the plan keeps a shallow
-// copy of that list, so a list that is the same object is unchanged (a change
-// would have detached it from the copy).
-Plan &planFor(const QList<RoutingRule> &rules)
+CompiledRules::CompiledRules(const QList<RoutingRule> &rules)
+    : m_plan(std::make_shared<const Plan>(rules))
+{}
+
+const QList<RoutingRule> &CompiledRules::rules() const
 {
-    thread_local std::optional<Plan> last;
-    if (!last || last->rules.constData() != rules.constData() || last->rules.size() != rules.size()
-        || rules.isEmpty())
-        last.emplace(rules);
-    return *last;
+    return m_plan->rules;
 }
 
-} // namespace
-
 Decision decide(const Link &url, const std::optional<SourceApp> &source,
-                const QList<RoutingRule> &rules, const QString &defaultBrowserBundleID,
+                const CompiledRules &compiled, const QString &defaultBrowserBundleID,
                 QStringList *trail)
 {
-    Plan &plan = planFor(rules);
+    const Plan &plan = *compiled.m_plan;
+    const QList<RoutingRule> &rules = plan.rules;
     if (trail) {
         trail->append(u"route() called — url=%1, source=%2, rules=%3, fallback=%4"_s.arg(
             url.toString(), source ? shown(source->bundleID) : u"nil"_s,
@@ -372,7 +366,7 @@ Decision decide(const Link &url, const std::optional<SourceApp> &source,
 }
 
 std::optional<RouteResult> route(const Link &url, const std::optional<SourceApp> &source,
-                                 const QList<RoutingRule> &rules,
+                                 const CompiledRules &rules,
                                  const QString &defaultBrowserBundleID)
 {
     return decide(url, source, rules, defaultBrowserBundleID).result;

@@ -7,6 +7,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <memory>
 #include <optional>
 
 // The rule engine: which browser, and which profile, opens a link. Pure
@@ -31,13 +32,34 @@ struct Decision
     qsizetype ruleIndex = -1;
 };
 
+struct Plan;
+
+// A rule list made ready to match: the patterns' shapes worked out and the URL
+// rules ordered. Made once per change of the rules and shared (also across
+// threads) by every link routed over them; a plain list converts to one made
+// for that call alone.
+class CompiledRules final
+{
+public:
+    CompiledRules(const QList<RoutingRule> &rules = {});
+
+    const QList<RoutingRule> &rules() const;
+    qsizetype size() const { return rules().size(); }
+    const RoutingRule &operator[](qsizetype index) const { return rules()[index]; }
+
+private:
+    friend Decision decide(const Link &, const std::optional<SourceApp> &, const CompiledRules &,
+                           const QString &, QStringList *);
+    std::shared_ptr<const Plan> m_plan;
+};
+
 // trail: when given, receives the lines that tell how the decision was reached.
 Decision decide(const Link &url, const std::optional<SourceApp> &source,
-                const QList<RoutingRule> &rules, const QString &defaultBrowserBundleID,
+                const CompiledRules &rules, const QString &defaultBrowserBundleID,
                 QStringList *trail = nullptr);
 
 std::optional<RouteResult> route(const Link &url, const std::optional<SourceApp> &source,
-                                 const QList<RoutingRule> &rules,
+                                 const CompiledRules &rules,
                                  const QString &defaultBrowserBundleID);
 
 bool matchesPattern(const Link &url, QStringView pattern);

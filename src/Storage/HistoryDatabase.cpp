@@ -138,6 +138,29 @@ bool HistoryDatabase::Unwritten::isEmpty() const
     return records.isEmpty() && !cleared && count == 0 && finishedJournalEntries.isEmpty();
 }
 
+QString HistoryDatabase::metaValue(const char *key)
+{
+    QString value;
+    read([&](Sqlite::Database &sql) {
+        Sqlite::Statement statement = sql.statement("SELECT value FROM meta WHERE key = ?");
+        statement.bind(1, QString::fromLatin1(key));
+        if (statement.step())
+            value = statement.text(0);
+        statement.run();
+    });
+    return value;
+}
+
+bool HistoryDatabase::setMetaValue(const char *key, const QString &value)
+{
+    return write([&](Sqlite::Database &sql) {
+        sql.statement("INSERT OR REPLACE INTO meta (key, value) VALUES (?, ?)")
+            .bind(1, QString::fromLatin1(key))
+            .bind(2, value)
+            .run();
+    });
+}
+
 QString HistoryDatabase::defaultPath()
 {
     return stateHome() + u"/Quillvane/history.sqlite3"_s;

@@ -72,6 +72,10 @@ public:
     // Runs work against the file as it is; false when there is no readable file
     // (none yet counts as empty, not as a failure: work does not run then).
     bool read(const std::function<void(Sqlite::Database &)> &work);
+    // A value Quillvane keeps about itself (when it last checked for updates);
+    // empty when there is none or it cannot be read.
+    QString metaValue(const char *key);
+    bool setMetaValue(const char *key, const QString &value);
     // Why the last read or write failed, for commands that report it.
     QString lastFailure() const { return m_lastFailure; }
 

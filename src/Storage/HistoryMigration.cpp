@@ -2,8 +2,6 @@
 
 #include "Platform/SystemLog.h"
 #include "Storage/HistoryDatabase.h"
-#include "Storage/SettingsKeys.h"
-#include "Storage/UserSettings.h"
 
 #include <QCryptographicHash>
 
@@ -17,33 +15,35 @@ namespace {
 
 const char *const MigratedKey = "migratedFromSettings";
 
-bool hasAnything(const QSettings &settings)
-{
-    return SettingsKeys::contains(settings, SettingsKeys::ForwardingHistory)
-           || SettingsKeys::contains(settings, SettingsKeys::TodayForwardCount)
-           || SettingsKeys::contains(settings, SettingsKeys::TodayDate);
-}
-
 } // namespace
+
+std::optional<Pending> take(const QSettings &settings)
+{
+    if (!settings.contains(u"forwarding_history"_s) && !settings.contains(u"today_forward_count"_s)
+        && !settings.contains(u"today_date"_s))
+        return std::nullopt;
+    const QVariant history = settings.value(u"forwarding_history"_s);
+    return Pending{history.typeId() == QMetaType::QByteArray ? history.toByteArray()
+                                                             : history.toString().toUtf8(),
+                   settings.value(u"today_forward_count"_s).toString().trimmed().toLongLong(),
+                   settings.value(u"today_date"_s).toString()};
+}
 
 QList<ForwardingRecord> pendingRecords(const QSettings &settings)
 {
-    const auto data = SettingsKeys::read(settings, SettingsKeys::ForwardingHistory);
-    if (!data)
+    const auto pending = take(settings);
+    if (!pending)
         return {};
     QList<DecodeError> skipped;
-    auto records = ForwardingRecord::listFromJson(*data, &skipped);
+    auto records = ForwardingRecord::listFromJson(pending->history, &skipped);
     return records ? std::move(records).value() : QList<ForwardingRecord>();
 }
 
-bool run(QSettings &settings, HistoryDatabase &database)
+bool run(const Pending &pending, HistoryDatabase &database)
 {
-    if (!hasAnything(settings))
-        return true;
-    const QByteArray history =
-        SettingsKeys::read(settings, SettingsKeys::ForwardingHistory).value_or(QByteArray());
-    const qint64 count = SettingsKeys::read(settings, SettingsKeys::TodayForwardCount);
-    const QString day = SettingsKeys::read(settings, SettingsKeys::TodayDate);
+    const QByteArray &history = pending.history;
+    const qint64 count = pending.count;
+    const QString &day = pending.day;
     QList<ForwardingRecord> records;
     QList<DecodeError> skipped;
     if (!history.isEmpty()) {
@@ -53,18 +53,11 @@ bool run(QSettings &settings, HistoryDatabase &database)
         else
             skipped.append(decoded.error());
     }
-    // What cannot be read stays in a copy of the file, which loses it next.
-    if (!skipped.isEmpty()) {
-        const QString copy = UserSettings::keepDamagedCopy(settings);
+    // What cannot be read stays in the old settings file, which is kept.
+    if (!skipped.isEmpty())
         qCCritical(lcHistoryMigration).noquote()
-            << u"Some of the history in the settings file could not be read (%1) and is not moved; %2"_s
-                   .arg(skipped.first().description,
-                        copy.isEmpty()
-                            ? u"the file cannot be copied aside, so it is left as it is."_s
-                            : u"the file as it was is kept as %1."_s.arg(SystemLog::priv(copy)));
-        if (copy.isEmpty())
-            return false;
-    }
+            << u"Some of the history in the old settings file could not be read (%1); it stays there."_s
+                   .arg(skipped.first().description);
 
     // What this settings file held, so that the same values are never taken twice.
     QCryptographicHash fingerprint(QCryptographicHash::Sha256);
@@ -92,19 +85,15 @@ bool run(QSettings &settings, HistoryDatabase &database)
     });
     if (!written) {
         qCWarning(lcHistoryMigration).noquote()
-            << u"The history stays in the settings file until the history database can be written."_s;
+            << u"The history could not be moved into the history database; it stays in the old settings file."_s;
         return false;
     }
-    settings.remove(SettingsKeys::ForwardingHistory.name.toString());
-    settings.remove(SettingsKeys::TodayForwardCount.name.toString());
-    settings.remove(SettingsKeys::TodayDate.name.toString());
-    UserSettings::commit(settings);
     if (!alreadyTaken)
         qCInfo(lcHistoryMigration).noquote()
             << u"Moved %1 history record(s)%2 from the settings file into %3."_s.arg(
                    QString::number(records.size()), count > 0 ? u" and today's count"_s : QString(),
                    database.path());
-    return true;
+    return skipped.isEmpty();
 }
 
 } // namespace HistoryMigration

@@ -1,0 +1,43 @@
+#pragma once
+
+#include "Models/Config.h"
+#include "Models/Expected.h"
+
+#include <QByteArray>
+#include <QString>
+
+class QSettings;
+
+// The configuration file's JSON: written pretty-printed with its members in a
+// fixed order, so that a change in a dotfiles repository is a diff of the lines
+// that changed; read strictly, so that a mistake made by hand is named with its
+// line and column instead of being read as something else.
+namespace ConfigDocument {
+
+// Why a document cannot be taken, and where.
+struct Problem
+{
+    QString file;
+    int line = 0;
+    int column = 0;
+    QString what;
+    // "file:line:column: what", as compilers say it (without a place when there is none).
+    QString text() const;
+    friend bool operator==(const Problem &, const Problem &) = default;
+};
+
+// Member names of the file.
+inline constexpr QLatin1StringView SchemaMember("$schema");
+
+// The schema that Quillvane installs, as a link for a new file's "$schema".
+QString installedSchema();
+
+QByteArray encode(const Config &config);
+// file names the document in the problem; the document's "$schema" is kept.
+Expected<Config, Problem> decode(QByteArrayView bytes, const QString &file);
+
+// What the INI settings file of earlier versions held; what could not be read
+// there is described in lost (the file itself is kept).
+Config fromLegacySettings(const QSettings &settings, QStringList *lost);
+
+} // namespace ConfigDocument
