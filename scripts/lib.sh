@@ -10,7 +10,7 @@ BUILD_PACKAGES=(
 # To run the whole test suite and the benchmarks.
 TEST_PACKAGES=(
     libbenchmark-dev dbus libglib2.0-bin xdg-utils xvfb xauth zsh bsdutils trayer xdotool openssl
-    sqlite3
+    sqlite3 python3-jsonschema
     # Sandboxed apps' links through the real portal, and the window on a tiling Wayland desktop.
     xdg-desktop-portal xdg-desktop-portal-gtk gsettings-desktop-schemas bubblewrap
     sway wtype qt6-wayland

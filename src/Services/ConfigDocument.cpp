@@ -411,7 +411,6 @@ QString installedSchema()
 QByteArray encode(const Config &config)
 {
     QJsonObject root{
-        {SchemaMember, config.schema.isEmpty() ? installedSchema() : config.schema},
         {RulesMember, QJsonDocument::fromJson(RoutingRule::listToJson(config.rules)).array()},
         {FallbackMember, config.fallbackBrowser},
         {PreferencesMember,
@@ -421,6 +420,9 @@ QByteArray encode(const Config &config)
     };
     for (const Flag &flag : Flags)
         root.insert(flag.member, config.*(flag.field));
+    // A person who took it out does not want it back.
+    if (!config.schema.isEmpty())
+        root.insert(SchemaMember, config.schema);
     return QJsonDocument(root).toJson(QJsonDocument::Indented);
 }
 

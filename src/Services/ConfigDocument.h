@@ -29,7 +29,8 @@ struct Problem
 // Member names of the file.
 inline constexpr QLatin1StringView SchemaMember("$schema");
 
-// The schema that Quillvane installs, as a link for a new file's "$schema".
+// The schema that Quillvane installs, as a link for a new file's "$schema"
+// (encode() writes the config's own, and none when it has none).
 QString installedSchema();
 
 QByteArray encode(const Config &config);

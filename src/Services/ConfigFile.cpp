@@ -142,8 +142,11 @@ void ConfigFile::load()
         qCCritical(lcConfigFile).noquote()
             << u"%1 Quillvane starts with its defaults and will not write the file until it can be read."_s
                    .arg(SystemLog::priv(m_problem->text()));
-    else if (!m_bytes && !m_problem)
+    else if (!m_bytes && !m_problem) {
+        // A file to find, edit and keep: written at the first start.
+        m_config.schema = ConfigDocument::installedSchema();
         write(ConfigDocument::encode(m_config));
+    }
 }
 
 void ConfigFile::migrate()
@@ -154,6 +157,7 @@ void ConfigFile::migrate()
         const QSettings legacy(m_legacyPath, QSettings::IniFormat);
         config = ConfigDocument::fromLegacySettings(legacy, &lost);
     }
+    config.schema = ConfigDocument::installedSchema();
     if (const auto failed = write(ConfigDocument::encode(config))) {
         qCCritical(lcConfigFile).noquote()
             << u"The settings of %1 stay there until they can be moved: %2"_s.arg(
