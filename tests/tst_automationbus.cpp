@@ -6,6 +6,7 @@
 #include "FakeDesktop.h"
 #include "InstalledQuillvane.h"
 #include "Models/JsonFields.h"
+#include "Automation/BusNames.h"
 #include "TestSupport.h"
 
 #include <QDBusConnection>
@@ -302,6 +303,7 @@ rule delete $ID --yes         | 1 | $
     }
 
     void browsersThatChangeWhileRunning();
+    void configurationFromScripts();
 
 private:
     Config stored() const { return InstalledQuillvane::stored(*m_desktop); }
@@ -496,6 +498,74 @@ rule add --browser chromium --pattern x.example --profile=--headless | 1 | quill
     QVERIFY(QFile::remove(chromium) && QFile::remove(refusing));
     m_desktop->refreshDatabase();
     QTRY_VERIFY_WITH_TIMEOUT(!listed(u"chromium"_s) && !listed(u"refusing"_s), 10000);
+}
+
+// The configuration from scripts: the commands work on the file, and the
+// running Quillvane follows it; the bus offers the same; a broken hand edit is
+// named, and neither the commands nor the bus write over it.
+void TestAutomationBus::configurationFromScripts()
+{
+    const QString path = InstalledQuillvane::configPath(*m_desktop);
+    const QString exported = m_desktop->root() + u"/exported.json"_s;
+    const auto handoffOn = [] {
+        const auto list =
+            qdbus_cast<QList<QVariantMap>>(call(u"ListHandoffs"_s).arguments().value(0));
+        return std::any_of(list.cbegin(), list.cend(), [](const QVariantMap &handoff) {
+            return handoff.value(u"id"_s).toString() == u"zoom" && handoff.value(u"enabled"_s).toBool();
+        });
+    };
+    QCOMPARE(call(u"ConfigPath"_s).arguments().value(0).toString(), path);
+    script(QString(u"config path | 0 | "_s + path + uR"(
+handoff zoom on         | 0 | Zoom links now open in its app.
+handoff teleporter on   | 2 | quillvane: there is no handoff named "teleporter"
+handoffs                | 0 | zoom       on   Zoom
+config check            | 0 | nothing wrong
+)"_s));
+    QTRY_VERIFY_WITH_TIMEOUT(handoffOn(), 10000);
+    QVERIFY(answered(call(u"SetHandoff"_s, {u"zoom"_s, false})));
+    QVERIFY(!stored().handoffs.contains(u"zoom"_s) && !handoffOn());
+
+    // What an import changes is shown first; without a terminal only --yes imports.
+    const qsizetype rules = stored().rules.size();
+    script(QString(u"config export "_s + exported + u" | 0 | Exported"_s));
+    QJsonObject document = QJsonDocument::fromJson(readFile(exported)).object();
+    QJsonArray imported = document[u"rules"].toArray();
+    imported.append(QJsonDocument::fromJson(RoutingRule::listToJson({makeRule(
+                                                {}, u"new.example"_s, u"alpha-browser"_s,
+                                                u"Profile 3"_s)}))
+                        .array()
+                        .first());
+    document[u"rules"] = imported;
+    document[u"browserPreferences"] = QJsonArray{
+        QJsonObject{{u"browserBundleID"_s, u"alpha-browser"_s}, {u"extraArguments"_s, u"--new-window"_s}}};
+    writeFile(exported, QJsonDocument(document).toJson());
+    script(QString(u"config import "_s + exported + u" | 1 | there is no terminal to ask on"_s));
+    QCOMPARE(stored().rules.size(), rules);
+    const auto answer = g_installed.quillvane({u"config"_s, u"import"_s, exported, u"--yes"_s});
+    QCOMPARE(answer.exitCode, 0);
+    QVERIFY2(answer.out.contains(u"  + new.example → alpha-browser  [profile: Profile 3]\n"_s)
+                 && answer.out.contains(u"  alpha-browser starts with: --new-window\n"_s),
+             qPrintable(answer.out));
+    QTRY_COMPARE_WITH_TIMEOUT(
+        qdbus_cast<QList<RuleEntity>>(call(u"ListRules"_s).arguments().value(0)).size(),
+        rules + 1, 10000);
+    QVERIFY(answered(call(u"ImportConfig"_s, {QString::fromUtf8(readFile(exported))})));
+
+    // A broken hand edit.
+    const QByteArray good = readFile(path);
+    QByteArray broken = good;
+    broken.insert(broken.indexOf('\n') + 1, "    \"colour\": \"blue\",\n");
+    m_notifications.shown.clear();
+    writeFile(path, broken);
+    script(QString(u"config check | 1 | "_s + path + u":2:5: unknown member \"colour\"."_s));
+    QCOMPARE(call(u"CheckConfig"_s, {QString()}).errorName(), BusNames::Error::ValidationFailed);
+    QTRY_VERIFY_WITH_TIMEOUT(!m_notifications.shown.isEmpty(), 10000);
+    QCOMPARE(m_notifications.shown.first().first, u"Quillvane cannot read its configuration"_s);
+    QCOMPARE(call(u"SetHandoff"_s, {u"zoom"_s, true}).errorName(), BusNames::Error::Refused);
+    script(u"handoff zoom on | 1 | does not write over a configuration file it cannot read"_s);
+    QCOMPARE(readFile(path), broken);
+    writeFile(path, good);
+    QTRY_VERIFY_WITH_TIMEOUT(answered(call(u"SetHandoff"_s, {u"zoom"_s, false})), 10000);
 }
 
 QTEST_MAIN(TestAutomationBus)

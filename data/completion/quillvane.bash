@@ -15,7 +15,7 @@ _quillvane()
     local words=""
 
     if [[ $COMP_CWORD -eq 1 ]]; then
-        words="route rules rule browsers fallback feature explain history doctor --action --help --version"
+        words="route rules rule browsers fallback feature explain history doctor config handoffs handoff --action --help --version"
     else
         case $prev in
         --browser)
@@ -28,12 +28,30 @@ _quillvane()
         if [[ -z $words ]]; then
             # The position among the command's own words.
             local position=$((COMP_CWORD - 1))
-            [[ $command == rule ]] && position=$((COMP_CWORD - 2))
             case $command in
             route) words="--browser --help" ;;
             rules | browsers) words="--json --help" ;;
             doctor) words="--json --help" ;;
             history) words="--json --limit --help" ;;
+            handoffs) words="--json --help" ;;
+            handoff)
+                case $position in
+                1) words="zoom teams spotify slack discord telegram element steam --help" ;;
+                2) words="on off" ;;
+                esac ;;
+            config)
+                if [[ $COMP_CWORD -eq 2 ]]; then
+                    words="path check export import --help"
+                else
+                    [[ ${COMP_WORDS[2]} == import ]] && words="--yes"
+                    words+=" --help"
+                    # A file to check, export to or import.
+                    [[ ${COMP_WORDS[2]} != path ]] && {
+                        local IFS=$'\n'
+                        COMPREPLY=($(compgen -f -- "$cur") $(compgen -W "$words" -- "$cur"))
+                        return 0
+                    }
+                fi ;;
             explain) words="--from --expand --help" ;;
             fallback)
                 [[ $position -eq 1 ]] && words=$(_quillvane_first_column browsers)
@@ -44,6 +62,7 @@ _quillvane()
                 2) words="on off" ;;
                 esac ;;
             rule)
+                position=$((COMP_CWORD - 2))
                 if [[ $COMP_CWORD -eq 2 ]]; then
                     words="add delete --help"
                 elif [[ ${COMP_WORDS[2]} == add ]]; then

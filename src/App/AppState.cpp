@@ -206,13 +206,7 @@ std::optional<SchemeHandler> AppState::schemeHandler(const QString &scheme) cons
 
 void AppState::setHandoffEnabled(const QString &id, bool enabled)
 {
-    save([&](Config &config) {
-        QStringList ids = config.handoffs;
-        ids.removeAll(id);
-        if (enabled)
-            ids.append(id);
-        config.handoffs = Handoffs::known(ids);
-    });
+    save([&](Config &config) { config.handoffs = Handoffs::switched(config.handoffs, id, enabled); });
 }
 
 void AppState::togglePreferRunningBrowser()

@@ -19,6 +19,17 @@ const Config &AutomationBridge::config() const
     return m_state.config();
 }
 
+QString AutomationBridge::configPath() const
+{
+    return m_state.configFile().path();
+}
+
+std::optional<QString> AutomationBridge::schemeApp(const QString &scheme) const
+{
+    const auto app = m_state.schemeHandler(scheme);
+    return app ? std::optional<QString>(app->name) : std::nullopt;
+}
+
 std::optional<QString> AutomationBridge::save(const std::function<void(Config &)> &change)
 {
     return m_state.saveForScript(change);

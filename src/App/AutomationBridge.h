@@ -12,10 +12,12 @@ public:
     explicit AutomationBridge(AppState &state);
 
     const Config &config() const override;
+    QString configPath() const override;
     std::optional<QString> save(const std::function<void(Config &)> &change) override;
     QList<BrowserInfo> browsers(bool shownOnly) const override;
     QList<BrowserProfile> profiles(const QString &browserID) const override;
     std::optional<QString> applicationName(const QString &desktopID) const override;
+    std::optional<QString> schemeApp(const QString &scheme) const override;
     bool launchAtLogin() const override;
     void setLaunchAtLogin(bool enabled) override;
     QFuture<Automation::Answer> routeURL(const Link &url,

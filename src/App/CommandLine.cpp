@@ -1,6 +1,7 @@
 #include "App/CommandLine.h"
 
 #include "App/BuildInfo.h"
+#include "App/ConfigCommand.h"
 #include "App/DoctorCommand.h"
 #include "App/ExplainCommand.h"
 #include "App/HistoryCommand.h"
@@ -72,8 +73,31 @@ int history(const CommandArguments &arguments, const CommandOutput &output)
     return HistoryCommand::run(arguments, output, {database, pending});
 }
 
+ConfigCommand::Environment configEnvironment()
+{
+    return {ConfigFile::defaultPath(), ConfigFile::defaultLegacyPath(), [](const QString &scheme) {
+                const auto app = Handoffs::handler(GioDesktopEntries::instance(), scheme);
+                return app ? std::optional<QString>(app->name) : std::nullopt;
+            }};
+}
+
+// A local command that works on the configuration file.
+template<auto Run> int onConfig(const CommandArguments &arguments, const CommandOutput &output)
+{
+    return Run(arguments, output, configEnvironment());
+}
+
 // The local commands first, then those for the running Quillvane, as the help lists them.
-constexpr qsizetype LocalCommands = 3;
+constexpr qsizetype LocalCommands = 9;
+
+// Commands of two words, by their first.
+const QHash<QString, QStringList> &groups()
+{
+    static const QHash<QString, QStringList> words{
+        {u"rule"_s, {u"add"_s, u"delete"_s}},
+        {u"config"_s, {u"path"_s, u"check"_s, u"export"_s, u"import"_s}}};
+    return words;
+}
 
 const QList<Command> &commands()
 {
@@ -126,6 +150,82 @@ const QList<Command> &commands()
          0,
          {},
          history},
+        {u"config path"_s,
+         u"config path"_s,
+         u"Prints where the configuration file is: the rules, the fallback browser, the\n"
+         "switches, the browsers' settings and the handoffs, in one JSON file that you\n"
+         "can edit, keep in a dotfiles repository or link into place. A running\n"
+         "Quillvane follows every change to it.\n"_s,
+         {},
+         {},
+         0,
+         0,
+         {},
+         onConfig<ConfigCommand::path>},
+        {u"config check"_s,
+         u"config check [FILE]"_s,
+         u"Checks the configuration file (or FILE) as Quillvane reads it, and says\n"
+         "which line and column are wrong, and why. Changes nothing.\n"
+         "\n"
+         "Exit status: 0 when Quillvane can take the file, 1 when it cannot.\n"_s,
+         {},
+         {},
+         0,
+         1,
+         u"a file"_s,
+         onConfig<ConfigCommand::check>},
+        {u"config export"_s,
+         u"config export [FILE]"_s,
+         u"Writes the rules, the fallback browser and the browsers' settings as an\n"
+         "export document (the one the settings window exports) to FILE, or prints it.\n"_s,
+         {},
+         {},
+         0,
+         1,
+         u"a file"_s,
+         onConfig<ConfigCommand::exportTo>},
+        {u"config import"_s,
+         u"config import FILE [--yes]"_s,
+         u"Imports an export document: its rules replace yours, and its fallback browser,\n"
+         "switches, browsers' settings and handoffs replace yours where it has them.\n"
+         "Shows what changes (the rules added and removed, and every browser argument\n"
+         "and profile browsers will start with) and asks on the terminal first.\n"
+         "\n"
+         "Options:\n"
+         "  --yes          import without asking\n"_s,
+         {},
+         {u"--yes"_s},
+         1,
+         1,
+         u"a file"_s,
+         onConfig<ConfigCommand::import>},
+        {u"handoffs"_s,
+         u"handoffs [--json]"_s,
+         u"Lists the handoffs: the services whose links can open in their own apps,\n"
+         "whether each is on, and the app installed for it.\n"
+         "\n"
+         "Options:\n"
+         "  --json         print a JSON array of {\"id\", \"name\", \"enabled\", \"app\"}\n"_s,
+         {},
+         {u"--json"_s},
+         0,
+         0,
+         {},
+         onConfig<ConfigCommand::handoffs>},
+        {u"handoff"_s,
+         u"handoff NAME on|off"_s,
+         u"Switches a handoff on or off: with it on, links of the service (a meeting,\n"
+         "a song) open in its app instead of a browser, unless a rule names a browser.\n"
+         "\"quillvane handoffs\" lists them.\n"
+         "\n"
+         "Example:\n"
+         "  quillvane handoff zoom on\n"_s,
+         {},
+         {},
+         2,
+         2,
+         u"a handoff name and on or off"_s,
+         onConfig<ConfigCommand::handoff>},
         {u"route"_s,
          u"route URL [--browser ID]"_s,
          u"Opens the link in the browser your rules choose, as a link from no particular\n"
@@ -257,23 +357,25 @@ const QList<Command> &commands()
     return list;
 }
 
-// "rule" alone: the group's own help.
-int ruleGroup(const QString &action, const CommandOutput &output)
+// A group's first word alone ("rule", "config"): the group's own help.
+int group(const QString &name, const QString &action, const CommandOutput &output)
 {
     QString text;
     for (const Command &command : commands()) {
-        if (command.name.startsWith(u"rule "_s))
+        if (command.name.startsWith(name + u' '))
             text += (text.isEmpty() ? u"Usage: quillvane "_s : u"       quillvane "_s)
                     + command.synopsis + u'\n';
     }
-    text +=
-        u"\nRun \"quillvane rule add --help\" or \"quillvane rule delete --help\" for more.\n"_s;
+    QStringList full;
+    for (const QString &word : groups().value(name))
+        full.append(u"\"%1 %2\""_s.arg(name, word));
+    text += u"\nRun \"quillvane %1 ACTION --help\" for more.\n"_s.arg(name);
     if (action == u"--help" || action == u"-h") {
         output.out << text;
         output.out.flush();
         return Success;
     }
-    output.err << "quillvane: say \"rule add\" or \"rule delete\".\n\n" << text;
+    output.err << "quillvane: say " << full.join(u", "_s) << ".\n\n" << text;
     output.err.flush();
     return BadUsage;
 }
@@ -337,10 +439,10 @@ int run(const QStringList &arguments, const CommandOutput &output)
     }
     QString name = first;
     qsizetype consumed = 1;
-    if (name == u"rule") {
+    if (groups().contains(name)) {
         const QString action = arguments.value(1);
-        if (action != u"add" && action != u"delete")
-            return ruleGroup(action, output);
+        if (!groups().value(name).contains(action))
+            return group(name, action, output);
         name += u' ' + action;
         consumed = 2;
     }

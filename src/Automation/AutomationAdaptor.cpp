@@ -70,6 +70,7 @@ void registerDBusTypes()
     qDBusRegisterMetaType<FeatureEntity>();
     qDBusRegisterMetaType<QList<FeatureEntity>>();
     qDBusRegisterMetaType<QMap<QString, QVariantMap>>();
+    qDBusRegisterMetaType<QList<QVariantMap>>();
 }
 
 QString dbusErrorName(IntentError::Kind kind)
@@ -323,4 +324,35 @@ QList<FeatureEntity> AutomationAdaptor::ListFeatures()
     for (const FeatureInfo &info : features())
         list.append({info.rawValue.toString(), info.title.toString()});
     return list;
+}
+
+QString AutomationAdaptor::ConfigPath()
+{
+    return m_target.configPath();
+}
+
+QString AutomationAdaptor::CheckConfig(const QString &path, const QDBusMessage &message)
+{
+    return answer(checkConfig(m_target, path), message);
+}
+
+QString AutomationAdaptor::ExportConfig()
+{
+    return exportConfig(m_target);
+}
+
+QString AutomationAdaptor::ImportConfig(const QString &document, const QDBusMessage &message)
+{
+    return answer(importConfig(m_target, document.toUtf8()), message);
+}
+
+QString AutomationAdaptor::SetHandoff(const QString &handoff, bool enabled,
+                                      const QDBusMessage &message)
+{
+    return answer(setHandoff(m_target, handoff, enabled), message);
+}
+
+QList<QVariantMap> AutomationAdaptor::ListHandoffs()
+{
+    return handoffs(m_target);
 }

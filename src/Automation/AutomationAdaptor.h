@@ -71,6 +71,12 @@ public Q_SLOTS:
     QString SetFallbackToAsk(const QDBusMessage &message);
     QList<Automation::FeatureEntity> ListFeatures();
     QMap<QString, QVariantMap> RuleOptions(const QDBusMessage &message);
+    QString ConfigPath();
+    QString CheckConfig(const QString &path, const QDBusMessage &message);
+    QString ExportConfig();
+    QString ImportConfig(const QString &document, const QDBusMessage &message);
+    QString SetHandoff(const QString &handoff, bool enabled, const QDBusMessage &message);
+    QList<QVariantMap> ListHandoffs();
 
 private:
     template<typename T>

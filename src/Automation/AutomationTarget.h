@@ -23,12 +23,15 @@ public:
 
     // What the person configured, and a change to it; why it was not saved.
     virtual const Config &config() const = 0;
+    virtual QString configPath() const = 0;
     virtual std::optional<QString> save(const std::function<void(Config &)> &change) = 0;
     // The installed browsers; with shownOnly, those the user did not hide.
     virtual QList<BrowserInfo> browsers(bool shownOnly) const = 0;
     virtual QList<BrowserProfile> profiles(const QString &browserID) const = 0;
     // The name an application's desktop entry gives it; none without one.
     virtual std::optional<QString> applicationName(const QString &desktopID) const = 0;
+    // The name of the app the desktop opens a link scheme with; none without one.
+    virtual std::optional<QString> schemeApp(const QString &scheme) const = 0;
     virtual bool launchAtLogin() const = 0;
     virtual void setLaunchAtLogin(bool enabled) = 0;
     // Answers "Opened in {name}." / "Routed to {name}." / "No routing rule

@@ -8,6 +8,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QRegularExpression>
 #include <QSet>
 #include <QSettings>
 #include <QStandardPaths>
@@ -423,7 +424,10 @@ QByteArray encode(const Config &config)
     // A person who took it out does not want it back.
     if (!config.schema.isEmpty())
         root.insert(SchemaMember, config.schema);
-    return QJsonDocument(root).toJson(QJsonDocument::Indented);
+    QByteArray text = QJsonDocument(root).toJson(QJsonDocument::Indented);
+    // Qt opens an empty list on one line and closes it on the next.
+    static const QRegularExpression emptyList(uR"(\[\n\s*\])"_s);
+    return QString::fromUtf8(text).replace(emptyList, u"[]"_s).toUtf8();
 }
 
 Expected<Config, Problem> decode(QByteArrayView bytes, const QString &file)

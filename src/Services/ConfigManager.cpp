@@ -158,6 +158,60 @@ void apply(const ExportData &data, Config &config)
     config.urlCleaningEnabled = data.urlCleaningEnabled;
 }
 
+QStringList describeChanges(const Config &before, const Config &after)
+{
+    QStringList lines;
+    const auto onOff = [](bool on) { return on ? u"on"_s : u"off"_s; };
+    const auto ruleLine = [](QStringView mark, const RoutingRule &rule) {
+        QString line = u"  %1 %2"_s.arg(mark, rule.description());
+        if (rule.targetProfileID)
+            line += u"  [profile: %1]"_s.arg(*rule.targetProfileID);
+        if (rule.openInPrivateWindow)
+            line += u"  [private window]"_s;
+        return line;
+    };
+    for (const RoutingRule &rule : before.rules) {
+        if (!after.rules.contains(rule))
+            lines.append(ruleLine(u"-", rule));
+    }
+    for (const RoutingRule &rule : after.rules) {
+        if (!before.rules.contains(rule))
+            lines.append(ruleLine(u"+", rule));
+    }
+    if (before.fallbackBrowser != after.fallbackBrowser)
+        lines.append(u"  Fallback browser: %1 → %2"_s.arg(
+            before.fallbackBrowser.isEmpty() ? u"none"_s : before.fallbackBrowser,
+            after.fallbackBrowser.isEmpty() ? u"none"_s : after.fallbackBrowser));
+    if (before.fallbackAsks != after.fallbackAsks)
+        lines.append(u"  Ask Every Time: %1 → %2"_s.arg(onOff(before.fallbackAsks),
+                                                         onOff(after.fallbackAsks)));
+    if (before.urlCleaningEnabled != after.urlCleaningEnabled)
+        lines.append(u"  URL Cleaning: %1 → %2"_s.arg(onOff(before.urlCleaningEnabled),
+                                                       onOff(after.urlCleaningEnabled)));
+    if (before.handoffs != after.handoffs)
+        lines.append(u"  Handoffs: %1 → %2"_s.arg(
+            before.handoffs.isEmpty() ? u"none"_s : before.handoffs.join(u", "_s),
+            after.handoffs.isEmpty() ? u"none"_s : after.handoffs.join(u", "_s)));
+    if (lines.isEmpty() && before.browserPreferences == after.browserPreferences)
+        return lines;
+    // How browsers will start, whether it changes or not: arguments and
+    // profiles are where an imported file could do harm.
+    QStringList launches;
+    for (const BrowserPreference &preference : after.browserPreferences) {
+        if (!preference.extraArguments.isEmpty())
+            launches.append(u"  %1 starts with: %2"_s.arg(preference.browserBundleID,
+                                                         preference.extraArguments));
+    }
+    for (const RoutingRule &rule : after.rules) {
+        if (rule.targetProfileID)
+            launches.append(u"  %1 opens in profile %2"_s.arg(rule.description(),
+                                                             *rule.targetProfileID));
+    }
+    if (!launches.isEmpty())
+        lines += QStringList{u"How browsers will start:"_s} + launches;
+    return lines;
+}
+
 QByteArray encode(const ExportData &data)
 {
     // The rules in their one JSON form, as the settings store keeps them.

@@ -63,6 +63,10 @@ exportToJSON(const Config &config, const QDateTime &now = QDateTime::currentDate
 // What importing the document makes of a configuration: its rules, fallback
 // and cleaning switch replace those there; what it does not hold stays.
 void apply(const ExportData &data, Config &config);
+// What importing changes, as lines a person reads before saying yes: the rules
+// removed and added, the switches, and every browser argument and profile the
+// result starts browsers with. Empty when nothing changes.
+QStringList describeChanges(const Config &before, const Config &after);
 // Only reads the document; applying it is the application state's. Refused:
 // beyond the limits above, rules with texts beyond RoutingRule::MaxTextLength,
 // two rules with one id, and profiles whose ids a browser would misread.

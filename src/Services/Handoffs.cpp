@@ -182,6 +182,15 @@ QStringList known(const QStringList &ids)
     return result;
 }
 
+QStringList switched(const QStringList &ids, const QString &id, bool on)
+{
+    QStringList result = ids;
+    result.removeAll(id);
+    if (on)
+        result.append(id);
+    return known(result);
+}
+
 const Handoff *find(QStringView id)
 {
     for (const Handoff &handoff : builtIn()) {

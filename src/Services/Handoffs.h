@@ -38,6 +38,8 @@ const QList<Handoff> &builtIn();
 const Handoff *find(QStringView id);
 // Of these ids, those of built-in handoffs, once each, in the order they are listed.
 QStringList known(const QStringList &ids);
+// The handoffs switched on once the one with this id is switched on or off.
+QStringList switched(const QStringList &ids, const QString &id, bool on);
 
 struct Match
 {
