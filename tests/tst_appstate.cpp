@@ -82,7 +82,7 @@ private Q_SLOTS:
         fixed.rules = {makeRule(u"mail"_s, std::nullopt, u"chromium"_s)};
         fixed.fallbackBrowser = u"chromium"_s;
         writeConfig(path, fixed);
-        QSignalSpy rules(state, &AppState::rulesChanged);
+        QSignalSpy rules(state, &AppState::configChanged);
         m_app->config->reload();
         QCOMPARE(rules.size(), 1);
         QCOMPARE(state->rules(), fixed.rules);
@@ -96,7 +96,7 @@ private Q_SLOTS:
     {
         AppState *state = &makeState();
         state->addRule(makeRule(u"a"_s, std::nullopt, u"x"_s));
-        state->toggleURLExpansion();
+        state->toggle(&Config::urlExpansionEnabled);
         const QString fallback = state->defaultBrowserBundleID();
         ConfigManager::ExportData config;
         config.rules = {makeRule(QString(), u"b.org"_s, u"y"_s)};
@@ -104,7 +104,7 @@ private Q_SLOTS:
         state->applyImportedConfig(config);
         QCOMPARE(state->rules(), config.rules);
         QCOMPARE(state->defaultBrowserBundleID(), fallback);
-        QVERIFY(!state->urlCleaningEnabled() && state->urlExpansionEnabled());
+        QVERIFY(!state->config().urlCleaningEnabled && state->config().urlExpansionEnabled);
         QCOMPARE(m_app->stored().rules, config.rules);
         config.rules.clear();
         config.defaultBrowserBundleID = u"chromium"_s;
@@ -112,7 +112,7 @@ private Q_SLOTS:
         config.handoffs = QStringList{u"teleporter"_s, u"zoom"_s};
         state->applyImportedConfig(config);
         QVERIFY(state->rules().isEmpty());
-        QCOMPARE(state->enabledHandoffs(), QStringList{u"zoom"_s});
+        QCOMPARE(state->config().handoffs, QStringList{u"zoom"_s});
         QCOMPARE(m_app->stored().fallbackBrowser, u"chromium"_s);
     }
 

@@ -161,15 +161,15 @@ negative                    | $DOC "version":1 → "version":-1     | Unsupporte
 fractional version          | $DOC "version":1 → "version":1.5    | $Dthe member "version"
 no cleaning switch          | $DOC ,"urlCleaningEnabled":true →    | $Dthe member "urlCleaningEnabled"
 fractional seconds          | $DOC 09:30:00Z → 09:30:00.5Z         | $Dthe member "exportDate"
-bad rule                    | $DOC "rules":[] → "rules":[{"id":"x"}] | $DRule 1 has a member "id" that is not a valid UUID.
-browser settings not a list | $DOC + ,"browserPreferences":{}     | $Dthe member "browserPreferences" is not an array.
-arguments placing the link  | $DOC + ,"browserPreferences":[{"browserBundleID":"x","extraArguments":"%u"}] | $Dthe extra arguments for x: “%u” holds the field code %u
-private window not boolean  | $DOC "rules":[] → "rules":[{"id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F","sourceAppBundleID":"","sourceAppName":"","targetBrowserBundleID":"a","targetBrowserName":"A","urlPattern":"x","openInPrivateWindow":"yes"}] | $DRule 1 has a member "openInPrivateWindow" that is not true or false
+bad rule                    | $DOC "rules":[] → "rules":[{"id":"x"}] | $DRule 1's "id" must be an id
+browser settings not a list | $DOC + ,"browserPreferences":{}     | $D"browserPreferences" must be a list
+arguments placing the link  | $DOC + ,"browserPreferences":[{"browserBundleID":"x","extraArguments":"%u"}] | $DBrowser setting 1's extra arguments: “%u” holds the field code %u
+private window not boolean  | $DOC "rules":[] → "rules":[{"id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F","sourceAppBundleID":"","sourceAppName":"","targetBrowserBundleID":"a","targetBrowserName":"A","urlPattern":"x","openInPrivateWindow":"yes"}] | $DRule 1's "openInPrivateWindow" must be true or false.
 handoffs not texts          | $DOC + ,"handoffs":["zoom",1]       | $Dthe member "handoffs" is not an array of texts.
-profile read as an option   | $DOC "rules":[] → "rules":[$R,"urlPattern":"x","targetProfileID":"--headless"}] | $Drule 1: The profile “--headless” cannot be used: it begins with “-”
-profile leading out         | $DOC "rules":[] → "rules":[$R,"urlPattern":"x","targetProfileID":"../x"}] | $Drule 1: The profile “../x” cannot be used: it holds a path separator.
-one id twice                | $DOC "rules":[] → "rules":[$R,"urlPattern":"x"},$R,"urlPattern":"y"}] | $Drules 1 and 2 have the same id (E621E1F8-C36C-495A-93FC-0C247A3E6E5F).
-a pattern of megabytes      | $DOC "rules":[] → "rules":[$R,"urlPattern":"$LONG"}] | $Drule 1: its "urlPattern" is 4097 characters long, more than the 4096 a rule may have.
+profile read as an option   | $DOC "rules":[] → "rules":[$R,"urlPattern":"x","targetProfileID":"--headless"}] | $DRule 1: The profile “--headless” cannot be used: it begins with “-”
+profile leading out         | $DOC "rules":[] → "rules":[$R,"urlPattern":"x","targetProfileID":"../x"}] | $DRule 1: The profile “../x” cannot be used: it holds a path separator.
+one id twice                | $DOC "rules":[] → "rules":[$R,"urlPattern":"x"},$R,"urlPattern":"y"}] | $DRule 2 has the id of rule 1.
+a pattern of megabytes      | $DOC "rules":[] → "rules":[$R,"urlPattern":"$LONG"}] | $DRule 1's "urlPattern" is 4097 characters long; a rule may have 4096.
 too many rules              | $DOC "rules":[] → "rules":[$MANY]   | $Dit holds 10001 rules; Quillvane keeps at most 10000.
 too large                   | $DOC + ,"pad":"$PAD"                | $Dthe file is longer than 4194304 bytes
 not JSON                    | {"version"                          | $Dthe file is not valid JSON

@@ -93,7 +93,7 @@ private Q_SLOTS:
                                    u"FAILED: No browser found with bundle ID: microsoft-edge"_s};
         for (int i = 0; i < 4; ++i) {
             if (i == 1) {
-                m_state->toggleRulesEnabled();
+                m_state->toggle(&Config::rulesEnabled);
                 QTest::ignoreMessage(QtCriticalMsg, "No route found for <private> from <private>");
             }
             route(i == 3 ? u"https://work.example/"_s : u"https://e.com/x"_s,

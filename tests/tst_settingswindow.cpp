@@ -176,7 +176,7 @@ private Q_SLOTS:
         // The tests' build has no update feed: its switch is shown, disabled.
         QVERIFY(box("automaticUpdatesSwitch")->isChecked()
                 && !box("automaticUpdatesSwitch")->isEnabled());
-        m_app->state->toggleAutomaticUpdateChecks();
+        m_app->state->toggle(&Config::automaticUpdateChecks);
         QVERIFY(!box("automaticUpdatesSwitch")->isChecked());
     }
 
@@ -231,7 +231,7 @@ private Q_SLOTS:
         pane.show();
         auto *zoom = child<QCheckBox>(&pane, u"handoffSwitch_zoom"_s);
         clickBox(zoom);
-        QCOMPARE(m_app->state->enabledHandoffs(), QStringList{u"zoom"_s});
+        QCOMPARE(m_app->state->config().handoffs, QStringList{u"zoom"_s});
         m_app->state->setHandoffEnabled(u"zoom"_s, false);
         QVERIFY(!zoom->isChecked());
         const auto app = [&pane] { return child<QLabel>(&pane, u"handoffApp_spotify"_s)->text(); };

@@ -1,12 +1,12 @@
 #include "App/AppDelegate.h"
 
 #include "App/AppState.h"
-#include "App/BuildInfo.h"
+#include "Models/BuildInfo.h"
 #include "App/DesktopActions.h"
 #include "App/DesktopFollower.h"
 #include "App/LinkIntake.h"
 #include "App/LinkSocket.h"
-#include "App/UpdateController.h"
+#include "Views/UpdateController.h"
 #include "Automation/AutomationAdaptor.h"
 #include "Platform/ActiveApplication.h"
 #include "Platform/ApplicationsMonitor.h"
@@ -80,7 +80,7 @@ AppDelegate::AppDelegate(QObject *parent, AppServices::Later later)
     m_appState = std::make_unique<AppState>(*m_config, *m_history, std::move(services));
     // The release notes go where the user's rules send links from Quillvane.
     m_updates = std::make_unique<UpdateController>(
-        [this] { return m_appState->automaticUpdateChecks(); }, *m_history,
+        [this] { return m_appState->config().automaticUpdateChecks; }, *m_history,
         UpdateController::makeBuildChecker(), [this](const QUrl &link) {
             if (m_intake)
                 m_intake->handleURLs({link.toString()}, QCoreApplication::applicationPid(), {});

@@ -1,6 +1,6 @@
 #include "App/AppState.h"
 
-#include "App/BuildInfo.h"
+#include "Models/BuildInfo.h"
 #include "App/RouteTask.h"
 #include "Models/DisplayText.h"
 #include "Models/HostName.h"
@@ -18,7 +18,6 @@
 
 #include <QCollator>
 #include <QCoreApplication>
-#include <QEvent>
 #include <QPromise>
 #include <QTimer>
 
@@ -60,9 +59,11 @@ AppState::AppState(ConfigFile &file, HistoryDatabase &history, AppServices servi
     , m_file(file)
     , m_history(history)
     , m_services(std::move(services))
+    , m_queue(new RouteQueue(m_services.monotonicMs,
+                             [this](const RouteQueue::Route &route) { startRoute(route); }, this))
 {
     m_launchAtLogin = LaunchAtLoginManager::isEnabled(m_services.autostart);
-    connect(&m_file, &ConfigFile::changed, this, &AppState::configChanged);
+    connect(&m_file, &ConfigFile::changed, this, &AppState::followConfig);
     connect(&m_file, &ConfigFile::problemChanged, this, &AppState::reportConfigProblem);
     if (m_file.problem())
         reportConfigProblem();
@@ -95,7 +96,7 @@ AppState::AppState(ConfigFile &file, HistoryDatabase &history, AppServices servi
 
 AppState::~AppState() = default;
 
-void AppState::configChanged(const Config &previous)
+void AppState::followConfig(const Config &previous)
 {
     const Config &now = config();
     if (now.rules != previous.rules)
@@ -104,30 +105,7 @@ void AppState::configChanged(const Config &previous)
         m_reportedMissingFallback.clear();
     if (now.preferRunningBrowser && !previous.preferRunningBrowser)
         watchRunningBrowsersLater();
-    announceDifferences(now, previous);
-}
-
-void AppState::announceDifferences(const Config &a, const Config &b)
-{
-    // Each field's signal, for the fields that differ.
-    const auto differs = [&a, &b](auto Config::*field) { return a.*field != b.*field; };
-    const std::pair<bool, void (AppState::*)()> changes[] = {
-        {differs(&Config::rules), &AppState::rulesChanged},
-        {differs(&Config::rulesEnabled), &AppState::rulesEnabledChanged},
-        {differs(&Config::fallbackBrowser), &AppState::defaultBrowserBundleIDChanged},
-        {differs(&Config::fallbackAsks), &AppState::fallbackAsksChanged},
-        {differs(&Config::urlCleaningEnabled), &AppState::urlCleaningEnabledChanged},
-        {differs(&Config::urlExpansionEnabled), &AppState::urlExpansionEnabledChanged},
-        {differs(&Config::urlUnwrappingEnabled), &AppState::urlUnwrappingEnabledChanged},
-        {differs(&Config::browserPreferences), &AppState::browserPreferencesChanged},
-        {differs(&Config::handoffs), &AppState::handoffsChanged},
-        {differs(&Config::preferRunningBrowser), &AppState::preferRunningBrowserChanged},
-        {differs(&Config::automaticUpdateChecks), &AppState::automaticUpdateChecksChanged},
-    };
-    for (const auto &[changed, signal] : changes) {
-        if (changed)
-            Q_EMIT(this->*signal)();
-    }
+    Q_EMIT configChanged();
 }
 
 void AppState::reportConfigProblem()
@@ -144,8 +122,6 @@ void AppState::reportConfigProblem()
 
 bool AppState::save(const std::function<void(Config &)> &change)
 {
-    Config attempted = config();
-    change(attempted);
     const auto failed = m_file.update(change);
     if (!failed)
         return true;
@@ -155,7 +131,7 @@ bool AppState::save(const std::function<void(Config &)> &change)
     // A refused change is undone where it was made: the controls show what is
     // in force, not what was asked for.
     if (m_file.problem())
-        announceDifferences(config(), attempted);
+        Q_EMIT configChanged();
     return false;
 }
 
@@ -209,11 +185,6 @@ void AppState::setHandoffEnabled(const QString &id, bool enabled)
     save([&](Config &config) { config.handoffs = Handoffs::switched(config.handoffs, id, enabled); });
 }
 
-void AppState::togglePreferRunningBrowser()
-{
-    toggle(&Config::preferRunningBrowser);
-}
-
 void AppState::toggle(bool Config::*flag)
 {
     save([flag](Config &config) { config.*flag = !(config.*flag); });
@@ -228,7 +199,7 @@ void AppState::setProcesses(ProcessApps &processes)
 void AppState::watchRunningBrowsersLater()
 {
     // The first question reads every process; later ones only those started since.
-    if (preferRunningBrowser() && m_runningBrowsers)
+    if (config().preferRunningBrowser && m_runningBrowsers)
         m_services.later(std::chrono::milliseconds(0), this,
                          [this] { routeSettings().runningBrowsers(); });
 }
@@ -258,7 +229,7 @@ QList<BrowserInfo> AppState::shownBrowsers(const QString &chosen) const
 
 BrowserPreference AppState::browserPreference(const QString &bundleID) const
 {
-    return BrowserPreference::of(browserPreferences(), bundleID);
+    return BrowserPreference::of(config().browserPreferences, bundleID);
 }
 
 LaunchOptions AppState::launchOptions(const QString &bundleID) const
@@ -424,11 +395,6 @@ void AppState::setFallbackAsks()
     save([](Config &config) { config.fallbackAsks = true; });
 }
 
-void AppState::toggleRulesEnabled()
-{
-    toggle(&Config::rulesEnabled);
-}
-
 QList<ForwardingRecord> AppState::historyRecords(const QString &filter, qsizetype limit) const
 {
     return HistoryStore::loadHistory(m_history, filter,
@@ -444,26 +410,6 @@ void AppState::clearHistory()
 Expected<QByteArray, ConfigManager::ConfigError> AppState::exportConfig() const
 {
     return ConfigManager::exportToJSON(config());
-}
-
-void AppState::toggleURLCleaning()
-{
-    toggle(&Config::urlCleaningEnabled);
-}
-
-void AppState::toggleURLExpansion()
-{
-    toggle(&Config::urlExpansionEnabled);
-}
-
-void AppState::toggleURLUnwrapping()
-{
-    toggle(&Config::urlUnwrappingEnabled);
-}
-
-void AppState::toggleAutomaticUpdateChecks()
-{
-    toggle(&Config::automaticUpdateChecks);
 }
 
 void AppState::setFlag(bool AppState::*field, bool value, void (AppState::*changed)())
@@ -629,18 +575,7 @@ void AppState::routeURL(const Link &url, const std::optional<SourceApp> &source,
         m_forwardCountDay = day;
         Q_EMIT todayForwardCountChanged();
     }
-    // A click's link, with nothing before it, starts its browser now; the
-    // links of a request of several go one per turn of the event loop.
-    if (ticket.journal && m_waitingRoutes.isEmpty() && !m_routeStartPosted
-        && m_pacer.wait() == 0) {
-        // The next link waits for the next turn, as if this one had waited for it.
-        m_routeStartPosted = true;
-        QCoreApplication::postEvent(this, new QEvent(routeStartEvent()), Qt::LowEventPriority);
-        startRoute({url, source, activationToken, ticket});
-        return;
-    }
-    m_waitingRoutes.append({url, source, activationToken, ticket});
-    startWaitingRouteLater();
+    m_queue->add({url, source, activationToken, ticket});
 }
 
 void AppState::journal(QList<LinkJournal::Entry> &entries)
@@ -659,7 +594,12 @@ void AppState::journal(QList<LinkJournal::Entry> &entries)
 
 bool AppState::routesStartAtOnce(qsizetype count)
 {
-    return m_waitingRoutes.isEmpty() && m_pacer.startsAtOnce() >= count;
+    return m_queue->startsAtOnce(count);
+}
+
+QFuture<void> AppState::launchTurn()
+{
+    return m_queue->launchTurn();
 }
 
 QList<LinkJournal::Entry> AppState::takeOverJournal()
@@ -689,60 +629,8 @@ void AppState::keepJournalFresh()
         m_journalFreshness->start();
 }
 
-QFuture<void> AppState::launchTurn()
+void AppState::startRoute(const RouteQueue::Route &route)
 {
-    const qint64 wait = m_pacer.reserve();
-    if (wait == 0)
-        return QtFuture::makeReadyFuture();
-    auto turn = std::make_shared<QPromise<void>>();
-    turn->start();
-    QTimer::singleShot(wait, this, [turn] { turn->finish(); });
-    return turn->future();
-}
-
-// Routes start one per turn of the event loop, behind everything else that is
-// waiting: a burst of links must not keep the next caller on the bus waiting
-// for its answer until every link before it has reached its browser. Beyond
-// the pacer's burst they start at its pace, in order.
-void AppState::startWaitingRouteLater()
-{
-    if (m_routeStartPosted || m_waitingRoutes.isEmpty())
-        return;
-    m_routeStartPosted = true;
-    QCoreApplication::postEvent(this, new QEvent(routeStartEvent()), Qt::LowEventPriority);
-}
-
-QEvent::Type AppState::routeStartEvent()
-{
-    static const auto type = QEvent::Type(QEvent::registerEventType());
-    return type;
-}
-
-bool AppState::event(QEvent *event)
-{
-    if (event->type() != routeStartEvent())
-        return QObject::event(event);
-    m_routeStartPosted = false;
-    if (!m_waitingRoutes.isEmpty()) {
-        if (const qint64 wait = m_pacer.wait(); wait > 0) {
-            for (WaitingRoute &route : m_waitingRoutes)
-                route.ticket.beforeWaiting();
-            m_routeStartPosted = true;
-            QTimer::singleShot(wait, this, [this] {
-                m_routeStartPosted = false;
-                startWaitingRouteLater();
-            });
-            return true;
-        }
-        startRoute(m_waitingRoutes.takeFirst());
-    }
-    startWaitingRouteLater();
-    return true;
-}
-
-void AppState::startRoute(const WaitingRoute &route)
-{
-    m_pacer.reserve();
     RouteReports reports{
         [this](const QString &text) { setLastRouteLog(text); },
         [this](const QString &link, const QString &why, const QString &browserID) {

@@ -2,6 +2,7 @@
 
 #include "App/AppServices.h"
 #include "App/AskWhereToOpen.h"
+#include "App/RouteQueue.h"
 #include "Models/BrowserInfo.h"
 #include "Models/BrowserPreference.h"
 #include "Models/Config.h"
@@ -11,13 +12,11 @@
 #include "Services/ConfigFile.h"
 #include "Services/ConfigManager.h"
 #include "Services/LaunchLedger.h"
-#include "Services/LaunchPacer.h"
 #include "Services/LaunchOptions.h"
 #include "Services/RoutePlanner.h"
 #include "Storage/LinkJournal.h"
 
 #include <QDeadlineTimer>
-#include <QEvent>
 #include <QFuture>
 #include <QList>
 #include <QObject>
@@ -38,23 +37,6 @@ class RunningBrowsers;
 class AppState final : public QObject
 {
     Q_OBJECT
-    Q_PROPERTY(QList<RoutingRule> rules READ rules NOTIFY rulesChanged)
-    Q_PROPERTY(QList<BrowserInfo> browsers READ browsers NOTIFY browsersChanged)
-    Q_PROPERTY(QString defaultBrowserBundleID READ defaultBrowserBundleID NOTIFY
-                   defaultBrowserBundleIDChanged)
-    Q_PROPERTY(bool fallbackAsks READ fallbackAsks NOTIFY fallbackAsksChanged)
-    Q_PROPERTY(qint64 todayForwardCount READ todayForwardCount NOTIFY todayForwardCountChanged)
-    Q_PROPERTY(bool isSystemDefaultBrowser READ isSystemDefaultBrowser NOTIFY
-                   isSystemDefaultBrowserChanged)
-    Q_PROPERTY(QString lastRouteLog READ lastRouteLog NOTIFY lastRouteLogChanged)
-    Q_PROPERTY(bool launchAtLogin READ launchAtLogin NOTIFY launchAtLoginChanged)
-    Q_PROPERTY(bool urlCleaningEnabled READ urlCleaningEnabled NOTIFY urlCleaningEnabledChanged)
-    Q_PROPERTY(bool urlExpansionEnabled READ urlExpansionEnabled NOTIFY urlExpansionEnabledChanged)
-    Q_PROPERTY(
-        bool urlUnwrappingEnabled READ urlUnwrappingEnabled NOTIFY urlUnwrappingEnabledChanged)
-    Q_PROPERTY(bool rulesEnabled READ rulesEnabled NOTIFY rulesEnabledChanged)
-    Q_PROPERTY(
-        bool automaticUpdateChecks READ automaticUpdateChecks NOTIFY automaticUpdateChecksChanged)
 
 public:
     // Loads everything and chooses a fallback browser when none is stored.
@@ -71,10 +53,6 @@ public:
     // The browsers the lists offer: the installed ones the user did not hide,
     // and chosen, the one a list has selected now (hidden or not).
     QList<BrowserInfo> shownBrowsers(const QString &chosen = {}) const;
-    const QList<BrowserPreference> &browserPreferences() const
-    {
-        return config().browserPreferences;
-    }
     // What the user set for the browser (id ignoring case); defaults when nothing.
     BrowserPreference browserPreference(const QString &bundleID) const;
     // How a browser starts: with the user's extra arguments for it.
@@ -84,27 +62,15 @@ public:
     // The name the browser shows a profile by; none when it has no such profile.
     std::optional<QString> profileName(const QString &bundleID, const QString &profileID) const;
     const QString &defaultBrowserBundleID() const { return config().fallbackBrowser; }
-    // The fallback is "Ask": links no rule claims open where the user chooses
-    // (defaultBrowserBundleID, when set, offered first).
-    bool fallbackAsks() const { return config().fallbackAsks; }
     qint64 todayForwardCount() const { return m_todayForwardCount; }
     // Forwardings recorded in the history today (what the tray menu shows).
     qsizetype todayHistoryCount() const;
     bool isSystemDefaultBrowser() const { return m_isSystemDefaultBrowser; }
     const QString &lastRouteLog() const { return m_lastRouteLog; }
     bool launchAtLogin() const { return m_launchAtLogin; }
-    bool urlCleaningEnabled() const { return config().urlCleaningEnabled; }
-    bool urlExpansionEnabled() const { return config().urlExpansionEnabled; }
-    bool urlUnwrappingEnabled() const { return config().urlUnwrappingEnabled; }
-    bool rulesEnabled() const { return config().rulesEnabled; }
-    bool automaticUpdateChecks() const { return config().automaticUpdateChecks; }
-    // The handoffs switched on, by id: links of their services open in their apps.
-    const QStringList &enabledHandoffs() const { return config().handoffs; }
     // The app the desktop opens the scheme with; none without one, or when it
     // is Quillvane (a link handed to it would come straight back).
     std::optional<SchemeHandler> schemeHandler(const QString &scheme) const;
-    // The fallback browser gives way to a browser that runs, when it does not itself.
-    bool preferRunningBrowser() const { return config().preferRunningBrowser; }
     // What routing a link depends on, as it is now.
     RouteSettings routeSettings() const;
     // The name the browser is shown with; none when it is not installed.
@@ -149,17 +115,13 @@ public:
     void setDefaultBrowser(const QString &bundleID);
     // "Ask" as the fallback; the fallback browser stays, offered first.
     void setFallbackAsks();
-    void toggleRulesEnabled();
-    void toggleURLCleaning();
-    void toggleURLExpansion();
-    void toggleURLUnwrapping();
+    // Switches one of the configuration's switches over.
+    void toggle(bool Config::*flag);
     // Stores what the user set for one browser (the extra arguments checked
     // first); returns why it was refused.
     std::optional<QString> setBrowserPreference(const BrowserPreference &preference);
-    void toggleAutomaticUpdateChecks();
     void toggleLaunchAtLogin();
     void setHandoffEnabled(const QString &id, bool enabled);
-    void togglePreferRunningBrowser();
     // Where to learn which browsers run (the processes of this user); without
     // it, none does.
     void setProcesses(ProcessApps &processes);
@@ -210,27 +172,16 @@ public:
     // Tries again, now and then, to write what the history database did not take.
     void keepWritingHistory();
 
-protected:
-    bool event(QEvent *event) override;
-
 Q_SIGNALS:
-    void rulesChanged();
+    // The configuration changed (on disk or here), or a change of it was
+    // refused: what shows it reads it again.
+    void configChanged();
     void browsersChanged();
-    void defaultBrowserBundleIDChanged();
-    void fallbackAsksChanged();
     void todayForwardCountChanged();
     void isSystemDefaultBrowserChanged();
     void lastRouteLogChanged();
     void launchAtLoginChanged();
-    void urlCleaningEnabledChanged();
-    void urlExpansionEnabledChanged();
-    void urlUnwrappingEnabledChanged();
-    void browserPreferencesChanged();
     void profilesChanged();
-    void rulesEnabledChanged();
-    void automaticUpdateChecksChanged();
-    void handoffsChanged();
-    void preferRunningBrowserChanged();
     void historyCleared();
     // A link's route has ended: opened, failed or without a route.
     void routeFinished();
@@ -238,10 +189,8 @@ Q_SIGNALS:
     void saveFailed(const QString &why);
 
 private:
-    void configChanged(const Config &previous);
-    void announceDifferences(const Config &a, const Config &b);
+    void followConfig(const Config &previous);
     void reportConfigProblem();
-    void toggle(bool Config::*flag);
     // Learns the processes that run now, so that a link's question costs little.
     void watchRunningBrowsersLater();
     void setLastRouteLog(const QString &text);
@@ -252,19 +201,9 @@ private:
     void reportMissingFallback();
     void setFlag(bool AppState::*field, bool value, void (AppState::*changed)());
     void chooseFallbackBrowser();
-    void startWaitingRouteLater();
-    static QEvent::Type routeStartEvent();
     void keepJournalFresh();
 
-    // Links counted and waiting for their route to start, oldest first.
-    struct WaitingRoute
-    {
-        Link url;
-        std::optional<SourceApp> source;
-        QString activationToken;
-        LinkJournal::Ticket ticket;
-    };
-    void startRoute(const WaitingRoute &route);
+    void startRoute(const RouteQueue::Route &route);
 
     ConfigFile &m_file;
     // The rules as the router matches them, made again when they change.
@@ -273,10 +212,8 @@ private:
     AppServices m_services;
     LaunchLedger m_launches{m_services.processes};
     QTimer *m_historyRetry = nullptr;
-    LaunchPacer m_pacer{m_services.monotonicMs};
+    RouteQueue *m_queue;
     QTimer *m_journalFreshness = nullptr;
-    QList<WaitingRoute> m_waitingRoutes;
-    bool m_routeStartPosted = false;
     // The last failure the user was notified of, and until when it is not again.
     QString m_lastNotifiedFailure;
     QString m_reportedMissingFallback;

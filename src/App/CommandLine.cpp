@@ -1,6 +1,6 @@
 #include "App/CommandLine.h"
 
-#include "App/BuildInfo.h"
+#include "Models/BuildInfo.h"
 #include "App/ConfigCommand.h"
 #include "App/DoctorCommand.h"
 #include "App/ExplainCommand.h"
@@ -13,7 +13,6 @@
 #include "Services/URLExpander.h"
 #include "Services/ConfigFile.h"
 #include "Storage/HistoryDatabase.h"
-#include "Storage/HistoryMigration.h"
 
 #include <QCoreApplication>
 #include <QFileInfo>
@@ -66,11 +65,7 @@ int doctor(const CommandArguments &arguments, const CommandOutput &output)
 int history(const CommandArguments &arguments, const CommandOutput &output)
 {
     HistoryDatabase database(HistoryDatabase::defaultPath(), HistoryDatabase::Access::ReadOnly);
-    QList<ForwardingRecord> pending;
-    if (QFileInfo(ConfigFile::defaultLegacyPath()).isFile())
-        pending = HistoryMigration::pendingRecords(
-            QSettings(ConfigFile::defaultLegacyPath(), QSettings::IniFormat));
-    return HistoryCommand::run(arguments, output, {database, pending});
+    return HistoryCommand::run(arguments, output, {database});
 }
 
 ConfigCommand::Environment configEnvironment()

@@ -1,6 +1,6 @@
 #include "App/DoctorCommand.h"
 
-#include "App/BuildInfo.h"
+#include "Models/BuildInfo.h"
 #include "Platform/ActiveApplication.h"
 #include "Platform/CompositorFocus.h"
 #include "Platform/DesktopSettings.h"

@@ -3,10 +3,8 @@
 #include "Models/DisplayText.h"
 #include "Models/ForwardingRecord.h"
 #include "Storage/HistoryDatabase.h"
-#include "Storage/HistoryMigration.h"
 #include "Storage/HistoryStore.h"
 
-#include <QFileInfo>
 #include <QJsonDocument>
 #include <QLocale>
 
@@ -83,23 +81,14 @@ int run(const CommandArguments &arguments, const CommandOutput &output,
         limit = qsizetype(std::min<qlonglong>(number, HistoryStore::MaxRecords));
     }
 
-    QList<ForwardingRecord> records;
-    if (!QFileInfo::exists(environment.database.path())) {
-        // Quillvane has not started since an update that moved the history.
-        records = environment.pending;
-        records.resize(std::min(limit, records.size()));
-    } else {
-        auto read = HistoryStore::readHistory(environment.database, {}, limit);
-        if (!read) {
-            return output.fail(u"the history cannot be read from %1: %2"_s.arg(
-                environment.database.path(), read.error()));
-        }
-        records = std::move(read).value();
-    }
+    const auto records = HistoryStore::readHistory(environment.database, {}, limit);
+    if (!records)
+        return output.fail(u"the history cannot be read from %1: %2"_s.arg(
+            environment.database.path(), records.error()));
     if (arguments.flag(u"--json"_s))
-        printJson(records, output.out);
+        printJson(*records, output.out);
     else
-        printText(records, output.out);
+        printText(*records, output.out);
     output.out.flush();
     return Success;
 }

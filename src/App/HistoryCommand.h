@@ -16,9 +16,6 @@ namespace HistoryCommand {
 struct Environment
 {
     HistoryDatabase &database;
-    // A history that an earlier version left in its settings file and that
-    // Quillvane has not moved yet, newest first.
-    const QList<ForwardingRecord> &pending;
 };
 
 // arguments: --json, --limit N. Failed when the history cannot be read.

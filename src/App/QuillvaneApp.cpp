@@ -1,7 +1,7 @@
 #include "App/QuillvaneApp.h"
 
 #include "App/AppDelegate.h"
-#include "App/BuildInfo.h"
+#include "Models/BuildInfo.h"
 #include "App/DesktopActions.h"
 #include "App/LinkIntake.h"
 #include "Automation/BusNames.h"

@@ -55,7 +55,7 @@ void RouteTask::start(AppState &state, RouteReports reports, const Link &url,
     debugLog(DisplayText::escapeControls(
         u"routeURL() — url=%1, source=%2 (%3), rules=%4, fallback=%5, rulesEnabled=%6"_s.arg(
             url.toString(), name, id, QString::number(state.rules().size()),
-            state.defaultBrowserBundleID(), boolText(state.rulesEnabled()))));
+            state.defaultBrowserBundleID(), boolText(state.config().rulesEnabled))));
 
     const RoutePolicy policy = RoutePolicy::routing(DiagnosticLog::isEnabled());
     RoutePlan plan = RoutePlanner::prepare(url, source, state.routeSettings(), policy);

@@ -153,28 +153,23 @@ T AutomationAdaptor::answer(Expected<T, IntentError> result, const QDBusMessage 
     return {};
 }
 
-QList<BrowserEntity> AutomationAdaptor::ListBrowsers(const QDBusMessage &message)
+QList<BrowserEntity> AutomationAdaptor::ListBrowsers()
 {
-    Q_UNUSED(message);
     return listBrowsers(m_target);
 }
 
-QList<BrowserEntity> AutomationAdaptor::Browsers(const QStringList &ids,
-                                                 const QDBusMessage &message)
+QList<BrowserEntity> AutomationAdaptor::Browsers(const QStringList &ids)
 {
-    Q_UNUSED(message);
     return browsers(m_target, ids);
 }
 
-QList<RuleEntity> AutomationAdaptor::ListRules(const QDBusMessage &message)
+QList<RuleEntity> AutomationAdaptor::ListRules()
 {
-    Q_UNUSED(message);
     return allRules(m_target);
 }
 
-QList<RuleEntity> AutomationAdaptor::Rules(const QStringList &ids, const QDBusMessage &message)
+QList<RuleEntity> AutomationAdaptor::Rules(const QStringList &ids)
 {
-    Q_UNUSED(message);
     return rules(m_target, ids);
 }
 
@@ -302,9 +297,8 @@ QString AutomationAdaptor::SetFallbackToAsk(const QDBusMessage &message)
     return answer(setFallbackToAsk(m_target), message);
 }
 
-QMap<QString, QVariantMap> AutomationAdaptor::RuleOptions(const QDBusMessage &message)
+QMap<QString, QVariantMap> AutomationAdaptor::RuleOptions()
 {
-    Q_UNUSED(message);
     QMap<QString, QVariantMap> map;
     for (const Automation::RuleOptions &rule : ruleOptions(m_target)) {
         QVariantMap values;

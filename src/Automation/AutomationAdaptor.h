@@ -55,10 +55,10 @@ public:
                       Automation::Target &target);
 
 public Q_SLOTS:
-    QList<Automation::BrowserEntity> ListBrowsers(const QDBusMessage &message);
-    QList<Automation::BrowserEntity> Browsers(const QStringList &ids, const QDBusMessage &message);
-    QList<Automation::RuleEntity> ListRules(const QDBusMessage &message);
-    QList<Automation::RuleEntity> Rules(const QStringList &ids, const QDBusMessage &message);
+    QList<Automation::BrowserEntity> ListBrowsers();
+    QList<Automation::BrowserEntity> Browsers(const QStringList &ids);
+    QList<Automation::RuleEntity> ListRules();
+    QList<Automation::RuleEntity> Rules(const QStringList &ids);
     QString CreateRule(const Automation::BrowserEntity &target_browser, const QVariantMap &options,
                        const QDBusMessage &message);
     QString DeleteRule(const Automation::RuleEntity &rule, const QDBusMessage &message);
@@ -70,7 +70,7 @@ public Q_SLOTS:
     QString ToggleFeature(const QString &feature, bool enabled, const QDBusMessage &message);
     QString SetFallbackToAsk(const QDBusMessage &message);
     QList<Automation::FeatureEntity> ListFeatures();
-    QMap<QString, QVariantMap> RuleOptions(const QDBusMessage &message);
+    QMap<QString, QVariantMap> RuleOptions();
     QString ConfigPath();
     QString CheckConfig(const QString &path, const QDBusMessage &message);
     QString ExportConfig();

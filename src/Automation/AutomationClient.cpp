@@ -1,6 +1,6 @@
 #include "Automation/AutomationClient.h"
 
-#include "App/BuildInfo.h"
+#include "Models/BuildInfo.h"
 
 #include <QDBusConnectionInterface>
 #include <QDBusMetaType>

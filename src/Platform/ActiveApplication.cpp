@@ -1,6 +1,6 @@
 #include "Platform/ActiveApplication.h"
 
-#include "App/BuildInfo.h"
+#include "Models/BuildInfo.h"
 #include "Platform/CompositorFocus.h"
 #include "Platform/DiagnosticLog.h"
 #include "Platform/SystemLog.h"

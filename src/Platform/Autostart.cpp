@@ -1,6 +1,6 @@
 #include "Platform/Autostart.h"
 
-#include "App/BuildInfo.h"
+#include "Models/BuildInfo.h"
 
 #include <QDir>
 #include <QFile>

@@ -1,6 +1,6 @@
 #include "Platform/Notifications.h"
 
-#include "App/BuildInfo.h"
+#include "Models/BuildInfo.h"
 #include "Platform/SystemLog.h"
 
 #include <QDBusConnection>

@@ -1,6 +1,6 @@
 #include "Platform/ProcessApps.h"
 
-#include "App/BuildInfo.h"
+#include "Models/BuildInfo.h"
 #include "Platform/DesktopEntries.h"
 
 #include <QCoreApplication>

@@ -1,6 +1,6 @@
 #include "Services/BrowserDiscovery.h"
 
-#include "App/BuildInfo.h"
+#include "Models/BuildInfo.h"
 #include "Platform/SystemLog.h"
 #include "Services/ExecLine.h"
 

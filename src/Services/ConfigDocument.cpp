@@ -271,15 +271,16 @@ std::optional<Failure> checkMembers(const QJsonValue &value, const Path &at, QSt
     return std::nullopt;
 }
 
-std::optional<Failure> readRules(const QJsonValue &value, QList<RoutingRule> &rules)
+std::optional<Failure> readRules(const QJsonValue &value, QList<RoutingRule> &rules,
+                                 const QString &listName = RulesMember)
 {
-    const Path at{Step{RulesMember}};
+    const Path at{Step{listName}};
     if (!value.isArray())
-        return Failure{at, false, u"\"%1\" must be a list of rules."_s.arg(RulesMember)};
+        return Failure{at, false, u"\"%1\" must be a list of rules."_s.arg(listName)};
     const QJsonArray array = value.toArray();
     if (array.size() > ConfigManager::MaxRules)
         return Failure{at, false,
-                       u"%1 rules; Quillvane keeps at most %2."_s.arg(array.size()).arg(
+                       u"it holds %1 rules; Quillvane keeps at most %2."_s.arg(array.size()).arg(
                            ConfigManager::MaxRules)};
     QHash<QUuid, qsizetype> ruleAt;
     for (qsizetype i = 0; i < array.size(); ++i) {
@@ -312,12 +313,12 @@ std::optional<Failure> readRules(const QJsonValue &value, QList<RoutingRule> &ru
 }
 
 std::optional<Failure> readPreferences(const QJsonValue &value,
-                                       QList<BrowserPreference> &preferences)
+                                       QList<BrowserPreference> &preferences,
+                                       const QString &listName = PreferencesMember)
 {
-    const Path at{Step{PreferencesMember}};
+    const Path at{Step{listName}};
     if (!value.isArray())
-        return Failure{at, false,
-                       u"\"%1\" must be a list of browsers' settings."_s.arg(PreferencesMember)};
+        return Failure{at, false, u"\"%1\" must be a list of browsers' settings."_s.arg(listName)};
     const QJsonArray array = value.toArray();
     for (qsizetype i = 0; i < array.size(); ++i) {
         Path here = at;
@@ -392,6 +393,23 @@ std::optional<Failure> readInto(const QJsonObject &root, Config &config)
 }
 
 } // namespace
+
+Expected<QList<RoutingRule>, QString> rulesFrom(const QJsonValue &value, const QString &member)
+{
+    QList<RoutingRule> rules;
+    if (const auto failure = readRules(value, rules, member))
+        return failure->what;
+    return rules;
+}
+
+Expected<QList<BrowserPreference>, QString> preferencesFrom(const QJsonValue &value,
+                                                           const QString &member)
+{
+    QList<BrowserPreference> preferences;
+    if (const auto failure = readPreferences(value, preferences, member))
+        return failure->what;
+    return preferences;
+}
 
 QString Problem::text() const
 {

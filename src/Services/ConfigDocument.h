@@ -4,6 +4,7 @@
 #include "Models/Expected.h"
 
 #include <QByteArray>
+#include <QJsonValue>
 #include <QString>
 
 class QSettings;
@@ -36,6 +37,13 @@ QString installedSchema();
 QByteArray encode(const Config &config);
 // file names the document in the problem; the document's "$schema" is kept.
 Expected<Config, Problem> decode(QByteArrayView bytes, const QString &file);
+
+// A list of rules, or of browsers' settings, in the JSON form the file and the
+// export document share (member: the list's name in messages); the first
+// thing wrong with it when it cannot be taken.
+Expected<QList<RoutingRule>, QString> rulesFrom(const QJsonValue &value, const QString &member);
+Expected<QList<BrowserPreference>, QString> preferencesFrom(const QJsonValue &value,
+                                                           const QString &member);
 
 // What the INI settings file of earlier versions held; what could not be read
 // there is described in lost (the file itself is kept).

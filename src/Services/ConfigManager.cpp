@@ -1,8 +1,7 @@
 #include "Services/ConfigManager.h"
 
 #include "Platform/SystemLog.h"
-#include "Services/ExecLine.h"
-#include "Services/ProfileDiscovery.h"
+#include "Services/ConfigDocument.h"
 #include "Services/Handoffs.h"
 
 #include <QFile>
@@ -255,33 +254,6 @@ Expected<QByteArray, ConfigError> exportToJSON(const Config &config, const QDate
     return bytes;
 }
 
-namespace {
-
-// Why the rule cannot be imported; none when it can.
-std::optional<QString> unacceptableRule(const RoutingRule &rule, qsizetype index)
-{
-    const std::pair<QStringView, QString> texts[] = {
-        {u"sourceAppBundleID", rule.sourceAppBundleID},
-        {u"sourceAppName", rule.sourceAppName},
-        {u"targetBrowserBundleID", rule.targetBrowserBundleID},
-        {u"targetBrowserName", rule.targetBrowserName},
-        {u"urlPattern", rule.urlPattern.value_or(QString())},
-        {u"targetProfileID", rule.targetProfileID.value_or(QString())}};
-    for (const auto &[member, text] : texts) {
-        if (text.size() > RoutingRule::MaxTextLength)
-            return u"rule %1: its \"%2\" is %3 characters long, more than the %4 a rule may have."_s
-                .arg(QString::number(index + 1), member, QString::number(text.size()),
-                     QString::number(RoutingRule::MaxTextLength));
-    }
-    if (rule.targetProfileID) {
-        if (const auto why = ProfileDiscovery::unusableProfileID(*rule.targetProfileID))
-            return u"rule %1: %2"_s.arg(QString::number(index + 1), *why);
-    }
-    return std::nullopt;
-}
-
-} // namespace
-
 Expected<ExportData, ConfigError> importFromFile(const QString &path)
 {
     QFile file(path);
@@ -333,30 +305,11 @@ Expected<ExportData, ConfigError> importFromJSON(QByteArrayView bytes)
     if (!cleaning.isBool())
         return decodingFailed(
             u"the member \"urlCleaningEnabled\" is missing or not true or false."_s);
-    const QJsonValue rulesValue = object.value(u"rules"_s);
-    if (!rulesValue.isArray())
-        return decodingFailed(u"the member \"rules\" is missing or not an array."_s);
-
     ExportData data;
-    const QJsonArray rules = rulesValue.toArray();
-    if (rules.size() > MaxRules)
-        return decodingFailed(
-            u"it holds %1 rules; Quillvane keeps at most %2."_s.arg(QString::number(rules.size()),
-                                                                   QString::number(MaxRules)));
-    QHash<QUuid, qsizetype> ruleAt;
-    for (qsizetype i = 0; i < rules.size(); ++i) {
-        auto rule = RoutingRule::fromJson(rules.at(i), i);
-        if (!rule)
-            return decodingFailed(rule.error().description);
-        if (const auto why = unacceptableRule(*rule, i))
-            return decodingFailed(*why);
-        if (const qsizetype first = ruleAt.value(rule->id, -1); first >= 0)
-            return decodingFailed(u"rules %1 and %2 have the same id (%3)."_s.arg(
-                QString::number(first + 1), QString::number(i + 1),
-                rule->id.toString(QUuid::WithoutBraces).toUpper()));
-        ruleAt.insert(rule->id, i);
-        data.rules.append(*rule);
-    }
+    auto rules = ConfigDocument::rulesFrom(object.value(u"rules"_s), u"rules"_s);
+    if (!rules)
+        return decodingFailed(rules.error());
+    data.rules = std::move(rules).value();
     const QJsonValue asks = object.value(u"fallbackAsks"_s);
     if (!asks.isUndefined() && !asks.isNull() && !asks.isBool())
         return decodingFailed(u"the member \"fallbackAsks\" is not true or false."_s);
@@ -372,21 +325,10 @@ Expected<ExportData, ConfigError> importFromJSON(QByteArrayView bytes)
     }
     const QJsonValue preferences = object.value(u"browserPreferences"_s);
     if (!preferences.isUndefined() && !preferences.isNull()) {
-        if (!preferences.isArray())
-            return decodingFailed(u"the member \"browserPreferences\" is not an array."_s);
-        QList<BrowserPreference> list;
-        const QJsonArray array = preferences.toArray();
-        for (qsizetype i = 0; i < array.size(); ++i) {
-            auto preference = BrowserPreference::fromJson(array.at(i), i);
-            if (!preference)
-                return decodingFailed(preference.error().description);
-            if (const auto arguments = ExecLine::splitExtraArguments(preference->extraArguments);
-                !arguments)
-                return decodingFailed(u"the extra arguments for %1: %2"_s.arg(
-                    preference->browserBundleID.left(200), arguments.error().description));
-            list.append(*preference);
-        }
-        data.browserPreferences = list;
+        auto list = ConfigDocument::preferencesFrom(preferences, u"browserPreferences"_s);
+        if (!list)
+            return decodingFailed(list.error());
+        data.browserPreferences = std::move(list).value();
     }
     data.version = qint64(version.toDouble());
     data.exportDate = *date;

@@ -1,6 +1,6 @@
 #include "Services/Handoffs.h"
 
-#include "App/BuildInfo.h"
+#include "Models/BuildInfo.h"
 #include "Platform/DesktopEntries.h"
 #include "Services/BrowserDiscovery.h"
 

@@ -1,6 +1,6 @@
 #include "Services/RunningApps.h"
 
-#include "App/BuildInfo.h"
+#include "Models/BuildInfo.h"
 #include "Platform/DesktopEntries.h"
 #include "Platform/ProcessApps.h"
 

@@ -29,16 +29,6 @@ std::optional<Pending> take(const QSettings &settings)
                    settings.value(u"today_date"_s).toString()};
 }
 
-QList<ForwardingRecord> pendingRecords(const QSettings &settings)
-{
-    const auto pending = take(settings);
-    if (!pending)
-        return {};
-    QList<DecodeError> skipped;
-    auto records = ForwardingRecord::listFromJson(pending->history, &skipped);
-    return records ? std::move(records).value() : QList<ForwardingRecord>();
-}
-
 bool run(const Pending &pending, HistoryDatabase &database)
 {
     const QByteArray &history = pending.history;

@@ -29,8 +29,4 @@ std::optional<Pending> take(const QSettings &settings);
 // part of it could not be read): it stays in the old settings file, kept.
 bool run(const Pending &pending, HistoryDatabase &database);
 
-// The history still waiting in the settings file, newest first (empty when
-// there is none or it cannot be read).
-QList<ForwardingRecord> pendingRecords(const QSettings &settings);
-
 } // namespace HistoryMigration

@@ -53,7 +53,7 @@ AppsPane::AppsPane(AppState &state, DesktopEntries &entries, QWidget *parent)
 
     ViewKit::setScrolledContent(this, content);
 
-    connect(&m_state, &AppState::handoffsChanged, this, &AppsPane::showSwitches);
+    connect(&m_state, &AppState::configChanged, this, &AppsPane::showSwitches);
     connect(&m_state, &AppState::browsersChanged, this, &AppsPane::showApps);
     showApps();
     showSwitches();
@@ -80,5 +80,5 @@ void AppsPane::showApps()
 void AppsPane::showSwitches()
 {
     for (const Row &row : std::as_const(m_rows))
-        row.toggle->setChecked(m_state.enabledHandoffs().contains(row.id));
+        row.toggle->setChecked(m_state.config().handoffs.contains(row.id));
 }

@@ -79,7 +79,7 @@ BrowsersPane::BrowsersPane(AppState &state, DesktopEntries &entries, QWidget *pa
     connect(m_shown, &QCheckBox::clicked, this, &BrowsersPane::saveShown);
     connect(m_arguments, &QLineEdit::editingFinished, this, &BrowsersPane::saveArguments);
     connect(&m_state, &AppState::browsersChanged, this, &BrowsersPane::fillList);
-    connect(&m_state, &AppState::browserPreferencesChanged, this, &BrowsersPane::fillList);
+    connect(&m_state, &AppState::configChanged, this, &BrowsersPane::fillList);
     fillList();
 }
 

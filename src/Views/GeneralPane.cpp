@@ -1,7 +1,7 @@
 #include "Views/GeneralPane.h"
 
 #include "App/AppState.h"
-#include "App/BuildInfo.h"
+#include "Models/BuildInfo.h"
 #include "Views/BrowserIcons.h"
 #include "Views/ConfigPane.h"
 #include "Views/ViewKit.h"
@@ -68,49 +68,44 @@ GeneralPane::GeneralPane(AppState &state, DesktopEntries &entries,
         else
             m_state.setDefaultBrowser(chosen.toString());
     });
-    connect(&m_state, &AppState::fallbackAsksChanged, this, &GeneralPane::fillFallbackPicker);
+    connect(&m_state, &AppState::configChanged, this, &GeneralPane::fillFallbackPicker);
     connect(&m_state, &AppState::browsersChanged, this, &GeneralPane::fillFallbackPicker);
-    connect(&m_state, &AppState::defaultBrowserBundleIDChanged, this,
-            &GeneralPane::fillFallbackPicker);
     addSwitch(fallback, u"preferRunningSwitch"_s, u"Prefer a browser that is already running"_s,
-              &AppState::preferRunningBrowser, &AppState::togglePreferRunningBrowser,
-              &AppState::preferRunningBrowserChanged);
+              &Config::preferRunningBrowser);
     fallback->addWidget(ViewKit::caption(
         u"When the fallback browser is not running and another browser is, links that no rule matches open in the one started last."_s));
 
     // Rule engine.
     QVBoxLayout *rules = ViewKit::addSection(page, u"media-playback-pause"_s, u"Pause Rules"_s);
-    addSwitch(rules, u"rulesEnabledSwitch"_s, u"Enable rule engine"_s, &AppState::rulesEnabled,
-              &AppState::toggleRulesEnabled, &AppState::rulesEnabledChanged);
+    addSwitch(rules, u"rulesEnabledSwitch"_s, u"Enable rule engine"_s, &Config::rulesEnabled);
     rules->addWidget(ViewKit::caption(
         u"When paused, all links open in the fallback browser. Toggle from the tray icon's menu for quick access."_s));
 
     // URL processing.
     QVBoxLayout *processing = ViewKit::addSection(page, u"tools-wizard"_s, u"URL Processing"_s);
     addSwitch(processing, u"urlCleaningSwitch"_s, u"Remove tracking parameters"_s,
-              &AppState::urlCleaningEnabled, &AppState::toggleURLCleaning,
-              &AppState::urlCleaningEnabledChanged);
+              &Config::urlCleaningEnabled);
     QLabel *cleaningCaption =
         ViewKit::caption(u"Strips utm_*, fbclid, gclid, and other tracking parameters."_s);
     cleaningCaption->setContentsMargins(0, 0, 0, 4);
     processing->addWidget(cleaningCaption);
     addSwitch(processing, u"urlExpansionSwitch"_s, u"Expand short URLs before routing"_s,
-              &AppState::urlExpansionEnabled, &AppState::toggleURLExpansion,
-              &AppState::urlExpansionEnabledChanged);
+              &Config::urlExpansionEnabled);
     QLabel *expansionCaption = ViewKit::caption(
         u"Resolves bit.ly, t.co, etc. to their destination before matching rules."_s);
     expansionCaption->setContentsMargins(0, 0, 0, 4);
     processing->addWidget(expansionCaption);
     addSwitch(processing, u"urlUnwrappingSwitch"_s, u"Unwrap redirect links"_s,
-              &AppState::urlUnwrappingEnabled, &AppState::toggleURLUnwrapping,
-              &AppState::urlUnwrappingEnabledChanged);
+              &Config::urlUnwrappingEnabled);
     processing->addWidget(ViewKit::caption(
         u"Takes the real link out of mail and chat redirectors (Outlook safe links, Google /url, Facebook, Slack…) before matching rules, without asking the network."_s));
 
     // Startup.
     QVBoxLayout *startup = ViewKit::addSection(page, u"system-shutdown"_s, u"Startup"_s);
-    addSwitch(startup, u"launchAtLoginSwitch"_s, u"Launch at Login"_s, &AppState::launchAtLogin,
-              &AppState::toggleLaunchAtLogin, &AppState::launchAtLoginChanged);
+    addSwitch(
+        startup, u"launchAtLoginSwitch"_s, u"Launch at Login"_s,
+        [this] { return m_state.launchAtLogin(); }, [this] { m_state.toggleLaunchAtLogin(); },
+        &AppState::launchAtLoginChanged);
     startup->addWidget(ViewKit::caption(u"Automatically start Quillvane when you log in."_s));
 
     // Configuration.
@@ -126,8 +121,7 @@ GeneralPane::GeneralPane(AppState &state, DesktopEntries &entries,
     updates->addWidget(check, 0, Qt::AlignLeft);
     QCheckBox *automatic =
         addSwitch(updates, u"automaticUpdatesSwitch"_s, u"Automatically check for updates"_s,
-                  &AppState::automaticUpdateChecks, &AppState::toggleAutomaticUpdateChecks,
-                  &AppState::automaticUpdateChecksChanged);
+                  &Config::automaticUpdateChecks);
     // Kept, so that a build with a feed reads the same setting, but greyed where
     // nothing would be checked.
     // What this build does: a build without a feed leaves updates to the
@@ -173,17 +167,26 @@ GeneralPane::GeneralPane(AppState &state, DesktopEntries &entries,
 }
 
 QCheckBox *GeneralPane::addSwitch(QVBoxLayout *section, const QString &objectName,
-                                  const QString &text, bool (AppState::*read)() const,
-                                  void (AppState::*toggle)(), void (AppState::*changed)())
+                                  const QString &text, const std::function<bool()> &read,
+                                  const std::function<void()> &toggle,
+                                  void (AppState::*changed)())
 {
     auto *box = new QCheckBox(text);
     box->setObjectName(objectName);
-    box->setChecked((m_state.*read)());
+    box->setChecked(read());
     // The user's click flips the state; the state's change sets the box.
-    connect(box, &QCheckBox::clicked, &m_state, [this, toggle] { (m_state.*toggle)(); });
-    connect(&m_state, changed, box, [this, box, read] { box->setChecked((m_state.*read)()); });
+    connect(box, &QCheckBox::clicked, &m_state, toggle);
+    connect(&m_state, changed, box, [box, read] { box->setChecked(read()); });
     section->addWidget(box);
     return box;
+}
+
+QCheckBox *GeneralPane::addSwitch(QVBoxLayout *section, const QString &objectName,
+                                  const QString &text, bool Config::*flag)
+{
+    return addSwitch(
+        section, objectName, text, [this, flag] { return m_state.config().*flag; },
+        [this, flag] { m_state.toggle(flag); }, &AppState::configChanged);
 }
 
 void GeneralPane::showEvent(QShowEvent *event)
@@ -214,7 +217,7 @@ void GeneralPane::fillFallbackPicker()
     m_fallback->addItem(QIcon::fromTheme(u"dialog-question"_s), RoutingRule::AskName.toString(),
                         QVariant(true));
     // A fallback that is not installed matches no entry.
-    m_fallback->setCurrentIndex(m_state.fallbackAsks()
+    m_fallback->setCurrentIndex(m_state.config().fallbackAsks
                                     ? m_fallback->count() - 1
                                     : m_fallback->findData(m_state.defaultBrowserBundleID()));
 }

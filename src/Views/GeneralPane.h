@@ -5,6 +5,7 @@
 #include <functional>
 
 class AppState;
+struct Config;
 class ConfigPane;
 class DesktopEntries;
 class QCheckBox;
@@ -33,8 +34,11 @@ private:
     void showDefaultStatus();
     void fillFallbackPicker();
     QCheckBox *addSwitch(class QVBoxLayout *section, const QString &objectName, const QString &text,
-                         bool (AppState::*read)() const, void (AppState::*toggle)(),
+                         const std::function<bool()> &read, const std::function<void()> &toggle,
                          void (AppState::*changed)());
+    // A switch of the configuration.
+    QCheckBox *addSwitch(class QVBoxLayout *section, const QString &objectName, const QString &text,
+                         bool Config::*flag);
 
     AppState &m_state;
     DesktopEntries &m_entries;

@@ -45,11 +45,8 @@ LinkTester::LinkTester(AppState &state, QWidget *parent)
 
     connect(m_field, &QLineEdit::textChanged, this, &LinkTester::update);
     // The answer follows the rules and switches while a link stands in the field.
-    for (const auto signal :
-         {&AppState::rulesChanged, &AppState::browsersChanged,
-          &AppState::defaultBrowserBundleIDChanged, &AppState::rulesEnabledChanged,
-          &AppState::urlCleaningEnabledChanged, &AppState::urlExpansionEnabledChanged})
-        connect(&m_state, signal, this, &LinkTester::update);
+    connect(&m_state, &AppState::configChanged, this, &LinkTester::update);
+    connect(&m_state, &AppState::browsersChanged, this, &LinkTester::update);
 }
 
 void LinkTester::update()

@@ -297,7 +297,7 @@ RuleListView::RuleListView(AppState &state, RuleEditServices services, Kind kind
     layout->addWidget(ViewKit::divider());
     layout->addLayout(bottomBar);
 
-    connect(&m_state, &AppState::rulesChanged, this, &RuleListView::refresh);
+    connect(&m_state, &AppState::configChanged, this, &RuleListView::refresh);
     connect(&m_state, &AppState::browsersChanged, m_list->viewport(),
             qOverload<>(&QWidget::update));
     connect(&m_state, &AppState::profilesChanged, m_list->viewport(),

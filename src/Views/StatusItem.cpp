@@ -1,7 +1,7 @@
 #include "Views/StatusItem.h"
 
 #include "App/AppState.h"
-#include "App/BuildInfo.h"
+#include "Models/BuildInfo.h"
 #include "Models/DisplayText.h"
 #include "Views/BrowserIcons.h"
 #include "Views/ViewKit.h"
@@ -46,7 +46,7 @@ StatusItem::StatusItem(AppState &state, DesktopEntries &entries, Commands comman
         rebuild(*m_menu);
     });
     // Paused from the menu, the settings window, a script or the command line alike.
-    connect(&m_state, &AppState::rulesEnabledChanged, this, &StatusItem::updateIcon);
+    connect(&m_state, &AppState::configChanged, this, &StatusItem::updateIcon);
 }
 
 StatusItem::~StatusItem() = default;
@@ -82,14 +82,14 @@ bool StatusItem::setUp()
 
 void StatusItem::updateIcon()
 {
-    m_iconState = m_state.rulesEnabled() ? u"active"_s : u"paused"_s;
+    m_iconState = m_state.config().rulesEnabled ? u"active"_s : u"paused"_s;
     if (m_tray)
-        m_tray->setIcon(m_state.rulesEnabled() ? activeIcon() : pausedIcon());
+        m_tray->setIcon(m_state.config().rulesEnabled ? activeIcon() : pausedIcon());
 }
 
 void StatusItem::togglePauseRules()
 {
-    later(this, [this] { m_state.toggleRulesEnabled(); });
+    later(this, [this] { m_state.toggle(&Config::rulesEnabled); });
 }
 
 void StatusItem::rebuild(QMenu &menu)
@@ -106,11 +106,11 @@ void StatusItem::rebuild(QMenu &menu)
         addInformation(menu, u"Last: "_s + m_state.lastRouteLog());
     menu.addSeparator();
 
-    menu.addAction(m_state.rulesEnabled() ? u"\u23F8 Pause Rules"_s : u"\u25B6 Resume Rules"_s,
+    menu.addAction(m_state.config().rulesEnabled ? u"\u23F8 Pause Rules"_s : u"\u25B6 Resume Rules"_s,
                    this, &StatusItem::togglePauseRules)
         ->setObjectName(u"pauseRulesAction"_s);
 
-    const bool asks = m_state.fallbackAsks();
+    const bool asks = m_state.config().fallbackAsks;
     const QString fallbackName =
         asks ? RoutingRule::AskName.toString()
              : m_state.installedBrowserName(m_state.defaultBrowserBundleID()).value_or(u"None"_s);

@@ -1,6 +1,6 @@
-#include "App/UpdateController.h"
+#include "Views/UpdateController.h"
 
-#include "App/BuildInfo.h"
+#include "Models/BuildInfo.h"
 #include "Services/UpdateChecker.h"
 #include "Storage/HistoryDatabase.h"
 #include "Views/MessageBox.h"
