@@ -24,7 +24,7 @@ QList<RoutingRule> makeRules(int count, const QString &browserID, const QString 
                          browserName,         std::nullopt, std::nullopt};
         switch (i % 5) {
         case 0:
-            rule.sourceAppBundleID = u"org.example.App%1"_s.arg(i);
+            rule.sourceAppId = u"org.example.App%1"_s.arg(i);
             rule.sourceAppName = u"App %1"_s.arg(i);
             break;
         case 1:
@@ -64,9 +64,9 @@ ForwardingRecord makeRecord(int i)
     record.originalURL =
         u"https://www.example.com/articles/%1/some-long-title-of-an-article?utm_source=news&ref=%1"_s
             .arg(i);
-    record.sourceAppBundleID = u"org.gnome.Evolution"_s;
+    record.sourceAppId = u"org.gnome.Evolution"_s;
     record.sourceAppName = u"Evolution"_s;
-    record.targetBrowserBundleID = u"firefox-esr"_s;
+    record.targetBrowserId = u"firefox-esr"_s;
     record.targetBrowserName = u"Firefox ESR"_s;
     record.ruleMatched = u"Evolution → Firefox ESR"_s;
     return record;

@@ -21,7 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (const auto config = ConfigManager::importFromJSON(input)) {
         const auto again = ConfigManager::importFromJSON(ConfigManager::encode(*config));
         FUZZ_CHECK(again && again->rules == config->rules);
-        FUZZ_CHECK(again->defaultBrowserBundleID == config->defaultBrowserBundleID);
+        FUZZ_CHECK(again->fallbackBrowserId == config->fallbackBrowserId);
     }
     return 0;
 }

@@ -22,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     // No profile a browser would read as an option or a path ever comes out.
     for (const BrowserProfile &profile : ProfileDiscovery::parseFirefoxProfilesIni(
              FuzzSupport::text(data, size), QStringLiteral("firefox")))
-        FUZZ_CHECK(profile.browserBundleID == QStringLiteral("firefox")
+        FUZZ_CHECK(profile.browserId == QStringLiteral("firefox")
                    && !ProfileDiscovery::unusableProfileID(profile.id));
     return 0;
 }

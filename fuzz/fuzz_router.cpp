@@ -27,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                          QString(),      parts.size() > 1 ? std::optional(parts[1]) : std::nullopt,
                          std::nullopt};
         rules.append(rule);
-        targets.append(rule.targetBrowserBundleID);
+        targets.append(rule.targetBrowserId);
         if (rule.urlPattern) {
             (void)URLRouter::matchesPattern(*url, *rule.urlPattern);
             if (const auto canonical = HostName::canonicalPattern(*rule.urlPattern))
@@ -49,8 +49,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const auto second = URLRouter::route(*url, source, rules, QStringLiteral("fallback"));
     FUZZ_CHECK(first.has_value() == second.has_value());
     if (first) {
-        FUZZ_CHECK(first->browserBundleID == second->browserBundleID);
-        FUZZ_CHECK(targets.contains(first->browserBundleID));
+        FUZZ_CHECK(first->browserId == second->browserId);
+        FUZZ_CHECK(targets.contains(first->browserId));
     }
     return 0;
 }

@@ -47,7 +47,7 @@ private Q_SLOTS:
         if (!httpsHandler.isEmpty())
             m_app->entries.httpsHandler = httpsHandler;
         AppState *state = &makeState();
-        QCOMPARE(state->defaultBrowserBundleID(), fallback);
+        QCOMPARE(state->fallbackBrowserId(), fallback);
         QCOMPARE(m_app->stored().fallbackBrowser, fallback);
         // Without one, a script's link that no rule claims opens nowhere, and says so.
         if (fallback.isEmpty()) {
@@ -65,7 +65,7 @@ private Q_SLOTS:
         const QString path = m_app->environment.configPath();
         writeFile(path, "{\n    \"rules_enabled\": tru\n}\n");
         AppState *state = &makeState();
-        QVERIFY(state->rules().isEmpty() && state->defaultBrowserBundleID().isEmpty());
+        QVERIFY(state->rules().isEmpty() && state->fallbackBrowserId().isEmpty());
         QCOMPARE(m_app->notifications.value(0).value(0),
                  u"Quillvane cannot read its configuration"_s);
         QVERIFY2(m_app->notifications[0][1].contains(path + u":2:"_s),
@@ -97,17 +97,17 @@ private Q_SLOTS:
         AppState *state = &makeState();
         state->addRule(makeRule(u"a"_s, std::nullopt, u"x"_s));
         state->toggle(&Config::urlExpansionEnabled);
-        const QString fallback = state->defaultBrowserBundleID();
+        const QString fallback = state->fallbackBrowserId();
         ConfigManager::ExportData config;
         config.rules = {makeRule(QString(), u"b.org"_s, u"y"_s)};
         config.urlCleaningEnabled = false;
         state->applyImportedConfig(config);
         QCOMPARE(state->rules(), config.rules);
-        QCOMPARE(state->defaultBrowserBundleID(), fallback);
+        QCOMPARE(state->fallbackBrowserId(), fallback);
         QVERIFY(!state->config().urlCleaningEnabled && state->config().urlExpansionEnabled);
         QCOMPARE(m_app->stored().rules, config.rules);
         config.rules.clear();
-        config.defaultBrowserBundleID = u"chromium"_s;
+        config.fallbackBrowserId = u"chromium"_s;
         // Switches of handoffs this Quillvane does not know are left out.
         config.handoffs = QStringList{u"teleporter"_s, u"zoom"_s};
         state->applyImportedConfig(config);

@@ -330,7 +330,7 @@ rule add --pattern x.example                           | 2 |
     const QList<RoutingRule> rules = stored().rules;
     QCOMPARE(rules.size(), 3);
     QCOMPARE(rules[1].urlPattern, u"HTTPS://Git.Example/"_s);
-    QVERIFY(rules[2].sourceAppBundleID == u"org.example.Mail" && rules[2].urlPattern == u"");
+    QVERIFY(rules[2].sourceAppId == u"org.example.Mail" && rules[2].urlPattern == u"");
     // Over the bus, options are checked by name and type.
     const auto create = [&](const QVariantMap &options) {
         return call(u"CreateRule"_s, {browser(u"alpha-browser"_s, u"Alpha"_s), options});
@@ -417,7 +417,7 @@ rule add --ask --browser alpha-browser --pattern x.example       | 2 |
     QVERIFY(stored().fallbackAsks);
     QCOMPARE(stored().fallbackBrowser, u"alpha-browser"_s);
     const RoutingRule asking = stored().rules.last();
-    QVERIFY(asking.askWhereToOpen && asking.targetBrowserBundleID.isEmpty());
+    QVERIFY(asking.askWhereToOpen && asking.targetBrowserId.isEmpty());
     QCOMPARE(qv(u"rule delete %1 --yes"_s.arg(JsonFields::uuidText(asking.id))).exitCode, 0);
     qv(u"fallback alpha-browser"_s);
     QVERIFY(!stored().fallbackAsks);

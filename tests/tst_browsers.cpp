@@ -264,7 +264,7 @@ private:
     {
         for (const BrowserInfo &info :
              BrowserDiscovery::discoverBrowsers(GioDesktopEntries::instance())) {
-            if (info.bundleID == id)
+            if (info.desktopId == id)
                 return info;
         }
         qFatal("no browser %s", qPrintable(id));

@@ -90,7 +90,7 @@ private Q_SLOTS:
                 QRegularExpression(u"^(Failed to decode config JSON|Config version)"_s));
         const auto imported = ConfigManager::importFromJSON(json);
         QCOMPARE(imported ? QString() : imported.error().description().left(error.size()), error);
-        QVERIFY(!imported || (!imported->defaultBrowserBundleID && imported->rules.isEmpty()));
+        QVERIFY(!imported || (!imported->fallbackBrowserId && imported->rules.isEmpty()));
     }
 
     void launchAtLogin()
@@ -145,7 +145,7 @@ void TestConfig::exportedDocument()
     config.fallbackBrowser = u"firefox"_s;
     config.urlCleaningEnabled = false;
     const ConfigManager::ExportData data = ConfigManager::exportConfig(config, ExportTime);
-    QVERIFY(data.defaultBrowserBundleID == u"firefox" && !data.urlCleaningEnabled);
+    QVERIFY(data.fallbackBrowserId == u"firefox" && !data.urlCleaningEnabled);
     QVERIFY(
         ConfigManager::encode(data).startsWith("{\n  \"defaultBrowserBundleID\" : \"firefox\",\n"));
 }

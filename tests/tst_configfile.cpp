@@ -15,7 +15,9 @@
 #include <QSignalSpy>
 #include <QTest>
 
+#include <csignal>
 #include <cstdio>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 using namespace Qt::Literals::StringLiterals;
@@ -227,6 +229,26 @@ private Q_SLOTS:
         QCOMPARE(QDir(QFileInfo(target).path()).entryList(QDir::Files | QDir::Hidden),
                  QStringList{u"config.json"_s});
 
+        // A disk that fills up (a file size limit here) in the middle of a
+        // write: the file stays whole, and the change waits in memory.
+        const QByteArray before = readFile(target);
+        rlimit saved{};
+        QCOMPARE(::getrlimit(RLIMIT_FSIZE, &saved), 0);
+        const auto previousHandler = std::signal(SIGXFSZ, SIG_IGN);
+        rlimit limited = saved;
+        limited.rlim_cur = before.size() + 100;
+        QCOMPARE(::setrlimit(RLIMIT_FSIZE, &limited), 0);
+        const auto failed = m_app->config->update([](Config &config) {
+            config.rules.append(makeRule(QString(), u"full.example"_s, u"firefox"_s));
+        });
+        ::setrlimit(RLIMIT_FSIZE, &saved);
+        std::signal(SIGXFSZ, previousHandler);
+        QVERIFY(failed && failed->startsWith(u"Could not write "_s));
+        QCOMPARE(readFile(target), before);
+        QCOMPARE(m_app->state->rules().size(), 2);
+        m_app->state->toggle(&Config::urlCleaningEnabled);
+        QCOMPARE(readConfig(target).rules.size(), 2);
+
         for (const QString &kind : {u"FIFO"_s, u"folder"_s}) {
             const QString odd = m_app->environment.path() + u"/odd-"_s + kind;
             if (kind == u"FIFO")
@@ -356,7 +378,7 @@ private:
         const RoutePolicy policy = RoutePolicy::automation();
         RoutePlan plan = RoutePlanner::prepare(link(url), std::nullopt, settings, policy);
         RoutePlanner::decide(plan, settings, policy);
-        return plan.result ? plan.result->browserBundleID : QString();
+        return plan.result ? plan.result->browserId : QString();
     }
 
     std::unique_ptr<AppFixture> m_app;

@@ -184,7 +184,7 @@ private Q_SLOTS:
                  QStringList{u"https://chat-link.example.net/room"_s});
         QVERIFY(!m_desktop->ran(u"fallback-browser"_s));
         QTRY_COMPARE(latestRecord().originalURL, link);
-        QCOMPARE(latestRecord().sourceAppBundleID, u"com.example.SandboxedChat"_s);
+        QCOMPARE(latestRecord().sourceAppId, u"com.example.SandboxedChat"_s);
         QVERIFY2(g_installed.quillvane({u"history"_s})
                      .out.section(u'\n', 0, 0)
                      .contains(u"Sandboxed Chat › Chat Browser"_s),

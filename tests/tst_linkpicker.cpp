@@ -168,10 +168,10 @@ private Q_SLOTS:
         press(Qt::Key_3, Qt::ShiftModifier);
         QCOMPARE(m_app->state->rules().size(), 1);
         const RoutingRule rule = m_app->state->rules().first();
-        QCOMPARE(rule.sourceAppBundleID, byApp ? evolution.bundleID : QString());
+        QCOMPARE(rule.sourceAppId, byApp ? evolution.desktopId : QString());
         QCOMPARE(rule.sourceAppName, byApp ? evolution.name : QString());
         QCOMPARE(rule.urlPattern, byHost ? std::optional(u"bücher.de"_s) : std::nullopt);
-        QCOMPARE((QStringList{rule.targetBrowserBundleID, rule.targetBrowserName,
+        QCOMPARE((QStringList{rule.targetBrowserId, rule.targetBrowserName,
                               rule.targetProfileID.value_or(QString())}),
                  (QStringList{u"firefox"_s, u"Firefox"_s, u"Work"_s}));
         QVERIFY(rule.openInPrivateWindow);

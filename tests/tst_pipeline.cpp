@@ -251,8 +251,8 @@ private Q_SLOTS:
         }
         QVERIFY(waitForRoutes(6));
         QCOMPARE(history().size(), 6);
-        QCOMPARE(history().first().targetBrowserBundleID, u"firefox-esr"_s);
-        QCOMPARE(history().last().targetBrowserBundleID, u"epiphany"_s);
+        QCOMPARE(history().first().targetBrowserId, u"firefox-esr"_s);
+        QCOMPARE(history().last().targetBrowserId, u"epiphany"_s);
         // Each counted once, in the file too, and nothing left in the journal.
         HistoryDatabase reader(m_history->path(), HistoryDatabase::Access::ReadOnly);
         QCOMPARE(HistoryStore::loadForwardCount(reader, HistoryStore::dayString(QDateTime::currentDateTime())), 6);

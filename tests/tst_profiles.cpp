@@ -115,7 +115,7 @@ private Q_SLOTS:
         writeFile(m_desktop->home() + u"/.mozilla/firefox/profiles.ini"_s, text.toUtf8());
         QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"“--headless” cannot be used"_s));
         QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"“-new-instance” cannot be used"_s));
-        QCOMPARE(ProfileDiscovery::discoverProfiles(u"FIREFOX-ESR"_s).first().browserBundleID,
+        QCOMPARE(ProfileDiscovery::discoverProfiles(u"FIREFOX-ESR"_s).first().browserId,
                  u"firefox-esr"_s);
 
         const QString snap =

@@ -208,7 +208,7 @@ private Q_SLOTS:
         m_active.active = 10;
         m_resolver->startTracking();
         Q_EMIT m_active.activated(12);
-        QCOMPARE(m_resolver->lastActiveApp()->bundleID, u"org.example.Chat"_s);
+        QCOMPARE(m_resolver->lastActiveApp()->desktopId, u"org.example.Chat"_s);
         QCOMPARE(resolved(50), u"org.example.Chat"_s);
         Q_EMIT m_active.activated(11);
         for (const auto &[later, expected] : {std::pair{700, u"org.example.Chat"_s},
@@ -289,7 +289,7 @@ private Q_SLOTS:
             return OpenRequest{link, pid, std::move(app), broker, m_now};
         };
         const auto source = [&](const QString &link, qint64 sender) {
-            return sources.sourceOf({link}, sender).value_or(SourceApp{}).bundleID;
+            return sources.sourceOf({link}, sender).value_or(SourceApp{}).desktopId;
         };
 
         // The sandbox read when the request was seen names the app, though the
@@ -407,11 +407,11 @@ private Q_SLOTS:
             installed.add(id, id.section(u'.', -1), false);
 
         LinuxProcessApps apps(installed, root);
-        QCOMPARE(apps.lookup(10).bundleID, u"org.example.Mail"_s);
+        QCOMPARE(apps.lookup(10).desktopId, u"org.example.Mail"_s);
         QCOMPARE(apps.lookup(10).name, u"Mail"_s);
-        QCOMPARE(apps.lookup(11).bundleID, u"org.mozilla.firefox"_s);
-        QCOMPARE(apps.lookup(12).bundleID, u"org.example.Chat"_s);
-        QCOMPARE(apps.lookup(18).bundleID, u"tunes_tunes"_s);
+        QCOMPARE(apps.lookup(11).desktopId, u"org.mozilla.firefox"_s);
+        QCOMPARE(apps.lookup(12).desktopId, u"org.example.Chat"_s);
+        QCOMPARE(apps.lookup(18).desktopId, u"tunes_tunes"_s);
         QCOMPARE(apps.application(u"tunes_tunes"_s).name, u"tunes_tunes"_s);
         QCOMPARE(apps.application(u"org.example.Gone"_s).kind, Kind::NoApplication);
         // An inherited launch variable names the parent, not this process.
@@ -420,9 +420,9 @@ private Q_SLOTS:
         QCOMPARE(apps.lookup(99).kind, Kind::NoProcess);
         // GIO's launch record wins over everything the process says of itself.
         apps.recordLaunch(13, u"/usr/share/applications/org.mozilla.firefox.desktop"_s, 0);
-        QCOMPARE(apps.lookup(13).bundleID, u"org.mozilla.firefox"_s);
+        QCOMPARE(apps.lookup(13).desktopId, u"org.mozilla.firefox"_s);
         apps.recordLaunch(14, QString(), 10);
-        QCOMPARE(apps.lookup(14).bundleID, u"org.example.Mail"_s);
+        QCOMPARE(apps.lookup(14).desktopId, u"org.example.Mail"_s);
         QCOMPARE(apps.parentPid(10), 1);
 
         // The session's top: init, the user's service manager, a login session's
@@ -465,7 +465,7 @@ private Q_SLOTS:
     }
 
 private:
-    QString resolved(qint64 pid) { return m_resolver->resolve(pid).value_or(SourceApp{}).bundleID; }
+    QString resolved(qint64 pid) { return m_resolver->resolve(pid).value_or(SourceApp{}).desktopId; }
 
     FakeProcessApps m_apps;
     FakeActive m_active;

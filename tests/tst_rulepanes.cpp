@@ -244,7 +244,7 @@ private Q_SLOTS:
         sheet->reject();
         pane.showEditSheet(stored().first());
         sheet = sheetOf<URLRuleEditView>(pane);
-        QCOMPARE(sheet->selectedBrowserBundleID(), u"firefox"_s);
+        QCOMPARE(sheet->selectedBrowserId(), u"firefox"_s);
         QVERIFY(child<QCheckBox>(sheet, u"privateWindowCheck"_s)->isChecked());
         sheet->reject();
 
@@ -259,7 +259,7 @@ private Q_SLOTS:
         QVERIFY(appSheet->asksWhereToOpen() && !shown(appSheet, u"privateWindowCheck"_s));
         QVERIFY(save(appSheet));
         const RoutingRule asking = stored().last();
-        QVERIFY(asking.askWhereToOpen && asking.targetBrowserBundleID.isEmpty());
+        QVERIFY(asking.askWhereToOpen && asking.targetBrowserId.isEmpty());
         apps.showEditSheet(asking);
         QVERIFY(sheetOf<AppRuleEditView>(apps)->asksWhereToOpen());
     }

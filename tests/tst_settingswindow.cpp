@@ -281,7 +281,7 @@ void TestSettingsWindow::importAndExport()
     QVERIFY(importing(ConfigManager::encode(looping))
                 .contains(u"sends links to “relay” (a rule's browser), which hands them back"_s));
     looping.rules = {};
-    looping.defaultBrowserBundleID = u"WORK.VORPA.QUILLVANE"_s;
+    looping.fallbackBrowserId = u"WORK.VORPA.QUILLVANE"_s;
     QVERIFY(importing(ConfigManager::encode(looping))
                 .contains(u"sends links to “WORK.VORPA.QUILLVANE” (the fallback"_s));
     QCOMPARE(m_app->state->rules().size(), 2);

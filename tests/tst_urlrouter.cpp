@@ -9,18 +9,18 @@ using namespace Qt::Literals::StringLiterals;
 
 namespace {
 
-std::optional<SourceApp> source(const QString &bundleID)
+std::optional<SourceApp> source(const QString &desktopId)
 {
-    if (bundleID.isEmpty())
+    if (desktopId.isEmpty())
         return std::nullopt;
-    return SourceApp{bundleID, u"Some App"_s};
+    return SourceApp{desktopId, u"Some App"_s};
 }
 
 RouteSettings plannerSettings()
 {
     RouteSettings settings;
     settings.rules = workedExampleRules();
-    settings.defaultBrowserBundleID = u"com.apple.Safari"_s;
+    settings.fallbackBrowserId = u"com.apple.Safari"_s;
     settings.isShortLink = [](const Link &url) { return url.host() == u"sho.rt"; };
     return settings;
 }
@@ -43,7 +43,7 @@ private Q_SLOTS:
         const auto decision =
             URLRouter::decide(::link(QString(u"https://"_s + link)), ::source(source),
                               workedExampleRules(), u"com.apple.Safari"_s);
-        QCOMPARE(decision.result->browserBundleID, browser);
+        QCOMPARE(decision.result->browserId, browser);
         QCOMPARE(decision.result->profileID.value_or(QString()), profile);
         QCOMPARE(decision.ruleIndex, rule.toInt());
     }
@@ -66,7 +66,7 @@ private Q_SLOTS:
         // specific: the first stored wins.
         const auto first = [](const QList<RoutingRule> &ordered, const QString &url,
                               const QString &app) {
-            return URLRouter::route(link(url), source(app), ordered, QString())->browserBundleID;
+            return URLRouter::route(link(url), source(app), ordered, QString())->browserId;
         };
         QCOMPARE(first({makeRule(QString(), u"*.com/*"_s, u"first"_s),
                         makeRule(QString(), u"*e.com*"_s, u"second"_s)},
@@ -92,7 +92,7 @@ private Q_SLOTS:
         const QList<RoutingRule> rules{makeRule(QString(), pattern, u"url-rule"_s),
                                        makeRule(u"app"_s, pattern, u"app-rule"_s)};
         const auto routed = [&](const QString &app) {
-            return URLRouter::route(link(url), source(app), rules, u"fallback"_s)->browserBundleID;
+            return URLRouter::route(link(url), source(app), rules, u"fallback"_s)->browserId;
         };
         QCOMPARE(routed({}), matches == u"yes" ? u"url-rule"_s : u"fallback"_s);
         QCOMPARE(routed(u"app"_s), matches == u"yes" ? u"app-rule"_s : u"fallback"_s);
@@ -121,7 +121,7 @@ private Q_SLOTS:
         routeSettings.urlCleaningEnabled = !changes.contains(u"no cleaning"_s);
         routeSettings.urlExpansionEnabled = !changes.contains(u"no expansion"_s);
         if (changes.contains(u"no fallback"_s))
-            routeSettings.defaultBrowserBundleID.clear();
+            routeSettings.fallbackBrowserId.clear();
         QList<RoutingRule> rules = routeSettings.rules.rules();
         if (changes.contains(u"mail rule"_s))
             rules.append(makeRule(u"com.example.mail"_s, u"never.example"_s, u"firefox"_s));
@@ -178,7 +178,7 @@ private Q_SLOTS:
         browser.remove(0, asks ? 4 : 0);
         QCOMPARE(plan.result.has_value(), !browser.isEmpty() || asks);
         if (plan.result) {
-            QCOMPARE(plan.result->browserBundleID, browser);
+            QCOMPARE(plan.result->browserId, browser);
             QCOMPARE(plan.result->profileID.value_or(QString()), profile);
         }
         if (decidedBy.startsWith(u"rule "_s)) {

@@ -34,7 +34,7 @@ struct AppServices
     // Who writes the intake journal, and its clocks.
     LinkJournal::Writer journal{};
     // A browser's profiles, as its own files list them now.
-    std::function<QList<BrowserProfile>(const QString &bundleID)> profiles =
+    std::function<QList<BrowserProfile>(const QString &desktopId)> profiles =
         &ProfileDiscovery::discoverProfiles;
     // Tells the user what went wrong with a link nobody waits for.
     std::function<void(const QString &summary, const QString &body)> notify = &Notifications::show;

@@ -77,21 +77,21 @@ AppState::AppState(ConfigFile &file, HistoryDatabase &history, AppServices servi
     if (DiagnosticLog::isEnabled()) {
         QStringList lines{u"AppState init — %1 rule(s), %2 browser(s), fallback=%3"_s.arg(
             QString::number(rules().size()), QString::number(m_browsers.size()),
-            defaultBrowserBundleID())};
+            fallbackBrowserId())};
         for (qsizetype i = 0; i < rules().size(); ++i) {
             const RoutingRule &rule = rules()[i];
             lines.append(DisplayText::escapeControls(u"  rule[%1]: %2 (%3) → %4 (%5)"_s.arg(
-                QString::number(i), rule.sourceAppName, rule.sourceAppBundleID,
-                rule.targetBrowserName, rule.targetBrowserBundleID)));
+                QString::number(i), rule.sourceAppName, rule.sourceAppId,
+                rule.targetBrowserName, rule.targetBrowserId)));
         }
         for (const BrowserInfo &browser : std::as_const(m_browsers))
-            lines.append(u"  browser: %1 (%2)"_s.arg(browser.name, browser.bundleID));
+            lines.append(u"  browser: %1 (%2)"_s.arg(browser.name, browser.desktopId));
         DiagnosticLog::writeLines(u"AppState", lines);
     }
     qCInfo(lcAppState).noquote()
         << u"AppState initialized with %1 rule(s), %2 browser(s), default: %3"_s.arg(
                QString::number(rules().size()), QString::number(m_browsers.size()),
-               SystemLog::priv(defaultBrowserBundleID()));
+               SystemLog::priv(fallbackBrowserId()));
 }
 
 AppState::~AppState() = default;
@@ -139,7 +139,7 @@ void AppState::chooseFallbackBrowser()
 {
     const auto isDiscovered = [this](const QString &id) {
         return std::any_of(m_browsers.cbegin(), m_browsers.cend(),
-                           [&id](const BrowserInfo &browser) { return browser.bundleID == id; });
+                           [&id](const BrowserInfo &browser) { return browser.desktopId == id; });
     };
     QStringList candidates;
     const std::optional<QString> current = m_services.entries.defaultHandler(u"https"_s);
@@ -154,7 +154,7 @@ void AppState::chooseFallbackBrowser()
         }
     }
     if (chosen.isEmpty() && !m_browsers.isEmpty())
-        chosen = m_browsers.first().bundleID;
+        chosen = m_browsers.first().desktopId;
     if (chosen.isEmpty())
         return;
     save([&chosen](Config &config) { config.fallbackBrowser = chosen; });
@@ -167,9 +167,9 @@ RouteSettings AppState::routeSettings() const
     settings.runningBrowsers = [this] {
         // The browsers the lists offer, and the fallback browser even when it
         // is hidden: whether it runs decides.
-        QStringList candidates{defaultBrowserBundleID()};
+        QStringList candidates{fallbackBrowserId()};
         for (const BrowserInfo &browser : shownBrowsers())
-            candidates.append(browser.bundleID);
+            candidates.append(browser.desktopId);
         return m_runningBrowsers ? m_runningBrowsers->running(candidates) : QStringList();
     };
     return settings;
@@ -209,10 +209,10 @@ qsizetype AppState::todayHistoryCount() const
     return HistoryStore::todayCount(m_history);
 }
 
-std::optional<QString> AppState::installedBrowserName(const QString &bundleID) const
+std::optional<QString> AppState::installedBrowserName(const QString &desktopId) const
 {
     for (const BrowserInfo &browser : m_browsers) {
-        if (browser.bundleID == bundleID)
+        if (browser.desktopId == desktopId)
             return browser.name;
     }
     return std::nullopt;
@@ -222,20 +222,20 @@ QList<BrowserInfo> AppState::shownBrowsers(const QString &chosen) const
 {
     QList<BrowserInfo> shown = m_browsers;
     shown.removeIf([this, &chosen](const BrowserInfo &browser) {
-        return browser.bundleID != chosen && browserPreference(browser.bundleID).hidden;
+        return browser.desktopId != chosen && browserPreference(browser.desktopId).hidden;
     });
     return shown;
 }
 
-BrowserPreference AppState::browserPreference(const QString &bundleID) const
+BrowserPreference AppState::browserPreference(const QString &desktopId) const
 {
-    return BrowserPreference::of(config().browserPreferences, bundleID);
+    return BrowserPreference::of(config().browserPreferences, desktopId);
 }
 
-LaunchOptions AppState::launchOptions(const QString &bundleID) const
+LaunchOptions AppState::launchOptions(const QString &desktopId) const
 {
     LaunchOptions options;
-    const QString extra = browserPreference(bundleID).extraArguments;
+    const QString extra = browserPreference(desktopId).extraArguments;
     if (extra.isEmpty())
         return options;
     auto arguments = ExecLine::splitExtraArguments(extra);
@@ -243,24 +243,24 @@ LaunchOptions AppState::launchOptions(const QString &bundleID) const
         options.extraArguments = std::move(arguments).value();
     else
         qCWarning(lcAppState).noquote() << u"The extra arguments for %1 are left out: %2"_s.arg(
-            SystemLog::priv(bundleID), arguments.error().description);
+            SystemLog::priv(desktopId), arguments.error().description);
     return options;
 }
 
-QList<BrowserProfile> AppState::profiles(const QString &bundleID) const
+QList<BrowserProfile> AppState::profiles(const QString &desktopId) const
 {
-    const QString key = bundleID.toLower();
+    const QString key = desktopId.toLower();
     auto found = m_profiles.constFind(key);
     if (found == m_profiles.cend())
-        found = m_profiles.insert(key, m_services.profiles ? m_services.profiles(bundleID)
+        found = m_profiles.insert(key, m_services.profiles ? m_services.profiles(desktopId)
                                                            : QList<BrowserProfile>());
     return *found;
 }
 
-std::optional<QString> AppState::profileName(const QString &bundleID,
+std::optional<QString> AppState::profileName(const QString &desktopId,
                                              const QString &profileID) const
 {
-    for (const BrowserProfile &profile : profiles(bundleID)) {
+    for (const BrowserProfile &profile : profiles(desktopId)) {
         if (profile.id == profileID)
             return profile.name;
     }
@@ -281,7 +281,7 @@ std::optional<QString> AppState::setBrowserPreference(const BrowserPreference &p
     std::optional<QString> refused;
     save([&preference](Config &config) {
         config.browserPreferences.removeIf([&preference](const BrowserPreference &stored) {
-            return stored.browserBundleID.compare(preference.browserBundleID,
+            return stored.browserId.compare(preference.browserId,
                                                   Qt::CaseInsensitive)
                    == 0;
         });
@@ -295,7 +295,7 @@ QList<RoutingRule> AppState::appRules() const
 {
     QList<RoutingRule> result;
     std::copy_if(rules().cbegin(), rules().cend(), std::back_inserter(result),
-                 [](const RoutingRule &rule) { return !rule.sourceAppBundleID.isEmpty(); });
+                 [](const RoutingRule &rule) { return !rule.sourceAppId.isEmpty(); });
     return result;
 }
 
@@ -304,7 +304,7 @@ QList<RoutingRule> AppState::urlRules() const
     QList<RoutingRule> result;
     std::copy_if(rules().cbegin(), rules().cend(), std::back_inserter(result),
                  [](const RoutingRule &rule) {
-                     return rule.sourceAppBundleID.isEmpty() && rule.urlPattern.has_value();
+                     return rule.sourceAppId.isEmpty() && rule.urlPattern.has_value();
                  });
     return result;
 }
@@ -373,10 +373,10 @@ void AppState::deleteRule(const RoutingRule &rule)
     });
 }
 
-void AppState::setDefaultBrowser(const QString &bundleID)
+void AppState::setDefaultBrowser(const QString &desktopId)
 {
-    save([&bundleID](Config &config) {
-        config.fallbackBrowser = bundleID;
+    save([&desktopId](Config &config) {
+        config.fallbackBrowser = desktopId;
         config.fallbackAsks = false;
     });
 }
@@ -443,7 +443,7 @@ void AppState::refreshBrowsers()
 
 void AppState::reportMissingFallback()
 {
-    const QString &fallback = defaultBrowserBundleID();
+    const QString &fallback = fallbackBrowserId();
     if (fallback.isEmpty() || installedBrowserName(fallback)) {
         m_reportedMissingFallback.clear();
         return;
@@ -478,7 +478,7 @@ bool AppState::applyImportedConfig(const ConfigManager::ExportData &imported)
         qCInfo(lcAppState).noquote()
             << u"Applied imported config: %1 rule(s), default=%2, urlCleaning=%3"_s.arg(
                    QString::number(imported.rules.size()),
-                   SystemLog::priv(imported.defaultBrowserBundleID.value_or(u"nil"_s)),
+                   SystemLog::priv(imported.fallbackBrowserId.value_or(u"nil"_s)),
                    imported.urlCleaningEnabled ? u"true"_s : u"false"_s);
     return saved;
 }
@@ -529,11 +529,11 @@ void AppState::notifyRouteFailure(const QString &link, const QString &why,
     m_services.notify(u"Quillvane could not open a link"_s, link + u'\n' + why);
 }
 
-bool AppState::isQuillvane(const QString &bundleID) const
+bool AppState::isQuillvane(const QString &desktopId) const
 {
-    if (bundleID.compare(QString::fromUtf16(BuildInfo::AppId), Qt::CaseInsensitive) == 0)
+    if (desktopId.compare(QString::fromUtf16(BuildInfo::AppId), Qt::CaseInsensitive) == 0)
         return true;
-    const auto entry = m_services.entries.entry(bundleID);
+    const auto entry = m_services.entries.entry(desktopId);
     return entry && BrowserDiscovery::isQuillvane(*entry);
 }
 

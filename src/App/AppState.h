@@ -54,14 +54,14 @@ public:
     // and chosen, the one a list has selected now (hidden or not).
     QList<BrowserInfo> shownBrowsers(const QString &chosen = {}) const;
     // What the user set for the browser (id ignoring case); defaults when nothing.
-    BrowserPreference browserPreference(const QString &bundleID) const;
+    BrowserPreference browserPreference(const QString &desktopId) const;
     // How a browser starts: with the user's extra arguments for it.
-    LaunchOptions launchOptions(const QString &bundleID) const;
+    LaunchOptions launchOptions(const QString &desktopId) const;
     // A browser's profiles, read from its files once until they change.
-    QList<BrowserProfile> profiles(const QString &bundleID) const;
+    QList<BrowserProfile> profiles(const QString &desktopId) const;
     // The name the browser shows a profile by; none when it has no such profile.
-    std::optional<QString> profileName(const QString &bundleID, const QString &profileID) const;
-    const QString &defaultBrowserBundleID() const { return config().fallbackBrowser; }
+    std::optional<QString> profileName(const QString &desktopId, const QString &profileID) const;
+    const QString &fallbackBrowserId() const { return config().fallbackBrowser; }
     qint64 todayForwardCount() const { return m_todayForwardCount; }
     // Forwardings recorded in the history today (what the tray menu shows).
     qsizetype todayHistoryCount() const;
@@ -74,13 +74,13 @@ public:
     // What routing a link depends on, as it is now.
     RouteSettings routeSettings() const;
     // The name the browser is shown with; none when it is not installed.
-    std::optional<QString> installedBrowserName(const QString &bundleID) const;
+    std::optional<QString> installedBrowserName(const QString &desktopId) const;
     // Whether links sent to this id would come straight back to Quillvane.
-    bool isQuillvane(const QString &bundleID) const;
+    bool isQuillvane(const QString &desktopId) const;
     // The same, or its id when it is not installed.
-    QString browserName(const QString &bundleID) const
+    QString browserName(const QString &desktopId) const
     {
-        return installedBrowserName(bundleID).value_or(bundleID);
+        return installedBrowserName(desktopId).value_or(desktopId);
     }
     // For the parts that route links and journal them.
     HistoryDatabase &history() const { return m_history; }
@@ -112,7 +112,7 @@ public:
     void updateRule(const RoutingRule &rule);
     void deleteRule(const RoutingRule &rule);
     // A browser (or none) as the fallback: it no longer asks.
-    void setDefaultBrowser(const QString &bundleID);
+    void setDefaultBrowser(const QString &desktopId);
     // "Ask" as the fallback; the fallback browser stays, offered first.
     void setFallbackAsks();
     // Switches one of the configuration's switches over.

@@ -119,9 +119,9 @@ QFuture<Answer> AutomationBridge::routeURL(const Link &url,
     }
     // A rule that asks where to open the link cannot ask a script: the
     // fallback browser opens it, as when no window can ask.
-    QString browserID = plan.result->browserBundleID;
+    QString browserID = plan.result->browserId;
     if (plan.asks())
-        browserID = m_state.defaultBrowserBundleID();
+        browserID = m_state.fallbackBrowserId();
     if (browserID.isEmpty()) {
         LinkJournal::finish(m_state.history(), journalEntry);
         return QtFuture::makeReadyFuture<Answer>(IntentError{

@@ -43,8 +43,8 @@ int explain(const CommandArguments &arguments, const CommandOutput &output)
     const auto runningBrowsers = [&] {
         QStringList candidates{config->fallbackBrowser};
         for (const BrowserInfo &browser : BrowserDiscovery::discoverBrowsers(entries)) {
-            if (!BrowserPreference::of(config->browserPreferences, browser.bundleID).hidden)
-                candidates.append(browser.bundleID);
+            if (!BrowserPreference::of(config->browserPreferences, browser.desktopId).hidden)
+                candidates.append(browser.desktopId);
         }
         return running.running(candidates);
     };

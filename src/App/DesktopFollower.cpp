@@ -44,7 +44,7 @@ void DesktopFollower::watchProfileFolders()
 {
     QStringList wanted;
     for (const BrowserInfo &browser : m_state.browsers()) {
-        const auto supported = ProfileDiscovery::supportedBrowser(browser.bundleID);
+        const auto supported = ProfileDiscovery::supportedBrowser(browser.desktopId);
         if (!supported)
             continue;
         // Browsers replace their profile file by renaming a new one over it,

@@ -211,13 +211,13 @@ QJsonObject report(DesktopEntries &entries, const Autostart &autostart)
 {
     QJsonArray browsers;
     for (const BrowserInfo &browser : BrowserDiscovery::discoverBrowsers(entries)) {
-        QJsonObject object{{u"id"_s, browser.bundleID},
+        QJsonObject object{{u"id"_s, browser.desktopId},
                            {u"name"_s, browser.name},
                            {u"desktopEntry"_s, browser.path.toLocalFile()}};
-        if (const auto supported = ProfileDiscovery::supportedBrowser(browser.bundleID)) {
+        if (const auto supported = ProfileDiscovery::supportedBrowser(browser.desktopId)) {
             QJsonArray profiles;
             for (const BrowserProfile &profile :
-                 ProfileDiscovery::discoverProfiles(browser.bundleID))
+                 ProfileDiscovery::discoverProfiles(browser.desktopId))
                 profiles.append(QJsonObject{{u"id"_s, profile.id}, {u"name"_s, profile.name}});
             object.insert(u"profiles"_s, profiles);
             object.insert(u"profileFile"_s, supported->profileFile);

@@ -58,10 +58,10 @@ QString describe(const RoutePlan &plan, const QList<RoutingRule> &rules)
                                                           JsonFields::uuidText(rule.id));
     switch (plan.decision) {
     case Decision::Combined:
-        return u"app rule for %1 with pattern %2, %3"_s.arg(rule.sourceAppBundleID, pattern,
+        return u"app rule for %1 with pattern %2, %3"_s.arg(rule.sourceAppId, pattern,
                                                             number);
     case Decision::SourceOnly:
-        return u"app rule for every link from %1, %2"_s.arg(rule.sourceAppBundleID, number);
+        return u"app rule for every link from %1, %2"_s.arg(rule.sourceAppId, number);
     case Decision::UrlOnly:
         return u"URL rule with pattern %1, %2"_s.arg(pattern, number);
     default:
@@ -107,13 +107,13 @@ int run(const CommandArguments &arguments, const CommandOutput &output,
         printField(out, u"Cleaning", u"off");
     else if (plan.cleanedSomething())
         printField(out, u"Cleaned", plan.cleaned.toString());
-    printField(out, u"Source", source ? source->bundleID : u"unknown"_s);
+    printField(out, u"Source", source ? source->desktopId : u"unknown"_s);
 
     if (plan.decision == RoutePlan::Decision::Paused) {
         printField(out, u"Rules", u"paused: every link opens in the fallback browser");
         printField(out, u"Browser",
                    plan.asks()     ? u"ask"_s
-                   : plan.result ? plan.result->browserBundleID
+                   : plan.result ? plan.result->browserId
                                  : u"none (no fallback browser is set)"_s);
         printField(out, u"Decided by", describe(plan, environment.config.rules));
         out.flush();
@@ -141,11 +141,11 @@ int run(const CommandArguments &arguments, const CommandOutput &output,
     } else if (plan.asks()) {
         // The window that asks would appear.
         printField(out, u"Browser",
-                   plan.result->browserBundleID.isEmpty()
+                   plan.result->browserId.isEmpty()
                        ? u"ask"_s
-                       : u"ask (offered first: %1)"_s.arg(plan.result->browserBundleID));
+                       : u"ask (offered first: %1)"_s.arg(plan.result->browserId));
     } else if (plan.result) {
-        printField(out, u"Browser", plan.result->browserBundleID);
+        printField(out, u"Browser", plan.result->browserId);
         if (plan.result->profileID)
             printField(out, u"Profile", *plan.result->profileID);
     } else {

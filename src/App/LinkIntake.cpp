@@ -173,7 +173,7 @@ std::optional<SourceApp> LinkIntake::sourceOf(const QStringList &uris, qint64 pi
     if (!source)
         source = m_resolver.resolve(pid);
     debugLog(DisplayText::escapeControls(u"Resolved source app: %1 (%2)"_s.arg(
-        source ? source->name : u"nil"_s, source ? source->bundleID : u"nil"_s)));
+        source ? source->name : u"nil"_s, source ? source->desktopId : u"nil"_s)));
     return source;
 }
 

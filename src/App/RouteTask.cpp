@@ -51,11 +51,11 @@ void RouteTask::start(AppState &state, RouteReports reports, const Link &url,
                       const LinkJournal::Ticket &ticket)
 {
     const QString name = source ? source->name : u"unknown"_s;
-    const QString id = source ? source->bundleID : u"nil"_s;
+    const QString id = source ? source->desktopId : u"nil"_s;
     debugLog(DisplayText::escapeControls(
         u"routeURL() — url=%1, source=%2 (%3), rules=%4, fallback=%5, rulesEnabled=%6"_s.arg(
             url.toString(), name, id, QString::number(state.rules().size()),
-            state.defaultBrowserBundleID(), boolText(state.config().rulesEnabled))));
+            state.fallbackBrowserId(), boolText(state.config().rulesEnabled))));
 
     const RoutePolicy policy = RoutePolicy::routing(DiagnosticLog::isEnabled());
     RoutePlan plan = RoutePlanner::prepare(url, source, state.routeSettings(), policy);
@@ -68,7 +68,7 @@ void RouteTask::start(AppState &state, RouteReports reports, const Link &url,
         new RouteTask(state, std::move(reports), std::move(plan), policy, activationToken, ticket);
     if (task->m_plan.decision == RoutePlan::Decision::Paused) {
         const QString fallbackID =
-            task->m_plan.result ? task->m_plan.result->browserBundleID : QString();
+            task->m_plan.result ? task->m_plan.result->browserId : QString();
         const QString fallbackName = state.browserName(fallbackID);
         task->m_reports.status(
             u"⏸ %1 → %2: %3"_s.arg(name, fallbackName, hostOrText(task->m_plan.working)));
@@ -87,7 +87,7 @@ QString RouteTask::sourceName() const
 
 QString RouteTask::sourceID() const
 {
-    return m_plan.source ? m_plan.source->bundleID : u"nil"_s;
+    return m_plan.source ? m_plan.source->desktopId : u"nil"_s;
 }
 
 LaunchOptions RouteTask::launchOptions(const QString &browserID, const QString &browserName,
@@ -185,10 +185,10 @@ void RouteTask::ask()
     m_reports.status(u"Asking where to open %1 from %2"_s.arg(host, sourceName()));
     debugLog(u"routeURL() — asking where to open it"_s);
     AskRequest request{m_plan.working, m_plan.source, m_activationToken,
-                       m_plan.result ? m_plan.result->browserBundleID : QString(),
+                       m_plan.result ? m_plan.result->browserId : QString(),
                        m_plan.offeredHandoff};
     if (request.offeredFirst.isEmpty())
-        request.offeredFirst = m_state.defaultBrowserBundleID();
+        request.offeredFirst = m_state.fallbackBrowserId();
     m_state.askWhereToOpen(request, [task = QPointer<RouteTask>(this)](const AskAnswer &answer) {
         if (task)
             task->answered(answer);
@@ -208,7 +208,7 @@ void RouteTask::answered(const AskAnswer &answer)
         finish();
         return;
     case AskAnswer::Kind::CannotAsk: {
-        const QString fallback = m_state.defaultBrowserBundleID();
+        const QString fallback = m_state.fallbackBrowserId();
         if (fallback.isEmpty()) {
             failed(u"FAILED: could not ask where to open %1"_s.arg(host),
                    u"routeURL() — FAILED: no window can ask, and no fallback browser is set"_s,
@@ -242,26 +242,26 @@ void RouteTask::launch()
 {
     const std::optional<RouteResult> &result = m_plan.result;
     const QString targetName =
-        m_plan.handoff ? m_plan.handoff->app.name : m_state.browserName(result->browserBundleID);
+        m_plan.handoff ? m_plan.handoff->app.name : m_state.browserName(result->browserId);
     const QString profilePart = result->profileID ? u" [%1]"_s.arg(*result->profileID) : QString();
     m_reports.status(
         u"%1 → %2%3: %4"_s.arg(sourceName(), targetName, profilePart, hostOrText(m_plan.working)));
     debugLog(DisplayText::escapeControls(u"routeURL() — target=%1 (%2) profile=%3"_s.arg(
-        result->browserBundleID, targetName, result->profileID.value_or(u"default"_s))));
+        result->browserId, targetName, result->profileID.value_or(u"default"_s))));
 
     const QList<BrowserInfo> &browsers = m_state.browsers();
     const auto browser =
         std::find_if(browsers.cbegin(), browsers.cend(), [&result](const BrowserInfo &info) {
-            return info.bundleID == result->browserBundleID;
+            return info.desktopId == result->browserId;
         });
     if (!result->profileID || browser == browsers.cend()) {
-        launchPlain(result->browserBundleID, targetName,
+        launchPlain(result->browserId, targetName,
                     u"routeURL() — SUCCESS opened in "_s + targetName);
         return;
     }
 
     const QString profileID = *result->profileID;
-    const QString browserID = result->browserBundleID;
+    const QString browserID = result->browserId;
     const LaunchPlatform platform = m_state.launchPlatform();
     ProfileLauncher::open(m_plan.linkToOpen(), *browser, profileID, platform,
                           launchOptions(browserID, targetName, profileID, result->privateWindow))
@@ -294,7 +294,7 @@ void RouteTask::launchPlain(const QString &browserID, const QString &targetName,
                           launchOptions(browserID, targetName, std::nullopt, privateWindow))
         .then(this, [this, browserID, targetName,
                      successLine](const BrowserLauncher::Outcome &outcome) {
-            if (!outcome && m_plan.handoff && !m_state.defaultBrowserBundleID().isEmpty()) {
+            if (!outcome && m_plan.handoff && !m_state.fallbackBrowserId().isEmpty()) {
                 // The app did not take the link: the web link still opens, in
                 // the fallback browser, rather than being lost.
                 withdrawRecord();
@@ -303,7 +303,7 @@ void RouteTask::launchPlain(const QString &browserID, const QString &targetName,
                         .arg(targetName, outcome.error().description())));
                 m_plan.handoff.reset();
                 m_plan.decision = RoutePlan::Decision::Fallback;
-                m_plan.result = RouteResult{m_state.defaultBrowserBundleID(), std::nullopt};
+                m_plan.result = RouteResult{m_state.fallbackBrowserId(), std::nullopt};
                 launch();
                 return;
             }
@@ -331,10 +331,10 @@ void RouteTask::recordOpened(const QString &browserID, const QString &browserNam
     record.timestamp = m_state.services().clock();
     record.originalURL = m_plan.received.toString();
     if (m_plan.source) {
-        record.sourceAppBundleID = m_plan.source->bundleID;
+        record.sourceAppId = m_plan.source->desktopId;
         record.sourceAppName = m_plan.source->name;
     }
-    record.targetBrowserBundleID = browserID;
+    record.targetBrowserId = browserID;
     record.targetBrowserName = browserName;
     record.ruleMatched = m_plan.ruleMatched;
     record.decidedBy = m_plan.decidedBy();
@@ -371,7 +371,7 @@ void RouteTask::failed(const QString &statusText, const QString &diagnosticLine,
     qCCritical(lcRoute).noquote() << logLine;
     LinkJournal::finish(m_state.history(), m_ticket.entry);
     m_reports.failure(hostOrText(m_plan.working), userText,
-                      m_plan.result ? m_plan.result->browserBundleID : QString());
+                      m_plan.result ? m_plan.result->browserId : QString());
     finish();
 }
 

@@ -178,7 +178,7 @@ QString AutomationAdaptor::CreateRule(const BrowserEntity &target_browser,
 {
     RuleRequest request;
     const std::pair<QString, std::optional<QString> RuleRequest::*> texts[] = {
-        {u"sourceAppBundleID"_s, &RuleRequest::sourceAppBundleID},
+        {u"sourceAppBundleID"_s, &RuleRequest::sourceAppId},
         {u"sourceAppName"_s, &RuleRequest::sourceAppName},
         {u"urlPattern"_s, &RuleRequest::urlPattern},
         {u"profile"_s, &RuleRequest::profile}};

@@ -24,7 +24,7 @@ struct BrowserEntity
 
     static BrowserEntity from(const BrowserInfo &browser)
     {
-        return {browser.bundleID, browser.name};
+        return {browser.desktopId, browser.name};
     }
     friend bool operator==(const BrowserEntity &, const BrowserEntity &) = default;
 };

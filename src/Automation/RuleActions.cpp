@@ -55,7 +55,7 @@ IntentError notSaved(const QString &why)
 Expected<QString, IntentError> createRule(Target &target, const RuleRequest &request,
                                           const BrowserEntity &targetBrowser)
 {
-    const bool hasSource = request.sourceAppBundleID && !request.sourceAppBundleID->isEmpty();
+    const bool hasSource = request.sourceAppId && !request.sourceAppId->isEmpty();
     const bool hasPattern = request.urlPattern && !request.urlPattern->isEmpty();
     if (!hasSource && !hasPattern)
         return invalid(u"Provide a source app bundle ID, a URL pattern, or both."_s);
@@ -74,11 +74,11 @@ Expected<QString, IntentError> createRule(Target &target, const RuleRequest &req
     // without a name is named as the settings window names it: by its entry.
     std::optional<QString> sourceName = request.sourceAppName;
     if (!sourceName && hasSource) {
-        sourceName = target.applicationName(*request.sourceAppBundleID)
-                         .value_or(*request.sourceAppBundleID);
+        sourceName = target.applicationName(*request.sourceAppId)
+                         .value_or(*request.sourceAppId);
     }
     RoutingRule rule{QUuid::createUuid(),
-                     request.sourceAppBundleID.value_or(QString()),
+                     request.sourceAppId.value_or(QString()),
                      sourceName.value_or(QString()),
                      request.askWhereToOpen ? QString() : targetBrowser.id,
                      request.askWhereToOpen ? RoutingRule::AskName.toString() : targetBrowser.name,
@@ -115,7 +115,7 @@ QList<RuleOptions> ruleOptions(const Target &target)
             continue;
         list.append({JsonFields::uuidText(rule.id), rule.targetProfileID,
                      rule.targetProfileID
-                         ? profileName(target, rule.targetBrowserBundleID, *rule.targetProfileID)
+                         ? profileName(target, rule.targetBrowserId, *rule.targetProfileID)
                          : std::nullopt,
                      rule.openInPrivateWindow});
     }

@@ -14,7 +14,7 @@ using Confirm = std::function<bool(const QString &question)>;
 // What a script asks a new rule to be.
 struct RuleRequest
 {
-    std::optional<QString> sourceAppBundleID;
+    std::optional<QString> sourceAppId;
     std::optional<QString> sourceAppName;
     std::optional<QString> urlPattern;
     // One of the target browser's profiles, by id.

@@ -7,15 +7,15 @@
 // its desktop entry. Two records of one browser are equal whatever their names.
 struct BrowserInfo
 {
-    QString bundleID;
+    QString desktopId;
     QString name;
     QUrl path;
 
-    const QString &id() const { return bundleID; }
+    const QString &id() const { return desktopId; }
 
     friend bool operator==(const BrowserInfo &a, const BrowserInfo &b)
     {
-        return a.bundleID == b.bundleID;
+        return a.desktopId == b.desktopId;
     }
 };
 
@@ -25,7 +25,7 @@ struct BrowserProfile
 {
     QString id;
     QString name;
-    QString browserBundleID;
+    QString browserId;
 
     friend bool operator==(const BrowserProfile &, const BrowserProfile &) = default;
 };

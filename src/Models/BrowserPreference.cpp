@@ -13,7 +13,7 @@ constexpr QLatin1StringView KeyExtraArguments("extraArguments");
 void BrowserPreference::writeJson(JsonWriter &writer) const
 {
     writer.beginObject();
-    writer.member(KeyBrowserBundleID, browserBundleID);
+    writer.member(KeyBrowserBundleID, browserId);
     writer.trueMember(KeyHidden, hidden);
     if (!extraArguments.isEmpty())
         writer.member(KeyExtraArguments, extraArguments);
@@ -25,7 +25,7 @@ Expected<BrowserPreference, DecodeError> BrowserPreference::fromJson(const QJson
 {
     JsonFields::ObjectReader reader(value, "Browser preference"_L1, index);
     BrowserPreference preference;
-    preference.browserBundleID = reader.requiredString(KeyBrowserBundleID);
+    preference.browserId = reader.requiredString(KeyBrowserBundleID);
     preference.hidden = reader.optionalBool(KeyHidden);
     preference.extraArguments = reader.optionalString(KeyExtraArguments).value_or(QString());
     if (reader.hasError())
@@ -45,11 +45,11 @@ BrowserPreference::listFromJson(QByteArrayView utf8, QList<DecodeError> *skipped
 }
 
 BrowserPreference BrowserPreference::of(const QList<BrowserPreference> &preferences,
-                                        const QString &bundleID)
+                                        const QString &desktopId)
 {
     for (const BrowserPreference &preference : preferences) {
-        if (preference.browserBundleID.compare(bundleID, Qt::CaseInsensitive) == 0)
+        if (preference.browserId.compare(desktopId, Qt::CaseInsensitive) == 0)
             return preference;
     }
-    return BrowserPreference{bundleID, false, {}};
+    return BrowserPreference{desktopId, false, {}};
 }

@@ -13,7 +13,7 @@ class JsonWriter;
 // typed: split by the Desktop Entry quoting rules when it starts).
 struct BrowserPreference
 {
-    QString browserBundleID;
+    QString browserId;
     bool hidden = false;
     QString extraArguments;
 
@@ -22,7 +22,7 @@ struct BrowserPreference
     // The browser's preference in the list (ids compared ignoring case); the
     // default one when it has none.
     static BrowserPreference of(const QList<BrowserPreference> &preferences,
-                                const QString &bundleID);
+                                const QString &desktopId);
 
     void writeJson(JsonWriter &writer) const;
     static Expected<BrowserPreference, DecodeError> fromJson(const QJsonValue &value,

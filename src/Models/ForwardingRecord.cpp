@@ -25,9 +25,9 @@ void ForwardingRecord::writeJson(JsonWriter &writer) const
     writer.member(KeyId, JsonFields::uuidText(id));
     writer.member(KeyTimestamp, JsonFields::referenceSeconds(timestamp));
     writer.member(KeyOriginalURL, originalURL);
-    writer.optionalMember(KeySourceAppBundleID, sourceAppBundleID);
+    writer.optionalMember(KeySourceAppBundleID, sourceAppId);
     writer.optionalMember(KeySourceAppName, sourceAppName);
-    writer.member(KeyTargetBrowserBundleID, targetBrowserBundleID);
+    writer.member(KeyTargetBrowserBundleID, targetBrowserId);
     writer.member(KeyTargetBrowserName, targetBrowserName);
     writer.optionalMember(KeyRuleMatched, ruleMatched);
     writer.optionalMember(KeyDecidedBy, decidedBy);
@@ -44,9 +44,9 @@ Expected<ForwardingRecord, DecodeError> ForwardingRecord::fromJson(const QJsonVa
     record.id = reader.requiredUuid(KeyId);
     record.timestamp = reader.requiredDate(KeyTimestamp);
     record.originalURL = reader.requiredString(KeyOriginalURL);
-    record.sourceAppBundleID = reader.optionalString(KeySourceAppBundleID);
+    record.sourceAppId = reader.optionalString(KeySourceAppBundleID);
     record.sourceAppName = reader.optionalString(KeySourceAppName);
-    record.targetBrowserBundleID = reader.requiredString(KeyTargetBrowserBundleID);
+    record.targetBrowserId = reader.requiredString(KeyTargetBrowserBundleID);
     record.targetBrowserName = reader.requiredString(KeyTargetBrowserName);
     record.ruleMatched = reader.optionalString(KeyRuleMatched);
     record.decidedBy = reader.optionalString(KeyDecidedBy);

@@ -19,9 +19,9 @@ struct ForwardingRecord
     QUuid id;
     QDateTime timestamp;
     QString originalURL;
-    std::optional<QString> sourceAppBundleID;
+    std::optional<QString> sourceAppId;
     std::optional<QString> sourceAppName;
-    QString targetBrowserBundleID;
+    QString targetBrowserId;
     QString targetBrowserName;
     std::optional<QString> ruleMatched;
     // What decided where the link went: the deciding rule's id (as its JSON

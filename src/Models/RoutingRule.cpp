@@ -20,7 +20,7 @@ constexpr QLatin1StringView KeyAskWhereToOpen("askWhereToOpen");
 
 RoutingRule::Kind RoutingRule::kind() const
 {
-    if (!sourceAppBundleID.isEmpty())
+    if (!sourceAppId.isEmpty())
         return urlPattern ? Kind::Combined : Kind::SourceOnly;
     return urlPattern ? Kind::UrlOnly : Kind::Inert;
 }
@@ -28,7 +28,7 @@ RoutingRule::Kind RoutingRule::kind() const
 QString RoutingRule::description() const
 {
     QString text;
-    if (!sourceAppBundleID.isEmpty()) {
+    if (!sourceAppId.isEmpty()) {
         text = sourceAppName;
         if (urlPattern)
             text += u" + " + *urlPattern;
@@ -46,9 +46,9 @@ Expected<RoutingRule, DecodeError> RoutingRule::fromJson(const QJsonValue &value
     JsonFields::ObjectReader reader(value, "Rule"_L1, index);
     RoutingRule rule;
     rule.id = reader.requiredUuid(KeyId);
-    rule.sourceAppBundleID = reader.requiredString(KeySourceAppBundleID);
+    rule.sourceAppId = reader.requiredString(KeySourceAppBundleID);
     rule.sourceAppName = reader.requiredString(KeySourceAppName);
-    rule.targetBrowserBundleID = reader.requiredString(KeyTargetBrowserBundleID);
+    rule.targetBrowserId = reader.requiredString(KeyTargetBrowserBundleID);
     rule.targetBrowserName = reader.requiredString(KeyTargetBrowserName);
     rule.urlPattern = reader.optionalString(KeyUrlPattern);
     rule.targetProfileID = reader.optionalString(KeyTargetProfileID);
@@ -63,9 +63,9 @@ void RoutingRule::writeJson(JsonWriter &writer) const
 {
     writer.beginObject();
     writer.member(KeyId, JsonFields::uuidText(id));
-    writer.member(KeySourceAppBundleID, sourceAppBundleID);
+    writer.member(KeySourceAppBundleID, sourceAppId);
     writer.member(KeySourceAppName, sourceAppName);
-    writer.member(KeyTargetBrowserBundleID, targetBrowserBundleID);
+    writer.member(KeyTargetBrowserBundleID, targetBrowserId);
     writer.member(KeyTargetBrowserName, targetBrowserName);
     writer.optionalMember(KeyUrlPattern, urlPattern);
     writer.optionalMember(KeyTargetProfileID, targetProfileID);
@@ -87,8 +87,8 @@ Expected<QList<RoutingRule>, DecodeError> RoutingRule::listFromJson(QByteArrayVi
 
 size_t qHash(const RoutingRule &rule, size_t seed)
 {
-    return qHashMulti(seed, rule.id, rule.sourceAppBundleID, rule.sourceAppName,
-                      rule.targetBrowserBundleID, rule.targetBrowserName,
+    return qHashMulti(seed, rule.id, rule.sourceAppId, rule.sourceAppName,
+                      rule.targetBrowserId, rule.targetBrowserName,
                       rule.urlPattern.value_or(QString()), rule.urlPattern.has_value(),
                       rule.targetProfileID.value_or(QString()), rule.targetProfileID.has_value(),
                       rule.openInPrivateWindow, rule.askWhereToOpen);

@@ -24,9 +24,9 @@ struct RoutingRule
     };
 
     QUuid id;
-    QString sourceAppBundleID;
+    QString sourceAppId;
     QString sourceAppName;
-    QString targetBrowserBundleID;
+    QString targetBrowserId;
     QString targetBrowserName;
     std::optional<QString> urlPattern;
     std::optional<QString> targetProfileID;
@@ -65,7 +65,7 @@ size_t qHash(const RoutingRule &rule, size_t seed = 0);
 // The application that asked to open a link.
 struct SourceApp
 {
-    QString bundleID;
+    QString desktopId;
     QString name;
 
     friend bool operator==(const SourceApp &, const SourceApp &) = default;
@@ -74,7 +74,7 @@ struct SourceApp
 // A routing decision: the browser to open, and the profile when a rule names one.
 struct RouteResult
 {
-    QString browserBundleID;
+    QString browserId;
     std::optional<QString> profileID;
     // The rule asks for the browser's private window.
     bool privateWindow = false;

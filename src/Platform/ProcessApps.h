@@ -23,7 +23,7 @@ public:
             Application,
         };
         Kind kind = Kind::NoProcess;
-        QString bundleID;
+        QString desktopId;
         QString name;
     };
 

@@ -87,14 +87,14 @@ QList<BrowserInfo> performDiscovery(DesktopEntries &entries)
                 << u"Skipping unreadable bundle at %1"_s.arg(SystemLog::priv(entry.path));
             continue;
         }
-        const QString key = browser->bundleID.toLower();
+        const QString key = browser->desktopId.toLower();
         if (isQuillvane(entry)) {
             qCDebug(lcBrowserDiscovery) << "Excluding self from browser list";
             continue;
         }
         if (isTerminalEmulator(entry)) {
             qCDebug(lcBrowserDiscovery).noquote()
-                << u"Excluding terminal emulator: %1"_s.arg(SystemLog::priv(browser->bundleID));
+                << u"Excluding terminal emulator: %1"_s.arg(SystemLog::priv(browser->desktopId));
             continue;
         }
         const bool excluded =
@@ -102,12 +102,12 @@ QList<BrowserInfo> performDiscovery(DesktopEntries &entries)
                         [&key](const QString &prefix) { return key.startsWith(prefix); });
         if (excluded) {
             qCDebug(lcBrowserDiscovery).noquote()
-                << u"Excluding non-browser app: %1"_s.arg(SystemLog::priv(browser->bundleID));
+                << u"Excluding non-browser app: %1"_s.arg(SystemLog::priv(browser->desktopId));
             continue;
         }
         if (seen.contains(key)) {
             qCDebug(lcBrowserDiscovery).noquote()
-                << u"Skipping duplicate browser: %1"_s.arg(SystemLog::priv(browser->bundleID));
+                << u"Skipping duplicate browser: %1"_s.arg(SystemLog::priv(browser->desktopId));
             continue;
         }
         seen.insert(key);

@@ -19,7 +19,7 @@ LaunchError openFailed(const BrowserInfo &browser, const QString &underlying)
 {
     qCCritical(lcBrowserLauncher).noquote()
         << u"Failed to open URL in %1: %2"_s.arg(SystemLog::priv(browser.name), underlying);
-    return LaunchError{LaunchError::Kind::OpenFailed, browser.bundleID, browser.name,
+    return LaunchError{LaunchError::Kind::OpenFailed, browser.desktopId, browser.name,
                        browser.path.toLocalFile(), underlying};
 }
 
@@ -35,7 +35,7 @@ QString LaunchError::description() const
 {
     switch (kind) {
     case Kind::BrowserNotFound:
-        return u"No browser found with bundle ID: %1"_s.arg(bundleID);
+        return u"No browser found with bundle ID: %1"_s.arg(desktopId);
     case Kind::BrowserNotAvailable:
         return u"Browser \"%1\" is not available at %2"_s.arg(name, path);
     case Kind::OpenFailed:
@@ -44,11 +44,11 @@ QString LaunchError::description() const
     return {};
 }
 
-QStringList argumentsBeforeLink(const QString &bundleID, const LaunchOptions &options)
+QStringList argumentsBeforeLink(const QString &desktopId, const LaunchOptions &options)
 {
     QStringList arguments = options.extraArguments;
     if (options.privateWindow) {
-        const QString flag = ProfileDiscovery::privateWindowFlag(bundleID);
+        const QString flag = ProfileDiscovery::privateWindowFlag(desktopId);
         if (!flag.isEmpty())
             arguments.append(flag);
     }
@@ -63,24 +63,24 @@ Outcome fromVerdict(const BrowserInfo &browser, const ProcessLauncher::Result &v
     return {};
 }
 
-QFuture<Outcome> open(const Link &url, const QString &bundleID, const QList<BrowserInfo> &browsers,
+QFuture<Outcome> open(const Link &url, const QString &desktopId, const QList<BrowserInfo> &browsers,
                       const LaunchPlatform &platform, const LaunchOptions &options)
 {
     for (const BrowserInfo &browser : browsers) {
-        if (browser.bundleID.compare(bundleID, Qt::CaseInsensitive) == 0)
+        if (browser.desktopId.compare(desktopId, Qt::CaseInsensitive) == 0)
             return open(url, browser, platform, options);
     }
     qCInfo(lcBrowserLauncher).noquote()
         << u"Browser %1 not in provided list, attempting system lookup"_s.arg(
-               SystemLog::priv(bundleID));
-    const auto entry = bundleID.isEmpty() ? std::nullopt : platform.entries.entry(bundleID);
+               SystemLog::priv(desktopId));
+    const auto entry = desktopId.isEmpty() ? std::nullopt : platform.entries.entry(desktopId);
     if (!entry) {
         qCCritical(lcBrowserLauncher).noquote()
-            << u"Browser not found: %1"_s.arg(SystemLog::priv(bundleID));
+            << u"Browser not found: %1"_s.arg(SystemLog::priv(desktopId));
         return QtFuture::makeReadyFuture<Outcome>(
-            LaunchError{LaunchError::Kind::BrowserNotFound, bundleID, {}, {}, {}});
+            LaunchError{LaunchError::Kind::BrowserNotFound, desktopId, {}, {}, {}});
     }
-    const BrowserInfo found{bundleID, QFileInfo(entry->path).completeBaseName(),
+    const BrowserInfo found{desktopId, QFileInfo(entry->path).completeBaseName(),
                             QUrl::fromLocalFile(entry->path)};
     return open(url, found, platform, options);
 }
@@ -93,18 +93,18 @@ QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const LaunchP
         qCCritical(lcBrowserLauncher).noquote() << u"Browser not available: %1 at %2"_s.arg(
             SystemLog::priv(browser.name), SystemLog::priv(path));
         return QtFuture::makeReadyFuture<Outcome>(LaunchError{
-            LaunchError::Kind::BrowserNotAvailable, browser.bundleID, browser.name, path, {}});
+            LaunchError::Kind::BrowserNotAvailable, browser.desktopId, browser.name, path, {}});
     }
     qCInfo(lcBrowserLauncher).noquote() << u"Opening %1 with %2 (%3)"_s.arg(
         SystemLog::priv(url.toString()), SystemLog::priv(browser.name),
-        SystemLog::priv(browser.bundleID));
+        SystemLog::priv(browser.desktopId));
 
     const auto entry = platform.entries.entryAt(path);
     if (!entry)
         return QtFuture::makeReadyFuture<Outcome>(
             openFailed(browser, u"The desktop entry %1 cannot be read."_s.arg(path)));
 
-    const QStringList beforeLink = argumentsBeforeLink(browser.bundleID, options);
+    const QStringList beforeLink = argumentsBeforeLink(browser.desktopId, options);
     // Activation takes links only: arguments need the entry's command line.
     if (entry->dbusActivatable && (beforeLink.isEmpty() || entry->exec.isEmpty())) {
         return platform.processes.activate(path, url.toString(), options.activationToken)

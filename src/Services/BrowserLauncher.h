@@ -26,7 +26,7 @@ struct LaunchError
     };
 
     Kind kind;
-    QString bundleID;
+    QString desktopId;
     QString name;
     QString path;
     QString underlying;
@@ -39,7 +39,7 @@ using Outcome = Expected<void, LaunchError>;
 // The first listed browser with the id (ignoring case), else the installed
 // desktop entry with that id. Settles with the launch's verdict: a browser
 // that ends at once with an error has not opened the link.
-QFuture<Outcome> open(const Link &url, const QString &bundleID, const QList<BrowserInfo> &browsers,
+QFuture<Outcome> open(const Link &url, const QString &desktopId, const QList<BrowserInfo> &browsers,
                       const LaunchPlatform &platform, const LaunchOptions &options = {});
 
 QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const LaunchPlatform &platform,
@@ -47,7 +47,7 @@ QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const LaunchP
 
 // The arguments Quillvane puts before the link: the user's own, then the
 // private-window option of the browser's family when asked for.
-QStringList argumentsBeforeLink(const QString &bundleID, const LaunchOptions &options);
+QStringList argumentsBeforeLink(const QString &desktopId, const LaunchOptions &options);
 
 // What a verdict means for a launch of this browser.
 Outcome fromVerdict(const BrowserInfo &browser, const ProcessLauncher::Result &verdict);

@@ -8,7 +8,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QRegularExpression>
 #include <QSet>
 #include <QSettings>
 #include <QStandardPaths>
@@ -290,12 +289,18 @@ std::optional<Failure> readRules(const QJsonValue &value, QList<RoutingRule> &ru
         if (auto failure = checkMembers(array[i], here, kind, RuleMembers))
             return failure;
         const RoutingRule rule = *RoutingRule::fromJson(array[i], i);
-        for (const Member &member : RuleMembers) {
-            const QString text = array[i].toObject().value(member.name).toString();
-            if (text.size() > RoutingRule::MaxTextLength)
-                return Failure{here + Path{Step{member.name}}, false,
+        const std::pair<QLatin1StringView, qsizetype> lengths[] = {
+            {RuleMembers[1].name, rule.sourceAppId.size()},
+            {RuleMembers[2].name, rule.sourceAppName.size()},
+            {RuleMembers[3].name, rule.targetBrowserId.size()},
+            {RuleMembers[4].name, rule.targetBrowserName.size()},
+            {RuleMembers[5].name, rule.urlPattern.value_or(QString()).size()},
+            {RuleMembers[6].name, rule.targetProfileID.value_or(QString()).size()}};
+        for (const auto &[name, length] : lengths) {
+            if (length > RoutingRule::MaxTextLength)
+                return Failure{here + Path{Step{name}}, false,
                                u"%1's \"%2\" is %3 characters long; a rule may have %4."_s.arg(
-                                   kind, member.name, QString::number(text.size()),
+                                   kind, name, QString::number(length),
                                    QString::number(RoutingRule::MaxTextLength))};
         }
         if (rule.targetProfileID) {
@@ -442,10 +447,23 @@ QByteArray encode(const Config &config)
     // A person who took it out does not want it back.
     if (!config.schema.isEmpty())
         root.insert(SchemaMember, config.schema);
-    QByteArray text = QJsonDocument(root).toJson(QJsonDocument::Indented);
-    // Qt opens an empty list on one line and closes it on the next.
-    static const QRegularExpression emptyList(uR"(\[\n\s*\])"_s);
-    return QString::fromUtf8(text).replace(emptyList, u"[]"_s).toUtf8();
+    const QByteArray text = QJsonDocument(root).toJson(QJsonDocument::Indented);
+    // Qt opens an empty list on one line and closes it on the next (a raw line
+    // break is never inside a JSON string).
+    QByteArray out;
+    out.reserve(text.size());
+    qsizetype from = 0;
+    for (qsizetype open = text.indexOf("[\n"); open >= 0; open = text.indexOf("[\n", open + 1)) {
+        qsizetype end = open + 1;
+        while (end < text.size() && (text[end] == '\n' || text[end] == ' '))
+            ++end;
+        if (end < text.size() && text[end] == ']') {
+            out.append(text.constData() + from, open + 1 - from);
+            from = end;
+        }
+    }
+    out.append(text.constData() + from, text.size() - from);
+    return out;
 }
 
 Expected<Config, Problem> decode(QByteArrayView bytes, const QString &file)

@@ -267,7 +267,10 @@ std::optional<QString> ConfigFile::write(const QByteArray &bytes)
     };
     if (!file.open(QIODevice::WriteOnly))
         return failure(file);
-    if (file.write(bytes) != bytes.size()) {
+    // A file keeps a write this small in its buffer, and QSaveFile does not see
+    // that emptying it at commit failed (a full disk, a file size limit): the
+    // truncated file would replace the good one.
+    if (file.write(bytes) != bytes.size() || !file.flush()) {
         const QString why = failure(file);
         file.cancelWriting();
         return why;

@@ -130,7 +130,7 @@ ExportData exportConfig(const Config &config, const QDateTime &now)
         QString::number(data.rules.size()), SystemLog::priv(config.fallbackBrowser));
     data.exportDate = QDateTime::fromSecsSinceEpoch(now.toSecsSinceEpoch(), Qt::UTC);
     if (!config.fallbackBrowser.isEmpty())
-        data.defaultBrowserBundleID = config.fallbackBrowser;
+        data.fallbackBrowserId = config.fallbackBrowser;
     data.urlCleaningEnabled = config.urlCleaningEnabled;
     data.fallbackAsks = config.fallbackAsks;
     if (!config.handoffs.isEmpty())
@@ -146,8 +146,8 @@ void apply(const ExportData &data, Config &config)
     // A document from before browser settings existed leaves them alone.
     if (data.browserPreferences)
         config.browserPreferences = *data.browserPreferences;
-    if (data.defaultBrowserBundleID) {
-        config.fallbackBrowser = *data.defaultBrowserBundleID;
+    if (data.fallbackBrowserId) {
+        config.fallbackBrowser = *data.fallbackBrowserId;
         config.fallbackAsks = false;
     }
     if (data.fallbackAsks)
@@ -198,7 +198,7 @@ QStringList describeChanges(const Config &before, const Config &after)
     QStringList launches;
     for (const BrowserPreference &preference : after.browserPreferences) {
         if (!preference.extraArguments.isEmpty())
-            launches.append(u"  %1 starts with: %2"_s.arg(preference.browserBundleID,
+            launches.append(u"  %1 starts with: %2"_s.arg(preference.browserId,
                                                          preference.extraArguments));
     }
     for (const RoutingRule &rule : after.rules) {
@@ -221,8 +221,8 @@ QByteArray encode(const ExportData &data)
         {u"rules"_s, rules},
         {u"urlCleaningEnabled"_s, data.urlCleaningEnabled},
     };
-    if (data.defaultBrowserBundleID)
-        document.insert(u"defaultBrowserBundleID"_s, *data.defaultBrowserBundleID);
+    if (data.fallbackBrowserId)
+        document.insert(u"defaultBrowserBundleID"_s, *data.fallbackBrowserId);
     if (data.fallbackAsks)
         document.insert(u"fallbackAsks"_s, true);
     if (data.handoffs)
@@ -333,7 +333,7 @@ Expected<ExportData, ConfigError> importFromJSON(QByteArrayView bytes)
     data.version = qint64(version.toDouble());
     data.exportDate = *date;
     if (fallback.isString())
-        data.defaultBrowserBundleID = fallback.toString();
+        data.fallbackBrowserId = fallback.toString();
     data.urlCleaningEnabled = cleaning.toBool();
 
     if (data.version < SupportedVersion) {

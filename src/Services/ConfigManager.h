@@ -26,7 +26,7 @@ struct ExportData
 {
     qint64 version = SupportedVersion;
     QDateTime exportDate;
-    std::optional<QString> defaultBrowserBundleID;
+    std::optional<QString> fallbackBrowserId;
     QList<RoutingRule> rules;
     bool urlCleaningEnabled = true;
     // Absent from documents of earlier versions (and when nothing is set).

@@ -88,5 +88,5 @@ std::optional<SourceApp> OpenRequestSources::applicationOf(const OpenRequest &re
         debugLog(u"  its sender is no installed application"_s);
         return std::nullopt;
     }
-    return SourceApp{found.bundleID, found.name.isEmpty() ? found.bundleID : found.name};
+    return SourceApp{found.desktopId, found.name.isEmpty() ? found.desktopId : found.name};
 }

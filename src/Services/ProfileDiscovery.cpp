@@ -139,16 +139,16 @@ bool isLineBreak(QChar c)
 
 // The profile unless its id is unusable, which is logged.
 std::optional<BrowserProfile> usableProfile(const QString &id, const QString &name,
-                                            const QString &browserBundleID)
+                                            const QString &browserId)
 {
     if (const auto why = unusableProfileID(id)) {
         qCWarning(lcProfileDiscovery).noquote()
-            << u"Leaving out a profile of %1: %2"_s.arg(browserBundleID, *why);
+            << u"Leaving out a profile of %1: %2"_s.arg(browserId, *why);
         return std::nullopt;
     }
     // Names are shown in menus, lists and terminals: a line break or an escape
     // sequence in one is written out, here, once.
-    return BrowserProfile{id, DisplayText::escapeControls(name), browserBundleID};
+    return BrowserProfile{id, DisplayText::escapeControls(name), browserId};
 }
 
 } // namespace
@@ -172,10 +172,10 @@ std::optional<QString> unusableProfileID(QStringView id)
         DisplayText::escapeControls(id.left(200)), why);
 }
 
-std::optional<SupportedBrowser> supportedBrowser(const QString &bundleID)
+std::optional<SupportedBrowser> supportedBrowser(const QString &desktopId)
 {
     for (const KnownBrowser &browser : KnownBrowsers) {
-        if (browser.id.compare(bundleID, Qt::CaseInsensitive) != 0)
+        if (browser.id.compare(desktopId, Qt::CaseInsensitive) != 0)
             continue;
         const QString directory = browser.family == Family::Firefox ? firefoxDirectory(browser)
                                                                     : chromiumDirectory(browser);
@@ -186,28 +186,28 @@ std::optional<SupportedBrowser> supportedBrowser(const QString &bundleID)
     return std::nullopt;
 }
 
-QString privateWindowFlag(const QString &bundleID)
+QString privateWindowFlag(const QString &desktopId)
 {
-    const auto browser = supportedBrowser(bundleID);
+    const auto browser = supportedBrowser(desktopId);
     if (!browser)
         return {};
     return browser->family == Family::Firefox ? u"--private-window"_s : u"--incognito"_s;
 }
 
-QList<BrowserProfile> discoverProfiles(const QString &bundleID)
+QList<BrowserProfile> discoverProfiles(const QString &desktopId)
 {
-    const auto browser = supportedBrowser(bundleID);
+    const auto browser = supportedBrowser(desktopId);
     if (!browser) {
         qCDebug(lcProfileDiscovery).noquote()
-            << u"Unsupported browser for profile discovery: %1"_s.arg(SystemLog::priv(bundleID));
+            << u"Unsupported browser for profile discovery: %1"_s.arg(SystemLog::priv(desktopId));
         return {};
     }
     if (browser->family == Family::Firefox)
-        return discoverFirefoxProfiles(browser->bundleID, browser->profileFile);
-    return discoverChromiumProfiles(browser->bundleID, browser->profileFile);
+        return discoverFirefoxProfiles(browser->desktopId, browser->profileFile);
+    return discoverChromiumProfiles(browser->desktopId, browser->profileFile);
 }
 
-QList<BrowserProfile> discoverChromiumProfiles(const QString &browserBundleID,
+QList<BrowserProfile> discoverChromiumProfiles(const QString &browserId,
                                                const QString &localStatePath)
 {
     const auto bytes = readProfileFile(localStatePath, u"Local State file");
@@ -234,7 +234,7 @@ QList<BrowserProfile> discoverChromiumProfiles(const QString &browserBundleID,
                 << u"Skipping malformed profile entry: %1"_s.arg(SystemLog::priv(entry.directory));
             continue;
         }
-        if (auto profile = usableProfile(entry.directory, *entry.name, browserBundleID))
+        if (auto profile = usableProfile(entry.directory, *entry.name, browserId))
             profiles.append(std::move(*profile));
     }
     QCollator collator;
@@ -244,11 +244,11 @@ QList<BrowserProfile> discoverChromiumProfiles(const QString &browserBundleID,
                          return collator.compare(a.id, b.id) < 0;
                      });
     qCInfo(lcProfileDiscovery).noquote() << u"Discovered %1 profile(s) for %2"_s.arg(
-        QString::number(profiles.size()), browserBundleID);
+        QString::number(profiles.size()), browserId);
     return profiles;
 }
 
-QList<BrowserProfile> discoverFirefoxProfiles(const QString &browserBundleID,
+QList<BrowserProfile> discoverFirefoxProfiles(const QString &browserId,
                                               const QString &profilesIniPath)
 {
     const auto bytes = readProfileFile(profilesIniPath, u"Firefox profiles.ini");
@@ -261,13 +261,13 @@ QList<BrowserProfile> discoverFirefoxProfiles(const QString &browserBundleID,
             << u"Could not read Firefox profiles.ini at %1"_s.arg(SystemLog::priv(profilesIniPath));
         return {};
     }
-    const QList<BrowserProfile> profiles = parseFirefoxProfilesIni(text, browserBundleID);
+    const QList<BrowserProfile> profiles = parseFirefoxProfilesIni(text, browserId);
     qCInfo(lcProfileDiscovery).noquote()
         << u"Discovered %1 Firefox profile(s)"_s.arg(profiles.size());
     return profiles;
 }
 
-QList<BrowserProfile> parseFirefoxProfilesIni(QStringView text, const QString &browserBundleID)
+QList<BrowserProfile> parseFirefoxProfilesIni(QStringView text, const QString &browserId)
 {
     QList<BrowserProfile> profiles;
     bool inProfile = false;
@@ -277,7 +277,7 @@ QList<BrowserProfile> parseFirefoxProfilesIni(QStringView text, const QString &b
     bool named = false;
     const auto endSection = [&] {
         if (inProfile && named) {
-            if (auto profile = usableProfile(name, name, browserBundleID))
+            if (auto profile = usableProfile(name, name, browserId))
                 profiles.append(std::move(*profile));
         }
         named = false;

@@ -25,18 +25,18 @@ enum class Family
 struct SupportedBrowser
 {
     // The id as Quillvane writes it in profiles, whatever case the caller used.
-    QString bundleID;
+    QString desktopId;
     Family family;
     // Where the browser keeps its profile list for this user.
     QString profileFile;
 };
 
 // The supported browser with this id (ignoring case), if it is one.
-std::optional<SupportedBrowser> supportedBrowser(const QString &bundleID);
+std::optional<SupportedBrowser> supportedBrowser(const QString &desktopId);
 
 // The option that opens the browser's private window: --incognito for the
 // Chromium family, --private-window for Firefox; empty for other browsers.
-QString privateWindowFlag(const QString &bundleID);
+QString privateWindowFlag(const QString &desktopId);
 
 // Why a profile id cannot reach a browser's command line; none when it can. An
 // id that begins with "-" would be read as an option ("--headless",
@@ -45,12 +45,12 @@ QString privateWindowFlag(const QString &bundleID);
 // their files are read, and refused wherever an id comes in.
 std::optional<QString> unusableProfileID(QStringView id);
 
-QList<BrowserProfile> discoverProfiles(const QString &bundleID);
+QList<BrowserProfile> discoverProfiles(const QString &desktopId);
 
-QList<BrowserProfile> discoverChromiumProfiles(const QString &browserBundleID,
+QList<BrowserProfile> discoverChromiumProfiles(const QString &browserId,
                                                const QString &localStatePath);
-QList<BrowserProfile> discoverFirefoxProfiles(const QString &browserBundleID,
+QList<BrowserProfile> discoverFirefoxProfiles(const QString &browserId,
                                               const QString &profilesIniPath);
-QList<BrowserProfile> parseFirefoxProfilesIni(QStringView text, const QString &browserBundleID);
+QList<BrowserProfile> parseFirefoxProfilesIni(QStringView text, const QString &browserId);
 
 } // namespace ProfileDiscovery

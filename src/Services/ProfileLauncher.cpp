@@ -38,14 +38,14 @@ QString LaunchError::description() const
     case Kind::LaunchFailed:
         return u"Failed to launch browser with profile: %1"_s.arg(underlying);
     case Kind::UnsupportedBrowser:
-        return u"Profile launch is not supported for browser: %1"_s.arg(bundleID);
+        return u"Profile launch is not supported for browser: %1"_s.arg(desktopId);
     }
     return {};
 }
 
-QStringList profileArguments(const QString &bundleID, const QString &profileID)
+QStringList profileArguments(const QString &desktopId, const QString &profileID)
 {
-    const auto browser = ProfileDiscovery::supportedBrowser(bundleID);
+    const auto browser = ProfileDiscovery::supportedBrowser(desktopId);
     if (!browser)
         return {};
     if (browser->family == ProfileDiscovery::Family::Firefox)
@@ -56,13 +56,13 @@ QStringList profileArguments(const QString &bundleID, const QString &profileID)
 QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const QString &profileID,
                       const LaunchPlatform &platform, const LaunchOptions &options)
 {
-    const auto supported = ProfileDiscovery::supportedBrowser(browser.bundleID);
+    const auto supported = ProfileDiscovery::supportedBrowser(browser.desktopId);
     if (!supported) {
         qCCritical(lcProfileLauncher).noquote()
             << u"Unsupported browser for profile launch: %1"_s.arg(
-                   SystemLog::priv(browser.bundleID));
+                   SystemLog::priv(browser.desktopId));
         return QtFuture::makeReadyFuture<Outcome>(
-            LaunchError{LaunchError::Kind::UnsupportedBrowser, {}, {}, browser.bundleID});
+            LaunchError{LaunchError::Kind::UnsupportedBrowser, {}, {}, browser.desktopId});
     }
     const QString family =
         supported->family == ProfileDiscovery::Family::Firefox ? u"Firefox"_s : u"Chromium"_s;
@@ -87,8 +87,8 @@ QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const QString
     // The profile's options go where the entry's own options end, as any of Quillvane's.
     QStringList command =
         argv ? ExecLine::forLink(*argv, *entry, url.toString(),
-                                 profileArguments(browser.bundleID, profileID)
-                                     + BrowserLauncher::argumentsBeforeLink(browser.bundleID,
+                                 profileArguments(browser.desktopId, profileID)
+                                     + BrowserLauncher::argumentsBeforeLink(browser.desktopId,
                                                                             options))
              : QStringList();
     const QString program = command.isEmpty() ? QString() : executablePath(command.first());

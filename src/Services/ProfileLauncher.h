@@ -29,7 +29,7 @@ struct LaunchError
     // The browser's desktop entry, for BrowserExecutableNotFound.
     QString browserPath;
     QString underlying;
-    QString bundleID;
+    QString desktopId;
 
     QString description() const;
 };
@@ -37,7 +37,7 @@ struct LaunchError
 using Outcome = Expected<void, LaunchError>;
 
 // The arguments that choose the profile, for a browser of that family.
-QStringList profileArguments(const QString &bundleID, const QString &profileID);
+QStringList profileArguments(const QString &desktopId, const QString &profileID);
 
 // Settles with the launch's verdict, as the browser launcher's does.
 QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const QString &profileID,

@@ -44,8 +44,8 @@ std::optional<QString> creditedRule(const std::optional<SourceApp> &source,
     if (!source)
         return std::nullopt;
     for (const RoutingRule &rule : rules) {
-        if (!rule.sourceAppBundleID.isEmpty()
-            && rule.sourceAppBundleID.compare(source->bundleID, Qt::CaseInsensitive) == 0)
+        if (!rule.sourceAppId.isEmpty()
+            && rule.sourceAppId.compare(source->desktopId, Qt::CaseInsensitive) == 0)
             return rule.sourceAppName + u" → " + rule.targetBrowserName;
     }
     return std::nullopt;
@@ -95,8 +95,8 @@ RoutePlan prepare(const Link &received, const std::optional<SourceApp> &source,
     plan.source = source;
     if (policy.honourPause && !settings.rulesEnabled) {
         plan.decision = RoutePlan::Decision::Paused;
-        if (!settings.defaultBrowserBundleID.isEmpty() || settings.fallbackAsks)
-            plan.result = RouteResult{settings.defaultBrowserBundleID, std::nullopt, false,
+        if (!settings.fallbackBrowserId.isEmpty() || settings.fallbackAsks)
+            plan.result = RouteResult{settings.fallbackBrowserId, std::nullopt, false,
                                       settings.fallbackAsks};
         plan.ruleMatched = u"⏸ Rules paused"_s;
         return plan;
@@ -134,7 +134,7 @@ void decide(RoutePlan &plan, const RouteSettings &settings, const RoutePolicy &p
         return;
     const URLRouter::Decision decision =
         URLRouter::decide(plan.working, plan.source, settings.rules,
-                          settings.defaultBrowserBundleID, policy.trail ? &plan.trail : nullptr);
+                          settings.fallbackBrowserId, policy.trail ? &plan.trail : nullptr);
     plan.decision = fromRouter(decision.kind);
     plan.result = decision.result;
     plan.ruleMatched = creditedRule(plan.source, settings.rules.rules());
@@ -161,7 +161,7 @@ void decide(RoutePlan &plan, const RouteSettings &settings, const RoutePolicy &p
         && (plan.decision == RoutePlan::Decision::Fallback
             || plan.decision == RoutePlan::Decision::NoRoute)) {
         plan.decision = RoutePlan::Decision::Ask;
-        plan.result = RouteResult{settings.defaultBrowserBundleID, std::nullopt, false, true};
+        plan.result = RouteResult{settings.fallbackBrowserId, std::nullopt, false, true};
     }
     if (plan.result && !policy.keepProfile)
         plan.result->profileID.reset();
@@ -176,11 +176,11 @@ void decide(RoutePlan &plan, const RouteSettings &settings, const RoutePolicy &p
         && settings.preferRunningBrowser && settings.runningBrowsers) {
         const QStringList running = settings.runningBrowsers();
         if (!running.isEmpty()
-            && !running.contains(settings.defaultBrowserBundleID, Qt::CaseInsensitive)) {
+            && !running.contains(settings.fallbackBrowserId, Qt::CaseInsensitive)) {
             if (policy.trail)
                 plan.trail.append(
                     u"RUNNING: %1 instead of the fallback %2, which does not run"_s.arg(
-                        running.first(), settings.defaultBrowserBundleID));
+                        running.first(), settings.fallbackBrowserId));
             plan.decision = RoutePlan::Decision::RunningBrowser;
             plan.result = RouteResult{running.first(), std::nullopt};
         }

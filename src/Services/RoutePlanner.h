@@ -18,12 +18,12 @@
 struct RouteSettings
 {
     URLRouter::CompiledRules rules;
-    QString defaultBrowserBundleID;
+    QString fallbackBrowserId;
     bool rulesEnabled = true;
     bool urlCleaningEnabled = true;
     bool urlExpansionEnabled = true;
     bool urlUnwrappingEnabled = true;
-    // The fallback is "Ask"; defaultBrowserBundleID is then offered first.
+    // The fallback is "Ask"; fallbackBrowserId is then offered first.
     bool fallbackAsks = false;
     std::function<bool(const Link &)> isShortLink;
     // The handoffs switched on, by id, and the app the desktop opens a scheme

@@ -39,18 +39,18 @@ QList<RunningAppInfo> running(ProcessApps &processes, DesktopEntries &entries)
     QSet<QString> hidden;
     for (const qint64 pid : processes.processIds()) {
         const ProcessApps::Lookup found = processes.lookup(pid);
-        if (found.kind != ProcessApps::Lookup::Kind::Application || found.bundleID.isEmpty()
-            || found.name.isEmpty() || isSelf(found.bundleID) || seen.contains(found.bundleID)
-            || hidden.contains(found.bundleID))
+        if (found.kind != ProcessApps::Lookup::Kind::Application || found.desktopId.isEmpty()
+            || found.name.isEmpty() || isSelf(found.desktopId) || seen.contains(found.desktopId)
+            || hidden.contains(found.desktopId))
             continue;
         // Helpers and background services have entries hidden from menus.
-        const auto entry = entries.entry(found.bundleID);
+        const auto entry = entries.entry(found.desktopId);
         if (!entry || entry->noDisplay) {
-            hidden.insert(found.bundleID);
+            hidden.insert(found.desktopId);
             continue;
         }
-        seen.insert(found.bundleID);
-        apps.append({found.bundleID, found.name});
+        seen.insert(found.desktopId);
+        apps.append({found.desktopId, found.name});
     }
     sortByName(apps);
     return apps;

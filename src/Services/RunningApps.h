@@ -8,7 +8,7 @@ class ProcessApps;
 
 struct RunningAppInfo
 {
-    QString bundleID;
+    QString desktopId;
     QString name;
 
     bool operator==(const RunningAppInfo &) const = default;

@@ -11,7 +11,7 @@ RunningBrowsers::Process RunningBrowsers::identify(qint64 pid)
     const ProcessApps::Lookup found = m_processes.lookup(pid);
     if (found.kind != ProcessApps::Lookup::Kind::Application)
         return {};
-    return Process{m_processes.startTime(pid).value_or(0), found.bundleID.toLower()};
+    return Process{m_processes.startTime(pid).value_or(0), found.desktopId.toLower()};
 }
 
 std::optional<quint64> RunningBrowsers::firstStarted(const QString &application)

@@ -41,7 +41,7 @@ private:
 
 QString describe(const SourceApp &app)
 {
-    return DisplayText::escapeControls(u"%1 (%2)"_s.arg(app.name, app.bundleID));
+    return DisplayText::escapeControls(u"%1 (%2)"_s.arg(app.name, app.desktopId));
 }
 
 qint64 monotonicMs()
@@ -118,7 +118,7 @@ std::optional<SourceApp> SourceAppResolver::resolveByPID(qint64 pid)
         debugLog(u"  resolveByPID(%1): is self, skipping"_s.arg(pid));
         return std::nullopt;
     case Kind::Application:
-        return SourceApp{found.bundleID, found.name.isEmpty() ? found.bundleID : found.name};
+        return SourceApp{found.desktopId, found.name.isEmpty() ? found.desktopId : found.name};
     }
     return std::nullopt;
 }
@@ -213,14 +213,14 @@ std::optional<SourceApp> SourceAppResolver::applicationOf(qint64 pid, const QStr
     if (!appId.isEmpty()) {
         const ProcessApps::Lookup named = m_apps.application(appId);
         if (named.kind == ProcessApps::Lookup::Kind::Application)
-            return SourceApp{named.bundleID, named.name.isEmpty() ? named.bundleID : named.name};
+            return SourceApp{named.desktopId, named.name.isEmpty() ? named.desktopId : named.name};
     }
     if (pid < 1)
         return std::nullopt;
     const ProcessApps::Lookup found = m_apps.lookup(pid);
     if (found.kind != ProcessApps::Lookup::Kind::Application)
         return std::nullopt;
-    return SourceApp{found.bundleID, found.name.isEmpty() ? found.bundleID : found.name};
+    return SourceApp{found.desktopId, found.name.isEmpty() ? found.desktopId : found.name};
 }
 
 std::optional<SourceApp> SourceAppResolver::fallbackToFrontmostApp()

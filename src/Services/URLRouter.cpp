@@ -215,7 +215,7 @@ bool sameApp(const QString &a, const QString &b)
 Decision matched(Decision::Kind kind, const RoutingRule &rule, qsizetype index)
 {
     return Decision{kind,
-                    RouteResult{rule.targetBrowserBundleID, rule.targetProfileID,
+                    RouteResult{rule.targetBrowserId, rule.targetProfileID,
                                 rule.openInPrivateWindow, rule.askWhereToOpen},
                     index};
 }
@@ -247,8 +247,8 @@ struct Plan
         for (qsizetype i = 0; i < rules.size(); ++i) {
             const RoutingRule &rule = rules[i];
             lines.append(u"  rule[%1]: src=%2 pattern=%3 → %4"_s.arg(
-                QString::number(i), shown(rule.sourceAppBundleID), orNil(rule.urlPattern),
-                shown(rule.targetBrowserBundleID)));
+                QString::number(i), shown(rule.sourceAppId), orNil(rule.urlPattern),
+                shown(rule.targetBrowserId)));
         }
         return lines;
     }
@@ -299,15 +299,15 @@ const QList<RoutingRule> &CompiledRules::rules() const
 }
 
 Decision decide(const Link &url, const std::optional<SourceApp> &source,
-                const CompiledRules &compiled, const QString &defaultBrowserBundleID,
+                const CompiledRules &compiled, const QString &fallbackBrowserId,
                 QStringList *trail)
 {
     const Plan &plan = *compiled.m_plan;
     const QList<RoutingRule> &rules = plan.rules;
     if (trail) {
         trail->append(u"route() called — url=%1, source=%2, rules=%3, fallback=%4"_s.arg(
-            url.toString(), source ? shown(source->bundleID) : u"nil"_s,
-            QString::number(rules.size()), shown(defaultBrowserBundleID)));
+            url.toString(), source ? shown(source->desktopId) : u"nil"_s,
+            QString::number(rules.size()), shown(fallbackBrowserId)));
         trail->append(plan.trailLines());
     }
 
@@ -318,7 +318,7 @@ Decision decide(const Link &url, const std::optional<SourceApp> &source,
         for (const Plan::Candidate &candidate : plan.appRules) {
             const qsizetype i = candidate.index;
             const RoutingRule &rule = rules[i];
-            if (!sameApp(rule.sourceAppBundleID, source->bundleID))
+            if (!sameApp(rule.sourceAppId, source->desktopId))
                 continue;
             if (!rule.urlPattern) {
                 if (!sourceOnly)
@@ -326,8 +326,8 @@ Decision decide(const Link &url, const std::optional<SourceApp> &source,
             } else if (matches(subject, *rule.urlPattern, candidate.shape, candidate.canonical)) {
                 if (trail) {
                     trail->append(u"MATCHED combined rule: src=%1 pattern=%2 → %3"_s.arg(
-                        shown(rule.sourceAppBundleID), shown(*rule.urlPattern),
-                        shown(rule.targetBrowserBundleID)));
+                        shown(rule.sourceAppId), shown(*rule.urlPattern),
+                        shown(rule.targetBrowserId)));
                 }
                 return matched(Decision::Kind::Combined, rule, i);
             }
@@ -336,7 +336,7 @@ Decision decide(const Link &url, const std::optional<SourceApp> &source,
             const RoutingRule &rule = rules[*sourceOnly];
             if (trail)
                 trail->append(u"MATCHED source-only rule: %1 → %2"_s.arg(
-                    shown(rule.sourceAppBundleID), shown(rule.targetBrowserBundleID)));
+                    shown(rule.sourceAppId), shown(rule.targetBrowserId)));
             return matched(Decision::Kind::SourceOnly, rule, *sourceOnly);
         }
     }
@@ -346,7 +346,7 @@ Decision decide(const Link &url, const std::optional<SourceApp> &source,
         if (matches(subject, *rule.urlPattern, candidate.shape, candidate.canonical)) {
             if (trail) {
                 trail->append(u"MATCHED url-only rule: pattern=%1 → %2"_s.arg(
-                    shown(*rule.urlPattern), shown(rule.targetBrowserBundleID)));
+                    shown(*rule.urlPattern), shown(rule.targetBrowserId)));
             }
             return matched(Decision::Kind::UrlOnly, rule, candidate.index);
         }
@@ -354,22 +354,22 @@ Decision decide(const Link &url, const std::optional<SourceApp> &source,
 
     if (trail)
         trail->append(u"No rule matched"_s);
-    if (defaultBrowserBundleID.isEmpty()) {
+    if (fallbackBrowserId.isEmpty()) {
         if (trail)
             trail->append(u"No route available (no rules matched, no fallback)"_s);
         return Decision{};
     }
     if (trail)
-        trail->append(u"Using fallback browser: %1"_s.arg(shown(defaultBrowserBundleID)));
-    return Decision{Decision::Kind::Fallback, RouteResult{defaultBrowserBundleID, std::nullopt},
+        trail->append(u"Using fallback browser: %1"_s.arg(shown(fallbackBrowserId)));
+    return Decision{Decision::Kind::Fallback, RouteResult{fallbackBrowserId, std::nullopt},
                     -1};
 }
 
 std::optional<RouteResult> route(const Link &url, const std::optional<SourceApp> &source,
                                  const CompiledRules &rules,
-                                 const QString &defaultBrowserBundleID)
+                                 const QString &fallbackBrowserId)
 {
-    return decide(url, source, rules, defaultBrowserBundleID).result;
+    return decide(url, source, rules, fallbackBrowserId).result;
 }
 
 bool matchesPattern(const Link &url, QStringView pattern)

@@ -55,12 +55,12 @@ private:
 
 // trail: when given, receives the lines that tell how the decision was reached.
 Decision decide(const Link &url, const std::optional<SourceApp> &source,
-                const CompiledRules &rules, const QString &defaultBrowserBundleID,
+                const CompiledRules &rules, const QString &fallbackBrowserId,
                 QStringList *trail = nullptr);
 
 std::optional<RouteResult> route(const Link &url, const std::optional<SourceApp> &source,
                                  const CompiledRules &rules,
-                                 const QString &defaultBrowserBundleID);
+                                 const QString &fallbackBrowserId);
 
 bool matchesPattern(const Link &url, QStringView pattern);
 

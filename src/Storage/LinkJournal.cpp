@@ -46,7 +46,7 @@ std::optional<qint64> accept(HistoryDatabase &database, QList<Entry> &entries,
                 .bind(1, qint64(entry.kind))
                 .bind(2, JsonFields::referenceSeconds(now.wall))
                 .bind(3, entry.url)
-                .bind(4, entry.source ? std::optional(entry.source->bundleID) : std::nullopt)
+                .bind(4, entry.source ? std::optional(entry.source->desktopId) : std::nullopt)
                 .bind(5, entry.source ? std::optional(entry.source->name) : std::nullopt)
                 .bind(6, entry.activationToken.isEmpty() ? std::nullopt
                                                          : std::optional(entry.activationToken))
@@ -127,9 +127,9 @@ QList<Entry> unfinished(HistoryDatabase &database, const Writer &writer)
             entry.kind = rows.integer(1) == qint64(Kind::Route) ? Kind::Route : Kind::Open;
             entry.receivedAt = then.wall.isValid() ? then.wall : now.wall;
             entry.url = rows.text(3);
-            const std::optional<QString> bundleID = rows.optionalText(4);
-            if (bundleID)
-                entry.source = SourceApp{*bundleID, rows.optionalText(5).value_or(*bundleID)};
+            const std::optional<QString> desktopId = rows.optionalText(4);
+            if (desktopId)
+                entry.source = SourceApp{*desktopId, rows.optionalText(5).value_or(*desktopId)};
             entry.activationToken = rows.optionalText(6).value_or(QString());
             entry.browser = rows.optionalText(7).value_or(QString());
             entry.counted = rows.integer(8) != 0;

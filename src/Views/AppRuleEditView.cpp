@@ -18,7 +18,7 @@ AppRuleEditView::AppRuleEditView(AppState &state, RuleEditServices services,
     , m_manual(new QCheckBox(u"Enter manually"_s))
     , m_source(new QComboBox)
     , m_installed(new QComboBox)
-    , m_manualBundleID(new QLineEdit)
+    , m_manualId(new QLineEdit)
     , m_manualName(new QLineEdit)
 {
     setObjectName(u"appRuleSheet"_s);
@@ -31,8 +31,8 @@ AppRuleEditView::AppRuleEditView(AppState &state, RuleEditServices services,
     m_source->setAccessibleName(u"Application"_s);
     m_source->addItem(u"Select an application..."_s, QString());
     for (const RunningAppInfo &app : std::as_const(m_running))
-        m_source->addItem(BrowserIcons::appIcon(app.bundleID, m_services.entries),
-                          u"%1 (%2)"_s.arg(app.name, app.bundleID), app.bundleID);
+        m_source->addItem(BrowserIcons::appIcon(app.desktopId, m_services.entries),
+                          u"%1 (%2)"_s.arg(app.name, app.desktopId), app.desktopId);
 
     // By hand: an id is not something people know, so the installed
     // applications can fill the fields.
@@ -44,14 +44,14 @@ AppRuleEditView::AppRuleEditView(AppState &state, RuleEditServices services,
     m_installed->setAccessibleName(u"Installed application"_s);
     m_installed->addItem(u"Choose from installed applications..."_s, QString());
     for (const RunningAppInfo &app : RunningApps::installed(m_services.entries))
-        m_installed->addItem(u"%1 (%2)"_s.arg(app.name, app.bundleID),
-                             QStringList{app.bundleID, app.name});
-    m_manualBundleID->setObjectName(u"manualBundleID"_s);
-    m_manualBundleID->setPlaceholderText(u"Bundle ID"_s);
+        m_installed->addItem(u"%1 (%2)"_s.arg(app.name, app.desktopId),
+                             QStringList{app.desktopId, app.name});
+    m_manualId->setObjectName(u"manualBundleID"_s);
+    m_manualId->setPlaceholderText(u"Bundle ID"_s);
     m_manualName->setObjectName(u"manualAppName"_s);
     m_manualName->setPlaceholderText(u"App Name (optional)"_s);
     manualColumn->addWidget(m_installed);
-    manualColumn->addWidget(m_manualBundleID);
+    manualColumn->addWidget(m_manualId);
     manualColumn->addWidget(m_manualName);
 
     // One mode shows at a time; a hidden one takes no room.
@@ -62,11 +62,11 @@ AppRuleEditView::AppRuleEditView(AppState &state, RuleEditServices services,
 
     connect(m_manual, &QCheckBox::toggled, this, &AppRuleEditView::setManual);
     connect(m_source, &QComboBox::currentIndexChanged, this, &AppRuleEditView::updateSaveButton);
-    connect(m_manualBundleID, &QLineEdit::textChanged, this, &AppRuleEditView::updateSaveButton);
+    connect(m_manualId, &QLineEdit::textChanged, this, &AppRuleEditView::updateSaveButton);
     connect(m_installed, &QComboBox::activated, this, [this](int index) {
         const QStringList picked = m_installed->itemData(index).toStringList();
         if (picked.size() == 2) {
-            m_manualBundleID->setText(picked[0]);
+            m_manualId->setText(picked[0]);
             m_manualName->setText(picked[1]);
         }
     });
@@ -74,12 +74,12 @@ AppRuleEditView::AppRuleEditView(AppState &state, RuleEditServices services,
     if (const auto rule = existingRule()) {
         const bool running =
             std::any_of(m_running.cbegin(), m_running.cend(), [&](const RunningAppInfo &app) {
-                return app.bundleID == rule->sourceAppBundleID;
+                return app.desktopId == rule->sourceAppId;
             });
         if (running) {
-            m_source->setCurrentIndex(m_source->findData(rule->sourceAppBundleID));
+            m_source->setCurrentIndex(m_source->findData(rule->sourceAppId));
         } else {
-            m_manualBundleID->setText(rule->sourceAppBundleID);
+            m_manualId->setText(rule->sourceAppId);
             m_manualName->setText(rule->sourceAppName);
             m_manual->setChecked(true);
         }
@@ -95,21 +95,21 @@ void AppRuleEditView::setManual(bool manual)
     updateSaveButton();
 }
 
-QString AppRuleEditView::resolvedSourceBundleID() const
+QString AppRuleEditView::resolvedSourceId() const
 {
-    return m_manual->isChecked() ? m_manualBundleID->text() : m_source->currentData().toString();
+    return m_manual->isChecked() ? m_manualId->text() : m_source->currentData().toString();
 }
 
 QString AppRuleEditView::resolvedSourceName() const
 {
     if (m_manual->isChecked())
-        return m_manualName->text().isEmpty() ? m_manualBundleID->text() : m_manualName->text();
+        return m_manualName->text().isEmpty() ? m_manualId->text() : m_manualName->text();
     const QString id = m_source->currentData().toString();
     // Asked again: an application that quit meanwhile is saved under its id.
     const QList<RunningAppInfo> now =
         m_services.runningApps ? m_services.runningApps() : QList<RunningAppInfo>();
     for (const RunningAppInfo &app : now) {
-        if (app.bundleID == id)
+        if (app.desktopId == id)
             return app.name;
     }
     return id;
@@ -117,14 +117,14 @@ QString AppRuleEditView::resolvedSourceName() const
 
 bool AppRuleEditView::canSaveOwnFields() const
 {
-    return !resolvedSourceBundleID().isEmpty();
+    return !resolvedSourceId().isEmpty();
 }
 
 RoutingRule AppRuleEditView::ownFields() const
 {
     // This sheet makes no patterns: saving an app rule that had one removes it.
     RoutingRule rule;
-    rule.sourceAppBundleID = resolvedSourceBundleID();
+    rule.sourceAppId = resolvedSourceId();
     rule.sourceAppName = resolvedSourceName();
     rule.urlPattern = std::nullopt;
     return rule;

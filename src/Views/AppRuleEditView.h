@@ -16,7 +16,7 @@ public:
     AppRuleEditView(AppState &state, RuleEditServices services,
                     std::optional<RoutingRule> existing = std::nullopt, QWidget *parent = nullptr);
 
-    QString resolvedSourceBundleID() const;
+    QString resolvedSourceId() const;
     QString resolvedSourceName() const;
 
 protected:
@@ -31,6 +31,6 @@ private:
     QWidget *m_manualPage = nullptr;
     QComboBox *m_source;
     QComboBox *m_installed;
-    QLineEdit *m_manualBundleID;
+    QLineEdit *m_manualId;
     QLineEdit *m_manualName;
 };

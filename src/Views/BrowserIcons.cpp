@@ -34,12 +34,12 @@ QIcon lookUp(const QString &id, DesktopEntries &entries, const QString &generic)
 
 QIcon icon(const BrowserInfo &browser, DesktopEntries &entries)
 {
-    return lookUp(browser.bundleID, entries, u"web-browser"_s);
+    return lookUp(browser.desktopId, entries, u"web-browser"_s);
 }
 
-QIcon appIcon(const QString &bundleID, DesktopEntries &entries)
+QIcon appIcon(const QString &desktopId, DesktopEntries &entries)
 {
-    return lookUp(bundleID, entries, u"application-x-executable"_s);
+    return lookUp(desktopId, entries, u"application-x-executable"_s);
 }
 
 } // namespace BrowserIcons

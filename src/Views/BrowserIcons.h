@@ -13,6 +13,6 @@ namespace BrowserIcons {
 QIcon icon(const BrowserInfo &browser, DesktopEntries &entries);
 // Any application's icon by its id; the generic application icon when it is
 // not installed or has none.
-QIcon appIcon(const QString &bundleID, DesktopEntries &entries);
+QIcon appIcon(const QString &desktopId, DesktopEntries &entries);
 
 } // namespace BrowserIcons

@@ -89,10 +89,10 @@ QString BrowsersPane::selectedBrowser() const
     return item ? item->data(Qt::UserRole).toString() : QString();
 }
 
-void BrowsersPane::selectBrowser(const QString &bundleID)
+void BrowsersPane::selectBrowser(const QString &desktopId)
 {
     for (int row = 0; row < m_list->count(); ++row) {
-        if (m_list->item(row)->data(Qt::UserRole).toString() == bundleID)
+        if (m_list->item(row)->data(Qt::UserRole).toString() == desktopId)
             m_list->setCurrentRow(row);
     }
 }
@@ -103,11 +103,11 @@ void BrowsersPane::fillList()
     const QSignalBlocker blocker(m_list);
     m_list->clear();
     for (const BrowserInfo &browser : m_state.browsers()) {
-        const bool hidden = m_state.browserPreference(browser.bundleID).hidden;
+        const bool hidden = m_state.browserPreference(browser.desktopId).hidden;
         auto *item = new QListWidgetItem(BrowserIcons::icon(browser, m_entries),
                                          hidden ? browser.name + u" (hidden)"_s : browser.name);
-        item->setData(Qt::UserRole, browser.bundleID);
-        item->setToolTip(browser.bundleID);
+        item->setData(Qt::UserRole, browser.desktopId);
+        item->setToolTip(browser.desktopId);
         if (hidden)
             item->setForeground(palette().color(QPalette::PlaceholderText));
         m_list->addItem(item);

@@ -22,7 +22,7 @@ public:
 
     // The browser shown in the details, by id; empty when there is none.
     QString selectedBrowser() const;
-    void selectBrowser(const QString &bundleID);
+    void selectBrowser(const QString &desktopId);
 
 private:
     void fillList();

@@ -111,11 +111,11 @@ void ConfigPane::exportConfig()
 std::optional<QString>
 ConfigPane::sendsLinksToQuillvane(const ConfigManager::ExportData &config) const
 {
-    if (config.defaultBrowserBundleID && m_state.isQuillvane(*config.defaultBrowserBundleID))
-        return u"“%1” (the fallback browser)"_s.arg(config.defaultBrowserBundleID->left(200));
+    if (config.fallbackBrowserId && m_state.isQuillvane(*config.fallbackBrowserId))
+        return u"“%1” (the fallback browser)"_s.arg(config.fallbackBrowserId->left(200));
     for (const RoutingRule &rule : config.rules) {
-        if (m_state.isQuillvane(rule.targetBrowserBundleID))
-            return u"“%1” (a rule's browser)"_s.arg(rule.targetBrowserBundleID.left(200));
+        if (m_state.isQuillvane(rule.targetBrowserId))
+            return u"“%1” (a rule's browser)"_s.arg(rule.targetBrowserId.left(200));
     }
     return std::nullopt;
 }
@@ -151,14 +151,14 @@ QStringList ConfigPane::launchSettings(const ConfigManager::ExportData &config) 
              QList<BrowserPreference>())) {
         if (!preference.extraArguments.trimmed().isEmpty())
             items.append(u"• %1 starts with the arguments: %2"_s.arg(
-                DisplayText::escapeControls(m_state.browserName(preference.browserBundleID)),
+                DisplayText::escapeControls(m_state.browserName(preference.browserId)),
                 DisplayText::escapeControls(preference.extraArguments)));
     }
     QMap<std::pair<QString, QString>, int> profiles;
     QStringList privateRules;
     for (const RoutingRule &rule : config.rules) {
         if (rule.targetProfileID)
-            ++profiles[{rule.targetBrowserBundleID, *rule.targetProfileID}];
+            ++profiles[{rule.targetBrowserId, *rule.targetProfileID}];
         if (rule.openInPrivateWindow)
             privateRules.append(DisplayText::escapeControls(rule.description()));
     }

@@ -210,8 +210,8 @@ void GeneralPane::fillFallbackPicker()
 {
     m_fallback->clear();
     m_fallback->addItem(u"None"_s, QString());
-    for (const BrowserInfo &browser : m_state.shownBrowsers(m_state.defaultBrowserBundleID()))
-        m_fallback->addItem(BrowserIcons::icon(browser, m_entries), browser.name, browser.bundleID);
+    for (const BrowserInfo &browser : m_state.shownBrowsers(m_state.fallbackBrowserId()))
+        m_fallback->addItem(BrowserIcons::icon(browser, m_entries), browser.name, browser.desktopId);
     // "Ask" is no browser: its item carries no id.
     m_fallback->insertSeparator(m_fallback->count());
     m_fallback->addItem(QIcon::fromTheme(u"dialog-question"_s), RoutingRule::AskName.toString(),
@@ -219,5 +219,5 @@ void GeneralPane::fillFallbackPicker()
     // A fallback that is not installed matches no entry.
     m_fallback->setCurrentIndex(m_state.config().fallbackAsks
                                     ? m_fallback->count() - 1
-                                    : m_fallback->findData(m_state.defaultBrowserBundleID()));
+                                    : m_fallback->findData(m_state.fallbackBrowserId()));
 }

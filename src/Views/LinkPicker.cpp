@@ -154,9 +154,9 @@ void LinkPicker::showCurrent()
     m_link->setToolTip(link);
     if (request.source) {
         m_source->setText(u"From %1"_s.arg(DisplayText::escapeControls(request.source->name)));
-        m_source->setToolTip(request.source->bundleID);
+        m_source->setToolTip(request.source->desktopId);
         m_sourceIcon->setPixmap(
-            BrowserIcons::appIcon(request.source->bundleID, m_entries).pixmap(16, 16));
+            BrowserIcons::appIcon(request.source->desktopId, m_entries).pixmap(16, 16));
     } else {
         m_source->setText(u"From an unknown application"_s);
         m_source->setToolTip({});
@@ -197,7 +197,7 @@ void LinkPicker::fillRows()
     const QString first = m_queue.first().request.offeredFirst;
     QList<BrowserInfo> browsers = m_state.shownBrowsers(first);
     std::stable_partition(browsers.begin(), browsers.end(), [&first](const BrowserInfo &browser) {
-        return browser.bundleID == first;
+        return browser.desktopId == first;
     });
     // The service's own app comes before every browser: its switch is off, and
     // this is where the user learns that it could open the link.
@@ -213,14 +213,14 @@ void LinkPicker::fillRows()
         const QIcon icon = BrowserIcons::icon(browser, m_entries);
         const auto add = [&](const QString &name, const std::optional<QString> &profile) {
             auto *item = new QListWidgetItem(icon, name);
-            item->setData(BrowserRole, browser.bundleID);
+            item->setData(BrowserRole, browser.desktopId);
             if (profile)
                 item->setData(ProfileRole, *profile);
             item->setData(NameRole, name);
             m_rows->addItem(item);
         };
         add(browser.name, std::nullopt);
-        for (const BrowserProfile &profile : m_state.profiles(browser.bundleID))
+        for (const BrowserProfile &profile : m_state.profiles(browser.desktopId))
             add(u"%1 — %2"_s.arg(browser.name, profile.name), profile.id);
     }
     numberRows();
@@ -382,7 +382,7 @@ void LinkPicker::learn(const Row &row, bool privateWindow)
     // The rule the sheets would make: a URL rule for the host, an app rule for
     // the application, or one rule for both.
     RoutingRule rule{QUuid::createUuid(),
-                     byApp ? request.source->bundleID : QString(),
+                     byApp ? request.source->desktopId : QString(),
                      byApp ? request.source->name : QString(),
                      row.browserID,
                      m_state.browserName(row.browserID),

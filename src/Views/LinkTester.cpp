@@ -15,7 +15,7 @@ namespace {
 
 QString target(const AppState &state, const RouteResult &result)
 {
-    QString text = state.browserName(result.browserBundleID);
+    QString text = state.browserName(result.browserId);
     if (result.profileID)
         text += u", profile \"%1\""_s.arg(*result.profileID);
     return text;
@@ -79,7 +79,7 @@ QString LinkTester::verdict(const AppState &state, const QString &typed)
         lines.prepend(
             plan.result
                 ? u"Opens in %1: rules are paused, so every link goes to the fallback browser."_s
-                      .arg(state.browserName(plan.result->browserBundleID))
+                      .arg(state.browserName(plan.result->browserId))
                 : u"Rules are paused and no fallback browser is set: it would not open."_s);
         return lines.join(u'\n');
     }

@@ -59,9 +59,9 @@ void RuleEditView::finishForm()
     m_browser->setAccessibleName(u"Browser"_s);
     m_browser->addItem(u"Select a browser..."_s, QString());
     for (const BrowserInfo &browser :
-         m_state.shownBrowsers(m_existing ? m_existing->targetBrowserBundleID : QString()))
+         m_state.shownBrowsers(m_existing ? m_existing->targetBrowserId : QString()))
         m_browser->addItem(BrowserIcons::icon(browser, m_services.entries), browser.name,
-                           browser.bundleID);
+                           browser.desktopId);
     // Or no browser: a window asks for each link (its item carries no id).
     m_browser->insertSeparator(m_browser->count());
     m_browser->addItem(QIcon::fromTheme(u"dialog-question"_s), RoutingRule::AskName.toString(),
@@ -104,13 +104,13 @@ void RuleEditView::finishForm()
     if (m_existing && m_existing->askWhereToOpen) {
         m_browser->setCurrentIndex(m_browser->count() - 1);
     } else if (m_existing) {
-        if (m_browser->findData(m_existing->targetBrowserBundleID) < 0) {
+        if (m_browser->findData(m_existing->targetBrowserId) < 0) {
             // Uninstalled since: kept, under the name the rule remembers.
             m_browser->addItem(QIcon::fromTheme(u"web-browser"_s),
                                m_existing->targetBrowserName + u" (not installed)"_s,
-                               m_existing->targetBrowserBundleID);
+                               m_existing->targetBrowserId);
         }
-        selectBrowser(m_existing->targetBrowserBundleID);
+        selectBrowser(m_existing->targetBrowserId);
     }
     loadProfiles(m_existing ? m_existing->targetProfileID.value_or(QString()) : QString());
     updatePrivateWindow();
@@ -119,7 +119,7 @@ void RuleEditView::finishForm()
     updateSaveButton();
 }
 
-QString RuleEditView::selectedBrowserBundleID() const
+QString RuleEditView::selectedBrowserId() const
 {
     return asksWhereToOpen() ? QString() : m_browser->currentData().toString();
 }
@@ -131,7 +131,7 @@ bool RuleEditView::asksWhereToOpen() const
 
 bool RuleEditView::hasTarget() const
 {
-    return asksWhereToOpen() || !selectedBrowserBundleID().isEmpty();
+    return asksWhereToOpen() || !selectedBrowserId().isEmpty();
 }
 
 QString RuleEditView::selectedProfileID() const
@@ -139,9 +139,9 @@ QString RuleEditView::selectedProfileID() const
     return m_profileSection->isHidden() ? QString() : m_profile->currentData().toString();
 }
 
-void RuleEditView::selectBrowser(const QString &bundleID)
+void RuleEditView::selectBrowser(const QString &desktopId)
 {
-    m_browser->setCurrentIndex(std::max(0, m_browser->findData(bundleID)));
+    m_browser->setCurrentIndex(std::max(0, m_browser->findData(desktopId)));
 }
 
 void RuleEditView::browserChanged()
@@ -157,7 +157,7 @@ void RuleEditView::browserChanged()
 void RuleEditView::updatePrivateWindow()
 {
     m_privateWindow->setVisible(
-        !ProfileDiscovery::privateWindowFlag(selectedBrowserBundleID()).isEmpty());
+        !ProfileDiscovery::privateWindowFlag(selectedBrowserId()).isEmpty());
 }
 
 bool RuleEditView::privateWindowChosen() const
@@ -167,7 +167,7 @@ bool RuleEditView::privateWindowChosen() const
 
 void RuleEditView::loadProfiles(const QString &keepProfile)
 {
-    const QString browser = selectedBrowserBundleID();
+    const QString browser = selectedBrowserId();
     const QList<BrowserProfile> profiles =
         browser.isEmpty() ? QList<BrowserProfile>() : m_state.profiles(browser);
     m_profile->clear();
@@ -197,9 +197,9 @@ void RuleEditView::save()
     if (!canSaveOwnFields() || !hasTarget())
         return;
     RoutingRule rule = ownFields();
-    const QString browser = selectedBrowserBundleID();
+    const QString browser = selectedBrowserId();
     rule.askWhereToOpen = asksWhereToOpen();
-    rule.targetBrowserBundleID = browser;
+    rule.targetBrowserId = browser;
     rule.targetBrowserName =
         rule.askWhereToOpen ? RoutingRule::AskName.toString() : m_state.browserName(browser);
     const QString profile = selectedProfileID();

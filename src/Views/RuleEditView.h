@@ -37,13 +37,13 @@ public:
     std::optional<RoutingRule> existingRule() const { return m_existing; }
 
     // "Select a browser...", then the browsers; the profiles of the chosen one.
-    QString selectedBrowserBundleID() const;
+    QString selectedBrowserId() const;
     // "Ask Every Time" is chosen instead of a browser.
     bool asksWhereToOpen() const;
     QString selectedProfileID() const;
     // Offered and ticked.
     bool privateWindowChosen() const;
-    void selectBrowser(const QString &bundleID);
+    void selectBrowser(const QString &desktopId);
 
 protected:
     struct Looks

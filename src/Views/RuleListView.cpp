@@ -118,7 +118,7 @@ public:
         area.setRight(binRect(option.rect).left() - 8);
         if (m_kind == RuleListView::AppRules) {
             const QRect icon(area.left(), area.center().y() - 12, 24, 24);
-            BrowserIcons::appIcon(rule.sourceAppBundleID, m_entries).paint(painter, icon);
+            BrowserIcons::appIcon(rule.sourceAppId, m_entries).paint(painter, icon);
             area.setLeft(icon.right() + 1 + 8);
         }
         painter->setClipRect(area);
@@ -156,7 +156,7 @@ public:
         }
         word(u"→"_s, bodyFont, dim);
         for (const BrowserInfo &browser : m_state.browsers()) {
-            if (browser.bundleID == rule.targetBrowserBundleID) {
+            if (browser.desktopId == rule.targetBrowserId) {
                 BrowserIcons::icon(browser, m_entries)
                     .paint(painter, QRect(x, top + (lineHeight - 16) / 2, 16, 16));
                 x += 16 + 4;
@@ -168,7 +168,7 @@ public:
         if (rule.targetProfileID && !rule.targetProfileID->isEmpty()) {
             const int from = x;
             const auto name =
-                m_state.profileName(rule.targetBrowserBundleID, *rule.targetProfileID);
+                m_state.profileName(rule.targetBrowserId, *rule.targetProfileID);
             if (name)
                 badge(*name, ViewKit::ProfileColour);
             else
@@ -181,7 +181,7 @@ public:
         painter->setFont(smallFont);
         painter->setPen(faint);
         const QString second =
-            m_kind == RuleListView::AppRules ? rule.sourceAppBundleID : rule.targetBrowserBundleID;
+            m_kind == RuleListView::AppRules ? rule.sourceAppId : rule.targetBrowserId;
         painter->drawText(QRect(area.left(), top + lineHeight + 3, area.width(),
                                 QFontMetrics(smallFont).height()),
                           Qt::AlignLeft | Qt::AlignVCenter,
@@ -201,7 +201,7 @@ public:
         const QString id = rule.targetProfileID.value_or(QString());
         QToolTip::showText(
             event->globalPos(),
-            m_state.profileName(rule.targetBrowserBundleID, id)
+            m_state.profileName(rule.targetBrowserId, id)
                 ? u"Profile id: %1"_s.arg(id)
                 : u"%1 has no profile “%2” any more."_s.arg(rule.targetBrowserName, id),
             view);

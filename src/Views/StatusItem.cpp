@@ -113,19 +113,19 @@ void StatusItem::rebuild(QMenu &menu)
     const bool asks = m_state.config().fallbackAsks;
     const QString fallbackName =
         asks ? RoutingRule::AskName.toString()
-             : m_state.installedBrowserName(m_state.defaultBrowserBundleID()).value_or(u"None"_s);
+             : m_state.installedBrowserName(m_state.fallbackBrowserId()).value_or(u"None"_s);
     QMenu *fallback = menu.addMenu(u"Fallback: "_s + DisplayText::forMenu(fallbackName));
     fallback->menuAction()->setObjectName(u"fallbackAction"_s);
-    for (const BrowserInfo &browser : m_state.shownBrowsers(m_state.defaultBrowserBundleID())) {
+    for (const BrowserInfo &browser : m_state.shownBrowsers(m_state.fallbackBrowserId())) {
         QAction *item = fallback->addAction(BrowserIcons::icon(browser, m_entries),
                                             DisplayText::forMenu(browser.name));
-        item->setData(browser.bundleID);
+        item->setData(browser.desktopId);
         item->setCheckable(true);
-        item->setChecked(!asks && browser.bundleID == m_state.defaultBrowserBundleID());
+        item->setChecked(!asks && browser.desktopId == m_state.fallbackBrowserId());
         connect(item, &QAction::triggered, this, [this, item] {
-            const QVariant bundleID = item->data();
-            if (bundleID.typeId() == QMetaType::QString)
-                later(this, [this, id = bundleID.toString()] { m_state.setDefaultBrowser(id); });
+            const QVariant desktopId = item->data();
+            if (desktopId.typeId() == QMetaType::QString)
+                later(this, [this, id = desktopId.toString()] { m_state.setDefaultBrowser(id); });
         });
     }
     // Beyond the browsers: a window asks for each link that no rule claims.
