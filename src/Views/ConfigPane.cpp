@@ -233,7 +233,10 @@ void ConfigPane::confirmImport(const Imported &document)
 
 void ConfigPane::applyImport(const ConfigManager::ExportData &config)
 {
-    m_state.applyImportedConfig(config);
+    // A configuration file that cannot be read is not written over; the
+    // notification has said why.
+    if (!m_state.applyImportedConfig(config))
+        return;
     qCInfo(lcConfigImportExport).noquote()
         << u"Applied imported config: %1 rule(s)"_s.arg(config.rules.size());
     MessageBox::inform(u"Import Successful"_s,
