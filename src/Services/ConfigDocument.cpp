@@ -418,8 +418,9 @@ Expected<QList<BrowserPreference>, QString> preferencesFrom(const QJsonValue &va
 
 QString Problem::text() const
 {
+    // Without a place, what is wrong names the file itself.
     if (line <= 0)
-        return u"%1: %2"_s.arg(file, what);
+        return what;
     return u"%1:%2:%3: %4"_s.arg(file).arg(line).arg(column).arg(what);
 }
 
@@ -470,8 +471,8 @@ Expected<Config, Problem> decode(QByteArrayView bytes, const QString &file)
 {
     if (bytes.size() > ConfigManager::MaxDocumentBytes)
         return Problem{file, 0, 0,
-                       u"the file is %1 bytes long; a configuration may have at most %2."_s.arg(
-                           QString::number(bytes.size()),
+                       u"%1 is %2 bytes long; a configuration may have at most %3."_s.arg(
+                           file, QString::number(bytes.size()),
                            QString::number(ConfigManager::MaxDocumentBytes))};
     QJsonParseError error;
     const QJsonDocument document = QJsonDocument::fromJson(bytes.toByteArray(), &error);

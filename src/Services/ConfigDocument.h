@@ -22,7 +22,8 @@ struct Problem
     int line = 0;
     int column = 0;
     QString what;
-    // "file:line:column: what", as compilers say it (without a place when there is none).
+    // "file:line:column: what", as compilers say it; without a place, what alone
+    // (which then names the file).
     QString text() const;
     friend bool operator==(const Problem &, const Problem &) = default;
 };

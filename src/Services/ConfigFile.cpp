@@ -141,7 +141,7 @@ void ConfigFile::load()
     if (readFile() == Read::Refused)
         qCCritical(lcConfigFile).noquote()
             << u"%1 Quillvane starts with its defaults and will not write the file until it can be read."_s
-                   .arg(SystemLog::priv(m_problem->text()));
+                   .arg(DisplayText::escapeControls(m_problem->text()));
     else if (!m_bytes && !m_problem) {
         // A file to find, edit and keep: written at the first start.
         m_config.schema = ConfigDocument::installedSchema();
@@ -202,7 +202,7 @@ ConfigFile::Read ConfigFile::readFile()
         if (config.error() != m_problem)
             qCCritical(lcConfigFile).noquote()
                 << u"%1 Quillvane goes on with the configuration it last read."_s.arg(
-                       SystemLog::priv(DisplayText::escapeControls(config.error().text())));
+                       DisplayText::escapeControls(config.error().text()));
         setProblem(config.error());
         return Read::Refused;
     }
@@ -263,8 +263,12 @@ std::optional<QString> ConfigFile::write(const QByteArray &bytes)
     QDir().mkpath(QFileInfo(target).absolutePath());
     QSaveFile file(target);
     const auto failure = [&target](const QFileDevice &device) {
-        return u"Could not write %1: %2."_s.arg(target, device.errorString());
+        // A failed flush leaves Qt's own text at "Unknown error"; the system's says why.
+        const QString why = errno != 0 ? QString::fromLocal8Bit(std::strerror(errno))
+                                       : device.errorString();
+        return u"Could not write %1: %2."_s.arg(target, why);
     };
+    errno = 0;
     if (!file.open(QIODevice::WriteOnly))
         return failure(file);
     // A file keeps a write this small in its buffer, and QSaveFile does not see
