@@ -205,8 +205,10 @@ private Q_SLOTS:
         const QList<RoutingRule> all{synced.rules[0], synced.rules[1], added};
         QCOMPARE(state.rules(), all);
         QCOMPARE(m_app->stored().rules, all);
-        QTest::qWait(0);
-        QTRY_COMPARE_WITH_TIMEOUT(state.rules(), all, SeenWithinMs);
+        // What the watch does when it reports the sync tool's rename and the
+        // write after it: nothing is undone.
+        m_app->config->reload();
+        QCOMPARE(state.rules(), all);
     }
 
     // Writes go to a link's target and leave the link, keep the file's mode,
