@@ -2,7 +2,7 @@
 // entries (GIO's registry in a temporary XDG tree), and the profiles of a
 // 2 MB Chromium "Local State".
 #include "Platform/DesktopEntries.h"
-#include "Services/BrowserDiscovery.h"
+#include "Services/BrowserCatalog.h"
 #include "Services/ProfileDiscovery.h"
 
 #include <QCoreApplication>
@@ -75,7 +75,7 @@ QByteArray bigLocalState()
 void BM_DiscoveryPass50Entries(benchmark::State &state)
 {
     for (auto _ : state)
-        benchmark::DoNotOptimize(BrowserDiscovery::refreshBrowsers(GioDesktopEntries::instance()));
+        benchmark::DoNotOptimize(BrowserCatalog::discover(GioDesktopEntries::instance()));
 }
 BENCHMARK(BM_DiscoveryPass50Entries)->Unit(benchmark::kMillisecond);
 
@@ -101,7 +101,7 @@ int main(int argc, char **argv)
     QElapsedTimer cold;
     cold.start();
     const qsizetype found =
-        BrowserDiscovery::discoverBrowsers(GioDesktopEntries::instance()).size();
+        BrowserCatalog::discover(GioDesktopEntries::instance()).size();
     std::printf(
         "First discovery pass of the process (GIO reads the entries): %.2f ms, %lld browsers\n",
         double(cold.nsecsElapsed()) / 1e6, static_cast<long long>(found));

@@ -6,7 +6,6 @@
 #include "App/AppState.h"
 #include "Platform/DesktopEntries.h"
 #include "Platform/DiagnosticLog.h"
-#include "Services/BrowserDiscovery.h"
 #include "Services/RunningBrowsers.h"
 #include "Services/SourceAppResolver.h"
 #include "Storage/HistoryDatabase.h"

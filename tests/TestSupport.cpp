@@ -1,7 +1,6 @@
 #include "TestSupport.h"
 
 #include "App/AppState.h"
-#include "Services/BrowserDiscovery.h"
 #include "Storage/Sqlite.h"
 #include "Services/ConfigDocument.h"
 
@@ -247,7 +246,6 @@ FakeDesktopEntries safariAndFirefox(const QString &folder)
         if (!entry.open(QIODevice::WriteOnly))
             qFatal("cannot write a desktop entry in %s", qPrintable(folder));
     }
-    BrowserDiscovery::refreshBrowsers(entries);
     return entries;
 }
 

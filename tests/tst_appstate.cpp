@@ -1,6 +1,5 @@
 #include "App/AppState.h"
 #include "App/AutomationBridge.h"
-#include "Services/BrowserDiscovery.h"
 #include "TestSupport.h"
 
 #include <QSignalSpy>
@@ -151,7 +150,6 @@ private Q_SLOTS:
 private:
     AppState &makeState()
     {
-        BrowserDiscovery::refreshBrowsers(m_app->entries);
         return m_app->start();
     }
 

@@ -2,7 +2,7 @@
 // of the test's own; the browsers record how they were started), and what
 // `quillvane doctor` reports of that desktop.
 #include "FakeDesktop.h"
-#include "Services/BrowserDiscovery.h"
+#include "Services/BrowserCatalog.h"
 #include "Services/BrowserLauncher.h"
 #include "Services/LaunchLedger.h"
 #include "Services/LaunchPacer.h"
@@ -102,7 +102,7 @@ private Q_SLOTS:
     void launches()
     {
         const QList<BrowserInfo> browsers =
-            BrowserDiscovery::discoverBrowsers(GioDesktopEntries::instance());
+            BrowserCatalog::discover(GioDesktopEntries::instance());
         QVERIFY(finished(BrowserLauncher::open(link(u"https://e.com/"_s), u"CHROMIUM"_s, browsers,
                                                m_platform, options(u"token-1"_s))));
         QCOMPARE(m_desktop->opened(u"chromium"_s), QStringList{u"https://e.com/"_s});
@@ -182,7 +182,7 @@ private Q_SLOTS:
     {
         const auto notFound = finished(BrowserLauncher::open(
             link(u"https://e.com/"_s), u"no.such.browser"_s,
-            BrowserDiscovery::discoverBrowsers(GioDesktopEntries::instance()), m_platform));
+            BrowserCatalog::discover(GioDesktopEntries::instance()), m_platform));
         QCOMPARE(notFound.error().description(),
                  u"No browser found with bundle ID: no.such.browser"_s);
         // An entry removed between discovery and launch: the list entry is not looked up again.
@@ -263,7 +263,7 @@ private:
     BrowserInfo browser(const QString &id) const
     {
         for (const BrowserInfo &info :
-             BrowserDiscovery::discoverBrowsers(GioDesktopEntries::instance())) {
+             BrowserCatalog::discover(GioDesktopEntries::instance())) {
             if (info.desktopId == id)
                 return info;
         }

@@ -26,7 +26,7 @@ private Q_SLOTS:
         qputenv("HOME", QFile::encodeName(m_app->environment.path()));
         writeFile(m_app->environment.path() + u"/.mozilla/firefox/profiles.ini"_s,
                   "[Profile0]\nName=default-release\nPath=x\n\n[Profile1]\nName=Work\nPath=y\n");
-        m_app->start().refreshBrowsers();
+        m_app->start().browsers().refresh();
         m_picker = std::make_unique<LinkPicker>(*m_app->state, m_app->entries);
         m_answers.clear();
     }

@@ -4,7 +4,6 @@
 #include "App/AppState.h"
 #include "FakeDesktop.h"
 #include "Models/JsonFields.h"
-#include "Services/BrowserDiscovery.h"
 #include "Storage/HistoryStore.h"
 #include "Services/LaunchPacer.h"
 #include "Storage/LinkJournal.h"
@@ -101,7 +100,7 @@ private Q_SLOTS:
             QVERIFY(waitForRoutes(i + 1));
             QCOMPARE(m_state->lastRouteLog(), expected[i]);
         }
-        QCOMPARE(m_state->todayForwardCount(), 4);
+        QCOMPARE(m_state->history().todayForwardCount(), 4);
         QVERIFY(history().isEmpty());
     }
 
@@ -231,7 +230,7 @@ private Q_SLOTS:
             ticket.released = [&released] { ++released; };
             ticket.journal = [this, url] {
                 QList<LinkJournal::Entry> one{{0, {}, {}, url, Mail, {}, {}, true}};
-                m_state->journal(one);
+                m_state->history().journal(one);
                 return one.first().id;
             };
             m_state->routeURL(link(url), Mail, {}, ticket);
@@ -239,7 +238,7 @@ private Q_SLOTS:
         for (int i = 0; i < 5; ++i)
             takeAtOnce(u"https://s.example/%1"_s.arg(i));
         takeAtOnce(u"https://direct.example/"_s);
-        QCOMPARE(m_state->todayForwardCount(), 6);
+        QCOMPARE(m_state->history().todayForwardCount(), 6);
         QTRY_COMPARE(pending.size(), 5);
         QVERIFY(waitForRoutes(1));
         QCOMPARE(launcher.spawned.last().last(), u"https://direct.example/"_s);
@@ -297,7 +296,7 @@ private Q_SLOTS:
                                    u"https://pending.example/"_s})
             entries.append({0, LinkJournal::Kind::Open, QDateTime::currentDateTime(), url,
                             std::nullopt, QString(), QString(), false});
-        m_state->journal(entries);
+        m_state->history().journal(entries);
         const auto routeEntry = [&](int i, bool counted = false) {
             m_state->routeURL(link(entries[i].url), std::nullopt, {}, {entries[i].id, counted});
         };
@@ -317,9 +316,9 @@ private Q_SLOTS:
 
         m_state->setDefaultBrowser(QString());
         QTest::ignoreMessage(QtCriticalMsg, "No route found for <private> from <private>");
-        const qint64 counted = m_state->todayForwardCount();
+        const qint64 counted = m_state->history().todayForwardCount();
         routeEntry(3, true);
-        QCOMPARE(m_state->todayForwardCount(), counted);
+        QCOMPARE(m_state->history().todayForwardCount(), counted);
         QVERIFY(waitForRoutes(4));
         QCOMPARE(journalEntries(), 1);
         QCOMPARE(m_notifications.value(1).value(1),
@@ -417,7 +416,6 @@ private:
 
 void TestPipeline::makeState(ProcessLauncher &launcher)
 {
-    BrowserDiscovery::refreshBrowsers(GioDesktopEntries::instance());
     AppServices services{GioDesktopEntries::instance(), launcher, *m_autostart};
     services.isShortLink = [this](const Link &url) { return m_isShortLink(url); };
     services.expand = [this](const Link &url) { return m_expand(url); };

@@ -311,7 +311,7 @@ void TestRulePanes::init()
               "[Profile0]\nName=default-release\nPath=x\n\n[Profile1]\nName=Testing\nPath=y\n");
     m_running = {{u"org.gnome.Evolution"_s, u"Evolution"_s}, {u"org.example.Chat"_s, u"Chat"_s}};
     m_app->initial.fallbackBrowser = u"firefox"_s;
-    m_app->start().refreshBrowsers();
+    m_app->start().browsers().refresh();
 }
 
 // Typed (blanks as "_", tabs and line breaks escaped: they arrive by pasting);

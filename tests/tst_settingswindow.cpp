@@ -106,7 +106,7 @@ private Q_SLOTS:
         // A browser's name is the desktop entry's: an "&" is not a mnemonic, and
         // control characters (a terminal title sequence here) are shown, not obeyed.
         writeFile(m_app->entries.add(u"tom"_s, u"Tom & Jerry\x1b]0;pwned\x07"_s).path, {});
-        m_app->state->refreshBrowsers();
+        m_app->state->browsers().refresh();
         m_app->state->setDefaultBrowser(u"tom"_s);
         QVERIFY(shown().startsWith(u"Fallback: Tom && Jerry\\x1B]0;pwned\\x07|"_s));
     }

@@ -173,7 +173,7 @@ bool AppDelegate::applicationWillFinishLaunching()
     m_history->claimWriter();
     if (m_pendingHistory)
         HistoryMigration::run(*std::exchange(m_pendingHistory, std::nullopt), *m_history);
-    m_appState->reloadTodayForwardCount();
+    m_appState->history().reloadTodayForwardCount();
     m_intake->resumeUnfinished();
     // Without its bus the session is over, and no link can reach Quillvane any more.
     bus.connect(QString(), u"/org/freedesktop/DBus/Local"_s, u"org.freedesktop.DBus.Local"_s,

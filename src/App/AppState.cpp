@@ -6,7 +6,6 @@
 #include "Models/HostName.h"
 #include "Platform/DiagnosticLog.h"
 #include "Platform/SystemLog.h"
-#include "Services/BrowserDiscovery.h"
 #include "Services/DefaultBrowserRegistration.h"
 #include "Services/ExecLine.h"
 #include "Services/Handoffs.h"
@@ -14,12 +13,10 @@
 #include "Services/RunningBrowsers.h"
 #include "Services/URLCleaner.h"
 #include "Services/URLRouter.h"
-#include "Storage/HistoryStore.h"
 
 #include <QCollator>
 #include <QCoreApplication>
 #include <QPromise>
-#include <QTimer>
 
 #include <algorithm>
 
@@ -47,18 +44,13 @@ QCollator caseInsensitiveCollator()
 
 } // namespace
 
-namespace {
-// How often what the history database did not take is offered to it again.
-constexpr int HistoryRetryMs = 2000;
-
-} // namespace
-
 AppState::AppState(ConfigFile &file, HistoryDatabase &history, AppServices services,
                    QObject *parent)
     : QObject(parent)
     , m_file(file)
-    , m_history(history)
     , m_services(std::move(services))
+    , m_history(history, m_services.clock, m_services.journal)
+    , m_browsers(m_services.entries, file, m_services.profiles)
     , m_queue(new RouteQueue(m_services.monotonicMs,
                              [this](const RouteQueue::Route &route) { startRoute(route); }, this))
 {
@@ -68,15 +60,14 @@ AppState::AppState(ConfigFile &file, HistoryDatabase &history, AppServices servi
     if (m_file.problem())
         reportConfigProblem();
     m_compiledRules = URLRouter::CompiledRules(rules());
-    reloadTodayForwardCount();
-    m_browsers = BrowserDiscovery::discoverBrowsers(m_services.entries);
+    connect(&m_browsers, &BrowserCatalog::changed, this, &AppState::reportMissingFallback);
     if (config().fallbackBrowser.isEmpty())
         chooseFallbackBrowser();
     m_isSystemDefaultBrowser = checkIsDefaultBrowser();
 
     if (DiagnosticLog::isEnabled()) {
         QStringList lines{u"AppState init — %1 rule(s), %2 browser(s), fallback=%3"_s.arg(
-            QString::number(rules().size()), QString::number(m_browsers.size()),
+            QString::number(rules().size()), QString::number(m_browsers.all().size()),
             fallbackBrowserId())};
         for (qsizetype i = 0; i < rules().size(); ++i) {
             const RoutingRule &rule = rules()[i];
@@ -84,13 +75,13 @@ AppState::AppState(ConfigFile &file, HistoryDatabase &history, AppServices servi
                 QString::number(i), rule.sourceAppName, rule.sourceAppId,
                 rule.targetBrowserName, rule.targetBrowserId)));
         }
-        for (const BrowserInfo &browser : std::as_const(m_browsers))
+        for (const BrowserInfo &browser : m_browsers.all())
             lines.append(u"  browser: %1 (%2)"_s.arg(browser.name, browser.desktopId));
         DiagnosticLog::writeLines(u"AppState", lines);
     }
     qCInfo(lcAppState).noquote()
         << u"AppState initialized with %1 rule(s), %2 browser(s), default: %3"_s.arg(
-               QString::number(rules().size()), QString::number(m_browsers.size()),
+               QString::number(rules().size()), QString::number(m_browsers.all().size()),
                SystemLog::priv(fallbackBrowserId()));
 }
 
@@ -137,10 +128,6 @@ bool AppState::save(const std::function<void(Config &)> &change)
 
 void AppState::chooseFallbackBrowser()
 {
-    const auto isDiscovered = [this](const QString &id) {
-        return std::any_of(m_browsers.cbegin(), m_browsers.cend(),
-                           [&id](const BrowserInfo &browser) { return browser.desktopId == id; });
-    };
     QStringList candidates;
     const std::optional<QString> current = m_services.entries.defaultHandler(u"https"_s);
     if (current && *current != QStringView(BuildInfo::AppId))
@@ -148,13 +135,13 @@ void AppState::chooseFallbackBrowser()
     candidates += preferredFallbacks();
     QString chosen;
     for (const QString &candidate : std::as_const(candidates)) {
-        if (isDiscovered(candidate)) {
+        if (m_browsers.installedName(candidate)) {
             chosen = candidate;
             break;
         }
     }
-    if (chosen.isEmpty() && !m_browsers.isEmpty())
-        chosen = m_browsers.first().desktopId;
+    if (chosen.isEmpty() && !m_browsers.all().isEmpty())
+        chosen = m_browsers.all().first().desktopId;
     if (chosen.isEmpty())
         return;
     save([&chosen](Config &config) { config.fallbackBrowser = chosen; });
@@ -168,7 +155,7 @@ RouteSettings AppState::routeSettings() const
         // The browsers the lists offer, and the fallback browser even when it
         // is hidden: whether it runs decides.
         QStringList candidates{fallbackBrowserId()};
-        for (const BrowserInfo &browser : shownBrowsers())
+        for (const BrowserInfo &browser : m_browsers.shown())
             candidates.append(browser.desktopId);
         return m_runningBrowsers ? m_runningBrowsers->running(candidates) : QStringList();
     };
@@ -204,29 +191,6 @@ void AppState::watchRunningBrowsersLater()
                          [this] { routeSettings().runningBrowsers(); });
 }
 
-qsizetype AppState::todayHistoryCount() const
-{
-    return HistoryStore::todayCount(m_history);
-}
-
-std::optional<QString> AppState::installedBrowserName(const QString &desktopId) const
-{
-    for (const BrowserInfo &browser : m_browsers) {
-        if (browser.desktopId == desktopId)
-            return browser.name;
-    }
-    return std::nullopt;
-}
-
-QList<BrowserInfo> AppState::shownBrowsers(const QString &chosen) const
-{
-    QList<BrowserInfo> shown = m_browsers;
-    shown.removeIf([this, &chosen](const BrowserInfo &browser) {
-        return browser.desktopId != chosen && browserPreference(browser.desktopId).hidden;
-    });
-    return shown;
-}
-
 BrowserPreference AppState::browserPreference(const QString &desktopId) const
 {
     return BrowserPreference::of(config().browserPreferences, desktopId);
@@ -245,32 +209,6 @@ LaunchOptions AppState::launchOptions(const QString &desktopId) const
         qCWarning(lcAppState).noquote() << u"The extra arguments for %1 are left out: %2"_s.arg(
             SystemLog::priv(desktopId), arguments.error().description);
     return options;
-}
-
-QList<BrowserProfile> AppState::profiles(const QString &desktopId) const
-{
-    const QString key = desktopId.toLower();
-    auto found = m_profiles.constFind(key);
-    if (found == m_profiles.cend())
-        found = m_profiles.insert(key, m_services.profiles ? m_services.profiles(desktopId)
-                                                           : QList<BrowserProfile>());
-    return *found;
-}
-
-std::optional<QString> AppState::profileName(const QString &desktopId,
-                                             const QString &profileID) const
-{
-    for (const BrowserProfile &profile : profiles(desktopId)) {
-        if (profile.id == profileID)
-            return profile.name;
-    }
-    return std::nullopt;
-}
-
-void AppState::refreshProfiles()
-{
-    m_profiles.clear();
-    Q_EMIT profilesChanged();
 }
 
 std::optional<QString> AppState::setBrowserPreference(const BrowserPreference &preference)
@@ -395,18 +333,6 @@ void AppState::setFallbackAsks()
     save([](Config &config) { config.fallbackAsks = true; });
 }
 
-QList<ForwardingRecord> AppState::historyRecords(const QString &filter, qsizetype limit) const
-{
-    return HistoryStore::loadHistory(m_history, filter,
-                                     limit < 0 ? HistoryStore::MaxRecords : limit);
-}
-
-void AppState::clearHistory()
-{
-    HistoryStore::clearHistory(m_history);
-    Q_EMIT historyCleared();
-}
-
 Expected<QByteArray, ConfigManager::ConfigError> AppState::exportConfig() const
 {
     return ConfigManager::exportToJSON(config());
@@ -432,19 +358,10 @@ void AppState::toggleLaunchAtLogin()
             &AppState::launchAtLoginChanged);
 }
 
-void AppState::refreshBrowsers()
-{
-    m_profiles.clear();
-    m_browsers = BrowserDiscovery::refreshBrowsers(m_services.entries);
-    Q_EMIT browsersChanged();
-    qCInfo(lcAppState).noquote() << u"Refreshed browsers: %1 found"_s.arg(m_browsers.size());
-    reportMissingFallback();
-}
-
 void AppState::reportMissingFallback()
 {
     const QString &fallback = fallbackBrowserId();
-    if (fallback.isEmpty() || installedBrowserName(fallback)) {
+    if (fallback.isEmpty() || m_browsers.installedName(fallback)) {
         m_reportedMissingFallback.clear();
         return;
     }
@@ -529,14 +446,6 @@ void AppState::notifyRouteFailure(const QString &link, const QString &why,
     m_services.notify(u"Quillvane could not open a link"_s, link + u'\n' + why);
 }
 
-bool AppState::isQuillvane(const QString &desktopId) const
-{
-    if (desktopId.compare(QString::fromUtf16(BuildInfo::AppId), Qt::CaseInsensitive) == 0)
-        return true;
-    const auto entry = m_services.entries.entry(desktopId);
-    return entry && BrowserDiscovery::isQuillvane(*entry);
-}
-
 std::optional<QString> AppState::refuseLoop(const Link &url,
                                             const std::function<bool()> &cameFromOwnLaunch)
 {
@@ -559,37 +468,8 @@ std::optional<QString> AppState::refuseLoop(const Link &url,
 void AppState::routeURL(const Link &url, const std::optional<SourceApp> &source,
                         const QString &activationToken, const LinkJournal::Ticket &ticket)
 {
-    // A link routed again after a restart was counted when it first arrived.
-    // One taken without an entry is counted with its history record, after its
-    // browser has started: nothing is written before.
-    if (!ticket.counted) {
-        const QString day = HistoryStore::dayString(m_services.clock());
-        if (ticket.entry == 0 && ticket.journal) {
-            HistoryStore::countLater(m_history, day);
-            m_todayForwardCount = day == m_forwardCountDay
-                                      ? m_todayForwardCount + 1
-                                      : HistoryStore::loadForwardCount(m_history, day);
-        } else {
-            m_todayForwardCount = HistoryStore::incrementForwardCount(m_history, day, ticket.entry);
-        }
-        m_forwardCountDay = day;
-        Q_EMIT todayForwardCountChanged();
-    }
+    m_history.count(ticket);
     m_queue->add({url, source, activationToken, ticket});
-}
-
-void AppState::journal(QList<LinkJournal::Entry> &entries)
-{
-    // Counted in the same write: one transaction a link fewer before its browser starts.
-    const QString day = HistoryStore::dayString(m_services.clock());
-    const std::optional<qint64> count =
-        LinkJournal::accept(m_history, entries, m_services.journal, day);
-    if (count) {
-        m_forwardCountDay = day;
-        m_todayForwardCount = *count;
-        Q_EMIT todayForwardCountChanged();
-    }
-    keepJournalFresh();
 }
 
 bool AppState::routesStartAtOnce(qsizetype count)
@@ -602,33 +482,6 @@ QFuture<void> AppState::launchTurn()
     return m_queue->launchTurn();
 }
 
-QList<LinkJournal::Entry> AppState::takeOverJournal()
-{
-    QList<LinkJournal::Entry> entries = LinkJournal::unfinished(m_history, m_services.journal);
-    if (!entries.isEmpty())
-        keepJournalFresh();
-    return entries;
-}
-
-// While this Quillvane has links in the journal (waiting their turn, or a
-// window that asks), it marks them as young now and then: should it be killed,
-// their age counts from then, not from when they arrived. With nothing left, it
-// stops, and nothing wakes it at rest.
-void AppState::keepJournalFresh()
-{
-    if (!m_journalFreshness) {
-        m_journalFreshness = new QTimer(this);
-        m_journalFreshness->setSingleShot(true);
-        m_journalFreshness->setInterval(LinkJournal::KeepFreshMs);
-        connect(m_journalFreshness, &QTimer::timeout, this, [this] {
-            if (LinkJournal::keepFresh(m_history, m_services.journal) != 0)
-                m_journalFreshness->start();
-        });
-    }
-    if (!m_journalFreshness->isActive())
-        m_journalFreshness->start();
-}
-
 void AppState::startRoute(const RouteQueue::Route &route)
 {
     RouteReports reports{
@@ -637,32 +490,10 @@ void AppState::startRoute(const RouteQueue::Route &route)
             notifyRouteFailure(link, why, browserID);
         },
         [this] {
-            keepWritingHistory();
+            m_history.keepWriting();
             Q_EMIT routeFinished();
         }};
     RouteTask::start(*this, std::move(reports), route.url, route.source, route.activationToken,
                      route.ticket);
 }
 
-void AppState::reloadTodayForwardCount()
-{
-    m_forwardCountDay = HistoryStore::dayString(m_services.clock());
-    m_todayForwardCount = HistoryStore::loadForwardCount(m_history, m_forwardCountDay);
-    Q_EMIT todayForwardCountChanged();
-}
-
-void AppState::keepWritingHistory()
-{
-    if (m_history.unwritten().isEmpty())
-        return;
-    if (!m_historyRetry) {
-        m_historyRetry = new QTimer(this);
-        m_historyRetry->setInterval(HistoryRetryMs);
-        connect(m_historyRetry, &QTimer::timeout, this, [this] {
-            if (HistoryStore::flush(m_history))
-                m_historyRetry->stop();
-        });
-    }
-    if (!m_historyRetry->isActive())
-        m_historyRetry->start();
-}

@@ -3,17 +3,17 @@
 #include "App/AppServices.h"
 #include "App/AskWhereToOpen.h"
 #include "App/RouteQueue.h"
-#include "Models/BrowserInfo.h"
 #include "Models/BrowserPreference.h"
 #include "Models/Config.h"
-#include "Models/ForwardingRecord.h"
 #include "Models/Link.h"
 #include "Models/RoutingRule.h"
+#include "Services/BrowserCatalog.h"
 #include "Services/ConfigFile.h"
 #include "Services/ConfigManager.h"
 #include "Services/LaunchLedger.h"
 #include "Services/LaunchOptions.h"
 #include "Services/RoutePlanner.h"
+#include "Storage/ForwardingHistory.h"
 #include "Storage/LinkJournal.h"
 
 #include <QDeadlineTimer>
@@ -26,14 +26,13 @@
 
 class HistoryDatabase;
 class ProcessApps;
-class QTimer;
 class RunningBrowsers;
 
-// The one state that the user sees and changes: rules, browsers, the fallback
-// browser, the switches, today's count and the last routing. What the person
-// configures lives in the configuration file: a change is saved there at once,
-// and a change there, by anyone, is announced by the field's signal, on the
-// main thread.
+// The state that the person sees and changes: the configuration, the
+// browsers, the history and the last routing; and what a link's route needs
+// of them. What the person configures lives in the configuration file: a
+// change is saved there at once, and a change there, by anyone, is announced
+// by configChanged, on the main thread.
 class AppState final : public QObject
 {
     Q_OBJECT
@@ -48,23 +47,11 @@ public:
     const Config &config() const { return m_file.config(); }
     const ConfigFile &configFile() const { return m_file; }
     const QList<RoutingRule> &rules() const { return config().rules; }
-    // Every installed browser: what links can open in, and whose names show.
-    const QList<BrowserInfo> &browsers() const { return m_browsers; }
-    // The browsers the lists offer: the installed ones the user did not hide,
-    // and chosen, the one a list has selected now (hidden or not).
-    QList<BrowserInfo> shownBrowsers(const QString &chosen = {}) const;
-    // What the user set for the browser (id ignoring case); defaults when nothing.
+    // What the person set for the browser (id ignoring case); defaults when nothing.
     BrowserPreference browserPreference(const QString &desktopId) const;
     // How a browser starts: with the user's extra arguments for it.
     LaunchOptions launchOptions(const QString &desktopId) const;
-    // A browser's profiles, read from its files once until they change.
-    QList<BrowserProfile> profiles(const QString &desktopId) const;
-    // The name the browser shows a profile by; none when it has no such profile.
-    std::optional<QString> profileName(const QString &desktopId, const QString &profileID) const;
     const QString &fallbackBrowserId() const { return config().fallbackBrowser; }
-    qint64 todayForwardCount() const { return m_todayForwardCount; }
-    // Forwardings recorded in the history today (what the tray menu shows).
-    qsizetype todayHistoryCount() const;
     bool isSystemDefaultBrowser() const { return m_isSystemDefaultBrowser; }
     const QString &lastRouteLog() const { return m_lastRouteLog; }
     bool launchAtLogin() const { return m_launchAtLogin; }
@@ -73,17 +60,12 @@ public:
     std::optional<SchemeHandler> schemeHandler(const QString &scheme) const;
     // What routing a link depends on, as it is now.
     RouteSettings routeSettings() const;
-    // The name the browser is shown with; none when it is not installed.
-    std::optional<QString> installedBrowserName(const QString &desktopId) const;
-    // Whether links sent to this id would come straight back to Quillvane.
-    bool isQuillvane(const QString &desktopId) const;
-    // The same, or its id when it is not installed.
-    QString browserName(const QString &desktopId) const
-    {
-        return installedBrowserName(desktopId).value_or(desktopId);
-    }
-    // For the parts that route links and journal them.
-    HistoryDatabase &history() const { return m_history; }
+    // The installed browsers and their profiles.
+    BrowserCatalog &browsers() { return m_browsers; }
+    const BrowserCatalog &browsers() const { return m_browsers; }
+    // Today's count, the history and the journal of links not opened yet.
+    ForwardingHistory &history() { return m_history; }
+    const ForwardingHistory &history() const { return m_history; }
     const AppServices &services() const { return m_services; }
     // Starts browsers through the ledger of what was just handed to them.
     LaunchPlatform launchPlatform() { return LaunchPlatform{m_services.entries, m_launches}; }
@@ -93,10 +75,6 @@ public:
     std::optional<QString> refuseLoop(const Link &url,
                                       const std::function<bool()> &cameFromOwnLaunch);
 
-    // The forwarding history, newest first, filtered as the History pane
-    // filters it (empty: everything); at most limit records.
-    QList<ForwardingRecord> historyRecords(const QString &filter = {}, qsizetype limit = -1) const;
-    void clearHistory();
     // The configuration as stored, as an export document.
     Expected<QByteArray, ConfigManager::ConfigError> exportConfig() const;
 
@@ -125,9 +103,6 @@ public:
     // Where to learn which browsers run (the processes of this user); without
     // it, none does.
     void setProcesses(ProcessApps &processes);
-    void refreshBrowsers();
-    // A browser's profile file changed: its profiles are read again when asked.
-    void refreshProfiles();
     bool checkIsDefaultBrowser() const;
     void refreshDefaultBrowserStatus();
     // False when the configuration file refused it (saveFailed says why).
@@ -149,14 +124,9 @@ public:
     // again a second later. Returns at once.
     void requestSetAsDefaultBrowser();
 
-    // Writes links into the intake journal (their ids set; 0 where it could
-    // not) and keeps them young there while they wait for their turn.
-    void journal(QList<LinkJournal::Entry> &entries);
     // Whether this many links routed now would start their browsers without
     // waiting: nothing queued before them, and the pace allows them all.
     bool routesStartAtOnce(qsizetype count);
-    // What Quillvanes that ended left in the journal, now this one's to open.
-    QList<LinkJournal::Entry> takeOverJournal();
     // Settles when a browser may start: at once, or when the pace allows.
     QFuture<void> launchTurn();
 
@@ -167,22 +137,14 @@ public:
     // journalled link leaves the journal when its route ends.
     void routeURL(const Link &url, const std::optional<SourceApp> &source,
                   const QString &activationToken = {}, const LinkJournal::Ticket &ticket = {});
-    // Reads today's count again (after the history moved into the database).
-    void reloadTodayForwardCount();
-    // Tries again, now and then, to write what the history database did not take.
-    void keepWritingHistory();
 
 Q_SIGNALS:
     // The configuration changed (on disk or here), or a change of it was
     // refused: what shows it reads it again.
     void configChanged();
-    void browsersChanged();
-    void todayForwardCountChanged();
     void isSystemDefaultBrowserChanged();
     void lastRouteLogChanged();
     void launchAtLoginChanged();
-    void profilesChanged();
-    void historyCleared();
     // A link's route has ended: opened, failed or without a route.
     void routeFinished();
     // A change was not saved, or saved only in memory: why.
@@ -201,28 +163,22 @@ private:
     void reportMissingFallback();
     void setFlag(bool AppState::*field, bool value, void (AppState::*changed)());
     void chooseFallbackBrowser();
-    void keepJournalFresh();
 
     void startRoute(const RouteQueue::Route &route);
 
     ConfigFile &m_file;
     // The rules as the router matches them, made again when they change.
     URLRouter::CompiledRules m_compiledRules;
-    HistoryDatabase &m_history;
     AppServices m_services;
+    ForwardingHistory m_history;
+    BrowserCatalog m_browsers;
     LaunchLedger m_launches{m_services.processes};
-    QTimer *m_historyRetry = nullptr;
     RouteQueue *m_queue;
-    QTimer *m_journalFreshness = nullptr;
     // The last failure the user was notified of, and until when it is not again.
     QString m_lastNotifiedFailure;
     QString m_reportedMissingFallback;
     QDeadlineTimer m_failureQuietUntil;
-    QList<BrowserInfo> m_browsers;
-    mutable QHash<QString, QList<BrowserProfile>> m_profiles;
     AskWhereToOpen m_ask;
-    qint64 m_todayForwardCount = 0;
-    QString m_forwardCountDay; // the day m_todayForwardCount counts
     bool m_isSystemDefaultBrowser = false;
     QString m_lastRouteLog;
     bool m_launchAtLogin = false;

@@ -37,12 +37,12 @@ std::optional<QString> AutomationBridge::save(const std::function<void(Config &)
 
 QList<BrowserInfo> AutomationBridge::browsers(bool shownOnly) const
 {
-    return shownOnly ? m_state.shownBrowsers() : m_state.browsers();
+    return shownOnly ? m_state.browsers().shown() : m_state.browsers().all();
 }
 
 QList<BrowserProfile> AutomationBridge::profiles(const QString &browserID) const
 {
-    return m_state.profiles(browserID);
+    return m_state.browsers().profiles(browserID);
 }
 
 std::optional<QString> AutomationBridge::applicationName(const QString &desktopID) const
@@ -72,19 +72,19 @@ QFuture<Answer> AutomationBridge::open(const Link &url, const QString &browserID
     LaunchOptions options = m_state.launchOptions(browserID);
     options.privateWindow = privateWindow;
     auto pending = std::make_shared<qint64>(journalEntry);
-    options.started = [pending, history = &m_state.history()] {
+    options.started = [pending, history = &m_state.history().database()] {
         LinkJournal::finish(*history, std::exchange(*pending, 0));
     };
     // Scripts start browsers at the same pace as links from applications.
     return m_state.launchTurn()
         .then(&m_state,
               [url, browserID, options, platform, state = &m_state] {
-                  return BrowserLauncher::open(url, browserID, state->browsers(), platform,
+                  return BrowserLauncher::open(url, browserID, state->browsers().all(), platform,
                                                options);
               })
         .unwrap()
         .then([success, pending,
-               history = &m_state.history()](const BrowserLauncher::Outcome &outcome) -> Answer {
+               history = &m_state.history().database()](const BrowserLauncher::Outcome &outcome) -> Answer {
             LinkJournal::finish(*history, *pending);
             if (!outcome)
                 return IntentError{IntentError::Kind::LaunchFailed, outcome.error().description()};
@@ -100,7 +100,7 @@ QFuture<Answer> AutomationBridge::routeURL(const Link &url,
         QList<LinkJournal::Entry> entries{{0, LinkJournal::Kind::Route, {}, url.toString(),
                                            std::nullopt, QString(),
                                            browser ? browser->id : QString(), false}};
-        m_state.journal(entries);
+        m_state.history().journal(entries);
         journalEntry = entries.first().id;
     }
     if (browser)
@@ -113,7 +113,7 @@ QFuture<Answer> AutomationBridge::routeURL(const Link &url,
     RoutePlan plan = RoutePlanner::prepare(url, std::nullopt, settings, policy);
     RoutePlanner::decide(plan, settings, policy);
     if (!plan.result) {
-        LinkJournal::finish(m_state.history(), journalEntry);
+        LinkJournal::finish(m_state.history().database(), journalEntry);
         return QtFuture::makeReadyFuture<Answer>(
             u"No routing rule matched and no default browser is set."_s);
     }
@@ -123,7 +123,7 @@ QFuture<Answer> AutomationBridge::routeURL(const Link &url,
     if (plan.asks())
         browserID = m_state.fallbackBrowserId();
     if (browserID.isEmpty()) {
-        LinkJournal::finish(m_state.history(), journalEntry);
+        LinkJournal::finish(m_state.history().database(), journalEntry);
         return QtFuture::makeReadyFuture<Answer>(IntentError{
             IntentError::Kind::ValidationFailed,
             u"The rule for this link asks where to open it, and no fallback browser is set: give the browser with --browser."_s});
@@ -131,5 +131,5 @@ QFuture<Answer> AutomationBridge::routeURL(const Link &url,
     // A rule that asks for a private window gets one here too: a script must
     // not open where the user asked for privacy.
     return open(plan.working, browserID, plan.result->privateWindow,
-                u"Routed to %1."_s.arg(m_state.browserName(browserID)), journalEntry);
+                u"Routed to %1."_s.arg(m_state.browsers().name(browserID)), journalEntry);
 }

@@ -8,7 +8,7 @@
 #include "Automation/ScriptCommands.h"
 #include "Models/DisplayText.h"
 #include "Platform/ProcessApps.h"
-#include "Services/BrowserDiscovery.h"
+#include "Services/BrowserCatalog.h"
 #include "Services/RunningBrowsers.h"
 #include "Services/URLExpander.h"
 #include "Services/ConfigFile.h"
@@ -42,7 +42,7 @@ int explain(const CommandArguments &arguments, const CommandOutput &output)
     RunningBrowsers running(processes);
     const auto runningBrowsers = [&] {
         QStringList candidates{config->fallbackBrowser};
-        for (const BrowserInfo &browser : BrowserDiscovery::discoverBrowsers(entries)) {
+        for (const BrowserInfo &browser : BrowserCatalog::discover(entries)) {
             if (!BrowserPreference::of(config->browserPreferences, browser.desktopId).hidden)
                 candidates.append(browser.desktopId);
         }

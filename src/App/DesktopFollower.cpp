@@ -20,11 +20,11 @@ DesktopFollower::DesktopFollower(AppState &state, QObject *parent)
         timer->setInterval(SettleMs);
     }
     connect(m_browsersLater, &QTimer::timeout, this, [this] {
-        m_state.refreshBrowsers();
+        m_state.browsers().refresh();
         watchProfileFolders();
     });
     connect(m_profilesLater, &QTimer::timeout, this, [this] {
-        m_state.refreshProfiles();
+        m_state.browsers().refreshProfiles();
         // A folder that appeared (the browser's first start) is watched now.
         watchProfileFolders();
     });
@@ -43,7 +43,7 @@ void DesktopFollower::applicationsChanged()
 void DesktopFollower::watchProfileFolders()
 {
     QStringList wanted;
-    for (const BrowserInfo &browser : m_state.browsers()) {
+    for (const BrowserInfo &browser : m_state.browsers().all()) {
         const auto supported = ProfileDiscovery::supportedBrowser(browser.desktopId);
         if (!supported)
             continue;

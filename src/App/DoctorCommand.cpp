@@ -6,7 +6,7 @@
 #include "Platform/DesktopSettings.h"
 #include "Platform/OpenRequestMonitor.h"
 #include "Platform/DiagnosticLog.h"
-#include "Services/BrowserDiscovery.h"
+#include "Services/BrowserCatalog.h"
 #include "Services/LaunchAtLoginManager.h"
 #include "Services/ProfileDiscovery.h"
 #include "Models/DisplayText.h"
@@ -210,7 +210,7 @@ void printText(QTextStream &out, const QJsonObject &report)
 QJsonObject report(DesktopEntries &entries, const Autostart &autostart)
 {
     QJsonArray browsers;
-    for (const BrowserInfo &browser : BrowserDiscovery::discoverBrowsers(entries)) {
+    for (const BrowserInfo &browser : BrowserCatalog::discover(entries)) {
         QJsonObject object{{u"id"_s, browser.desktopId},
                            {u"name"_s, browser.name},
                            {u"desktopEntry"_s, browser.path.toLocalFile()}};

@@ -262,7 +262,7 @@ QStringList LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
     // is a link that waits later (for its expansion, or for the user's choice).
     const bool atOnce = m_state.routesStartAtOnce(links.size());
     if (!atOnce) {
-        m_state.journal(entries);
+        m_state.history().journal(entries);
         if (timing.known())
             timing.mark(LinkTiming::Journalled);
     }
@@ -287,7 +287,7 @@ QStringList LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
             ticket.journal = [&state = m_state, entry = entries[i]]() mutable {
                 QList<LinkJournal::Entry> one{entry};
                 one.first().counted = true; // when it was routed
-                state.journal(one);
+                state.history().journal(one);
                 return one.first().id;
             };
         // One task per link, started in order and not awaited.
@@ -298,11 +298,11 @@ QStringList LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
 
 void LinkIntake::resumeUnfinished()
 {
-    const QList<LinkJournal::Entry> entries = m_state.takeOverJournal();
+    const QList<LinkJournal::Entry> entries = m_state.history().takeOverJournal();
     for (const LinkJournal::Entry &entry : entries) {
         const auto link = Link::parseWebLink(entry.url);
         if (!link) {
-            LinkJournal::finish(m_state.history(), entry.id);
+            LinkJournal::finish(m_state.history().database(), entry.id);
             continue;
         }
         debugLog(u"Routing URL accepted before a restart: "_s + entry.url);

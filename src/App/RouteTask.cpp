@@ -69,7 +69,7 @@ void RouteTask::start(AppState &state, RouteReports reports, const Link &url,
     if (task->m_plan.decision == RoutePlan::Decision::Paused) {
         const QString fallbackID =
             task->m_plan.result ? task->m_plan.result->browserId : QString();
-        const QString fallbackName = state.browserName(fallbackID);
+        const QString fallbackName = state.browsers().name(fallbackID);
         task->m_reports.status(
             u"⏸ %1 → %2: %3"_s.arg(name, fallbackName, hostOrText(task->m_plan.working)));
         debugLog(DisplayText::escapeControls(
@@ -119,7 +119,7 @@ void RouteTask::runPaused(const QString &fallbackID, const QString &fallbackName
         return;
     }
     const LaunchPlatform platform = m_state.launchPlatform();
-    BrowserLauncher::open(m_plan.working, fallbackID, m_state.browsers(), platform,
+    BrowserLauncher::open(m_plan.working, fallbackID, m_state.browsers().all(), platform,
                           launchOptions(fallbackID, fallbackName, std::nullopt, false))
         .then(this, [this, fallbackID, fallbackName](const BrowserLauncher::Outcome &outcome) {
             if (!outcome) {
@@ -203,7 +203,7 @@ void RouteTask::answered(const AskAnswer &answer)
         // The user's choice: nothing opens, nothing is recorded.
         debugLog(u"routeURL() — not opened: the user closed the window that asked"_s);
         m_reports.status(u"Not opened: %1 (closed without a choice)"_s.arg(host));
-        LinkJournal::finish(m_state.history(), m_ticket.entry);
+        LinkJournal::finish(m_state.history().database(), m_ticket.entry);
         m_ticket.entry = 0;
         finish();
         return;
@@ -242,14 +242,14 @@ void RouteTask::launch()
 {
     const std::optional<RouteResult> &result = m_plan.result;
     const QString targetName =
-        m_plan.handoff ? m_plan.handoff->app.name : m_state.browserName(result->browserId);
+        m_plan.handoff ? m_plan.handoff->app.name : m_state.browsers().name(result->browserId);
     const QString profilePart = result->profileID ? u" [%1]"_s.arg(*result->profileID) : QString();
     m_reports.status(
         u"%1 → %2%3: %4"_s.arg(sourceName(), targetName, profilePart, hostOrText(m_plan.working)));
     debugLog(DisplayText::escapeControls(u"routeURL() — target=%1 (%2) profile=%3"_s.arg(
         result->browserId, targetName, result->profileID.value_or(u"default"_s))));
 
-    const QList<BrowserInfo> &browsers = m_state.browsers();
+    const QList<BrowserInfo> &browsers = m_state.browsers().all();
     const auto browser =
         std::find_if(browsers.cbegin(), browsers.cend(), [&result](const BrowserInfo &info) {
             return info.desktopId == result->browserId;
@@ -290,7 +290,7 @@ void RouteTask::launchPlain(const QString &browserID, const QString &targetName,
 {
     const LaunchPlatform platform = m_state.launchPlatform();
     const bool privateWindow = m_plan.result && m_plan.result->privateWindow;
-    BrowserLauncher::open(m_plan.linkToOpen(), browserID, m_state.browsers(), platform,
+    BrowserLauncher::open(m_plan.linkToOpen(), browserID, m_state.browsers().all(), platform,
                           launchOptions(browserID, targetName, std::nullopt, privateWindow))
         .then(this, [this, browserID, targetName,
                      successLine](const BrowserLauncher::Outcome &outcome) {
@@ -342,7 +342,7 @@ void RouteTask::recordOpened(const QString &browserID, const QString &browserNam
                                      ? std::optional<QString>(u"Handoff: "_s + m_plan.handoff->name)
                                      : m_plan.ruleDescription;
     record.targetProfileID = profileID;
-    HistoryStore::record(m_state.history(), record, m_ticket.entry);
+    HistoryStore::record(m_state.history().database(), record, m_ticket.entry);
     m_ticket.entry = 0;
     m_record = record.id;
     release();
@@ -357,7 +357,7 @@ void RouteTask::release()
 void RouteTask::withdrawRecord()
 {
     if (m_record)
-        HistoryStore::withdraw(m_state.history(), *m_record);
+        HistoryStore::withdraw(m_state.history().database(), *m_record);
     m_record.reset();
 }
 
@@ -369,7 +369,7 @@ void RouteTask::failed(const QString &statusText, const QString &diagnosticLine,
     // Launch errors quote entries, folders and profiles: text from outside.
     debugLog(DisplayText::escapeControls(diagnosticLine));
     qCCritical(lcRoute).noquote() << logLine;
-    LinkJournal::finish(m_state.history(), m_ticket.entry);
+    LinkJournal::finish(m_state.history().database(), m_ticket.entry);
     m_reports.failure(hostOrText(m_plan.working), userText,
                       m_plan.result ? m_plan.result->browserId : QString());
     finish();

@@ -2,7 +2,7 @@
 
 #include "Models/BuildInfo.h"
 #include "Platform/DesktopEntries.h"
-#include "Services/BrowserDiscovery.h"
+#include "Services/BrowserCatalog.h"
 
 #include <QRegularExpression>
 #include <QStringList>
@@ -225,7 +225,7 @@ std::optional<SchemeHandler> handler(DesktopEntries &entries, const QString &sch
     if (!id || id->compare(QStringView(BuildInfo::AppId), Qt::CaseInsensitive) == 0)
         return std::nullopt;
     const std::optional<DesktopEntry> entry = entries.entry(*id);
-    if (!entry || BrowserDiscovery::isQuillvane(*entry))
+    if (!entry || BrowserCatalog::isQuillvane(*entry))
         return std::nullopt;
     return SchemeHandler{entry->id, entry->name.value_or(entry->id)};
 }

@@ -54,7 +54,7 @@ AppsPane::AppsPane(AppState &state, DesktopEntries &entries, QWidget *parent)
     ViewKit::setScrolledContent(this, content);
 
     connect(&m_state, &AppState::configChanged, this, &AppsPane::showSwitches);
-    connect(&m_state, &AppState::browsersChanged, this, &AppsPane::showApps);
+    connect(&m_state.browsers(), &BrowserCatalog::changed, this, &AppsPane::showApps);
     showApps();
     showSwitches();
 }

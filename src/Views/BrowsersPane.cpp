@@ -78,7 +78,7 @@ BrowsersPane::BrowsersPane(AppState &state, DesktopEntries &entries, QWidget *pa
     connect(m_list, &QListWidget::currentRowChanged, this, &BrowsersPane::showDetails);
     connect(m_shown, &QCheckBox::clicked, this, &BrowsersPane::saveShown);
     connect(m_arguments, &QLineEdit::editingFinished, this, &BrowsersPane::saveArguments);
-    connect(&m_state, &AppState::browsersChanged, this, &BrowsersPane::fillList);
+    connect(&m_state.browsers(), &BrowserCatalog::changed, this, &BrowsersPane::fillList);
     connect(&m_state, &AppState::configChanged, this, &BrowsersPane::fillList);
     fillList();
 }
@@ -102,7 +102,7 @@ void BrowsersPane::fillList()
     const QString selected = selectedBrowser();
     const QSignalBlocker blocker(m_list);
     m_list->clear();
-    for (const BrowserInfo &browser : m_state.browsers()) {
+    for (const BrowserInfo &browser : m_state.browsers().all()) {
         const bool hidden = m_state.browserPreference(browser.desktopId).hidden;
         auto *item = new QListWidgetItem(BrowserIcons::icon(browser, m_entries),
                                          hidden ? browser.name + u" (hidden)"_s : browser.name);
@@ -131,7 +131,7 @@ void BrowsersPane::showDetails()
         return;
     }
     const BrowserPreference preference = m_state.browserPreference(id);
-    m_name->setText(m_state.browserName(id));
+    m_name->setText(m_state.browsers().name(id));
     m_id->setText(id);
     m_shown->setChecked(!preference.hidden);
     // A text the user is still correcting stays as typed.

@@ -111,10 +111,10 @@ void ConfigPane::exportConfig()
 std::optional<QString>
 ConfigPane::sendsLinksToQuillvane(const ConfigManager::ExportData &config) const
 {
-    if (config.fallbackBrowserId && m_state.isQuillvane(*config.fallbackBrowserId))
+    if (config.fallbackBrowserId && m_state.browsers().isQuillvane(*config.fallbackBrowserId))
         return u"“%1” (the fallback browser)"_s.arg(config.fallbackBrowserId->left(200));
     for (const RoutingRule &rule : config.rules) {
-        if (m_state.isQuillvane(rule.targetBrowserId))
+        if (m_state.browsers().isQuillvane(rule.targetBrowserId))
             return u"“%1” (a rule's browser)"_s.arg(rule.targetBrowserId.left(200));
     }
     return std::nullopt;
@@ -151,7 +151,7 @@ QStringList ConfigPane::launchSettings(const ConfigManager::ExportData &config) 
              QList<BrowserPreference>())) {
         if (!preference.extraArguments.trimmed().isEmpty())
             items.append(u"• %1 starts with the arguments: %2"_s.arg(
-                DisplayText::escapeControls(m_state.browserName(preference.browserId)),
+                DisplayText::escapeControls(m_state.browsers().name(preference.browserId)),
                 DisplayText::escapeControls(preference.extraArguments)));
     }
     QMap<std::pair<QString, QString>, int> profiles;
@@ -165,9 +165,9 @@ QStringList ConfigPane::launchSettings(const ConfigManager::ExportData &config) 
     for (auto profile = profiles.cbegin(); profile != profiles.cend(); ++profile) {
         const auto &[browser, id] = profile.key();
         items.append(u"• %1 rule(s) open %2 in the profile “%3”%4"_s.arg(
-            QString::number(profile.value()), DisplayText::escapeControls(m_state.browserName(browser)),
+            QString::number(profile.value()), DisplayText::escapeControls(m_state.browsers().name(browser)),
             DisplayText::escapeControls(id),
-            m_state.profileName(browser, id) ? QString() : u" (not found here)"_s));
+            m_state.browsers().profileName(browser, id) ? QString() : u" (not found here)"_s));
     }
     constexpr qsizetype Shown = 20;
     if (!privateRules.isEmpty())

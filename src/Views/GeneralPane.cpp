@@ -69,7 +69,7 @@ GeneralPane::GeneralPane(AppState &state, DesktopEntries &entries,
             m_state.setDefaultBrowser(chosen.toString());
     });
     connect(&m_state, &AppState::configChanged, this, &GeneralPane::fillFallbackPicker);
-    connect(&m_state, &AppState::browsersChanged, this, &GeneralPane::fillFallbackPicker);
+    connect(&m_state.browsers(), &BrowserCatalog::changed, this, &GeneralPane::fillFallbackPicker);
     addSwitch(fallback, u"preferRunningSwitch"_s, u"Prefer a browser that is already running"_s,
               &Config::preferRunningBrowser);
     fallback->addWidget(ViewKit::caption(
@@ -210,7 +210,7 @@ void GeneralPane::fillFallbackPicker()
 {
     m_fallback->clear();
     m_fallback->addItem(u"None"_s, QString());
-    for (const BrowserInfo &browser : m_state.shownBrowsers(m_state.fallbackBrowserId()))
+    for (const BrowserInfo &browser : m_state.browsers().shown(m_state.fallbackBrowserId()))
         m_fallback->addItem(BrowserIcons::icon(browser, m_entries), browser.name, browser.desktopId);
     // "Ask" is no browser: its item carries no id.
     m_fallback->insertSeparator(m_fallback->count());

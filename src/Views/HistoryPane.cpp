@@ -171,16 +171,16 @@ HistoryPane::HistoryPane(AppState &state, QWidget *parent)
     // Relative times stay current while the tab is on screen.
     m_clock->setInterval(30000);
     connect(m_clock, &QTimer::timeout, m_model, &HistoryModel::refreshTimes);
-    connect(&m_state, &AppState::historyCleared, this, &HistoryPane::showCleared);
+    connect(&m_state.history(), &ForwardingHistory::cleared, this, &HistoryPane::showCleared);
     updateCount();
 }
 
 void HistoryPane::reload()
 {
     const QString filter = m_filter->text();
-    m_model->setRecords(m_state.historyRecords(filter));
+    m_model->setRecords(m_state.history().records(filter));
     m_anyRecord =
-        filter.isEmpty() ? !m_model->records().isEmpty() : !m_state.historyRecords({}, 1).isEmpty();
+        filter.isEmpty() ? !m_model->records().isEmpty() : !m_state.history().records({}, 1).isEmpty();
     updateCount();
 }
 
@@ -199,7 +199,7 @@ void HistoryPane::hideEvent(QHideEvent *event)
 
 void HistoryPane::clear()
 {
-    m_state.clearHistory();
+    m_state.history().clear();
 }
 
 void HistoryPane::showCleared()

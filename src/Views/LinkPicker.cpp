@@ -114,8 +114,8 @@ LinkPicker::LinkPicker(AppState &state, DesktopEntries &entries, QWidget *parent
 
     connect(m_filter, &QLineEdit::textChanged, this, &LinkPicker::filterRows);
     // A browser installed or a profile renamed while the window asks.
-    for (const auto changed : {&AppState::browsersChanged, &AppState::profilesChanged}) {
-        connect(&m_state, changed, this, [this] {
+    for (const auto changed : {&BrowserCatalog::changed, &BrowserCatalog::profilesChanged}) {
+        connect(&m_state.browsers(), changed, this, [this] {
             if (!m_queue.isEmpty()) {
                 fillRows();
                 filterRows(m_filter->text());
@@ -195,7 +195,7 @@ void LinkPicker::fillRows()
 {
     m_rows->clear();
     const QString first = m_queue.first().request.offeredFirst;
-    QList<BrowserInfo> browsers = m_state.shownBrowsers(first);
+    QList<BrowserInfo> browsers = m_state.browsers().shown(first);
     std::stable_partition(browsers.begin(), browsers.end(), [&first](const BrowserInfo &browser) {
         return browser.desktopId == first;
     });
@@ -220,7 +220,7 @@ void LinkPicker::fillRows()
             m_rows->addItem(item);
         };
         add(browser.name, std::nullopt);
-        for (const BrowserProfile &profile : m_state.profiles(browser.desktopId))
+        for (const BrowserProfile &profile : m_state.browsers().profiles(browser.desktopId))
             add(u"%1 — %2"_s.arg(browser.name, profile.name), profile.id);
     }
     numberRows();
@@ -385,7 +385,7 @@ void LinkPicker::learn(const Row &row, bool privateWindow)
                      byApp ? request.source->desktopId : QString(),
                      byApp ? request.source->name : QString(),
                      row.browserID,
-                     m_state.browserName(row.browserID),
+                     m_state.browsers().name(row.browserID),
                      byHost ? std::optional(readableHost(request.link)) : std::nullopt,
                      row.profileID};
     rule.openInPrivateWindow = privateWindow;

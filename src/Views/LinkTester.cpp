@@ -15,7 +15,7 @@ namespace {
 
 QString target(const AppState &state, const RouteResult &result)
 {
-    QString text = state.browserName(result.browserId);
+    QString text = state.browsers().name(result.browserId);
     if (result.profileID)
         text += u", profile \"%1\""_s.arg(*result.profileID);
     return text;
@@ -46,7 +46,7 @@ LinkTester::LinkTester(AppState &state, QWidget *parent)
     connect(m_field, &QLineEdit::textChanged, this, &LinkTester::update);
     // The answer follows the rules and switches while a link stands in the field.
     connect(&m_state, &AppState::configChanged, this, &LinkTester::update);
-    connect(&m_state, &AppState::browsersChanged, this, &LinkTester::update);
+    connect(&m_state.browsers(), &BrowserCatalog::changed, this, &LinkTester::update);
 }
 
 void LinkTester::update()
@@ -79,7 +79,7 @@ QString LinkTester::verdict(const AppState &state, const QString &typed)
         lines.prepend(
             plan.result
                 ? u"Opens in %1: rules are paused, so every link goes to the fallback browser."_s
-                      .arg(state.browserName(plan.result->browserId))
+                      .arg(state.browsers().name(plan.result->browserId))
                 : u"Rules are paused and no fallback browser is set: it would not open."_s);
         return lines.join(u'\n');
     }

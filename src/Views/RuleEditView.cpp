@@ -59,7 +59,7 @@ void RuleEditView::finishForm()
     m_browser->setAccessibleName(u"Browser"_s);
     m_browser->addItem(u"Select a browser..."_s, QString());
     for (const BrowserInfo &browser :
-         m_state.shownBrowsers(m_existing ? m_existing->targetBrowserId : QString()))
+         m_state.browsers().shown(m_existing ? m_existing->targetBrowserId : QString()))
         m_browser->addItem(BrowserIcons::icon(browser, m_services.entries), browser.name,
                            browser.desktopId);
     // Or no browser: a window asks for each link (its item carries no id).
@@ -169,7 +169,7 @@ void RuleEditView::loadProfiles(const QString &keepProfile)
 {
     const QString browser = selectedBrowserId();
     const QList<BrowserProfile> profiles =
-        browser.isEmpty() ? QList<BrowserProfile>() : m_state.profiles(browser);
+        browser.isEmpty() ? QList<BrowserProfile>() : m_state.browsers().profiles(browser);
     m_profile->clear();
     m_profile->addItem(u"Default (no specific profile)"_s, QString());
     for (const BrowserProfile &profile : profiles)
@@ -201,7 +201,7 @@ void RuleEditView::save()
     rule.askWhereToOpen = asksWhereToOpen();
     rule.targetBrowserId = browser;
     rule.targetBrowserName =
-        rule.askWhereToOpen ? RoutingRule::AskName.toString() : m_state.browserName(browser);
+        rule.askWhereToOpen ? RoutingRule::AskName.toString() : m_state.browsers().name(browser);
     const QString profile = selectedProfileID();
     rule.targetProfileID = profile.isEmpty() ? std::nullopt : std::optional(profile);
     rule.openInPrivateWindow = privateWindowChosen();

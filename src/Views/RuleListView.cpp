@@ -155,7 +155,7 @@ public:
             word(rule.urlPattern.value_or(QString()), medium, text);
         }
         word(u"→"_s, bodyFont, dim);
-        for (const BrowserInfo &browser : m_state.browsers()) {
+        for (const BrowserInfo &browser : m_state.browsers().all()) {
             if (browser.desktopId == rule.targetBrowserId) {
                 BrowserIcons::icon(browser, m_entries)
                     .paint(painter, QRect(x, top + (lineHeight - 16) / 2, 16, 16));
@@ -168,7 +168,7 @@ public:
         if (rule.targetProfileID && !rule.targetProfileID->isEmpty()) {
             const int from = x;
             const auto name =
-                m_state.profileName(rule.targetBrowserId, *rule.targetProfileID);
+                m_state.browsers().profileName(rule.targetBrowserId, *rule.targetProfileID);
             if (name)
                 badge(*name, ViewKit::ProfileColour);
             else
@@ -201,7 +201,7 @@ public:
         const QString id = rule.targetProfileID.value_or(QString());
         QToolTip::showText(
             event->globalPos(),
-            m_state.profileName(rule.targetBrowserId, id)
+            m_state.browsers().profileName(rule.targetBrowserId, id)
                 ? u"Profile id: %1"_s.arg(id)
                 : u"%1 has no profile “%2” any more."_s.arg(rule.targetBrowserName, id),
             view);
@@ -298,9 +298,9 @@ RuleListView::RuleListView(AppState &state, RuleEditServices services, Kind kind
     layout->addLayout(bottomBar);
 
     connect(&m_state, &AppState::configChanged, this, &RuleListView::refresh);
-    connect(&m_state, &AppState::browsersChanged, m_list->viewport(),
+    connect(&m_state.browsers(), &BrowserCatalog::changed, m_list->viewport(),
             qOverload<>(&QWidget::update));
-    connect(&m_state, &AppState::profilesChanged, m_list->viewport(),
+    connect(&m_state.browsers(), &BrowserCatalog::profilesChanged, m_list->viewport(),
             qOverload<>(&QWidget::update));
     refresh();
 }

@@ -101,7 +101,7 @@ void StatusItem::rebuild(QMenu &menu)
     addInformation(
         menu,
         u"Rules: %1 app, %2 URL"_s.arg(m_state.appRules().size()).arg(m_state.urlRules().size()));
-    addInformation(menu, u"Today: %1 forwarded"_s.arg(m_state.todayHistoryCount()));
+    addInformation(menu, u"Today: %1 forwarded"_s.arg(m_state.history().todayRecordCount()));
     if (!m_state.lastRouteLog().isEmpty())
         addInformation(menu, u"Last: "_s + m_state.lastRouteLog());
     menu.addSeparator();
@@ -113,10 +113,10 @@ void StatusItem::rebuild(QMenu &menu)
     const bool asks = m_state.config().fallbackAsks;
     const QString fallbackName =
         asks ? RoutingRule::AskName.toString()
-             : m_state.installedBrowserName(m_state.fallbackBrowserId()).value_or(u"None"_s);
+             : m_state.browsers().installedName(m_state.fallbackBrowserId()).value_or(u"None"_s);
     QMenu *fallback = menu.addMenu(u"Fallback: "_s + DisplayText::forMenu(fallbackName));
     fallback->menuAction()->setObjectName(u"fallbackAction"_s);
-    for (const BrowserInfo &browser : m_state.shownBrowsers(m_state.fallbackBrowserId())) {
+    for (const BrowserInfo &browser : m_state.browsers().shown(m_state.fallbackBrowserId())) {
         QAction *item = fallback->addAction(BrowserIcons::icon(browser, m_entries),
                                             DisplayText::forMenu(browser.name));
         item->setData(browser.desktopId);

@@ -1,7 +1,8 @@
-#include "Services/BrowserDiscovery.h"
+#include "Services/BrowserCatalog.h"
 
 #include "Models/BuildInfo.h"
 #include "Platform/SystemLog.h"
+#include "Services/ConfigFile.h"
 #include "Services/ExecLine.h"
 
 #include <QCollator>
@@ -14,8 +15,6 @@
 using namespace Qt::Literals::StringLiterals;
 
 QUILLVANE_LOGGING_CATEGORY(lcBrowserDiscovery, "BrowserDiscovery")
-
-namespace BrowserDiscovery {
 
 namespace {
 
@@ -32,12 +31,6 @@ const QStringList &excludedPrefixes()
     return prefixes;
 }
 
-std::optional<QList<BrowserInfo>> &cache()
-{
-    static std::optional<QList<BrowserInfo>> browsers;
-    return browsers;
-}
-
 std::optional<BrowserInfo> makeBrowserInfo(const DesktopEntry &entry)
 {
     if (entry.id.isEmpty())
@@ -46,9 +39,15 @@ std::optional<BrowserInfo> makeBrowserInfo(const DesktopEntry &entry)
     return BrowserInfo{entry.id, name, QUrl::fromLocalFile(entry.path)};
 }
 
+bool isTerminalEmulator(const DesktopEntry &entry)
+{
+    return entry.categories.contains(u"TerminalEmulator"_s)
+           || terminalIds().contains(entry.id, Qt::CaseInsensitive);
+}
+
 } // namespace
 
-bool isQuillvane(const DesktopEntry &entry)
+bool BrowserCatalog::isQuillvane(const DesktopEntry &entry)
 {
     if (entry.id.compare(QString::fromUtf16(BuildInfo::AppId), Qt::CaseInsensitive) == 0)
         return true;
@@ -65,15 +64,7 @@ bool isQuillvane(const DesktopEntry &entry)
     return false;
 }
 
-namespace {
-
-bool isTerminalEmulator(const DesktopEntry &entry)
-{
-    return entry.categories.contains(u"TerminalEmulator"_s)
-           || terminalIds().contains(entry.id, Qt::CaseInsensitive);
-}
-
-QList<BrowserInfo> performDiscovery(DesktopEntries &entries)
+QList<BrowserInfo> BrowserCatalog::discover(DesktopEntries &entries)
 {
     const QList<DesktopEntry> handlers = entries.handlersForScheme(u"https"_s);
     qCInfo(lcBrowserDiscovery).noquote() << u"HTTPS handlers: %1"_s.arg(handlers.size());
@@ -124,19 +115,73 @@ QList<BrowserInfo> performDiscovery(DesktopEntries &entries)
     return result;
 }
 
-} // namespace
+BrowserCatalog::BrowserCatalog(DesktopEntries &entries, const ConfigFile &config,
+                               ProfileReader profiles, QObject *parent)
+    : QObject(parent)
+    , m_entries(entries)
+    , m_config(config)
+    , m_readProfiles(std::move(profiles))
+    , m_browsers(discover(entries))
+{}
 
-QList<BrowserInfo> discoverBrowsers(DesktopEntries &entries)
+bool BrowserCatalog::isQuillvane(const QString &desktopId) const
 {
-    if (!cache())
-        cache() = performDiscovery(entries);
-    return *cache();
+    if (desktopId.compare(QString::fromUtf16(BuildInfo::AppId), Qt::CaseInsensitive) == 0)
+        return true;
+    const auto entry = m_entries.entry(desktopId);
+    return entry && isQuillvane(*entry);
 }
 
-QList<BrowserInfo> refreshBrowsers(DesktopEntries &entries)
+QList<BrowserInfo> BrowserCatalog::shown(const QString &chosen) const
 {
-    cache().reset();
-    return discoverBrowsers(entries);
+    QList<BrowserInfo> shown = m_browsers;
+    shown.removeIf([this, &chosen](const BrowserInfo &browser) {
+        return browser.desktopId != chosen
+               && BrowserPreference::of(m_config.config().browserPreferences, browser.desktopId)
+                      .hidden;
+    });
+    return shown;
 }
 
-} // namespace BrowserDiscovery
+std::optional<QString> BrowserCatalog::installedName(const QString &desktopId) const
+{
+    for (const BrowserInfo &browser : m_browsers) {
+        if (browser.desktopId == desktopId)
+            return browser.name;
+    }
+    return std::nullopt;
+}
+
+QList<BrowserProfile> BrowserCatalog::profiles(const QString &desktopId) const
+{
+    const QString key = desktopId.toLower();
+    auto found = m_profiles.constFind(key);
+    if (found == m_profiles.cend())
+        found = m_profiles.insert(key, m_readProfiles ? m_readProfiles(desktopId)
+                                                      : QList<BrowserProfile>());
+    return *found;
+}
+
+std::optional<QString> BrowserCatalog::profileName(const QString &desktopId,
+                                                   const QString &profileId) const
+{
+    for (const BrowserProfile &profile : profiles(desktopId)) {
+        if (profile.id == profileId)
+            return profile.name;
+    }
+    return std::nullopt;
+}
+
+void BrowserCatalog::refresh()
+{
+    m_profiles.clear();
+    m_browsers = discover(m_entries);
+    qCInfo(lcBrowserDiscovery).noquote() << u"Refreshed browsers: %1 found"_s.arg(m_browsers.size());
+    Q_EMIT changed();
+}
+
+void BrowserCatalog::refreshProfiles()
+{
+    m_profiles.clear();
+    Q_EMIT profilesChanged();
+}
