@@ -1,7 +1,5 @@
 #include "Models/BrowserPreference.h"
 
-#include "Models/JsonWriter.h"
-
 using namespace Qt::Literals::StringLiterals;
 
 namespace {
@@ -10,14 +8,14 @@ constexpr QLatin1StringView KeyHidden("hidden");
 constexpr QLatin1StringView KeyExtraArguments("extraArguments");
 } // namespace
 
-void BrowserPreference::writeJson(JsonWriter &writer) const
+QJsonObject BrowserPreference::toJson() const
 {
-    writer.beginObject();
-    writer.member(KeyBrowserBundleID, browserId);
-    writer.trueMember(KeyHidden, hidden);
+    QJsonObject object{{KeyBrowserBundleID, browserId}};
+    if (hidden)
+        object.insert(KeyHidden, true);
     if (!extraArguments.isEmpty())
-        writer.member(KeyExtraArguments, extraArguments);
-    writer.endObject();
+        object.insert(KeyExtraArguments, extraArguments);
+    return object;
 }
 
 Expected<BrowserPreference, DecodeError> BrowserPreference::fromJson(const QJsonValue &value,
@@ -31,11 +29,6 @@ Expected<BrowserPreference, DecodeError> BrowserPreference::fromJson(const QJson
     if (reader.hasError())
         return reader.error();
     return preference;
-}
-
-QByteArray BrowserPreference::listToJson(const QList<BrowserPreference> &preferences)
-{
-    return JsonWriter::array(preferences);
 }
 
 Expected<QList<BrowserPreference>, DecodeError>

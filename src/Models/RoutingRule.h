@@ -9,8 +9,6 @@
 
 #include <optional>
 
-class JsonWriter;
-
 // One routing rule as the user edits it. Its kind follows from which of the
 // source application and the pattern are set.
 struct RoutingRule
@@ -47,12 +45,10 @@ struct RoutingRule
     // "docs.example.com → Chrome", "Mail → Firefox".
     QString description() const;
 
-    void writeJson(JsonWriter &writer) const;
+    QJsonObject toJson() const;
     static Expected<RoutingRule, DecodeError> fromJson(const QJsonValue &value,
                                                        qsizetype index = 0);
 
-    // The stored form: a compact UTF-8 JSON array.
-    static QByteArray listToJson(const QList<RoutingRule> &rules);
     // skipped: as JsonFields::decodeArray (keep the readable rules).
     static Expected<QList<RoutingRule>, DecodeError>
     listFromJson(QByteArrayView utf8, QList<DecodeError> *skipped = nullptr);

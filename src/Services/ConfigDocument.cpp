@@ -436,11 +436,9 @@ QString installedSchema()
 QByteArray encode(const Config &config)
 {
     QJsonObject root{
-        {RulesMember, QJsonDocument::fromJson(RoutingRule::listToJson(config.rules)).array()},
+        {RulesMember, JsonFields::toArray(config.rules)},
         {FallbackMember, config.fallbackBrowser},
-        {PreferencesMember,
-         QJsonDocument::fromJson(BrowserPreference::listToJson(config.browserPreferences))
-             .array()},
+        {PreferencesMember, JsonFields::toArray(config.browserPreferences)},
         {HandoffsMember, QJsonArray::fromStringList(config.handoffs)},
     };
     for (const Flag &flag : Flags)
