@@ -138,15 +138,6 @@ private Q_SLOTS:
         QCOMPARE(isDefault.size(), 1);
     }
 
-    // URL rules are grouped by the domain one owner registered.
-    void rootDomains()
-    {
-        for (const auto &[pattern, root] : {std::pair{u"*docs.example.com/api*"_s, u"example.com"_s},
-                                            {u"docs.example.co.uk"_s, u"example.co.uk"_s},
-                                            {u"https://localhost/x"_s, u"localhost"_s}})
-            QCOMPARE(AppState::rootDomain(pattern), root);
-    }
-
 private:
     AppState &makeState()
     {

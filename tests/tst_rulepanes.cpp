@@ -71,6 +71,15 @@ private Q_SLOTS:
     // Rules made elsewhere (automation) are shown at once, each where it
     // belongs; a click or Return edits a row, its bin or Delete deletes it at
     // once, and Escape closes a sheet without saving.
+    // URL rules are grouped by the domain one owner registered.
+    void rootDomains()
+    {
+        for (const auto &[pattern, root] : {std::pair{u"*docs.example.com/api*"_s, u"example.com"_s},
+                                            {u"docs.example.co.uk"_s, u"example.co.uk"_s},
+                                            {u"https://localhost/x"_s, u"localhost"_s}})
+            QCOMPARE(RuleListView::rootDomain(pattern), root);
+    }
+
     void rowsFollowTheRules()
     {
         AppRuleListView apps(*m_app->state, services());

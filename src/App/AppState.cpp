@@ -3,7 +3,6 @@
 #include "Models/BuildInfo.h"
 #include "App/RouteTask.h"
 #include "Models/DisplayText.h"
-#include "Models/HostName.h"
 #include "Platform/DiagnosticLog.h"
 #include "Platform/SystemLog.h"
 #include "Services/DefaultBrowserRegistration.h"
@@ -14,7 +13,6 @@
 #include "Services/URLCleaner.h"
 #include "Services/URLRouter.h"
 
-#include <QCollator>
 #include <QCoreApplication>
 #include <QPromise>
 
@@ -33,13 +31,6 @@ const QStringList &preferredFallbacks()
         u"firefox"_s,           u"firefox-esr"_s, u"org.mozilla.firefox"_s,  u"google-chrome"_s,
         u"com.google.Chrome"_s, u"chromium"_s,    u"org.chromium.Chromium"_s};
     return ids;
-}
-
-QCollator caseInsensitiveCollator()
-{
-    QCollator collator;
-    collator.setCaseSensitivity(Qt::CaseInsensitive);
-    return collator;
 }
 
 } // namespace
@@ -227,66 +218,6 @@ std::optional<QString> AppState::setBrowserPreference(const BrowserPreference &p
             config.browserPreferences.append(preference);
     });
     return std::nullopt;
-}
-
-QList<RoutingRule> AppState::appRules() const
-{
-    QList<RoutingRule> result;
-    std::copy_if(rules().cbegin(), rules().cend(), std::back_inserter(result),
-                 [](const RoutingRule &rule) { return !rule.sourceAppId.isEmpty(); });
-    return result;
-}
-
-QList<RoutingRule> AppState::urlRules() const
-{
-    QList<RoutingRule> result;
-    std::copy_if(rules().cbegin(), rules().cend(), std::back_inserter(result),
-                 [](const RoutingRule &rule) {
-                     return rule.sourceAppId.isEmpty() && rule.urlPattern.has_value();
-                 });
-    return result;
-}
-
-QList<RoutingRule> AppState::sortedAppRules() const
-{
-    QList<RoutingRule> rules = appRules();
-    const QCollator collator = caseInsensitiveCollator();
-    // An app's catch-all rule comes before its rules with a pattern.
-    std::stable_sort(rules.begin(), rules.end(),
-                     [&collator](const RoutingRule &a, const RoutingRule &b) {
-                         const int order = collator.compare(a.sourceAppName, b.sourceAppName);
-                         if (order != 0)
-                             return order < 0;
-                         return !a.urlPattern && b.urlPattern;
-                     });
-    return rules;
-}
-
-QList<RoutingRule> AppState::sortedUrlRules() const
-{
-    QList<RoutingRule> rules = urlRules();
-    const QCollator collator = caseInsensitiveCollator();
-    // One site's rules together, the more specific first.
-    std::stable_sort(rules.begin(), rules.end(),
-                     [&collator](const RoutingRule &a, const RoutingRule &b) {
-                         const QString rootA = rootDomain(a.urlPattern.value_or(QString()));
-                         const QString rootB = rootDomain(b.urlPattern.value_or(QString()));
-                         if (rootA != rootB)
-                             return collator.compare(rootA, rootB) < 0;
-                         return URLRouter::domainSpecificity(a.urlPattern.value_or(QString()))
-                                > URLRouter::domainSpecificity(b.urlPattern.value_or(QString()));
-                     });
-    return rules;
-}
-
-QString AppState::rootDomain(const QString &pattern)
-{
-    QString text = pattern;
-    text.remove(u'*');
-    text.remove(u"https://"_s);
-    text.remove(u"http://"_s);
-    text = text.section(u'/', 0, 0);
-    return text.isEmpty() ? text : HostName::registrableDomain(text);
 }
 
 void AppState::addRule(const RoutingRule &rule)

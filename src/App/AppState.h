@@ -78,14 +78,6 @@ public:
     // The configuration as stored, as an export document.
     Expected<QByteArray, ConfigManager::ConfigError> exportConfig() const;
 
-    // Source-only and combined rules / URL-only rules, in stored order.
-    QList<RoutingRule> appRules() const;
-    QList<RoutingRule> urlRules() const;
-    // The same, in the order the settings window lists them.
-    QList<RoutingRule> sortedAppRules() const;
-    QList<RoutingRule> sortedUrlRules() const;
-    static QString rootDomain(const QString &pattern);
-
     void addRule(const RoutingRule &rule);
     void updateRule(const RoutingRule &rule);
     void deleteRule(const RoutingRule &rule);

@@ -2,6 +2,8 @@
 
 #include "App/AppState.h"
 #include "Automation/AutomationValues.h"
+#include "Models/HostName.h"
+#include "Services/URLRouter.h"
 #include "Views/AppRuleEditView.h"
 #include "Views/BrowserIcons.h"
 #include "Views/EmptyState.h"
@@ -11,6 +13,7 @@
 
 #include <QAbstractListModel>
 #include <QApplication>
+#include <QCollator>
 #include <QHBoxLayout>
 #include <QHelpEvent>
 #include <QKeyEvent>
@@ -310,6 +313,40 @@ QString RuleListView::countText(qsizetype count)
     return u"%1 rule%2"_s.arg(count).arg(count == 1 ? u""_s : u"s"_s);
 }
 
+QList<RoutingRule> RuleListView::inListOrder(const QList<RoutingRule> &all, Kind kind)
+{
+    QList<RoutingRule> rules = all;
+    rules.removeIf([kind](const RoutingRule &rule) {
+        return kind == AppRules ? rule.sourceAppId.isEmpty()
+                                : rule.kind() != RoutingRule::Kind::UrlOnly;
+    });
+    QCollator collator;
+    collator.setCaseSensitivity(Qt::CaseInsensitive);
+    std::stable_sort(rules.begin(), rules.end(), [&](const RoutingRule &a, const RoutingRule &b) {
+        if (kind == AppRules) {
+            const int order = collator.compare(a.sourceAppName, b.sourceAppName);
+            return order != 0 ? order < 0 : !a.urlPattern && b.urlPattern;
+        }
+        const QString patternA = a.urlPattern.value_or(QString());
+        const QString patternB = b.urlPattern.value_or(QString());
+        if (const QString rootA = rootDomain(patternA), rootB = rootDomain(patternB);
+            rootA != rootB)
+            return collator.compare(rootA, rootB) < 0;
+        return URLRouter::domainSpecificity(patternA) > URLRouter::domainSpecificity(patternB);
+    });
+    return rules;
+}
+
+QString RuleListView::rootDomain(const QString &pattern)
+{
+    QString text = pattern;
+    text.remove(u'*');
+    text.remove(u"https://"_s);
+    text.remove(u"http://"_s);
+    text = text.section(u'/', 0, 0);
+    return text.isEmpty() ? text : HostName::registrableDomain(text);
+}
+
 void RuleListView::addAbove(QWidget *widget)
 {
     static_cast<QVBoxLayout *>(layout())->insertWidget(0, widget);
@@ -318,7 +355,7 @@ void RuleListView::addAbove(QWidget *widget)
 void RuleListView::refresh()
 {
     const QList<RoutingRule> rules =
-        m_kind == AppRules ? m_state.sortedAppRules() : m_state.sortedUrlRules();
+        inListOrder(m_state.rules(), m_kind);
     m_model->setRules(rules);
     m_pages->setCurrentIndex(rules.isEmpty() ? 0 : 1);
     m_count->setText(countText(rules.size()));

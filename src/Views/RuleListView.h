@@ -29,6 +29,11 @@ public:
 
     // "{n} rule", with "s" unless n is 1.
     static QString countText(qsizetype count);
+    // The rules of a kind in the order the list shows them: an app's rules by
+    // the app's name, its catch-all first; one site's URL rules together (by
+    // the domain one owner registered), the more specific first.
+    static QList<RoutingRule> inListOrder(const QList<RoutingRule> &rules, Kind kind);
+    static QString rootDomain(const QString &pattern);
 
     // What "Add Rule" and a click on a row open; the sheet while it is open.
     void showAddSheet();

@@ -98,9 +98,14 @@ void StatusItem::rebuild(QMenu &menu)
     addInformation(menu, m_state.checkIsDefaultBrowser() ? u"Default Browser: Activated"_s
                                                          : u"Default Browser: Not Set"_s);
     menu.addSeparator();
-    addInformation(
-        menu,
-        u"Rules: %1 app, %2 URL"_s.arg(m_state.appRules().size()).arg(m_state.urlRules().size()));
+    const QList<RoutingRule> &rules = m_state.rules();
+    const auto urlRules = std::count_if(rules.cbegin(), rules.cend(), [](const RoutingRule &rule) {
+        return rule.kind() == RoutingRule::Kind::UrlOnly;
+    });
+    const auto appRules = std::count_if(rules.cbegin(), rules.cend(), [](const RoutingRule &rule) {
+        return !rule.sourceAppId.isEmpty();
+    });
+    addInformation(menu, u"Rules: %1 app, %2 URL"_s.arg(appRules).arg(urlRules));
     addInformation(menu, u"Today: %1 forwarded"_s.arg(m_state.history().todayRecordCount()));
     if (!m_state.lastRouteLog().isEmpty())
         addInformation(menu, u"Last: "_s + m_state.lastRouteLog());
