@@ -20,8 +20,6 @@
 
 #include "BenchSupport.h"
 
-#include <QJsonDocument>
-
 using namespace Qt::Literals::StringLiterals;
 
 namespace {
@@ -120,19 +118,33 @@ void BM_RulesToJson1000(benchmark::State &state)
 {
     const QList<RoutingRule> rules = BenchSupport::makeRules(1000);
     for (auto _ : state)
-        benchmark::DoNotOptimize(
-            QJsonDocument(JsonFields::toArray(rules)).toJson(QJsonDocument::Compact));
+        benchmark::DoNotOptimize(RoutingRule::listToJson(rules));
 }
 BENCHMARK(BM_RulesToJson1000)->Unit(benchmark::kMicrosecond);
 
 void BM_RulesFromJson1000(benchmark::State &state)
 {
-    const QByteArray json =
-        QJsonDocument(JsonFields::toArray(BenchSupport::makeRules(1000))).toJson();
+    const QByteArray json = RoutingRule::listToJson(BenchSupport::makeRules(1000));
     for (auto _ : state)
         benchmark::DoNotOptimize(RoutingRule::listFromJson(json));
 }
 BENCHMARK(BM_RulesFromJson1000)->Unit(benchmark::kMicrosecond);
+
+void BM_HistoryToJson500(benchmark::State &state)
+{
+    const QList<ForwardingRecord> history = BenchSupport::makeHistory(500);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(ForwardingRecord::listToJson(history));
+}
+BENCHMARK(BM_HistoryToJson500)->Unit(benchmark::kMicrosecond);
+
+void BM_HistoryFromJson500(benchmark::State &state)
+{
+    const QByteArray json = ForwardingRecord::listToJson(BenchSupport::makeHistory(500));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(ForwardingRecord::listFromJson(json));
+}
+BENCHMARK(BM_HistoryFromJson500)->Unit(benchmark::kMicrosecond);
 
 // What the history database does for one link, into a full 500-record history:
 // journalled on arrival, counted (and marked counted), then recorded with its

@@ -13,7 +13,6 @@
 
 #include <QAbstractButton>
 #include <QHash>
-#include <QJsonDocument>
 #include <QPromise>
 #include <QHostAddress>
 #include <QTcpServer>
@@ -68,12 +67,6 @@ void addRows(const QStringList &columns, QStringView rows);
 Link link(QStringView text);
 
 // The widget of that name under parent; the test stops when there is none.
-// A list of records in their compact JSON form, as files of earlier versions held it.
-template<typename Record> QByteArray compactJson(const QList<Record> &records)
-{
-    return QJsonDocument(JsonFields::toArray(records)).toJson(QJsonDocument::Compact);
-}
-
 template<typename T> T *child(const QObject *parent, const QString &name)
 {
     T *found = parent->findChild<T *>(name);

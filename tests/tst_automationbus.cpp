@@ -530,8 +530,11 @@ config check            | 0 | nothing wrong
     script(QString(u"config export "_s + exported + u" | 0 | Exported"_s));
     QJsonObject document = QJsonDocument::fromJson(readFile(exported)).object();
     QJsonArray imported = document[u"rules"].toArray();
-    imported.append(
-        makeRule({}, u"new.example"_s, u"alpha-browser"_s, u"Profile 3"_s).toJson());
+    imported.append(QJsonDocument::fromJson(RoutingRule::listToJson({makeRule(
+                                                {}, u"new.example"_s, u"alpha-browser"_s,
+                                                u"Profile 3"_s)}))
+                        .array()
+                        .first());
     document[u"rules"] = imported;
     document[u"browserPreferences"] = QJsonArray{
         QJsonObject{{u"browserBundleID"_s, u"alpha-browser"_s}, {u"extraArguments"_s, u"--new-window"_s}}};

@@ -293,9 +293,9 @@ private Q_SLOTS:
         {
             // As the earlier versions wrote it: data values as @ByteArray(…).
             QSettings old(legacy, QSettings::IniFormat);
-            old.setValue(u"routing_rules"_s, compactJson(expected.rules));
+            old.setValue(u"routing_rules"_s, RoutingRule::listToJson(expected.rules));
             old.setValue(u"browser_preferences"_s,
-                         compactJson(expected.browserPreferences));
+                         BrowserPreference::listToJson(expected.browserPreferences));
             old.setValue(u"handoffs_enabled"_s, QByteArray(R"(["zoom","spotify"])"));
             for (const auto &[key, value] :
                  {std::pair{"rules_enabled", false}, {"fallback_asks", true},

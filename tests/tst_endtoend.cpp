@@ -76,7 +76,7 @@ private Q_SLOTS:
         // count into the history database, and keeps the old file aside.
         QSettings settings(legacyPath(), QSettings::IniFormat);
         settings.setValue(u"routing_rules"_s,
-                          compactJson(QList<RoutingRule>
+                          RoutingRule::listToJson(
                               {makeRule(u"fake-mail"_s, std::nullopt, u"mail-browser"_s),
                                makeRule(u"fake-chat"_s, std::nullopt, u"chat-browser"_s),
                                makeRule(QString(), u"burst.example"_s, u"burst-browser"_s)}));
@@ -85,7 +85,7 @@ private Q_SLOTS:
         settings.setValue(u"url_unwrapping_enabled"_s, false);
         settings.setValue(
             u"forwarding_history"_s,
-            compactJson(QList<ForwardingRecord>
+            ForwardingRecord::listToJson(
                 {makeRecord(u"https://earlier.example/2"_s, u"Mail"_s, u"Fallback"_s),
                  makeRecord(u"https://earlier.example/1"_s, std::nullopt, u"Fallback"_s)}));
         settings.setValue(u"today_forward_count"_s, 5);

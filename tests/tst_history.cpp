@@ -266,7 +266,7 @@ after a restart, long since booting   | r120 | 130   | no
         // A start that ended after the database took them and before the old file
         // was moved aside: nothing is taken twice.
         for (int start = 0; start < 2; ++start) {
-            seed(compactJson(old));
+            seed(ForwardingRecord::listToJson(old));
             QVERIFY(HistoryMigration::run(*HistoryMigration::take(settings), *m_database));
         }
         QCOMPARE(linksOnDisk(m_path), links(old));
@@ -274,7 +274,7 @@ after a restart, long since booting   | r120 | 130   | no
 
         // One record that cannot be read: the others move, and the run says that
         // something stays behind in the old file (which is kept).
-        QByteArray damaged = compactJson(QList<ForwardingRecord>
+        QByteArray damaged = ForwardingRecord::listToJson(
             {someRecord(u"https://kept.example/1"_s), someRecord(u"https://lost.example/"_s),
              someRecord(u"https://kept.example/2"_s)});
         seed(damaged.replace("\"originalURL\":\"https://lost.example/\",", ""));

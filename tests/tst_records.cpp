@@ -35,7 +35,7 @@ private Q_SLOTS:
              std::nullopt},
             {QUuid::createUuid(), QString(), QString(), u"x"_s, u"X"_s, std::nullopt, std::nullopt},
         };
-        const QByteArray json = compactJson(rules);
+        const QByteArray json = RoutingRule::listToJson(rules);
         QCOMPARE(*RoutingRule::listFromJson(json), rules);
         const QJsonArray array = QJsonDocument::fromJson(json).array();
         QCOMPARE(array[0][u"id"_s].toString(),
@@ -46,7 +46,7 @@ private Q_SLOTS:
         const auto withNull =
             RoutingRule::listFromJson(ruleJson(u",\"urlPattern\":null,\"future\":[1,2]"_s));
         QCOMPARE(withNull->first().urlPattern, std::nullopt);
-        QVERIFY(!compactJson(*withNull).contains("urlPattern"));
+        QVERIFY(!RoutingRule::listToJson(*withNull).contains("urlPattern"));
         QCOMPARE(RoutingRule::listFromJson(ruleJson({}).replace(Id.toUtf8(), Id.toLower().toUtf8()))
                      ->first()
                      .id,
@@ -88,7 +88,7 @@ private Q_SLOTS:
         ForwardingRecord record =
             makeRecord(u"https://e.com/?utm_source=x"_s, std::nullopt, u"Firefox"_s);
         record.timestamp = QDateTime(QDate(2001, 1, 1), QTime(0, 0, 10, 500), Qt::UTC);
-        const QByteArray json = compactJson(QList<ForwardingRecord>{record});
+        const QByteArray json = ForwardingRecord::listToJson({record});
         const QJsonObject object = QJsonDocument::fromJson(json).array().first().toObject();
         QCOMPARE(object.value(u"timestamp"_s).toDouble(), 10.5);
         for (const QString &member : {u"sourceAppBundleID"_s, u"sourceAppName"_s, u"ruleMatched"_s})

@@ -61,7 +61,7 @@ void printText(const QList<ForwardingRecord> &records, QTextStream &out)
 void printJson(const QList<ForwardingRecord> &records, QTextStream &out)
 {
     // The records as the history stores them, indented like the other commands' JSON.
-    const QJsonDocument document(JsonFields::toArray(records));
+    const QJsonDocument document = QJsonDocument::fromJson(ForwardingRecord::listToJson(records));
     out << QString::fromUtf8(document.toJson(QJsonDocument::Indented));
 }
 

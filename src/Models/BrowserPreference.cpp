@@ -1,5 +1,7 @@
 #include "Models/BrowserPreference.h"
 
+#include "Models/JsonWriter.h"
+
 using namespace Qt::Literals::StringLiterals;
 
 namespace {
@@ -8,14 +10,14 @@ constexpr QLatin1StringView KeyHidden("hidden");
 constexpr QLatin1StringView KeyExtraArguments("extraArguments");
 } // namespace
 
-QJsonObject BrowserPreference::toJson() const
+void BrowserPreference::writeJson(JsonWriter &writer) const
 {
-    QJsonObject object{{KeyBrowserBundleID, browserId}};
-    if (hidden)
-        object.insert(KeyHidden, true);
+    writer.beginObject();
+    writer.member(KeyBrowserBundleID, browserId);
+    writer.trueMember(KeyHidden, hidden);
     if (!extraArguments.isEmpty())
-        object.insert(KeyExtraArguments, extraArguments);
-    return object;
+        writer.member(KeyExtraArguments, extraArguments);
+    writer.endObject();
 }
 
 Expected<BrowserPreference, DecodeError> BrowserPreference::fromJson(const QJsonValue &value,
@@ -29,6 +31,11 @@ Expected<BrowserPreference, DecodeError> BrowserPreference::fromJson(const QJson
     if (reader.hasError())
         return reader.error();
     return preference;
+}
+
+QByteArray BrowserPreference::listToJson(const QList<BrowserPreference> &preferences)
+{
+    return JsonWriter::array(preferences);
 }
 
 Expected<QList<BrowserPreference>, DecodeError>

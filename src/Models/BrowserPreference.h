@@ -6,6 +6,8 @@
 #include <QList>
 #include <QString>
 
+class JsonWriter;
+
 // What the user set for one installed browser: whether the lists show it, and
 // arguments of their own that every start of it gets before the link (as
 // typed: split by the Desktop Entry quoting rules when it starts).
@@ -22,9 +24,10 @@ struct BrowserPreference
     static BrowserPreference of(const QList<BrowserPreference> &preferences,
                                 const QString &desktopId);
 
-    QJsonObject toJson() const;
+    void writeJson(JsonWriter &writer) const;
     static Expected<BrowserPreference, DecodeError> fromJson(const QJsonValue &value,
                                                              qsizetype index = 0);
+    static QByteArray listToJson(const QList<BrowserPreference> &preferences);
     // skipped: as JsonFields::decodeArray (keep the readable ones).
     static Expected<QList<BrowserPreference>, DecodeError>
     listFromJson(QByteArrayView utf8, QList<DecodeError> *skipped = nullptr);

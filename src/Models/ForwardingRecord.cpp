@@ -1,5 +1,7 @@
 #include "Models/ForwardingRecord.h"
 
+#include "Models/JsonWriter.h"
+
 using namespace Qt::Literals::StringLiterals;
 
 namespace {
@@ -17,20 +19,21 @@ constexpr QLatin1StringView KeyTargetProfileID("targetProfileID");
 constexpr QStringView PausedCredit = u"⏸ Rules paused";
 } // namespace
 
-QJsonObject ForwardingRecord::toJson() const
+void ForwardingRecord::writeJson(JsonWriter &writer) const
 {
-    QJsonObject object{{KeyId, JsonFields::uuidText(id)},
-                       {KeyTimestamp, JsonFields::referenceSeconds(timestamp)},
-                       {KeyOriginalURL, originalURL},
-                       {KeyTargetBrowserBundleID, targetBrowserId},
-                       {KeyTargetBrowserName, targetBrowserName}};
-    const std::pair<QLatin1StringView, const std::optional<QString> &> optional[] = {
-        {KeySourceAppBundleID, sourceAppId}, {KeySourceAppName, sourceAppName},
-        {KeyRuleMatched, ruleMatched},       {KeyDecidedBy, decidedBy},
-        {KeyDecisionDescription, decisionDescription}, {KeyTargetProfileID, targetProfileID}};
-    for (const auto &[key, value] : optional)
-        JsonFields::insertOptional(object, key, value);
-    return object;
+    writer.beginObject();
+    writer.member(KeyId, JsonFields::uuidText(id));
+    writer.member(KeyTimestamp, JsonFields::referenceSeconds(timestamp));
+    writer.member(KeyOriginalURL, originalURL);
+    writer.optionalMember(KeySourceAppBundleID, sourceAppId);
+    writer.optionalMember(KeySourceAppName, sourceAppName);
+    writer.member(KeyTargetBrowserBundleID, targetBrowserId);
+    writer.member(KeyTargetBrowserName, targetBrowserName);
+    writer.optionalMember(KeyRuleMatched, ruleMatched);
+    writer.optionalMember(KeyDecidedBy, decidedBy);
+    writer.optionalMember(KeyDecisionDescription, decisionDescription);
+    writer.optionalMember(KeyTargetProfileID, targetProfileID);
+    writer.endObject();
 }
 
 Expected<ForwardingRecord, DecodeError> ForwardingRecord::fromJson(const QJsonValue &value,
@@ -72,6 +75,11 @@ QString ForwardingRecord::decisionText() const
     if (*decidedBy == DecidedByRunning)
         return u"Running browser"_s;
     return decisionDescription.value_or(*decidedBy);
+}
+
+QByteArray ForwardingRecord::listToJson(const QList<ForwardingRecord> &records)
+{
+    return JsonWriter::array(records);
 }
 
 Expected<QList<ForwardingRecord>, DecodeError>

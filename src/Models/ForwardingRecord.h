@@ -10,6 +10,8 @@
 
 #include <optional>
 
+class JsonWriter;
+
 // One link that Quillvane opened: when, what, from where, to which browser and
 // under which rule.
 struct ForwardingRecord
@@ -46,10 +48,11 @@ struct ForwardingRecord
     QString decisionText() const;
     bool decidedByPause() const;
 
-    QJsonObject toJson() const;
+    void writeJson(JsonWriter &writer) const;
     static Expected<ForwardingRecord, DecodeError> fromJson(const QJsonValue &value,
                                                             qsizetype index = 0);
 
+    static QByteArray listToJson(const QList<ForwardingRecord> &records);
     // skipped: as JsonFields::decodeArray (keep the readable records).
     static Expected<QList<ForwardingRecord>, DecodeError>
     listFromJson(QByteArrayView utf8, QList<DecodeError> *skipped = nullptr);

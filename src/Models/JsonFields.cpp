@@ -66,13 +66,6 @@ std::optional<QDateTime> fromReferenceSeconds(double seconds)
     return QDateTime::fromMSecsSinceEpoch(msecs, Qt::UTC);
 }
 
-void insertOptional(QJsonObject &object, QLatin1StringView key,
-                    const std::optional<QString> &value)
-{
-    if (value)
-        object.insert(key, *value);
-}
-
 Expected<QJsonArray, DecodeError> parseArray(QByteArrayView utf8)
 {
     QJsonParseError parseError;

@@ -30,18 +30,6 @@ std::optional<QDateTime> fromReferenceSeconds(double seconds);
 
 Expected<QJsonArray, DecodeError> parseArray(QByteArrayView utf8);
 
-// A list of records that write themselves with toJson().
-template<typename Record> QJsonArray toArray(const QList<Record> &records)
-{
-    QJsonArray array;
-    for (const Record &record : records)
-        array.append(record.toJson());
-    return array;
-}
-// Sets key only when value is there: absent stays absent.
-void insertOptional(QJsonObject &object, QLatin1StringView key,
-                    const std::optional<QString> &value);
-
 // Reads the members of one JSON object; the first problem is kept and fails the
 // whole document.
 class ObjectReader final

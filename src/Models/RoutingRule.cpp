@@ -1,5 +1,7 @@
 #include "Models/RoutingRule.h"
 
+#include "Models/JsonWriter.h"
+
 #include <QHash>
 
 using namespace Qt::Literals::StringLiterals;
@@ -57,21 +59,24 @@ Expected<RoutingRule, DecodeError> RoutingRule::fromJson(const QJsonValue &value
     return rule;
 }
 
-QJsonObject RoutingRule::toJson() const
+void RoutingRule::writeJson(JsonWriter &writer) const
 {
-    QJsonObject object{{KeyId, JsonFields::uuidText(id)},
-                       {KeySourceAppBundleID, sourceAppId},
-                       {KeySourceAppName, sourceAppName},
-                       {KeyTargetBrowserBundleID, targetBrowserId},
-                       {KeyTargetBrowserName, targetBrowserName}};
-    JsonFields::insertOptional(object, KeyUrlPattern, urlPattern);
-    JsonFields::insertOptional(object, KeyTargetProfileID, targetProfileID);
-    // Written only when set: what readers of earlier versions need not know.
-    if (openInPrivateWindow)
-        object.insert(KeyOpenInPrivateWindow, true);
-    if (askWhereToOpen)
-        object.insert(KeyAskWhereToOpen, true);
-    return object;
+    writer.beginObject();
+    writer.member(KeyId, JsonFields::uuidText(id));
+    writer.member(KeySourceAppBundleID, sourceAppId);
+    writer.member(KeySourceAppName, sourceAppName);
+    writer.member(KeyTargetBrowserBundleID, targetBrowserId);
+    writer.member(KeyTargetBrowserName, targetBrowserName);
+    writer.optionalMember(KeyUrlPattern, urlPattern);
+    writer.optionalMember(KeyTargetProfileID, targetProfileID);
+    writer.trueMember(KeyOpenInPrivateWindow, openInPrivateWindow);
+    writer.trueMember(KeyAskWhereToOpen, askWhereToOpen);
+    writer.endObject();
+}
+
+QByteArray RoutingRule::listToJson(const QList<RoutingRule> &rules)
+{
+    return JsonWriter::array(rules);
 }
 
 Expected<QList<RoutingRule>, DecodeError> RoutingRule::listFromJson(QByteArrayView utf8,

@@ -9,6 +9,8 @@
 
 #include <optional>
 
+class JsonWriter;
+
 // One routing rule as the user edits it. Its kind follows from which of the
 // source application and the pattern are set.
 struct RoutingRule
@@ -45,10 +47,12 @@ struct RoutingRule
     // "docs.example.com → Chrome", "Mail → Firefox".
     QString description() const;
 
-    QJsonObject toJson() const;
+    void writeJson(JsonWriter &writer) const;
     static Expected<RoutingRule, DecodeError> fromJson(const QJsonValue &value,
                                                        qsizetype index = 0);
 
+    // The stored form: a compact UTF-8 JSON array.
+    static QByteArray listToJson(const QList<RoutingRule> &rules);
     // skipped: as JsonFields::decodeArray (keep the readable rules).
     static Expected<QList<RoutingRule>, DecodeError>
     listFromJson(QByteArrayView utf8, QList<DecodeError> *skipped = nullptr);

@@ -436,9 +436,11 @@ QString installedSchema()
 QByteArray encode(const Config &config)
 {
     QJsonObject root{
-        {RulesMember, JsonFields::toArray(config.rules)},
+        {RulesMember, QJsonDocument::fromJson(RoutingRule::listToJson(config.rules)).array()},
         {FallbackMember, config.fallbackBrowser},
-        {PreferencesMember, JsonFields::toArray(config.browserPreferences)},
+        {PreferencesMember,
+         QJsonDocument::fromJson(BrowserPreference::listToJson(config.browserPreferences))
+             .array()},
         {HandoffsMember, QJsonArray::fromStringList(config.handoffs)},
     };
     for (const Flag &flag : Flags)

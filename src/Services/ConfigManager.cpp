@@ -213,10 +213,12 @@ QStringList describeChanges(const Config &before, const Config &after)
 
 QByteArray encode(const ExportData &data)
 {
+    // The rules in their one JSON form, as the settings store keeps them.
+    const QJsonArray rules = QJsonDocument::fromJson(RoutingRule::listToJson(data.rules)).array();
     QJsonObject document{
         {u"version"_s, data.version},
         {u"exportDate"_s, data.exportDate.toUTC().toString(Qt::ISODate)},
-        {u"rules"_s, JsonFields::toArray(data.rules)},
+        {u"rules"_s, rules},
         {u"urlCleaningEnabled"_s, data.urlCleaningEnabled},
     };
     if (data.fallbackBrowserId)
@@ -226,7 +228,10 @@ QByteArray encode(const ExportData &data)
     if (data.handoffs)
         document.insert(u"handoffs"_s, QJsonArray::fromStringList(*data.handoffs));
     if (data.browserPreferences)
-        document.insert(u"browserPreferences"_s, JsonFields::toArray(*data.browserPreferences));
+        document.insert(u"browserPreferences"_s,
+                        QJsonDocument::fromJson(
+                            BrowserPreference::listToJson(*data.browserPreferences))
+                            .array());
     QByteArray out;
     appendValue(out, document, 0);
     return out;
