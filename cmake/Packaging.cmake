@@ -10,13 +10,16 @@ set(CPACK_PACKAGE_VENDOR "The Quillvane developers")
 set(CPACK_PACKAGE_CONTACT "The Quillvane developers <maintainers@vorpa.work>")
 set(CPACK_PACKAGE_HOMEPAGE_URL "https://vorpa.work/quillvane")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "opens every link in the browser your rules choose")
-set(CPACK_PACKAGE_DESCRIPTION
-    "Quillvane becomes the desktop's default web browser and sends each link on to the browser \
-you want: by the application that opened it, by the link's address, or both, optionally in a \
-chosen browser profile or a private window. It removes tracking parameters, takes links out of \
-redirect wrappers, expands short links, hands meeting, music and chat links to the services' own \
-apps, and keeps a history of what it forwarded. It lives in the tray, has a settings window, and \
-can be driven from scripts over D-Bus and its command line.")
+# In lines that Debian's tools show as they are (at most 80 characters).
+string(JOIN "\n" CPACK_PACKAGE_DESCRIPTION
+    "Quillvane becomes the desktop's default web browser and sends each link on"
+    "to the browser you want: by the application that opened it, by the link's"
+    "address, or both, optionally in a chosen browser profile or a private"
+    "window. It removes tracking parameters, takes links out of redirect"
+    "wrappers, expands short links, hands meeting, music and chat links to the"
+    "services' own apps, and keeps a history of what it forwarded. It lives in"
+    "the tray, has a settings window, and can be driven from scripts over D-Bus"
+    "and its command line.")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_GENERATOR DEB RPM)

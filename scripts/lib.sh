@@ -19,7 +19,7 @@ TEST_PACKAGES=(
 # To make the Debian and RPM packages (scripts/package), and to check the
 # packaged metadata and manual page (the test command does).
 PACKAGE_PACKAGES=(
-    dpkg-dev file rpm debootstrap
+    dpkg-dev file rpm debootstrap lintian
 )
 METADATA_PACKAGES=(
     desktop-file-utils appstream man-db groff-base
