@@ -4,7 +4,7 @@
 # To build and run.
 BUILD_PACKAGES=(
     g++ cmake ninja-build pkg-config git
-    qt6-base-dev libqt6svg6 libglib2.0-dev libsystemd-dev libxcb1-dev libsodium-dev libsqlite3-dev libpsl-dev
+    qt6-base-dev libqt6svg6 libglib2.0-dev libsystemd-dev libxcb1-dev libsodium-dev libsqlite3-dev libpsl-dev libjson-glib-dev
     desktop-file-utils
 )
 # To run the whole test suite and the benchmarks.
