@@ -15,6 +15,8 @@
 #include <QDBusConnectionInterface>
 #include <QDBusPendingCall>
 #include <QDir>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QLocalSocket>
 #include <QProcess>
 #include <QScopeGuard>
@@ -196,6 +198,36 @@ private Q_SLOTS:
         QCOMPARE(ask(fields({"link=https://example.com/by-socket"})), "0");
         QCOMPARE(m_desktop->opened(u"fallback-browser"_s),
                  QStringList{u"https://example.com/by-socket"_s});
+    }
+
+    // The extension's host, started by an application as a browser starts it:
+    // Quillvane names the application by the host's parent and answers from
+    // its rules (fake-mail's rule sends every link to mail-browser).
+    void extensionHostAsks()
+    {
+        QProcess host;
+        host.start(m_desktop->root() + u"/bin/fake-mail"_s,
+                   {u"-c"_s, g_installed.prefix()
+                                 + u"/libexec/quillvane/quillvane-native-host; true"_s});
+        QVERIFY(host.waitForStarted());
+        const auto ask = [&host](const QByteArray &request) {
+            const quint32 size = quint32(request.size());
+            host.write(QByteArray(reinterpret_cast<const char *>(&size), sizeof size) + request);
+            quint32 length = 0;
+            while (host.bytesAvailable() < qint64(sizeof length) && host.waitForReadyRead(30000)) {
+            }
+            host.read(reinterpret_cast<char *>(&length), sizeof length);
+            while (host.bytesAvailable() < length && host.waitForReadyRead(30000)) {
+            }
+            return QJsonDocument::fromJson(host.read(length)).object();
+        };
+        QCOMPARE(ask("{\"id\":1,\"type\":\"status\"}")[u"quillvane"_s], u"running"_s);
+        const QJsonObject leaves =
+            ask("{\"id\":2,\"type\":\"leaves\",\"url\":\"https://example.com/mail\"}");
+        QCOMPARE(leaves[u"leaves"_s], true);
+        QCOMPARE(leaves[u"quillvane"_s], u"running"_s);
+        host.closeWriteChannel();
+        QVERIFY(host.waitForFinished(30000));
     }
 
     // A meeting link goes to the meeting app the desktop has, rewritten for it
@@ -592,6 +624,7 @@ xdg-open               | fake-chat | DISPLAY=:0 xdg-open https://example.com/via
 quillvane typed        | fake-mail | $BIN/quillvane https://example.com/typed             | mail-browser |
 bus, with a token      | fake-mail | gdbus call --session --dest work.vorpa.Quillvane --object-path /work/vorpa/Quillvane --method org.freedesktop.Application.Open "['https://example.com/by-dbus']" "{'activation-token': <'token-42'>}" | mail-browser | token-42
 bus, claiming init     | fake-mail | gdbus call --session --dest work.vorpa.Quillvane --object-path /work/vorpa/Quillvane --method org.freedesktop.Application.Open "['https://example.com/false-claim']" "{'sender-pid': <uint32 1>}" | mail-browser |
+browser extension      | fake-mail | f="${TMPDIR:-/tmp}/frame-$$"; printf 'A\000\000\000{"id":1,"type":"open","url":"https://example.com/from-extension"}' > "$f"; $BIN/../libexec/quillvane/quillvane-native-host < "$f" > /dev/null; rm "$f" | mail-browser |
 )");
 }
 

@@ -202,6 +202,32 @@ private Q_SLOTS:
         QVERIFY(scans == 0 || routeSettings.preferRunningBrowser);
     }
 
+    // A link leaves the browser about to load it only when a rule names another
+    // browser: never for the fallback, "Ask", paused rules, or a rule for this
+    // same browser (in any letter case).
+    void leavesOnlyByARuleForAnotherBrowser()
+    {
+        RouteSettings settings;
+        settings.fallbackBrowserId = u"firefox"_s;
+        RoutingRule asks{QUuid::createUuid(), {}, {}, {}, {}, u"ask.example.com"_s, std::nullopt};
+        asks.askWhereToOpen = true;
+        settings.rules = QList<RoutingRule>{{QUuid::createUuid(), {}, {}, u"chromium"_s,
+                                             u"Chromium"_s, u"meet.example.com"_s, std::nullopt},
+                                            asks};
+        const auto leaves = [&settings](const QString &url, const QString &browser) {
+            const RoutePolicy policy = RoutePolicy::linkTest();
+            RoutePlan plan = RoutePlanner::prepare(link(url), source(browser), settings, policy);
+            RoutePlanner::decide(plan, settings, policy);
+            return RoutePlanner::leavesBrowser(plan, browser);
+        };
+        QVERIFY(leaves(u"https://meet.example.com/room"_s, u"firefox"_s));
+        QVERIFY(!leaves(u"https://meet.example.com/room"_s, u"Chromium"_s));
+        QVERIFY(!leaves(u"https://other.example/"_s, u"chromium"_s));
+        QVERIFY(!leaves(u"https://ask.example.com/"_s, u"chromium"_s));
+        settings.rulesEnabled = false;
+        QVERIFY(!leaves(u"https://meet.example.com/room"_s, u"firefox"_s));
+    }
+
     // Unwrapping before cleaning before expansion before the rules, each seeing
     // what the one before made of the link; the rules as they are once the short
     // link is expanded, and the deciding rule as it read then.

@@ -32,6 +32,7 @@
 #include "Views/SettingsWindow.h"
 #include "Views/StatusItem.h"
 #include "applicationadaptor.h"
+#include "browseradaptor.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -121,6 +122,7 @@ bool AppDelegate::applicationWillFinishLaunching()
     };
     QDBusConnection bus = QDBusConnection::sessionBus();
     new ApplicationAdaptor(m_intake.get());
+    new BrowserAdaptor(m_intake.get());
     new AutomationAdaptor(m_intake.get(), bus, m_intake->scripts());
 
     if (!bus.isConnected()) {

@@ -192,6 +192,27 @@ void LinkIntake::ActivateAction(const QString &actionName, const QVariantList &,
                        u"Quillvane has no action named \"%1\"."_s.arg(shownName));
 }
 
+bool LinkIntake::Leaves(const QString &url)
+{
+    const auto link = Link::parseWebLink(url);
+    if (!link) {
+        sendErrorReply(BusNames::Error::InvalidLink, link.error().description);
+        return false;
+    }
+    // Asked before a page loads: the browser, the rules and the link as it
+    // stands, without waiting for the network to expand it. A browser that
+    // cannot be named keeps its links.
+    const auto host = BusPeers::processOf(message().service().toUtf8(), {}, QuickAnswerMs);
+    const std::optional<SourceApp> browser = host ? m_resolver.resolve(*host) : std::nullopt;
+    if (!browser)
+        return false;
+    const RouteSettings settings = m_state.routeSettings();
+    const RoutePolicy policy = RoutePolicy::linkTest();
+    RoutePlan plan = RoutePlanner::prepare(*link, browser, settings, policy);
+    RoutePlanner::decide(plan, settings, policy);
+    return RoutePlanner::leavesBrowser(plan, browser->desktopId);
+}
+
 QStringList LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,
                                    const QString &activationToken, std::function<void()> safe,
                                    qint64 arrivedNs,

@@ -70,6 +70,9 @@ public Q_SLOTS:
     void Open(const QStringList &uris, const QVariantMap &platformData);
     void ActivateAction(const QString &actionName, const QVariantList &parameter,
                         const QVariantMap &platformData);
+    // The extension's question, through its native host: does a rule send
+    // this link away from the browser (the host's parent) about to load it?
+    bool Leaves(const QString &url);
 
 private:
     // How long a click waits on this thread for the bus to name its sender.

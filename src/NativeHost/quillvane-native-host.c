@@ -19,7 +19,7 @@
  * cannot be trusted to be a message.
  *
  * Which browser asks is not for the message to say: Quillvane learns it from
- * the kernel, by the process that owns this one.
+ * the system, as the parent of this process.
  */
 #include <gio/gio.h>
 #include <json-glib/json-glib.h>
@@ -39,7 +39,7 @@ enum {
 
 static const char *const BusName = "work.vorpa.Quillvane";
 static const char *const ObjectPath = "/work/vorpa/Quillvane";
-static const char *const Interface = "work.vorpa.Quillvane.Browser";
+static const char *const BrowserInterface = "work.vorpa.Quillvane.Browser";
 /* The check of a link that is about to load: never long enough to be felt. */
 static const int LeavesTimeoutMs = 250;
 /* A link handed over may have to start Quillvane first. */
@@ -176,7 +176,7 @@ static int answer_leaves(GDBusConnection *bus, gint64 id, const char *url)
     gboolean leaves = FALSE;
     if (runs) {
         GVariant *answer = g_dbus_connection_call_sync(
-            bus, BusName, ObjectPath, Interface, "Leaves", g_variant_new("(s)", url),
+            bus, BusName, ObjectPath, BrowserInterface, "Leaves", g_variant_new("(s)", url),
             G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NO_AUTO_START, LeavesTimeoutMs, NULL, NULL);
         if (answer) {
             g_variant_get(answer, "(b)", &leaves);
@@ -190,15 +190,19 @@ static int answer_leaves(GDBusConnection *bus, gint64 id, const char *url)
     return finish(builder);
 }
 
+/* The link goes in by Quillvane's door for links, as any application's: it
+ * names this process's parent, the browser, as the link's source, and routes
+ * the link by the rules (or asks). */
 static int answer_open(GDBusConnection *bus, gint64 id, const char *url)
 {
     if (!bus)
         return refuse(id, "There is no session bus to reach Quillvane by.");
+    const char *const uris[] = {url, NULL};
     GError *error = NULL;
-    GVariant *answer = g_dbus_connection_call_sync(bus, BusName, ObjectPath, Interface, "Open",
-                                                   g_variant_new("(s)", url), NULL,
-                                                   G_DBUS_CALL_FLAGS_NONE, OpenTimeoutMs, NULL,
-                                                   &error);
+    GVariant *answer = g_dbus_connection_call_sync(
+        bus, BusName, ObjectPath, "org.freedesktop.Application", "Open",
+        g_variant_new("(^asa{sv})", uris, NULL), NULL, G_DBUS_CALL_FLAGS_NONE, OpenTimeoutMs,
+        NULL, &error);
     if (!answer) {
         g_dbus_error_strip_remote_error(error);
         const int result = refuse(id, error->message);

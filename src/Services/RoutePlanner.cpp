@@ -187,4 +187,14 @@ void decide(RoutePlan &plan, const RouteSettings &settings, const RoutePolicy &p
     }
 }
 
+bool leavesBrowser(const RoutePlan &plan, const QString &desktopId)
+{
+    using Decision = RoutePlan::Decision;
+    const bool byRule = plan.decision == Decision::Combined
+                        || plan.decision == Decision::SourceOnly
+                        || plan.decision == Decision::UrlOnly;
+    return byRule && plan.result && !plan.result->ask
+           && plan.result->browserId.compare(desktopId, Qt::CaseInsensitive) != 0;
+}
+
 } // namespace RoutePlanner

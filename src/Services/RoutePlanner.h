@@ -147,4 +147,10 @@ void expanded(RoutePlan &plan, const Link &target);
 // those the plan was prepared with: the expansion can take seconds).
 void decide(RoutePlan &plan, const RouteSettings &settings, const RoutePolicy &policy);
 
+// Whether a rule sends the link away from the browser that is about to load
+// it (desktopId): only a rule's decision for another browser does. The
+// fallback, "Ask", a handoff and paused rules leave the link where it is, so
+// that browsing never bounces.
+bool leavesBrowser(const RoutePlan &plan, const QString &desktopId);
+
 } // namespace RoutePlanner
