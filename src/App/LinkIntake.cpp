@@ -203,7 +203,7 @@ bool LinkIntake::Leaves(const QString &url)
     // stands, without waiting for the network to expand it. A browser that
     // cannot be named keeps its links.
     const auto host = BusPeers::processOf(message().service().toUtf8(), {}, QuickAnswerMs);
-    const std::optional<SourceApp> browser = host ? m_resolver.resolve(*host) : std::nullopt;
+    const std::optional<SourceApp> browser = host ? m_resolver.resolveProcess(*host) : std::nullopt;
     if (!browser)
         return false;
     const RouteSettings settings = m_state.routeSettings();

@@ -98,6 +98,13 @@ std::optional<SourceApp> SourceAppResolver::resolve(qint64 pid)
     return std::nullopt;
 }
 
+std::optional<SourceApp> SourceAppResolver::resolveProcess(qint64 pid)
+{
+    if (auto app = resolveByPID(pid))
+        return app;
+    return resolveByParentChain(pid);
+}
+
 std::optional<SourceApp> SourceAppResolver::resolveByPID(qint64 pid)
 {
     if (pid < 1)

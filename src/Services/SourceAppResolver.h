@@ -28,6 +28,10 @@ public:
                       std::function<qint64()> now = {}, QObject *parent = nullptr);
 
     std::optional<SourceApp> resolve(qint64 pid);
+    // The application of the process or of one of its parents only: no
+    // guess from the window in front, and nothing remembered for the links
+    // that come next.
+    std::optional<SourceApp> resolveProcess(qint64 pid);
     void startTracking();
 
     const std::optional<SourceApp> &lastActiveApp() const { return m_lastActiveApp; }
