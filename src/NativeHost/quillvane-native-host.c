@@ -169,18 +169,27 @@ static void add_state(JsonBuilder *builder, gboolean runs)
 }
 
 /* Whether Quillvane would send the link to another browser or profile than
- * the one asking. Without an answer (not running, too slow), it stays. */
+ * the one asking: one round trip, which also tells whether Quillvane runs.
+ * Without an answer (not running, too slow) the link stays. */
 static int answer_leaves(GDBusConnection *bus, gint64 id, const char *url)
 {
-    const gboolean runs = quillvane_runs(bus);
+    gboolean runs = FALSE;
     gboolean leaves = FALSE;
-    if (runs) {
+    if (bus) {
+        GError *error = NULL;
         GVariant *answer = g_dbus_connection_call_sync(
             bus, BusName, ObjectPath, BrowserInterface, "Leaves", g_variant_new("(s)", url),
-            G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NO_AUTO_START, LeavesTimeoutMs, NULL, NULL);
+            G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NO_AUTO_START, LeavesTimeoutMs, NULL,
+            &error);
         if (answer) {
+            runs = TRUE;
             g_variant_get(answer, "(b)", &leaves);
             g_variant_unref(answer);
+        } else {
+            runs = !g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN)
+                   && !g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER)
+                   && quillvane_runs(bus);
+            g_error_free(error);
         }
     }
     JsonBuilder *builder = begin_answer(id, TRUE);
