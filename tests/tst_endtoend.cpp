@@ -5,6 +5,7 @@
 #include "App/LinkSocket.h"
 #include "FakeDesktop.h"
 #include "InstalledQuillvane.h"
+#include "NativeHost.h"
 #include "Storage/HistoryStore.h"
 #include "Storage/Sqlite.h"
 #include "TestSupport.h"
@@ -15,8 +16,6 @@
 #include <QDBusConnectionInterface>
 #include <QDBusPendingCall>
 #include <QDir>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QLocalSocket>
 #include <QProcess>
 #include <QScopeGuard>
@@ -205,29 +204,16 @@ private Q_SLOTS:
     // its rules (fake-mail's rule sends every link to mail-browser).
     void extensionHostAsks()
     {
-        QProcess host;
-        host.start(m_desktop->root() + u"/bin/fake-mail"_s,
-                   {u"-c"_s, g_installed.prefix()
-                                 + u"/libexec/quillvane/quillvane-native-host; true"_s});
-        QVERIFY(host.waitForStarted());
-        const auto ask = [&host](const QByteArray &request) {
-            const quint32 size = quint32(request.size());
-            host.write(QByteArray(reinterpret_cast<const char *>(&size), sizeof size) + request);
-            quint32 length = 0;
-            while (host.bytesAvailable() < qint64(sizeof length) && host.waitForReadyRead(30000)) {
-            }
-            host.read(reinterpret_cast<char *>(&length), sizeof length);
-            while (host.bytesAvailable() < length && host.waitForReadyRead(30000)) {
-            }
-            return QJsonDocument::fromJson(host.read(length)).object();
-        };
-        QCOMPARE(ask("{\"id\":1,\"type\":\"status\"}")[u"quillvane"_s], u"running"_s);
+        NativeHost host(m_desktop->root() + u"/bin/fake-mail"_s,
+                        {u"-c"_s, g_installed.prefix()
+                                      + u"/libexec/quillvane/quillvane-native-host; true"_s});
+        QCOMPARE(host.ask("{\"id\":1,\"type\":\"status\"}")[u"quillvane"_s], u"running"_s);
         const QJsonObject leaves =
-            ask("{\"id\":2,\"type\":\"leaves\",\"url\":\"https://example.com/mail\"}");
+            host.ask("{\"id\":2,\"type\":\"leaves\",\"url\":\"https://example.com/mail\"}");
         QCOMPARE(leaves[u"leaves"_s], true);
         QCOMPARE(leaves[u"quillvane"_s], u"running"_s);
-        host.closeWriteChannel();
-        QVERIFY(host.waitForFinished(30000));
+        host.process().closeWriteChannel();
+        QVERIFY(host.process().waitForFinished(30000));
     }
 
     // A meeting link goes to the meeting app the desktop has, rewritten for it

@@ -1,70 +1,9 @@
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QProcess>
-#include <QTest>
+#include "NativeHost.h"
 
-#include <cstring>
+#include <QTest>
 
 using namespace Qt::Literals::StringLiterals;
 
-namespace {
-
-// The host as a browser runs it: messages framed by their length, both ways.
-class Host
-{
-public:
-    Host()
-    {
-        m_process.start(QStringLiteral(QUILLVANE_NATIVE_HOST), {});
-        if (!m_process.waitForStarted())
-            qFatal("the native host did not start");
-    }
-    ~Host()
-    {
-        m_process.closeWriteChannel();
-        m_process.waitForFinished();
-    }
-
-    void send(const QByteArray &message) { m_process.write(frame(message)); }
-    static QByteArray frame(const QByteArray &message)
-    {
-        const quint32 size = quint32(message.size());
-        return QByteArray(reinterpret_cast<const char *>(&size), sizeof size) + message;
-    }
-    QProcess &process() { return m_process; }
-
-    // The next answer; an empty object when the host ended without one.
-    QJsonObject answer()
-    {
-        quint32 size = 0;
-        if (!waitFor(sizeof size))
-            return {};
-        m_process.read(reinterpret_cast<char *>(&size), sizeof size);
-        if (!waitFor(size))
-            return {};
-        return QJsonDocument::fromJson(m_process.read(size)).object();
-    }
-    QJsonObject ask(const QByteArray &message)
-    {
-        send(message);
-        return answer();
-    }
-
-private:
-    bool waitFor(qint64 bytes)
-    {
-        while (m_process.bytesAvailable() < bytes) {
-            if (m_process.state() != QProcess::Running && m_process.bytesAvailable() < bytes)
-                return false;
-            m_process.waitForReadyRead(30000);
-        }
-        return true;
-    }
-
-    QProcess m_process;
-};
-
-} // namespace
 
 class TestNativeHost final : public QObject
 {
@@ -75,7 +14,7 @@ private Q_SLOTS:
     // can say why.
     void withoutQuillvane()
     {
-        Host host;
+        NativeHost host(QStringLiteral(QUILLVANE_NATIVE_HOST));
         QCOMPARE(host.ask("{\"id\":1,\"type\":\"status\"}"),
                  (QJsonObject{{u"id"_s, 1}, {u"ok"_s, true}, {u"quillvane"_s, u"not running"_s}}));
         const QJsonObject leaves = host.ask("{\"id\":2,\"type\":\"leaves\",\"url\":\"https://a.example/\"}");
@@ -124,7 +63,7 @@ private Q_SLOTS:
     {
         QFETCH(QByteArray, message);
         QFETCH(QString, why);
-        Host host;
+        NativeHost host(QStringLiteral(QUILLVANE_NATIVE_HOST));
         const QJsonObject refused = host.ask(message);
         QCOMPARE(refused[u"ok"_s], false);
         QVERIFY2(refused[u"error"_s].toString().contains(why),
@@ -136,12 +75,11 @@ private Q_SLOTS:
     // beyond any request ends the conversation, and so does the browser.
     void framing()
     {
-        Host host;
-        const QByteArray status = Host::frame("{\"id\":1,\"type\":\"status\"}");
+        NativeHost host(QStringLiteral(QUILLVANE_NATIVE_HOST));
+        const QByteArray status = NativeHost::frame("{\"id\":1,\"type\":\"status\"}");
         host.process().write(status.first(2));
         host.process().waitForBytesWritten();
-        QTest::qWait(0);
-        host.process().write(status.sliced(2) + Host::frame("{\"id\":2,\"type\":\"status\"}"));
+        host.process().write(status.sliced(2) + NativeHost::frame("{\"id\":2,\"type\":\"status\"}"));
         QCOMPARE(host.answer()[u"id"_s], 1);
         QCOMPARE(host.answer()[u"id"_s], 2);
 
@@ -151,7 +89,7 @@ private Q_SLOTS:
         QVERIFY(host.process().waitForFinished(30000));
         QCOMPARE(host.process().exitCode(), 1);
 
-        Host closed;
+        NativeHost closed(QStringLiteral(QUILLVANE_NATIVE_HOST));
         closed.process().closeWriteChannel();
         QVERIFY(closed.process().waitForFinished(30000));
         QCOMPARE(closed.process().exitCode(), 0);
