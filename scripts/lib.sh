@@ -14,6 +14,8 @@ TEST_PACKAGES=(
     # Sandboxed apps' links through the real portal, and the window on a tiling Wayland desktop.
     xdg-desktop-portal xdg-desktop-portal-gtk gsettings-desktop-schemas bubblewrap
     sway wtype qt6-wayland
+    # The browser extension, end to end in the real browsers, headless.
+    firefox-esr chromium
 )
 
 # To make the Debian and RPM packages (scripts/package), and to check the

@@ -18,6 +18,8 @@
 #include "Platform/ProcessLauncher.h"
 #include "Platform/SystemLog.h"
 #include "Services/DefaultBrowserRegistration.h"
+#include "Services/NativeMessaging.h"
+#include "Models/DisplayText.h"
 #include "Services/OpenRequestSources.h"
 #include "Services/ProfileDiscovery.h"
 #include "Services/RunningApps.h"
@@ -189,6 +191,19 @@ void AppDelegate::applicationDidFinishLaunching()
     setupStatusItem();
     m_updates->startAutomaticChecks();
     promptSetAsDefaultBrowserIfNeeded();
+    registerNativeHost();
+}
+
+void AppDelegate::registerNativeHost()
+{
+    // Browsers find the extension's host through a manifest in their own
+    // folders: this user's get one for every browser used here since the last
+    // start (the package puts the system's in place).
+    const QString host = NativeMessaging::installedHost(QCoreApplication::applicationDirPath());
+    if (host.isEmpty())
+        return;
+    for (const QString &problem : NativeMessaging::registerForUser(host))
+        qCWarning(lcAppDelegate).noquote() << DisplayText::escapeControls(problem);
 }
 
 void AppDelegate::applicationWillTerminate()

@@ -46,6 +46,7 @@ public:
     // After the event loop ended: writes what the history still holds in memory.
     void applicationWillTerminate();
     void promptSetAsDefaultBrowserIfNeeded();
+    void registerNativeHost();
     // Where the desktop entry's "Create Rule" leads.
     void openRuleEditor();
     // The tray icon and its menu; says in the log how to reach the settings

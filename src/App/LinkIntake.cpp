@@ -6,6 +6,7 @@
 #include "Models/DisplayText.h"
 #include "Platform/BusPeers.h"
 #include "Platform/DiagnosticLog.h"
+#include "Services/NativeMessaging.h"
 #include "Services/OpenRequestSources.h"
 #include "Services/SourceAppResolver.h"
 #include "Storage/LinkJournal.h"
@@ -199,6 +200,8 @@ bool LinkIntake::Leaves(const QString &url)
         sendErrorReply(BusNames::Error::InvalidLink, link.error().description);
         return false;
     }
+    if (!m_state.config().linksLeaveBrowsers)
+        return false;
     // Asked before a page loads: the browser, the rules and the link as it
     // stands, without waiting for the network to expand it. A browser that
     // cannot be named keeps its links.
@@ -210,7 +213,15 @@ bool LinkIntake::Leaves(const QString &url)
     const RoutePolicy policy = RoutePolicy::linkTest();
     RoutePlan plan = RoutePlanner::prepare(*link, browser, settings, policy);
     RoutePlanner::decide(plan, settings, policy);
-    return RoutePlanner::leavesBrowser(plan, browser->desktopId);
+    return RoutePlanner::leavesBrowser(plan, browser->desktopId, m_resolver.parentsProfile(*host));
+}
+
+bool LinkIntake::Hello()
+{
+    const auto host = BusPeers::processOf(message().service().toUtf8(), {}, QuickAnswerMs);
+    if (const auto browser = host ? m_resolver.resolveProcess(*host) : std::nullopt)
+        NativeMessaging::noteConnection(browser->desktopId);
+    return m_state.config().linksLeaveBrowsers;
 }
 
 QStringList LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,

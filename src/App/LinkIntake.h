@@ -73,6 +73,9 @@ public Q_SLOTS:
     // The extension's question, through its native host: does a rule send
     // this link away from the browser (the host's parent) about to load it?
     bool Leaves(const QString &url);
+    // The host has started in a browser: noted for doctor. Answers whether
+    // links may leave browsers at all.
+    bool Hello();
 
 private:
     // How long a click waits on this thread for the bus to name its sender.

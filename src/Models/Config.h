@@ -30,6 +30,9 @@ struct Config
     QStringList handoffs;
     // The fallback browser gives way to a browser that runs, when it does not itself.
     bool preferRunningBrowser = false;
+    // Links clicked in a browser with Quillvane's extension leave it when a rule
+    // sends them to another browser.
+    bool linksLeaveBrowsers = true;
     bool automaticUpdateChecks = true;
 
     friend bool operator==(const Config &, const Config &) = default;

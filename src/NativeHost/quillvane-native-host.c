@@ -7,7 +7,7 @@
  * session, and it must cost little while it waits.
  *
  * Requests, one JSON object each, with only these members:
- *   {"id": N, "type": "status"}
+ *   {"id": N, "type": "status"}                      hello: is Quillvane there?
  *   {"id": N, "type": "leaves", "url": "https://…"}   does a rule send it elsewhere?
  *   {"id": N, "type": "open",   "url": "https://…"}   hand it to Quillvane
  * N is a whole number the answer repeats. Answers:
@@ -168,6 +168,29 @@ static void add_state(JsonBuilder *builder, gboolean runs)
     json_builder_add_string_value(builder, runs ? "running" : "not running");
 }
 
+/* Says hello for the browser (Quillvane notes which one has the extension)
+ * and learns whether links may leave browsers at all. */
+static int answer_status(GDBusConnection *bus, gint64 id)
+{
+    GVariant *answer = NULL;
+    if (bus)
+        answer = g_dbus_connection_call_sync(bus, BusName, ObjectPath, BrowserInterface, "Hello",
+                                             NULL, G_VARIANT_TYPE("(b)"),
+                                             G_DBUS_CALL_FLAGS_NO_AUTO_START, LeavesTimeoutMs,
+                                             NULL, NULL);
+    gboolean leave = FALSE;
+    const gboolean runs = answer ? TRUE : quillvane_runs(bus);
+    JsonBuilder *builder = begin_answer(id, TRUE);
+    add_state(builder, runs);
+    if (answer) {
+        g_variant_get(answer, "(b)", &leave);
+        g_variant_unref(answer);
+        json_builder_set_member_name(builder, "linksLeave");
+        json_builder_add_boolean_value(builder, leave);
+    }
+    return finish(builder);
+}
+
 /* Whether Quillvane would send the link to another browser or profile than
  * the one asking: one round trip, which also tells whether Quillvane runs.
  * Without an answer (not running, too slow) the link stays. */
@@ -268,11 +291,8 @@ static int answer(GDBusConnection *bus, const char *text, gsize length)
 
     if (why)
         result = refuse(id, why);
-    else if (strcmp(type, "status") == 0) {
-        JsonBuilder *builder = begin_answer(id, TRUE);
-        add_state(builder, quillvane_runs(bus));
-        result = finish(builder);
-    } else if (strcmp(type, "leaves") == 0)
+    else if (strcmp(type, "status") == 0)
+        result = answer_status(bus, id); else if (strcmp(type, "leaves") == 0)
         result = answer_leaves(bus, id, url);
     else if (strcmp(type, "open") == 0)
         result = answer_open(bus, id, url);

@@ -372,6 +372,17 @@ std::optional<qint64> LinuxProcessApps::parentPid(qint64 pid)
     return ProcStat::parentPid(read(pid, "stat"));
 }
 
+QStringList LinuxProcessApps::commandLine(qint64 pid)
+{
+    QStringList arguments;
+    for (QByteArrayView argument : ProcStat::split(read(pid, "cmdline"), '\0'))
+        arguments.append(QString::fromLocal8Bit(argument));
+    // The text ends with a NUL: no empty argument after the last one.
+    if (!arguments.isEmpty() && arguments.last().isEmpty())
+        arguments.removeLast();
+    return arguments;
+}
+
 bool LinuxProcessApps::isSessionBoundary(qint64 pid)
 {
     if (pid <= 1)
@@ -467,6 +478,7 @@ std::optional<QString> LinuxProcessApps::idFromExecutable(const QString &exe)
     // applications: reading every desktop entry on a click would cost milliseconds.
     if (!m_executablesValid) {
         m_executables.clear();
+        m_scriptNames.clear();
         QSet<QString> ambiguous;
         for (const DesktopEntry &entry : m_entries.allEntries()) {
             QString program = entry.tryExec;
@@ -482,13 +494,23 @@ std::optional<QString> LinuxProcessApps::idFromExecutable(const QString &exe)
             if (m_executables.contains(canonical) && m_executables.value(canonical) != entry.id)
                 ambiguous.insert(canonical);
             m_executables.insert(canonical, entry.id);
+            if (QFile script(canonical); script.open(QIODevice::ReadOnly) && script.read(2) == "#!") {
+                const QString name = QFileInfo(canonical).fileName();
+                if (m_scriptNames.contains(name) && m_scriptNames.value(name) != entry.id)
+                    ambiguous.insert(u'/' + name);
+                m_scriptNames.insert(name, entry.id);
+            }
         }
-        for (const QString &program : std::as_const(ambiguous))
+        for (const QString &program : std::as_const(ambiguous)) {
             m_executables.remove(program);
+            m_scriptNames.remove(program.sliced(1));
+        }
         m_executablesValid = true;
     }
-    const auto it = m_executables.constFind(exe);
-    return it == m_executables.cend() ? std::nullopt : std::optional<QString>(*it);
+    if (const auto it = m_executables.constFind(exe); it != m_executables.cend())
+        return *it;
+    const auto named = m_scriptNames.constFind(QFileInfo(exe).fileName());
+    return named == m_scriptNames.cend() ? std::nullopt : std::optional<QString>(*named);
 }
 
 ProcessApps::Lookup LinuxProcessApps::lookup(qint64 pid)

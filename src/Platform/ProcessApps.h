@@ -37,6 +37,8 @@ public:
     virtual std::optional<qint64> parentPid(qint64 pid) = 0;
     // Every process of this user, at this moment.
     virtual QList<qint64> processIds() = 0;
+    // The process's arguments, its program first; empty when it cannot be read.
+    virtual QStringList commandLine(qint64) { return {}; }
     // Every process at this moment, of any user: the listing alone, cheap.
     virtual QList<qint64> allProcessIds() { return processIds(); }
     // When the process started (clock ticks since boot); none when it is gone.
@@ -88,6 +90,7 @@ public:
     Lookup lookup(qint64 pid) override;
     Lookup application(const QString &id) override;
     std::optional<qint64> parentPid(qint64 pid) override;
+    QStringList commandLine(qint64 pid) override;
     QList<qint64> processIds() override;
     QList<qint64> allProcessIds() override;
     std::optional<quint64> startTime(qint64 pid) override;
@@ -126,6 +129,10 @@ private:
     QString m_selfExecutableDir;
     QHash<qint64, LaunchRecord> m_launches;
     QHash<QString, QString> m_executables;
+    // Entries whose program is a script that starts a binary of its own name
+    // elsewhere (Debian's /usr/bin/chromium starts /usr/lib/chromium/chromium),
+    // by that name.
+    QHash<QString, QString> m_scriptNames;
     bool m_executablesValid = false;
     // GIO's application monitor (a GAppInfoMonitor), held while listening.
     void *m_monitor = nullptr;

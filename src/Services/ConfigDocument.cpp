@@ -36,6 +36,7 @@ constexpr Flag Flags[] = {
     {QLatin1StringView("url_expansion_enabled"), &Config::urlExpansionEnabled},
     {QLatin1StringView("url_unwrapping_enabled"), &Config::urlUnwrappingEnabled},
     {QLatin1StringView("prefer_running_browser"), &Config::preferRunningBrowser},
+    {QLatin1StringView("links_leave_browsers"), &Config::linksLeaveBrowsers},
     {QLatin1StringView("update_automatic_checks"), &Config::automaticUpdateChecks},
 };
 

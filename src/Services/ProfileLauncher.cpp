@@ -53,6 +53,23 @@ QStringList profileArguments(const QString &desktopId, const QString &profileID)
     return {u"--profile-directory="_s + profileID};
 }
 
+std::optional<QString> startedProfile(const QStringList &arguments)
+{
+    std::optional<QString> profile;
+    for (qsizetype i = 1; i < arguments.size(); ++i) {
+        const QString &argument = arguments[i];
+        if (argument.startsWith(u"--user-data-dir"_s) || argument == u"--profile"_s
+            || argument == u"-profile"_s)
+            return std::nullopt;
+        if (argument.startsWith(u"--profile-directory="_s))
+            profile = argument.sliced(20);
+        else if ((argument == u"-P"_s || argument == u"--profile-directory"_s)
+                 && i + 1 < arguments.size())
+            profile = arguments[++i];
+    }
+    return profile && !profile->isEmpty() ? profile : std::nullopt;
+}
+
 QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const QString &profileID,
                       const LaunchPlatform &platform, const LaunchOptions &options)
 {

@@ -39,6 +39,11 @@ using Outcome = Expected<void, LaunchError>;
 // The arguments that choose the profile, for a browser of that family.
 QStringList profileArguments(const QString &desktopId, const QString &profileID);
 
+// The profile a browser's command line chose by those arguments; none when it
+// chose none, or when it names its own folder of profiles (--user-data-dir,
+// --profile), which the profiles Quillvane lists are not in.
+std::optional<QString> startedProfile(const QStringList &arguments);
+
 // Settles with the launch's verdict, as the browser launcher's does.
 QFuture<Outcome> open(const Link &url, const BrowserInfo &browser, const QString &profileID,
                       const LaunchPlatform &platform, const LaunchOptions &options = {});

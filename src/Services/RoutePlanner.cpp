@@ -187,14 +187,20 @@ void decide(RoutePlan &plan, const RouteSettings &settings, const RoutePolicy &p
     }
 }
 
-bool leavesBrowser(const RoutePlan &plan, const QString &desktopId)
+bool leavesBrowser(const RoutePlan &plan, const QString &desktopId,
+                   const std::optional<QString> &profile)
 {
     using Decision = RoutePlan::Decision;
     const bool byRule = plan.decision == Decision::Combined
                         || plan.decision == Decision::SourceOnly
                         || plan.decision == Decision::UrlOnly;
-    return byRule && plan.result && !plan.result->ask
-           && plan.result->browserId.compare(desktopId, Qt::CaseInsensitive) != 0;
+    if (!byRule || !plan.result || plan.result->ask)
+        return false;
+    if (plan.result->browserId.compare(desktopId, Qt::CaseInsensitive) != 0)
+        return true;
+    // Another profile of this browser, when both are known: a browser whose
+    // profile cannot be told is taken to be in the rule's, so nothing bounces.
+    return profile && plan.result->profileID && *profile != *plan.result->profileID;
 }
 
 } // namespace RoutePlanner

@@ -151,6 +151,7 @@ void decide(RoutePlan &plan, const RouteSettings &settings, const RoutePolicy &p
 // it (desktopId): only a rule's decision for another browser does. The
 // fallback, "Ask", a handoff and paused rules leave the link where it is, so
 // that browsing never bounces.
-bool leavesBrowser(const RoutePlan &plan, const QString &desktopId);
+bool leavesBrowser(const RoutePlan &plan, const QString &desktopId,
+                   const std::optional<QString> &profile = std::nullopt);
 
 } // namespace RoutePlanner

@@ -3,6 +3,7 @@
 #include "Models/DisplayText.h"
 #include "Platform/DiagnosticLog.h"
 #include "Platform/SystemLog.h"
+#include "Services/ProfileLauncher.h"
 
 #include <QElapsedTimer>
 #include <QSet>
@@ -103,6 +104,12 @@ std::optional<SourceApp> SourceAppResolver::resolveProcess(qint64 pid)
     if (auto app = resolveByPID(pid))
         return app;
     return resolveByParentChain(pid);
+}
+
+std::optional<QString> SourceAppResolver::parentsProfile(qint64 pid)
+{
+    const std::optional<qint64> parent = m_apps.parentPid(pid);
+    return parent ? ProfileLauncher::startedProfile(m_apps.commandLine(*parent)) : std::nullopt;
 }
 
 std::optional<SourceApp> SourceAppResolver::resolveByPID(qint64 pid)

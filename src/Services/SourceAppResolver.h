@@ -32,6 +32,9 @@ public:
     // guess from the window in front, and nothing remembered for the links
     // that come next.
     std::optional<SourceApp> resolveProcess(qint64 pid);
+    // The browser profile the process's parent was started with
+    // (--profile-directory, -P): a native messaging host's browser.
+    std::optional<QString> parentsProfile(qint64 pid);
     void startTracking();
 
     const std::optional<SourceApp> &lastActiveApp() const { return m_lastActiveApp; }

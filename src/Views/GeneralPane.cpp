@@ -100,6 +100,14 @@ GeneralPane::GeneralPane(AppState &state, DesktopEntries &entries,
     processing->addWidget(ViewKit::caption(
         u"Takes the real link out of mail and chat redirectors (Outlook safe links, Google /url, Facebook, Slack…) before matching rules, without asking the network."_s));
 
+    // Browser extension.
+    QVBoxLayout *extension =
+        ViewKit::addSection(page, u"applications-internet"_s, u"Browser Extension"_s);
+    addSwitch(extension, u"linksLeaveBrowsersSwitch"_s,
+              u"Links clicked in a browser follow the rules"_s, &Config::linksLeaveBrowsers);
+    extension->addWidget(ViewKit::caption(
+        u"With Quillvane's extension in Firefox or a Chromium browser, a link that a rule sends to another browser leaves the one it was clicked in."_s));
+
     // Startup.
     QVBoxLayout *startup = ViewKit::addSection(page, u"system-shutdown"_s, u"Startup"_s);
     addSwitch(

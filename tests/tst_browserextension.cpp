@@ -1,0 +1,209 @@
+// Quillvane's extension in the real Firefox ESR and Chromium of the system,
+// headless, with Quillvane installed and started on this test's session bus.
+// A page served here clicks its links itself once the test says so; a URL rule
+// sends localhost to a fake browser.
+#include "FakeDesktop.h"
+#include "InstalledQuillvane.h"
+#include "Services/NativeMessaging.h"
+#include "TestSupport.h"
+
+#include <QDBusConnection>
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QtTest>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+
+InstalledQuillvane g_installed(QStringLiteral(QUILLVANE_E2E_PREFIX));
+const QString ExtensionBuild = QStringLiteral(QUILLVANE_BUILD_DIR) + u"/browser-extension"_s;
+
+// Waits for the test's word ("/go" answers which link to click), clicks it,
+// then keeps asking "/alive": only a page that was never left asks again.
+// "/alive" may name a link to click next.
+const QByteArray StartPage =
+    "<!DOCTYPE html><html><body>"
+    "<a id=\"away\" href=\"http://localhost:@PORT@/away?utm_source=test\">away</a>"
+    "<a id=\"stay\" href=\"http://127.0.0.1:@PORT@/stay\">stay</a>"
+    "<script>"
+    "const pause = () => new Promise((done) => setTimeout(done, 50));"
+    "async function word(path) {"
+    "  try {"
+    "    const answer = await fetch(path, {cache: 'no-store'});"
+    "    return answer.ok ? await answer.text() : '';"
+    "  } catch { return ''; }" // a stopped navigation stops the page's requests too
+    "}"
+    "(async () => {"
+    "  let link;"
+    "  while (!(link = await word('/go'))) await pause();"
+    "  document.getElementById(link).click();"
+    "  for (;;) {"
+    "    const next = await word('/alive');"
+    "    if (next) { document.getElementById(next).click(); return; }"
+    "    await pause();"
+    "  }"
+    "})();"
+    "</script></body></html>";
+
+} // namespace
+
+class TestBrowserExtension : public QObject
+{
+    Q_OBJECT
+
+private:
+    std::unique_ptr<FakeDesktop> m_desktop;
+    std::unique_ptr<TestHttpServer> m_server;
+    QString m_entries;
+
+    QList<ForwardingRecord> storedHistory() const
+    {
+        return InstalledQuillvane::storedHistory(*m_desktop);
+    }
+
+    // The browser started as the desktop starts it: GIO's launch environment
+    // names its entry, which is how Quillvane knows the host's parent.
+    std::unique_ptr<QProcess> startBrowser(const QString &id, const QStringList &arguments)
+    {
+        auto browser = std::make_unique<QProcess>();
+        browser->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        browser->setStandardOutputFile(QProcess::nullDevice());
+        QStringList command{u"-c"_s, u"export GIO_LAUNCHED_DESKTOP_FILE=\"$0\" "
+                                     "GIO_LAUNCHED_DESKTOP_FILE_PID=$$; exec \"$@\""_s,
+                            m_entries + u'/' + id + u".desktop"_s};
+        browser->start(u"/bin/sh"_s, command + arguments);
+        return browser;
+    }
+
+    // The page's two clicks: away leaves (the tab stays and keeps asking),
+    // stay loads here and Quillvane records nothing.
+    void clicksOnThePage(const QString &browserId, QProcess &browser, bool holdsRequests)
+    {
+        const auto stop = qScopeGuard([&browser] {
+            browser.kill();
+            browser.waitForFinished();
+        });
+        // The extension has reached Quillvane through its host.
+        QTRY_VERIFY_WITH_TIMEOUT(NativeMessaging::connections().contains(browserId), 60000);
+        m_desktop->forget(u"other-browser"_s);
+        const qsizetype before = storedHistory().size();
+        m_server->serve(u"/go"_s, "away");
+        QCOMPARE(m_desktop->opened(u"other-browser"_s, 30000),
+                 QStringList{u"http://localhost:%1/away"_s.arg(m_server->port())});
+        QTRY_COMPARE(storedHistory().size(), before + 1);
+        QCOMPARE(storedHistory().value(0).sourceAppId.value_or(QString()), browserId);
+
+        const int asked = m_server->requestCount(u"/alive"_s);
+        QTRY_VERIFY_WITH_TIMEOUT(m_server->requestCount(u"/alive"_s) > asked + 1, 30000);
+        QCOMPARE(m_server->requestCount(u"/start"_s), 1);
+        if (holdsRequests)
+            QCOMPARE(m_server->requestCount(u"/away?utm_source=test"_s), 0);
+
+        m_desktop->forget(u"other-browser"_s);
+        m_server->serve(u"/alive"_s, "stay");
+        QTRY_COMPARE_WITH_TIMEOUT(m_server->requestCount(u"/stay"_s), 1, 30000);
+        QVERIFY(!m_desktop->ran(u"other-browser"_s));
+        QCOMPARE(storedHistory().size(), before + 1);
+    }
+
+    void resetPage()
+    {
+        m_server = std::make_unique<TestHttpServer>();
+        m_server->serve(u"/start"_s, QByteArray(StartPage).replace(
+                                         "@PORT@", QByteArray::number(m_server->port())));
+        m_server->serve(u"/stay"_s, "<!DOCTYPE html><title>stayed</title>");
+        // A site across the network answers later than Quillvane does: this
+        // one never does, so the page can only have been left by the extension.
+        m_server->on(u"/away?utm_source=test"_s, TestHttpServer::Response{200, {}, true, {}});
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        if (!QDBusConnection::sessionBus().isConnected())
+            QSKIP("needs a session bus: run under dbus-run-session");
+        m_desktop = std::make_unique<FakeDesktop>();
+        QVERIFY(g_installed.setUp(QStringLiteral(QUILLVANE_BUILD_DIR), *m_desktop));
+        m_desktop->addBrowser(u"fallback-browser"_s, u"Fallback"_s);
+        m_desktop->addBrowser(u"other-browser"_s, u"Other"_s);
+        m_desktop->addBrowser(u"chromium"_s, u"Chromium"_s, {}, u"/usr/bin/chromium %U"_s);
+        m_desktop->addBrowser(u"firefox-esr"_s, u"Firefox ESR"_s, {}, u"/usr/bin/firefox-esr %u"_s);
+        m_entries = m_desktop->userApplications();
+
+        Config config;
+        config.fallbackBrowser = u"fallback-browser"_s;
+        config.rules = {makeRule(QString(), u"localhost"_s, u"other-browser"_s)};
+        InstalledQuillvane::seed(*m_desktop, config);
+        // Browsers used here before Quillvane starts: it registers its host for them.
+        QVERIFY(QDir().mkpath(m_desktop->configHome() + u"/chromium"_s));
+        QVERIFY(QDir().mkpath(m_desktop->home() + u"/.mozilla"_s));
+        QVERIFY(InstalledQuillvane::opens({u"https://example.com/start"_s}));
+        QCOMPARE(m_desktop->opened(u"fallback-browser"_s),
+                 QStringList{u"https://example.com/start"_s});
+        for (const QString &manifest :
+             QStringList{m_desktop->configHome() + u"/chromium/NativeMessagingHosts/work.vorpa.quillvane.json"_s,
+              m_desktop->home() + u"/.mozilla/native-messaging-hosts/work.vorpa.quillvane.json"_s})
+            QTRY_VERIFY2(QFile::exists(manifest), qPrintable(manifest));
+    }
+
+    void cleanupTestCase()
+    {
+        if (m_desktop)
+            QVERIFY(InstalledQuillvane::stop());
+    }
+
+    void init() { resetPage(); }
+
+    // Chromium lets the extension watch a navigation, not hold it: the
+    // extension stops it once Quillvane says the link leaves.
+    void chromium()
+    {
+        if (QStandardPaths::findExecutable(u"chromium"_s).isEmpty())
+            QFAIL("chromium is not installed: the test command installs it");
+        const auto browser = startBrowser(
+            u"chromium"_s,
+            {u"/usr/bin/chromium"_s, u"--headless"_s, u"--no-sandbox"_s, u"--disable-gpu"_s,
+             u"--no-first-run"_s, u"--disable-background-networking"_s,
+             u"--disable-component-update"_s, u"--disable-sync"_s,
+             u"--user-data-dir="_s + m_desktop->configHome() + u"/chromium"_s,
+             u"--load-extension="_s + ExtensionBuild + u"/chromium"_s,
+             u"--disable-features=DisableLoadExtensionCommandLineSwitch"_s,
+             m_server->baseUrl() + u"/start"_s});
+        clicksOnThePage(u"chromium"_s, *browser, false);
+    }
+
+    // Firefox holds the request until Quillvane answers: the page that leaves
+    // is never asked for.
+    void firefox()
+    {
+        if (QStandardPaths::findExecutable(u"firefox-esr"_s).isEmpty())
+            QFAIL("firefox-esr is not installed: the test command installs it");
+        QTemporaryDir profile;
+        QVERIFY(QDir().mkpath(profile.path() + u"/extensions"_s));
+        QVERIFY(QFile::copy(ExtensionBuild + u"/quillvane.xpi"_s,
+                            profile.path() + u"/extensions/quillvane@vorpa.work.xpi"_s));
+        QFile prefs(profile.path() + u"/user.js"_s);
+        QVERIFY(prefs.open(QIODevice::WriteOnly));
+        for (const char *pref :
+             {"xpinstall.signatures.required\", false", "extensions.autoDisableScopes\", 0",
+              "browser.shell.checkDefaultBrowser\", false",
+              "datareporting.policy.dataSubmissionEnabled\", false",
+              "browser.aboutwelcome.enabled\", false", "app.update.enabled\", false",
+              "network.captive-portal-service.enabled\", false",
+              "extensions.update.enabled\", false"})
+            prefs.write("user_pref(\"" + QByteArray(pref) + ");\n");
+        prefs.close();
+        const auto browser =
+            startBrowser(u"firefox-esr"_s, {u"/usr/bin/firefox-esr"_s, u"--headless"_s,
+                                            u"--no-remote"_s, u"--profile"_s, profile.path(),
+                                            m_server->baseUrl() + u"/start"_s});
+        clicksOnThePage(u"firefox-esr"_s, *browser, true);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestBrowserExtension)
+#include "tst_browserextension.moc"
