@@ -38,7 +38,6 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION TRUE)
 # The browsers' host manifests in /etc are the administrator's to change.
 file(CONFIGURE OUTPUT "${CMAKE_BINARY_DIR}/package/conffiles" CONTENT
 "/etc/chromium/native-messaging-hosts/work.vorpa.quillvane.json
-/etc/opt/chrome/native-messaging-hosts/work.vorpa.quillvane.json
 ")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA "${CMAKE_BINARY_DIR}/package/conffiles")
 
@@ -56,9 +55,8 @@ list(APPEND CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION
     /usr/share/icons/hicolor/scalable /usr/share/icons/hicolor/scalable/apps
     /usr/share/dbus-1 /usr/share/dbus-1/services /usr/share/dbus-1/interfaces
     /usr/share/bash-completion /usr/share/bash-completion/completions /usr/share/zsh
-    /usr/share/zsh/site-functions /usr/share/man /usr/share/man/man1 /etc /etc/opt /usr/lib)
+    /usr/share/zsh/site-functions /usr/share/man /usr/share/man/man1 /etc /usr/lib)
 set(CPACK_RPM_USER_FILELIST
-    "%config(noreplace) /etc/chromium/native-messaging-hosts/work.vorpa.quillvane.json"
-    "%config(noreplace) /etc/opt/chrome/native-messaging-hosts/work.vorpa.quillvane.json")
+    "%config(noreplace) /etc/chromium/native-messaging-hosts/work.vorpa.quillvane.json")
 
 include(CPack)

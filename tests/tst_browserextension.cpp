@@ -10,6 +10,9 @@
 #include <QDBusConnection>
 #include <QDir>
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QProcess>
 #include <QStandardPaths>
 #include <QTemporaryDir>
@@ -202,6 +205,24 @@ private Q_SLOTS:
                                             u"--no-remote"_s, u"--profile"_s, profile.path(),
                                             m_server->baseUrl() + u"/start"_s});
         clicksOnThePage(u"firefox-esr"_s, *browser, true);
+    }
+
+    // doctor: the host registered for both browsers, both extensions connected.
+    void doctorListsThem()
+    {
+        const auto doctor = InstalledQuillvane::run(g_installed.program(u"quillvane"_s),
+                                                    {u"doctor"_s, u"--json"_s});
+        const QJsonObject extension = QJsonDocument::fromJson(doctor.out.toUtf8())
+                                          .object()[u"browserExtension"_s]
+                                          .toObject();
+        QStringList registered;
+        for (const QJsonValue &host : extension[u"hosts"_s].toArray()) {
+            if (host[u"registered"_s].toBool())
+                registered.append(host[u"browser"_s].toString());
+        }
+        QCOMPARE(registered, (QStringList{u"Firefox"_s, u"Chromium"_s}));
+        QCOMPARE(extension[u"connected"_s].toObject().keys(),
+                 (QStringList{u"chromium"_s, u"firefox-esr"_s}));
     }
 };
 

@@ -1,5 +1,7 @@
 #include "FakeDesktop.h"
 #include "Services/LocalStateReader.h"
+#include "Services/NativeMessaging.h"
+#include "Services/ProfileLauncher.h"
 #include "Services/ProfileDiscovery.h"
 #include "TestSupport.h"
 
@@ -143,6 +145,62 @@ private Q_SLOTS:
         QCOMPARE(ProfileDiscovery::supportedBrowser(u"google-chrome"_s)->profileFile,
                  m_desktop->root() + u"/chrome-home/google-chrome/Local State"_s);
         qunsetenv("CHROME_CONFIG_HOME");
+    }
+
+    // The profile a browser was started in, as its command line says; none
+    // where it keeps its profiles in a folder of its own.
+    void profileOfARunningBrowser()
+    {
+        using ProfileLauncher::startedProfile;
+        const QString chromium = u"/usr/lib/chromium/chromium"_s;
+        QCOMPARE(startedProfile({chromium, u"--profile-directory=Profile 1"_s}), u"Profile 1"_s);
+        QCOMPARE(startedProfile({chromium, u"--profile-directory"_s, u"Work"_s}), u"Work"_s);
+        QCOMPARE(startedProfile({u"firefox-esr"_s, u"-P"_s, u"work"_s, u"https://a.example/"_s}),
+                 u"work"_s);
+        QCOMPARE(startedProfile({chromium, u"--user-data-dir=/tmp/x"_s,
+                                 u"--profile-directory=Work"_s}),
+                 std::nullopt);
+        QCOMPARE(startedProfile({u"firefox"_s, u"--profile"_s, u"/tmp/p"_s}), std::nullopt);
+        QCOMPARE(startedProfile({chromium, u"--profile-directory="_s}), std::nullopt);
+        QCOMPARE(startedProfile({u"--profile-directory=X"_s}), std::nullopt);
+        QCOMPARE(startedProfile({u"firefox"_s, u"-P"_s}), std::nullopt);
+    }
+
+    // Each browser used here gets this user's manifest naming the host and
+    // only the extension's id; doctor reads back what would start the host.
+    void hostManifestsForBrowsersUsedHere()
+    {
+        const QString host = m_desktop->program(u"host"_s, "#!/bin/sh\n");
+        QVERIFY(QDir().mkpath(m_desktop->home() + u"/.mozilla"_s));
+        QVERIFY(QDir().mkpath(m_desktop->configHome() + u"/chromium"_s));
+        QVERIFY(QDir(m_desktop->configHome() + u"/vivaldi"_s).removeRecursively());
+        QCOMPARE(NativeMessaging::registerForUser(host), QStringList());
+        const QString firefox =
+            m_desktop->home() + u"/.mozilla/native-messaging-hosts/work.vorpa.quillvane.json"_s;
+        const QString chromium =
+            m_desktop->configHome() + u"/chromium/NativeMessagingHosts/work.vorpa.quillvane.json"_s;
+        const QJsonObject written = QJsonDocument::fromJson(readFile(firefox)).object();
+        QCOMPARE(written[u"path"_s].toString(), host);
+        QCOMPARE(written[u"allowed_extensions"_s].toArray(),
+                 QJsonArray{u"quillvane@vorpa.work"_s});
+        QCOMPARE(QJsonDocument::fromJson(readFile(chromium)).object()[u"allowed_origins"_s],
+                 QJsonArray{u"chrome-extension://gmkaiedoeodeloekkaogggchoeomdibk/"_s});
+
+        QStringList registered;
+        for (const auto &registration : NativeMessaging::registrations()) {
+            if (!registration.manifest.isEmpty() && registration.problem.isEmpty())
+                registered.append(registration.manifest);
+        }
+        QVERIFY(registered.contains(firefox) && registered.contains(chromium));
+        // Nothing for a browser never used here.
+        QVERIFY(!QFileInfo::exists(m_desktop->configHome() + u"/vivaldi"_s));
+        // A manifest for another extension, and a host that went away.
+        writeFile(chromium, QByteArray(readFile(chromium)).replace("gmkaied", "xxxxxxx"));
+        QVERIFY(NativeMessaging::registrations()[1].problem.startsWith(
+            u"does not let Quillvane's extension"_s));
+        QVERIFY(QFile::remove(host));
+        QVERIFY(NativeMessaging::registrations()[0].problem.startsWith(
+            u"names a host that is not there"_s));
     }
 
 private:

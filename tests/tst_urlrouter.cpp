@@ -213,15 +213,24 @@ private Q_SLOTS:
         asks.askWhereToOpen = true;
         settings.rules = QList<RoutingRule>{{QUuid::createUuid(), {}, {}, u"chromium"_s,
                                              u"Chromium"_s, u"meet.example.com"_s, std::nullopt},
+                                            {QUuid::createUuid(), {}, {}, u"chromium"_s,
+                                             u"Chromium"_s, u"work.example.com"_s, u"Work"_s},
                                             asks};
-        const auto leaves = [&settings](const QString &url, const QString &browser) {
+        const auto leaves = [&settings](const QString &url, const QString &browser,
+                                        std::optional<QString> profile = std::nullopt) {
             const RoutePolicy policy = RoutePolicy::linkTest();
             RoutePlan plan = RoutePlanner::prepare(link(url), source(browser), settings, policy);
             RoutePlanner::decide(plan, settings, policy);
-            return RoutePlanner::leavesBrowser(plan, browser);
+            return RoutePlanner::leavesBrowser(plan, browser, profile);
         };
         QVERIFY(leaves(u"https://meet.example.com/room"_s, u"firefox"_s));
         QVERIFY(!leaves(u"https://meet.example.com/room"_s, u"Chromium"_s));
+        // Another profile of the same browser leaves; an unknown one is taken
+        // to be the rule's, and so is any profile for a rule that names none.
+        QVERIFY(leaves(u"https://work.example.com/"_s, u"chromium"_s, u"Default"_s));
+        QVERIFY(!leaves(u"https://work.example.com/"_s, u"chromium"_s, u"Work"_s));
+        QVERIFY(!leaves(u"https://work.example.com/"_s, u"chromium"_s));
+        QVERIFY(!leaves(u"https://meet.example.com/"_s, u"chromium"_s, u"Default"_s));
         QVERIFY(!leaves(u"https://other.example/"_s, u"chromium"_s));
         QVERIFY(!leaves(u"https://ask.example.com/"_s, u"chromium"_s));
         settings.rulesEnabled = false;

@@ -8,6 +8,7 @@
 #include "Platform/DiagnosticLog.h"
 #include "Services/BrowserCatalog.h"
 #include "Services/LaunchAtLoginManager.h"
+#include "Services/NativeMessaging.h"
 #include "Services/ProfileDiscovery.h"
 #include "Models/DisplayText.h"
 #include "Services/ConfigFile.h"
@@ -135,6 +136,52 @@ QJsonObject sourceApps(const QString &session)
     return QJsonObject{{u"ways"_s, ways}, {u"none"_s, !any}, {u"note"_s, note}};
 }
 
+// Per browser, whether it would start the extension's host; and which
+// browsers' extensions have reached Quillvane.
+QJsonObject browserExtension()
+{
+    QJsonArray hosts;
+    for (const NativeMessaging::Registration &registration : NativeMessaging::registrations()) {
+        hosts.append(QJsonObject{
+            {u"browser"_s, registration.browser.name},
+            {u"used"_s, registration.used},
+            {u"manifest"_s, registration.manifest.isEmpty() ? QJsonValue()
+                                                            : QJsonValue(registration.manifest)},
+            {u"registered"_s, !registration.manifest.isEmpty() && registration.problem.isEmpty()},
+            {u"problem"_s, registration.problem.isEmpty() ? QJsonValue()
+                                                          : QJsonValue(registration.problem)}});
+    }
+    QJsonObject connected;
+    const QMap<QString, QDateTime> connections = NativeMessaging::connections();
+    for (auto it = connections.begin(); it != connections.end(); ++it)
+        connected.insert(it.key(), it.value().toString(Qt::ISODate));
+    return QJsonObject{{u"hosts"_s, hosts}, {u"connected"_s, connected}};
+}
+
+void printExtension(QTextStream &out, const QJsonObject &extension)
+{
+    out << "\nBrowser extension (native messaging host):\n";
+    for (const QJsonValue &value : extension.value(u"hosts"_s).toArray()) {
+        const QJsonObject host = value.toObject();
+        if (!host.value(u"used"_s).toBool() && host.value(u"manifest"_s).isNull())
+            continue;
+        out << "  " << QString(host.value(u"browser"_s).toString() + u':').leftJustified(20);
+        if (host.value(u"registered"_s).toBool())
+            out << "host registered (" << host.value(u"manifest"_s).toString() << ")\n";
+        else if (host.value(u"manifest"_s).isString())
+            out << "host not usable: " << host.value(u"manifest"_s).toString() << ' '
+                << DisplayText::escapeControls(host.value(u"problem"_s).toString()) << '\n';
+        else
+            out << "host not registered (Quillvane registers it when it starts)\n";
+    }
+    const QJsonObject connected = extension.value(u"connected"_s).toObject();
+    if (connected.isEmpty())
+        out << "  the extension has not connected from any browser yet\n";
+    for (auto it = connected.begin(); it != connected.end(); ++it)
+        out << "  connected from " << DisplayText::escapeControls(it.key()) << ", last at "
+            << it.value().toString() << '\n';
+}
+
 void printText(QTextStream &out, const QJsonObject &report)
 {
     const QJsonObject session = report.value(u"session"_s).toObject();
@@ -203,6 +250,7 @@ void printText(QTextStream &out, const QJsonObject &report)
                 << profile.toObject().value(u"id"_s).toString() << ')';
         out << '\n';
     }
+    printExtension(out, report.value(u"browserExtension"_s).toObject());
 }
 
 } // namespace
@@ -247,6 +295,7 @@ QJsonObject report(DesktopEntries &entries, const Autostart &autostart)
                                          {u"autostartFile"_s, XdgAutostart::entryPath()}}},
         {u"configFile"_s, configFile()},
         {u"diagnosticLog"_s, file(DiagnosticLog::filePath())},
+        {u"browserExtension"_s, browserExtension()},
     };
 }
 
