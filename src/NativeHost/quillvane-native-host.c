@@ -146,20 +146,37 @@ static const char *bad_link(const char *url)
     return NULL;
 }
 
-static gboolean quillvane_runs(GDBusConnection *bus)
+/* The conversation: requests come from a thread that waits on standard
+ * input, each is answered when Quillvane has (bus calls are asynchronous, so
+ * an "open" that waits for Quillvane to start holds up no "leaves"), and the
+ * host ends once the browser has closed its side and every call is answered. */
+static GDBusConnection *bus;
+static GMainLoop *loop;
+static int pending;
+static gboolean ending;
+static int exit_status;
+
+static void call_done(void)
 {
-    if (!bus)
-        return FALSE;
-    GVariant *owned = g_dbus_connection_call_sync(
-        bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        "NameHasOwner", g_variant_new("(s)", BusName), G_VARIANT_TYPE("(b)"),
-        G_DBUS_CALL_FLAGS_NONE, LeavesTimeoutMs, NULL, NULL);
-    gboolean runs = FALSE;
-    if (owned) {
-        g_variant_get(owned, "(b)", &runs);
-        g_variant_unref(owned);
-    }
-    return runs;
+    if (--pending == 0 && ending)
+        g_main_loop_quit(loop);
+}
+
+static void end_conversation(int status)
+{
+    if (status != 0)
+        exit_status = status;
+    ending = TRUE;
+    if (pending == 0)
+        g_main_loop_quit(loop);
+}
+
+/* Answers written in the order the calls come back; a browser that stopped
+ * reading ends the conversation. */
+static void deliver(int written)
+{
+    if (written != 0)
+        end_conversation(exit_status);
 }
 
 static void add_state(JsonBuilder *builder, gboolean runs)
@@ -168,100 +185,140 @@ static void add_state(JsonBuilder *builder, gboolean runs)
     json_builder_add_string_value(builder, runs ? "running" : "not running");
 }
 
-/* Says hello for the browser (Quillvane notes which one has the extension)
- * and learns whether links may leave browsers at all. */
-static int answer_status(GDBusConnection *bus, gint64 id)
+/* Whether the error of a call to Quillvane still says that it runs (busy,
+ * too slow, an older version): only "no one has the name" says it does not. */
+static gboolean runs_despite(const GError *error)
 {
-    GVariant *answer = NULL;
-    if (bus)
-        answer = g_dbus_connection_call_sync(bus, BusName, ObjectPath, BrowserInterface, "Hello",
-                                             NULL, G_VARIANT_TYPE("(b)"),
-                                             G_DBUS_CALL_FLAGS_NO_AUTO_START, LeavesTimeoutMs,
-                                             NULL, NULL);
-    gboolean leave = FALSE;
-    const gboolean runs = answer ? TRUE : quillvane_runs(bus);
-    JsonBuilder *builder = begin_answer(id, TRUE);
-    add_state(builder, runs);
-    if (answer) {
-        g_variant_get(answer, "(b)", &leave);
+    return !g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN)
+           && !g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER);
+}
+
+typedef void (*Answered)(gint64 id, GVariant *answer, GError *error);
+
+typedef struct
+{
+    gint64 id;
+    Answered answered;
+} Call;
+
+static void call_finished(GObject *source, GAsyncResult *result, gpointer data)
+{
+    Call *call = data;
+    GError *error = NULL;
+    GVariant *answer = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
+    call->answered(call->id, answer, error);
+    if (answer)
         g_variant_unref(answer);
+    if (error)
+        g_error_free(error);
+    g_free(call);
+    call_done();
+}
+
+static void call_quillvane(gint64 id, const char *interface, const char *method,
+                           GVariant *arguments, const GVariantType *reply, GDBusCallFlags flags,
+                           int timeoutMs, Answered answered)
+{
+    Call *call = g_new(Call, 1);
+    call->id = id;
+    call->answered = answered;
+    ++pending;
+    g_dbus_connection_call(bus, BusName, ObjectPath, interface, method, arguments, reply, flags,
+                           timeoutMs, NULL, call_finished, call);
+}
+
+/* Hello: Quillvane notes which browser has the extension and says whether
+ * links may leave browsers at all. */
+static void status_answered(gint64 id, GVariant *answer, GError *error)
+{
+    JsonBuilder *builder = begin_answer(id, TRUE);
+    add_state(builder, answer ? TRUE : runs_despite(error));
+    if (answer) {
+        gboolean leave = FALSE;
+        g_variant_get(answer, "(b)", &leave);
         json_builder_set_member_name(builder, "linksLeave");
         json_builder_add_boolean_value(builder, leave);
     }
-    return finish(builder);
+    deliver(finish(builder));
 }
 
 /* Whether Quillvane would send the link to another browser or profile than
- * the one asking: one round trip, which also tells whether Quillvane runs.
- * Without an answer (not running, too slow) the link stays. */
-static int answer_leaves(GDBusConnection *bus, gint64 id, const char *url)
+ * the one asking. Without an answer (not running, too slow) the link stays. */
+static void leaves_answered(gint64 id, GVariant *answer, GError *error)
 {
-    gboolean runs = FALSE;
     gboolean leaves = FALSE;
-    if (bus) {
-        GError *error = NULL;
-        GVariant *answer = g_dbus_connection_call_sync(
-            bus, BusName, ObjectPath, BrowserInterface, "Leaves", g_variant_new("(s)", url),
-            G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NO_AUTO_START, LeavesTimeoutMs, NULL,
-            &error);
-        if (answer) {
-            runs = TRUE;
-            g_variant_get(answer, "(b)", &leaves);
-            g_variant_unref(answer);
-        } else {
-            runs = !g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN)
-                   && !g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER)
-                   && quillvane_runs(bus);
-            g_error_free(error);
-        }
-    }
+    if (answer)
+        g_variant_get(answer, "(b)", &leaves);
     JsonBuilder *builder = begin_answer(id, TRUE);
-    add_state(builder, runs);
+    add_state(builder, answer ? TRUE : runs_despite(error));
     json_builder_set_member_name(builder, "leaves");
     json_builder_add_boolean_value(builder, leaves);
-    return finish(builder);
+    deliver(finish(builder));
 }
 
-/* The link goes in by Quillvane's door for links, as any application's: it
- * names this process's parent, the browser, as the link's source, and routes
- * the link by the rules (or asks). */
-static int answer_open(GDBusConnection *bus, gint64 id, const char *url)
+static void open_answered(gint64 id, GVariant *answer, GError *error)
 {
-    if (!bus)
-        return refuse(id, "There is no session bus to reach Quillvane by.");
-    const char *const uris[] = {url, NULL};
-    GError *error = NULL;
-    GVariant *answer = g_dbus_connection_call_sync(
-        bus, BusName, ObjectPath, "org.freedesktop.Application", "Open",
-        g_variant_new("(^asa{sv})", uris, NULL), NULL, G_DBUS_CALL_FLAGS_NONE, OpenTimeoutMs,
-        NULL, &error);
     if (!answer) {
         g_dbus_error_strip_remote_error(error);
-        const int result = refuse(id, error->message);
-        g_error_free(error);
-        return result;
+        deliver(refuse(id, error->message));
+        return;
     }
-    g_variant_unref(answer);
     JsonBuilder *builder = begin_answer(id, TRUE);
     add_state(builder, TRUE);
-    return finish(builder);
+    deliver(finish(builder));
 }
 
-static int answer(GDBusConnection *bus, const char *text, gsize length)
+static void ask(gint64 id, const char *type, const char *url)
+{
+    if (strcmp(type, "status") == 0 || strcmp(type, "leaves") == 0) {
+        const gboolean status = strcmp(type, "status") == 0;
+        if (!bus) {
+            /* Without a session bus every link stays; the extension says why. */
+            JsonBuilder *builder = begin_answer(id, TRUE);
+            add_state(builder, FALSE);
+            if (!status) {
+                json_builder_set_member_name(builder, "leaves");
+                json_builder_add_boolean_value(builder, FALSE);
+            }
+            deliver(finish(builder));
+            return;
+        }
+        /* A check before a page loads never starts Quillvane, and never waits
+         * long enough to be felt. */
+        call_quillvane(id, BrowserInterface, status ? "Hello" : "Leaves",
+                       status ? NULL : g_variant_new("(s)", url), G_VARIANT_TYPE("(b)"),
+                       G_DBUS_CALL_FLAGS_NO_AUTO_START, LeavesTimeoutMs,
+                       status ? status_answered : leaves_answered);
+        return;
+    }
+    if (!bus) {
+        deliver(refuse(id, "There is no session bus to reach Quillvane by."));
+        return;
+    }
+    /* The link goes in by Quillvane's door for links, as any application's:
+     * it names this process's parent, the browser, as the link's source, and
+     * routes the link by the rules (or asks). It may start Quillvane. */
+    const char *const uris[] = {url, NULL};
+    call_quillvane(id, "org.freedesktop.Application", "Open",
+                   g_variant_new("(^asa{sv})", uris, NULL), NULL, G_DBUS_CALL_FLAGS_NONE,
+                   OpenTimeoutMs, open_answered);
+}
+
+static void answer(const char *text, gsize length)
 {
     JsonParser *parser = json_parser_new_immutable();
     GError *error = NULL;
-    int result = 0;
     if (!json_parser_load_from_data(parser, text, (gssize)length, &error)) {
-        result = refuse(-1, "The request is not JSON.");
+        deliver(refuse(-1, "The request is not JSON."));
         g_error_free(error);
         g_object_unref(parser);
-        return result;
+        return;
     }
     JsonNode *root = json_parser_get_root(parser);
     if (!root || !JSON_NODE_HOLDS_OBJECT(root)) {
         g_object_unref(parser);
-        return refuse(-1, "The request is not a JSON object.");
+        deliver(refuse(-1, "The request is not a JSON object."));
+        return;
     }
     JsonObject *object = json_node_get_object(root);
     JsonNode *idNode = json_object_get_member(object, "id");
@@ -289,42 +346,87 @@ static int answer(GDBusConnection *bus, const char *text, gsize length)
     if (!why && !wantsLink && json_object_has_member(object, "url"))
         why = "Only \"leaves\" and \"open\" take a link.";
 
+    if (!why && strcmp(type, "status") != 0 && !wantsLink)
+        why = "Quillvane answers \"status\", \"leaves\" and \"open\".";
     if (why)
-        result = refuse(id, why);
-    else if (strcmp(type, "status") == 0)
-        result = answer_status(bus, id); else if (strcmp(type, "leaves") == 0)
-        result = answer_leaves(bus, id, url);
-    else if (strcmp(type, "open") == 0)
-        result = answer_open(bus, id, url);
+        deliver(refuse(id, why));
     else
-        result = refuse(id, "Quillvane answers \"status\", \"leaves\" and \"open\".");
+        ask(id, type, url);
     g_object_unref(parser);
-    return result;
+}
+
+typedef struct
+{
+    char *text; /* NULL: the browser closed its side */
+    uint32_t size;
+    gboolean oversized;
+} Message;
+
+static gboolean take_message(gpointer data)
+{
+    Message *message = data;
+    if (ending) {
+        /* nothing more after the end */
+    } else if (message->oversized) {
+        refuse(-1, "The request is longer than any link Quillvane takes.");
+        end_conversation(1);
+    } else if (!message->text) {
+        end_conversation(0);
+    } else {
+        answer(message->text, message->size);
+    }
+    g_free(message->text);
+    g_free(message);
+    return G_SOURCE_REMOVE;
+}
+
+static void post(char *text, uint32_t size, gboolean oversized)
+{
+    Message *message = g_new(Message, 1);
+    message->text = text;
+    message->size = size;
+    message->oversized = oversized;
+    g_main_context_invoke(NULL, take_message, message);
+}
+
+/* Standard input, message by message, handed to the main loop in order. */
+static gpointer read_requests(gpointer unused)
+{
+    (void)unused;
+    for (;;) {
+        uint32_t size = 0;
+        if (read_all(STDIN_FILENO, &size, sizeof size) != 0)
+            break;
+        if (size > MaxMessageBytes) {
+            /* What follows cannot be trusted to be a message. */
+            post(NULL, 0, TRUE);
+            return NULL;
+        }
+        char *text = g_malloc(size + 1);
+        if (read_all(STDIN_FILENO, text, size) != 0) {
+            g_free(text);
+            break;
+        }
+        text[size] = '\0';
+        post(text, size, FALSE);
+    }
+    post(NULL, 0, FALSE);
+    return NULL;
 }
 
 int main(void)
 {
-    /* Without a session bus every link stays where it is; the extension says why. */
-    GDBusConnection *bus = g_bus_get_sync(G_BUS_TYPE_SESSION, NULL, NULL);
-    int status = 0;
-    for (;;) {
-        uint32_t size = 0;
-        if (read_all(STDIN_FILENO, &size, sizeof size) != 0)
-            break; /* the browser closed the conversation */
-        if (size > MaxMessageBytes) {
-            refuse(-1, "The request is longer than any link Quillvane takes.");
-            status = 1;
-            break;
-        }
-        char *text = g_malloc(size + 1);
-        const int complete = read_all(STDIN_FILENO, text, size);
-        text[size] = '\0';
-        const int answered = complete == 0 ? answer(bus, text, size) : -1;
-        g_free(text);
-        if (answered != 0)
-            break;
-    }
-    if (bus)
+    bus = g_bus_get_sync(G_BUS_TYPE_SESSION, NULL, NULL);
+    loop = g_main_loop_new(NULL, FALSE);
+    GThread *reader = g_thread_new("requests", read_requests, NULL);
+    g_main_loop_run(loop);
+    /* The reader may still wait on a browser that keeps its side open after
+     * an oversized message: the process ends without it. */
+    g_thread_unref(reader);
+    if (bus) {
+        g_dbus_connection_flush_sync(bus, NULL, NULL);
         g_object_unref(bus);
-    return status;
+    }
+    g_main_loop_unref(loop);
+    return exit_status;
 }
