@@ -7,9 +7,12 @@
 const api = globalThis.browser ?? globalThis.chrome;
 const HostName = 'work.vorpa.quillvane';
 const MenuId = 'open-with-quillvane';
-// A link about to load waits no longer than this for Quillvane's answer; with
-// no answer it loads here, as it would without the extension.
-const LeavesTimeoutMs = 300;
+// How long an answer is waited for; without one the link loads here, as it
+// would without the extension. Firefox holds the page's request meanwhile, so
+// only a Quillvane that hangs makes this felt; in the Chromium family the page
+// loads while the extension waits.
+const HeldTimeoutMs = 1000;
+const WatchedTimeoutMs = 5000;
 // A host that is not installed is not looked for again on every navigation.
 const RetryInstallMs = 60 * 1000;
 
@@ -74,12 +77,12 @@ function ask(request, timeoutMs) {
 
 const isWebLink = (url) => /^https?:\/\//i.test(url ?? '');
 
-async function leaves(url) {
+async function leaves(url, timeoutMs) {
     if (!leaveEnabled || !isWebLink(url))
         return false;
     if (connection.state === 'not installed' && Date.now() - connection.triedAt < RetryInstallMs)
         return false;
-    const answer = await ask({ type: 'leaves', url }, LeavesTimeoutMs);
+    const answer = await ask({ type: 'leaves', url }, timeoutMs);
     return answer?.ok === true && answer.leaves === true;
 }
 
@@ -141,8 +144,8 @@ function shouldAsk(details) {
     return true;
 }
 
-async function check(details) {
-    if (!shouldAsk(details) || !(await leaves(details.url)))
+async function check(details, timeoutMs) {
+    if (!shouldAsk(details) || !(await leaves(details.url, timeoutMs)))
         return {};
     handOver(details.url);
     return { cancel: true };
@@ -155,14 +158,14 @@ const filter = { urls: ['http://*/*', 'https://*/*'], types: ['main_frame'] };
 const blocks = api.runtime.getManifest().permissions.includes('webRequestBlocking');
 if (blocks) {
     api.webRequest.onBeforeRequest.addListener(async (details) => {
-        const decision = await check(details);
+        const decision = await check(details, HeldTimeoutMs);
         if (decision.cancel)
             leaveTab(details.tabId, details.url);
         return decision;
     }, filter, ['blocking']);
 } else {
     api.webRequest.onBeforeRequest.addListener((details) => {
-        check(details).then((decision) => decision.cancel && leaveTab(details.tabId, details.url));
+        check(details, WatchedTimeoutMs).then((decision) => decision.cancel && leaveTab(details.tabId, details.url));
     }, filter);
 }
 

@@ -40,8 +40,9 @@ enum {
 static const char *const BusName = "work.vorpa.Quillvane";
 static const char *const ObjectPath = "/work/vorpa/Quillvane";
 static const char *const BrowserInterface = "work.vorpa.Quillvane.Browser";
-/* The check of a link that is about to load: never long enough to be felt. */
-static const int LeavesTimeoutMs = 250;
+/* The check of a link that is about to load: the extension decides how long
+ * a page waits for it; this only bounds a Quillvane that hangs. */
+static const int LeavesTimeoutMs = 5000;
 /* A link handed over may have to start Quillvane first. */
 static const int OpenTimeoutMs = 25 * 1000;
 
@@ -283,8 +284,7 @@ static void ask(gint64 id, const char *type, const char *url)
             deliver(finish(builder));
             return;
         }
-        /* A check before a page loads never starts Quillvane, and never waits
-         * long enough to be felt. */
+        /* A check before a page loads never starts Quillvane. */
         call_quillvane(id, BrowserInterface, status ? "Hello" : "Leaves",
                        status ? NULL : g_variant_new("(s)", url), G_VARIANT_TYPE("(b)"),
                        G_DBUS_CALL_FLAGS_NO_AUTO_START, LeavesTimeoutMs,
