@@ -112,12 +112,15 @@ api.webNavigation.onCommitted.addListener((details) => {
 });
 api.tabs.onRemoved.addListener((tabId) => committed.delete(tabId));
 
-function leaveTab(tabId, url) {
+// held: the request was cancelled before it left, so the page never changed.
+function leaveTab(tabId, url, held) {
     if (freshTabs.has(tabId)) {
         freshTabs.delete(tabId);
         api.tabs.remove(tabId).catch(() => {});
         return;
     }
+    if (held)
+        return;
     if (committed.get(tabId) === url) {
         // The page was quicker than the answer: back to the one it replaced.
         api.tabs.goBack(tabId).catch(() => {});
@@ -160,12 +163,12 @@ if (blocks) {
     api.webRequest.onBeforeRequest.addListener(async (details) => {
         const decision = await check(details, HeldTimeoutMs);
         if (decision.cancel)
-            leaveTab(details.tabId, details.url);
+            leaveTab(details.tabId, details.url, true);
         return decision;
     }, filter, ['blocking']);
 } else {
     api.webRequest.onBeforeRequest.addListener((details) => {
-        check(details, WatchedTimeoutMs).then((decision) => decision.cancel && leaveTab(details.tabId, details.url));
+        check(details, WatchedTimeoutMs).then((decision) => decision.cancel && leaveTab(details.tabId, details.url, false));
     }, filter);
 }
 
