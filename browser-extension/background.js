@@ -154,12 +154,14 @@ async function check(details, timeoutMs) {
     return { cancel: true };
 }
 
-const filter = { urls: ['http://*/*', 'https://*/*'], types: ['main_frame'] };
 // Firefox holds the request until the answer, so the page never starts
 // loading. The Chromium family lets an extension watch, not hold: the
 // navigation goes on while Quillvane answers, and is stopped when it leaves.
+// There it is watched as a navigation, not as a request: with a request
+// listener, Chromium at times never sends the first page it starts with.
 const blocks = api.runtime.getManifest().permissions.includes('webRequestBlocking');
 if (blocks) {
+    const filter = { urls: ['http://*/*', 'https://*/*'], types: ['main_frame'] };
     api.webRequest.onBeforeRequest.addListener(async (details) => {
         const decision = await check(details, HeldTimeoutMs);
         if (decision.cancel)
@@ -167,9 +169,11 @@ if (blocks) {
         return decision;
     }, filter, ['blocking']);
 } else {
-    api.webRequest.onBeforeRequest.addListener((details) => {
-        check(details, WatchedTimeoutMs).then((decision) => decision.cancel && leaveTab(details.tabId, details.url, false));
-    }, filter);
+    // A navigation has no method and no request yet: each is asked about once.
+    api.webNavigation.onBeforeNavigate.addListener((details) => {
+        const navigation = { ...details, method: 'GET', requestId: `${details.tabId}:${details.timeStamp}` };
+        check(navigation, WatchedTimeoutMs).then((decision) => decision.cancel && leaveTab(details.tabId, details.url, false));
+    }, { url: [{ schemes: ['http', 'https'] }] });
 }
 
 api.runtime.onInstalled.addListener(() => {

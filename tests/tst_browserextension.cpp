@@ -82,6 +82,19 @@ private:
         return browser;
     }
 
+    std::unique_ptr<QProcess> startChromium()
+    {
+        return startBrowser(
+            u"chromium"_s,
+            {u"/usr/bin/chromium"_s, u"--headless"_s, u"--no-sandbox"_s, u"--disable-gpu"_s,
+             u"--no-first-run"_s, u"--disable-background-networking"_s,
+             u"--disable-component-update"_s, u"--disable-sync"_s,
+             u"--user-data-dir="_s + m_desktop->configHome() + u"/chromium"_s,
+             u"--load-extension="_s + ExtensionBuild + u"/chromium"_s,
+             u"--disable-features=DisableLoadExtensionCommandLineSwitch"_s,
+             m_server->baseUrl() + u"/start"_s});
+    }
+
     // The page's two clicks: away leaves (the tab stays and keeps asking),
     // stay loads here and Quillvane records nothing.
     void clicksOnThePage(const QString &browserId, QProcess &browser, bool holdsRequests)
@@ -155,7 +168,7 @@ private Q_SLOTS:
 
     void cleanupTestCase()
     {
-        if (m_desktop)
+        if (m_desktop && InstalledQuillvane::isRunning())
             QVERIFY(InstalledQuillvane::stop());
     }
 
@@ -167,15 +180,7 @@ private Q_SLOTS:
     {
         if (QStandardPaths::findExecutable(u"chromium"_s).isEmpty())
             QFAIL("chromium is not installed: the test command installs it");
-        const auto browser = startBrowser(
-            u"chromium"_s,
-            {u"/usr/bin/chromium"_s, u"--headless"_s, u"--no-sandbox"_s, u"--disable-gpu"_s,
-             u"--no-first-run"_s, u"--disable-background-networking"_s,
-             u"--disable-component-update"_s, u"--disable-sync"_s,
-             u"--user-data-dir="_s + m_desktop->configHome() + u"/chromium"_s,
-             u"--load-extension="_s + ExtensionBuild + u"/chromium"_s,
-             u"--disable-features=DisableLoadExtensionCommandLineSwitch"_s,
-             m_server->baseUrl() + u"/start"_s});
+        const auto browser = startChromium();
         clicksOnThePage(u"chromium"_s, *browser, false);
     }
 
@@ -223,6 +228,24 @@ private Q_SLOTS:
         QCOMPARE(registered, (QStringList{u"Firefox"_s, u"Chromium"_s}));
         QCOMPARE(extension[u"connected"_s].toObject().keys(),
                  (QStringList{u"chromium"_s, u"firefox-esr"_s}));
+    }
+
+    // Without Quillvane the link the rule would send away loads where it was
+    // clicked, and checking it does not start Quillvane.
+    void withoutQuillvane()
+    {
+        QVERIFY(InstalledQuillvane::stop());
+        m_server->serve(u"/away?utm_source=test"_s, "<!DOCTYPE html><title>loaded</title>");
+        m_desktop->forget(u"other-browser"_s);
+        const auto browser = startChromium();
+        const auto stop = qScopeGuard([&browser] {
+            browser->kill();
+            browser->waitForFinished();
+        });
+        m_server->serve(u"/go"_s, "away");
+        QTRY_COMPARE_WITH_TIMEOUT(m_server->requestCount(u"/away?utm_source=test"_s), 1, 60000);
+        QVERIFY(!InstalledQuillvane::isRunning());
+        QVERIFY(!m_desktop->ran(u"other-browser"_s));
     }
 };
 

@@ -205,23 +205,38 @@ bool LinkIntake::Leaves(const QString &url)
     // Asked before a page loads: the browser, the rules and the link as it
     // stands, without waiting for the network to expand it. A browser that
     // cannot be named keeps its links.
-    const auto host = BusPeers::processOf(message().service().toUtf8(), {}, QuickAnswerMs);
-    const std::optional<SourceApp> browser = host ? m_resolver.resolveProcess(*host) : std::nullopt;
+    const std::optional<AskingBrowser> browser = askingBrowser();
     if (!browser)
         return false;
     const RouteSettings settings = m_state.routeSettings();
     const RoutePolicy policy = RoutePolicy::linkTest();
-    RoutePlan plan = RoutePlanner::prepare(*link, browser, settings, policy);
+    RoutePlan plan = RoutePlanner::prepare(*link, browser->app, settings, policy);
     RoutePlanner::decide(plan, settings, policy);
-    return RoutePlanner::leavesBrowser(plan, browser->desktopId, m_resolver.parentsProfile(*host));
+    return RoutePlanner::leavesBrowser(plan, browser->app.desktopId, browser->profile);
 }
 
 bool LinkIntake::Hello()
 {
-    const auto host = BusPeers::processOf(message().service().toUtf8(), {}, QuickAnswerMs);
-    if (const auto browser = host ? m_resolver.resolveProcess(*host) : std::nullopt)
-        NativeMessaging::noteConnection(browser->desktopId);
+    if (const auto browser = askingBrowser())
+        NativeMessaging::noteConnection(browser->app.desktopId);
     return m_state.config().linksLeaveBrowsers;
+}
+
+std::optional<LinkIntake::AskingBrowser> LinkIntake::askingBrowser()
+{
+    const QString caller = message().service();
+    if (const auto known = m_askingBrowsers.constFind(caller); known != m_askingBrowsers.cend())
+        return *known;
+    // Once per host: the page waits for the answer (the extension bounds it),
+    // not a click, so a busy bus may take its time.
+    const auto host = BusPeers::processOf(caller.toUtf8(), {}, HostAnswerMs);
+    const auto app = host ? m_resolver.resolveProcess(*host) : std::nullopt;
+    if (!app)
+        return std::nullopt;
+    // A few browsers' hosts at a time; hosts that ended leave their entries.
+    if (m_askingBrowsers.size() >= 64)
+        m_askingBrowsers.clear();
+    return *m_askingBrowsers.insert(caller, {*app, m_resolver.parentsProfile(*host)});
 }
 
 QStringList LinkIntake::handleURLs(const QStringList &uris, qint64 senderPid,

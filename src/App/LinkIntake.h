@@ -6,6 +6,7 @@
 #include <QDBusConnection>
 #include <QDBusContext>
 #include <QDBusMessage>
+#include <QHash>
 #include <QObject>
 #include <QStringList>
 #include <QVariantMap>
@@ -80,6 +81,8 @@ public Q_SLOTS:
 private:
     // How long a click waits on this thread for the bus to name its sender.
     static constexpr int QuickAnswerMs = 50;
+    // How long the extension's host's first call waits for the bus to name it.
+    static constexpr int HostAnswerMs = 1000;
 
     // The call's links, its sender known (-1: the bus did not say).
     void opened(QDBusConnection bus, const QDBusMessage &call, const QStringList &uris,
@@ -90,6 +93,17 @@ private:
     static QString refusalText(const QStringList &uris, const QStringList &refused);
     // The application of the sender (a broker's request first), traced.
     std::optional<SourceApp> sourceOf(const QStringList &uris, qint64 pid);
+
+    // The browser (and its profile) whose extension's host made this call.
+    struct AskingBrowser
+    {
+        SourceApp app;
+        std::optional<QString> profile;
+    };
+    std::optional<AskingBrowser> askingBrowser();
+    // By the host's bus connection, which names one process for its life: a
+    // page's check needs no trip to the bus or /proc once the host has said hello.
+    QHash<QString, AskingBrowser> m_askingBrowsers;
 
     AppState &m_state;
     AutomationBridge m_scripts{m_state};
