@@ -40,7 +40,7 @@ bool InstalledQuillvane::shareEnvironment()
           "XDG_STATE_HOME", "XDG_RUNTIME_DIR", "QT_QPA_PLATFORM", "PATH", "DISPLAY",
           "WAYLAND_DISPLAY", "XAUTHORITY", "XDG_CURRENT_DESKTOP", "DBUS_SYSTEM_BUS_ADDRESS",
           "GSETTINGS_SCHEMA_DIR", "NO_AT_BRIDGE", "ASAN_OPTIONS", "UBSAN_OPTIONS",
-          "LLVM_PROFILE_FILE"}) {
+          "LLVM_PROFILE_FILE", "QT_LOGGING_RULES"}) {
         if (qEnvironmentVariableIsSet(name))
             variables.insert(QString::fromLatin1(name), qEnvironmentVariable(name));
     }

@@ -66,14 +66,6 @@ QVariant ruleEntity(const RoutingRule &rule)
 {
     return QVariant::fromValue(RuleEntity{JsonFields::uuidText(rule.id), {}});
 }
-QDBusMessage application(const QString &method, const QVariantList &arguments)
-{
-    QDBusMessage message = QDBusMessage::createMethodCall(AppId, u"/work/vorpa/Quillvane"_s,
-                                                          u"org.freedesktop.Application"_s, method);
-    message.setArguments(arguments);
-    return message;
-}
-
 } // namespace
 
 // The desktop's notification service, as far as Quillvane uses it.
@@ -141,11 +133,8 @@ private Q_SLOTS:
 
     void nothingAnswersWhileNotRunning()
     {
-        const QString notRunning = u"Quillvane is not running. Please launch the app first."_s;
-        script(uR"(
-rule delete $ID --yes         | 1 | $
-)"_s.replace(u"$ID"_s, m_docsRuleId)
-                   .replace(u"$"_s, notRunning));
+        script(u"rule delete %1 --yes | 1 | Quillvane is not running. Please launch the app first."_s
+                   .arg(m_docsRuleId));
         // Even though the bus could start it.
         QVERIFY(!InstalledQuillvane::isRunning());
         const QString error = call(u"ListRules"_s).errorName();
@@ -154,8 +143,10 @@ rule delete $ID --yes         | 1 | $
                  qPrintable(error));
         QCOMPARE(stored().rules.size(), 1);
         // Started the way a desktop starts it.
-        QVERIFY(answered(QDBusConnection::sessionBus().call(
-            application(u"Activate"_s, {QVariantMap()}), QDBus::Block, 20000)));
+        QDBusMessage activate = QDBusMessage::createMethodCall(
+            AppId, u"/work/vorpa/Quillvane"_s, u"org.freedesktop.Application"_s, u"Activate"_s);
+        activate << QVariantMap();
+        QVERIFY(answered(QDBusConnection::sessionBus().call(activate, QDBus::Block, 20000)));
         QVERIFY(InstalledQuillvane::isRunning());
     }
 

@@ -5,7 +5,6 @@
 #include "Services/BrowserCatalog.h"
 #include "Services/BrowserLauncher.h"
 #include "Services/LaunchLedger.h"
-#include "Services/LaunchPacer.h"
 #include "Services/ProfileLauncher.h"
 #include "TestSupport.h"
 
@@ -245,18 +244,6 @@ private Q_SLOTS:
         QCOMPARE(ledger.recentlyHandedTo(u"https://a.example/"_s), std::nullopt);
         QVERIFY(ledger.spawn({u"/bin/b"_s, u"https://a.example/"_s}, {}, {}));
         QCOMPARE(ledger.recentlyHandedTo(u"https://a.example/"_s), u"/bin/b"_s);
-    }
-
-    // After a quiet while, a burst starts at once again (tst_pipeline: the pace).
-    void thePacerRefills()
-    {
-        qint64 now = 0;
-        LaunchPacer pacer([&now] { return now; });
-        for (int i = 0; i < LaunchPacer::Burst; ++i)
-            QCOMPARE(pacer.reserve(), 0);
-        QVERIFY(pacer.wait() > 0);
-        now = 10000;
-        QCOMPARE(pacer.wait(), 0);
     }
 
 private:

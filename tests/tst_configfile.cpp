@@ -211,6 +211,21 @@ private Q_SLOTS:
         QCOMPARE(state.rules(), all);
     }
 
+    // Deleted while Quillvane runs: nothing is written until the next change,
+    // which writes the file again whole, the rules and the fallback with it.
+    void deletedWhileRunning()
+    {
+        m_app->initial = meetingsIn(u"firefox"_s);
+        AppState &state = m_app->start();
+        QVERIFY(QFile::remove(m_app->environment.configPath()));
+        m_app->config->reload();
+        QCOMPARE(state.rules(), m_app->initial.rules);
+        QVERIFY(!QFileInfo::exists(m_app->environment.configPath()));
+        state.toggle(&Config::urlExpansionEnabled);
+        QCOMPARE(m_app->stored().rules, m_app->initial.rules);
+        QVERIFY(m_app->stored().fallbackBrowser == u"firefox" && m_app->stored().urlExpansionEnabled);
+    }
+
     // Writes go to a link's target and leave the link, keep the file's mode,
     // and leave nothing beside it; what is not a regular file is refused.
     void writesKeepLinksAndModes()

@@ -80,7 +80,6 @@ private Q_SLOTS:
     // The link as received, unwrapped and cleaned, each on a line of its own
     // (cleaning can be off), and the router's trail, which goes to the output, not
     // to the user's diagnostic file.
-    // The router's trail goes to the output, not to the user's diagnostic file.
     void showsTheTrail()
     {
         const QString out = explain({u"https://docs.example.com/guide?utm_source=x&id=1"_s}).second;

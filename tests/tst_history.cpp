@@ -434,6 +434,60 @@ the shared memory, a link        | history.sqlite3-shm  | link
         QCOMPARE(HistoryStore::loadForwardCount(reader, day), 2);
     }
 
+    // The disk fills up while Quillvane runs (a small tmpfs), or it starts on a
+    // read-only one (a read-only bind mount): records wait in memory, the failure is logged, and
+    // once writing works again a new connection writes what waited.
+    void aDiskThatCannotBeWritten_data()
+    {
+        QTest::addColumn<bool>("fills");
+        QTest::newRow("disk fills up") << true;
+        QTest::newRow("read-only disk") << false;
+    }
+    void aDiskThatCannotBeWritten()
+    {
+        QFETCH(bool, fills);
+        const QString folder = QFileInfo(m_path).path();
+        const QString quoted = u"'"_s + folder + u"'"_s;
+        const auto shell = [](const QString &command) {
+            return QProcess::execute(u"sh"_s, {u"-c"_s, command + u" 2>/dev/null"_s}) == 0;
+        };
+        m_database.reset();
+        QVERIFY(QDir().mkpath(folder));
+        if (fills && !shell(u"mount -t tmpfs -o size=2m quillvane-test "_s + quoted))
+            QSKIP("needs the permission to mount a tmpfs");
+        if (!fills && !shell(u"mount --bind %1 %1"_s.arg(quoted)))
+            QSKIP("needs the permission to make a read-only bind mount");
+        const auto unmount = qScopeGuard([&] {
+            m_database.reset();
+            shell(u"umount "_s + quoted);
+        });
+        m_database = m_environment->history();
+        record(u"https://before.example/"_s);
+        if (fills) {
+            QVERIFY(!shell(u"cat /dev/zero > %1/filler"_s.arg(quoted))); // ends when full
+        } else {
+            // A mount turns read-only only while nothing is open on it for writing.
+            m_database.reset();
+            QVERIFY(shell(u"mount -o remount,bind,ro "_s + quoted));
+            m_database = m_environment->history();
+        }
+        QTest::ignoreMessage(QtCriticalMsg,
+                             QRegularExpression(u"^Could not write the history database"_s));
+        QStringList expected{u"https://before.example/"_s};
+        for (int i = 0; i < 3; ++i) {
+            expected.prepend(u"https://meanwhile.example/%1"_s.arg(i));
+            record(expected.first());
+        }
+        // What waits is shown (a read-only disk may hide what the file holds).
+        QCOMPARE(links(HistoryStore::loadHistory(*m_database)).mid(0, 3), expected.mid(0, 3));
+
+        QVERIFY(fills ? QFile::remove(folder + u"/filler"_s)
+                      : shell(u"mount -o remount,bind,rw "_s + quoted));
+        QTest::ignoreMessage(QtInfoMsg, QRegularExpression(u"can be written again"_s));
+        QVERIFY(HistoryStore::flush(*m_database));
+        QCOMPARE(linksOnDisk(m_path), expected);
+    }
+
     void oneWriter()
     {
         record(u"https://first.example/"_s);

@@ -56,25 +56,6 @@ private Q_SLOTS:
         m_history.reset();
     }
 
-    // Paused: the fallback opens the cleaned link, never expanded, credited to the pause.
-    void pausedPath()
-    {
-        m_config.rules = {makeRule(u"com.example.mail"_s, std::nullopt, u"google-chrome"_s)};
-        m_config.fallbackBrowser = u"epiphany"_s;
-        m_config.rulesEnabled = false;
-        m_config.urlExpansionEnabled = true;
-        makeState();
-        m_isShortLink = [](const Link &) { return true; };
-        m_expand = [](const Link &) -> QFuture<Link> { qFatal("a paused route must not expand"); };
-        route(u"https://bit.ly/abc?fbclid=1"_s, Mail);
-        QVERIFY(waitForRoutes(1));
-        QCOMPARE(m_state->lastRouteLog(), u"⏸ Mail → Web: bit.ly"_s);
-        QCOMPARE(m_desktop->opened(u"epiphany"_s), QStringList{u"https://bit.ly/abc"_s});
-        QVERIFY(!m_desktop->ran(u"google-chrome"_s));
-        QCOMPARE(history().first().ruleMatched, u"⏸ Rules paused"_s);
-        QCOMPARE(history().first().decidedBy, u"paused"_s);
-    }
-
     // Nothing to open: paused without a fallback, no route, a rule's browser not
     // installed, a profile rule's browser uninstalled (the profile is dropped, the
     // plain launch fails). Counted, never recorded.

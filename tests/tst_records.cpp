@@ -81,22 +81,6 @@ private Q_SLOTS:
         QVERIFY2(!rules && rules.error().description.startsWith(error),
                  qPrintable(rules ? u"read"_s : rules.error().description));
     }
-
-    // Timestamps are seconds since 2001 as a number; absent members are left out.
-    void historyRecordForm()
-    {
-        ForwardingRecord record =
-            makeRecord(u"https://e.com/?utm_source=x"_s, std::nullopt, u"Firefox"_s);
-        record.timestamp = QDateTime(QDate(2001, 1, 1), QTime(0, 0, 10, 500), Qt::UTC);
-        const QByteArray json = ForwardingRecord::listToJson({record});
-        const QJsonObject object = QJsonDocument::fromJson(json).array().first().toObject();
-        QCOMPARE(object.value(u"timestamp"_s).toDouble(), 10.5);
-        for (const QString &member : {u"sourceAppBundleID"_s, u"sourceAppName"_s, u"ruleMatched"_s})
-            QVERIFY(!object.contains(member));
-        QCOMPARE(ForwardingRecord::listFromJson(json)->first(), record);
-        QVERIFY(!ForwardingRecord::listFromJson(QByteArray(json).replace("10.5", "\"10.5\"")));
-        QVERIFY(!ForwardingRecord::listFromJson(QByteArray(json).replace("10.5", "1e300")));
-    }
 };
 
 QTEST_GUILESS_MAIN(TestRecords)

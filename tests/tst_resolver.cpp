@@ -348,8 +348,6 @@ private Q_SLOTS:
         QTest::newRow("terminal session")
             << QByteArray("0::/user.slice/user-1000.slice/session-3.scope\n") << QStringList()
             << QString() << QByteArray("/usr/bin/man (enforce)");
-        QTest::newRow("garbage") << QByteArray("\xff\x00::app-") << QStringList() << QString()
-                                 << QByteArray("snap..x");
         QTest::newRow("empty part") << QByteArray("0::/app.slice/app-gnome--123.scope\n")
                                     << QStringList{u"gnome-"_s} << QString() << QByteArray("snap.");
     }

@@ -2,7 +2,6 @@
 #include "Services/UpdateFeed.h"
 #include "TestSupport.h"
 
-#include <QProcess>
 #include <QTest>
 
 #include <sodium.h>
@@ -79,15 +78,6 @@ private:
     }
 
 private Q_SLOTS:
-    void versionsCompareNumberByNumber()
-    {
-        for (const auto &[a, b, expected] :
-             {std::tuple{u"1.10"_s, u"1.9"_s, 1}, {u"1.4"_s, u"1.4.0"_s, 0}}) {
-            QCOMPARE(UpdateFeed::compareVersions(a, b), expected);
-            QCOMPARE(UpdateFeed::compareVersions(b, a), -expected);
-        }
-    }
-
     // The newest signed version above the current one, with its release notes
     // (only web pages: a notes link of another scheme is never opened);
     // publishing tools may put the signature on the enclosure.
@@ -128,30 +118,6 @@ private Q_SLOTS:
                      .startsWith(u"The update feed is not a valid document (line 1"_s),
                  qPrintable(offer("<rss><channel><item>", u"1"_s)));
         QVERIFY(!UpdateFeed::newestOffer(QByteArray(), m_keys.publicKey, u"1"_s));
-    }
-
-    // What publishers run: an openssl key and the script in scripts/. Markup in
-    // the address would change what the feed says it signed: refused.
-    void itemsSignedByThePublishingScriptVerify()
-    {
-        QTemporaryDir folder;
-        const QString key = folder.filePath(u"key.pem"_s);
-        QProcess openssl;
-        openssl.start(u"openssl"_s, {u"genpkey"_s, u"-algorithm"_s, u"ed25519"_s, u"-out"_s, key});
-        QVERIFY(openssl.waitForFinished() && openssl.exitCode() == 0);
-        openssl.start(u"openssl"_s,
-                      {u"pkey"_s, u"-in"_s, key, u"-pubout"_s, u"-outform"_s, u"DER"_s});
-        QVERIFY(openssl.waitForFinished() && openssl.exitCode() == 0);
-        const QByteArray publicKey = openssl.readAllStandardOutput().right(32);
-        QProcess script;
-        const auto sign = [&](const QString &notes) {
-            script.start(QUILLVANE_SOURCE_DIR u"/scripts/sign-update-item"_s,
-                         {key, u"4.1.0"_s, notes});
-            return script.waitForFinished() ? script.exitCode() : -1;
-        };
-        QCOMPARE(sign(u"https://q.example/notes?v=4.1"_s), 0);
-        QCOMPARE(offer(feed({script.readAllStandardOutput()}), u"4.0"_s, publicKey), u"4.1.0"_s);
-        QCOMPARE(sign(u"https://q.example/?a=1&b=2"_s), 2);
     }
 };
 
