@@ -206,7 +206,9 @@ int main(int argc, char **argv)
         writeFile(profile->path() + u"/user.js"_s,
                   "user_pref(\"xpinstall.signatures.required\", false);\n"
                   "user_pref(\"extensions.autoDisableScopes\", 0);\n"
-                  "user_pref(\"browser.shell.checkDefaultBrowser\", false);\n");
+                  "user_pref(\"browser.shell.checkDefaultBrowser\", false);\n"
+                  "user_pref(\"devtools.console.stdout.chrome\", true);\n"
+                  "user_pref(\"devtools.console.stdout.content\", true);\n");
     QDir().mkpath(firefoxWith.path() + u"/extensions"_s);
     QFile::copy(extension + u"/quillvane.xpi"_s,
                 firefoxWith.path() + u"/extensions/quillvane@vorpa.work.xpi"_s);
@@ -238,7 +240,7 @@ int main(int argc, char **argv)
         if (!qEnvironmentVariableIsSet("EXTENSION_LATENCY_TRACE"))
             process.setStandardErrorFile(QProcess::nullDevice());
         else
-            process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+            process.setProcessChannelMode(QProcess::ForwardedChannels);
         process.start(u"/bin/sh"_s, QStringList{u"-c"_s, u"export GIO_LAUNCHED_DESKTOP_FILE=\"$0\" "
                                                          "GIO_LAUNCHED_DESKTOP_FILE_PID=$$; exec \"$@\""_s,
                                                 apps + browser.desktopId + u".desktop"_s}

@@ -13,6 +13,9 @@ const MenuId = 'open-with-quillvane';
 // loads while the extension waits.
 const HeldTimeoutMs = 1000;
 const WatchedTimeoutMs = 5000;
+// The first question on a new port waits for the host to start and for
+// Quillvane to name the browser that started it, up to a second of its own.
+const HostStartMs = 2000;
 // A host that is not installed is not looked for again on every navigation.
 const RetryInstallMs = 60 * 1000;
 
@@ -61,6 +64,7 @@ function onAnswer(answer) {
 function ask(request, timeoutMs) {
     return new Promise((resolve) => {
         const id = nextId++;
+        const fresh = port === null || Date.now() - connection.triedAt < HostStartMs;
         pending.set(id, resolve);
         try {
             connect().postMessage({ id, ...request });
@@ -71,7 +75,8 @@ function ask(request, timeoutMs) {
             return;
         }
         if (timeoutMs)
-            setTimeout(() => pending.delete(id) && resolve(null), timeoutMs);
+            setTimeout(() => pending.delete(id) && resolve(null),
+                       timeoutMs + (fresh ? HostStartMs : 0));
     });
 }
 
@@ -137,7 +142,9 @@ const checked = new Set();
 const MaxChecked = 512;
 
 function shouldAsk(details) {
-    if (details.frameId !== 0 || details.tabId < 0 || details.method !== 'GET')
+    // Not by its tab: Firefox names none (-1) for some top-level requests of a
+    // tab, such as the next ones after a request this extension cancelled.
+    if (details.frameId !== 0 || details.method !== 'GET')
         return false;
     if (checked.has(details.requestId))
         return false;
