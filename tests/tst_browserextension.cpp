@@ -82,17 +82,30 @@ private:
         return browser;
     }
 
+    QStringList chromiumCommand() const
+    {
+        return {u"/usr/bin/chromium"_s, u"--headless"_s, u"--no-sandbox"_s, u"--disable-gpu"_s,
+                u"--no-first-run"_s, u"--disable-background-networking"_s,
+                u"--disable-component-update"_s, u"--disable-sync"_s,
+                u"--user-data-dir="_s + m_desktop->configHome() + u"/chromium"_s,
+                u"--load-extension="_s + ExtensionBuild + u"/chromium"_s,
+                u"--disable-features=DisableLoadExtensionCommandLineSwitch"_s};
+    }
     std::unique_ptr<QProcess> startChromium()
     {
-        return startBrowser(
-            u"chromium"_s,
-            {u"/usr/bin/chromium"_s, u"--headless"_s, u"--no-sandbox"_s, u"--disable-gpu"_s,
-             u"--no-first-run"_s, u"--disable-background-networking"_s,
-             u"--disable-component-update"_s, u"--disable-sync"_s,
-             u"--user-data-dir="_s + m_desktop->configHome() + u"/chromium"_s,
-             u"--load-extension="_s + ExtensionBuild + u"/chromium"_s,
-             u"--disable-features=DisableLoadExtensionCommandLineSwitch"_s,
-             m_server->baseUrl() + u"/start"_s});
+        return startBrowser(u"chromium"_s, chromiumCommand() << (m_server->baseUrl() + u"/start"_s));
+    }
+    // Whether the extension's options page says that, as Chromium shows it
+    // (asked again while the page was shown before the answer came).
+    bool optionsPageSays(const QString &text) const
+    {
+        const QString page =
+            u"chrome-extension://%1/options.html"_s.arg(NativeMessaging::ChromiumExtensionId);
+        const QStringList command = chromiumCommand() << u"--virtual-time-budget=5000"_s
+                                                      << u"--dump-dom"_s << page;
+        return QTest::qWaitFor(
+            [&] { return InstalledQuillvane::run(command.first(), command.mid(1)).out.contains(text); },
+            60000);
     }
 
     // The page's two clicks: away leaves (the tab stays and keeps asking),
@@ -212,9 +225,11 @@ private Q_SLOTS:
         clicksOnThePage(u"firefox-esr"_s, *browser, true);
     }
 
-    // doctor: the host registered for both browsers, both extensions connected.
+    // doctor: the host registered for both browsers, both extensions connected;
+    // the options page says that Quillvane runs.
     void doctorListsThem()
     {
+        QVERIFY(optionsPageSays(u"Quillvane is running"_s));
         const auto doctor = InstalledQuillvane::run(g_installed.program(u"quillvane"_s),
                                                     {u"doctor"_s, u"--json"_s});
         const QJsonObject extension = QJsonDocument::fromJson(doctor.out.toUtf8())
@@ -230,11 +245,12 @@ private Q_SLOTS:
                  (QStringList{u"chromium"_s, u"firefox-esr"_s}));
     }
 
-    // Without Quillvane the link the rule would send away loads where it was
-    // clicked, and checking it does not start Quillvane.
+    // Without Quillvane the options page says so, the link the rule would send
+    // away loads where it was clicked, and checking it does not start Quillvane.
     void withoutQuillvane()
     {
         QVERIFY(InstalledQuillvane::stop());
+        QVERIFY(optionsPageSays(u"Quillvane is not running: links stay in this browser"_s));
         m_server->serve(u"/away?utm_source=test"_s, "<!DOCTYPE html><title>loaded</title>");
         m_desktop->forget(u"other-browser"_s);
         const auto browser = startChromium();

@@ -37,19 +37,6 @@ class TestNativeHost final : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    // Browsing goes on without Quillvane: a link stays, and the options page
-    // can say why.
-    void withoutQuillvane()
-    {
-        NativeHost host(QStringLiteral(QUILLVANE_NATIVE_HOST));
-        QCOMPARE(host.ask("{\"id\":1,\"type\":\"status\"}"),
-                 (QJsonObject{{u"id"_s, 1}, {u"ok"_s, true}, {u"quillvane"_s, u"not running"_s}}));
-        const QJsonObject leaves = host.ask("{\"id\":2,\"type\":\"leaves\",\"url\":\"https://a.example/\"}");
-        QCOMPARE(leaves[u"ok"_s], true);
-        QCOMPARE(leaves[u"leaves"_s], false);
-        QCOMPARE(leaves[u"quillvane"_s], u"not running"_s);
-    }
-
     // Whatever a page or a broken extension sends, the host answers why it
     // refused and goes on answering.
     void refusesAllButLinkRequests_data()

@@ -167,10 +167,11 @@ private Q_SLOTS:
         QCOMPARE(m_app->stored().fallbackBrowser, u"firefox"_s);
 
         for (const char *name : {"rulesEnabledSwitch", "urlCleaningSwitch", "urlUnwrappingSwitch",
-                                 "launchAtLoginSwitch", "preferRunningSwitch"})
+                                 "launchAtLoginSwitch", "preferRunningSwitch",
+                                 "linksLeaveBrowsersSwitch"})
             clickBox(box(name));
         QVERIFY(!m_app->stored().rulesEnabled && m_app->autostart.enabled
-                && m_app->stored().preferRunningBrowser
+                && m_app->stored().preferRunningBrowser && !m_app->stored().linksLeaveBrowsers
                 && !m_app->stored().urlCleaningEnabled
                 && !m_app->stored().urlUnwrappingEnabled);
         // The tests' build has no update feed: its switch is shown, disabled.
