@@ -133,8 +133,8 @@ private Q_SLOTS:
 
     void nothingAnswersWhileNotRunning()
     {
-        script(u"rule delete %1 --yes | 1 | Quillvane is not running. Please launch the app first."_s
-                   .arg(m_docsRuleId));
+        script(u"rule delete %1 --yes | 1 | Quillvane is not running. Please launch the app "
+               "first."_s.arg(m_docsRuleId));
         // Even though the bus could start it.
         QVERIFY(!InstalledQuillvane::isRunning());
         const QString error = call(u"ListRules"_s).errorName();

@@ -93,7 +93,8 @@ private:
     }
     std::unique_ptr<QProcess> startChromium()
     {
-        return startBrowser(u"chromium"_s, chromiumCommand() << (m_server->baseUrl() + u"/start"_s));
+        return startBrowser(u"chromium"_s,
+                            chromiumCommand() << (m_server->baseUrl() + u"/start"_s));
     }
     // Whether the extension's options page says that, as Chromium shows it
     // (asked again while the page was shown before the answer came).
@@ -103,9 +104,10 @@ private:
             u"chrome-extension://%1/options.html"_s.arg(NativeMessaging::ChromiumExtensionId);
         const QStringList command = chromiumCommand() << u"--virtual-time-budget=5000"_s
                                                       << u"--dump-dom"_s << page;
-        return QTest::qWaitFor(
-            [&] { return InstalledQuillvane::run(command.first(), command.mid(1)).out.contains(text); },
-            60000);
+        const auto says = [&] {
+            return InstalledQuillvane::run(command.first(), command.mid(1)).out.contains(text);
+        };
+        return QTest::qWaitFor(says, 60000);
     }
 
     // The page's two clicks: away leaves (the tab stays and keeps asking),

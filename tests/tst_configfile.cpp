@@ -223,7 +223,8 @@ private Q_SLOTS:
         QVERIFY(!QFileInfo::exists(m_app->environment.configPath()));
         state.toggle(&Config::urlExpansionEnabled);
         QCOMPARE(m_app->stored().rules, m_app->initial.rules);
-        QVERIFY(m_app->stored().fallbackBrowser == u"firefox" && m_app->stored().urlExpansionEnabled);
+        QVERIFY(m_app->stored().fallbackBrowser == u"firefox"
+                && m_app->stored().urlExpansionEnabled);
     }
 
     // Writes go to a link's target and leave the link, keep the file's mode,

@@ -434,9 +434,10 @@ the shared memory, a link        | history.sqlite3-shm  | link
         QCOMPARE(HistoryStore::loadForwardCount(reader, day), 2);
     }
 
-    // The disk fills up while Quillvane runs (a small tmpfs), or it starts on a
-    // read-only one (a read-only bind mount): records wait in memory, the failure is logged, and
-    // once writing works again a new connection writes what waited.
+    // The disk fills up while the database is open (a small tmpfs), or it is
+    // opened on a read-only one (a read-only bind mount): records wait in
+    // memory, the failure is logged, and once writing works again a new
+    // connection writes what waited.
     void aDiskThatCannotBeWritten_data()
     {
         QTest::addColumn<bool>("fills");
