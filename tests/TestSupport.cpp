@@ -390,7 +390,10 @@ void TestHttpServer::onConnection()
                 reply += "Content-Length: " + QByteArray::number(response.body.size()) + "\r\n\r\n";
                 if (requestLine.value(0) != "HEAD")
                     reply += response.body;
-                socket->write(reply);
+                if (response.delayMs > 0)
+                    QTimer::singleShot(response.delayMs, socket, [=] { socket->write(reply); });
+                else
+                    socket->write(reply);
             }
         };
         connect(socket, &QTcpSocket::readyRead, this, serve);

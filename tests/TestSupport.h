@@ -203,6 +203,7 @@ public:
         QByteArray body;
         // Start answering, then send one more byte every 200 ms, never ending.
         bool trickle = false;
+        int delayMs = 0; // answered this much later, as a site across the network
     };
 
     explicit TestHttpServer(const QHostAddress &address = QHostAddress::LocalHost);
