@@ -178,6 +178,9 @@ if (blocks) {
 } else {
     // A navigation has no method and no request yet: each is asked about once.
     api.webNavigation.onBeforeNavigate.addListener((details) => {
+        // A page the browser prerenders on its own was not clicked: it never leaves.
+        if (details.documentLifecycle === 'prerender' || details.tabId < 0)
+            return;
         const navigation = { ...details, method: 'GET', requestId: `${details.tabId}:${details.timeStamp}` };
         check(navigation, WatchedTimeoutMs).then((decision) => decision.cancel && leaveTab(details.tabId, details.url, false));
     }, { url: [{ schemes: ['http', 'https'] }] });
