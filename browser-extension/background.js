@@ -13,8 +13,9 @@ const MenuId = 'open-with-quillvane';
 // loads while the extension waits.
 const HeldTimeoutMs = 1000;
 const WatchedTimeoutMs = 5000;
-// The first question on a new port waits for the host to start and for
-// Quillvane to name the browser that started it, up to a second of its own.
+// The first question on a new port also waits for the host to start and for
+// Quillvane to name the browser that started it (that lookup alone may take
+// a second).
 const HostStartMs = 2000;
 // A host that is not installed is not looked for again on every navigation.
 const RetryInstallMs = 60 * 1000;
