@@ -27,7 +27,8 @@ const QString ExtensionBuild = QStringLiteral(QUILLVANE_BUILD_DIR) + u"/browser-
 
 // Waits for the test's word ("/go" answers which link to click), clicks it,
 // then keeps asking "/alive": only a page that was never left asks again.
-// "/alive" may name a link to click next.
+// "/alive" may name a link to click next, or "tab": away opened in a new tab,
+// and "/closed" asked once that tab has closed.
 const QByteArray StartPage =
     "<!DOCTYPE html><html><body>"
     "<a id=\"away\" href=\"http://localhost:@PORT@/away?utm_source=test\">away</a>"
@@ -41,12 +42,16 @@ const QByteArray StartPage =
     "  } catch { return ''; }" // a stopped navigation stops the page's requests too
     "}"
     "(async () => {"
-    "  let link;"
+    "  let link, tabbed;"
     "  while (!(link = await word('/go'))) await pause();"
     "  document.getElementById(link).click();"
     "  for (;;) {"
     "    const next = await word('/alive');"
-    "    if (next) { document.getElementById(next).click(); return; }"
+    "    if (next === 'tab' && !tabbed) {"
+    "      tabbed = window.open(document.getElementById('away').href);"
+    "      while (!tabbed?.closed) await pause();" // a blocked window never closes
+    "      await word('/closed');"
+    "    } else if (next && next !== 'tab') { document.getElementById(next).click(); return; }"
     "    await pause();"
     "  }"
     "})();"
@@ -82,28 +87,31 @@ private:
         return browser;
     }
 
-    QStringList chromiumCommand() const
+    // A profile of its own keeps its own extension storage; the host's
+    // manifest is found in the user data folder that all profiles share.
+    QStringList chromiumCommand(const QString &profile = u"Default"_s,
+                                const QString &extension = ExtensionBuild + u"/chromium"_s) const
     {
         return {u"/usr/bin/chromium"_s, u"--headless"_s, u"--no-sandbox"_s, u"--disable-gpu"_s,
                 u"--no-first-run"_s, u"--disable-background-networking"_s,
                 u"--disable-component-update"_s, u"--disable-sync"_s,
+                u"--disable-popup-blocking"_s,
                 u"--user-data-dir="_s + m_desktop->configHome() + u"/chromium"_s,
-                u"--load-extension="_s + ExtensionBuild + u"/chromium"_s,
+                u"--profile-directory="_s + profile,
+                u"--load-extension="_s + extension,
                 u"--disable-features=DisableLoadExtensionCommandLineSwitch"_s};
     }
-    std::unique_ptr<QProcess> startChromium()
+    std::unique_ptr<QProcess> startChromium(const QStringList &command)
     {
         return startBrowser(u"chromium"_s,
-                            chromiumCommand() << (m_server->baseUrl() + u"/start"_s));
+                            command + QStringList{m_server->baseUrl() + u"/start"_s});
     }
-    // Whether the extension's options page says that, as Chromium shows it
+    // Whether one of the extension's pages says that, as Chromium shows it
     // (asked again while the page was shown before the answer came).
-    bool optionsPageSays(const QString &text) const
+    static bool pageSays(QStringList command, const QString &page, const QString &text)
     {
-        const QString page =
-            u"chrome-extension://%1/options.html"_s.arg(NativeMessaging::ChromiumExtensionId);
-        const QStringList command = chromiumCommand() << u"--virtual-time-budget=5000"_s
-                                                      << u"--dump-dom"_s << page;
+        command << u"--virtual-time-budget=5000"_s << u"--dump-dom"_s
+                << u"chrome-extension://%1/%2"_s.arg(NativeMessaging::ChromiumExtensionId, page);
         const auto says = [&] {
             return InstalledQuillvane::run(command.first(), command.mid(1)).out.contains(text);
         };
@@ -131,6 +139,13 @@ private:
         const int asked = m_server->requestCount(u"/alive"_s); // then 40 more, 50 ms apart at least
         QTRY_VERIFY_WITH_TIMEOUT(m_server->requestCount(u"/alive"_s) > asked + 40, 30000);
         QCOMPARE(m_server->requestCount(u"/start"_s), 1);
+
+        // The same link in a tab of its own: it leaves, and the tab closes.
+        m_desktop->forget(u"other-browser"_s);
+        m_server->serve(u"/alive"_s, "tab");
+        QCOMPARE(m_desktop->opened(u"other-browser"_s, 30000),
+                 QStringList{u"http://localhost:%1/away"_s.arg(m_server->port())});
+        QTRY_COMPARE_WITH_TIMEOUT(m_server->requestCount(u"/closed"_s), 1, 30000);
         if (holdsRequests)
             QCOMPARE(m_server->requestCount(u"/away?utm_source=test"_s), 0);
 
@@ -138,7 +153,7 @@ private:
         m_server->serve(u"/alive"_s, "stay");
         QTRY_COMPARE_WITH_TIMEOUT(m_server->requestCount(u"/stay"_s), 1, 30000);
         QVERIFY(!m_desktop->ran(u"other-browser"_s));
-        QCOMPARE(storedHistory().size(), before + 1);
+        QCOMPARE(storedHistory().size(), before + 2);
     }
 
     void resetPage()
@@ -195,7 +210,7 @@ private Q_SLOTS:
     {
         if (QStandardPaths::findExecutable(u"chromium"_s).isEmpty())
             QFAIL("chromium is not installed: the test command installs it");
-        const auto browser = startChromium();
+        const auto browser = startChromium(chromiumCommand());
         clicksOnThePage(u"chromium"_s, *browser, false);
     }
 
@@ -217,7 +232,7 @@ private Q_SLOTS:
               "datareporting.policy.dataSubmissionEnabled\", false",
               "browser.aboutwelcome.enabled\", false", "app.update.enabled\", false",
               "network.captive-portal-service.enabled\", false",
-              "extensions.update.enabled\", false"})
+              "extensions.update.enabled\", false", "dom.disable_open_during_load\", false"})
             prefs.write("user_pref(\"" + QByteArray(pref) + ");\n");
         prefs.close();
         const auto browser =
@@ -227,11 +242,48 @@ private Q_SLOTS:
         clicksOnThePage(u"firefox-esr"_s, *browser, true);
     }
 
+    // The extension's own switch turned off (by a page of a copy, which has the
+    // same id and so the same storage): the link a rule sends away loads here.
+    void switchedOff()
+    {
+        QTemporaryDir copy;
+        const QString unpacked = ExtensionBuild + u"/chromium"_s;
+        QCOMPARE(QProcess::execute(u"cp"_s, {u"-RT"_s, unpacked, copy.path()}), 0);
+        QFile page(copy.filePath(u"off.html"_s)), script(copy.filePath(u"off.js"_s));
+        QVERIFY(page.open(QIODevice::WriteOnly) && script.open(QIODevice::WriteOnly));
+        page.write("<!DOCTYPE html><title>on</title><script src=\"off.js\"></script>");
+        script.write("chrome.storage.local.set({leave: false})"
+                     ".then(() => document.title = 'off');");
+        page.close();
+        script.close();
+        const QStringList command = chromiumCommand(u"Switched"_s, copy.path());
+        QVERIFY(pageSays(command, u"off.html"_s, u"<title>off</title>"_s));
+
+        // Late as before, so that a link the extension sent away never lands.
+        m_server->on(u"/away?utm_source=test"_s,
+                     {200, {}, false, "<script>fetch('/landed')</script>", false, 1000});
+        m_desktop->forget(u"other-browser"_s);
+        const qsizetype before = storedHistory().size();
+        const QDateTime started = QDateTime::currentDateTimeUtc();
+        const auto browser = startChromium(command);
+        const auto stop = qScopeGuard([&browser] {
+            browser->kill();
+            browser->waitForFinished();
+        });
+        // Its extension connected: Quillvane would answer long before /away does.
+        QTRY_VERIFY_WITH_TIMEOUT(NativeMessaging::connections().value(u"chromium"_s) > started,
+                                 60000);
+        m_server->serve(u"/go"_s, "away");
+        QTRY_COMPARE_WITH_TIMEOUT(m_server->requestCount(u"/landed"_s), 1, 60000);
+        QVERIFY(!m_desktop->ran(u"other-browser"_s));
+        QCOMPARE(storedHistory().size(), before);
+    }
+
     // doctor: the host registered for both browsers, both extensions connected;
     // the options page says that Quillvane runs.
     void doctorListsThem()
     {
-        QVERIFY(optionsPageSays(u"Quillvane is running"_s));
+        QVERIFY(pageSays(chromiumCommand(), u"options.html"_s, u"Quillvane is running"_s));
         const auto doctor = InstalledQuillvane::run(g_installed.program(u"quillvane"_s),
                                                     {u"doctor"_s, u"--json"_s});
         const QJsonObject extension = QJsonDocument::fromJson(doctor.out.toUtf8())
@@ -252,10 +304,11 @@ private Q_SLOTS:
     void withoutQuillvane()
     {
         QVERIFY(InstalledQuillvane::stop());
-        QVERIFY(optionsPageSays(u"Quillvane is not running: links stay in this browser"_s));
+        QVERIFY(pageSays(chromiumCommand(), u"options.html"_s,
+                         u"Quillvane is not running: links stay in this browser"_s));
         m_server->serve(u"/away?utm_source=test"_s, "<!DOCTYPE html><title>loaded</title>");
         m_desktop->forget(u"other-browser"_s);
-        const auto browser = startChromium();
+        const auto browser = startChromium(chromiumCommand());
         const auto stop = qScopeGuard([&browser] {
             browser->kill();
             browser->waitForFinished();

@@ -153,7 +153,8 @@ void noteConnection(const QString &desktopId)
     QJsonObject seen;
     if (current.open(QIODevice::ReadOnly))
         seen = QJsonDocument::fromJson(current.read(256 * 1024)).object();
-    seen.insert(desktopId, QDateTime::currentDateTimeUtc().toString(Qt::ISODate));
+    // To the millisecond: two starts of a browser within a second differ.
+    seen.insert(desktopId, QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs));
     QDir().mkpath(QFileInfo(connectionsPath()).absolutePath());
     QSaveFile file(connectionsPath());
     // Only doctor reads it: a disk that refuses it loses a line of a report.
