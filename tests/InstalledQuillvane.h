@@ -83,6 +83,11 @@ public:
     {
         return run(program(QStringLiteral("quillvane")), arguments, input);
     }
+    // The exit status of quillvane-open handed the link, as an application hands it.
+    int forward(const QString &link) const
+    {
+        return run(program(QStringLiteral("quillvane-open")), {link}).exitCode;
+    }
 
 private:
     QString m_prefix;

@@ -2,6 +2,7 @@
 // of the test's own; the browsers record how they were started), and what
 // `quillvane doctor` reports of that desktop.
 #include "FakeDesktop.h"
+#include "InstalledQuillvane.h"
 #include "Services/BrowserCatalog.h"
 #include "Services/BrowserLauncher.h"
 #include "Services/LaunchLedger.h"
@@ -269,11 +270,10 @@ private:
 
 void TestBrowsers::doctorShowsTheDesktop()
 {
-    QProcess doctor;
-    doctor.start(QStringLiteral(QUILLVANE_EXECUTABLE), {u"doctor"_s, u"--json"_s});
-    QVERIFY(doctor.waitForFinished(10000));
-    QCOMPARE(doctor.exitCode(), 0);
-    const QJsonObject report = QJsonDocument::fromJson(doctor.readAllStandardOutput()).object();
+    const auto doctor =
+        InstalledQuillvane::run(QStringLiteral(QUILLVANE_EXECUTABLE), {u"doctor"_s, u"--json"_s});
+    QCOMPARE(doctor.exitCode, 0);
+    const QJsonObject report = QJsonDocument::fromJson(doctor.out.toUtf8()).object();
     QHash<QString, QJsonObject> browsers;
     for (const QJsonValue &value : report[u"browsers"_s].toArray())
         browsers.insert(value[u"id"_s].toString(), value.toObject());

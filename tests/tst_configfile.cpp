@@ -2,6 +2,7 @@
 // hand, by a sync tool and by git reach the running state; a broken edit loses
 // nothing; writes go through symbolic links; the earlier settings move in.
 #include "App/AppState.h"
+#include "InstalledQuillvane.h"
 #include "Services/ConfigDocument.h"
 #include "Services/RoutePlanner.h"
 #include "TestSupport.h"
@@ -370,22 +371,20 @@ private Q_SLOTS:
                                      .toArray();
         QCOMPARE(known, QJsonArray::fromStringList(full.handoffs));
 
-        QProcess validator;
-        validator.start(u"/usr/bin/python3"_s,
-                        {u"-c"_s, u"import json, sys, jsonschema\n"
+        const auto validate = [&schema](const QStringList &files) {
+            const QString check = u"import json, sys, jsonschema\n"
                                   "schema = json.load(open(sys.argv[1]))\n"
                                   "jsonschema.Draft7Validator.check_schema(schema)\n"
                                   "for path in sys.argv[2:]:\n"
-                                  "    jsonschema.validate(json.load(open(path)), schema)\n"_s,
-                         schema, example, written, fresh});
-        QVERIFY(validator.waitForFinished(60000));
-        QVERIFY2(validator.exitCode() == 0, validator.readAllStandardError().constData());
+                                  "    jsonschema.validate(json.load(open(path)), schema)\n"_s;
+            return InstalledQuillvane::run(u"/usr/bin/python3"_s,
+                                           QStringList{u"-c"_s, check, schema} + files);
+        };
+        const auto valid = validate({example, written, fresh});
+        QVERIFY2(valid.exitCode == 0, qPrintable(valid.err));
         // And the schema refuses what Quillvane refuses.
         writeFile(written + u".bad"_s, R"({"rules_enabled": "yes"})");
-        validator.setArguments(validator.arguments().mid(0, 2) << schema << written + u".bad"_s);
-        validator.start();
-        QVERIFY(validator.waitForFinished(60000));
-        QCOMPARE(validator.exitCode(), 1);
+        QCOMPARE(validate({written + u".bad"_s}).exitCode, 1);
     }
 
 private:

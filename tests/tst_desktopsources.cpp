@@ -125,10 +125,7 @@ private Q_SLOTS:
         config.fallbackBrowser = u"fallback-browser"_s;
         InstalledQuillvane::seed(*m_desktop, config);
         // Quillvane runs, as it does from login on: it watches from its start.
-        QCOMPARE(InstalledQuillvane::run(g_installed.program(u"quillvane-open"_s),
-                                         {u"https://example.com/first"_s})
-                     .exitCode,
-                 0);
+        QCOMPARE(g_installed.forward(u"https://example.com/first"_s), 0);
         QVERIFY(m_desktop->waitForRun(u"fallback-browser"_s));
         m_desktop->forget(u"fallback-browser"_s);
     }
@@ -254,10 +251,7 @@ private Q_SLOTS:
         // A round trip: the server has told Quillvane before the link is sent.
         free(xcb_get_input_focus_reply(x, xcb_get_input_focus(x), nullptr));
         m_desktop->forget(u"music-browser"_s);
-        QCOMPARE(InstalledQuillvane::run(g_installed.program(u"quillvane-open"_s),
-                                         {u"https://example.com/x11"_s})
-                     .exitCode,
-                 0);
+        QCOMPARE(g_installed.forward(u"https://example.com/x11"_s), 0);
         QVERIFY(m_desktop->waitForRun(u"music-browser"_s));
     }
 
@@ -273,9 +267,7 @@ private Q_SLOTS:
         QDBusConnection bus = QDBusConnection::sessionBus();
         QVERIFY(bus.registerObject(u"/Scripting"_s, &kwin, QDBusConnection::ExportAllSlots));
         QVERIFY(bus.registerService(u"org.kde.KWin"_s));
-        const QString forwarder = g_installed.program(u"quillvane-open"_s);
-        QCOMPARE(InstalledQuillvane::run(forwarder, {u"https://example.com/wayland"_s}).exitCode,
-                 0);
+        QCOMPARE(g_installed.forward(u"https://example.com/wayland"_s), 0);
         QVERIFY(m_desktop->waitForRun(u"fallback-browser"_s));
         for (const QString &browser :
              {u"fallback-browser"_s, u"chat-browser"_s, u"music-browser"_s})
@@ -291,16 +283,11 @@ private Q_SLOTS:
             u"work.vorpa.Quillvane.ActiveWindow"_s, u"WindowActivated"_s);
         activated << u"com.example.SandboxedChat"_s << u"0"_s;
         QCOMPARE(bus.call(activated).type(), QDBusMessage::ReplyMessage);
-        QCOMPARE(InstalledQuillvane::run(u"gdbus"_s,
-                                         {u"call"_s, u"--session"_s, u"--dest"_s,
-                                          u"work.vorpa.Quillvane"_s, u"--object-path"_s,
-                                          u"/work/vorpa/Quillvane/ActiveWindow"_s, u"--method"_s,
-                                          u"work.vorpa.Quillvane.ActiveWindow.WindowActivated"_s,
-                                          u"tunes_tunes"_s, u"0"_s})
-                     .exitCode,
-                 0);
-        QCOMPARE(InstalledQuillvane::run(forwarder, {u"https://example.com/after-kwin"_s}).exitCode,
-                 0);
+        const QString claim = u"call --session --dest work.vorpa.Quillvane --object-path "
+                              "/work/vorpa/Quillvane/ActiveWindow --method "
+                              "work.vorpa.Quillvane.ActiveWindow.WindowActivated tunes_tunes 0"_s;
+        QCOMPARE(InstalledQuillvane::run(u"gdbus"_s, claim.split(u' ')).exitCode, 0);
+        QCOMPARE(g_installed.forward(u"https://example.com/after-kwin"_s), 0);
         QVERIFY(m_desktop->waitForRun(u"chat-browser"_s));
         QVERIFY(!m_desktop->ran(u"music-browser"_s));
         const QJsonObject ways = doctorWays();

@@ -27,16 +27,7 @@ using namespace Qt::Literals::StringLiterals;
 namespace {
 const QString AppId = u"work.vorpa.Quillvane"_s;
 InstalledQuillvane g_installed(QStringLiteral(QUILLVANE_E2E_PREFIX));
-
-QString program(const QString &name)
-{
-    return g_installed.program(name);
-}
-// The exit status of the program run to its end.
-int run(const QString &command, const QStringList &arguments)
-{
-    return InstalledQuillvane::run(command, arguments).exitCode;
-}
+const QString Quillvane = g_installed.program(u"quillvane"_s);
 } // namespace
 
 class TestEndToEnd final : public QObject
@@ -95,8 +86,7 @@ private Q_SLOTS:
     void firstLinkStartsQuillvane()
     {
         QVERIFY(!InstalledQuillvane::isRunning());
-        QCOMPARE(run(program(u"quillvane-open"_s), {u"https://example.com/first?utm_source=x"_s}),
-                 0);
+        QCOMPARE(g_installed.forward(u"https://example.com/first?utm_source=x"_s), 0);
         QCOMPARE(m_desktop->opened(u"fallback-browser"_s),
                  QStringList{u"https://example.com/first"_s});
         QVERIFY(InstalledQuillvane::instancePid() > 0);
@@ -137,7 +127,7 @@ private Q_SLOTS:
         command.replace(u"$BIN"_s, g_installed.prefix() + u"/bin"_s)
             .replace(u"$APPS"_s, m_desktop->userApplications());
         const QString shell = app.isEmpty() ? u"/bin/sh"_s : m_desktop->root() + u"/bin/"_s + app;
-        QCOMPARE(run(shell, {u"-c"_s, command + u"; true"_s}), 0);
+        QCOMPARE(InstalledQuillvane::run(shell, {u"-c"_s, command + u"; true"_s}).exitCode, 0);
         static const QRegularExpression sent(u"https://example.com/[a-z-]+"_s);
         QCOMPARE(m_desktop->opened(browser), QStringList{sent.match(command).captured()});
         QCOMPARE(m_desktop->activationToken(browser), token);
@@ -302,8 +292,8 @@ terminated                  | TERM | 40
         forgetBursts();
         QProcess first;
         QProcess second;
-        first.start(program(u"quillvane"_s), {u"https://burst.example/first"_s});
-        second.start(program(u"quillvane"_s), {u"https://burst.example/second"_s});
+        first.start(Quillvane, {u"https://burst.example/first"_s});
+        second.start(Quillvane, {u"https://burst.example/second"_s});
         QTRY_COMPARE_WITH_TIMEOUT(burstLog().size(), 2, 20000);
         const QStringList links = burstLog();
         QCOMPARE(
@@ -339,7 +329,7 @@ private:
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert(u"DBUS_SESSION_BUS_ADDRESS"_s, address);
         instance->setProcessEnvironment(environment);
-        instance->start(program(u"quillvane"_s), {});
+        instance->start(Quillvane, {});
         return instance;
     }
     static bool waitForName(const QDBusConnection &connection)
@@ -381,7 +371,6 @@ xdg-open               | fake-chat | DISPLAY=:0 xdg-open https://example.com/via
 quillvane typed        | fake-mail | $BIN/quillvane https://example.com/typed             | mail-browser |
 bus, with a token      | fake-mail | gdbus call --session --dest work.vorpa.Quillvane --object-path /work/vorpa/Quillvane --method org.freedesktop.Application.Open "['https://example.com/by-dbus']" "{'activation-token': <'token-42'>}" | mail-browser | token-42
 bus, claiming init     | fake-mail | gdbus call --session --dest work.vorpa.Quillvane --object-path /work/vorpa/Quillvane --method org.freedesktop.Application.Open "['https://example.com/false-claim']" "{'sender-pid': <uint32 1>}" | mail-browser |
-browser extension      | fake-mail | f="${TMPDIR:-/tmp}/frame-$$"; printf 'A\000\000\000{"id":1,"type":"open","url":"https://example.com/from-extension"}' > "$f"; $BIN/../libexec/quillvane/quillvane-native-host < "$f" > /dev/null; rm "$f" | mail-browser |
 )");
 }
 
