@@ -16,6 +16,7 @@
 #include <QWidget>
 
 #include <cstdio>
+#include <optional>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -53,8 +54,10 @@ struct Request
     bool settings = false;
 };
 
-// Hands the request to the running instance and waits for its answer.
-int forward(const Request &request)
+// Hands the request to the running instance and waits for its answer: the
+// exit status, or none when that instance ended without answering (killed or
+// crashed just as this one started) and the name is free again.
+std::optional<int> forward(const Request &request)
 {
     const QString method = !request.action.isEmpty() ? u"ActivateAction"_s
                            : request.links.isEmpty() ? u"Activate"_s
@@ -68,8 +71,11 @@ int forward(const Request &request)
         call << platformData();
     else
         call << request.links << platformData();
-    const QDBusMessage reply = QDBusConnection::sessionBus().call(call, QDBus::Block, 25000);
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    const QDBusMessage reply = bus.call(call, QDBus::Block, 25000);
     if (reply.type() == QDBusMessage::ErrorMessage) {
+        if (!bus.interface()->isServiceRegistered(QString::fromUtf16(BuildInfo::AppId)))
+            return std::nullopt;
         printError(reply.errorMessage());
         return 1;
     }
@@ -148,14 +154,19 @@ int run(int &argc, char **argv, const QByteArrayList &arguments)
             u"no D-Bus session bus is running, so no application can hand Quillvane its links."_s);
         return 1;
     }
-    if (bus.interface()->isServiceRegistered(QString::fromUtf16(BuildInfo::AppId)))
-        return forward(request);
+    // The bus may still name an instance that has just ended (killed, crashed):
+    // once it has let the name go, this one starts in its place and opens what
+    // that one left in the journal, instead of leaving nobody to open it.
+    while (bus.interface()->isServiceRegistered(QString::fromUtf16(BuildInfo::AppId))) {
+        if (const std::optional<int> status = forward(request))
+            return *status;
+    }
 
     AppDelegate delegate;
     if (!delegate.applicationWillFinishLaunching()) {
         // Another instance took the name first: it routes the links.
         if (bus.interface()->isServiceRegistered(QString::fromUtf16(BuildInfo::AppId)))
-            return forward(request);
+            return forward(request).value_or(1);
         return 1;
     }
     delegate.applicationDidFinishLaunching();
