@@ -54,6 +54,13 @@ struct Request
     bool settings = false;
 };
 
+// Whether the session bus names a running instance.
+bool instanceNamed()
+{
+    return QDBusConnection::sessionBus().interface()->isServiceRegistered(
+        QString::fromUtf16(BuildInfo::AppId));
+}
+
 // Hands the request to the running instance and waits for its answer: the
 // exit status, or none when that instance ended without answering (killed or
 // crashed just as this one started) and the name is free again.
@@ -71,10 +78,9 @@ std::optional<int> forward(const Request &request)
         call << platformData();
     else
         call << request.links << platformData();
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    const QDBusMessage reply = bus.call(call, QDBus::Block, 25000);
+    const QDBusMessage reply = QDBusConnection::sessionBus().call(call, QDBus::Block, 25000);
     if (reply.type() == QDBusMessage::ErrorMessage) {
-        if (!bus.interface()->isServiceRegistered(QString::fromUtf16(BuildInfo::AppId)))
+        if (!instanceNamed())
             return std::nullopt;
         printError(reply.errorMessage());
         return 1;
@@ -157,7 +163,7 @@ int run(int &argc, char **argv, const QByteArrayList &arguments)
     // The bus may still name an instance that has just ended (killed, crashed):
     // once it has let the name go, this one starts in its place and opens what
     // that one left in the journal, instead of leaving nobody to open it.
-    while (bus.interface()->isServiceRegistered(QString::fromUtf16(BuildInfo::AppId))) {
+    while (instanceNamed()) {
         if (const std::optional<int> status = forward(request))
             return *status;
     }
@@ -165,7 +171,7 @@ int run(int &argc, char **argv, const QByteArrayList &arguments)
     AppDelegate delegate;
     if (!delegate.applicationWillFinishLaunching()) {
         // Another instance took the name first: it routes the links.
-        if (bus.interface()->isServiceRegistered(QString::fromUtf16(BuildInfo::AppId)))
+        if (instanceNamed())
             return forward(request).value_or(1);
         return 1;
     }
